@@ -1,0 +1,40 @@
+# What every target of the project is compiled with.
+add_library(quillet_options INTERFACE)
+target_compile_features(quillet_options INTERFACE cxx_std_20)
+target_compile_options(quillet_options INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror)
+target_include_directories(quillet_options INTERFACE ${PROJECT_SOURCE_DIR})
+if(QUILLET_SANITIZE)
+    target_compile_options(quillet_options INTERFACE -fsanitize=address,undefined -fno-sanitize-recover=all
+                                                     -fno-omit-frame-pointer)
+    target_link_options(quillet_options INTERFACE -fsanitize=address,undefined)
+endif()
+
+# The system proper is compiled without exceptions and run-time type information, on both platforms.
+add_library(quillet_proper_options INTERFACE)
+target_compile_options(quillet_proper_options INTERFACE -fno-exceptions -fno-rtti)
+target_link_libraries(quillet_proper_options INTERFACE quillet_options)
+if(WIN32)
+    target_compile_definitions(quillet_proper_options INTERFACE UNICODE _UNICODE _WIN32_WINNT=0x0601)
+endif()
+
+# quillet_proper(NAME SOURCE... [USES LIBRARY...]): one layer of the system proper.
+function(quillet_proper name)
+    cmake_parse_arguments(arg "" "" "USES" ${ARGN})
+    add_library(${name} STATIC ${arg_UNPARSED_ARGUMENTS})
+    target_link_libraries(${name} PUBLIC ${arg_USES} PRIVATE quillet_proper_options)
+endfunction()
+
+# quillet_room(NAME SOURCE... [USES LIBRARY...]): one room of the offline platform.
+function(quillet_room name)
+    cmake_parse_arguments(arg "" "" "USES" ${ARGN})
+    add_library(${name} STATIC ${arg_UNPARSED_ARGUMENTS})
+    target_link_libraries(${name} PUBLIC ${arg_USES} PRIVATE quillet_options)
+endfunction()
+
+# quillet_test(NAME SOURCE... [USES LIBRARY...]): one GoogleTest program, its cases discovered by CTest.
+function(quillet_test name)
+    cmake_parse_arguments(arg "" "" "USES" ${ARGN})
+    add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
+    target_link_libraries(${name} PRIVATE ${arg_USES} quillet_options GTest::gtest_main)
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+endfunction()

@@ -1,0 +1,26 @@
+/* The process's handles: keys, tokens, searches and volumes in one table, as on the platform. */
+#ifndef QUILLET_OFFLINE_BASE_HANDLES_H
+#define QUILLET_OFFLINE_BASE_HANDLES_H
+
+#include "platform/nt.h"
+
+namespace offline {
+
+/* One of these stands for each kind of object; its address is the kind. */
+struct HandleType {
+    void (*close)(void* object); /* called once, when the handle is closed */
+};
+
+/* A new handle on the object, which the handle owns from then on; null when there is no memory for it, and then the
+ * object stays the caller's. */
+HANDLE handleMake(const HandleType& type, void* object);
+
+/* The object behind a handle of this type, or null. */
+void* handleObject(HANDLE handle, const HandleType& type);
+
+/* Closes a handle of any type. False when it is not open. */
+bool handleClose(HANDLE handle);
+
+} /* namespace offline */
+
+#endif

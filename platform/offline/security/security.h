@@ -1,0 +1,92 @@
+/* SIDs, descriptors, the token and the access check, as the platform has them. The platform's calls on tokens and
+ * descriptors (platform/nt.h) are answered in this room as well. No function throws. */
+#ifndef QUILLET_OFFLINE_SECURITY_SECURITY_H
+#define QUILLET_OFFLINE_SECURITY_SECURITY_H
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/nt.h"
+
+namespace offline {
+
+/* ---- SIDs ---- */
+
+/* Bytes of the SID at the head of the span; 0 when it is not whole or not valid (revision 1, at most 15
+ * sub-authorities). */
+size_t sidLength(std::span<const uint8_t> sid);
+
+/* "S-1-5-…" as the platform writes it; empty when it is no SID. And back; empty when it is no SID's text. */
+std::string sidToText(std::span<const uint8_t> sid);
+std::vector<uint8_t> sidFromText(const std::string& text);
+
+/* ---- The token ---- */
+
+/* unrefused: the token is Local System, and descriptors refuse nothing. checked: it is an administrator's, and they are
+ * enforced. In both all privileges are held and none is enabled at start. */
+enum class AccessMode { unrefused, checked };
+void setAccessMode(AccessMode mode); /* also puts the token back to its start */
+AccessMode accessMode();
+
+/* Whether a privilege is enabled, by its LUID. */
+constexpr uint32_t takeOwnershipPrivilege = 9;
+constexpr uint32_t securityPrivilege = 8;
+constexpr uint32_t backupPrivilege = 17;
+constexpr uint32_t restorePrivilege = 18;
+constexpr uint32_t shutdownPrivilege = 19;
+bool privilegeEnabled(uint32_t luid);
+
+/* Takes a privilege out of the token, as for an account that lacks it. For tests; setAccessMode puts it back. */
+void removePrivilege(uint32_t luid);
+
+/* ---- The access check ---- */
+
+struct GenericMapping {
+    ACCESS_MASK read, write, execute, all;
+};
+extern const GenericMapping keyMapping;
+extern const GenericMapping fileMapping;
+
+/* Opens an object with this self-relative descriptor: the rights granted, generic bits mapped, MAXIMUM_ALLOWED
+ * resolved. STATUS_ACCESS_DENIED, or STATUS_PRIVILEGE_NOT_HELD when ACCESS_SYSTEM_SECURITY is asked for without the
+ * security privilege enabled (in both modes). An owner always has READ_CONTROL and WRITE_DAC; the take-ownership
+ * privilege gives WRITE_OWNER. */
+NTSTATUS accessCheck(std::span<const uint8_t> descriptor, ACCESS_MASK desired, const GenericMapping& mapping,
+                     ACCESS_MASK& granted);
+
+/* The rights that reading or setting these parts of a descriptor takes. */
+ACCESS_MASK accessToQuery(SECURITY_INFORMATION information);
+ACCESS_MASK accessToSet(SECURITY_INFORMATION information);
+
+/* ---- Descriptors ---- */
+
+/* Whether a self-relative image is a descriptor by every bound: revision, offsets, SIDs, lists, entries and, in those
+ * of the types 0 to 3, their SIDs. */
+bool descriptorValid(std::span<const uint8_t> image);
+
+/* Bytes of the self-relative image that begins here and lies in at most limit bytes; 0 when it is not valid. */
+size_t descriptorLength(const void* image, size_t limit);
+
+/* The parts of a stored descriptor that the mask names, as a self-relative image. With all four parts asked for this
+ * is the stored image, byte for byte. */
+NTSTATUS descriptorQuery(std::span<const uint8_t> stored, SECURITY_INFORMATION information,
+                         std::vector<uint8_t>& image);
+
+/* What is stored when a caller sets a descriptor, absolute or self-relative, over a stored one: the parts that the mask
+ * names from the new, the others from the old. A self-relative one of which all four parts are set is taken byte for
+ * byte. Control bits that say how a list came about (protected, auto-inherited) travel with it; request bits are never
+ * stored; PROTECTED_DACL_SECURITY_INFORMATION protects. The new owner must be one that the token may name
+ * (STATUS_INVALID_OWNER; any with the restore privilege enabled, and in unrefused mode). */
+NTSTATUS descriptorSet(std::span<const uint8_t> stored, SECURITY_INFORMATION information,
+                       PSECURITY_DESCRIPTOR given, std::vector<uint8_t>& image);
+
+/* The descriptor of a new container below one with this descriptor: inheritable entries inherited, owner and group of
+ * the token. */
+NTSTATUS descriptorForChild(std::span<const uint8_t> parent, const GenericMapping& mapping,
+                            std::vector<uint8_t>& image);
+
+} /* namespace offline */
+
+#endif
