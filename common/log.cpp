@@ -1,0 +1,7 @@
+#include "common/log.h"
+
+ombraLogHook ombraLogger = nullptr;
+
+void ombraSetLogger(ombraLogHook hook) {
+    ombraLogger = hook;
+}
