@@ -1,0 +1,83 @@
+"""The measurements of bench/run, which builds what is measured here."""
+import argparse, json, os, resource, shutil, statistics, subprocess, sys, tempfile, time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+BUILD = os.path.join(HERE, "..", "build-bench")
+
+def program(name): return os.path.join(BUILD, name)
+
+def timed(command, **more):
+    """Seconds of the whole process, its peak memory in MiB, its standard output."""
+    begin = time.perf_counter()
+    process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, **more)
+    out, err = process.communicate()
+    seconds = time.perf_counter() - begin
+    if process.returncode != 0: sys.exit("%s ended with %d: %s" % (command[0], process.returncode, err.decode()[-300:]))
+    return seconds, out.decode("utf-8", "replace")
+
+def peak_memory(command, **more):
+    """Peak resident memory in MiB of a command, run once for this alone."""
+    script = "import resource, subprocess, sys; subprocess.run(sys.argv[1:], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL); print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)"
+    return int(subprocess.run([sys.executable, "-c", script] + command, capture_output=True, check=True, **more).stdout) / 1024
+
+def raw_read(image, work):
+    """Seconds of a sequential read of $MFT and $SDS, the floor of every walk."""
+    begin = time.perf_counter()
+    subprocess.run(["ntfscat", "-i", "0", image], stdout=subprocess.DEVNULL, check=True)
+    subprocess.run(["ntfscat", "-a", "0x80", "-n", "$SDS", "-i", "9", image], stdout=subprocess.DEVNULL, check=True)
+    return time.perf_counter() - begin
+
+def engine():
+    out = subprocess.run([program("engine_bench"), "--benchmark_format=json"], capture_output=True, check=True).stdout
+    rate = {}
+    for b in json.loads(out)["benchmarks"]:
+        if b.get("error_occurred"): continue
+        name, content = b["name"].split("/content:")
+        rate[name, int(content)] = b["bytes_per_second"]
+    print("search in 1 MiB blocks (GB/s; times the speed of memchr at each anchor, of memmem)")
+    for content, words in enumerate(("random bytes", "zeros", "a real hive")):
+        if ("replaceInData", content) not in rate: continue
+        mine, chr_, mem = (rate[n, content] / 1e9 for n in ("replaceInData", "plainMemchr", "plainMemmem"))
+        print("  %-13s %6.2f   %5.2f x memchr (%.2f)   %5.2f x memmem (%.2f)" % (words, mine, mine / chr_, chr_, mine / mem, mem))
+
+def key_of(sid):
+    """The 12 bytes by which a machine SID differs from others, in hexadecimal."""
+    return b"".join(int(n).to_bytes(4, "little") for n in sid.split("-")[4:7]).hex()
+
+def walks(files, repeat, work):
+    image, copy = os.path.join(work, "big.img"), os.path.join(work, "copy.img")
+    seconds, said = timed([program("quillet-offline"), "sample", image, "--files", str(files), "--directories", str(files // 20), "--descriptors", "200"])
+    print("image: %s" % said.strip().replace(work + "/", ""))
+    old = next(w for w in said.replace(",", " ").split() if w.startswith("S-1-5-21-"))
+    env = dict(os.environ, QUILLET_SYSTEM=image)
+    dry, audit, floor = [], [], []
+    for _ in range(repeat):
+        dry.append(timed([program("quillet"), "-f", "-s"], env=env)[0])
+        audit.append(timed(["ntfssecaudit", "-ar", image])[0])
+        floor.append(raw_read(image, work))
+    entries = int(next(w for w in said.split() if w.isdigit()))
+    d, a, f = map(statistics.median, (dry, audit, floor))
+    print("dry run      %.3f s, %d k entries/s: %.1f x ntfssecaudit -ar (%.3f s); raw read of $MFT and $SDS %.3f s; peak %.0f MiB"
+          % (d, entries / d / 1000, a / d, a, f, peak_memory([program("quillet"), "-f", "-s"], env=env)))
+    mine, plain = [], []
+    env["QUILLET_SYSTEM"] = copy
+    for _ in range(repeat):
+        shutil.copyfile(image, copy)
+        mine.append(timed([program("quillet"), "-f"], env=env)[0])
+        shutil.copyfile(image, copy)
+        plain.append(timed([program("rewrite_by_path"), copy, key_of(old), key_of("S-1-5-21-1-2-3")])[0])
+    m, p = statistics.median(mine), statistics.median(plain)
+    shutil.copyfile(image, copy)
+    print("rewriting    %.3f s, %d k entries/s: %.1f x rewriting by path (%.3f s); peak %.0f MiB"
+          % (m, entries / m / 1000, p / m, p, peak_memory([program("quillet"), "-f"], env=env)))
+
+def main():
+    a = argparse.ArgumentParser(description=__doc__)
+    a.add_argument("--files", type=int, default=100000); a.add_argument("--repeat", type=int, default=5)
+    opt = a.parse_args()
+    engine()
+    work = tempfile.mkdtemp(prefix="quillet-bench-")
+    try: walks(opt.files, opt.repeat, work)
+    finally: shutil.rmtree(work)
+
+main()
