@@ -1,7 +1,7 @@
 /* Everything of the platform that the system proper may use, and nothing else.
  *
- * On Windows: its own headers, and declarations of what they lack. Elsewhere: the same types, constants and functions
- * under the platform's names, with its widths and layouts, answered by platform/offline. */
+ * On Windows: its own headers, and declarations of what they lack. Elsewhere: the same types, constants and
+ * functions under the platform's names, with its widths and layouts, answered by platform/offline. */
 #ifndef QUILLET_PLATFORM_NT_H
 #define QUILLET_PLATFORM_NT_H
 

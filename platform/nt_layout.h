@@ -1,4 +1,5 @@
-/* Widths and layouts that the platform publishes and that the system proper relies on. Include platform/nt.h. */
+/* Widths and layouts that the platform publishes and that the system proper relies on. Include platform/nt.h.
+ */
 #ifndef QUILLET_PLATFORM_NT_LAYOUT_H
 #define QUILLET_PLATFORM_NT_LAYOUT_H
 
@@ -10,7 +11,8 @@ static_assert(sizeof(BOOL) == 4 && sizeof(NTSTATUS) == 4 && sizeof(HANDLE) == 8 
 static_assert(sizeof(UNICODE_STRING) == 16 && offsetof(UNICODE_STRING, MaximumLength) == 2 &&
               offsetof(UNICODE_STRING, Buffer) == 8);
 static_assert(sizeof(OBJECT_ATTRIBUTES) == 48 && offsetof(OBJECT_ATTRIBUTES, RootDirectory) == 8 &&
-              offsetof(OBJECT_ATTRIBUTES, ObjectName) == 16 && offsetof(OBJECT_ATTRIBUTES, Attributes) == 24 &&
+              offsetof(OBJECT_ATTRIBUTES, ObjectName) == 16 &&
+              offsetof(OBJECT_ATTRIBUTES, Attributes) == 24 &&
               offsetof(OBJECT_ATTRIBUTES, SecurityDescriptor) == 32);
 static_assert(sizeof(LARGE_INTEGER) == 8 && sizeof(FILETIME) == 8 && sizeof(LUID) == 8);
 static_assert(sizeof(TOKEN_PRIVILEGES) == 16 && offsetof(TOKEN_PRIVILEGES, Privileges) == 4);

@@ -1,5 +1,5 @@
-/* platform/nt.h away from Windows: the platform's types, constants and functions under its names, with its widths and
- * layouts. platform/offline answers the functions. Include platform/nt.h instead.
+/* platform/nt.h away from Windows: the platform's types, constants and functions under its names, with its
+ * widths and layouts. platform/offline answers the functions. Include platform/nt.h instead.
  *
  * WCHAR is char16_t, so that no wide function of the C library can be handed one by mistake. */
 #ifndef QUILLET_PLATFORM_NT_OFFLINE_H
@@ -309,7 +309,10 @@ typedef struct _ACL_SIZE_INFORMATION {
     DWORD AclBytesInUse;
     DWORD AclBytesFree;
 } ACL_SIZE_INFORMATION;
-typedef enum _ACL_INFORMATION_CLASS { AclRevisionInformation = 1, AclSizeInformation = 2 } ACL_INFORMATION_CLASS;
+typedef enum _ACL_INFORMATION_CLASS {
+    AclRevisionInformation = 1,
+    AclSizeInformation = 2
+} ACL_INFORMATION_CLASS;
 
 typedef WORD SECURITY_DESCRIPTOR_CONTROL;
 typedef struct _SECURITY_DESCRIPTOR {
@@ -408,10 +411,12 @@ NTSTATUS ZwEnumerateKey(HANDLE key, ULONG index, KEY_INFORMATION_CLASS infoClass
                         PULONG resultLength);
 NTSTATUS ZwEnumerateValueKey(HANDLE key, ULONG index, KEY_VALUE_INFORMATION_CLASS infoClass, PVOID buffer,
                              ULONG size, PULONG resultLength);
-NTSTATUS ZwQueryKey(HANDLE key, KEY_INFORMATION_CLASS infoClass, PVOID buffer, ULONG size, PULONG resultLength);
-NTSTATUS ZwQueryValueKey(HANDLE key, PUNICODE_STRING name, KEY_VALUE_INFORMATION_CLASS infoClass, PVOID buffer,
-                         ULONG size, PULONG resultLength);
-NTSTATUS ZwSetValueKey(HANDLE key, PUNICODE_STRING name, ULONG titleIndex, ULONG type, PVOID data, ULONG size);
+NTSTATUS ZwQueryKey(HANDLE key, KEY_INFORMATION_CLASS infoClass, PVOID buffer, ULONG size,
+                    PULONG resultLength);
+NTSTATUS ZwQueryValueKey(HANDLE key, PUNICODE_STRING name, KEY_VALUE_INFORMATION_CLASS infoClass,
+                         PVOID buffer, ULONG size, PULONG resultLength);
+NTSTATUS ZwSetValueKey(HANDLE key, PUNICODE_STRING name, ULONG titleIndex, ULONG type, PVOID data,
+                       ULONG size);
 NTSTATUS ZwDeleteKey(HANDLE key);
 NTSTATUS ZwFlushKey(HANDLE key);
 NTSTATUS ZwShutdownSystem(SHUTDOWN_ACTION action);
@@ -422,13 +427,14 @@ NTSTATUS RtlAppendUnicodeStringToString(PUNICODE_STRING target, const UNICODE_ST
 /* Win32 registry calls: a Win32 code, 0 on success. */
 LSTATUS RegOpenKeyExW(HKEY root, LPCWSTR path, DWORD options, REGSAM access, PHKEY key);
 LSTATUS RegCloseKey(HKEY key);
-LSTATUS RegEnumKeyExW(HKEY key, DWORD index, LPWSTR name, LPDWORD nameLength, LPDWORD reserved, LPWSTR className,
-                      LPDWORD classLength, PFILETIME lastWrite);
+LSTATUS RegEnumKeyExW(HKEY key, DWORD index, LPWSTR name, LPDWORD nameLength, LPDWORD reserved,
+                      LPWSTR className, LPDWORD classLength, PFILETIME lastWrite);
 LSTATUS RegQueryValueExW(HKEY key, LPCWSTR name, LPDWORD reserved, LPDWORD type, BYTE* data, LPDWORD size);
 LSTATUS RegSetValueExW(HKEY key, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* data, DWORD size);
 LSTATUS RegLoadKeyW(HKEY root, LPCWSTR mountName, LPCWSTR file);
 LSTATUS RegUnLoadKeyW(HKEY root, LPCWSTR mountName);
-LSTATUS RegGetKeySecurity(HKEY key, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR descriptor, LPDWORD size);
+LSTATUS RegGetKeySecurity(HKEY key, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR descriptor,
+                          LPDWORD size);
 LSTATUS RegSetKeySecurity(HKEY key, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR descriptor);
 
 /* Tokens and descriptors: non-zero on success, else GetLastError. */
@@ -451,8 +457,8 @@ BOOL ConvertSidToStringSidA(PSID sid, LPSTR* text);
 BOOL ConvertSidToStringSidW(PSID sid, LPWSTR* text);
 
 /* Files: non-zero on success, else GetLastError. */
-BOOL GetFileSecurityW(LPCWSTR path, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR descriptor, DWORD size,
-                      LPDWORD needed);
+BOOL GetFileSecurityW(LPCWSTR path, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR descriptor,
+                      DWORD size, LPDWORD needed);
 BOOL SetFileSecurityW(LPCWSTR path, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR descriptor);
 DWORD SetNamedSecurityInfoW(LPWSTR path, SE_OBJECT_TYPE type, SECURITY_INFORMATION information, PSID owner,
                             PSID group, PACL dacl, PACL sacl);
@@ -461,8 +467,8 @@ BOOL FindNextFileW(HANDLE search, LPWIN32_FIND_DATAW record);
 BOOL FindClose(HANDLE search);
 DWORD GetFileAttributesW(LPCWSTR path);
 UINT GetDriveTypeW(LPCWSTR root);
-HANDLE CreateFileW(LPCWSTR path, DWORD access, DWORD sharing, LPSECURITY_ATTRIBUTES attributes, DWORD disposition,
-                   DWORD flags, HANDLE templateFile);
+HANDLE CreateFileW(LPCWSTR path, DWORD access, DWORD sharing, LPSECURITY_ATTRIBUTES attributes,
+                   DWORD disposition, DWORD flags, HANDLE templateFile);
 BOOL FlushFileBuffers(HANDLE file);
 BOOL CloseHandle(HANDLE handle);
 

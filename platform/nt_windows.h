@@ -76,10 +76,11 @@ NTSYSAPI NTSTATUS NTAPI ZwEnumerateValueKey(HANDLE key, ULONG index, KEY_VALUE_I
                                             PVOID buffer, ULONG size, PULONG resultLength);
 NTSYSAPI NTSTATUS NTAPI ZwQueryKey(HANDLE key, KEY_INFORMATION_CLASS infoClass, PVOID buffer, ULONG size,
                                    PULONG resultLength);
-NTSYSAPI NTSTATUS NTAPI ZwQueryValueKey(HANDLE key, PUNICODE_STRING name, KEY_VALUE_INFORMATION_CLASS infoClass,
-                                        PVOID buffer, ULONG size, PULONG resultLength);
-NTSYSAPI NTSTATUS NTAPI ZwSetValueKey(HANDLE key, PUNICODE_STRING name, ULONG titleIndex, ULONG type, PVOID data,
-                                      ULONG size);
+NTSYSAPI NTSTATUS NTAPI ZwQueryValueKey(HANDLE key, PUNICODE_STRING name,
+                                        KEY_VALUE_INFORMATION_CLASS infoClass, PVOID buffer, ULONG size,
+                                        PULONG resultLength);
+NTSYSAPI NTSTATUS NTAPI ZwSetValueKey(HANDLE key, PUNICODE_STRING name, ULONG titleIndex, ULONG type,
+                                      PVOID data, ULONG size);
 NTSYSAPI NTSTATUS NTAPI ZwDeleteKey(HANDLE key);
 NTSYSAPI NTSTATUS NTAPI ZwFlushKey(HANDLE key);
 NTSYSAPI NTSTATUS NTAPI ZwShutdownSystem(SHUTDOWN_ACTION action);

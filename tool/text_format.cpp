@@ -17,9 +17,9 @@ static void _flush(_output* output) {
     output->used = 0;
 }
 
-static void _put(_output* output, char byte) {
+static void _put(_output* output, char next) {
     if (output->used == sizeof output->bytes) _flush(output);
-    output->bytes[output->used++] = byte;
+    output->bytes[output->used++] = next;
 }
 
 static void _putNarrow(_output* output, const char* text) {

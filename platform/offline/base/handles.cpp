@@ -24,7 +24,9 @@ Table& table() {
 }
 
 /* Handle values are multiples of four above 0, as the platform's are. */
-HANDLE toHandle(size_t index) { return reinterpret_cast<HANDLE>((index + 1) * 4); }
+HANDLE toHandle(size_t index) {
+    return reinterpret_cast<HANDLE>((index + 1) * 4);
+}
 
 Slot* slotOf(HANDLE handle) {
     const auto value = reinterpret_cast<ULONG_PTR>(handle);
@@ -73,7 +75,9 @@ bool handleClose(HANDLE handle) {
 
 } /* namespace offline */
 
-NTSTATUS ZwClose(HANDLE handle) { return offline::handleClose(handle) ? STATUS_SUCCESS : STATUS_INVALID_HANDLE; }
+NTSTATUS ZwClose(HANDLE handle) {
+    return offline::handleClose(handle) ? STATUS_SUCCESS : STATUS_INVALID_HANDLE;
+}
 
 BOOL CloseHandle(HANDLE handle) {
     if (offline::handleClose(handle)) return TRUE;

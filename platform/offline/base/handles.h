@@ -11,8 +11,8 @@ struct HandleType {
     void (*close)(void* object); /* called once, when the handle is closed */
 };
 
-/* A new handle on the object, which the handle owns from then on; null when there is no memory for it, and then the
- * object stays the caller's. */
+/* A new handle on the object, which the handle owns from then on; null when there is no memory for it, and
+ * then the object stays the caller's. */
 HANDLE handleMake(const HandleType& type, void* object);
 
 /* The object behind a handle of this type, or null. */

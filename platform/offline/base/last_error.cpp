@@ -5,6 +5,10 @@ namespace {
 DWORD lastError = 0;
 }
 
-DWORD GetLastError() { return lastError; }
+DWORD GetLastError() {
+    return lastError;
+}
 
-VOID SetLastError(DWORD code) { lastError = code; }
+VOID SetLastError(DWORD code) {
+    lastError = code;
+}

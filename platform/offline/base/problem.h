@@ -10,7 +10,8 @@ namespace offline {
 
 struct Problem {
     NTSTATUS status = STATUS_SUCCESS;
-    std::string text; /* one line in UTF-8 that names the object and says what to do, without a final newline */
+    std::string
+        text; /* one line in UTF-8 that names the object and says what to do, without a final newline */
 };
 
 /* Fills the problem and gives its status back, so that a refusal is one statement. */

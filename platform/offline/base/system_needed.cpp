@@ -22,6 +22,8 @@ NTSTATUS systemNeeded() {
     return outcome;
 }
 
-void systemForget() { opened = false; }
+void systemForget() {
+    opened = false;
+}
 
 } /* namespace offline */

@@ -12,8 +12,12 @@ namespace {
 
 constexpr char16_t replacement = 0xFFFD;
 
-bool isHigh(char16_t unit) { return unit >= 0xD800 && unit <= 0xDBFF; }
-bool isLow(char16_t unit) { return unit >= 0xDC00 && unit <= 0xDFFF; }
+bool isHigh(char16_t unit) {
+    return unit >= 0xD800 && unit <= 0xDBFF;
+}
+bool isLow(char16_t unit) {
+    return unit >= 0xDC00 && unit <= 0xDFFF;
+}
 
 /* The code point at the head of the text and its length in bytes; length 0 when the bytes are no UTF-8. */
 size_t decode(std::string_view text, char32_t* point) {
@@ -104,7 +108,9 @@ std::string toUtf8(std::u16string_view utf16) {
     return out;
 }
 
-char16_t upcase(char16_t unit) { return upcaseTable.units[unit]; }
+char16_t upcase(char16_t unit) {
+    return upcaseTable.units[unit];
+}
 
 int compareFolded(std::u16string_view left, std::u16string_view right) {
     const size_t common = left.size() < right.size() ? left.size() : right.size();

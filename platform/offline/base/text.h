@@ -15,7 +15,8 @@ std::u16string toUtf16(std::string_view utf8);
 /* An unpaired surrogate becomes U+FFFD. */
 std::string toUtf8(std::u16string_view utf16);
 
-/* The platform's upper case of one UTF-16 code unit, over the whole Basic Multilingual Plane; surrogates stay. */
+/* The platform's upper case of one UTF-16 code unit, over the whole Basic Multilingual Plane; surrogates
+ * stay. */
 char16_t upcase(char16_t unit);
 
 /* Compares as the platform orders names: by upcased code units, the shorter first. Below, at or above 0. */

@@ -1,6 +1,6 @@
-/* The platform's upper case, as runs of code units of the Basic Multilingual Plane; units in no run stay as they are.
- * It is the table of the NTFS volumes that the platform formats, which differs from Unicode's in some letters (the
- * dotless i, the long s and the micro sign stay as they are). */
+/* The platform's upper case, as runs of code units of the Basic Multilingual Plane; units in no run stay as
+ * they are. It is the table of the NTFS volumes that the platform formats, which differs from Unicode's in
+ * some letters (the dotless i, the long s and the micro sign stay as they are). */
 #ifndef QUILLET_OFFLINE_BASE_UPCASE_TABLE_H
 #define QUILLET_OFFLINE_BASE_UPCASE_TABLE_H
 

@@ -1,9 +1,10 @@
 /* One registry hive in memory: the platform's "regf" file format, versions 1.3 to 1.6.
  *
- * A hive is read whole, validated whole, changed in memory and saved page by page. Keys are named by the place of their
- * cell, which stays the same as long as the key lives. Spans and views into a hive are good until its next change.
- * Names are UTF-16 without a terminator, compared by the platform's folding; lengths of names are in characters, of
- * everything else in bytes. No function throws. */
+ * A hive is read whole, validated whole, changed in memory and saved page by page. Keys are named by the
+ * place of their cell, which stays the same as long as the key lives. Spans and views into a hive are good
+ * until its next change; a hive is used by one thread at a time, for reading too. Names are UTF-16 without a
+ * terminator, compared by the platform's folding; lengths of names are in characters, of everything else in
+ * bytes. No function throws. */
 #ifndef QUILLET_OFFLINE_HIVE_HIVE_H
 #define QUILLET_OFFLINE_HIVE_HIVE_H
 
@@ -28,6 +29,7 @@ constexpr Cell noCell = 0xFFFFFFFF;
 
 constexpr size_t longestKeyName = 255;     /* characters */
 constexpr size_t longestValueName = 16383; /* characters */
+constexpr uint32_t deepestKey = 512;       /* levels below the root */
 
 struct HiveDeleter {
     void operator()(Hive* hive) const;
@@ -36,11 +38,11 @@ using HivePtr = std::unique_ptr<Hive, HiveDeleter>;
 
 /* ---- Opening, creating, saving ---- */
 
-/* Takes the bytes of a hive file and validates everything that can be reached from the root: one choke point, after
- * which the functions below rely on the structure. Names in the problem are left to the caller: its text says what is
- * wrong with "the hive", in a form that stands behind "NAME: " ("is damaged: the key cell at 0x1a20 …").
- * Fails with STATUS_NOT_REGISTRY_FILE (no hive at all), STATUS_REGISTRY_CORRUPT (a broken one) or
- * STATUS_REGISTRY_IO_FAILED (a dirty one: its log files hold changes that are not in it). */
+/* Takes the bytes of a hive file and validates everything that can be reached from the root: one choke point,
+ * after which the functions below rely on the structure. Names in the problem are left to the caller: its
+ * text says what is wrong with "the hive", in a form that stands behind "NAME: " ("is damaged: the key cell
+ * at 0x1a20 …"). Fails with STATUS_NOT_REGISTRY_FILE (no hive at all), STATUS_REGISTRY_CORRUPT (a broken one)
+ * or STATUS_REGISTRY_IO_FAILED (a dirty one: its log files hold changes that are not in it). */
 NTSTATUS hiveOpen(std::vector<uint8_t> bytes, HivePtr& hive, Problem& problem);
 
 /* A new, empty hive of version 1.minor (3 to 6) whose root key has this name and self-relative descriptor.
@@ -56,23 +58,25 @@ struct HiveStore {
     virtual NTSTATUS flush() = 0;             /* on the medium when it returns */
 };
 
-/* Writes back what has changed, in the platform's own order: primary sequence number, flush, pages, flush, secondary
- * sequence number, flush. A hive without changes is not touched. After a failure the hive still counts as changed. */
+/* Writes back what has changed, in the platform's own order: primary sequence number, flush, pages, flush,
+ * secondary sequence number, flush. A hive without changes is not touched. After a failure the hive still
+ * counts as changed. */
 NTSTATUS hiveSave(Hive& hive, HiveStore& store);
 
 bool hiveChanged(const Hive& hive);
 
-/* The whole file image as hiveSave would leave it (for a hive that has no file yet), marked clean. */
-std::vector<uint8_t> hiveImage(Hive& hive);
+/* The whole file as hiveSave would leave it, for a hive that has no file yet. The hive itself still counts as
+ * changed. Empty when there is no memory for it. */
+std::vector<uint8_t> hiveImage(const Hive& hive);
 
 uint32_t hiveMinorVersion(const Hive& hive);
 
 /* ---- Keys ---- */
 
 struct HiveKey {
-    uint16_t flags;       /* as stored: the HIVE_KEY_ bits */
-    uint64_t lastWrite;   /* 100 ns since 1601 */
-    Cell parent;          /* noCell for the root */
+    uint16_t flags;     /* as stored: the HIVE_KEY_ bits */
+    uint64_t lastWrite; /* 100 ns since 1601 */
+    Cell parent;        /* noCell for the root */
     uint32_t subkeyCount;
     uint32_t valueCount;  /* 0 for a predefined-handle key */
     uint16_t nameLength;  /* characters */
@@ -103,18 +107,22 @@ NTSTATUS hiveSubkey(const Hive& hive, Cell key, uint32_t index, Cell& child);
 NTSTATUS hiveFindSubkey(const Hive& hive, Cell key, std::u16string_view name, Cell& child);
 
 /* A new child, stamped with the time (100 ns since 1601), as its parent is. flags may hold HIVE_KEY_LINK and
- * HIVE_KEY_NO_DELETE. An equal descriptor that the hive already has is shared and counted.
- * STATUS_OBJECT_NAME_COLLISION when the name is taken, STATUS_INVALID_PARAMETER for a name that is empty, too long or
- * holds a backslash, STATUS_NO_MEMORY or STATUS_INSUFFICIENT_RESOURCES when there is no room. A failure changes
- * nothing. */
-NTSTATUS hiveCreateSubkey(Hive& hive, Cell parent, std::u16string_view name, std::span<const uint8_t> classText,
-                          std::span<const uint8_t> descriptor, uint16_t flags, uint64_t time, Cell& child);
+ * HIVE_KEY_NO_DELETE. An equal descriptor that the hive already has is shared and counted; what
+ * hiveKeyDescriptor gives for any key of the hive may be handed in.
+ * STATUS_OBJECT_NAME_COLLISION when the name is taken, STATUS_INVALID_PARAMETER for a name that is empty, too
+ * long or holds a backslash and for a child below deepestKey, STATUS_NO_MEMORY or
+ * STATUS_INSUFFICIENT_RESOURCES when there is no room. A failure changes nothing. */
+NTSTATUS hiveCreateSubkey(Hive& hive, Cell parent, std::u16string_view name,
+                          std::span<const uint8_t> classText, std::span<const uint8_t> descriptor,
+                          uint16_t flags, uint64_t time, Cell& child);
 
-/* Deletes a key without children, its values with it, and gives back every cell. STATUS_CANNOT_DELETE for a key with
- * children, the root and a key marked so. */
+/* Deletes a key without children, its values with it, and gives back every cell. STATUS_CANNOT_DELETE for a
+ * key with children, the root and a key marked so. */
 NTSTATUS hiveDeleteKey(Hive& hive, Cell key, uint64_t time);
 
-/* Gives the key this self-relative descriptor (at most 65,535 bytes), stored byte for byte. */
+/* Gives the key this self-relative descriptor (at most 65,535 bytes), stored byte for byte and
+ * shared as by hiveCreateSubkey. STATUS_INVALID_PARAMETER for an empty or longer one. A failure changes
+ * nothing. */
 NTSTATUS hiveSetKeyDescriptor(Hive& hive, Cell key, std::span<const uint8_t> descriptor, uint64_t time);
 
 /* ---- Values ---- */
@@ -126,7 +134,8 @@ struct HiveValue {
     uint16_t nameLength; /* characters */
 };
 
-/* The value at an index, in the order in which the values were made. STATUS_NO_MORE_ENTRIES behind the last. */
+/* The value at an index, in the order in which the values were made. STATUS_NO_MORE_ENTRIES behind the last.
+ */
 NTSTATUS hiveValue(const Hive& hive, Cell key, uint32_t index, HiveValue& value);
 
 /* The value of this name ("" is the unnamed one). STATUS_OBJECT_NAME_NOT_FOUND when there is none. */
@@ -138,11 +147,12 @@ void hiveValueName(const Hive& hive, const HiveValue& value, char16_t* name);
 /* Copies the value's data from its start: as many bytes as out holds, at most value.dataLength. */
 void hiveValueData(const Hive& hive, const HiveValue& value, std::span<uint8_t> out);
 
-/* Sets or makes a value. A value that exists keeps its name's letters and its place in the order. Data of more than
- * 16344 bytes becomes big data where the hive's version has it. The data must not lie in the hive. A failure changes
- * nothing. */
-NTSTATUS hiveSetValue(Hive& hive, Cell key, std::u16string_view name, uint32_t type, std::span<const uint8_t> data,
-                      uint64_t time);
+/* Sets or makes a value; STATUS_INVALID_PARAMETER for a name that is too long, data of more than
+ * 1,071,104,040 bytes and a predefined-handle key. A value that exists keeps its name's letters and its place
+ * in the order. Data of more than 16344 bytes becomes big data where the hive's version has it. The data must
+ * not lie in the hive. A failure changes nothing. */
+NTSTATUS hiveSetValue(Hive& hive, Cell key, std::u16string_view name, uint32_t type,
+                      std::span<const uint8_t> data, uint64_t time);
 
 /* STATUS_OBJECT_NAME_NOT_FOUND when there is none. */
 NTSTATUS hiveDeleteValue(Hive& hive, Cell key, std::u16string_view name, uint64_t time);

@@ -1,5 +1,5 @@
-/* SIDs, descriptors, the token and the access check, as the platform has them. The platform's calls on tokens and
- * descriptors (platform/nt.h) are answered in this room as well. No function throws. */
+/* SIDs, descriptors, the token and the access check, as the platform has them. The platform's calls on tokens
+ * and descriptors (platform/nt.h) are answered in this room as well. No function throws. */
 #ifndef QUILLET_OFFLINE_SECURITY_SECURITY_H
 #define QUILLET_OFFLINE_SECURITY_SECURITY_H
 
@@ -24,8 +24,9 @@ std::vector<uint8_t> sidFromText(const std::string& text);
 
 /* ---- The token ---- */
 
-/* unrefused: the token is Local System, and descriptors refuse nothing. checked: it is an administrator's, and they are
- * enforced. In both all privileges are held and none is enabled at start. */
+/* unrefused: the token is Local System, and descriptors refuse nothing. checked: it is an administrator's,
+ * and they are enforced. In both all privileges are held, and at start only the one to traverse every path
+ * (23) is enabled. Unrefused is what holds until it is set. */
 enum class AccessMode { unrefused, checked };
 void setAccessMode(AccessMode mode); /* also puts the token back to its start */
 AccessMode accessMode();
@@ -38,7 +39,8 @@ constexpr uint32_t restorePrivilege = 18;
 constexpr uint32_t shutdownPrivilege = 19;
 bool privilegeEnabled(uint32_t luid);
 
-/* Takes a privilege out of the token, as for an account that lacks it. For tests; setAccessMode puts it back. */
+/* Takes a privilege out of the token, as for an account that lacks it. For tests; setAccessMode puts it back.
+ */
 void removePrivilege(uint32_t luid);
 
 /* ---- The access check ---- */
@@ -49,10 +51,16 @@ struct GenericMapping {
 extern const GenericMapping keyMapping;
 extern const GenericMapping fileMapping;
 
-/* Opens an object with this self-relative descriptor: the rights granted, generic bits mapped, MAXIMUM_ALLOWED
- * resolved. STATUS_ACCESS_DENIED, or STATUS_PRIVILEGE_NOT_HELD when ACCESS_SYSTEM_SECURITY is asked for without the
- * security privilege enabled (in both modes). An owner always has READ_CONTROL and WRITE_DAC; the take-ownership
- * privilege gives WRITE_OWNER. */
+/* The mask with its generic rights replaced by what they stand for. */
+ACCESS_MASK mapGeneric(ACCESS_MASK mask, const GenericMapping& mapping);
+
+/* Opens an object with this self-relative descriptor: the rights granted, generic bits mapped,
+ * MAXIMUM_ALLOWED resolved. STATUS_ACCESS_DENIED, or STATUS_PRIVILEGE_NOT_HELD when ACCESS_SYSTEM_SECURITY is
+ * asked for without the security privilege enabled (in both modes). An owner has READ_CONTROL and WRITE_DAC
+ * unless the list speaks of owner rights (S-1-3-4); the take-ownership privilege gives WRITE_OWNER when that
+ * is asked for. Entries for one type of object and entries with a condition allow nothing, but deny. When
+ * checked, asking for nothing is refused, and a descriptor that is not valid gives
+ * STATUS_INVALID_SECURITY_DESCR. */
 NTSTATUS accessCheck(std::span<const uint8_t> descriptor, ACCESS_MASK desired, const GenericMapping& mapping,
                      ACCESS_MASK& granted);
 
@@ -62,28 +70,33 @@ ACCESS_MASK accessToSet(SECURITY_INFORMATION information);
 
 /* ---- Descriptors ---- */
 
-/* Whether a self-relative image is a descriptor by every bound: revision, offsets, SIDs, lists, entries and, in those
- * of the types 0 to 3, their SIDs. */
+/* Whether a self-relative image is a descriptor by every bound: revision, offsets (multiples of 4), SIDs,
+ * lists, entries and, in those of the types 0 to 3, their SIDs. Owner and group may be one SID, and the lists
+ * one list; otherwise no part may lie across another, so that a SID written over one in the image changes no
+ * size in it. Bytes behind the last part are allowed. */
 bool descriptorValid(std::span<const uint8_t> image);
 
-/* Bytes of the self-relative image that begins here and lies in at most limit bytes; 0 when it is not valid. */
+/* Bytes of the self-relative image that begins here and lies in at most limit bytes; 0 when it is not valid.
+ */
 size_t descriptorLength(const void* image, size_t limit);
 
-/* The parts of a stored descriptor that the mask names, as a self-relative image. With all four parts asked for this
- * is the stored image, byte for byte. */
+/* The parts of a stored descriptor that the mask names, as a self-relative image. With all four parts asked
+ * for this is the stored image, byte for byte. */
 NTSTATUS descriptorQuery(std::span<const uint8_t> stored, SECURITY_INFORMATION information,
                          std::vector<uint8_t>& image);
 
-/* What is stored when a caller sets a descriptor, absolute or self-relative, over a stored one: the parts that the mask
- * names from the new, the others from the old. A self-relative one of which all four parts are set is taken byte for
- * byte. Control bits that say how a list came about (protected, auto-inherited) travel with it; request bits are never
- * stored; PROTECTED_DACL_SECURITY_INFORMATION protects. The new owner must be one that the token may name
- * (STATUS_INVALID_OWNER; any with the restore privilege enabled, and in unrefused mode). */
+/* What is stored when a caller sets a descriptor, absolute or self-relative, over a stored one: the parts
+ * that the mask names from the new, the others from the old. A self-relative one of which all four parts are
+ * set is taken byte for byte. Control bits that say how a list came about (protected, auto-inherited) travel
+ * with it; request bits are never stored; PROTECTED_DACL_SECURITY_INFORMATION and the three bits below it
+ * protect or unprotect the list that is set. The new owner must be one that the token may name
+ * (STATUS_INVALID_OWNER; any with the restore privilege enabled, and any or none in unrefused mode). The
+ * image may be the vector that holds the stored one. On failure it is left as it was. */
 NTSTATUS descriptorSet(std::span<const uint8_t> stored, SECURITY_INFORMATION information,
                        PSECURITY_DESCRIPTOR given, std::vector<uint8_t>& image);
 
-/* The descriptor of a new container below one with this descriptor: inheritable entries inherited, owner and group of
- * the token. */
+/* The descriptor of a new container below one with this descriptor: inheritable entries inherited, owner and
+ * group of the token. */
 NTSTATUS descriptorForChild(std::span<const uint8_t> parent, const GenericMapping& mapping,
                             std::vector<uint8_t>& image);
 

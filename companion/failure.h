@@ -1,0 +1,24 @@
+/* A command that can't be done. */
+#ifndef QUILLET_COMPANION_FAILURE_H
+#define QUILLET_COMPANION_FAILURE_H
+
+#include <string>
+
+namespace companion {
+
+/* Thrown to end the command. One line in UTF-8: "FILE: what is wrong; what to do", without a final newline.
+ */
+struct Failure {
+    std::string text;
+};
+
+/* Exit statuses of the program. */
+constexpr int exitDone = 0;
+constexpr int exitFailed = 2; /* usage errors too */
+
+/* Writes the line to standard error, with the program's name before it. */
+void say(const std::string& line);
+
+} /* namespace companion */
+
+#endif

@@ -1,0 +1,147 @@
+/* info: what lies on some disks. */
+#include <cstdio>
+#include <memory>
+
+#include "companion/command.h"
+#include "companion/failure.h"
+#include "companion/json.h"
+#include "companion/look.h"
+#include "companion/text.h"
+
+namespace companion {
+namespace {
+
+const char help[] =
+    "Shows the disks, the volumes with their drive letters, the Windows installation, its machine SID and\n"
+    "the state of its registry hives. Nothing is written. What is wrong goes to standard error, a line "
+    "each.\n"
+    "The exit status is 0 for a system that quillet can work on, else 2.\n"
+    "\n"
+    "Examples:\n"
+    "  quillet-offline info practice.img\n"
+    "  quillet-offline info system.img data.img       one machine with two disks\n"
+    "  quillet-offline info --json practice.img       for programs";
+
+/* ---- For a person ---- */
+
+void printRow(const char* kind, const std::string& text) {
+    printf("%-12s%s\n", kind, text.c_str());
+}
+
+std::string describe(const DiskSeen& disk) {
+    std::string text = disk.path + ", " + sizeText(disk.size);
+    text += disk.table == offline::PartitionTable::none ? ", no partition table"
+                                                        : std::string(", ") + tableName(disk.table);
+    return text + (disk.writable ? "" : ", read-only");
+}
+
+std::string describe(const VolumeSeen& volume) {
+    std::string text = volume.letter != 0 ? std::string{volume.letter, ':'} : "no letter";
+    text += ", " + sizeText(volume.size) + " at " + sizeText(volume.start) + " of " + volume.disk;
+    return text + (volume.opened ? "" : ", can't be used");
+}
+
+std::string describe(const HiveSeen& hive) {
+    std::string text = std::string(stateName(hive.state)) + ", " + hive.path;
+    if (hive.state != HiveState::missing) text += ", " + sizeText(hive.size);
+    if (hive.version != 0) text += ", version 1." + std::to_string(hive.version);
+    if (!hive.user.empty()) text += ", of " + hive.user;
+    return text;
+}
+
+void print(const Sight& sight) {
+    const std::string unknown = "unknown";
+    for (const DiskSeen& disk : sight.disks) printRow("disk", describe(disk));
+    for (const VolumeSeen& volume : sight.volumes) printRow("volume", describe(volume));
+    if (sight.windows.empty()) return;
+    printRow("windows", sight.windows);
+    printRow("product", sight.product.empty() ? unknown : sight.product);
+    printRow("machine SID", sight.machineSid.empty() ? unknown : sight.machineSid);
+    printRow("control set", sight.controlSet == 0 ? unknown : std::to_string(sight.controlSet));
+    for (const HiveSeen& hive : sight.hives) printRow("hive", describe(hive));
+}
+
+/* ---- For programs ---- */
+
+void write(JsonWriter& json, const DiskSeen& disk) {
+    json.open('{');
+    json.put("path", disk.path);
+    json.put("size", disk.size);
+    json.put("partitionTable", tableName(disk.table));
+    json.put("writable", disk.writable);
+    json.close('}');
+}
+
+void write(JsonWriter& json, const VolumeSeen& volume) {
+    json.open('{');
+    json.put("disk", volume.disk);
+    json.put("start", volume.start);
+    json.put("size", volume.size);
+    json.put("letter", volume.letter == 0 ? std::string() : std::string(1, volume.letter));
+    json.put("usable", volume.opened);
+    json.close('}');
+}
+
+void write(JsonWriter& json, const HiveSeen& hive) {
+    json.open('{');
+    json.put("path", hive.path);
+    json.put("state", stateName(hive.state));
+    json.put("size", hive.size);
+    json.put("user", hive.user);
+    json.close('}');
+}
+
+void write(JsonWriter& json, const std::string& text) {
+    json.item(text);
+}
+
+template <typename Item>
+void writeList(JsonWriter& json, const char* name, const std::vector<Item>& list) {
+    json.open(name, '[');
+    for (const Item& item : list) write(json, item);
+    json.close(']');
+}
+
+void printJson(const Sight& sight) {
+    JsonWriter json;
+    json.open('{');
+    writeList(json, "disks", sight.disks);
+    writeList(json, "volumes", sight.volumes);
+    json.put("windows", sight.windows);
+    json.put("product", sight.product);
+    json.put("machineSid", sight.machineSid);
+    json.put("controlSet", uint64_t{sight.controlSet});
+    writeList(json, "hives", sight.hives);
+    writeList(json, "problems", sight.problems);
+    json.close('}');
+    printf("%s\n", json.text.c_str());
+}
+
+int info(const std::vector<std::string>& images, bool json) {
+    const Sight sight = look(images);
+    if (json) {
+        printJson(sight);
+    } else {
+        print(sight);
+    }
+    fflush(stdout);
+    for (const std::string& problem : sight.problems) say(problem);
+    return sight.problems.empty() ? exitDone : exitFailed;
+}
+
+Runner prepare(CLI::App& app) {
+    struct Options {
+        std::vector<std::string> images;
+        bool json = false;
+    };
+    auto options = std::make_shared<Options>();
+    app.add_option("IMAGE", options->images, "The machine's disks: image files or block devices")->required();
+    app.add_flag("--json", options->json, "Print one JSON object");
+    return [options](const std::vector<std::string>&) { return info(options->images, options->json); };
+}
+
+} /* namespace */
+
+const Command infoCommand = {"info", "Show what is on an installation's disks", help, prepare, false};
+
+} /* namespace companion */

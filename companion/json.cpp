@@ -1,0 +1,73 @@
+#include "companion/json.h"
+
+#include <array>
+#include <cstdio>
+
+#include "platform/offline/base/text.h"
+
+namespace companion {
+
+void JsonWriter::separate() {
+    const char last = text.empty() ? '{' : text.back();
+    if (last != '{' && last != '[' && last != ':') text += ',';
+}
+
+/* What is no UTF-8, as the name of a file can be, is replaced, so that all of it is JSON. */
+void JsonWriter::quote(std::string_view value) {
+    text += '"';
+    for (const char letter : offline::toUtf8(offline::toUtf16(value))) {
+        if (letter == '"' || letter == '\\') {
+            text += '\\';
+            text += letter;
+        } else if (static_cast<unsigned char>(letter) < 0x20) {
+            std::array<char, 8> escape = {};
+            snprintf(escape.data(), escape.size(), "\\u%04x", static_cast<unsigned>(letter));
+            text += escape.data();
+        } else {
+            text += letter;
+        }
+    }
+    text += '"';
+}
+
+void JsonWriter::member(std::string_view name) {
+    separate();
+    quote(name);
+    text += ':';
+}
+
+void JsonWriter::open(char bracket) {
+    separate();
+    text += bracket;
+}
+
+void JsonWriter::open(std::string_view name, char bracket) {
+    member(name);
+    text += bracket;
+}
+
+void JsonWriter::close(char bracket) {
+    text += bracket;
+}
+
+void JsonWriter::item(std::string_view value) {
+    separate();
+    quote(value);
+}
+
+void JsonWriter::put(std::string_view name, std::string_view value) {
+    member(name);
+    quote(value);
+}
+
+void JsonWriter::put(std::string_view name, uint64_t value) {
+    member(name);
+    text += std::to_string(value);
+}
+
+void JsonWriter::put(std::string_view name, bool value) {
+    member(name);
+    text += value ? "true" : "false";
+}
+
+} /* namespace companion */

@@ -1,0 +1,114 @@
+/* quillet-offline: what goes with quillet where Windows installations are at rest. */
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+
+#include "companion/command.h"
+#include "companion/failure.h"
+
+namespace companion {
+
+void say(const std::string& line) {
+    fprintf(stderr, "quillet-offline: %s\n", line.c_str());
+}
+
+namespace {
+
+const Command* const commands[] = {&sampleCommand, &infoCommand, &runCommand};
+
+const char programHelp[] =
+    "Examples:\n"
+    "  quillet-offline sample practice.img            a practice installation, to try things on\n"
+    "  quillet-offline info practice.img              what is on it\n"
+    "  quillet-offline run practice.img -- -s         quillet on it; -s changes nothing\n"
+    "\n"
+    "\"quillet-offline COMMAND --help\" tells more about a command.";
+
+struct Prepared {
+    const Command* command;
+    CLI::App* app;
+    Runner run;
+};
+
+struct CommandLine {
+    CLI::App app{"Prepares, shows and changes Windows installations on disk images and block devices.",
+                 "quillet-offline"};
+    std::vector<Prepared> prepared;
+};
+
+void declare(CommandLine& line) {
+    line.app.set_version_flag("--version", std::string("quillet-offline ") + QUILLET_VERSION,
+                              "Print the version and exit");
+    line.app.set_help_flag("-h,--help", "Print this help and exit");
+    line.app.require_subcommand(1);
+    line.app.footer(programHelp);
+    for (const Command* command : commands) {
+        CLI::App* app = line.app.add_subcommand(command->name, command->summary);
+        app->footer(command->help);
+        line.prepared.push_back({command, app, command->prepare(*app)});
+    }
+}
+
+int runChosen(const CommandLine& line, const std::vector<std::string>& rest, bool restGiven) {
+    for (const Prepared& prepared : line.prepared) {
+        if (!prepared.app->parsed()) continue;
+        if (restGiven && !prepared.command->takesRest) {
+            throw Failure{std::string(prepared.command->name) + " takes no arguments behind \"--\"; see \"" +
+                          "quillet-offline " + prepared.command->name + " --help\""};
+        }
+        return prepared.run(rest);
+    }
+    return exitFailed;
+}
+
+/* The library's text in the form of this program's errors: one line. */
+std::string usageError(const CLI::ParseError& error) {
+    std::string text = error.what();
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    if (!text.empty() && text.back() == '.') text.pop_back();
+    return text + "; see \"quillet-offline --help\"";
+}
+
+int runCommandLine(std::vector<std::string> arguments) {
+    std::vector<std::string> rest;
+    const auto split = std::find(arguments.begin(), arguments.end(), "--");
+    const bool restGiven = split != arguments.end();
+    if (restGiven) rest.assign(split + 1, arguments.end());
+    arguments.erase(split, arguments.end());
+    std::reverse(arguments.begin(), arguments.end()); /* as the library wants them */
+
+    CommandLine line;
+    declare(line);
+    try {
+        line.app.parse(arguments);
+    } catch (const CLI::Success& asked) { /* help or the version */
+        return line.app.exit(asked);
+    } catch (const CLI::ParseError& error) {
+        throw Failure{usageError(error)};
+    }
+    return runChosen(line, rest, restGiven);
+}
+
+} /* namespace */
+} /* namespace companion */
+
+int main(int argc, char** argv) {
+    int status = companion::exitFailed;
+    try {
+        status = companion::runCommandLine(std::vector<std::string>(argv + std::min(argc, 1), argv + argc));
+    } catch (const companion::Failure& failure) {
+        companion::say(failure.text);
+    } catch (const std::bad_alloc&) {
+        companion::say("out of memory; close other programs and try again");
+    } catch (const std::exception& failure) {
+        companion::say(failure.what());
+    }
+    if (fflush(stdout) != 0 || ferror(stdout) != 0) {
+        companion::say("standard output: can't be written; check where it leads to");
+        status = companion::exitFailed;
+    }
+    return status;
+}

@@ -1,0 +1,110 @@
+#include "companion/mkntfs.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "companion/failure.h"
+
+extern char** environ;
+
+namespace companion {
+namespace {
+
+/* On many systems it lies where only an administrator's PATH leads. */
+std::string findMkntfs() {
+    const char* path = getenv("PATH");
+    std::string directories = path == nullptr ? "/usr/bin:/bin" : path;
+    directories += ":/usr/local/sbin:/usr/sbin:/sbin";
+    for (size_t at = 0; at < directories.size();) {
+        const size_t end = std::min(directories.find(':', at), directories.size());
+        const std::string program = directories.substr(at, end - at) + "/mkntfs";
+        if (program.front() == '/' && access(program.c_str(), X_OK) == 0) return program;
+        at = end + 1;
+    }
+    throw Failure{"mkntfs: the program is not there; install the package ntfs-3g"};
+}
+
+struct SpawnActions {
+    posix_spawn_file_actions_t actions;
+    SpawnActions() { posix_spawn_file_actions_init(&actions); }
+    ~SpawnActions() { posix_spawn_file_actions_destroy(&actions); }
+    SpawnActions(const SpawnActions&) = delete;
+    SpawnActions& operator=(const SpawnActions&) = delete;
+};
+
+/* Starts the program with its two outputs on the pipe's writing end. */
+pid_t start(const std::string& program, const std::vector<const char*>& arguments, const int (&pipe)[2]) {
+    SpawnActions spawn;
+    posix_spawn_file_actions_addopen(&spawn.actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&spawn.actions, pipe[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&spawn.actions, pipe[1], STDERR_FILENO);
+    pid_t child = -1;
+    const int error = posix_spawn(&child, program.c_str(), &spawn.actions, nullptr,
+                                  const_cast<char* const*>(arguments.data()), environ);
+    if (error == 0) return child;
+    throw Failure{program + ": can't be started: " + strerror(error) + "; check the package ntfs-3g"};
+}
+
+/* All that comes out of the pipe, of which the first words are kept, on one line. */
+std::string drain(int pipe) {
+    constexpr size_t longest = 300;
+    std::string all;
+    char buffer[512];
+    for (;;) {
+        const ssize_t got = read(pipe, buffer, sizeof buffer);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) break;
+        all.append(buffer, static_cast<size_t>(got));
+        if (all.size() > longest) all.resize(longest);
+    }
+    for (char& letter : all) {
+        if (letter == '\n') letter = ' ';
+    }
+    while (!all.empty() && (all.back() == ' ' || all.back() == '.')) all.pop_back();
+    return all;
+}
+
+int statusOf(pid_t child) {
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0) {
+        if (errno != EINTR) return -1;
+    }
+    return status;
+}
+
+} /* namespace */
+
+void makeNtfs(const std::string& file, uint64_t startSector, const std::string& image) {
+    const std::string program = findMkntfs();
+    const std::string sector = std::to_string(startSector);
+    /* -F: a file will do; -Q: quickly; then the geometry that it can't ask a file for */
+    const std::vector<const char*> arguments = {"mkntfs", "-F",           "-Q", "-q",         "-s",   "512",
+                                                "-p",     sector.c_str(), "-H", "255",        "-S",   "63",
+                                                "-L",     "Practice",     "--", file.c_str(), nullptr};
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) throw Failure{image + ": " + strerror(errno) + "; close other programs"};
+    pid_t child = -1;
+    try {
+        child = start(program, arguments, ends);
+    } catch (...) {
+        close(ends[0]);
+        close(ends[1]);
+        throw;
+    }
+    close(ends[1]);
+    const std::string words = drain(ends[0]);
+    close(ends[0]);
+    const int status = statusOf(child);
+    if (status == 0) return;
+    throw Failure{image + ": mkntfs could not make a volume (" + words +
+                  "); check the room on the disk and --size"};
+}
+
+} /* namespace companion */

@@ -1,0 +1,165 @@
+/* sample: a practice installation on a new disk image. */
+#include <unistd.h>
+
+#include <cstdio>
+#include <memory>
+
+#include "companion/command.h"
+#include "companion/failure.h"
+#include "companion/image_file.h"
+#include "companion/machine.h"
+#include "companion/mkntfs.h"
+#include "companion/sample_files.h"
+#include "companion/whole_disk.h"
+#include "platform/offline/volume/disk.h"
+#include "platform/offline/volume/volume.h"
+
+namespace companion {
+namespace {
+
+using offline::PartitionTable;
+
+const char help[] =
+    "The image is an NTFS volume with the registry, profiles and files of a small Windows installation that\n"
+    "name the accounts of one machine in many ways; nothing on it can be started. Needs the program mkntfs\n"
+    "(package ntfs-3g). Prints the image, the machine's SID, and how many files and directories there are.\n"
+    "\n"
+    "Examples:\n"
+    "  quillet-offline sample practice.img\n"
+    "  quillet-offline sample disk.img --whole-disk gpt --size 256M --files 5000\n"
+    "  quillet-offline sample same.img --machine S-1-5-21-1111-2222-3333 --force";
+
+constexpr uint64_t mebibyte = 1 << 20;
+constexpr uint64_t smallestSize = 32 * mebibyte;
+constexpr uint64_t largestSize = uint64_t{1} << 40;
+constexpr uint64_t roomForFile = 4096; /* bytes: its record, its part of indexes and data */
+
+struct Options {
+    std::string image;
+    uint64_t size = 0; /* bytes; 0: as much as is needed */
+    PartitionTable table = PartitionTable::none;
+    bool force = false;
+    FilesWanted wanted{400, 60};
+    std::string machine; /* empty: a random one */
+};
+
+/* Whole mebibytes, so that partitions end where they should. */
+uint64_t imageSize(const Options& options) {
+    const uint64_t needed = 64 * mebibyte + options.wanted.files * roomForFile;
+    return (options.size != 0 ? options.size : needed) / mebibyte * mebibyte;
+}
+
+struct Extent {
+    uint64_t offset; /* bytes */
+    Bytes bytes;
+};
+
+bool allZero(const Bytes& bytes) {
+    for (const uint8_t byte : bytes) {
+        if (byte != 0) return false;
+    }
+    return true;
+}
+
+/* What a fresh volume holds that is not zero: little, however large it is. */
+std::vector<Extent> extentsOf(int file, const std::string& image) {
+    std::vector<Extent> extents;
+    constexpr size_t step = 64 * 1024;
+    off_t at = 0;
+    while ((at = lseek(file, at, SEEK_DATA)) >= 0) {
+        const auto start = static_cast<uint64_t>(at) / step * step;
+        Bytes bytes(step);
+        const ssize_t got = pread(file, bytes.data(), step, static_cast<off_t>(start));
+        if (got <= 0) throw Failure{image + ": can't be read back; check the disk that it is on"};
+        bytes.resize(static_cast<size_t>(got));
+        if (!allZero(bytes)) extents.push_back({start, std::move(bytes)});
+        at = static_cast<off_t>(start + step);
+    }
+    return extents;
+}
+
+/* Makes the volume alone, then moves it to its place on the disk. */
+void makeDisk(ImageFile& image, const Options& options, const Machine& machine) {
+    const uint64_t size = imageSize(options);
+    const bool whole = options.table != PartitionTable::none;
+    image.setSize(whole ? size - partitionStart - behindPartition : size);
+    makeNtfs(image.temporary, partitionStart / 512, image.wanted);
+    if (!whole) return;
+    const std::vector<Extent> volume = extentsOf(image.file, image.wanted);
+    image.setSize(0);
+    image.setSize(size);
+    for (const Extent& extent : volume) {
+        writeAll(image.file, partitionStart + extent.offset, extent.bytes, image.wanted);
+    }
+    writePartitionTable(image.file, size, options.table, machine, image.wanted);
+}
+
+void check(NTSTATUS status, const offline::Problem& problem, const std::string& image) {
+    if (status < 0) throw Failure{image + ": what was made can't be used (" + problem.text + "); try again"};
+}
+
+size_t fillDisk(const ImageFile& image, const Options& options, const Machine& machine) {
+    offline::Problem problem;
+    offline::DiskPtr disk;
+    std::vector<offline::Partition> partitions;
+    offline::VolumePtr volume;
+    check(offline::diskOpen(image.temporary, offline::DiskAccess::readWrite, disk, problem), problem,
+          image.wanted);
+    check(offline::diskPartitions(*disk, partitions, problem), problem, image.wanted);
+    check(offline::volumeOpen(*disk, partitions.at(0), volume, problem), problem, image.wanted);
+    const size_t entries =
+        fillVolume(*volume, machine, diskIdentity(options.table, machine), options.wanted, image.wanted);
+    if (offline::volumeClose(std::move(volume)) < 0 || offline::diskSync(*disk) < 0) {
+        throw Failure{image.wanted + ": could not be written whole; check the room on the disk"};
+    }
+    return entries;
+}
+
+/* An image that a run of quillet works on must not be replaced below it. */
+void refuseWhenInUse(const std::string& image) {
+    if (access(image.c_str(), F_OK) != 0) return;
+    offline::DiskPtr disk;
+    offline::Problem problem;
+    if (offline::diskOpen(image, offline::DiskAccess::readWrite, disk, problem) == STATUS_SHARING_VIOLATION) {
+        throw Failure{problem.text};
+    }
+}
+
+int sample(const Options& options) {
+    const Machine machine = options.machine.empty() ? randomMachine() : machineFromText(options.machine);
+    ImageFile image(options.image, options.force);
+    refuseWhenInUse(options.image);
+    makeDisk(image, options, machine);
+    const size_t entries = fillDisk(image, options, machine);
+    image.keep();
+    std::string sid(machine.sid.begin(), machine.sid.end());
+    printf("%s: machine SID %s, %zu entries\n", options.image.c_str(), sid.c_str(), entries);
+    return exitDone;
+}
+
+Runner prepare(CLI::App& app) {
+    auto options = std::make_shared<Options>();
+    const std::map<std::string, PartitionTable> tables = {{"mbr", PartitionTable::mbr},
+                                                          {"gpt", PartitionTable::gpt}};
+    app.add_option("IMAGE", options->image, "The file to be made")->required();
+    app.add_option("--size", options->size, "The image's size, such as 256M (by default what the files need)")
+        ->transform(CLI::AsSizeValue(false) & CLI::Range(smallestSize, largestSize));
+    app.add_option("--whole-disk", options->table, "A whole disk with this partition table: mbr or gpt")
+        ->transform(CLI::CheckedTransformer(tables, CLI::ignore_case).description(""))
+        ->type_name("mbr|gpt");
+    app.add_flag("--force", options->force, "Replace the file when it is there");
+    app.add_option("--files", options->wanted.files, "How many ordinary files (400)")
+        ->check(CLI::Range(0, 1000000));
+    app.add_option("--descriptors", options->wanted.descriptors,
+                   "How many different security descriptors among them (60)")
+        ->check(CLI::Range(1, 100000));
+    app.add_option("--machine", options->machine, "The machine's SID (a random one)")->type_name("SID");
+    return [options](const std::vector<std::string>&) { return sample(*options); };
+}
+
+} /* namespace */
+
+const Command sampleCommand = {"sample", "Make a practice installation on a new disk image", help, prepare,
+                               false};
+
+} /* namespace companion */

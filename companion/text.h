@@ -1,0 +1,26 @@
+/* Numbers, sizes and statuses as text. */
+#ifndef QUILLET_COMPANION_TEXT_H
+#define QUILLET_COMPANION_TEXT_H
+
+#include <cstdint>
+#include <string>
+
+#include "platform/nt.h"
+
+namespace companion {
+
+std::u16string decimal(uint32_t number);
+
+/* At least this many digits, in capital hexadecimal or in decimal. */
+std::u16string hexadecimal(uint32_t number, size_t digits);
+std::u16string paddedDecimal(uint32_t number, size_t digits);
+
+/* "96.0 MiB" */
+std::string sizeText(uint64_t bytes);
+
+/* "status 0xC0000034", for what has no words of its own. */
+std::string statusText(NTSTATUS status);
+
+} /* namespace companion */
+
+#endif

@@ -1,0 +1,50 @@
+#include "platform/offline/files/drives.h"
+
+#include <array>
+#include <new>
+
+#include "platform/offline/files/drive_path.h"
+#include "platform/offline/files/look_up.h"
+#include "platform/offline/files/searches.h"
+#include "platform/offline/files/volume_handle.h"
+
+namespace offline {
+namespace {
+
+std::array<Volume*, 26> volumes;
+
+/* 0 to 25; the letter is one. */
+size_t driveIndex(char16_t letter) {
+    return static_cast<size_t>((letter | 0x20) - u'a');
+}
+
+} /* namespace */
+
+void driveSet(char letter, Volume& volume) {
+    const auto unit = static_cast<char16_t>(letter);
+    if (isDriveLetter(unit)) volumes[driveIndex(unit)] = &volume;
+}
+
+Volume* driveVolume(char16_t letter) {
+    return isDriveLetter(letter) ? volumes[driveIndex(letter)] : nullptr;
+}
+
+void drivesReset() {
+    volumes.fill(nullptr);
+    searchesEnd();
+    lookUpForget();
+    volumeHandlesEnd();
+}
+
+NTSTATUS driveFind(std::u16string_view path, Volume*& volume, FileRef& file) {
+    try {
+        DrivePath parsed;
+        const NTSTATUS status = lookUp(path, parsed, file);
+        volume = parsed.volume;
+        return status;
+    } catch (const std::bad_alloc&) {
+        return STATUS_NO_MEMORY;
+    }
+}
+
+} /* namespace offline */

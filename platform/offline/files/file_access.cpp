@@ -1,0 +1,18 @@
+#include "platform/offline/files/file_access.h"
+
+#include <span>
+
+#include "platform/offline/security/security.h"
+
+namespace offline {
+
+NTSTATUS fileAccess(Volume& volume, FileRef file, ACCESS_MASK desired) {
+    if (accessMode() == AccessMode::unrefused) return STATUS_SUCCESS;
+    std::span<const uint8_t> descriptor;
+    const NTSTATUS status = volumeDescriptor(volume, file, descriptor);
+    if (status < 0) return status;
+    ACCESS_MASK granted = 0;
+    return accessCheck(descriptor, desired, fileMapping, granted);
+}
+
+} /* namespace offline */

@@ -1,0 +1,20 @@
+/* What a file's descriptor lets the token do. */
+#ifndef QUILLET_OFFLINE_FILES_FILE_ACCESS_H
+#define QUILLET_OFFLINE_FILES_FILE_ACCESS_H
+
+#include "platform/nt.h"
+#include "platform/offline/volume/volume.h"
+
+namespace offline {
+
+/* Rights of files that no caller names. */
+constexpr ACCESS_MASK fileListDirectory = 0x0001;
+constexpr ACCESS_MASK fileReadAttributes = 0x0080;
+
+/* For rights other than ACCESS_SYSTEM_SECURITY. Where descriptors refuse nothing the descriptor isn't even
+ * read. */
+NTSTATUS fileAccess(Volume& volume, FileRef file, ACCESS_MASK desired);
+
+} /* namespace offline */
+
+#endif

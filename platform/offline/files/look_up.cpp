@@ -1,0 +1,61 @@
+#include "platform/offline/files/look_up.h"
+
+#include <cstring>
+
+#include "platform/offline/files/searches.h"
+
+namespace offline {
+namespace {
+
+struct Found {
+    Volume* volume = nullptr;
+    std::u16string relative;
+    FileRef file = 0;
+};
+
+Found lastFound;
+
+} /* namespace */
+
+bool sameText(std::u16string_view left, std::u16string_view right) {
+    return left.size() == right.size() &&
+           memcmp(left.data(), right.data(), left.size() * sizeof(char16_t)) == 0;
+}
+
+NTSTATUS lookUpRelative(Volume& volume, std::u16string_view relative, FileRef& file) {
+    if (relative.empty()) {
+        file = rootDirectory;
+        return STATUS_SUCCESS;
+    }
+    if (searchesKnow(volume, relative, file)) return STATUS_SUCCESS;
+    if (lastFound.volume == &volume && sameText(lastFound.relative, relative)) {
+        file = lastFound.file;
+        return STATUS_SUCCESS;
+    }
+    NTSTATUS status = checkComponents(relative);
+    if (status < 0) return status;
+    status = volumeFind(volume, relative, file);
+    if (status < 0) return status;
+    lastFound.volume = nullptr; /* while the text is being replaced */
+    lastFound.relative = relative;
+    lastFound.file = file;
+    lastFound.volume = &volume;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS lookUp(std::u16string_view path, DrivePath& parsed, FileRef& file) {
+    NTSTATUS status = parseDrivePath(path, parsed);
+    if (status < 0) return status;
+    status = lookUpRelative(*parsed.volume, parsed.relative, file);
+    if (status < 0 || !parsed.directoryOnly) return status;
+    FileInfo info = {};
+    status = volumeFileInfo(*parsed.volume, file, info);
+    if (status < 0) return status;
+    return (info.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? STATUS_SUCCESS : STATUS_OBJECT_NAME_INVALID;
+}
+
+void lookUpForget() {
+    lastFound = {};
+}
+
+} /* namespace offline */

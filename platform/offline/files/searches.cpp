@@ -1,0 +1,301 @@
+#include "platform/offline/files/searches.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "platform/offline/base/handles.h"
+#include "platform/offline/base/status.h"
+#include "platform/offline/base/system_needed.h"
+#include "platform/offline/base/text.h"
+#include "platform/offline/files/file_access.h"
+#include "platform/offline/files/look_up.h"
+#include "platform/offline/files/wildcard.h"
+
+namespace offline {
+namespace {
+
+constexpr size_t none = SIZE_MAX;
+
+/* Listings larger than this are given back at the end of their search, smaller ones serve the next search. */
+constexpr size_t entriesKept = 4096;
+
+struct Search {
+    Volume* volume = nullptr; /* null once the volumes have gone */
+    std::u16string directory; /* as DrivePath::relative */
+    FileRef directoryFile = 0;
+    FileInfo directoryInfo = {};
+    std::u16string pattern; /* empty: every name */
+    DirectoryListing listing;
+    size_t next = 0;         /* into listing.entries */
+    size_t delivered = none; /* into listing.entries */
+    int dotsLeft = 0;        /* of "." and ".." */
+};
+
+std::vector<Search*> openSearches; /* the latest last; their handles own them */
+std::vector<std::unique_ptr<Search>> idleSearches;
+
+/* ---- Making and giving back ---- */
+
+/* Takes a search that has room already, if there is one. The caller has it listed as open by enlist. */
+std::unique_ptr<Search> takeSearch() {
+    if (idleSearches.empty()) return std::make_unique<Search>();
+    std::unique_ptr<Search> search = std::move(idleSearches.back());
+    idleSearches.pop_back();
+    search->next = 0;
+    search->delivered = none;
+    search->dotsLeft = 0;
+    search->pattern.clear();
+    return search;
+}
+
+void keepSearch(std::unique_ptr<Search> search) {
+    if (search->listing.entries.capacity() > entriesKept) search->listing = {};
+    try {
+        idleSearches.push_back(std::move(search));
+    } catch (const std::bad_alloc&) {  // then it is freed
+    }
+}
+
+void closeSearch(void* object) {
+    std::unique_ptr<Search> search(static_cast<Search*>(object));
+    const auto place = std::find(openSearches.rbegin(), openSearches.rend(), search.get());
+    if (place != openSearches.rend()) openSearches.erase(std::next(place).base());
+    if (search->volume != nullptr) keepSearch(std::move(search));
+}
+
+const HandleType searchType = {closeSearch};
+
+NTSTATUS enlist(std::unique_ptr<Search> search, HANDLE& handle) {
+    openSearches.push_back(search.get());
+    handle = handleMake(searchType, search.get());
+    if (handle == nullptr) {
+        openSearches.pop_back();
+        return STATUS_NO_MEMORY;
+    }
+    static_cast<void>(search.release());  // the handle owns it
+    return STATUS_SUCCESS;
+}
+
+/* ---- What was delivered ---- */
+
+bool searchKnows(const Search& search, const Volume& volume, std::u16string_view relative) {
+    if (search.delivered == none || search.volume != &volume) return false;
+    const std::u16string_view name = search.listing.name(search.listing.entries[search.delivered]);
+    const size_t head = search.directory.empty() ? 0 : search.directory.size() + 1;
+    if (relative.size() != head + name.size() || !sameText(relative.substr(head), name)) return false;
+    return head == 0 ||
+           (relative[head - 1] == u'\\' && sameText(relative.substr(0, head - 1), search.directory));
+}
+
+/* A damaged volume can have a directory below itself, and then a walk would not end. */
+bool belowItself(const Search& search) {
+    return std::any_of(openSearches.begin(), openSearches.end(), [&](const Search* above) {
+        return above->directoryFile == search.directoryFile && above->volume == search.volume &&
+               search.directory.size() > above->directory.size() &&
+               search.directory.starts_with(above->directory) &&
+               (above->directory.empty() || search.directory[above->directory.size()] == u'\\');
+    });
+}
+
+/* ---- Records ---- */
+
+FILETIME fileTime(uint64_t time) {
+    return {static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
+}
+
+void fillRecord(std::u16string_view name, const FileInfo& info, WIN32_FIND_DATAW& record) {
+    record.dwFileAttributes = info.attributes == 0 ? FILE_ATTRIBUTE_NORMAL : info.attributes;
+    record.ftCreationTime = fileTime(info.created);
+    record.ftLastAccessTime = fileTime(info.lastAccessed);
+    record.ftLastWriteTime = fileTime(info.lastWritten);
+    record.nFileSizeHigh = static_cast<DWORD>(info.size >> 32);
+    record.nFileSizeLow = static_cast<DWORD>(info.size);
+    record.dwReserved0 = info.reparseTag;
+    record.dwReserved1 = 0;
+    const size_t length = std::min<size_t>(name.size(), MAX_PATH - 1);
+    memcpy(record.cFileName, name.data(), length * sizeof(WCHAR));
+    record.cFileName[length] = 0;
+    record.cAlternateFileName[0] = 0;
+}
+
+/* An entry whose own record can't be read is delivered with what the directory knows of it: the walk then
+ * meets the trouble under the entry's name. */
+FileInfo entryInfo(const Search& search, const DirectoryEntry& entry) {
+    FileInfo info = {};
+    if (volumeFileInfo(*search.volume, entry.file, info) >= 0) return info;
+    info = {};
+    if (entry.directory) info.attributes |= FILE_ATTRIBUTE_DIRECTORY;
+    if (entry.reparse) info.attributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+    return info;
+}
+
+/* A name that no terminated path can spell is passed over. */
+bool wanted(const Search& search, std::u16string_view name) {
+    if (name.empty() || name.find(u'\0') != name.npos) return false;
+    return search.pattern.empty() || matches(search.pattern, name);
+}
+
+/* "." and ".." both have the directory's own record; nothing looks at the parent's. */
+NTSTATUS deliverNext(Search& search, WIN32_FIND_DATAW& record) {
+    if (search.dotsLeft > 0) {
+        fillRecord(search.dotsLeft == 2 ? u"." : u"..", search.directoryInfo, record);
+        search.dotsLeft--;
+        return STATUS_SUCCESS;
+    }
+    while (search.next < search.listing.entries.size()) {
+        const DirectoryEntry& entry = search.listing.entries[search.next++];
+        const std::u16string_view name = search.listing.name(entry);
+        if (!wanted(search, name)) continue;
+        search.delivered = search.next - 1;
+        fillRecord(name, entryInfo(search, entry), record);
+        return STATUS_SUCCESS;
+    }
+    search.delivered = none;
+    return STATUS_NO_MORE_FILES;
+}
+
+/* ---- Beginning a search ---- */
+
+/* Splits a pattern into the directory, taken apart, and what is looked for in it. Only a last component
+ * without wildcards takes part in normalisation. */
+NTSTATUS parsePattern(std::u16string_view pattern, DrivePath& directory, std::u16string_view& name) {
+    const size_t separator = pathLiteral(pattern) ? pattern.rfind(u'\\') : pattern.find_last_of(u"\\/");
+    name = pattern.substr(separator == pattern.npos ? 0 : separator + 1);
+    if (hasWildcard(name)) return parseDrivePath(pattern.substr(0, pattern.size() - name.size()), directory);
+
+    const NTSTATUS status = parseDrivePath(pattern, directory);
+    if (status < 0) return status;
+    if (directory.relative.empty() || directory.directoryOnly) return STATUS_NO_SUCH_FILE;
+    const size_t last = directory.relative.rfind(u'\\');
+    name = directory.relative.substr(last == directory.relative.npos ? 0 : last + 1);
+    directory.relative = directory.relative.substr(0, last == directory.relative.npos ? 0 : last);
+    return STATUS_SUCCESS;
+}
+
+/* Opens the directory for listing. A reparse point leads elsewhere, and that isn't to be had here. */
+NTSTATUS openDirectory(const DrivePath& path, Search& search) {
+    search.volume = path.volume;
+    search.directory = path.relative;
+    NTSTATUS status = lookUpRelative(*path.volume, path.relative, search.directoryFile);
+    if (status == STATUS_OBJECT_NAME_NOT_FOUND) return STATUS_OBJECT_PATH_NOT_FOUND;
+    if (status < 0) return status;
+    status = volumeFileInfo(*path.volume, search.directoryFile, search.directoryInfo);
+    if (status < 0) return status;
+    if ((search.directoryInfo.attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0)
+        return STATUS_OBJECT_PATH_NOT_FOUND;
+    if ((search.directoryInfo.attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) return STATUS_NOT_A_DIRECTORY;
+    if (belowItself(search)) return STATUS_FILE_CORRUPT_ERROR;
+    status = fileAccess(*path.volume, search.directoryFile, fileListDirectory);
+    if (status < 0) return status;
+    return volumeList(*path.volume, search.directoryFile, search.listing);
+}
+
+/* Leaves the one entry in the listing that look-up takes the name for; by its short name too. */
+NTSTATUS pickEntry(Search& search, std::u16string_view name) {
+    FileRef file = 0;
+    const NTSTATUS status = volumeLookUp(*search.volume, search.directoryFile, name, file);
+    if (status == STATUS_OBJECT_NAME_NOT_FOUND) return STATUS_NO_SUCH_FILE;
+    if (status < 0) return status;
+    std::vector<DirectoryEntry>& entries = search.listing.entries;
+    auto picked = entries.end();
+    for (auto entry = entries.begin(); entry != entries.end(); ++entry) {
+        if (entry->file != file) continue;
+        const bool byThisName = equalFolded(search.listing.name(*entry), name);
+        if (picked == entries.end() || byThisName) picked = entry;
+        if (byThisName) break;
+    }
+    if (picked == entries.end()) return STATUS_NO_SUCH_FILE;
+    entries = {*picked};
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS beginSearch(LPCWSTR pattern, Search& search, WIN32_FIND_DATAW& record) {
+    std::u16string_view text;
+    NTSTATUS status = pathText(pattern, text);
+    if (status < 0) return status;
+    DrivePath path;
+    std::u16string_view name;
+    status = parsePattern(text, path, name);
+    if (status < 0) return status;
+    status = openDirectory(path, search);
+    if (status < 0) return status;
+    if (!hasWildcard(name)) {
+        status = pickEntry(search, name);
+    } else if (matchesAll(name)) {
+        search.dotsLeft = path.relative.empty() ? 0 : 2;
+    } else {
+        search.pattern = name;
+    }
+    if (status < 0) return status;
+    status = deliverNext(search, record);
+    return status == STATUS_NO_MORE_FILES ? STATUS_NO_SUCH_FILE : status;
+}
+
+NTSTATUS findFirst(LPCWSTR pattern, WIN32_FIND_DATAW* record, HANDLE& handle) {
+    NTSTATUS status = systemNeeded();
+    if (status < 0) return status;
+    if (record == nullptr) return STATUS_INVALID_PARAMETER;
+    try {
+        std::unique_ptr<Search> search = takeSearch();
+        status = beginSearch(pattern, *search, *record);
+        if (status >= 0) return enlist(std::move(search), handle);
+        keepSearch(std::move(search));
+        return status;
+    } catch (const std::bad_alloc&) {
+        return STATUS_NO_MEMORY;
+    }
+}
+
+NTSTATUS findNext(HANDLE handle, WIN32_FIND_DATAW* record) {
+    const NTSTATUS status = systemNeeded();
+    if (status < 0) return status;
+    if (record == nullptr) return STATUS_INVALID_PARAMETER;
+    auto* search = static_cast<Search*>(handleObject(handle, searchType));
+    if (search == nullptr) return STATUS_INVALID_HANDLE;
+    return search->volume == nullptr ? STATUS_NO_MORE_FILES : deliverNext(*search, *record);
+}
+
+} /* namespace */
+
+bool searchesKnow(const Volume& volume, std::u16string_view relative, FileRef& file) {
+    for (auto place = openSearches.rbegin(); place != openSearches.rend(); ++place) {
+        const Search& search = **place;
+        if (!searchKnows(search, volume, relative)) continue;
+        file = search.listing.entries[search.delivered].file;
+        return true;
+    }
+    return false;
+}
+
+void searchesEnd() {
+    for (Search* search : openSearches) {
+        search->volume = nullptr;
+        search->delivered = none;
+        search->listing = {};
+    }
+    idleSearches.clear();
+}
+
+} /* namespace offline */
+
+HANDLE FindFirstFileW(LPCWSTR pattern, LPWIN32_FIND_DATAW record) {
+    HANDLE handle = nullptr;
+    return offline::booleanResult(offline::findFirst(pattern, record, handle)) ? handle
+                                                                               : INVALID_HANDLE_VALUE;
+}
+
+BOOL FindNextFileW(HANDLE search, LPWIN32_FIND_DATAW record) {
+    return offline::booleanResult(offline::findNext(search, record));
+}
+
+BOOL FindClose(HANDLE search) {
+    if (offline::handleObject(search, offline::searchType) == nullptr) {
+        return offline::booleanResult(STATUS_INVALID_HANDLE);
+    }
+    return offline::booleanResult(offline::handleClose(search) ? STATUS_SUCCESS : STATUS_INVALID_HANDLE);
+}

@@ -1,0 +1,40 @@
+/* What making a key is made of, for a new hive's root and for a new subkey. */
+#ifndef QUILLET_OFFLINE_HIVE_KEYS_H
+#define QUILLET_OFFLINE_HIVE_KEYS_H
+
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "platform/offline/hive/descriptors.h"
+#include "platform/offline/hive/image.h"
+
+namespace offline {
+
+struct NewKey {
+    std::u16string_view name;
+    std::span<const uint8_t> classText;
+    DescriptorUse descriptor;
+    uint16_t flags = 0; /* but for the form of the name */
+};
+
+inline bool validDescriptor(std::span<const uint8_t> descriptor) {
+    return !descriptor.empty() && descriptor.size() <= longestDescriptor;
+}
+
+/* The room that storeKey needs. */
+uint64_t newKeyGrowth(const NewKey& fresh);
+
+/* Stores a key that has nothing below it and that nothing leads to yet. Needs that room made before; throws
+ * std::bad_alloc and has changed nothing then. */
+Cell storeKey(Hive& hive, Cell parent, const NewKey& fresh, uint64_t time);
+
+/* How many values the key in this data has. */
+uint32_t valueCount(std::span<const uint8_t> key);
+
+/* Gives back all values of a key that is going away. */
+void releaseValues(Hive& hive, Cell key);
+
+} /* namespace offline */
+
+#endif

@@ -1,0 +1,55 @@
+/* Names of keys and values as they are stored: Latin-1 where every character allows it, else UTF-16. */
+#ifndef QUILLET_OFFLINE_HIVE_NAMES_H
+#define QUILLET_OFFLINE_HIVE_NAMES_H
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "platform/offline/hive/format.h"
+
+namespace offline {
+
+struct StoredName {
+    std::span<const uint8_t> bytes;
+    bool latin = true;
+
+    size_t length() const { return latin ? bytes.size() : bytes.size() / sizeof(char16_t); }
+    char16_t operator[](size_t i) const {
+        return latin ? bytes[i] : regf::load<char16_t>(bytes.data() + i * sizeof(char16_t));
+    }
+};
+
+/* The names in the data of a key's and of a value's cell. */
+inline StoredName keyName(std::span<const uint8_t> key) {
+    return {key.subspan(regf::nk::name, get(key, regf::nk::nameLength)),
+            (get(key, regf::nk::flags) & regf::nk::latinName) != 0};
+}
+inline StoredName valueName(std::span<const uint8_t> value) {
+    return {value.subspan(regf::vk::name, get(value, regf::vk::nameLength)),
+            (get(value, regf::vk::flags) & regf::vk::latinName) != 0};
+}
+
+/* As the platform orders names; below, at or above 0. */
+int compareNames(const StoredName& left, const StoredName& right);
+int compareNames(const StoredName& left, std::u16string_view right);
+
+/* The hash that an "lh" list holds. */
+uint32_t nameHash(const StoredName& name);
+
+/* What an "lf" list holds: the first four characters when all of them are Latin-1. */
+uint32_t nameHint(const StoredName& name);
+
+void copyName(const StoredName& name, char16_t* out);
+
+/* How a name is to be stored, and its size then in bytes. */
+bool fitsLatin(std::u16string_view name);
+size_t storedSize(std::u16string_view name);
+
+/* Stores it in storedSize bytes. */
+void storeName(std::u16string_view name, uint8_t* out);
+
+} /* namespace offline */
+
+#endif

@@ -1,0 +1,52 @@
+/* The sorted lists of a key's subkeys: one leaf, or an "ri" over leaves. */
+#ifndef QUILLET_OFFLINE_HIVE_SUBKEYS_H
+#define QUILLET_OFFLINE_HIVE_SUBKEYS_H
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "platform/offline/hive/image.h"
+
+namespace offline {
+
+struct Leaf {
+    std::span<const uint8_t> data;
+    uint16_t kind = 0; /* li, lf or lh; of anything else there is no more to know */
+    uint32_t count = 0;
+    size_t entrySize = 0; /* bytes */
+
+    Cell child(uint32_t i) const { return regf::load<Cell>(entry(i)); }
+    const uint8_t* entry(uint32_t i) const { return data.data() + regf::list::entries + i * entrySize; }
+    uint32_t hint(uint32_t i) const { return regf::load<uint32_t>(entry(i) + sizeof(Cell)); } /* lf, lh */
+};
+
+/* What a list's cell says; its entries must be counted against the cell before they are read. */
+Leaf readLeaf(std::span<const uint8_t> data);
+
+/* Where a subkey of some name is, or would be. */
+struct SubkeyPlace {
+    bool found = false;
+    Cell child = noCell;
+    Cell leaf = noCell;
+    uint32_t leafNumber = 0; /* in the ri */
+    uint32_t position = 0;   /* in the leaf */
+};
+
+/* list is the list's cell, or noCell for the list of a key without subkeys. */
+SubkeyPlace findSubkey(const Hive& hive, Cell list, std::u16string_view name);
+
+/* The subkey at an index below the list's count. */
+Cell subkeyAt(const Hive& hive, Cell list, uint32_t index);
+
+/* The room that inserting at this place needs. */
+uint64_t insertGrowth(const Hive& hive, Cell list, const SubkeyPlace& place);
+
+/* Insert needs that room made before. Both give the list's cell as it is from then on. */
+Cell insertSubkey(Hive& hive, Cell list, SubkeyPlace place, Cell child);
+Cell removeSubkey(Hive& hive, Cell list, const SubkeyPlace& place);
+
+} /* namespace offline */
+
+#endif

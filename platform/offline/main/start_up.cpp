@@ -1,0 +1,48 @@
+/* The start of the offline program: UTF-8 arguments to wmain, the installation's end, and the exit status. */
+#include <cstdio>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "platform/nt.h"
+#include "platform/offline/base/text.h"
+#include "platform/offline/system/system.h"
+
+namespace {
+
+/* Says why the installation could not be opened, or could not be closed well; the latter makes a failure of
+ * the run. */
+int endSystem(int status) {
+    offline::Problem closing;
+    const NTSTATUS closed = offline::systemClose(closing);
+    const offline::Problem& opening = offline::systemProblem();
+    if (opening.status < 0) fprintf(stderr, "quillet: %s\n", opening.text.c_str());
+    if (closed >= 0) return status;
+    fprintf(stderr, "quillet: %s\n", closing.text.c_str());
+    return status != 0 ? status : static_cast<int>(RtlNtStatusToDosError(closed));
+}
+
+/* A process has 8 bits for its status. What does not fit is told in full, and is never 0. */
+int exitStatus(int status) {
+    if (status >= 0 && status <= 255) return status;
+    fprintf(stderr, "quillet: the run's full exit status is %d (0x%08X)\n", status,
+            static_cast<unsigned>(status));
+    const int low = status & 0xFF;
+    return low == 0 ? 255 : low;
+}
+
+} /* namespace */
+
+int main(int argc, char** argv) try {
+    std::vector<std::u16string> texts;
+    for (int i = 0; i < argc; i++) texts.push_back(offline::toUtf16(argv[i]));
+    std::vector<WCHAR*> arguments;
+    for (std::u16string& text : texts) arguments.push_back(text.data());
+    arguments.push_back(nullptr);
+    offline::systemStart();
+    const int status = wmain(argc, arguments.data(), nullptr);
+    return exitStatus(endSystem(status));
+} catch (const std::exception& failure) {
+    fprintf(stderr, "quillet: %s\n", failure.what());
+    return 255;
+}

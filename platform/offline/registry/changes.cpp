@@ -1,0 +1,66 @@
+/* ZwSetValueKey, ZwDeleteKey, ZwFlushKey. */
+#include "platform/offline/registry/changes.h"
+
+#include <cstdint>
+#include <span>
+
+#include "platform/offline/base/text.h"
+#include "platform/offline/registry/attached.h"
+#include "platform/offline/registry/keys.h"
+#include "platform/offline/registry/links.h"
+#include "platform/offline/registry/mounts.h"
+#include "platform/offline/registry/resolve.h"
+
+namespace offline {
+namespace {
+
+/* A link key holds its target and nothing else. */
+NTSTATUS checkLinkValue(const Place& key, std::u16string_view name, ULONG type) {
+    HiveKey info;
+    const NTSTATUS status = hiveKey(*key.mount->hive, key.cell, info);
+    if (status < 0 || (info.flags & HIVE_KEY_LINK) == 0) return status;
+    return type == REG_LINK && equalFolded(name, linkValueName) ? STATUS_SUCCESS : STATUS_ACCESS_DENIED;
+}
+
+NTSTATUS deletePlace(const Place& key) {
+    if (!attachedBelow(key).empty()) return STATUS_CANNOT_DELETE;
+    if (isMemoryLink(key)) {
+        markDeleted(key);
+        removeLink(key);
+        return STATUS_SUCCESS;
+    }
+    const NTSTATUS status = hiveDeleteKey(*key.mount->hive, key.cell, timeNow());
+    if (status >= 0) markDeleted(key);
+    return status;
+}
+
+} /* namespace */
+
+NTSTATUS setValue(const Place& key, std::u16string_view name, ULONG type, const void* data, size_t size) {
+    if (name.size() > longestValueName || (data == nullptr && size != 0)) return STATUS_INVALID_PARAMETER;
+    const NTSTATUS status = checkLinkValue(key, name, type);
+    if (status < 0) return status;
+    const std::span bytes(static_cast<const uint8_t*>(data), size);
+    return hiveSetValue(*key.mount->hive, key.cell, name, type, bytes, timeNow());
+}
+
+} /* namespace offline */
+
+NTSTATUS ZwSetValueKey(HANDLE key, PUNICODE_STRING name, ULONG /* titleIndex */, ULONG type, PVOID data,
+                       ULONG size) {
+    offline::Place place;
+    const NTSTATUS status = offline::useKey(key, KEY_SET_VALUE, place);
+    return status < 0 ? status : offline::setValue(place, offline::view(name), type, data, size);
+}
+
+NTSTATUS ZwDeleteKey(HANDLE key) {
+    offline::Place place;
+    const NTSTATUS status = offline::useKey(key, DELETE, place);
+    return status < 0 ? status : offline::deletePlace(place);
+}
+
+NTSTATUS ZwFlushKey(HANDLE key) {
+    offline::Place place;
+    const NTSTATUS status = offline::useKey(key, 0, place);
+    return status < 0 ? status : offline::saveMount(*place.mount);
+}

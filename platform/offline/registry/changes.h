@@ -1,0 +1,18 @@
+/* Changing keys, as the native and the Win32 calls do it. */
+#ifndef QUILLET_OFFLINE_REGISTRY_CHANGES_H
+#define QUILLET_OFFLINE_REGISTRY_CHANGES_H
+
+#include <cstddef>
+#include <string_view>
+
+#include "platform/nt.h"
+#include "platform/offline/registry/namespace.h"
+
+namespace offline {
+
+/* Sets or makes a value; size in bytes. STATUS_ACCESS_DENIED on a link key for anything but its target. */
+NTSTATUS setValue(const Place& key, std::u16string_view name, ULONG type, const void* data, size_t size);
+
+} /* namespace offline */
+
+#endif

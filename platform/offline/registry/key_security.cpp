@@ -1,0 +1,58 @@
+/* RegGetKeySecurity and RegSetKeySecurity. */
+#include <cstdint>
+#include <cstring>
+#include <span>
+#include <vector>
+
+#include "platform/offline/registry/guard.h"
+#include "platform/offline/registry/keys.h"
+#include "platform/offline/security/security.h"
+
+namespace offline {
+namespace {
+
+std::span<const uint8_t> storedDescriptor(const Place& key) {
+    return hiveKeyDescriptor(*key.mount->hive, key.cell);
+}
+
+NTSTATUS getSecurity(HKEY key, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR descriptor,
+                     DWORD& size) {
+    Place place;
+    std::vector<uint8_t> image;
+    NTSTATUS status = useRegKey(key, accessToQuery(information), place);
+    if (status >= 0) status = descriptorQuery(storedDescriptor(place), information, image);
+    if (status < 0) return status;
+    const DWORD room = size;
+    size = static_cast<DWORD>(image.size());
+    if (room < image.size() || descriptor == nullptr) return STATUS_BUFFER_TOO_SMALL;
+    memcpy(descriptor, image.data(), image.size());
+    return STATUS_SUCCESS;
+}
+
+/* A stored descriptor that is not valid is refused by the security room, unless the given one takes its place
+ * whole: nothing is built upon it. */
+NTSTATUS setSecurity(HKEY key, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR descriptor) {
+    Place place;
+    std::vector<uint8_t> image;
+    NTSTATUS status = useRegKey(key, accessToSet(information), place);
+    if (status >= 0) status = descriptorSet(storedDescriptor(place), information, descriptor, image);
+    return status < 0 ? status : hiveSetKeyDescriptor(*place.mount->hive, place.cell, image, timeNow());
+}
+
+} /* namespace */
+} /* namespace offline */
+
+LSTATUS RegGetKeySecurity(HKEY key, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR descriptor,
+                          LPDWORD size) {
+    if (size == nullptr) return ERROR_INVALID_PARAMETER;
+    const NTSTATUS status =
+        offline::guarded([&] { return offline::getSecurity(key, information, descriptor, *size); });
+    return static_cast<LSTATUS>(RtlNtStatusToDosError(status));
+}
+
+LSTATUS RegSetKeySecurity(HKEY key, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR descriptor) {
+    if (descriptor == nullptr) return ERROR_INVALID_PARAMETER;
+    const NTSTATUS status =
+        offline::guarded([&] { return offline::setSecurity(key, information, descriptor); });
+    return static_cast<LSTATUS>(RtlNtStatusToDosError(status));
+}

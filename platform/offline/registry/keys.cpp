@@ -1,0 +1,129 @@
+#include "platform/offline/registry/keys.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <memory>
+
+#include "platform/offline/base/handles.h"
+#include "platform/offline/base/system_needed.h"
+#include "platform/offline/registry/guard.h"
+#include "platform/offline/security/security.h"
+
+namespace offline {
+namespace {
+
+/* What all handles on one key share. */
+struct OpenKey {
+    Place place; /* the mount is null when the key has been deleted */
+    size_t handles = 0;
+    OpenKey* next = nullptr; /* in its bucket */
+};
+
+/* What a handle stands for. */
+struct KeyHandle {
+    OpenKey* key;
+    ACCESS_MASK granted;
+};
+
+/* The keys that are open and not deleted, by place, in chains. Only a few are open at a time. */
+OpenKey* buckets[4096];
+
+OpenKey** bucketOf(const Place& place) {
+    const uint64_t mixed = (reinterpret_cast<uintptr_t>(place.mount) ^ place.cell) * 0x9E3779B97F4A7C15;
+    return &buckets[(mixed >> 32) % std::size(buckets)];
+}
+
+/* The link of the chain that points to the key of this place, or the null one at its end. */
+OpenKey** linkTo(const Place& place) {
+    OpenKey** link = bucketOf(place);
+    while (*link != nullptr && !((*link)->place == place)) link = &(*link)->next;
+    return link;
+}
+
+void takeOut(OpenKey** link) {
+    OpenKey* key = *link;
+    *link = key->next;
+    key->place.mount->openKeys--;
+    key->place.mount = nullptr;
+}
+
+/* The key object of a place, which the table holds from then on; it has no handle yet when it is new. */
+OpenKey& keyAt(const Place& place) {
+    OpenKey** link = linkTo(place);
+    if (*link != nullptr) return **link;
+    auto made = std::make_unique<OpenKey>();
+    made->place = place;
+    place.mount->openKeys++;
+    *link = made.get();
+    return *made.release();
+}
+
+void release(OpenKey* key) {
+    if (--key->handles > 0) return;
+    if (key->place.mount != nullptr) takeOut(linkTo(key->place));
+    delete key;
+}
+
+void closeKey(void* object) {
+    const auto* handle = static_cast<KeyHandle*>(object);
+    release(handle->key);
+    delete handle;
+}
+
+const HandleType keyType = {closeKey};
+
+} /* namespace */
+
+NTSTATUS openHandle(const Place& place, ACCESS_MASK granted, HANDLE& handle) {
+    return guarded([&] {
+        auto made = std::make_unique<KeyHandle>(KeyHandle{nullptr, granted});
+        OpenKey& key = keyAt(place);
+        key.handles++;
+        made->key = &key;
+        HANDLE fresh = handleMake(keyType, made.get());
+        if (fresh == nullptr) {
+            release(&key);
+            return STATUS_NO_MEMORY;
+        }
+        static_cast<void>(made.release());
+        handle = fresh;
+        return STATUS_SUCCESS;
+    });
+}
+
+NTSTATUS useKey(HANDLE handle, ACCESS_MASK needed, Place& place) {
+    const auto* object = static_cast<const KeyHandle*>(handleObject(handle, keyType));
+    if (object == nullptr) return STATUS_INVALID_HANDLE;
+    if ((object->granted & needed) != needed) return STATUS_ACCESS_DENIED;
+    if (object->key->place.mount == nullptr) return STATUS_KEY_DELETED;
+    place = object->key->place;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS useRegKey(HKEY key, ACCESS_MASK needed, Place& place) {
+    if (key != HKEY_LOCAL_MACHINE && key != HKEY_USERS) return useKey(key, needed, place);
+    NTSTATUS status = systemNeeded();
+    if (status < 0) return status;
+    status = predefinedKey(key, place);
+    if (status < 0 || needed == 0) return status;
+    ACCESS_MASK granted = 0;
+    return accessCheck(hiveKeyDescriptor(*place.mount->hive, place.cell), needed, keyMapping, granted);
+}
+
+bool isOpen(const Place& place) {
+    return *linkTo(place) != nullptr;
+}
+
+void markDeleted(const Place& place) {
+    OpenKey** link = linkTo(place);
+    if (*link != nullptr) takeOut(link);
+}
+
+void forgetOpenKeys() {
+    for (OpenKey*& first : buckets) {
+        while (first != nullptr) takeOut(&first);
+    }
+}
+
+} /* namespace offline */

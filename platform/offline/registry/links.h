@@ -1,0 +1,19 @@
+/* Links that live in memory. */
+#ifndef QUILLET_OFFLINE_REGISTRY_LINKS_H
+#define QUILLET_OFFLINE_REGISTRY_LINKS_H
+
+#include "platform/offline/registry/namespace.h"
+
+namespace offline {
+
+bool isMemoryLink(const Place& place);
+
+/* Takes the link in memory at this place out of the tree. */
+void removeLink(const Place& place);
+
+/* Gives back the cells of a link that hangs nowhere any more. */
+void deleteLinkKey(Cell link);
+
+} /* namespace offline */
+
+#endif

@@ -1,0 +1,82 @@
+#include "platform/offline/registry/mounts.h"
+
+#include <utility>
+
+#include "platform/offline/registry/attached.h"
+#include "platform/offline/registry/guard.h"
+#include "platform/offline/registry/keys.h"
+#include "platform/offline/registry/links.h"
+#include "platform/offline/registry/registry.h"
+#include "platform/offline/registry/resolve.h"
+
+namespace offline {
+namespace {
+
+/* The key in memory that is to hold a mount, and the last component of its path. */
+NTSTATUS mountPoint(std::u16string_view path, Place& parent, std::u16string_view& name) {
+    std::u16string_view rest;
+    NTSTATUS status = belowRegistry(path, rest);
+    if (status < 0) return status;
+    status = namespaceRoot(parent);
+    if (status < 0) return status;
+    for (name = takeComponent(rest); !rest.empty(); name = takeComponent(rest)) {
+        status = findChild(parent, name, parent);
+        if (status < 0) return status;
+    }
+    if (!isNamespaceKey(parent) || name.empty() || name.size() > longestKeyName)
+        return STATUS_INVALID_PARAMETER;
+    return STATUS_SUCCESS;
+}
+
+} /* namespace */
+
+NTSTATUS addMount(const Place& parent, std::unique_ptr<Mount> mount) {
+    Place taken;
+    if (findChild(parent, mount->name, taken) >= 0) return STATUS_OBJECT_NAME_COLLISION;
+    mount->root = hiveRoot(*mount->hive);
+    tree().mounts.reserve(tree().mounts.size() + 1);
+    attach(parent, mount->name, {mount.get(), mount->root});
+    tree().mounts.push_back(std::move(mount));
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS saveMount(Mount& mount) {
+    return mount.store == nullptr ? STATUS_SUCCESS : hiveSave(*mount.hive, *mount.store);
+}
+
+void removeMount(Mount* mount) {
+    for (const Attached& link : mount->attached) deleteLinkKey(link.child.cell);
+    std::erase_if(tree().keys->attached, [&](const Attached& one) { return one.child.mount == mount; });
+    std::erase_if(tree().mounts, [&](const std::unique_ptr<Mount>& one) { return one.get() == mount; });
+}
+
+NTSTATUS registryMount(std::u16string_view path, HivePtr hive, std::unique_ptr<HiveStore> store) {
+    return guarded([&] {
+        Place parent;
+        std::u16string_view name;
+        const NTSTATUS status = mountPoint(path, parent, name);
+        if (status < 0) return status;
+        if (hive == nullptr) return STATUS_INVALID_PARAMETER;
+        auto mount = std::make_unique<Mount>();
+        mount->name = name;
+        mount->hive = std::move(hive);
+        mount->store = std::move(store);
+        return addMount(parent, std::move(mount));
+    });
+}
+
+NTSTATUS registrySaveAll() {
+    NTSTATUS result = STATUS_SUCCESS;
+    for (const std::unique_ptr<Mount>& mount : tree().mounts) {
+        const NTSTATUS status = saveMount(*mount);
+        if (status < 0 && result >= 0) result = status;
+    }
+    return result;
+}
+
+void registryReset() {
+    forgetOpenKeys();
+    tree() = Namespace();
+}
+
+} /* namespace offline */

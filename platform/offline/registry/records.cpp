@@ -1,0 +1,135 @@
+#include "platform/offline/registry/records.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <span>
+
+namespace offline {
+namespace {
+
+constexpr ULONG nowhere = 0xFFFFFFFF; /* the offset of a part that the record doesn't have */
+
+/* Parts behind a name begin at the next multiple of four. */
+size_t behindName(size_t nameAt, size_t nameBytes) {
+    return (nameAt + nameBytes + 3) & ~size_t{3};
+}
+
+/* The part of the buffer from an offset on, at most length bytes. */
+std::span<uint8_t> partOf(const QueryBuffer& out, size_t at, size_t length) {
+    if (at >= out.size) return {};
+    return {static_cast<uint8_t*>(out.bytes) + at, std::min(length, out.size - at)};
+}
+
+void copyPart(const QueryBuffer& out, size_t at, const void* bytes, size_t length) {
+    const std::span part = partOf(out, at, length);
+    if (!part.empty()) memcpy(part.data(), bytes, part.size());
+}
+
+/* Reports the record's size and what that means for the buffer. */
+NTSTATUS fit(const QueryBuffer& out, size_t fixedPart, size_t total) {
+    *out.total = static_cast<ULONG>(total);
+    if (out.size < fixedPart) return STATUS_BUFFER_TOO_SMALL;
+    return out.size < total ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS;
+}
+
+struct KeyFacts {
+    HiveKey info;
+    char16_t name[longestKeyName];
+    size_t nameBytes;
+};
+
+NTSTATUS writeBasic(const KeyFacts& key, const QueryBuffer& out) {
+    constexpr size_t nameAt = offsetof(KEY_BASIC_INFORMATION, Name);
+    KEY_BASIC_INFORMATION fixed{};
+    fixed.LastWriteTime.QuadPart = static_cast<LONGLONG>(key.info.lastWrite);
+    fixed.NameLength = static_cast<ULONG>(key.nameBytes);
+    const NTSTATUS status = fit(out, nameAt, nameAt + key.nameBytes);
+    if (status == STATUS_BUFFER_TOO_SMALL) return status;
+    copyPart(out, 0, &fixed, nameAt);
+    copyPart(out, nameAt, key.name, key.nameBytes);
+    return status;
+}
+
+NTSTATUS writeNode(const Place& place, const KeyFacts& key, const QueryBuffer& out) {
+    constexpr size_t nameAt = offsetof(KEY_NODE_INFORMATION, Name);
+    const auto classText = hiveKeyClass(*place.mount->hive, place.cell);
+    const size_t classAt = behindName(nameAt, key.nameBytes);
+    KEY_NODE_INFORMATION fixed{};
+    fixed.LastWriteTime.QuadPart = static_cast<LONGLONG>(key.info.lastWrite);
+    fixed.ClassOffset = classText.empty() ? nowhere : static_cast<ULONG>(classAt);
+    fixed.ClassLength = static_cast<ULONG>(classText.size());
+    fixed.NameLength = static_cast<ULONG>(key.nameBytes);
+    const size_t total = classText.empty() ? nameAt + key.nameBytes : classAt + classText.size();
+    const NTSTATUS status = fit(out, nameAt, total);
+    if (status == STATUS_BUFFER_TOO_SMALL) return status;
+    copyPart(out, 0, &fixed, nameAt);
+    copyPart(out, nameAt, key.name, key.nameBytes);
+    copyPart(out, classAt, classText.data(), classText.size());
+    return status;
+}
+
+NTSTATUS writeFull(const Hive& hive, const HiveValue& value, const QueryBuffer& out) {
+    constexpr size_t nameAt = offsetof(KEY_VALUE_FULL_INFORMATION, Name);
+    const size_t nameBytes = value.nameLength * sizeof(char16_t);
+    const size_t dataAt = behindName(nameAt, nameBytes);
+    KEY_VALUE_FULL_INFORMATION fixed{};
+    fixed.Type = value.type;
+    fixed.DataOffset = value.dataLength == 0 ? nowhere : static_cast<ULONG>(dataAt);
+    fixed.DataLength = value.dataLength;
+    fixed.NameLength = static_cast<ULONG>(nameBytes);
+    const size_t total = value.dataLength == 0 ? nameAt + nameBytes : dataAt + value.dataLength;
+    const NTSTATUS status = fit(out, nameAt, total);
+    if (status == STATUS_BUFFER_TOO_SMALL) return status;
+    static std::array<char16_t, longestValueName> name; /* too large for the stack of every call */
+    hiveValueName(hive, value, name.data());
+    copyPart(out, 0, &fixed, nameAt);
+    copyPart(out, nameAt, name.data(), nameBytes);
+    hiveValueData(hive, value, partOf(out, dataAt, value.dataLength));
+    return status;
+}
+
+NTSTATUS writePartial(const Hive& hive, const HiveValue& value, const QueryBuffer& out) {
+    constexpr size_t dataAt = offsetof(KEY_VALUE_PARTIAL_INFORMATION, Data);
+    KEY_VALUE_PARTIAL_INFORMATION fixed{};
+    fixed.Type = value.type;
+    fixed.DataLength = value.dataLength;
+    const NTSTATUS status = fit(out, dataAt, dataAt + value.dataLength);
+    if (status == STATUS_BUFFER_TOO_SMALL) return status;
+    copyPart(out, 0, &fixed, dataAt);
+    hiveValueData(hive, value, partOf(out, dataAt, value.dataLength));
+    return status;
+}
+
+} /* namespace */
+
+NTSTATUS writeKeyRecord(const Place& key, KEY_INFORMATION_CLASS infoClass, const QueryBuffer& out) {
+    KeyFacts facts;
+    const NTSTATUS status = hiveKey(*key.mount->hive, key.cell, facts.info);
+    if (status < 0) return status;
+    facts.nameBytes = keyName(key, facts.name) * sizeof(char16_t);
+    switch (infoClass) {
+        case KeyBasicInformation:
+            return writeBasic(facts, out);
+        case KeyNodeInformation:
+            return writeNode(key, facts, out);
+        default:
+            return STATUS_INVALID_PARAMETER;
+    }
+}
+
+NTSTATUS writeValueRecord(const Hive& hive, const HiveValue& value, KEY_VALUE_INFORMATION_CLASS infoClass,
+                          const QueryBuffer& out) {
+    switch (infoClass) {
+        case KeyValueFullInformation:
+            return writeFull(hive, value, out);
+        case KeyValuePartialInformation:
+            return writePartial(hive, value, out);
+        default:
+            return STATUS_INVALID_PARAMETER;
+    }
+}
+
+} /* namespace offline */

@@ -1,0 +1,128 @@
+/* Lists of entries, and the calls on them. */
+#include <cstddef>
+#include <cstdint>
+
+#include "platform/offline/base/status.h"
+#include "platform/offline/security/parts.h"
+
+namespace offline {
+namespace {
+
+constexpr uint8_t lowestRevision = 2;
+constexpr uint8_t highestRevision = 4;
+
+/* Types 5 to 8, 11, 12, 15 and 16 carry flags behind the mask and up to two types of objects before the SID.
+ */
+bool isObjectAce(uint8_t type) {
+    return (type >= 5 && type <= 8) || type == 11 || type == 12 || type == 15 || type == 16;
+}
+
+/* The others up to 20 have the SID behind the mask, but for type 4, which names two accounts. */
+bool isPlainAce(uint8_t type) {
+    return type <= 20 && type != 4 && !isObjectAce(type);
+}
+
+} /* namespace */
+
+Bytes aclHead(Bytes span) {
+    if (span.size() < sizeof(ACL)) return {};
+    const uint8_t revision = span[offsetof(ACL, AclRevision)];
+    const size_t size = read16(&span[offsetof(ACL, AclSize)]);
+    if (revision < lowestRevision || revision > highestRevision) return {};
+    if (size < sizeof(ACL) || size > span.size()) return {};
+    return span.first(size);
+}
+
+bool aceValid(Bytes ace) {
+    if (aceType(ace) > SYSTEM_ALARM_ACE_TYPE) return true;
+    return !aceSid(ace).empty();
+}
+
+uint32_t aceObjectFlags(Bytes ace) {
+    return isObjectAce(aceType(ace)) && ace.size() >= sidInAce + 4 ? read32(&ace[sidInAce]) : 0;
+}
+
+Bytes aceSid(Bytes ace) {
+    size_t offset = sidInAce;
+    if (isObjectAce(aceType(ace))) {
+        constexpr size_t typeSize = 16;
+        const uint32_t flags = aceObjectFlags(ace);
+        offset += 4;
+        if ((flags & aceObjectType) != 0) offset += typeSize;
+        if ((flags & aceInheritedObjectType) != 0) offset += typeSize;
+    } else if (!isPlainAce(aceType(ace))) {
+        return {};
+    }
+    if (ace.size() <= offset) return {};
+    return ace.subspan(offset, sidLength(ace.subspan(offset)));
+}
+
+size_t aclLength(Bytes span) {
+    const Bytes acl = aclHead(span);
+    if (acl.empty()) return 0;
+    bool valid = true;
+    const bool whole = forEachAce(acl, [&](Bytes ace) { valid = valid && aceValid(ace); });
+    return whole && valid ? acl.size() : 0;
+}
+
+namespace {
+
+/* A caller's list, of which only its own header tells the size. */
+Bytes givenAcl(const ACL* acl) {
+    if (acl == nullptr) return {};
+    return aclHead({reinterpret_cast<const uint8_t*>(acl), UINT16_MAX});
+}
+
+NTSTATUS aclSizes(Bytes acl, LPVOID information, DWORD size) {
+    if (size < sizeof(ACL_SIZE_INFORMATION)) return STATUS_BUFFER_TOO_SMALL;
+    size_t used = sizeof(ACL);
+    (void)forEachAce(acl, [&](Bytes ace) { used += ace.size(); });
+    ACL_SIZE_INFORMATION sizes = {};
+    sizes.AceCount = static_cast<DWORD>(aceCount(acl));
+    sizes.AclBytesInUse = static_cast<DWORD>(used);
+    sizes.AclBytesFree = static_cast<DWORD>(acl.size() - used);
+    memcpy(information, &sizes, sizeof sizes);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS aclInformation(const ACL* given, LPVOID information, DWORD size, ACL_INFORMATION_CLASS infoClass) {
+    const Bytes acl = givenAcl(given);
+    if (acl.empty() || aclLength(acl) == 0) return STATUS_INVALID_ACL;
+    if (information == nullptr) return STATUS_INVALID_PARAMETER;
+    if (infoClass == AclSizeInformation) return aclSizes(acl, information, size);
+    if (infoClass != AclRevisionInformation) return STATUS_INVALID_PARAMETER;
+    const DWORD revision = acl[offsetof(ACL, AclRevision)];
+    if (size < sizeof revision) return STATUS_BUFFER_TOO_SMALL;
+    memcpy(information, &revision, sizeof revision);
+    return STATUS_SUCCESS;
+}
+
+/* Walks to the entry each time: what it stands on is checked by that walk alone, so it holds whatever was
+ * written to the list since the last call, and for another list at the same address. A step is a few
+ * instructions; lists have a handful of entries, and the largest 16 thousand. */
+NTSTATUS aceByIndex(const ACL* given, DWORD index, LPVOID* found) {
+    const Bytes acl = givenAcl(given);
+    if (acl.empty()) return STATUS_INVALID_ACL;
+    if (index >= aceCount(acl) || found == nullptr) return STATUS_INVALID_PARAMETER;
+    Bytes ace;
+    size_t offset = sizeof(ACL);
+    for (DWORD i = 0; i <= index; i++) {
+        ace = aceAt(acl, offset);
+        if (ace.empty()) return STATUS_INVALID_ACL;
+        offset += ace.size();
+    }
+    if (!aceValid(ace)) return STATUS_INVALID_ACL;
+    *found = const_cast<uint8_t*>(ace.data());
+    return STATUS_SUCCESS;
+}
+
+} /* namespace */
+} /* namespace offline */
+
+BOOL GetAclInformation(PACL acl, LPVOID information, DWORD size, ACL_INFORMATION_CLASS infoClass) {
+    return offline::booleanResult(offline::aclInformation(acl, information, size, infoClass));
+}
+
+BOOL GetAce(PACL acl, DWORD index, LPVOID* ace) {
+    return offline::booleanResult(offline::aceByIndex(acl, index, ace));
+}

@@ -1,0 +1,142 @@
+/* Descriptors as bytes: checked, taken apart and laid out. */
+#include "platform/offline/security/parts.h"
+
+namespace offline {
+namespace {
+
+/* Where a field of the self-relative form says that a part lies. An offset of 0 is a part that is not there.
+ */
+bool partAt(Bytes image, size_t field, size_t (*lengthOf)(Bytes), Bytes& part) {
+    part = {};
+    const size_t offset = read32(&image[field]);
+    if (offset == 0) return true;
+    if (offset < sizeof(SECURITY_DESCRIPTOR_RELATIVE) || offset % 4 != 0 || offset >= image.size())
+        return false;
+    part = image.subspan(offset, lengthOf(image.subspan(offset)));
+    return !part.empty();
+}
+
+bool apart(Bytes left, Bytes right) {
+    return left.empty() || right.empty() || left.data() + left.size() <= right.data() ||
+           right.data() + right.size() <= left.data();
+}
+
+bool sameOrApart(Bytes left, Bytes right) {
+    return left.data() == right.data() || apart(left, right);
+}
+
+/* Two SIDs or two lists may be one and the same, but no part may lie across another: a caller that writes a
+ * SID over one in the image must not change the size of a list with it. */
+bool partsDisjoint(const DescriptorParts& parts) {
+    return sameOrApart(parts.owner, parts.group) && sameOrApart(parts.sacl, parts.dacl) &&
+           apart(parts.owner, parts.sacl) && apart(parts.owner, parts.dacl) &&
+           apart(parts.group, parts.sacl) && apart(parts.group, parts.dacl);
+}
+
+size_t lengthUpTo(Bytes image, const DescriptorParts& parts) {
+    size_t length = sizeof(SECURITY_DESCRIPTOR_RELATIVE);
+    for (const Bytes part : {parts.owner, parts.group, parts.sacl, parts.dacl}) {
+        if (part.empty()) continue;
+        const auto end = static_cast<size_t>(part.data() + part.size() - image.data());
+        if (end > length) length = end;
+    }
+    return length;
+}
+
+} /* namespace */
+
+bool partsOfImage(Bytes image, DescriptorParts& parts, size_t& length) {
+    using Image = SECURITY_DESCRIPTOR_RELATIVE;
+    parts = {};
+    if (image.size() < sizeof(Image) || image[offsetof(Image, Revision)] != SECURITY_DESCRIPTOR_REVISION)
+        return false;
+    parts.resourceControl = image[offsetof(Image, Sbz1)];
+    parts.control = read16(&image[offsetof(Image, Control)]);
+    if ((parts.control & SE_SELF_RELATIVE) == 0) return false;
+    // A list's offset counts only with its present bit, as the calls have it.
+    const bool sacl = (parts.control & SE_SACL_PRESENT) != 0;
+    const bool dacl = (parts.control & SE_DACL_PRESENT) != 0;
+    if (!partAt(image, offsetof(Image, Owner), sidLength, parts.owner) ||
+        !partAt(image, offsetof(Image, Group), sidLength, parts.group) ||
+        (sacl && !partAt(image, offsetof(Image, Sacl), aclLength, parts.sacl)) ||
+        (dacl && !partAt(image, offsetof(Image, Dacl), aclLength, parts.dacl)) || !partsDisjoint(parts)) {
+        return false;
+    }
+    length = lengthUpTo(image, parts);
+    return true;
+}
+
+namespace {
+
+/* What a pointer of an absolute descriptor leads to. */
+bool partBehind(const void* pointer, size_t largest, size_t (*lengthOf)(Bytes), Bytes& part) {
+    if (pointer == nullptr) return true;
+    const Bytes memory = {static_cast<const uint8_t*>(pointer), largest};
+    part = memory.first(lengthOf(memory));
+    return !part.empty();
+}
+
+} /* namespace */
+
+bool partsOfGiven(const void* given, DescriptorParts& parts, size_t& length) {
+    parts = {};
+    length = 0;
+    if (given == nullptr) return false;
+    const auto* bytes = static_cast<const uint8_t*>(given);
+    if (bytes[offsetof(SECURITY_DESCRIPTOR, Revision)] != SECURITY_DESCRIPTOR_REVISION) return false;
+    if ((read16(bytes + offsetof(SECURITY_DESCRIPTOR, Control)) & SE_SELF_RELATIVE) != 0) {
+        return partsOfImage({bytes, largestDescriptor}, parts, length);
+    }
+    SECURITY_DESCRIPTOR absolute = {};
+    memcpy(&absolute, given, sizeof absolute);
+    parts.resourceControl = absolute.Sbz1;
+    parts.control = absolute.Control;
+    const bool sacl = (parts.control & SE_SACL_PRESENT) != 0;
+    const bool dacl = (parts.control & SE_DACL_PRESENT) != 0;
+    return partBehind(absolute.Owner, longestSid, sidLength, parts.owner) &&
+           partBehind(absolute.Group, longestSid, sidLength, parts.group) &&
+           (!sacl || partBehind(absolute.Sacl, UINT16_MAX, aclLength, parts.sacl)) &&
+           (!dacl || partBehind(absolute.Dacl, UINT16_MAX, aclLength, parts.dacl));
+}
+
+namespace {
+
+DWORD append(std::vector<uint8_t>& image, Bytes part) {
+    if (part.empty()) return 0;
+    image.resize((image.size() + 3) & ~size_t{3});
+    const auto offset = static_cast<DWORD>(image.size());
+    image.insert(image.end(), part.begin(), part.end());
+    return offset;
+}
+
+} /* namespace */
+
+std::vector<uint8_t> layOut(const DescriptorParts& parts) {
+    SECURITY_DESCRIPTOR_RELATIVE head = {};
+    std::vector<uint8_t> image(sizeof head);
+    head.Revision = SECURITY_DESCRIPTOR_REVISION;
+    head.Sbz1 = parts.resourceControl;
+    head.Control = parts.control | SE_SELF_RELATIVE;
+    head.Sacl = append(image, parts.sacl);
+    head.Dacl = append(image, parts.dacl);
+    head.Owner = append(image, parts.owner);
+    head.Group = append(image, parts.group);
+    memcpy(image.data(), &head, sizeof head);
+    return image;
+}
+
+bool descriptorValid(Bytes image) {
+    DescriptorParts parts;
+    size_t length = 0;
+    return partsOfImage(image, parts, length);
+}
+
+size_t descriptorLength(const void* image, size_t limit) {
+    DescriptorParts parts;
+    size_t length = 0;
+    if (image == nullptr || !partsOfImage({static_cast<const uint8_t*>(image), limit}, parts, length))
+        return 0;
+    return length;
+}
+
+} /* namespace offline */

@@ -1,0 +1,34 @@
+/* The token's contents, for this room alone. */
+#ifndef QUILLET_OFFLINE_SECURITY_TOKEN_H
+#define QUILLET_OFFLINE_SECURITY_TOKEN_H
+
+#include <span>
+
+#include "platform/offline/security/parts.h"
+
+namespace offline {
+
+struct Token {
+    Bytes user;
+    Bytes owner;        /* of what it makes */
+    Bytes primaryGroup; /* of what it makes */
+    std::span<const Bytes> groups;
+};
+
+const Token& currentToken();
+
+/* Whether the SID is the token's user or one of its groups. */
+bool tokenHas(Bytes sid);
+
+/* Whether the token may make this SID an owner: its user, or a group that may own. */
+bool tokenMayOwn(Bytes sid);
+
+/* Privileges are numbered from 2 to 35; a number outside is one that no token has. */
+constexpr uint32_t firstPrivilege = 2;
+constexpr uint32_t lastPrivilege = 35;
+bool privilegeHeld(uint32_t luid);
+void enablePrivilege(uint32_t luid, bool enabled); /* of one that is held */
+
+} /* namespace offline */
+
+#endif

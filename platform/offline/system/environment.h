@@ -1,0 +1,18 @@
+/* The environment strings of an installation, as its system account would see them. No function throws. */
+#ifndef QUILLET_OFFLINE_SYSTEM_ENVIRONMENT_H
+#define QUILLET_OFFLINE_SYSTEM_ENVIRONMENT_H
+
+#include "platform/offline/hive/hive.h"
+
+namespace offline {
+
+/* Makes the strings anew: %SystemDrive% and %SystemRoot% from where Windows lies, the others from its
+ * registry. directory is Windows' directory on its volume. */
+NTSTATUS environmentLoad(const Hive& system, const Hive& software, char letter,
+                         std::u16string_view directory);
+
+void environmentReset();
+
+} /* namespace offline */
+
+#endif

@@ -1,0 +1,137 @@
+#include "platform/offline/system/machine_hives.h"
+
+#include <cstring>
+#include <new>
+
+#include "platform/offline/base/text.h"
+#include "platform/offline/files/drives.h"
+#include "platform/offline/registry/registry.h"
+#include "platform/offline/system/environment.h"
+#include "platform/offline/system/letters.h"
+
+namespace offline {
+namespace {
+
+const std::u16string_view machineRoot = u"\\Registry\\Machine\\";
+
+struct LoadedHive {
+    HivePtr hive;
+    std::unique_ptr<HiveStore> store;
+};
+
+NTSTATUS mountMachineHive(std::u16string_view name, LoadedHive loaded, Problem& problem) {
+    const std::u16string path = std::u16string(machineRoot).append(name);
+    const NTSTATUS status = registryMount(path, std::move(loaded.hive), std::move(loaded.store));
+    return status >= 0 ? status
+                       : refuse(problem, status, "the hive " + toUtf8(name) + " could not be mounted");
+}
+
+NTSTATUS linkControlSet(uint32_t number, Problem& problem) {
+    std::u16string target = u"\\Registry\\Machine\\SYSTEM\\ControlSet000";
+    for (size_t digit = 0; digit < 3; digit++, number /= 10) {
+        target[target.size() - 1 - digit] = static_cast<char16_t>(u'0' + number % 10);
+    }
+    const NTSTATUS status = registryAddLink(u"\\Registry\\Machine\\SYSTEM\\CurrentControlSet", target);
+    return status >= 0 ? status : refuse(problem, status, "the current control set can't be linked to");
+}
+
+NTSTATUS linkSam(Problem& problem) {
+    const NTSTATUS status =
+        registryAddLink(u"\\Registry\\Machine\\SECURITY\\SAM", u"\\Registry\\Machine\\SAM\\SAM");
+    return status >= 0 ? status : refuse(problem, status, "the SAM can't be linked to below SECURITY");
+}
+
+/* RegLoadKeyW's way to a hive file by its Windows path. */
+NTSTATUS loadByPath(std::u16string_view path, HivePtr& hive, std::unique_ptr<HiveStore>& store) {
+    Volume* volume;
+    FileRef file;
+    const NTSTATUS status = driveFind(path, volume, file);
+    if (status < 0) return status;
+    Problem unsaid; /* the caller has a status and nothing else */
+    return readHiveFile(*volume, file, toUtf8(path), hive, store, unsaid);
+}
+
+enum MachineHive { systemHive, softwareHive, samHive, securityHive, machineHiveCount };
+const std::u16string_view hiveNames[machineHiveCount] = {u"SYSTEM", u"SOFTWARE", u"SAM", u"SECURITY"};
+
+/* All are read before anything is done with one, so that a refusal leaves nothing half set up. */
+NTSTATUS mountAll(Installation& installation, Problem& problem) {
+    InstallationVolume& place = installation.volumes[installation.systemVolume];
+    LoadedHive loaded[machineHiveCount];
+    for (size_t i = 0; i < machineHiveCount; i++) {
+        const std::u16string path = installationHivePath(installation, hiveNames[i]);
+        const NTSTATUS status = installationReadHive(place, path, loaded[i].hive, loaded[i].store, problem);
+        if (status < 0) return status;
+    }
+    const uint32_t controlSet = currentControlSet(*loaded[systemHive].hive);
+    NTSTATUS status = lettersAssign(*loaded[systemHive].hive, installation, problem);
+    if (status < 0) return status;
+    status = environmentLoad(*loaded[systemHive].hive, *loaded[softwareHive].hive, place.letter,
+                             installation.directory);
+    if (status < 0) return refuse(problem, status, "out of memory");
+    for (size_t i = 0; i < machineHiveCount && status >= 0; i++) {
+        status = mountMachineHive(hiveNames[i], std::move(loaded[i]), problem);
+    }
+    if (status >= 0) status = linkSam(problem);
+    if (status >= 0 && controlSet != 0) status = linkControlSet(controlSet, problem);
+    if (status >= 0) registrySetLoader(loadByPath);
+    return status;
+}
+
+} /* namespace */
+
+NTSTATUS machineHivesMount(Installation& installation, Problem& problem) try {
+    return mountAll(installation, problem);
+} catch (const std::bad_alloc&) {
+    return refuse(problem, STATUS_NO_MEMORY, "out of memory");
+}
+
+NTSTATUS machineHivesSave(const Installation& installation, Problem& problem) {
+    const NTSTATUS status = registrySaveAll();
+    if (status >= 0) return status;
+    const InstallationVolume& place = installation.volumes[installation.systemVolume];
+    return refuse(problem, status,
+                  diskPath(*place.disk) +
+                      ": the registry could not be written back; check the disk, or go back to a copy");
+}
+
+NTSTATUS hiveFindPath(const Hive& hive, std::u16string_view path, Cell& key) {
+    key = hiveRoot(hive);
+    while (!path.empty()) {
+        const size_t end = std::min(path.find(u'\\'), path.size());
+        const NTSTATUS status = hiveFindSubkey(hive, key, path.substr(0, end), key);
+        if (status < 0) return status;
+        path.remove_prefix(std::min(end + 1, path.size()));
+    }
+    return STATUS_SUCCESS;
+}
+
+uint32_t currentControlSet(const Hive& system) {
+    Cell key;
+    HiveValue value;
+    if (hiveFindPath(system, u"Select", key) < 0 || hiveFindValue(system, key, u"Current", value) < 0)
+        return 0;
+    uint8_t data[4];
+    if (value.type != REG_DWORD || value.dataLength != sizeof data) return 0;
+    hiveValueData(system, value, data);
+    uint32_t number;
+    memcpy(&number, data, sizeof number);
+    return number <= 999 ? number : 0;
+}
+
+std::u16string hiveText(const Hive& hive, std::u16string_view path, std::u16string_view name) try {
+    constexpr uint32_t longest = 65534; /* bytes */
+    Cell key;
+    HiveValue value;
+    if (hiveFindPath(hive, path, key) < 0 || hiveFindValue(hive, key, name, value) < 0) return {};
+    if ((value.type != REG_SZ && value.type != REG_EXPAND_SZ) || value.dataLength > longest) return {};
+    std::vector<uint8_t> data(value.dataLength);
+    hiveValueData(hive, value, data);
+    std::u16string text(data.size() / sizeof(char16_t), u'\0');
+    memcpy(text.data(), data.data(), text.size() * sizeof(char16_t));
+    return text.substr(0, text.find(u'\0'));
+} catch (const std::bad_alloc&) {
+    return {};
+}
+
+} /* namespace offline */

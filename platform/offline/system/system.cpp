@@ -1,0 +1,132 @@
+#include "platform/offline/system/system.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <optional>
+
+#include "platform/offline/base/system_needed.h"
+#include "platform/offline/files/drives.h"
+#include "platform/offline/registry/registry.h"
+#include "platform/offline/security/security.h"
+#include "platform/offline/system/environment.h"
+#include "platform/offline/system/letters.h"
+#include "platform/offline/system/machine_hives.h"
+
+namespace offline {
+namespace {
+
+std::optional<Installation> installation;
+Problem openingProblem;
+
+const char accessVariable[] = "QUILLET_ACCESS";
+const char systemVariable[] = "QUILLET_SYSTEM";
+
+bool accessIsKnown(const char* access) {
+    return access == nullptr || *access == 0 || strcmp(access, "checked") == 0 ||
+           strcmp(access, "unrefused") == 0;
+}
+
+NTSTATUS openFromEnvironment() {
+    const char* access = getenv(accessVariable);
+    if (!accessIsKnown(access)) {
+        return refuse(
+            openingProblem, STATUS_INVALID_PARAMETER,
+            std::string("QUILLET_ACCESS is \"") + access + "\"; set it to unrefused or checked, or unset it");
+    }
+    const char* disks = getenv(systemVariable);
+    if (disks == nullptr || *disks == 0) {
+        return refuse(
+            openingProblem, STATUS_OBJECT_NAME_NOT_FOUND,
+            "QUILLET_SYSTEM is not set; set it to the disk that Windows is installed on (an image file or a "
+            "block device)");
+    }
+    return systemOpen(systemDisks(disks), DiskAccess::readWrite, openingProblem);
+}
+
+NTSTATUS openParts(const std::vector<std::string>& paths, DiskAccess access, Problem& problem) {
+    NTSTATUS status = installationOpenDisks(paths, access, *installation, problem);
+    if (status >= 0) status = installationFindWindows(*installation, problem);
+    if (status >= 0) status = machineHivesMount(*installation, problem);
+    if (status < 0) return status;
+    for (const InstallationVolume& place : installation->volumes) driveSet(place.letter, *place.volume);
+    return STATUS_SUCCESS;
+}
+
+/* A disk that can only be read, of which a change was asked for. */
+const InstallationVolume* refusedChange() {
+    for (const InstallationVolume& place : installation->volumes) {
+        if (volumeRefusedChange(*place.volume)) return &place;
+    }
+    return nullptr;
+}
+
+} /* namespace */
+
+void systemStart() {
+    const char* access = getenv(accessVariable);
+    const bool checked = access != nullptr && strcmp(access, "checked") == 0;
+    setAccessMode(checked ? AccessMode::checked : AccessMode::unrefused);
+    setSystemOpener(openFromEnvironment);
+}
+
+std::vector<std::string> systemDisks(std::string_view text) {
+    std::vector<std::string> disks;
+    while (!text.empty()) {
+        const size_t end = std::min(text.find(':'), text.size());
+        if (end > 0) disks.emplace_back(text.substr(0, end));
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+    return disks;
+}
+
+NTSTATUS systemOpen(const std::vector<std::string>& paths, DiskAccess access, Problem& problem) {
+    NTSTATUS status;
+    try {
+        installation.emplace();
+        status = openParts(paths, access, problem);
+    } catch (const std::bad_alloc&) {
+        status = refuse(problem, STATUS_NO_MEMORY, "out of memory");
+    }
+    if (status >= 0) return status;
+    Problem closing; /* nothing was changed, so closing has nothing to add */
+    registryReset();
+    drivesReset();
+    environmentReset();
+    installationClose(*installation, closing);
+    installation.reset();
+    return status;
+}
+
+NTSTATUS systemClose(Problem& problem) {
+    if (!installation) return STATUS_SUCCESS;
+    NTSTATUS first = machineHivesSave(*installation, problem);
+    if (const InstallationVolume* place = refusedChange(); place != nullptr && first >= 0) {
+        first =
+            refuse(problem, STATUS_MEDIA_WRITE_PROTECTED,
+                   diskPath(*place->disk) +
+                       " can only be read, so changes to it were refused; make it writable and run again");
+    }
+    registryReset();
+    drivesReset();
+    environmentReset();
+    Problem closing;
+    const NTSTATUS status = installationClose(*installation, closing);
+    if (status < 0 && first >= 0) {
+        problem = closing;
+        first = status;
+    }
+    installation.reset();
+    systemForget();
+    return first;
+}
+
+const Problem& systemProblem() {
+    return openingProblem;
+}
+
+Installation* systemInstallation() {
+    return installation ? &*installation : nullptr;
+}
+
+} /* namespace offline */

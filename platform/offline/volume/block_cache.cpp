@@ -1,0 +1,243 @@
+#include "platform/offline/volume/block_cache.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "platform/offline/volume/bytes.h"
+
+namespace offline {
+namespace {
+
+constexpr UnitMask allUnits = (1u << cacheUnitsPerBlock) - 1;
+
+NTSTATUS statusOfErrno(int error) {
+    switch (error) {
+        case ENOSPC:
+        case EDQUOT: return STATUS_DISK_FULL;
+        case EROFS:
+        case EPERM: return STATUS_MEDIA_WRITE_PROTECTED;
+        default: return STATUS_IO_DEVICE_ERROR;
+    }
+}
+
+NTSTATUS readWhole(int file, uint8_t* bytes, size_t count, uint64_t offset) {
+    while (count > 0) {
+        ssize_t done = pread(file, bytes, count, static_cast<off_t>(offset));
+        if (done < 0 && errno == EINTR) continue;
+        if (done <= 0) return STATUS_IO_DEVICE_ERROR; /* 0: the file became shorter behind our back */
+        bytes += done;
+        offset += static_cast<uint64_t>(done);
+        count -= static_cast<size_t>(done);
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS writeWhole(int file, const uint8_t* bytes, size_t count, uint64_t offset) {
+    while (count > 0) {
+        ssize_t done = pwrite(file, bytes, count, static_cast<off_t>(offset));
+        if (done < 0 && errno == EINTR) continue;
+        if (done <= 0) return done < 0 ? statusOfErrno(errno) : STATUS_IO_DEVICE_ERROR;
+        bytes += done;
+        offset += static_cast<uint64_t>(done);
+        count -= static_cast<size_t>(done);
+    }
+    return STATUS_SUCCESS;
+}
+
+/* Calls transfer(bytes, count, offset) for each run of neighbouring units in the mask; the disk's last unit may be
+ * short. Units whose transfer succeeded are taken out of the mask. */
+template <class Transfer>
+NTSTATUS forUnits(const Disk& disk, CacheBlock& block, UnitMask& mask, Transfer transfer) {
+    for (uint32_t unit = 0; unit < cacheUnitsPerBlock;) {
+        if ((mask >> unit & 1) == 0) {
+            ++unit;
+            continue;
+        }
+        uint32_t end = unit;
+        UnitMask run = 0;
+        for (; end < cacheUnitsPerBlock && (mask >> end & 1) != 0; ++end) run |= static_cast<UnitMask>(1u << end);
+        uint64_t offset = block.number * cacheBlockSize + uint64_t{unit} * cacheUnitSize;
+        size_t count = static_cast<size_t>(std::min<uint64_t>(uint64_t{end - unit} * cacheUnitSize, disk.size - offset));
+        NTSTATUS status = transfer(block.bytes.get() + size_t{unit} * cacheUnitSize, count, offset);
+        if (status < 0) return status;
+        mask &= static_cast<UnitMask>(~run);
+        unit = end;
+    }
+    return STATUS_SUCCESS;
+}
+
+/* The units from the block's start up to its end, or the disk's. */
+UnitMask unitsOnDisk(const Disk& disk, const CacheBlock& block) {
+    uint64_t bytes = disk.size - block.number * cacheBlockSize;
+    if (bytes >= cacheBlockSize) return allUnits;
+    return static_cast<UnitMask>((1u << ((bytes + cacheUnitSize - 1) / cacheUnitSize)) - 1);
+}
+
+/* Makes the units hold what lies on the disk. */
+NTSTATUS loadUnits(const Disk& disk, CacheBlock& block, UnitMask units) {
+    UnitMask missing = units & static_cast<UnitMask>(~block.valid);
+    if (missing == 0) return STATUS_SUCCESS;
+    bool goesOn = (block.valid << 1 & missing) != 0;
+    if (goesOn) missing = unitsOnDisk(disk, block) & static_cast<UnitMask>(~block.valid);
+    UnitMask left = missing;
+    NTSTATUS status = forUnits(disk, block, left, [&](uint8_t* bytes, size_t count, uint64_t offset) {
+        return readWhole(disk.file, bytes, count, offset);
+    });
+    block.valid |= missing & static_cast<UnitMask>(~left);
+    return (units & static_cast<UnitMask>(~block.valid)) == 0 ? STATUS_SUCCESS : status;
+}
+
+NTSTATUS writeBack(Disk& disk, CacheBlock& block) {
+    if (block.dirty == 0) return STATUS_SUCCESS;
+    NTSTATUS status = forUnits(disk, block, block.dirty, [&](const uint8_t* bytes, size_t count, uint64_t offset) {
+        return writeWhole(disk.file, bytes, count, offset);
+    });
+    if (status < 0) disk.writeFailure = status;
+    return status;
+}
+
+/* A place for one more block: a new one, or one that has not been used for a while. A block that can't be written back
+ * keeps its place, so that nothing is lost before diskSync has tried again. */
+NTSTATUS makeRoom(Disk& disk, uint32_t& place) {
+    if (disk.blocks.size() < cacheBlocks) {
+        CacheBlock block;
+        block.bytes = std::make_unique<uint8_t[]>(cacheBlockSize);
+        place = static_cast<uint32_t>(disk.blocks.size());
+        disk.blocks.push_back(std::move(block));
+        return STATUS_SUCCESS;
+    }
+    NTSTATUS status = STATUS_IO_DEVICE_ERROR;
+    for (size_t turn = 0; turn < 2 * cacheBlocks; ++turn) {
+        place = disk.hand;
+        disk.hand = (disk.hand + 1) % cacheBlocks;
+        CacheBlock& block = disk.blocks[place];
+        if (block.used) {
+            block.used = false;
+            continue;
+        }
+        NTSTATUS written = writeBack(disk, block);
+        if (written < 0) {
+            status = written;
+            continue;
+        }
+        disk.blockIndex.erase(block.number);
+        block.valid = 0;
+        return STATUS_SUCCESS;
+    }
+    return status;
+}
+
+NTSTATUS findBlock(Disk& disk, uint64_t number, CacheBlock*& block) {
+    if (disk.lastBlock < disk.blocks.size() && disk.blocks[disk.lastBlock].number == number &&
+        disk.blocks[disk.lastBlock].valid != 0) {
+        block = &disk.blocks[disk.lastBlock];
+        block->used = true;
+        return STATUS_SUCCESS;
+    }
+    uint32_t place = 0;
+    auto found = disk.blockIndex.find(number);
+    if (found != disk.blockIndex.end()) {
+        place = found->second;
+    } else {
+        NTSTATUS status = makeRoom(disk, place);
+        if (status < 0) return status;
+        disk.blocks[place].number = number;
+        disk.blockIndex.emplace(number, place);
+    }
+    disk.lastBlock = place;
+    block = &disk.blocks[place];
+    block->used = true;
+    return STATUS_SUCCESS;
+}
+
+bool onDisk(const Disk& disk, uint64_t offset, uint64_t count) {
+    return offset <= disk.size && count <= disk.size - offset;
+}
+
+/* The units that a part of a block touches. */
+UnitMask unitsOf(size_t start, size_t count) {
+    size_t first = start / cacheUnitSize, last = (start + count - 1) / cacheUnitSize;
+    return static_cast<UnitMask>(((2u << last) - 1) & ~((1u << first) - 1));
+}
+
+/* Those of them that a write covers whole, and that need not be read before. */
+UnitMask unitsCovered(const Disk& disk, const CacheBlock& block, size_t start, size_t count) {
+    UnitMask covered = 0;
+    uint64_t blockStart = block.number * cacheBlockSize;
+    for (uint32_t unit = 0; unit < cacheUnitsPerBlock; ++unit) {
+        uint64_t from = uint64_t{unit} * cacheUnitSize;
+        if (blockStart + from >= disk.size) break;
+        uint64_t to = std::min<uint64_t>(from + cacheUnitSize, disk.size - blockStart);
+        if (start <= from && to <= start + count) covered |= static_cast<UnitMask>(1u << unit);
+    }
+    return covered;
+}
+
+} /* namespace */
+
+NTSTATUS diskRead(Disk& disk, uint64_t offset, std::span<uint8_t> bytes) {
+    return guarded([&]() -> NTSTATUS {
+        if (!onDisk(disk, offset, bytes.size())) return STATUS_INVALID_PARAMETER;
+        while (!bytes.empty()) {
+            size_t start = offset % cacheBlockSize;
+            size_t count = std::min<size_t>(bytes.size(), cacheBlockSize - start);
+            CacheBlock* block = nullptr;
+            NTSTATUS status = findBlock(disk, offset / cacheBlockSize, block);
+            if (status >= 0) status = loadUnits(disk, *block, unitsOf(start, count));
+            if (status < 0) return status;
+            std::memcpy(bytes.data(), block->bytes.get() + start, count);
+            bytes = bytes.subspan(count);
+            offset += count;
+        }
+        return STATUS_SUCCESS;
+    });
+}
+
+NTSTATUS diskWrite(Disk& disk, uint64_t offset, std::span<const uint8_t> bytes) {
+    return guarded([&]() -> NTSTATUS {
+        if (disk.readOnly) return STATUS_MEDIA_WRITE_PROTECTED;
+        if (!onDisk(disk, offset, bytes.size())) return STATUS_INVALID_PARAMETER;
+        while (!bytes.empty()) {
+            size_t start = offset % cacheBlockSize;
+            size_t count = std::min<size_t>(bytes.size(), cacheBlockSize - start);
+            CacheBlock* block = nullptr;
+            NTSTATUS status = findBlock(disk, offset / cacheBlockSize, block);
+            if (status < 0) return status;
+            UnitMask touched = unitsOf(start, count);
+            UnitMask whole = unitsCovered(disk, *block, start, count);
+            status = loadUnits(disk, *block, touched & static_cast<UnitMask>(~whole));
+            if (status < 0) return status;
+            std::memcpy(block->bytes.get() + start, bytes.data(), count);
+            block->valid |= touched;
+            block->dirty |= touched;
+            bytes = bytes.subspan(count);
+            offset += count;
+        }
+        return STATUS_SUCCESS;
+    });
+}
+
+NTSTATUS diskSync(Disk& disk) {
+    return guarded([&]() -> NTSTATUS {
+        if (disk.readOnly) return STATUS_SUCCESS;
+        NTSTATUS status = disk.writeFailure;
+        std::vector<uint32_t> dirty;
+        for (uint32_t place = 0; place < disk.blocks.size(); ++place) {
+            if (disk.blocks[place].dirty != 0) dirty.push_back(place);
+        }
+        std::sort(dirty.begin(), dirty.end(),
+                  [&](uint32_t a, uint32_t b) { return disk.blocks[a].number < disk.blocks[b].number; });
+        for (uint32_t place : dirty) {
+            NTSTATUS written = writeBack(disk, disk.blocks[place]);
+            if (written < 0) status = written;
+        }
+        disk.writeFailure = STATUS_SUCCESS;
+        if (fdatasync(disk.file) != 0) disk.syncFailed = true;
+        return disk.syncFailed ? STATUS_IO_DEVICE_ERROR : status;
+    });
+}
+
+} /* namespace offline */

@@ -1,0 +1,53 @@
+/* What an open disk consists of: its file and a write-back cache of its blocks. Private to this room; everyone uses
+ * diskRead, diskWrite and diskSync.
+ *
+ * NTFS is read and written in records of 1 KiB. A block is first read only where it was touched; when the touches go
+ * on behind each other, the rest is read at once, so that walking in the order of the disk costs two calls for each
+ * block, and jumping about costs no more than what is asked for. */
+#ifndef QUILLET_OFFLINE_VOLUME_BLOCK_CACHE_H
+#define QUILLET_OFFLINE_VOLUME_BLOCK_CACHE_H
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/offline/volume/disk.h"
+
+namespace offline {
+
+using UnitMask = uint16_t;               /* a bit for each unit of a block */
+constexpr uint32_t cacheUnitSize = 1024; /* bytes; what is read and written at least, so that holes stay holes */
+constexpr uint32_t cacheUnitsPerBlock = 16;
+constexpr uint32_t cacheBlockSize = cacheUnitSize * cacheUnitsPerBlock;
+constexpr size_t cacheBlocks = 1024; /* 16 MiB at most */
+
+struct CacheBlock {
+    uint64_t number = 0; /* of the block on the disk */
+    UnitMask valid = 0;  /* the units that hold the disk's bytes or newer ones */
+    UnitMask dirty = 0;  /* the units that are newer than the disk */
+    bool used = false;   /* since the clock's hand last passed */
+    std::unique_ptr<uint8_t[]> bytes;
+};
+
+struct Disk {
+    std::string path;
+    int file = -1;
+    uint64_t size = 0; /* bytes */
+    uint32_t sectorSize = 512;
+    bool readOnly = true;
+
+    std::vector<CacheBlock> blocks;
+    std::unordered_map<uint64_t, uint32_t> blockIndex; /* block number to its place in blocks */
+    uint32_t lastBlock = 0;                            /* place of the block found last */
+    uint32_t hand = 0;
+
+    NTSTATUS writeFailure = STATUS_SUCCESS; /* of a write-back that no caller has heard of yet */
+    bool syncFailed = false; /* what the system dropped then can't be written again, so it stays an error */
+};
+
+} /* namespace offline */
+
+#endif

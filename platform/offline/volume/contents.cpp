@@ -1,0 +1,99 @@
+/* The unnamed data of files. */
+#include "platform/offline/volume/open_volume.h"
+/* before everything else */
+#include <algorithm>
+#include <cerrno>
+
+namespace offline {
+namespace {
+
+constexpr size_t chunk = 1024 * 1024; /* bytes; one call of the library */
+
+struct DataCloser {
+    void operator()(ntfs3g::ntfs_attr* data) const { ntfs3g::ntfs_attr_close(data); }
+};
+using DataPtr = std::unique_ptr<ntfs3g::ntfs_attr, DataCloser>;
+
+/* Where the data of a reparse point is, only the program knows that made it one; that of an encrypted file is not ours
+ * to read. */
+NTSTATUS openData(Inode& inode, FileRef file, DataPtr& data) {
+    NTSTATUS status = inode.open(file);
+    if (status < 0) return status;
+    if (inode.isDirectory()) return STATUS_ACCESS_DENIED;
+    if ((inode.inode->flags & (ntfs3g::FILE_ATTR_REPARSE_POINT | ntfs3g::FILE_ATTR_ENCRYPTED)) != 0) {
+        return STATUS_NOT_SUPPORTED;
+    }
+    errno = 0;
+    data.reset(ntfs3g::ntfs_attr_open(inode.inode, ntfs3g::AT_DATA, nullptr, 0));
+    return data != nullptr ? STATUS_SUCCESS : libraryStatus(inode.volume, errno);
+}
+
+NTSTATUS readData(const Volume& volume, ntfs3g::ntfs_attr* data, std::span<uint8_t> bytes) {
+    for (size_t place = 0; place < bytes.size();) {
+        size_t count = std::min(chunk, bytes.size() - place);
+        errno = 0;
+        int64_t done = ntfs3g::ntfs_attr_pread(data, static_cast<int64_t>(place), static_cast<int64_t>(count),
+                                               bytes.data() + place);
+        if (done <= 0) return libraryStatus(volume, errno);
+        place += static_cast<size_t>(done);
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS writeData(const Volume& volume, ntfs3g::ntfs_attr* data, uint64_t offset, Bytes bytes) {
+    while (!bytes.empty()) {
+        size_t count = std::min(chunk, bytes.size());
+        errno = 0;
+        int64_t done = ntfs3g::ntfs_attr_pwrite(data, static_cast<int64_t>(offset), static_cast<int64_t>(count),
+                                                bytes.data());
+        if (done <= 0) return libraryStatus(volume, errno);
+        offset += static_cast<uint64_t>(done);
+        bytes = bytes.subspan(static_cast<size_t>(done));
+    }
+    return STATUS_SUCCESS;
+}
+
+} /* namespace */
+
+NTSTATUS volumeReadFile(Volume& volume, FileRef file, uint64_t limit, std::vector<uint8_t>& bytes) {
+    return guarded([&]() -> NTSTATUS {
+        bytes.clear();
+        Inode inode(volume);
+        DataPtr data;
+        NTSTATUS status = openData(inode, file, data);
+        if (status < 0) return status;
+        uint64_t size = static_cast<uint64_t>(data->data_size);
+        /* A file may have holes, but one that is larger than its volume is nothing to load. */
+        if (size > limit || size > volume.device.size) return STATUS_INSUFFICIENT_RESOURCES;
+        bytes.resize(static_cast<size_t>(size));
+        status = readData(volume, data.get(), bytes);
+        data.reset();
+        if (status < 0) bytes.clear();
+        return status;
+    });
+}
+
+NTSTATUS volumeWriteFile(Volume& volume, FileRef file, uint64_t offset, std::span<const uint8_t> bytes) {
+    return guarded([&]() -> NTSTATUS {
+        if (isMetadata(file)) return STATUS_ACCESS_DENIED;
+        if (offset > INT64_MAX - bytes.size()) return STATUS_INVALID_PARAMETER;
+        NTSTATUS status = beginChange(volume);
+        if (status < 0) return status;
+        forgetRecord(volume);
+        Inode inode(volume);
+        DataPtr data;
+        status = openData(inode, file, data);
+        if (status < 0) return status;
+        status = writeData(volume, data.get(), offset, bytes);
+        if (NAttrCompressed(data.get()) && ntfs3g::ntfs_attr_pclose(data.get()) != 0 && status >= 0) {
+            status = libraryStatus(volume, errno);
+        }
+        data.reset();
+        if (status < 0) volume.failed = true;
+        ntfs3g::ntfs_inode_update_times(inode.inode, updateContents);
+        NTSTATUS closed = inode.close();
+        return status < 0 ? status : closed;
+    });
+}
+
+} /* namespace offline */

@@ -1,0 +1,150 @@
+/* Looking at files and directories. */
+#include "platform/offline/volume/open_volume.h"
+/* before everything else */
+#include <algorithm>
+#include <cerrno>
+
+namespace offline {
+namespace {
+
+/* What a look-up or a listing may read at most: any sound index is far below it. */
+constexpr uint64_t readsPerLookUp = 10'000;
+
+struct Listing {
+    const Volume& volume;
+    DirectoryListing& result;
+    bool outOfMemory = false;
+};
+
+bool isDots(const ntfs3g::ntfschar* name, int length) {
+    return length >= 1 && length <= 2 && name[0] == u'.' && name[length - 1] == u'.';
+}
+
+/* Called by the library for each entry, so that nothing may be thrown. */
+int addEntry(void* context, const ntfs3g::ntfschar* name, const int length, const int nameType, const int64_t,
+             const ntfs3g::MFT_REF file, const unsigned kind) noexcept {
+    auto& listing = *static_cast<Listing*>(context);
+    if (nameType == ntfs3g::FILE_NAME_DOS || length <= 0 || isDots(name, length)) return 0;
+    if (recordNumberOf(file) < firstOrdinaryRecord) return 0;
+    try {
+        DirectoryListing& result = listing.result;
+        DirectoryEntry entry = {};
+        entry.file = file;
+        entry.nameStart = static_cast<uint32_t>(result.names.size());
+        entry.nameLength = static_cast<uint16_t>(length);
+        entry.directory = kind == NTFS_DT_DIR;
+        entry.reparse = kind == NTFS_DT_LNK || kind == NTFS_DT_REPARSE;
+        result.names.append(reinterpret_cast<const char16_t*>(name), static_cast<size_t>(length));
+        result.entries.push_back(entry);
+    } catch (const std::exception&) {
+        listing.outOfMemory = true;
+        errno = ENOMEM;
+        return -1;
+    }
+    return 0;
+}
+
+/* The library gives the blocks of a large index in the order of the disk. */
+void sortEntries(const Volume& volume, DirectoryListing& listing) {
+    const ntfs3g::ntfs_volume* ntfs = volume.ntfs;
+    auto before = [&](const DirectoryEntry& a, const DirectoryEntry& b) {
+        return ntfs3g::ntfs_names_full_collate(libraryName(listing.name(a)), a.nameLength,
+                                               libraryName(listing.name(b)), b.nameLength, ntfs3g::CASE_SENSITIVE,
+                                               ntfs->upcase, ntfs->upcase_len) < 0;
+    };
+    if (!std::is_sorted(listing.entries.begin(), listing.entries.end(), before)) {
+        std::sort(listing.entries.begin(), listing.entries.end(), before);
+    }
+}
+
+NTSTATUS lookUpAs(Volume& volume, Inode& directory, std::u16string_view name, bool exact, FileRef& file) {
+    ReadLimit limit(volume.device, readsPerLookUp);
+    if (!exact) NVolClearCaseSensitive(volume.ntfs);
+    errno = 0;
+    uint64_t found = ntfs3g::ntfs_inode_lookup_by_name(directory.inode, libraryName(name), static_cast<int>(name.size()));
+    int error = errno;
+    NVolSetCaseSensitive(volume.ntfs);
+    if (found == UINT64_MAX) return error == ENOENT ? STATUS_OBJECT_NAME_NOT_FOUND : libraryStatus(volume, error);
+    file = found;
+    return STATUS_SUCCESS;
+}
+
+/* The next component of a path; the path becomes what lies behind it. */
+std::u16string_view takeComponent(std::u16string_view& path) {
+    size_t end = std::min(path.find(u'\\'), path.size());
+    std::u16string_view component = path.substr(0, end);
+    path.remove_prefix(std::min(end + 1, path.size()));
+    return component;
+}
+
+NTSTATUS stepInto(Volume& volume, std::u16string_view component, bool last, FileRef& file) {
+    NTSTATUS status = loadRecord(volume, file);
+    if (status < 0) return status;
+    bool through = volume.record.directory && (volume.record.info.attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0;
+    if (!through) return STATUS_OBJECT_PATH_NOT_FOUND;
+    status = volumeLookUp(volume, file, component, file);
+    if (status == STATUS_OBJECT_NAME_NOT_FOUND && !last) return STATUS_OBJECT_PATH_NOT_FOUND;
+    return status;
+}
+
+} /* namespace */
+
+NTSTATUS volumeFileInfo(Volume& volume, FileRef file, FileInfo& info) {
+    return guarded([&]() -> NTSTATUS {
+        NTSTATUS status = loadRecord(volume, file);
+        if (status >= 0) info = volume.record.info;
+        return status;
+    });
+}
+
+NTSTATUS lookUpIn(Volume& volume, Inode& directory, std::u16string_view name, FileRef& file) {
+    if (name.empty() || name.size() > longestName) return STATUS_OBJECT_NAME_NOT_FOUND;
+    NTSTATUS status = lookUpAs(volume, directory, name, true, file);
+    return status == STATUS_OBJECT_NAME_NOT_FOUND ? lookUpAs(volume, directory, name, false, file) : status;
+}
+
+NTSTATUS volumeLookUp(Volume& volume, FileRef directory, std::u16string_view name, FileRef& file) {
+    return guarded([&]() -> NTSTATUS {
+        Inode inode(volume);
+        NTSTATUS status = inode.open(directory);
+        if (status < 0) return status;
+        if (!inode.isDirectory()) return STATUS_NOT_A_DIRECTORY;
+        return lookUpIn(volume, inode, name, file);
+    });
+}
+
+NTSTATUS volumeFind(Volume& volume, std::u16string_view path, FileRef& file) {
+    return guarded([&]() -> NTSTATUS {
+        if (!path.empty() && path.front() == u'\\') path.remove_prefix(1);
+        FileRef current = rootDirectory;
+        while (!path.empty()) {
+            std::u16string_view component = takeComponent(path);
+            if (component.empty()) return STATUS_OBJECT_NAME_INVALID;
+            NTSTATUS status = stepInto(volume, component, path.empty(), current);
+            if (status < 0) return status;
+        }
+        file = current;
+        return STATUS_SUCCESS;
+    });
+}
+
+NTSTATUS volumeList(Volume& volume, FileRef directory, DirectoryListing& listing) {
+    return guarded([&]() -> NTSTATUS {
+        listing.entries.clear();
+        listing.names.clear();
+        Inode inode(volume);
+        NTSTATUS status = inode.open(directory);
+        if (status < 0) return status;
+        if (!inode.isDirectory()) return STATUS_NOT_A_DIRECTORY;
+        Listing context{volume, listing};
+        int64_t position = 0;
+        errno = 0;
+        if (ntfs3g::ntfs_readdir(inode.inode, &position, &context, addEntry) != 0) {
+            return context.outOfMemory ? STATUS_NO_MEMORY : libraryStatus(volume, errno);
+        }
+        sortEntries(volume, listing);
+        return inode.close();
+    });
+}
+
+} /* namespace offline */

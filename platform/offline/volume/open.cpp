@@ -1,0 +1,185 @@
+/* Opening a volume, the dirty mark, closing. */
+#include "platform/offline/volume/open_volume.h"
+/* before everything else */
+#include <cerrno>
+#include <cstdlib>
+
+namespace offline {
+namespace {
+
+constexpr uint16_t dirtyMarks = ntfs3g::VOLUME_IS_DIRTY | ntfs3g::VOLUME_CHKDSK_UNDERWAY;
+
+NTSTATUS refuseHibernated(const Volume& volume, Problem& problem) {
+    return refuse(problem, STATUS_SHARING_VIOLATION,
+                  volume.name + ": Windows on it is hibernated or used fast startup; start it and shut it down fully "
+                                "(shutdown /s /t 0), then try again");
+}
+
+NTSTATUS refuseUnclean(const Volume& volume, const char* what, Problem& problem) {
+    return refuse(problem, STATUS_DISK_CORRUPT_ERROR,
+                  volume.name + ": " + what +
+                      "; start Windows on it and shut it down fully, or run chkdsk /f on the volume, then try again");
+}
+
+NTSTATUS refuseMount(const Volume& volume, int error, Problem& problem) {
+    if (volume.device.failed) {
+        return refuse(problem, STATUS_IO_DEVICE_ERROR,
+                      volume.name + ": it can't be read; check the medium, or work on a copy of it");
+    }
+    switch (error) {
+        case EPERM: return refuseHibernated(volume, problem);
+        case EOPNOTSUPP: return refuseUnclean(volume, "its journal holds changes that are not carried out", problem);
+        case EROFS:
+            return refuseUnclean(volume, "its transaction data must be repaired before it can be used", problem);
+        case ENOMEM: return refuse(problem, STATUS_NO_MEMORY, volume.name + ": there is not enough memory to open it");
+        case EINVAL:
+            return refuse(problem, STATUS_UNRECOGNIZED_VOLUME,
+                          volume.name + ": it holds no valid NTFS; repair the volume (chkdsk /f) first");
+        default:
+            return refuse(problem, STATUS_DISK_CORRUPT_ERROR,
+                          volume.name + ": its NTFS structures are damaged; repair the volume (chkdsk /f) first");
+    }
+}
+
+NTSTATUS mount(Volume& volume, Problem& problem) {
+    ntfs3g::ntfs_log_set_handler(ntfs3g::ntfs_log_handler_null);
+    ntfs3g::ntfs_device* device =
+        ntfs3g::ntfs_device_alloc(volume.name.c_str(), 0, &volumeDeviceOperations, &volume.device);
+    if (device == nullptr) return refuseMount(volume, ENOMEM, problem);
+    errno = 0;
+    unsigned long flags = volume.readOnly ? ntfs3g::NTFS_MNT_RDONLY : ntfs3g::NTFS_MNT_NONE;
+    volume.ntfs = ntfs3g::ntfs_device_mount(device, flags);
+    if (volume.ntfs == nullptr) {
+        int error = errno;
+        ntfs3g::ntfs_device_free(device);
+        return refuseMount(volume, error, problem);
+    }
+    ntfs3g::ntfs_create_lru_caches(volume.ntfs);
+    ntfs3g::ntfs_set_shown_files(volume.ntfs, libraryTrue, libraryTrue, libraryFalse);
+    return STATUS_SUCCESS;
+}
+
+/* Whether the journal has been carried out. The library asks this itself only when it opens a volume for writing. */
+bool journalClean(Volume& volume) {
+    Inode file(volume);
+    if (file.open(ntfs3g::FILE_LogFile) < 0) return false;
+    ntfs3g::ntfs_attr* data = ntfs3g::ntfs_attr_open(file.inode, ntfs3g::AT_DATA, nullptr, 0);
+    if (data == nullptr) return false;
+    ntfs3g::RESTART_PAGE_HEADER* restart = nullptr;
+    bool clean = ntfs3g::ntfs_check_logfile(data, &restart) != 0 && ntfs3g::ntfs_is_logfile_clean(data, restart) != 0;
+    std::free(restart);
+    ntfs3g::ntfs_attr_close(data);
+    return clean;
+}
+
+NTSTATUS refuseState(Volume& volume, Problem& problem) {
+    if (volume.ntfs->major_ver < 3) {
+        return refuse(problem, STATUS_NOT_SUPPORTED,
+                      volume.name + ": its NTFS is older than version 3.0; upgrade the volume first");
+    }
+    if ((volume.ntfs->flags & dirtyMarks) != 0) return refuseUnclean(volume, "it is marked as dirty", problem);
+    if (NVolReadOnly(volume.ntfs)) {
+        if (!volume.readOnly) return refuseMount(volume, EROFS, problem);
+        errno = 0;
+        if (ntfs3g::ntfs_volume_check_hiberfile(volume.ntfs, 0) < 0) return refuseMount(volume, errno, problem);
+        if (!journalClean(volume)) return refuseMount(volume, EOPNOTSUPP, problem);
+    }
+    return STATUS_SUCCESS;
+}
+
+/* Writes the metadata files that the library keeps open. */
+bool syncMetadata(const Volume& volume) {
+    bool done = true;
+    for (ntfs3g::ntfs_inode* inode :
+         {volume.ntfs->secure_ni, volume.ntfs->lcnbmp_ni, volume.ntfs->mft_ni, volume.ntfs->mftmirr_ni}) {
+        if (inode != nullptr && ntfs3g::ntfs_inode_sync(inode) != 0) done = false;
+    }
+    return done;
+}
+
+bool setFlags(Volume& volume, uint16_t flags) { return ntfs3g::ntfs_volume_write_flags(volume.ntfs, flags) == 0; }
+
+/* Everything but the mark first, so that a crash in between leaves a marked volume. */
+NTSTATUS clearMark(Volume& volume) {
+    if (!setFlags(volume, static_cast<uint16_t>(volume.ntfs->flags & ~ntfs3g::VOLUME_IS_DIRTY))) {
+        return STATUS_IO_DEVICE_ERROR;
+    }
+    return diskSync(*volume.device.disk);
+}
+
+} /* namespace */
+
+void VolumeDeleter::operator()(Volume* volume) const {
+    if (volume->ntfs != nullptr) ntfs3g::ntfs_umount(volume->ntfs, libraryTrue);
+    delete volume;
+}
+
+NTSTATUS volumeOpen(Disk& disk, const Partition& partition, VolumePtr& volume, Problem& problem) {
+    volume.reset();
+    return guarded([&]() -> NTSTATUS {
+        VolumePtr opened(new Volume);
+        opened->name = diskPath(disk);
+        if (partition.table != PartitionTable::none) {
+            opened->name += ", volume at byte " + std::to_string(partition.start);
+        }
+        if (partition.start > diskSize(disk) || partition.size > diskSize(disk) - partition.start) {
+            return refuse(problem, STATUS_INVALID_PARAMETER, opened->name + ": it reaches beyond the disk's end");
+        }
+        opened->device.disk = &disk;
+        opened->device.start = partition.start;
+        opened->device.size = partition.size;
+        opened->readOnly = diskReadOnly(disk);
+        NTSTATUS status = mount(*opened, problem);
+        if (status >= 0) status = refuseState(*opened, problem);
+        if (status < 0) return status;
+        opened->recordBytes.resize(opened->ntfs->mft_record_size);
+        volume = std::move(opened);
+        return STATUS_SUCCESS;
+    });
+}
+
+NTSTATUS beginChange(Volume& volume) {
+    if (volume.readOnly) {
+        volume.refusedChange = true;
+        return STATUS_MEDIA_WRITE_PROTECTED;
+    }
+    if (volume.marked) return STATUS_SUCCESS;
+    volume.device.mayWrite = true;
+    NTSTATUS status = setFlags(volume, volume.ntfs->flags | ntfs3g::VOLUME_IS_DIRTY) ? STATUS_SUCCESS
+                                                                                    : STATUS_IO_DEVICE_ERROR;
+    if (status >= 0) status = diskSync(*volume.device.disk);
+    volume.marked = status >= 0;
+    if (status < 0) {
+        volume.failed = true;
+        volume.device.mayWrite = false;
+    }
+    return status;
+}
+
+NTSTATUS volumeFlush(Volume& volume) {
+    if (!volume.marked) return volume.failed ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS;
+    bool written = syncMetadata(volume);
+    NTSTATUS status = diskSync(*volume.device.disk);
+    if (!written || status < 0) volume.failed = true;
+    if (status < 0) return status;
+    return volume.failed ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS;
+}
+
+NTSTATUS volumeClose(VolumePtr volume) {
+    NTSTATUS status = volumeFlush(*volume);
+    if (volume->marked && status >= 0) status = clearMark(*volume);
+    ntfs3g::ntfs_volume* ntfs = volume->ntfs;
+    volume->ntfs = nullptr;
+    uint64_t writes = volume->device.writes;
+    if (ntfs3g::ntfs_umount(ntfs, libraryTrue) != 0 && status >= 0) status = STATUS_IO_DEVICE_ERROR;
+    if (volume->device.writes != writes) {
+        NTSTATUS late = diskSync(*volume->device.disk);
+        if (status >= 0) status = late;
+    }
+    return status;
+}
+
+bool volumeReadOnly(const Volume& volume) { return volume.readOnly; }
+bool volumeRefusedChange(const Volume& volume) { return volume.refusedChange; }
+
+} /* namespace offline */

@@ -1,0 +1,147 @@
+/* What an open volume consists of, and what the room's files share. Private to this room; include it first. */
+#ifndef QUILLET_OFFLINE_VOLUME_OPEN_VOLUME_H
+#define QUILLET_OFFLINE_VOLUME_OPEN_VOLUME_H
+
+#include "platform/offline/volume/ntfs3g.h"
+/* before everything else */
+#include <functional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/offline/volume/bytes.h"
+#include "platform/offline/volume/volume.h"
+
+namespace offline {
+
+/* What libntfs-3g reads and writes through: a part of a disk. */
+struct VolumeDevice {
+    Disk* disk = nullptr;
+    uint64_t start = 0; /* bytes */
+    uint64_t size = 0;  /* bytes */
+    int64_t position = 0;
+    bool mayWrite = false; /* not before the dirty mark is being set */
+    bool failed = false;   /* the disk refused a read or write, so that an error is not the volume's */
+    uint64_t writes = 0;
+    uint64_t readsLeft = UINT64_MAX; /* see ReadLimit */
+};
+
+extern ntfs3g::ntfs_device_operations volumeDeviceOperations;
+
+/* What an MFT record says, taken from the record as it lies on the disk. */
+struct FileRecord {
+    bool directory = false;
+    bool ownDescriptor = false; /* an attribute of its own holds the descriptor */
+    bool complete = false;      /* size and tag are not in further records */
+    bool tagMissing = false;    /* the reparse data must be read for the tag */
+    uint32_t securityId = 0;    /* 0: none, or the record has no room for one */
+    size_t securityIdPlace = 0; /* bytes from the record's start */
+    FileInfo info = {};
+};
+
+struct BytesHash {
+    using is_transparent = void;
+    size_t operator()(std::string_view bytes) const { return std::hash<std::string_view>()(bytes); }
+};
+
+struct Volume {
+    std::string name; /* for messages */
+    VolumeDevice device;
+    ntfs3g::ntfs_volume* ntfs = nullptr;
+    bool readOnly = true;
+    bool refusedChange = false;
+    bool marked = false; /* this volume set the dirty mark */
+    bool failed = false; /* a change did not succeed whole: the mark stays */
+
+    /* The record looked at last. It is what lies on the disk: whoever changes the file otherwise forgets it. */
+    std::vector<uint8_t> recordBytes;
+    uint64_t recordNumber = UINT64_MAX;
+    FileRecord record;
+
+    /* Descriptors by security id; and the ids under which descriptors were stored here, by their bytes. */
+    std::unordered_map<uint32_t, std::vector<uint8_t>> descriptors;
+    std::unordered_map<std::string, uint32_t, BytesHash, std::equal_to<>> storedIds;
+    size_t descriptorBytes = 0;          /* kept in both */
+    std::vector<uint8_t> lastDescriptor; /* of a file without a security id */
+};
+
+inline uint64_t recordNumberOf(FileRef file) { return MREF(file); }
+
+/* Whether the file may be changed: the volume's own metadata may not, but for the root directory. */
+constexpr uint64_t firstOrdinaryRecord = 24;
+inline bool isMetadata(FileRef file) {
+    return recordNumberOf(file) < firstOrdinaryRecord && recordNumberOf(file) != rootDirectory;
+}
+
+/* ---- Changes ---- */
+
+/* Before any change: refuses on a volume that can only be read; the first time, puts the dirty mark on the medium. */
+NTSTATUS beginChange(Volume& volume);
+
+/* The status of a call of the library that failed and set errno. */
+NTSTATUS libraryStatus(const Volume& volume, int error);
+
+/* ---- Records ---- */
+
+/* Fills volume.record with the file's. STATUS_FILE_CORRUPT_ERROR when it is no record of a file in use. */
+NTSTATUS loadRecord(Volume& volume, FileRef file);
+
+inline void forgetRecord(Volume& volume) { volume.recordNumber = UINT64_MAX; }
+
+/* Writes the security id into the record that is loaded. */
+NTSTATUS writeSecurityId(Volume& volume, uint32_t id);
+
+/* ---- Inodes ---- */
+
+/* For ntfs_inode_update_times: the contents changed. */
+constexpr auto updateContents = static_cast<ntfs3g::ntfs_time_update_flags>(NTFS_UPDATE_MCTIME);
+
+/* An open inode. The library has no reference counts, so that no two are ever open on one file, and none is kept from
+ * one call to the next. */
+struct Inode {
+    Volume& volume;
+    ntfs3g::ntfs_inode* inode = nullptr;
+
+    explicit Inode(Volume& of) : volume(of) {}
+    Inode(const Inode&) = delete;
+    Inode& operator=(const Inode&) = delete;
+    ~Inode() { close(); }
+
+    NTSTATUS open(FileRef file);
+    /* Writes what was changed. A failure that nobody asks for here is remembered in the volume. */
+    NTSTATUS close();
+    NTSTATUS closeIn(Inode& directory); /* while the directory that holds its only name is open */
+    bool isDirectory() const { return (inode->mrec->flags & ntfs3g::MFT_RECORD_IS_DIRECTORY) != 0; }
+};
+
+/* Bounds what one call of the library may read, where a damaged index could lead it in a circle. */
+struct ReadLimit {
+    VolumeDevice& device;
+    ReadLimit(VolumeDevice& of, uint64_t reads) : device(of) { device.readsLeft = reads; }
+    ReadLimit(const ReadLimit&) = delete;
+    ReadLimit& operator=(const ReadLimit&) = delete;
+    ~ReadLimit() { device.readsLeft = UINT64_MAX; }
+};
+
+/* ---- Descriptors ---- */
+
+/* Whether every offset, count and size of a self-relative descriptor lies within it. */
+bool descriptorInBounds(Bytes descriptor);
+
+/* Stores the descriptor in the inode's file. */
+NTSTATUS storeDescriptor(Inode& file, Bytes descriptor);
+
+/* ---- Names ---- */
+
+inline const ntfs3g::ntfschar* libraryName(std::u16string_view name) {
+    return reinterpret_cast<const ntfs3g::ntfschar*>(name.data());
+}
+constexpr size_t longestName = 255; /* characters */
+
+/* An entry of an open directory; the exact name before one that differs by case only. */
+NTSTATUS lookUpIn(Volume& volume, Inode& directory, std::u16string_view name, FileRef& file);
+
+} /* namespace offline */
+
+#endif

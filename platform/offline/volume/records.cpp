@@ -1,0 +1,181 @@
+/* MFT records as they lie on the disk. A walk over a whole volume asks every file for a few fields of its record; read
+ * here, that costs a fraction of opening the file. Structure: the record header and the attribute headers of NTFS 3. */
+#include "platform/offline/volume/open_volume.h"
+
+namespace offline {
+namespace {
+
+using ntfs3g::ATTR_RECORD;
+using ntfs3g::MFT_RECORD;
+using ntfs3g::STANDARD_INFORMATION;
+
+constexpr uint32_t endOfAttributes = 0xFFFFFFFF;
+constexpr size_t standardInformationV1 = 48, standardInformationV3 = 72; /* bytes */
+constexpr size_t residentHeader = 24, nonResidentHeader = 64;
+
+/* On-disk bits that are not attributes of the file: what kinds of indexes it has. */
+constexpr uint32_t attributeBits = 0x0FFFFFFF;
+
+/* One attribute: a resident one's value, or none. */
+struct Attribute {
+    uint32_t type;
+    bool resident, named;
+    Bytes header; /* with the value behind it */
+    Bytes value;
+};
+
+/* The attribute at an offset in the used part of a record; false at a header or value that does not lie inside. */
+bool attributeAt(Bytes used, size_t offset, Attribute& attribute) {
+    Bytes rest = checkedSpan(used, offset, used.size() - offset);
+    if (rest.size() < residentHeader) return false;
+    attribute.type = numberAt<uint32_t>(rest, offsetof(ATTR_RECORD, type));
+    uint32_t length = numberAt<uint32_t>(rest, offsetof(ATTR_RECORD, length));
+    attribute.resident = rest[offsetof(ATTR_RECORD, non_resident)] == 0;
+    attribute.named = rest[offsetof(ATTR_RECORD, name_length)] != 0;
+    attribute.header = checkedSpan(rest, 0, length);
+    attribute.value = {};
+    if (length % 8 != 0 || attribute.header.size() < residentHeader) return false;
+    if (!attribute.resident) return length >= nonResidentHeader;
+    uint32_t valueLength = numberAt<uint32_t>(rest, offsetof(ATTR_RECORD, value_length));
+    uint16_t valueOffset = numberAt<uint16_t>(rest, offsetof(ATTR_RECORD, value_offset));
+    attribute.value = checkedSpan(attribute.header, valueOffset, valueLength);
+    return attribute.value.size() == valueLength;
+}
+
+bool takeStandardInformation(const Attribute& attribute, Bytes record, FileRecord& file) {
+    if (!attribute.resident || attribute.value.size() < standardInformationV1) return false;
+    Bytes value = attribute.value;
+    file.info.created = numberAt<uint64_t>(value, offsetof(STANDARD_INFORMATION, creation_time));
+    file.info.lastWritten = numberAt<uint64_t>(value, offsetof(STANDARD_INFORMATION, last_data_change_time));
+    file.info.lastAccessed = numberAt<uint64_t>(value, offsetof(STANDARD_INFORMATION, last_access_time));
+    file.info.attributes =
+        numberAt<uint32_t>(value, offsetof(STANDARD_INFORMATION, file_attributes)) & attributeBits;
+    if (value.size() >= standardInformationV3) {
+        size_t offset = offsetof(STANDARD_INFORMATION, security_id);
+        file.securityId = numberAt<uint32_t>(value, offset);
+        file.securityIdPlace = static_cast<size_t>(value.data() - record.data()) + offset;
+    }
+    return true;
+}
+
+void takeDataSize(const Attribute& attribute, FileRecord& file) {
+    if (attribute.named) return;
+    if (attribute.resident) {
+        file.info.size = attribute.value.size();
+    } else if (numberAt<uint64_t>(attribute.header, offsetof(ATTR_RECORD, lowest_vcn)) == 0) {
+        file.info.size = numberAt<uint64_t>(attribute.header, offsetof(ATTR_RECORD, data_size));
+    }
+}
+
+void takeReparseTag(const Attribute& attribute, FileRecord& file) {
+    if (attribute.resident && attribute.value.size() >= 4) {
+        file.info.reparseTag = numberAt<uint32_t>(attribute.value, 0);
+    } else {
+        file.tagMissing = true;
+    }
+}
+
+/* Goes through the attributes. False when the record is damaged. */
+bool takeAttributes(Bytes record, Bytes used, size_t offset, FileRecord& file) {
+    bool standard = false;
+    while (used.size() - offset >= 4 && numberAt<uint32_t>(used, offset) != endOfAttributes) {
+        Attribute attribute;
+        if (!attributeAt(used, offset, attribute)) return false;
+        switch (attribute.type) {
+            case ntfs3g::AT_STANDARD_INFORMATION:
+                standard = takeStandardInformation(attribute, record, file);
+                if (!standard) return false;
+                break;
+            case ntfs3g::AT_ATTRIBUTE_LIST: file.complete = false; break;
+            case ntfs3g::AT_SECURITY_DESCRIPTOR: file.ownDescriptor = true; break;
+            case ntfs3g::AT_DATA: takeDataSize(attribute, file); break;
+            case ntfs3g::AT_REPARSE_POINT: takeReparseTag(attribute, file); break;
+            default: break;
+        }
+        offset += attribute.header.size();
+    }
+    return standard;
+}
+
+bool parseRecord(Bytes record, FileRef reference, FileRecord& file) {
+    file = {};
+    file.complete = true;
+    if (record.size() < sizeof(MFT_RECORD) || std::memcmp(record.data(), "FILE", 4) != 0) return false;
+    uint16_t sequence = numberAt<uint16_t>(record, offsetof(MFT_RECORD, sequence_number));
+    uint16_t flags = numberAt<uint16_t>(record, offsetof(MFT_RECORD, flags));
+    uint16_t attributes = numberAt<uint16_t>(record, offsetof(MFT_RECORD, attrs_offset));
+    uint32_t inUse = numberAt<uint32_t>(record, offsetof(MFT_RECORD, bytes_in_use));
+    if ((flags & ntfs3g::MFT_RECORD_IN_USE) == 0) return false;
+    if (numberAt<uint64_t>(record, offsetof(MFT_RECORD, base_mft_record)) != 0) return false;
+    if (MSEQNO(reference) != 0 && MSEQNO(reference) != sequence) return false;
+    Bytes used = checkedSpan(record, 0, inUse);
+    if (used.size() != inUse || attributes > used.size() || attributes % 8 != 0) return false;
+    if (!takeAttributes(record, used, attributes, file)) return false;
+    file.directory = (flags & ntfs3g::MFT_RECORD_IS_DIRECTORY) != 0;
+    uint32_t& bits = file.info.attributes;
+    bits &= ~(FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_NORMAL);
+    if (file.directory) bits |= FILE_ATTRIBUTE_DIRECTORY;
+    if (file.directory) file.info.size = 0;
+    if (bits == 0) bits = FILE_ATTRIBUTE_NORMAL;
+    return true;
+}
+
+/* The reparse tag of a file whose reparse data is not in its first record. */
+NTSTATUS readTag(Inode& inode, uint32_t& tag) {
+    ntfs3g::ntfs_attr* data = ntfs3g::ntfs_attr_open(inode.inode, ntfs3g::AT_REPARSE_POINT, nullptr, 0);
+    if (data == nullptr) return STATUS_FILE_CORRUPT_ERROR;
+    int64_t done = ntfs3g::ntfs_attr_pread(data, 0, sizeof tag, &tag);
+    ntfs3g::ntfs_attr_close(data);
+    return done == sizeof tag ? STATUS_SUCCESS : STATUS_FILE_CORRUPT_ERROR;
+}
+
+/* What is kept in further records comes through the library. */
+NTSTATUS complete(Volume& volume, FileRef file, FileRecord& record) {
+    bool reparse = (record.info.attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+    if (record.complete && !(reparse && record.tagMissing)) return STATUS_SUCCESS;
+    Inode inode(volume);
+    NTSTATUS status = inode.open(file);
+    if (status < 0) return status;
+    if (!record.directory) record.info.size = static_cast<uint64_t>(inode.inode->data_size);
+    if (reparse) status = readTag(inode, record.info.reparseTag);
+    return status;
+}
+
+} /* namespace */
+
+NTSTATUS loadRecord(Volume& volume, FileRef file) {
+    uint64_t number = recordNumberOf(file);
+    if (volume.recordNumber == number) {
+        uint16_t sequence =
+            numberAt<uint16_t>(volume.recordBytes, offsetof(MFT_RECORD, sequence_number));
+        return MSEQNO(file) == 0 || MSEQNO(file) == sequence ? STATUS_SUCCESS : STATUS_FILE_CORRUPT_ERROR;
+    }
+    forgetRecord(volume);
+    volume.device.failed = false;
+    int64_t records = volume.ntfs->mft_na->data_size >> volume.ntfs->mft_record_size_bits;
+    if (records < 0 || number >= static_cast<uint64_t>(records)) return STATUS_FILE_CORRUPT_ERROR;
+    /* This reverses the update sequence that guards each sector; a record whose sectors do not match has no "FILE". */
+    int64_t done = ntfs3g::ntfs_attr_mst_pread(
+        volume.ntfs->mft_na, static_cast<int64_t>(number << volume.ntfs->mft_record_size_bits), 1,
+        volume.ntfs->mft_record_size, volume.recordBytes.data());
+    if (done != 1) return volume.device.failed ? STATUS_IO_DEVICE_ERROR : STATUS_FILE_CORRUPT_ERROR;
+    if (!parseRecord(volume.recordBytes, file, volume.record)) return STATUS_FILE_CORRUPT_ERROR;
+    NTSTATUS status = complete(volume, file, volume.record);
+    if (status >= 0) volume.recordNumber = number;
+    return status;
+}
+
+NTSTATUS writeSecurityId(Volume& volume, uint32_t id) {
+    uint64_t number = volume.recordNumber;
+    std::memcpy(volume.recordBytes.data() + volume.record.securityIdPlace, &id, sizeof id);
+    volume.record.securityId = id;
+    /* The library may keep a copy of the record from an earlier use, which must not come back. */
+    ntfs3g::ntfs_inode_invalidate(volume.ntfs, number);
+    auto* record = reinterpret_cast<MFT_RECORD*>(volume.recordBytes.data());
+    if (ntfs3g::ntfs_mft_records_write(volume.ntfs, number, 1, record) == 0) return STATUS_SUCCESS;
+    forgetRecord(volume);
+    volume.failed = true;
+    return volume.device.failed ? STATUS_IO_DEVICE_ERROR : STATUS_FILE_CORRUPT_ERROR;
+}
+
+} /* namespace offline */

@@ -1,0 +1,216 @@
+#include "tests/engine/scripted.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+
+#include "common/log.h"
+#include "tool/text_format.h"
+
+Answers answer;
+Refusal refusal;
+Events events;
+int allocationsLeft = -1;
+
+/* ---- The redirected calls ---- */
+
+extern "C" {
+
+#define SCRIPTED(result, name, parameters, arguments)              \
+    result __wrap_##name parameters {                              \
+        if (answer.name) return answer.name arguments;             \
+        ADD_FAILURE() << "no answer for " #name;                   \
+        return static_cast<result>(0); /* FALSE, success or null */ \
+    }
+#define PASSED_ON(result, name, parameters, arguments)                                \
+    result __real_##name parameters;                                                  \
+    result __wrap_##name parameters {                                                 \
+        if (refusal.call == #name && refusal.after-- == 0) return failWith(refusal.code); \
+        return __real_##name arguments;                                               \
+    }
+#include "tests/engine/scripted_calls.h"
+
+void* __real_malloc(size_t size);
+void* __real_realloc(void* block, size_t size);
+
+static bool _allocationFails() {
+    if (allocationsLeft == 0) return true;
+    if (allocationsLeft > 0) allocationsLeft--;
+    return false;
+}
+
+void* __wrap_malloc(size_t size) {
+    return _allocationFails() ? nullptr : __real_malloc(size);
+}
+
+void* __wrap_realloc(void* block, size_t size) {
+    return _allocationFails() ? nullptr : __real_realloc(block, size);
+}
+
+} /* extern "C" */
+
+/* ---- The record ---- */
+
+static std::string _textV(const char* format, va_list arguments) {
+    char* bytes = nullptr;
+    size_t size = 0;
+    FILE* stream = open_memstream(&bytes, &size);
+    writeTextV(stream, format, arguments);
+    fclose(stream);
+    std::string result(bytes, size);
+    free(bytes);
+    return result;
+}
+
+std::string text(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    std::string result = _textV(format, arguments);
+    va_end(arguments);
+    return result;
+}
+
+void note(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    events.push_back(_textV(format, arguments));
+    va_end(arguments);
+}
+
+static const std::vector<std::string> _levels = {"?",      "CRITICAL", "ALERT", "ERROR", "WARN",
+                                                 "NOTICE", "INFO",     "DEBUG", "TRACE"};
+
+Events logLines() {
+    Events lines;
+    for (const std::string& event : events) {
+        for (const std::string& level : _levels) {
+            if (event.starts_with(level + " ")) lines.push_back(event);
+        }
+    }
+    return lines;
+}
+
+/* Each operation reports from its own source unit. */
+static const std::map<std::string, std::string> _units = {
+    {"ombraMalloc", "common/memory"},
+    {"ombraRealloc", "common/memory"},
+    {"ombraModifyPrivilege", "common/privilege"},
+    {"takeFileOwnership", "sidchng/sidchng"},
+    {"sidReplaceInPath", "sidchng/sidchng"},
+    {"sidReplaceInPathImpl", "sidchng/sidchng"},
+    {"_doOpenCreateKey", "regtk/regtk_open"},
+    {"_regOpenPredefinedKey", "regtk/regtk_open"},
+    {"_regOpenCreateKey", "regtk/regtk_open"},
+    {"regGetKeySec", "regtk/regtk_sec"},
+    {"regSetKeySec", "regtk/regtk_sec"},
+    {"regTakesOwnershipU", "regtk/regtk_sec"},
+};
+
+static void _record(const char* file, const char* function, int line, int level, ULONG_PTR reserved,
+                    const char* format, ...) {
+    const auto unit = _units.find(function);
+    EXPECT_EQ(file, unit == _units.end() ? "sidchng/sid" : unit->second) << function;
+    EXPECT_GT(line, 0);
+    EXPECT_EQ(reserved, 0u);
+    va_list arguments;
+    va_start(arguments, format);
+    const std::string message = _textV(format, arguments);
+    va_end(arguments);
+    events.push_back(_levels.at(static_cast<size_t>(level)) + " " + function + ": " + message);
+}
+
+BOOL failWith(DWORD code) {
+    SetLastError(code);
+    return FALSE;
+}
+
+HANDLE fakeHandle(uintptr_t number) {
+    return reinterpret_cast<HANDLE>(number);
+}
+
+uintptr_t numberOf(const void* handle) {
+    return reinterpret_cast<uintptr_t>(handle);
+}
+
+UNICODE_STRING counted(const std::u16string& characters) {
+    const USHORT length = static_cast<USHORT>(characters.size() * sizeof(WCHAR));
+    return {length, length, const_cast<WCHAR*>(characters.data())};
+}
+
+void Scripted::SetUp() {
+    answer = {};
+    refusal = {};
+    events.clear();
+    allocationsLeft = -1;
+    ombraSetLogger(_record);
+    answer.OpenProcessToken = [](HANDLE, DWORD, PHANDLE token) {
+        *token = fakeHandle(0x70);
+        return TRUE;
+    };
+    answer.CloseHandle = [](HANDLE handle) {
+        note("CloseHandle %Ix", numberOf(handle));
+        return TRUE;
+    };
+}
+
+void Scripted::TearDown() {
+    ombraSetLogger(nullptr);
+    answer = {};
+    refusal = {};
+    allocationsLeft = -1;
+}
+
+/* ---- SIDs and descriptors ---- */
+
+static void _append(Bytes* bytes, uint64_t number, size_t size) {
+    for (size_t i = 0; i < size; i++) bytes->push_back(static_cast<uint8_t>(number >> (8 * i)));
+}
+
+static void _append(Bytes* bytes, const Bytes& more) {
+    bytes->insert(bytes->end(), more.begin(), more.end());
+}
+
+Bytes sid(std::vector<uint32_t> subAuthorities) {
+    Bytes bytes = {1, static_cast<uint8_t>(subAuthorities.size()), 0, 0, 0, 0, 0, 5};
+    for (const uint32_t number : subAuthorities) _append(&bytes, number, 4);
+    return bytes;
+}
+
+Bytes derived(const Bytes& from, uint32_t rid) {
+    Bytes bytes = from;
+    bytes[1]++;
+    _append(&bytes, rid, 4);
+    return bytes;
+}
+
+static Bytes _list(const std::vector<Ace>& aces) {
+    Bytes bytes;
+    for (const Ace& ace : aces) {
+        _append(&bytes, ace.type, 2);
+        _append(&bytes, 8 + ace.sid.size(), 2);
+        _append(&bytes, 0x1F01FF, 4);
+        _append(&bytes, ace.sid);
+    }
+    Bytes list = {2, 0};
+    _append(&list, 8 + bytes.size(), 2);
+    _append(&list, aces.size(), 4);
+    _append(&list, bytes);
+    return list;
+}
+
+Bytes image(const Parts& parts) {
+    const std::optional<Bytes> dacl = parts.dacl ? std::optional(_list(*parts.dacl)) : std::nullopt;
+    const std::optional<Bytes> sacl = parts.sacl ? std::optional(_list(*parts.sacl)) : std::nullopt;
+    const unsigned control = SE_SELF_RELATIVE | (dacl ? SE_DACL_PRESENT : 0) | (sacl ? SE_SACL_PRESENT : 0);
+    Bytes head = {1, 0};
+    Bytes body;
+    _append(&head, control, 2);
+    for (const std::optional<Bytes>* part : {&parts.owner, &parts.group, &sacl, &dacl}) {
+        _append(&head, part->has_value() ? sizeof(SECURITY_DESCRIPTOR_RELATIVE) + body.size() : 0, 4);
+        if (part->has_value()) _append(&body, part->value());
+    }
+    _append(&head, body);
+    return head;
+}

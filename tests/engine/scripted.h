@@ -1,0 +1,93 @@
+/* A platform whose calls the test answers, and a record of what the code under test did with it. */
+#ifndef QUILLET_TESTS_ENGINE_SCRIPTED_H
+#define QUILLET_TESTS_ENGINE_SCRIPTED_H
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/memory.h"
+#include "platform/nt.h"
+
+using Bytes = std::vector<uint8_t>;
+using Events = std::vector<std::string>;
+
+/* The tests' answers, by the calls' names. */
+struct Answers {
+#define SCRIPTED(result, name, parameters, arguments) std::function<decltype(::name)> name;
+#define PASSED_ON(result, name, parameters, arguments)
+#include "tests/engine/scripted_calls.h"
+};
+extern Answers answer;
+
+/* A call on descriptors that is to fail, after so many that succeed. */
+struct Refusal {
+    std::string call;
+    int after;
+    DWORD code;
+};
+extern Refusal refusal;
+
+/* What happened, in order: calls, where the answers note them, and log lines as "LEVEL function: text". */
+extern Events events;
+void note(const char* format, ...);
+std::string text(const char* format, ...); /* with the log hook's directives */
+Events logLines();                         /* of the events, the log lines */
+
+/* How many allocations of the system proper succeed before one fails; below 0: all. */
+extern int allocationsLeft;
+
+BOOL failWith(DWORD code); /* sets the last error; gives FALSE */
+HANDLE fakeHandle(uintptr_t number);
+uintptr_t numberOf(const void* handle);
+UNICODE_STRING counted(const std::u16string& characters);
+
+/* Starts each test with no answers, no events and a hook that records; a token answers as numberOf 0x70. */
+class Scripted : public testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+};
+
+/* Gives its results one by one; the one behind the last is a failure of the test. */
+template <typename Result>
+struct Queue {
+    std::vector<Result> results;
+    size_t next = 0;
+    Result take() {
+        if (next < results.size()) return results[next++];
+        ADD_FAILURE() << "a call too many, after " << next;
+        return Result{};
+    }
+};
+
+/* ---- SIDs and descriptors ---- */
+
+Bytes sid(std::vector<uint32_t> subAuthorities);
+Bytes derived(const Bytes& from, uint32_t rid);
+
+/* A pair of machine SIDs, and an account of another issuer. */
+inline const Bytes oldSid = sid({21, 100, 200, 300});
+inline const Bytes newSid = sid({21, 4000000001, 4000000002, 4000000003});
+inline const Bytes administrators = sid({32, 544});
+constexpr WCHAR oldText[] = u"S-1-5-21-100-200-300";
+
+struct Ace {
+    uint8_t type;
+    Bytes sid;
+};
+
+/* A descriptor, part by part; an absent part has offset 0. */
+struct Parts {
+    std::optional<Bytes> owner;
+    std::optional<Bytes> group;
+    std::optional<std::vector<Ace>> dacl = std::nullopt;
+    std::optional<std::vector<Ace>> sacl = std::nullopt;
+};
+Bytes image(const Parts& parts); /* self-relative */
+
+#endif

@@ -1,0 +1,210 @@
+/* Opening and creating by path, links, and the life of handles. */
+#include "tests/registry/small_system.h"
+
+namespace offline {
+namespace {
+
+using PathTest = RegistryTest;
+using LinkTest = RegistryTest;
+using HandleTest = RegistryTest;
+
+TEST_F(PathTest, NativePathsAreParsedAsThePlatformDoes) {
+    create(u"A");
+    create(u"A\\b");
+    HANDLE a = open(u"A");
+    const std::vector<std::tuple<HANDLE, std::u16string, NTSTATUS>> rows = {
+        {nullptr, u"\\REGISTRY\\machine\\test\\a\\B", STATUS_SUCCESS},
+        {nullptr, u"\\Registry", STATUS_SUCCESS},
+        {nullptr, u"\\Registry\\User\\", STATUS_SUCCESS},
+        {nullptr, u"", STATUS_OBJECT_PATH_SYNTAX_BAD},
+        {nullptr, u"Registry\\Machine", STATUS_OBJECT_PATH_SYNTAX_BAD},
+        {nullptr, u"\\", STATUS_OBJECT_TYPE_MISMATCH},
+        {nullptr, u"\\Device\\A", STATUS_OBJECT_NAME_NOT_FOUND},
+        {nullptr, full(u"none"), STATUS_OBJECT_NAME_NOT_FOUND},
+        {nullptr, full(u"none\\b"), STATUS_OBJECT_NAME_NOT_FOUND},
+        {nullptr, full(std::u16string(300, u'x')), STATUS_INVALID_PARAMETER},
+        {a, u"b", STATUS_SUCCESS},
+        {a, u"", STATUS_SUCCESS},
+        {a, u"\\b", STATUS_OBJECT_PATH_SYNTAX_BAD},
+        {HKEY_LOCAL_MACHINE, u"TEST", STATUS_INVALID_HANDLE},
+        {reinterpret_cast<HANDLE>(0x7770), u"TEST", STATUS_INVALID_HANDLE},
+    };
+    for (const auto& [root, path, status] : rows)
+        EXPECT_EQ(tryOpen(path, {.root = root}), status) << toUtf8(path);
+    UNICODE_STRING odd = counted(u"b");
+    odd.Length = 1;
+    OBJECT_ATTRIBUTES attributes = {sizeof attributes, a, &odd, 0, nullptr, nullptr};
+    HANDLE key = nullptr;
+    EXPECT_EQ(ZwOpenKey(&key, KEY_READ, &attributes), STATUS_OBJECT_NAME_INVALID);
+    EXPECT_EQ(ZwOpenKey(&key, KEY_READ, nullptr), STATUS_INVALID_PARAMETER);
+}
+
+TEST_F(PathTest, Win32PathsStartAtPredefinedAndOpenKeys) {
+    const auto a = asHkey(create(u"A"));
+    create(u"A\\b");
+    const std::vector<std::tuple<HKEY, const char16_t*, LSTATUS, const char*>> rows = {
+        {HKEY_LOCAL_MACHINE, u"test\\a\\B\\", ERROR_SUCCESS, "b"},
+        {HKEY_USERS, nullptr, ERROR_SUCCESS, "USER"},
+        {a, u"", ERROR_SUCCESS, "A"},
+        {a, u"\\b", ERROR_BAD_PATHNAME, "?"},
+        {a, u"none", ERROR_FILE_NOT_FOUND, "?"},
+        {nullptr, u"TEST", ERROR_INVALID_HANDLE, "?"},
+    };
+    for (const auto& [root, path, code, name] : rows) {
+        HKEY key = nullptr;
+        EXPECT_EQ(RegOpenKeyExW(root, path, 0, KEY_READ, &key), code);
+        EXPECT_EQ(nameOf(key), name);
+        EXPECT_EQ(RegCloseKey(key), code == ERROR_SUCCESS ? ERROR_SUCCESS : ERROR_INVALID_HANDLE);
+    }
+}
+
+TEST_F(PathTest, NamesAreFoundAndOrderedWithoutCase) {
+    for (const char16_t* name : {u"zeta", u"Öl", u"alpha", u"Beta", u"ЖУК", u"éa", u"ALPHA2"}) create(name);
+    EXPECT_EQ(children(open(u"")), "alpha ALPHA2 Beta zeta éa Öl ЖУК ");
+    for (const char16_t* name : {u"ZETA", u"öl", u"жук", u"ÉA"})
+        EXPECT_EQ(tryOpen(full(name)), STATUS_SUCCESS);
+}
+
+TEST_F(PathTest, CreateMakesOrOpens) {
+    const std::u16string longest(255, u'n');
+    ULONG disposition = 0;
+    HANDLE key = nullptr;
+    ASSERT_EQ(createKey(key, full(longest), {.className = u"Class"}, &disposition), STATUS_SUCCESS);
+    EXPECT_EQ(disposition, REG_CREATED_NEW_KEY);
+    ZwClose(key);
+    ASSERT_EQ(createKey(key, full(longest), {.className = u"Other"}, &disposition), STATUS_SUCCESS);
+    EXPECT_EQ(disposition, REG_OPENED_EXISTING_KEY);
+    ZwClose(key);
+    WCHAR name[256];
+    WCHAR className[6];
+    DWORD room[] = {256, 6};
+    HKEY root = asHkey(open(u""));
+    EXPECT_EQ(RegEnumKeyExW(root, 0, name, &room[0], nullptr, className, &room[1], nullptr), ERROR_SUCCESS);
+    EXPECT_EQ(std::u16string(className), u"Class");
+    const std::vector<std::tuple<std::u16string, ULONG, NTSTATUS>> refused = {
+        {full(std::u16string(256, u'n')), 0, STATUS_INVALID_PARAMETER},
+        {full(u"none\\child"), 0, STATUS_OBJECT_NAME_NOT_FOUND},
+        {full(u"volatile"), REG_OPTION_VOLATILE, STATUS_NOT_SUPPORTED},
+        {full(u"odd"), 0x40, STATUS_INVALID_PARAMETER},
+        {full(longest), REG_OPTION_CREATE_LINK, STATUS_OBJECT_NAME_COLLISION},
+        {u"\\Registry\\Machine\\NEW", 0, STATUS_ACCESS_DENIED},
+        {u"\\Registry\\User\\NEW", 0, STATUS_ACCESS_DENIED},
+    };
+    for (const auto& [path, options, status] : refused) {
+        EXPECT_EQ(createKey(key, path, {.options = options}), status) << toUtf8(path);
+    }
+    EXPECT_EQ(children(root), toUtf8(longest) + " ");
+}
+
+TEST_F(LinkTest, LinksAreFollowedAtEveryComponent) {
+    create(u"real");
+    create(u"real\\child");
+    makeLink(u"toReal", full(u"real"));
+    makeLink(u"toLink", full(u"TOREAL\\"));
+    makeLink(u"dangling", full(u"gone"));
+    makeLink(u"loop", full(u"loop\\x"));
+    makeLink(u"relative", u"Machine\\TEST\\real");
+    makeLink(u"outside", u"\\Device\\real");
+    create(u"valueless", {.options = REG_OPTION_CREATE_LINK});
+    HANDLE link = open(u"toReal", {.attributes = OBJ_OPENLINK});
+    const std::vector<std::tuple<HANDLE, std::u16string, ULONG, NTSTATUS, const char*>> rows = {
+        {nullptr, full(u"toReal"), 0, STATUS_SUCCESS, "real"},
+        {nullptr, full(u"toLink\\child"), OBJ_OPENLINK, STATUS_SUCCESS, "child"},
+        {nullptr, full(u"toLink\\"), OBJ_OPENLINK, STATUS_SUCCESS, "toLink"},
+        {nullptr, full(u"dangling"), 0, STATUS_OBJECT_NAME_NOT_FOUND, "?"},
+        {nullptr, full(u"dangling"), OBJ_OPENLINK, STATUS_SUCCESS, "dangling"},
+        {nullptr, full(u"loop"), 0, STATUS_OBJECT_PATH_INVALID, "?"},
+        {nullptr, full(u"relative"), 0, STATUS_OBJECT_NAME_NOT_FOUND, "?"},
+        {nullptr, full(u"outside\\child"), 0, STATUS_OBJECT_NAME_NOT_FOUND, "?"},
+        {nullptr, full(u"valueless"), 0, STATUS_OBJECT_NAME_NOT_FOUND, "?"},
+        {link, u"child", OBJ_OPENLINK, STATUS_SUCCESS, "child"},
+        {link, u"", OBJ_OPENLINK, STATUS_SUCCESS, "toReal"},
+        {link, u"", 0, STATUS_SUCCESS, "real"},
+    };
+    for (const auto& [root, path, attributes, status, name] : rows) {
+        HANDLE key = nullptr;
+        EXPECT_EQ(openKey(key, path, {.attributes = attributes, .root = root}), status);
+        EXPECT_EQ(nameOf(key), name);
+        ZwClose(key);
+    }
+    EXPECT_EQ(setText(link, u"SymbolicLinkValue", REG_SZ, full(u"real")), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(setText(link, u"other", REG_LINK, full(u"real")), STATUS_ACCESS_DENIED);
+}
+
+TEST_F(LinkTest, ChainsEndAtTheLimit) {
+    const auto name = [](int number) { return toUtf16("link" + std::to_string(number)); };
+    create(name(0));
+    for (int i = 1; i <= 33; i++) makeLink(name(i), full(name(i - 1)));
+    EXPECT_EQ(tryOpen(full(name(32))), STATUS_SUCCESS);
+    EXPECT_EQ(tryOpen(full(name(33))), STATUS_OBJECT_PATH_INVALID);
+}
+
+TEST_F(LinkTest, CreateWorksThroughLinksAndNeverReplacesOne) {
+    create(u"real");
+    makeLink(u"toReal", full(u"real"));
+    makeLink(u"toNew", full(u"real\\new"));
+    makeLink(u"toNowhere", full(u"none\\new"));
+    create(u"toReal\\child");
+    create(u"toNew");
+    EXPECT_EQ(children(open(u"real")), "child new ");
+    HANDLE key = nullptr;
+    EXPECT_EQ(createKey(key, full(u"toNowhere"), {}), STATUS_OBJECT_NAME_NOT_FOUND);
+    for (const char16_t* taken : {u"toReal", u"toNowhere"}) {
+        EXPECT_EQ(createKey(key, full(taken), {.options = REG_OPTION_CREATE_LINK}),
+                  STATUS_OBJECT_NAME_COLLISION);
+    }
+    EXPECT_EQ(ZwDeleteKey(create(u"toReal", {.attributes = OBJ_OPENLINK | OBJ_OPENIF})), STATUS_SUCCESS);
+    EXPECT_EQ(children(open(u"")), "real toNew toNowhere ");
+}
+
+TEST_F(HandleTest, ADeletedKeyAnswersKeyDeleted) {
+    HANDLE first = create(u"dead");
+    HANDLE second = open(u"DEAD");
+    HANDLE parent = create(u"parent");
+    create(u"parent\\child");
+    EXPECT_EQ(ZwDeleteKey(parent), STATUS_CANNOT_DELETE);
+    EXPECT_EQ(ZwDeleteKey(open(u"")), STATUS_CANNOT_DELETE);
+    ASSERT_EQ(ZwDeleteKey(first), STATUS_SUCCESS);
+    HANDLE reborn = create(u"dead"); /* may well get the same cell */
+    for (HANDLE key : {first, second}) {
+        char buffer[64];
+        ULONG length = 0;
+        UNICODE_STRING name = counted(u"v");
+        HANDLE opened = nullptr;
+        EXPECT_EQ(ZwQueryKey(key, KeyNodeInformation, buffer, 64, &length), STATUS_KEY_DELETED);
+        EXPECT_EQ(ZwEnumerateKey(key, 0, KeyBasicInformation, buffer, 64, &length), STATUS_KEY_DELETED);
+        EXPECT_EQ(ZwQueryValueKey(key, &name, KeyValuePartialInformation, buffer, 64, &length),
+                  STATUS_KEY_DELETED);
+        EXPECT_EQ(ZwEnumerateValueKey(key, 0, KeyValueFullInformation, buffer, 64, &length),
+                  STATUS_KEY_DELETED);
+        EXPECT_EQ(setText(key, u"v", REG_SZ, u"x"), STATUS_KEY_DELETED);
+        EXPECT_EQ(ZwFlushKey(key), STATUS_KEY_DELETED);
+        EXPECT_EQ(ZwDeleteKey(key), STATUS_KEY_DELETED);
+        EXPECT_EQ(openKey(opened, u"", {.root = key}), STATUS_KEY_DELETED);
+        EXPECT_EQ(createKey(opened, u"x", {.root = key}), STATUS_KEY_DELETED);
+        EXPECT_EQ(RegGetKeySecurity(asHkey(key), 7, nullptr, &length), ERROR_KEY_DELETED);
+    }
+    EXPECT_EQ(ZwClose(first), STATUS_SUCCESS);
+    EXPECT_EQ(ZwClose(second), STATUS_SUCCESS);
+    EXPECT_EQ(nameOf(reborn), "dead");
+    EXPECT_EQ(ZwDeleteKey(reborn), STATUS_SUCCESS);
+}
+
+TEST_F(HandleTest, ThousandsOfOpenKeysKeepApart) {
+    std::vector<HANDLE> keys;
+    for (size_t i = 0; i < 3000; i++) keys.push_back(create(toUtf16(std::to_string(i))));
+    for (size_t i = 0; i < keys.size(); i += 3) ASSERT_EQ(ZwDeleteKey(keys[i]), STATUS_SUCCESS);
+    for (size_t i = 0; i < keys.size(); i++) ASSERT_EQ(nameOf(keys[i]), i % 3 == 0 ? "?" : std::to_string(i));
+}
+
+TEST_F(HandleTest, AResetEndsOpenKeys) {
+    HANDLE key = create(u"key");
+    ASSERT_EQ(ZwDeleteKey(create(u"deleted")), STATUS_SUCCESS);
+    registryReset();
+    EXPECT_EQ(store.closed, 1u);
+    EXPECT_EQ(ZwFlushKey(key), STATUS_KEY_DELETED);
+    EXPECT_EQ(tryOpen(full(u"")), STATUS_OBJECT_NAME_NOT_FOUND);
+}
+
+} /* namespace */
+} /* namespace offline */

@@ -1,0 +1,209 @@
+#include <algorithm>
+#include <functional>
+
+#include "tests/volume/images.h"
+
+using namespace offline;
+using images::Bytes;
+using images::descriptor;
+using images::OpenVolume;
+using images::put;
+
+namespace {
+
+struct DescriptorTest : images::ImageTest {
+    std::string image;
+    void SetUp() override {
+        ImageTest::SetUp();
+        image = ntfsImage();
+    }
+    static FileRef make(OpenVolume& opened, std::u16string_view name, const Bytes& bytes) {
+        FileRef file = 0;
+        EXPECT_EQ(volumeCreate(opened.get(), rootDirectory, name, NewFile::file, bytes, file), STATUS_SUCCESS);
+        return file;
+    }
+    static Bytes read(OpenVolume& opened, FileRef file) {
+        std::span<const uint8_t> bytes;
+        EXPECT_EQ(volumeDescriptor(opened.get(), file, bytes), STATUS_SUCCESS);
+        return Bytes(bytes.begin(), bytes.end());
+    }
+    void expectSound() const {
+        std::string report = images::outputOf("ntfssecaudit -ar " + image);
+        EXPECT_NE(report.find("All keys are present in all lists"), std::string::npos) << report;
+        EXPECT_NE(report.find("No errors were found"), std::string::npos) << report;
+    }
+    /* Where a file's record lies in the image; its MFT is in one piece. */
+    static size_t recordPlace(const Bytes& bytes, FileRef file) {
+        return images::get<uint64_t>(bytes, 0x30) * bytes[0x0D] * 512 + (file & 0xFFFFFFFF) * 1024;
+    }
+    static size_t securityIdPlace(const Bytes& bytes, FileRef file) {
+        size_t record = recordPlace(bytes, file);
+        return record + images::get<uint16_t>(bytes, record + 20) + 24 + 52;
+    }
+};
+
+TEST_F(DescriptorTest, KeptByteForByteAndShared) {
+    std::vector<Bytes> shapes = {descriptor(500)};
+    for (int control : {0x9C04, 0x8404, 0x8C14, 0x8004, 0x8804}) {
+        shapes.push_back(descriptor(600, static_cast<uint16_t>(control)));
+    }
+    Bytes conditional = descriptor(700); /* an entry of a kind that the library knows nothing of */
+    conditional[72] = 9;
+    shapes.push_back(conditional);
+    Bytes noList = descriptor(800, SE_SELF_RELATIVE);
+    put<uint32_t>(noList, 16, 0);
+    noList.resize(64);
+    shapes.push_back(noList);
+    Bytes large = descriptor(900); /* 60 KiB: many entries */
+    for (size_t i = 1; i < 1600; ++i) large.insert(large.end(), large.begin() + 72, large.begin() + 108);
+    put<uint16_t>(large, 66, static_cast<uint16_t>(8 + 1600 * 36));
+    put<uint16_t>(large, 68, 1600);
+    shapes.push_back(large);
+
+    std::vector<FileRef> files;
+    {
+        OpenVolume opened(image);
+        for (size_t i = 0; i < 3 * shapes.size(); ++i) {
+            char16_t name = static_cast<char16_t>(0x4E00 + i);
+            files.push_back(make(opened, {&name, 1}, descriptor(1)));
+        }
+        FileInfo before = {}, after = {};
+        for (size_t i = 0; i < files.size(); ++i) {
+            const Bytes& shape = shapes[i % shapes.size()];
+            ASSERT_EQ(volumeFileInfo(opened.get(), files[i], before), STATUS_SUCCESS);
+            ASSERT_EQ(volumeSetDescriptor(opened.get(), files[i], shape), STATUS_SUCCESS) << i;
+            EXPECT_EQ(read(opened, files[i]), shape) << i;
+            ASSERT_EQ(volumeFileInfo(opened.get(), files[i], after), STATUS_SUCCESS);
+            EXPECT_EQ(before.lastWritten, after.lastWritten);
+            EXPECT_EQ(before.created, after.created);
+        }
+        ASSERT_EQ(opened.close(), STATUS_SUCCESS);
+    }
+    expectSound();
+    /* One more for all that were made, two of the fresh volume. */
+    std::string entries = std::to_string(shapes.size() + 3) + " valid entries in $SII";
+    EXPECT_NE(images::outputOf("ntfssecaudit -ar " + image).find(entries), std::string::npos);
+    OpenVolume opened(image);
+    for (size_t i = 0; i < files.size(); ++i) EXPECT_EQ(read(opened, files[i]), shapes[i % shapes.size()]) << i;
+}
+
+/* The library's copy of a file and the record that is changed here must not undo each other. */
+TEST_F(DescriptorTest, ChangesOfEveryKindLiveTogether) {
+    OpenVolume opened(image);
+    Volume& volume = opened.get();
+    FileRef one = make(opened, u"one", descriptor(1)), two = make(opened, u"two", descriptor(2));
+    ASSERT_EQ(volumeSetDescriptor(volume, one, descriptor(2)), STATUS_SUCCESS); /* by id */
+    ASSERT_EQ(volumeWriteFile(volume, one, 0, Bytes(100, 5)), STATUS_SUCCESS);
+    ASSERT_EQ(volumeSetDescriptor(volume, one, descriptor(1)), STATUS_SUCCESS);
+    ASSERT_EQ(volumeLink(volume, one, rootDirectory, u"three"), STATUS_SUCCESS);
+    ASSERT_EQ(volumeSetDescriptor(volume, two, descriptor(1)), STATUS_SUCCESS);
+    ASSERT_EQ(volumeSetAttributes(volume, two, FILE_ATTRIBUTE_HIDDEN), STATUS_SUCCESS);
+    ASSERT_EQ(volumeWriteFile(volume, one, 100, Bytes(3000, 6)), STATUS_SUCCESS);
+    auto check = [&](OpenVolume& current) {
+        FileRef found = 0;
+        FileInfo info = {};
+        Bytes bytes;
+        EXPECT_EQ(volumeFind(current.get(), u"three", found), STATUS_SUCCESS);
+        EXPECT_EQ(found, one);
+        EXPECT_EQ(read(current, one), descriptor(1));
+        EXPECT_EQ(read(current, two), descriptor(1));
+        EXPECT_EQ(volumeReadFile(current.get(), one, 10'000, bytes), STATUS_SUCCESS);
+        EXPECT_EQ(bytes.size(), 3100u);
+        EXPECT_EQ(volumeFileInfo(current.get(), two, info), STATUS_SUCCESS);
+        EXPECT_NE(info.attributes & FILE_ATTRIBUTE_HIDDEN, 0u);
+        EXPECT_EQ(current.close(), STATUS_SUCCESS);
+    };
+    check(opened);
+    OpenVolume reopened(image);
+    check(reopened);
+    expectSound();
+}
+
+/* mkntfs gives the root an attribute of its own; other metadata is left alone. */
+TEST_F(DescriptorTest, TheRootAndTheMetadata) {
+    OpenVolume opened(image);
+    Bytes root = read(opened, rootDirectory);
+    EXPECT_GT(root.size(), 4096u);
+    ASSERT_EQ(volumeSetDescriptor(opened.get(), rootDirectory, descriptor(42)), STATUS_SUCCESS);
+    EXPECT_EQ(read(opened, rootDirectory), descriptor(42));
+    ASSERT_EQ(volumeSetDescriptor(opened.get(), rootDirectory, descriptor(43)), STATUS_SUCCESS);
+    ASSERT_EQ(volumeSetDescriptor(opened.get(), rootDirectory, descriptor(42)), STATUS_SUCCESS);
+    EXPECT_EQ(read(opened, rootDirectory), descriptor(42));
+    for (FileRef metadata : {0, 3, 9, 11, 23}) {
+        EXPECT_EQ(volumeSetDescriptor(opened.get(), metadata, descriptor(42)), STATUS_ACCESS_DENIED);
+    }
+    EXPECT_EQ(opened.close(), STATUS_SUCCESS);
+    expectSound();
+}
+
+TEST_F(DescriptorTest, RefusesWhatIsNoDescriptor) {
+    const std::pair<const char*, std::function<void(Bytes&)>> cases[] = {
+        {"nothing", [](Bytes& bytes) { bytes.clear(); }},
+        {"header cut", [](Bytes& bytes) { bytes.resize(19); }},
+        {"list cut", [](Bytes& bytes) { bytes.resize(100); }},
+        {"revision", [](Bytes& bytes) { bytes[0] = 2; }},
+        {"absolute", [](Bytes& bytes) { put<uint16_t>(bytes, 2, SE_DACL_PRESENT); }},
+        {"no owner", [](Bytes& bytes) { put<uint32_t>(bytes, 4, 0); }},
+        {"owner in the header", [](Bytes& bytes) { put<uint32_t>(bytes, 4, 4); }},
+        {"owner far away", [](Bytes& bytes) { put<uint32_t>(bytes, 4, 0xFFFFFFF0); }},
+        {"owner too long", [](Bytes& bytes) { bytes[21] = 16; }},
+        {"list too long", [](Bytes& bytes) { put<uint16_t>(bytes, 66, 0xFFF0); }},
+        {"too many entries", [](Bytes& bytes) { put<uint16_t>(bytes, 68, 2); }},
+        {"entry of no size", [](Bytes& bytes) { put<uint16_t>(bytes, 74, 0); }},
+        {"entry too long", [](Bytes& bytes) { put<uint16_t>(bytes, 74, 40); }},
+        {"something behind it", [](Bytes& bytes) { bytes.resize(bytes.size() + 4); }},
+    };
+    OpenVolume opened(image);
+    FileRef file = make(opened, u"file", descriptor(5)), made = 0;
+    for (const auto& [name, damage] : cases) {
+        Bytes bytes = descriptor(6);
+        damage(bytes);
+        EXPECT_EQ(volumeSetDescriptor(opened.get(), file, bytes), STATUS_INVALID_SECURITY_DESCR) << name;
+        EXPECT_EQ(volumeCreate(opened.get(), rootDirectory, u"new", NewFile::file, bytes, made),
+                  STATUS_INVALID_SECURITY_DESCR)
+            << name;
+        EXPECT_EQ(volumeFind(opened.get(), u"new", made), STATUS_OBJECT_NAME_NOT_FOUND) << name;
+    }
+    EXPECT_EQ(read(opened, file), descriptor(5));
+    EXPECT_EQ(opened.close(), STATUS_SUCCESS);
+    expectSound();
+}
+
+/* Where the stored one is gone or damaged, none is made up. */
+TEST_F(DescriptorTest, NeverInvented) {
+    FileRef dangling = 0, without = 0, damaged = 0;
+    {
+        OpenVolume opened(image);
+        dangling = make(opened, u"dangling", descriptor(1));
+        without = make(opened, u"without", descriptor(2));
+        damaged = make(opened, u"damaged", descriptor(3));
+        ASSERT_EQ(opened.close(), STATUS_SUCCESS);
+    }
+    Bytes bytes = images::readFile(image);
+    put<uint32_t>(bytes, securityIdPlace(bytes, dangling), 0x7777);
+    put<uint32_t>(bytes, securityIdPlace(bytes, without), 0);
+    const Bytes stored = descriptor(3);
+    size_t copies = 0;
+    for (auto at = bytes.begin();; ++at) { /* its two copies in $SDS */
+        at = std::search(at, bytes.end(), stored.begin(), stored.end());
+        if (at == bytes.end()) break;
+        *(at + 21) = 200;
+        ++copies;
+    }
+    EXPECT_GE(copies, 2u);
+    images::writeFile(image, bytes);
+    OpenVolume opened(image);
+    std::span<const uint8_t> read;
+    for (FileRef file : {dangling, without, damaged, damaged}) {
+        EXPECT_EQ(volumeDescriptor(opened.get(), file, read), STATUS_INVALID_SECURITY_DESCR);
+        EXPECT_TRUE(read.empty());
+    }
+    /* A new one can be given to them all the same. */
+    for (FileRef file : {dangling, without, damaged}) {
+        EXPECT_EQ(volumeSetDescriptor(opened.get(), file, descriptor(9)), STATUS_SUCCESS);
+        EXPECT_EQ(DescriptorTest::read(opened, file), descriptor(9));
+    }
+    EXPECT_EQ(opened.close(), STATUS_SUCCESS);
+}
+
+} /* namespace */

@@ -1,0 +1,197 @@
+#include "tests/volume/images.h"
+
+#include <sys/types.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+extern "C" {
+ssize_t __real_pwrite(int file, const void* bytes, size_t count, off_t offset);
+int __real_fdatasync(int file);
+
+ssize_t __wrap_pwrite(int file, const void* bytes, size_t count, off_t offset) {
+    images::Failures& failures = images::failures;
+    if (failures.pwritesLeft == 0) {
+        errno = failures.pwriteError;
+        return -1;
+    }
+    if (failures.pwritesLeft > 0) --failures.pwritesLeft;
+    failures.calls.emplace_back('w', offset);
+    return __real_pwrite(file, bytes, count, offset);
+}
+
+int __wrap_fdatasync(int file) {
+    images::Failures& failures = images::failures;
+    if (failures.fdatasyncsLeft == 0) {
+        errno = EIO;
+        return -1;
+    }
+    if (failures.fdatasyncsLeft > 0) --failures.fdatasyncsLeft;
+    failures.calls.emplace_back('s', 0);
+    return __real_fdatasync(file);
+}
+}
+
+namespace images {
+
+Failures failures;
+
+void ImageTest::SetUp() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "quillet-volume-XXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    directory = pattern;
+    failures = {};
+}
+
+void ImageTest::TearDown() {
+    failures = {};
+    std::filesystem::remove_all(directory);
+}
+
+Bytes ImageTest::ntfs(size_t size, uint64_t startSector) {
+    std::string image = path("fresh.img");
+    writeFile(image, {});
+    std::filesystem::resize_file(image, size);
+    std::string made = outputOf("PATH=$PATH:/sbin:/usr/sbin mkntfs -F -Q -q -s 512 -H 255 -S 63 -p " +
+                                std::to_string(startSector) + " " + image);
+    Bytes bytes = readFile(image);
+    std::filesystem::remove(image);
+    EXPECT_EQ(get<uint64_t>(bytes, 3), 0x202020205346544Eu) << made;
+    return bytes;
+}
+
+std::string ImageTest::ntfsImage() {
+    writeFile(path("volume.img"), ntfs());
+    return path("volume.img");
+}
+
+Bytes readFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    Bytes bytes(std::filesystem::file_size(path));
+    EXPECT_TRUE(file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size())).good());
+    return bytes;
+}
+
+void writeFile(const std::string& path, const Bytes& bytes) {
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    ASSERT_TRUE(file.flush().good());
+}
+
+std::string outputOf(const std::string& command) {
+    std::string text;
+    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+    std::array<char, 4096> buffer;
+    while (size_t count = fread(buffer.data(), 1, buffer.size(), pipe)) text.append(buffer.data(), count);
+    pclose(pipe);
+    return text;
+}
+
+void putText(Bytes& bytes, size_t offset, std::string_view text) {
+    ASSERT_LE(offset + text.size(), bytes.size());
+    std::memcpy(bytes.data() + offset, text.data(), text.size());
+}
+
+void putMbr(Bytes& disk, const std::vector<TablePart>& parts) {
+    put<uint32_t>(disk, 440, mbrSignature);
+    put<uint16_t>(disk, 510, 0xAA55);
+    for (size_t i = 0; i < parts.size(); ++i) {
+        size_t entry = 446 + 16 * i;
+        disk[entry + 4] = parts[i].type;
+        put(disk, entry + 8, static_cast<uint32_t>(parts[i].start));
+        put(disk, entry + 12, static_cast<uint32_t>(parts[i].count));
+    }
+}
+
+static uint32_t crc32(const uint8_t* bytes, size_t count) {
+    uint32_t crc = 0xFFFFFFFF;
+    for (size_t i = 0; i < count; ++i) {
+        crc ^= bytes[i];
+        for (int bit = 0; bit < 8; ++bit) crc = crc >> 1 ^ (0xEDB88320 & (0 - (crc & 1)));
+    }
+    return ~crc;
+}
+
+void sealGptHeader(Bytes& disk, size_t offset) {
+    put<uint32_t>(disk, offset + 16, 0);
+    put<uint32_t>(disk, offset + 16, crc32(disk.data() + offset, 92));
+}
+
+static void putGptCopy(Bytes& disk, size_t sectorSize, uint64_t header, uint64_t array,
+                       const std::vector<TablePart>& parts) {
+    static constexpr uint8_t basicData[16] = {0xA2, 0xA0, 0xD0, 0xEB, 0xE5, 0xB9, 0x33, 0x44,
+                                              0x87, 0xC0, 0x68, 0xB6, 0xB7, 0x26, 0x99, 0xC7};
+    for (size_t i = 0; i < parts.size(); ++i) {
+        size_t entry = array * sectorSize + 128 * i;
+        std::memcpy(disk.data() + entry, basicData, 16);
+        std::memset(disk.data() + entry + 16, static_cast<int>(i + 1), 16);
+        put<uint64_t>(disk, entry + 32, parts[i].start);
+        put<uint64_t>(disk, entry + 40, parts[i].start + parts[i].count - 1);
+    }
+    size_t at = header * sectorSize;
+    putText(disk, at, "EFI PART");
+    put<uint32_t>(disk, at + 8, 0x10000);
+    put<uint32_t>(disk, at + 12, 92);
+    put<uint64_t>(disk, at + 24, header);
+    put<uint64_t>(disk, at + 72, array);
+    put<uint32_t>(disk, at + 80, 128);
+    put<uint32_t>(disk, at + 84, 128);
+    put<uint32_t>(disk, at + 88, crc32(disk.data() + array * sectorSize, 128 * 128));
+    sealGptHeader(disk, at);
+}
+
+void putGpt(Bytes& disk, size_t sectorSize, const std::vector<TablePart>& parts) {
+    putMbr(disk, {{1, 0xFFFFFFFF, 0xEE}});
+    uint64_t sectors = disk.size() / sectorSize, arraySectors = 128 * 128 / sectorSize;
+    putGptCopy(disk, sectorSize, 1, 2, parts);
+    putGptCopy(disk, sectorSize, sectors - 1, sectors - 1 - arraySectors, parts);
+}
+
+OpenVolume::OpenVolume(const std::string& path, offline::DiskAccess access) {
+    std::vector<offline::Partition> partitions;
+    if (offline::diskOpen(path, access, disk, problem) < 0) return;
+    if (offline::diskPartitions(*disk, partitions, problem) < 0) return;
+    offline::volumeOpen(*disk, partitions.at(0), volume, problem);
+}
+
+NTSTATUS OpenVolume::close() {
+    NTSTATUS status = offline::volumeClose(std::move(volume));
+    disk.reset();
+    return status;
+}
+
+Bytes descriptor(uint32_t number, uint16_t control) {
+    Bytes bytes(20 + 28 + 16 + 44);
+    bytes[0] = 1;
+    put(bytes, 2, control);
+    put<uint32_t>(bytes, 4, 20);  /* owner */
+    put<uint32_t>(bytes, 8, 48);  /* group */
+    put<uint32_t>(bytes, 16, 64); /* dacl */
+    auto putSid = [&](size_t at) {
+        const uint32_t parts[5] = {21, 1, 2, 3, number};
+        bytes[at] = 1;
+        bytes[at + 1] = 5;
+        bytes[at + 7] = 5;
+        for (size_t i = 0; i < 5; ++i) put<uint32_t>(bytes, at + 8 + 4 * i, parts[i]);
+    };
+    putSid(20);
+    bytes[48] = 1; /* S-1-5-32-544 */
+    bytes[49] = 2;
+    bytes[55] = 5;
+    put<uint32_t>(bytes, 56, 32);
+    put<uint32_t>(bytes, 60, 544);
+    bytes[64] = 2;
+    put<uint16_t>(bytes, 66, 44);
+    put<uint16_t>(bytes, 68, 1);
+    put<uint16_t>(bytes, 74, 36);
+    put<uint32_t>(bytes, 76, 0x1F01FF);
+    putSid(80);
+    return bytes;
+}
+
+} /* namespace images */
