@@ -12,6 +12,9 @@ if(QUILLET_SANITIZE)
                                                      -fno-omit-frame-pointer)
     target_link_options(quillet_options INTERFACE -fsanitize=address,undefined)
 endif()
+if(QUILLET_FUZZ)
+    target_compile_options(quillet_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
 
 # The system proper is compiled without exceptions and run-time type information, on both platforms.
 add_library(quillet_proper_options INTERFACE)

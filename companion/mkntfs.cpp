@@ -84,10 +84,11 @@ int statusOf(pid_t child) {
 void makeNtfs(const std::string& file, uint64_t startSector, const std::string& image) {
     const std::string program = findMkntfs();
     const std::string sector = std::to_string(startSector);
+    const std::string target = file.front() == '-' ? "./" + file : file;
     /* -F: a file will do; -Q: quickly; then the geometry that it can't ask a file for */
-    const std::vector<const char*> arguments = {"mkntfs", "-F",           "-Q", "-q",         "-s",   "512",
-                                                "-p",     sector.c_str(), "-H", "255",        "-S",   "63",
-                                                "-L",     "Practice",     "--", file.c_str(), nullptr};
+    const std::vector<const char*> arguments = {"mkntfs", "-F",           "-Q",           "-q",   "-s", "512",
+                                                "-p",     sector.c_str(), "-H",           "255",  "-S", "63",
+                                                "-L",     "Practice",     target.c_str(), nullptr};
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) throw Failure{image + ": " + strerror(errno) + "; close other programs"};
     pid_t child = -1;

@@ -23,7 +23,7 @@ void addNames(Keys& keys, const Machine& machine, const std::u16string& path) {
     const std::u16string names[] = {
         u"Größe",
         u"Ключ",
-        u"\u0131\u00FF\u0178", /* letters whose capitals are elsewhere */
+        u"\u00FFber", /* a letter whose capital is elsewhere */
         u"smile \U0001F600",
         std::u16string(u"half ") + char16_t(0xD83D) + u" pair",
         u"a/b",

@@ -6,7 +6,8 @@
 
 namespace {
 
-std::u16string keyName = u"Some\\Key";
+const std::u16string keyName = u"Some\\Key";
+const std::u16string keyClass = u"Cls";
 
 /* A key of the name, by what opening it for each access answers: one status a time, in order. */
 struct Key {
@@ -131,7 +132,7 @@ TEST_F(KeyOpen, OpenIfIsDecidedByTheFlagsAlone) {
     Key key;
     answerFor(&key);
     UNICODE_STRING name = counted(keyName);
-    const UNICODE_STRING className = counted(u"Cls");
+    const UNICODE_STRING className = counted(keyClass);
     for (const ULONG bits : {ULONG{OBJ_CASE_INSENSITIVE}, OBJ_CASE_INSENSITIVE | OBJ_OPENIF, ULONG{OBJ_OPENLINK}}) {
         const OBJECT_ATTRIBUTES attributes = {sizeof attributes, root, &name, bits, nullptr, nullptr};
         OBJECT_ATTRIBUTES same = attributes;

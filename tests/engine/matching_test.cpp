@@ -154,7 +154,7 @@ TEST_F(Matching, SidsInData) {
         {"16 sub-authorities", longSid(oldSid, 16), {}, {}, {}},
         {"count too low", with(oldSid, 1, 3) + anchors, {}, {}, {}},
         {"revision", with(oldSid, 0, 2) + anchors, {}, {}, {}},
-        {"stepping over", inside, insideNew, {line + "[5]..-0x00000401"}, {}},
+        {"stepping over", inside, insideNew, {line + "[5]..-0x00000401"}, Bytes(inside.begin(), inside.begin() + 24) + newSid},
     };
     for (const auto& row : rows) {
         for (const bool exact : {false, true}) {
@@ -200,6 +200,11 @@ TEST_F(Matching, RandomDataAsTheSlowSearchHasIt) {
 
 namespace {
 
+const std::u16string head = oldText;
+const std::u16string longer = u"S-1-5-21-1000-2000-3000";
+const std::u16string shorter = u"S-1-5-21-1-2-3";
+const std::string matchedName = "DEBUG sidReplaceInName: Matching SID ..";
+
 /* One call on a name of this many bytes, in a heap block of exactly that size. */
 struct Renaming {
     DWORD error = 0;
@@ -211,17 +216,12 @@ struct Renaming {
         memcpy(block.data(), name.data(), bytes);
         const UNICODE_STRING given = {static_cast<USHORT>(bytes), static_cast<USHORT>(bytes),
                                       reinterpret_cast<WCHAR*>(block.data())};
-        const UNICODE_STRING oldCounted = counted(oldText);
+        const UNICODE_STRING oldCounted = counted(head);
         const UNICODE_STRING newCounted = counted(newText);
         error = sidReplaceInName(&given, &result, &oldCounted, &newCounted, exact, &changed, buffer);
     }
     std::u16string characters() const { return {result.Buffer, result.Length / sizeof(WCHAR)}; }
 };
-
-const std::u16string head = oldText;
-const std::u16string longer = u"S-1-5-21-1000-2000-3000";
-const std::u16string shorter = u"S-1-5-21-1-2-3";
-const std::string matchedName = "DEBUG sidReplaceInName: Matching SID ..";
 
 } /* namespace */
 
@@ -327,7 +327,8 @@ TEST_F(Matching, WorkBufferOfRenamings) {
     EXPECT_EQ(buffer.data, nullptr);
     EXPECT_EQ(buffer.size, 0u);
 
-    const UNICODE_STRING other = counted(u"S-1-5-18");
+    const std::u16string system = u"S-1-5-18";
+    const UNICODE_STRING other = counted(system);
     UNICODE_STRING result = {2, 4, nullptr};
     int changed = 1;
     const UNICODE_STRING oldCounted = counted(head);

@@ -45,6 +45,7 @@ BOOL failWith(DWORD code); /* sets the last error; gives FALSE */
 HANDLE fakeHandle(uintptr_t number);
 uintptr_t numberOf(const void* handle);
 UNICODE_STRING counted(const std::u16string& characters);
+UNICODE_STRING counted(std::u16string&&) = delete; /* would not outlive the call */
 
 /* Starts each test with no answers, no events and a hook that records; a token answers as numberOf 0x70. */
 class Scripted : public testing::Test {

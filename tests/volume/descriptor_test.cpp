@@ -19,7 +19,8 @@ struct DescriptorTest : images::ImageTest {
     }
     static FileRef make(OpenVolume& opened, std::u16string_view name, const Bytes& bytes) {
         FileRef file = 0;
-        EXPECT_EQ(volumeCreate(opened.get(), rootDirectory, name, NewFile::file, bytes, file), STATUS_SUCCESS);
+        EXPECT_EQ(volumeCreate(opened.get(), rootDirectory, name, NewFile::file, bytes, file),
+                  STATUS_SUCCESS);
         return file;
     }
     static Bytes read(OpenVolume& opened, FileRef file) {
@@ -84,7 +85,8 @@ TEST_F(DescriptorTest, KeptByteForByteAndShared) {
     std::string entries = std::to_string(shapes.size() + 3) + " valid entries in $SII";
     EXPECT_NE(images::outputOf("ntfssecaudit -ar " + image).find(entries), std::string::npos);
     OpenVolume opened(image);
-    for (size_t i = 0; i < files.size(); ++i) EXPECT_EQ(read(opened, files[i]), shapes[i % shapes.size()]) << i;
+    for (size_t i = 0; i < files.size(); ++i)
+        EXPECT_EQ(read(opened, files[i]), shapes[i % shapes.size()]) << i;
 }
 
 /* The library's copy of a file and the record that is changed here must not undo each other. */

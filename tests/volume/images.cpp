@@ -73,12 +73,14 @@ std::string ImageTest::ntfsImage() {
 Bytes readFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     Bytes bytes(std::filesystem::file_size(path));
-    EXPECT_TRUE(file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size())).good());
+    EXPECT_TRUE(
+        file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size())).good());
     return bytes;
 }
 
 void writeFile(const std::string& path, const Bytes& bytes) {
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    std::filesystem::remove(path); /* a file written over would be put on the medium at once */
+    std::ofstream file(path, std::ios::binary);
     file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     ASSERT_TRUE(file.flush().good());
 }

@@ -30,7 +30,8 @@ struct PartitionTest : images::ImageTest {
         EXPECT_NE(problem.text.find(words), std::string::npos) << problem.text;
     }
     static void place(Bytes& disk, const Bytes& volume, uint64_t sector, size_t sectorSize = 512) {
-        std::copy(volume.begin(), volume.end(), disk.begin() + static_cast<std::ptrdiff_t>(sector * sectorSize));
+        std::copy(volume.begin(), volume.end(),
+                  disk.begin() + static_cast<std::ptrdiff_t>(sector * sectorSize));
     }
     Bytes small() { return ntfs(4 * images::mebibyte, 2048); }
 };

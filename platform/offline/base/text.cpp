@@ -32,7 +32,7 @@ size_t decode(std::string_view text, char32_t* point) {
     *point = lead & (0x7Fu >> length);
     for (size_t i = 1; i < length; i++) {
         if ((byte(i) & 0xC0) != 0x80) return 0;
-        *point = *point << 6 | (byte(i) & 0x3F);
+        *point = *point << 6 | (byte(i) & 0x3Fu);
     }
     const bool tooLong = (length == 3 && *point < 0x800) || (length == 4 && *point < 0x10000);
     const bool surrogate = *point >= 0xD800 && *point <= 0xDFFF;

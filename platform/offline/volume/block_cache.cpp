@@ -16,10 +16,13 @@ constexpr UnitMask allUnits = (1u << cacheUnitsPerBlock) - 1;
 NTSTATUS statusOfErrno(int error) {
     switch (error) {
         case ENOSPC:
-        case EDQUOT: return STATUS_DISK_FULL;
+        case EDQUOT:
+            return STATUS_DISK_FULL;
         case EROFS:
-        case EPERM: return STATUS_MEDIA_WRITE_PROTECTED;
-        default: return STATUS_IO_DEVICE_ERROR;
+        case EPERM:
+            return STATUS_MEDIA_WRITE_PROTECTED;
+        default:
+            return STATUS_IO_DEVICE_ERROR;
     }
 }
 
@@ -47,8 +50,8 @@ NTSTATUS writeWhole(int file, const uint8_t* bytes, size_t count, uint64_t offse
     return STATUS_SUCCESS;
 }
 
-/* Calls transfer(bytes, count, offset) for each run of neighbouring units in the mask; the disk's last unit may be
- * short. Units whose transfer succeeded are taken out of the mask. */
+/* Calls transfer(bytes, count, offset) for each run of neighbouring units in the mask; the disk's last unit
+ * may be short. Units whose transfer succeeded are taken out of the mask. */
 template <class Transfer>
 NTSTATUS forUnits(const Disk& disk, CacheBlock& block, UnitMask& mask, Transfer transfer) {
     for (uint32_t unit = 0; unit < cacheUnitsPerBlock;) {
@@ -58,9 +61,11 @@ NTSTATUS forUnits(const Disk& disk, CacheBlock& block, UnitMask& mask, Transfer 
         }
         uint32_t end = unit;
         UnitMask run = 0;
-        for (; end < cacheUnitsPerBlock && (mask >> end & 1) != 0; ++end) run |= static_cast<UnitMask>(1u << end);
+        for (; end < cacheUnitsPerBlock && (mask >> end & 1) != 0; ++end)
+            run |= static_cast<UnitMask>(1u << end);
         uint64_t offset = block.number * cacheBlockSize + uint64_t{unit} * cacheUnitSize;
-        size_t count = static_cast<size_t>(std::min<uint64_t>(uint64_t{end - unit} * cacheUnitSize, disk.size - offset));
+        size_t count =
+            static_cast<size_t>(std::min<uint64_t>(uint64_t{end - unit} * cacheUnitSize, disk.size - offset));
         NTSTATUS status = transfer(block.bytes.get() + size_t{unit} * cacheUnitSize, count, offset);
         if (status < 0) return status;
         mask &= static_cast<UnitMask>(~run);
@@ -92,15 +97,16 @@ NTSTATUS loadUnits(const Disk& disk, CacheBlock& block, UnitMask units) {
 
 NTSTATUS writeBack(Disk& disk, CacheBlock& block) {
     if (block.dirty == 0) return STATUS_SUCCESS;
-    NTSTATUS status = forUnits(disk, block, block.dirty, [&](const uint8_t* bytes, size_t count, uint64_t offset) {
-        return writeWhole(disk.file, bytes, count, offset);
-    });
+    NTSTATUS status =
+        forUnits(disk, block, block.dirty, [&](const uint8_t* bytes, size_t count, uint64_t offset) {
+            return writeWhole(disk.file, bytes, count, offset);
+        });
     if (status < 0) disk.writeFailure = status;
     return status;
 }
 
-/* A place for one more block: a new one, or one that has not been used for a while. A block that can't be written back
- * keeps its place, so that nothing is lost before diskSync has tried again. */
+/* A place for one more block: a new one, or one that has not been used for a while. A block that can't be
+ * written back keeps its place, so that nothing is lost before diskSync has tried again. */
 NTSTATUS makeRoom(Disk& disk, uint32_t& place) {
     if (disk.blocks.size() < cacheBlocks) {
         CacheBlock block;

@@ -1,9 +1,9 @@
-/* What an open disk consists of: its file and a write-back cache of its blocks. Private to this room; everyone uses
- * diskRead, diskWrite and diskSync.
+/* What an open disk consists of: its file and a write-back cache of its blocks. Private to this room;
+ * everyone uses diskRead, diskWrite and diskSync.
  *
- * NTFS is read and written in records of 1 KiB. A block is first read only where it was touched; when the touches go
- * on behind each other, the rest is read at once, so that walking in the order of the disk costs two calls for each
- * block, and jumping about costs no more than what is asked for. */
+ * NTFS is read and written in records of 1 KiB. A block is first read only where it was touched; when the
+ * touches go on behind each other, the rest is read at once, so that walking in the order of the disk costs
+ * two calls for each block, and jumping about costs no more than what is asked for. */
 #ifndef QUILLET_OFFLINE_VOLUME_BLOCK_CACHE_H
 #define QUILLET_OFFLINE_VOLUME_BLOCK_CACHE_H
 
@@ -18,8 +18,9 @@
 
 namespace offline {
 
-using UnitMask = uint16_t;               /* a bit for each unit of a block */
-constexpr uint32_t cacheUnitSize = 1024; /* bytes; what is read and written at least, so that holes stay holes */
+using UnitMask = uint16_t; /* a bit for each unit of a block */
+constexpr uint32_t cacheUnitSize =
+    1024; /* bytes; what is read and written at least, so that holes stay holes */
 constexpr uint32_t cacheUnitsPerBlock = 16;
 constexpr uint32_t cacheBlockSize = cacheUnitSize * cacheUnitsPerBlock;
 constexpr size_t cacheBlocks = 1024; /* 16 MiB at most */

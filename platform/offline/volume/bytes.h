@@ -18,8 +18,8 @@ static_assert(std::endian::native == std::endian::little, "structures on the dis
 
 using Bytes = std::span<const uint8_t>;
 
-/* The count bytes at the offset, or an empty span when they do not all lie inside. Every offset and length that comes
- * from a disk goes through here. */
+/* The count bytes at the offset, or an empty span when they do not all lie inside. Every offset and length
+ * that comes from a disk goes through here. */
 inline Bytes checkedSpan(Bytes bytes, uint64_t offset, uint64_t count) {
     if (offset > bytes.size() || count > bytes.size() - offset) return {};
     return bytes.subspan(static_cast<size_t>(offset), static_cast<size_t>(count));

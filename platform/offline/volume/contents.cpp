@@ -14,8 +14,8 @@ struct DataCloser {
 };
 using DataPtr = std::unique_ptr<ntfs3g::ntfs_attr, DataCloser>;
 
-/* Where the data of a reparse point is, only the program knows that made it one; that of an encrypted file is not ours
- * to read. */
+/* Where the data of a reparse point is, only the program knows that made it one; that of an encrypted file is
+ * not ours to read. */
 NTSTATUS openData(Inode& inode, FileRef file, DataPtr& data) {
     NTSTATUS status = inode.open(file);
     if (status < 0) return status;
@@ -44,8 +44,8 @@ NTSTATUS writeData(const Volume& volume, ntfs3g::ntfs_attr* data, uint64_t offse
     while (!bytes.empty()) {
         size_t count = std::min(chunk, bytes.size());
         errno = 0;
-        int64_t done = ntfs3g::ntfs_attr_pwrite(data, static_cast<int64_t>(offset), static_cast<int64_t>(count),
-                                                bytes.data());
+        int64_t done = ntfs3g::ntfs_attr_pwrite(data, static_cast<int64_t>(offset),
+                                                static_cast<int64_t>(count), bytes.data());
         if (done <= 0) return libraryStatus(volume, errno);
         offset += static_cast<uint64_t>(done);
         bytes = bytes.subspan(static_cast<size_t>(done));

@@ -13,7 +13,8 @@ struct Signature {
     Contents contents;
 };
 
-/* Boot sectors name their file system at offset 3 as a rule, FAT further on; the rest have places of their own. */
+/* Boot sectors name their file system at offset 3 as a rule, FAT further on; the rest have places of their
+ * own. */
 const Signature signatures[] = {
     {3, "NTFS    "sv, {ContentsKind::ntfs, "NTFS"}},
     {3, "-FVE-FS-"sv, {ContentsKind::bitLocker, "BitLocker"}},

@@ -27,8 +27,8 @@ Contents recogniseContents(Bytes head);
 
 /* A boot sector's first 512 bytes as an NTFS one. Structure: the BIOS parameter block as NTFS uses it. */
 struct NtfsBootSector {
-    uint32_t sectorSize = 0;  /* bytes */
-    uint64_t volumeSize = 0;  /* bytes; the backup boot sector behind them is not counted */
+    uint32_t sectorSize = 0; /* bytes */
+    uint64_t volumeSize = 0; /* bytes; the backup boot sector behind them is not counted */
 };
 
 /* False when it is no NTFS boot sector, or one with a field that no volume can have. */

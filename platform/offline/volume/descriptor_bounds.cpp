@@ -1,5 +1,5 @@
-/* Structure: the published self-relative security descriptor. This room only makes sure that whoever reads it stays
- * inside; what it means is another room's. */
+/* Structure: the published self-relative security descriptor. This room only makes sure that whoever reads it
+ * stays inside; what it means is another room's. */
 #include "platform/offline/volume/open_volume.h"
 
 namespace offline {

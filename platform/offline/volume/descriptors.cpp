@@ -1,5 +1,6 @@
-/* Security descriptors. A volume keeps each once, under an id that the files refer to; a walk over a whole volume meets
- * few different ones, so that reading goes by the id, and writing one that was stored before changes just the id. */
+/* Security descriptors. A volume keeps each once, under an id that the files refer to; a walk over a whole
+ * volume meets few different ones, so that reading goes by the id, and writing one that was stored before
+ * changes just the id. */
 #include "platform/offline/volume/open_volume.h"
 /* before everything else */
 #include <cerrno>
@@ -7,11 +8,13 @@
 namespace offline {
 namespace {
 
-constexpr size_t usualDescriptorSize = 4096;          /* bytes, the first try */
-constexpr size_t largestDescriptorSize = 256 * 1024;  /* bytes; the library keeps to 64 KiB and its header */
+constexpr size_t usualDescriptorSize = 4096;         /* bytes, the first try */
+constexpr size_t largestDescriptorSize = 256 * 1024; /* bytes; the library keeps to 64 KiB and its header */
 constexpr size_t keptDescriptorBytes = 8 * 1024 * 1024;
 
-std::string_view textOf(Bytes bytes) { return {reinterpret_cast<const char*>(bytes.data()), bytes.size()}; }
+std::string_view textOf(Bytes bytes) {
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
 
 /* The memory for descriptors is bounded, whatever a volume holds. */
 void makeRoom(Volume& volume, size_t bytes) {
@@ -23,15 +26,16 @@ void makeRoom(Volume& volume, size_t bytes) {
     volume.descriptorBytes += bytes;
 }
 
-/* Reads what is stored. The library makes a descriptor up where there is none or an invalid one, and then sets errno,
- * which is the only sign of it. */
+/* Reads what is stored. The library makes a descriptor up where there is none or an invalid one, and then
+ * sets errno, which is the only sign of it. */
 NTSTATUS readDescriptor(Inode& file, std::vector<uint8_t>& bytes) {
     ntfs3g::SECURITY_CONTEXT context = {};
     context.vol = file.volume.ntfs;
     bytes.resize(usualDescriptorSize);
     while (true) {
         errno = 0;
-        int size = ntfs3g::ntfs_get_ntfs_acl(&context, file.inode, reinterpret_cast<char*>(bytes.data()), bytes.size());
+        int size = ntfs3g::ntfs_get_ntfs_acl(&context, file.inode, reinterpret_cast<char*>(bytes.data()),
+                                             bytes.size());
         if (size <= 0 || errno != 0) {
             return file.volume.device.failed ? STATUS_IO_DEVICE_ERROR : STATUS_INVALID_SECURITY_DESCR;
         }
@@ -44,7 +48,9 @@ NTSTATUS readDescriptor(Inode& file, std::vector<uint8_t>& bytes) {
 }
 
 /* Whether changing the id in the file's record is all that is needed. */
-bool goesById(const FileRecord& record) { return record.securityId != 0 && !record.ownDescriptor; }
+bool goesById(const FileRecord& record) {
+    return record.securityId != 0 && !record.ownDescriptor;
+}
 
 NTSTATUS storeThroughLibrary(Volume& volume, FileRef file, Bytes descriptor) {
     forgetRecord(volume);

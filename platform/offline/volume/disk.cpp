@@ -36,8 +36,9 @@ NTSTATUS refuseErrno(const std::string& path, int error, Problem& problem) {
             return refuse(problem, STATUS_SHARING_VIOLATION,
                           path + ": the device is in use; unmount it and what lies on it, then try again");
         default:
-            return refuse(problem, STATUS_IO_DEVICE_ERROR,
-                          path + ": it can't be opened (" + std::strerror(error) + "); check the file or device");
+            return refuse(
+                problem, STATUS_IO_DEVICE_ERROR,
+                path + ": it can't be opened (" + std::strerror(error) + "); check the file or device");
     }
 }
 
@@ -45,8 +46,8 @@ bool onlyReadable(int error) {
     return error == EACCES || error == EPERM || error == EROFS || error == ETXTBSY;
 }
 
-/* Opens the file. A file without any write permission is only read, even where the user could write it all the same:
- * whoever took the permission away meant it. */
+/* Opens the file. A file without any write permission is only read, even where the user could write it all
+ * the same: whoever took the permission away meant it. */
 NTSTATUS openFile(Disk& disk, DiskAccess access, Problem& problem) {
     struct stat before = {};
     if (stat(disk.path.c_str(), &before) != 0) return refuseErrno(disk.path, errno, problem);
@@ -55,8 +56,9 @@ NTSTATUS openFile(Disk& disk, DiskAccess access, Problem& problem) {
                       disk.path + ": it is a directory; name a disk image or a block device");
     }
     if (!S_ISREG(before.st_mode) && !S_ISBLK(before.st_mode)) {
-        return refuse(problem, STATUS_INVALID_PARAMETER,
-                      disk.path + ": it is neither a file nor a block device; name a disk image or a block device");
+        return refuse(
+            problem, STATUS_INVALID_PARAMETER,
+            disk.path + ": it is neither a file nor a block device; name a disk image or a block device");
     }
     int flags = O_CLOEXEC | O_NONBLOCK | (S_ISBLK(before.st_mode) ? O_EXCL : 0);
     disk.readOnly = access == DiskAccess::readOnly || (before.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0;
@@ -68,7 +70,8 @@ NTSTATUS openFile(Disk& disk, DiskAccess access, Problem& problem) {
     if (disk.file < 0) return refuseErrno(disk.path, errno, problem);
     struct stat after = {};
     if (fstat(disk.file, &after) != 0 || (after.st_mode & S_IFMT) != (before.st_mode & S_IFMT)) {
-        return refuse(problem, STATUS_SHARING_VIOLATION, disk.path + ": it changed while it was opened; try again");
+        return refuse(problem, STATUS_SHARING_VIOLATION,
+                      disk.path + ": it changed while it was opened; try again");
     }
     return STATUS_SUCCESS;
 }
@@ -98,15 +101,17 @@ NTSTATUS measure(Disk& disk, Problem& problem) {
     return STATUS_SUCCESS;
 }
 
-/* The lock belongs to this opening of the file, so that it holds within the process too and falls with the file. */
+/* The lock belongs to this opening of the file, so that it holds within the process too and falls with the
+ * file. */
 NTSTATUS lockFile(const Disk& disk, Problem& problem) {
     struct flock lock = {};
     lock.l_type = disk.readOnly ? F_RDLCK : F_WRLCK;
     lock.l_whence = SEEK_SET;
     if (fcntl(disk.file, F_OFD_SETLK, &lock) == 0) return STATUS_SUCCESS;
     if (errno == EAGAIN || errno == EACCES) {
-        return refuse(problem, STATUS_SHARING_VIOLATION,
-                      disk.path + ": another program is using it; end that program or virtual machine, then try again");
+        return refuse(
+            problem, STATUS_SHARING_VIOLATION,
+            disk.path + ": another program is using it; end that program or virtual machine, then try again");
     }
     return refuse(problem, STATUS_SHARING_VIOLATION,
                   disk.path + ": it can't be locked here (" + std::strerror(errno) +
@@ -154,7 +159,8 @@ NTSTATUS diskOpen(const std::string& path, DiskAccess access, DiskPtr& disk, Pro
         opened->path = path;
         NTSTATUS status = openFile(*opened, access, problem);
         if (status >= 0 && (isMounted(path) || mountedByLoop(path))) {
-            status = refuse(problem, STATUS_SHARING_VIOLATION, path + ": it is mounted; unmount it, then try again");
+            status = refuse(problem, STATUS_SHARING_VIOLATION,
+                            path + ": it is mounted; unmount it, then try again");
         }
         if (status >= 0) status = measure(*opened, problem);
         if (status >= 0) status = lockFile(*opened, problem);
@@ -163,8 +169,14 @@ NTSTATUS diskOpen(const std::string& path, DiskAccess access, DiskPtr& disk, Pro
     });
 }
 
-const std::string& diskPath(const Disk& disk) { return disk.path; }
-uint64_t diskSize(const Disk& disk) { return disk.size; }
-bool diskReadOnly(const Disk& disk) { return disk.readOnly; }
+const std::string& diskPath(const Disk& disk) {
+    return disk.path;
+}
+uint64_t diskSize(const Disk& disk) {
+    return disk.size;
+}
+bool diskReadOnly(const Disk& disk) {
+    return disk.readOnly;
+}
 
 } /* namespace offline */

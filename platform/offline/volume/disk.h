@@ -1,5 +1,5 @@
-/* A disk: an image file or a block device. Every read and every write of it passes through this room's diskRead and
- * diskWrite, and nowhere else. No function throws. */
+/* A disk: an image file or a block device. Every read and every write of it passes through this room's
+ * diskRead and diskWrite, and nowhere else. No function throws. */
 #ifndef QUILLET_OFFLINE_VOLUME_DISK_H
 #define QUILLET_OFFLINE_VOLUME_DISK_H
 
@@ -15,15 +15,16 @@ namespace offline {
 
 struct Disk;
 struct DiskDeleter {
-    void operator()(Disk* disk) const; /* writes back what is cached, closes; failures are seen by diskSync only */
+    void operator()(
+        Disk* disk) const; /* writes back what is cached, closes; failures are seen by diskSync only */
 };
 using DiskPtr = std::unique_ptr<Disk, DiskDeleter>;
 
 enum class DiskAccess { readOnly, readWrite };
 
-/* Opens and locks the disk. readWrite falls back to reading where the file or device can only be read. Refused, each
- * with one line that names the path and says what to do: missing, a directory, empty, no permission, in use (a mount,
- * another program's lock, another quillet). */
+/* Opens and locks the disk. readWrite falls back to reading where the file or device can only be read.
+ * Refused, each with one line that names the path and says what to do: missing, a directory, empty, no
+ * permission, in use (a mount, another program's lock, another quillet). */
 NTSTATUS diskOpen(const std::string& path, DiskAccess access, DiskPtr& disk, Problem& problem);
 
 const std::string& diskPath(const Disk& disk);
@@ -46,14 +47,14 @@ struct Partition {
     uint64_t start = 0; /* bytes */
     uint64_t size = 0;  /* bytes */
     PartitionTable table = PartitionTable::none;
-    uint32_t mbrSignature = 0;   /* mbr: of the disk */
+    uint32_t mbrSignature = 0;     /* mbr: of the disk */
     uint8_t gptPartition[16] = {}; /* gpt: the partition's own GUID, as it lies on the disk */
 };
 
-/* The partitions that hold or could hold an NTFS volume: the disk itself for a raw volume, else those of its MBR
- * (extended ones walked, with a limit and against cycles) or GPT (primary, or backup when the primary is damaged;
- * checksums verified). Partitions of other known file systems are left out without a word. Refused, each with one
- * line: a BitLocker or ReFS volume, a damaged table, a disk without any NTFS volume. */
+/* The partitions that hold or could hold an NTFS volume: the disk itself for a raw volume, else those of its
+ * MBR (extended ones walked, with a limit and against cycles) or GPT (primary, or backup when the primary is
+ * damaged; checksums verified). Partitions of other known file systems are left out without a word. Refused,
+ * each with one line: a BitLocker or ReFS volume, a damaged table, a disk without any NTFS volume. */
 NTSTATUS diskPartitions(Disk& disk, std::vector<Partition>& partitions, Problem& problem);
 
 } /* namespace offline */

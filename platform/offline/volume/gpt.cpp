@@ -65,7 +65,8 @@ TableState readHeader(Disk& disk, uint64_t place, uint32_t sectorSize, Header& h
     uint32_t size = numberAt<uint32_t>(sector, 12), crc = numberAt<uint32_t>(sector, 16);
     if (size < headerSize || size > sectorSize) return TableState::damaged;
     std::memset(sector.data() + 16, 0, 4);
-    if (crc32(sector.first(size)) != crc || numberAt<uint64_t>(sector, 24) != place) return TableState::damaged;
+    if (crc32(sector.first(size)) != crc || numberAt<uint64_t>(sector, 24) != place)
+        return TableState::damaged;
     header.entriesStart = numberAt<uint64_t>(sector, 72);
     header.entryCount = numberAt<uint32_t>(sector, 80);
     header.entrySize = numberAt<uint32_t>(sector, 84);

@@ -6,13 +6,19 @@ namespace offline {
 
 NTSTATUS libraryStatus(const Volume& volume, int error) {
     switch (error) {
-        case ENOMEM: return STATUS_NO_MEMORY;
-        case ENOSPC: return STATUS_DISK_FULL;
-        case EEXIST: return STATUS_OBJECT_NAME_COLLISION;
-        case EOPNOTSUPP: return STATUS_NOT_SUPPORTED;
+        case ENOMEM:
+            return STATUS_NO_MEMORY;
+        case ENOSPC:
+            return STATUS_DISK_FULL;
+        case EEXIST:
+            return STATUS_OBJECT_NAME_COLLISION;
+        case EOPNOTSUPP:
+            return STATUS_NOT_SUPPORTED;
         case EACCES:
-        case EPERM: return STATUS_ACCESS_DENIED;
-        default: return volume.device.failed ? STATUS_IO_DEVICE_ERROR : STATUS_FILE_CORRUPT_ERROR;
+        case EPERM:
+            return STATUS_ACCESS_DENIED;
+        default:
+            return volume.device.failed ? STATUS_IO_DEVICE_ERROR : STATUS_FILE_CORRUPT_ERROR;
     }
 }
 

@@ -49,8 +49,8 @@ void sortEntries(const Volume& volume, DirectoryListing& listing) {
     const ntfs3g::ntfs_volume* ntfs = volume.ntfs;
     auto before = [&](const DirectoryEntry& a, const DirectoryEntry& b) {
         return ntfs3g::ntfs_names_full_collate(libraryName(listing.name(a)), a.nameLength,
-                                               libraryName(listing.name(b)), b.nameLength, ntfs3g::CASE_SENSITIVE,
-                                               ntfs->upcase, ntfs->upcase_len) < 0;
+                                               libraryName(listing.name(b)), b.nameLength,
+                                               ntfs3g::CASE_SENSITIVE, ntfs->upcase, ntfs->upcase_len) < 0;
     };
     if (!std::is_sorted(listing.entries.begin(), listing.entries.end(), before)) {
         std::sort(listing.entries.begin(), listing.entries.end(), before);
@@ -61,10 +61,12 @@ NTSTATUS lookUpAs(Volume& volume, Inode& directory, std::u16string_view name, bo
     ReadLimit limit(volume.device, readsPerLookUp);
     if (!exact) NVolClearCaseSensitive(volume.ntfs);
     errno = 0;
-    uint64_t found = ntfs3g::ntfs_inode_lookup_by_name(directory.inode, libraryName(name), static_cast<int>(name.size()));
+    uint64_t found =
+        ntfs3g::ntfs_inode_lookup_by_name(directory.inode, libraryName(name), static_cast<int>(name.size()));
     int error = errno;
     NVolSetCaseSensitive(volume.ntfs);
-    if (found == UINT64_MAX) return error == ENOENT ? STATUS_OBJECT_NAME_NOT_FOUND : libraryStatus(volume, error);
+    if (found == UINT64_MAX)
+        return error == ENOENT ? STATUS_OBJECT_NAME_NOT_FOUND : libraryStatus(volume, error);
     file = found;
     return STATUS_SUCCESS;
 }
@@ -80,7 +82,8 @@ std::u16string_view takeComponent(std::u16string_view& path) {
 NTSTATUS stepInto(Volume& volume, std::u16string_view component, bool last, FileRef& file) {
     NTSTATUS status = loadRecord(volume, file);
     if (status < 0) return status;
-    bool through = volume.record.directory && (volume.record.info.attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0;
+    bool through =
+        volume.record.directory && (volume.record.info.attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0;
     if (!through) return STATUS_OBJECT_PATH_NOT_FOUND;
     status = volumeLookUp(volume, file, component, file);
     if (status == STATUS_OBJECT_NAME_NOT_FOUND && !last) return STATUS_OBJECT_PATH_NOT_FOUND;

@@ -31,15 +31,17 @@ NTSTATUS openFor(Inode& directory, FileRef reference, std::u16string_view name) 
 }
 
 /* Of several statuses that have all come about, the first failure. */
-NTSTATUS firstFailure(NTSTATUS first, NTSTATUS second) { return first < 0 ? first : second; }
+NTSTATUS firstFailure(NTSTATUS first, NTSTATUS second) {
+    return first < 0 ? first : second;
+}
 
 void append16(std::vector<uint8_t>& bytes, size_t number) {
     bytes.push_back(static_cast<uint8_t>(number));
     bytes.push_back(static_cast<uint8_t>(number >> 8));
 }
 
-/* Structure: the published mount point reparse data. The name for the system and the name to show are both there, each
- * with a terminator. */
+/* Structure: the published mount point reparse data. The name for the system and the name to show are both
+ * there, each with a terminator. */
 std::vector<uint8_t> junctionData(std::u16string_view target) {
     std::u16string names = u"\\??\\";
     names.append(target).push_back(u'\0');
@@ -68,8 +70,9 @@ NTSTATUS volumeCreate(Volume& volume, FileRef directory, std::u16string_view nam
         NTSTATUS status = openFor(parent, directory, name);
         if (status < 0) return status;
         errno = 0;
-        made.inode = ntfs3g::ntfs_create(parent.inode, 0, libraryName(name), static_cast<uint8_t>(name.size()),
-                                         kind == NewFile::file ? S_IFREG : S_IFDIR);
+        made.inode =
+            ntfs3g::ntfs_create(parent.inode, 0, libraryName(name), static_cast<uint8_t>(name.size()),
+                                kind == NewFile::file ? S_IFREG : S_IFDIR);
         if (made.inode == nullptr) return libraryStatus(volume, errno);
         status = storeDescriptor(made, descriptor);
         if (status < 0) {
@@ -92,20 +95,23 @@ NTSTATUS volumeCreate(Volume& volume, FileRef directory, std::u16string_view nam
 
 NTSTATUS volumeLink(Volume& volume, FileRef file, FileRef directory, std::u16string_view name) {
     return guarded([&]() -> NTSTATUS {
-        if (isMetadata(file) || recordNumberOf(file) == recordNumberOf(directory)) return STATUS_ACCESS_DENIED;
+        if (isMetadata(file) || recordNumberOf(file) == recordNumberOf(directory))
+            return STATUS_ACCESS_DENIED;
         Inode parent(volume), linked(volume);
         NTSTATUS status = openFor(parent, directory, name);
         if (status >= 0) status = linked.open(file);
         if (status >= 0 && linked.isDirectory()) status = STATUS_ACCESS_DENIED;
         if (status < 0) return status;
         errno = 0;
-        if (ntfs3g::ntfs_link(linked.inode, parent.inode, libraryName(name), static_cast<uint8_t>(name.size())) != 0) {
+        if (ntfs3g::ntfs_link(linked.inode, parent.inode, libraryName(name),
+                              static_cast<uint8_t>(name.size())) != 0) {
             status = libraryStatus(volume, errno);
         } else {
             ntfs3g::ntfs_inode_update_times(linked.inode, ntfs3g::NTFS_UPDATE_CTIME);
             ntfs3g::ntfs_inode_update_times(parent.inode, updateContents);
         }
-        /* The directory first: closing the file opens the directory of each of its names and looks the name up. */
+        /* The directory first: closing the file opens the directory of each of its names and looks the name
+         * up. */
         status = firstFailure(status, parent.close());
         return firstFailure(status, linked.close());
     });
@@ -125,8 +131,8 @@ NTSTATUS volumeMakeJunction(Volume& volume, FileRef directory, std::u16string_vi
         if (ntfs3g::ntfs_check_empty_dir(inode.inode) != 0) return STATUS_ACCESS_DENIED;
         std::vector<uint8_t> data = junctionData(target);
         errno = 0;
-        if (ntfs3g::ntfs_set_ntfs_reparse_data(inode.inode, reinterpret_cast<const char*>(data.data()), data.size(),
-                                               0) != 0) {
+        if (ntfs3g::ntfs_set_ntfs_reparse_data(inode.inode, reinterpret_cast<const char*>(data.data()),
+                                               data.size(), 0) != 0) {
             status = libraryStatus(volume, errno);
         }
         return firstFailure(status, inode.close());

@@ -1,5 +1,5 @@
-/* The classic partition table: four entries in the first sector, and a chain of further tables in each extended
- * partition, one logical partition in each. */
+/* The classic partition table: four entries in the first sector, and a chain of further tables in each
+ * extended partition, one logical partition in each. */
 #include <algorithm>
 #include <array>
 
@@ -10,7 +10,8 @@ namespace {
 
 constexpr size_t entriesOffset = 446, entrySize = 16, entryCount = 4, diskSignatureOffset = 440;
 constexpr unsigned firstLogical = 5;
-constexpr unsigned largestChain = 128; /* logical partitions of a disk; bounds a chain that runs in a circle */
+constexpr unsigned largestChain =
+    128; /* logical partitions of a disk; bounds a chain that runs in a circle */
 
 struct Entry {
     uint8_t status; /* 0x80 when active */
@@ -24,8 +25,12 @@ Entry entryAt(Bytes sector, size_t index) {
     return {entry[0], entry[4], numberAt<uint32_t>(entry, 8), numberAt<uint32_t>(entry, 12)};
 }
 
-bool isExtended(uint8_t type) { return type == 0x05 || type == 0x0F || type == 0x85; }
-bool isForNtfs(uint8_t type) { return type == 0x07 || type == 0x17 || type == 0x27; }
+bool isExtended(uint8_t type) {
+    return type == 0x05 || type == 0x0F || type == 0x85;
+}
+bool isForNtfs(uint8_t type) {
+    return type == 0x07 || type == 0x17 || type == 0x27;
+}
 
 bool isTable(Bytes sector) {
     if (numberAt<uint16_t>(sector, 510) != 0xAA55) return false;
@@ -54,8 +59,8 @@ struct Reader {
         entries.push_back(found);
     }
 
-    /* Each table of the chain holds a logical partition, counted from that table, and the place of the next table,
-     * counted from the extended partition's start. */
+    /* Each table of the chain holds a logical partition, counted from that table, and the place of the next
+     * table, counted from the extended partition's start. */
     TableState chain(const Entry& extended, std::string& fault) {
         uint64_t table = extended.start;
         while (true) {

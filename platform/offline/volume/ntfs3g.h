@@ -1,6 +1,6 @@
-/* libntfs-3g's declarations, in a namespace of their own: the library and the platform's header give the same names to
- * different things. As the platform's are macros in part, this header comes before any that includes platform/nt.h.
- * Private to this room. */
+/* libntfs-3g's declarations, in a namespace of their own: the library and the platform's header give the same
+ * names to different things. As the platform's are macros in part, this header comes before any that includes
+ * platform/nt.h. Private to this room. */
 #ifndef QUILLET_OFFLINE_VOLUME_NTFS3G_H
 #define QUILLET_OFFLINE_VOLUME_NTFS3G_H
 

@@ -11,14 +11,16 @@ constexpr uint16_t dirtyMarks = ntfs3g::VOLUME_IS_DIRTY | ntfs3g::VOLUME_CHKDSK_
 
 NTSTATUS refuseHibernated(const Volume& volume, Problem& problem) {
     return refuse(problem, STATUS_SHARING_VIOLATION,
-                  volume.name + ": Windows on it is hibernated or used fast startup; start it and shut it down fully "
-                                "(shutdown /s /t 0), then try again");
+                  volume.name +
+                      ": Windows on it is hibernated or used fast startup; start it and shut it down fully "
+                      "(shutdown /s /t 0), then try again");
 }
 
 NTSTATUS refuseUnclean(const Volume& volume, const char* what, Problem& problem) {
-    return refuse(problem, STATUS_DISK_CORRUPT_ERROR,
-                  volume.name + ": " + what +
-                      "; start Windows on it and shut it down fully, or run chkdsk /f on the volume, then try again");
+    return refuse(
+        problem, STATUS_DISK_CORRUPT_ERROR,
+        volume.name + ": " + what +
+            "; start Windows on it and shut it down fully, or run chkdsk /f on the volume, then try again");
 }
 
 NTSTATUS refuseMount(const Volume& volume, int error, Problem& problem) {
@@ -27,17 +29,22 @@ NTSTATUS refuseMount(const Volume& volume, int error, Problem& problem) {
                       volume.name + ": it can't be read; check the medium, or work on a copy of it");
     }
     switch (error) {
-        case EPERM: return refuseHibernated(volume, problem);
-        case EOPNOTSUPP: return refuseUnclean(volume, "its journal holds changes that are not carried out", problem);
+        case EPERM:
+            return refuseHibernated(volume, problem);
+        case EOPNOTSUPP:
+            return refuseUnclean(volume, "its journal holds changes that are not carried out", problem);
         case EROFS:
-            return refuseUnclean(volume, "its transaction data must be repaired before it can be used", problem);
-        case ENOMEM: return refuse(problem, STATUS_NO_MEMORY, volume.name + ": there is not enough memory to open it");
+            return refuseUnclean(volume, "its transaction data must be repaired before it can be used",
+                                 problem);
+        case ENOMEM:
+            return refuse(problem, STATUS_NO_MEMORY, volume.name + ": there is not enough memory to open it");
         case EINVAL:
             return refuse(problem, STATUS_UNRECOGNIZED_VOLUME,
                           volume.name + ": it holds no valid NTFS; repair the volume (chkdsk /f) first");
         default:
-            return refuse(problem, STATUS_DISK_CORRUPT_ERROR,
-                          volume.name + ": its NTFS structures are damaged; repair the volume (chkdsk /f) first");
+            return refuse(
+                problem, STATUS_DISK_CORRUPT_ERROR,
+                volume.name + ": its NTFS structures are damaged; repair the volume (chkdsk /f) first");
     }
 }
 
@@ -59,14 +66,16 @@ NTSTATUS mount(Volume& volume, Problem& problem) {
     return STATUS_SUCCESS;
 }
 
-/* Whether the journal has been carried out. The library asks this itself only when it opens a volume for writing. */
+/* Whether the journal has been carried out. The library asks this itself only when it opens a volume for
+ * writing. */
 bool journalClean(Volume& volume) {
     Inode file(volume);
     if (file.open(ntfs3g::FILE_LogFile) < 0) return false;
     ntfs3g::ntfs_attr* data = ntfs3g::ntfs_attr_open(file.inode, ntfs3g::AT_DATA, nullptr, 0);
     if (data == nullptr) return false;
     ntfs3g::RESTART_PAGE_HEADER* restart = nullptr;
-    bool clean = ntfs3g::ntfs_check_logfile(data, &restart) != 0 && ntfs3g::ntfs_is_logfile_clean(data, restart) != 0;
+    bool clean =
+        ntfs3g::ntfs_check_logfile(data, &restart) != 0 && ntfs3g::ntfs_is_logfile_clean(data, restart) != 0;
     std::free(restart);
     ntfs3g::ntfs_attr_close(data);
     return clean;
@@ -77,11 +86,13 @@ NTSTATUS refuseState(Volume& volume, Problem& problem) {
         return refuse(problem, STATUS_NOT_SUPPORTED,
                       volume.name + ": its NTFS is older than version 3.0; upgrade the volume first");
     }
-    if ((volume.ntfs->flags & dirtyMarks) != 0) return refuseUnclean(volume, "it is marked as dirty", problem);
+    if ((volume.ntfs->flags & dirtyMarks) != 0)
+        return refuseUnclean(volume, "it is marked as dirty", problem);
     if (NVolReadOnly(volume.ntfs)) {
         if (!volume.readOnly) return refuseMount(volume, EROFS, problem);
         errno = 0;
-        if (ntfs3g::ntfs_volume_check_hiberfile(volume.ntfs, 0) < 0) return refuseMount(volume, errno, problem);
+        if (ntfs3g::ntfs_volume_check_hiberfile(volume.ntfs, 0) < 0)
+            return refuseMount(volume, errno, problem);
         if (!journalClean(volume)) return refuseMount(volume, EOPNOTSUPP, problem);
     }
     return STATUS_SUCCESS;
@@ -97,7 +108,9 @@ bool syncMetadata(const Volume& volume) {
     return done;
 }
 
-bool setFlags(Volume& volume, uint16_t flags) { return ntfs3g::ntfs_volume_write_flags(volume.ntfs, flags) == 0; }
+bool setFlags(Volume& volume, uint16_t flags) {
+    return ntfs3g::ntfs_volume_write_flags(volume.ntfs, flags) == 0;
+}
 
 /* Everything but the mark first, so that a crash in between leaves a marked volume. */
 NTSTATUS clearMark(Volume& volume) {
@@ -123,7 +136,8 @@ NTSTATUS volumeOpen(Disk& disk, const Partition& partition, VolumePtr& volume, P
             opened->name += ", volume at byte " + std::to_string(partition.start);
         }
         if (partition.start > diskSize(disk) || partition.size > diskSize(disk) - partition.start) {
-            return refuse(problem, STATUS_INVALID_PARAMETER, opened->name + ": it reaches beyond the disk's end");
+            return refuse(problem, STATUS_INVALID_PARAMETER,
+                          opened->name + ": it reaches beyond the disk's end");
         }
         opened->device.disk = &disk;
         opened->device.start = partition.start;
@@ -146,7 +160,7 @@ NTSTATUS beginChange(Volume& volume) {
     if (volume.marked) return STATUS_SUCCESS;
     volume.device.mayWrite = true;
     NTSTATUS status = setFlags(volume, volume.ntfs->flags | ntfs3g::VOLUME_IS_DIRTY) ? STATUS_SUCCESS
-                                                                                    : STATUS_IO_DEVICE_ERROR;
+                                                                                     : STATUS_IO_DEVICE_ERROR;
     if (status >= 0) status = diskSync(*volume.device.disk);
     volume.marked = status >= 0;
     if (status < 0) {
@@ -179,7 +193,11 @@ NTSTATUS volumeClose(VolumePtr volume) {
     return status;
 }
 
-bool volumeReadOnly(const Volume& volume) { return volume.readOnly; }
-bool volumeRefusedChange(const Volume& volume) { return volume.refusedChange; }
+bool volumeReadOnly(const Volume& volume) {
+    return volume.readOnly;
+}
+bool volumeRefusedChange(const Volume& volume) {
+    return volume.refusedChange;
+}
 
 } /* namespace offline */

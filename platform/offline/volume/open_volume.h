@@ -1,4 +1,5 @@
-/* What an open volume consists of, and what the room's files share. Private to this room; include it first. */
+/* What an open volume consists of, and what the room's files share. Private to this room; include it first.
+ */
 #ifndef QUILLET_OFFLINE_VOLUME_OPEN_VOLUME_H
 #define QUILLET_OFFLINE_VOLUME_OPEN_VOLUME_H
 
@@ -54,7 +55,8 @@ struct Volume {
     bool marked = false; /* this volume set the dirty mark */
     bool failed = false; /* a change did not succeed whole: the mark stays */
 
-    /* The record looked at last. It is what lies on the disk: whoever changes the file otherwise forgets it. */
+    /* The record looked at last. It is what lies on the disk: whoever changes the file otherwise forgets it.
+     */
     std::vector<uint8_t> recordBytes;
     uint64_t recordNumber = UINT64_MAX;
     FileRecord record;
@@ -66,7 +68,9 @@ struct Volume {
     std::vector<uint8_t> lastDescriptor; /* of a file without a security id */
 };
 
-inline uint64_t recordNumberOf(FileRef file) { return MREF(file); }
+inline uint64_t recordNumberOf(FileRef file) {
+    return MREF(file);
+}
 
 /* Whether the file may be changed: the volume's own metadata may not, but for the root directory. */
 constexpr uint64_t firstOrdinaryRecord = 24;
@@ -76,7 +80,8 @@ inline bool isMetadata(FileRef file) {
 
 /* ---- Changes ---- */
 
-/* Before any change: refuses on a volume that can only be read; the first time, puts the dirty mark on the medium. */
+/* Before any change: refuses on a volume that can only be read; the first time, puts the dirty mark on the
+ * medium. */
 NTSTATUS beginChange(Volume& volume);
 
 /* The status of a call of the library that failed and set errno. */
@@ -87,7 +92,9 @@ NTSTATUS libraryStatus(const Volume& volume, int error);
 /* Fills volume.record with the file's. STATUS_FILE_CORRUPT_ERROR when it is no record of a file in use. */
 NTSTATUS loadRecord(Volume& volume, FileRef file);
 
-inline void forgetRecord(Volume& volume) { volume.recordNumber = UINT64_MAX; }
+inline void forgetRecord(Volume& volume) {
+    volume.recordNumber = UINT64_MAX;
+}
 
 /* Writes the security id into the record that is loaded. */
 NTSTATUS writeSecurityId(Volume& volume, uint32_t id);
@@ -97,8 +104,8 @@ NTSTATUS writeSecurityId(Volume& volume, uint32_t id);
 /* For ntfs_inode_update_times: the contents changed. */
 constexpr auto updateContents = static_cast<ntfs3g::ntfs_time_update_flags>(NTFS_UPDATE_MCTIME);
 
-/* An open inode. The library has no reference counts, so that no two are ever open on one file, and none is kept from
- * one call to the next. */
+/* An open inode. The library has no reference counts, so that no two are ever open on one file, and none is
+ * kept from one call to the next. */
 struct Inode {
     Volume& volume;
     ntfs3g::ntfs_inode* inode = nullptr;

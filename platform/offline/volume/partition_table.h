@@ -26,9 +26,11 @@ enum class TableState {
 };
 
 /* sector: the disk's first 512 bytes. fault: what is damaged, for a message. */
-TableState readMbr(Disk& disk, Bytes sector, uint32_t sectorSize, std::vector<TableEntry>& entries, std::string& fault);
+TableState readMbr(Disk& disk, Bytes sector, uint32_t sectorSize, std::vector<TableEntry>& entries,
+                   std::string& fault);
 
-/* Both sector sizes, 512 and 4096, are tried; of each the primary table and then its backup at the disk's end. */
+/* Both sector sizes, 512 and 4096, are tried; of each the primary table and then its backup at the disk's
+ * end. */
 TableState readGpt(Disk& disk, std::vector<TableEntry>& entries, std::string& fault);
 
 } /* namespace offline */

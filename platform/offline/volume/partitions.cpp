@@ -20,8 +20,8 @@ struct Search {
     Disk& disk;
     std::vector<Partition>& partitions;
     Problem& problem;
-    std::string others;        /* names of what was left out, for a message */
-    std::string unrecognised;  /* a partition for NTFS that holds something else, for a message */
+    std::string others;       /* names of what was left out, for a message */
+    std::string unrecognised; /* a partition for NTFS that holds something else, for a message */
 
     NTSTATUS damaged(const std::string& text) const {
         return refuse(problem, STATUS_DISK_CORRUPT_ERROR, diskPath(disk) + ": " + text);
@@ -61,16 +61,18 @@ NTSTATUS probe(Search& search, const Partition& place, bool forNtfs, const std::
     switch (contents.kind) {
         case ContentsKind::bitLocker:
             return refuse(search.problem, STATUS_NOT_SUPPORTED,
-                          path + ": " + name + " is encrypted with BitLocker; decrypt it (manage-bde -off), then try again");
+                          path + ": " + name +
+                              " is encrypted with BitLocker; decrypt it (manage-bde -off), then try again");
         case ContentsKind::reFs:
-            return refuse(search.problem, STATUS_NOT_SUPPORTED,
-                          path + ": " + name + " is a ReFS volume, which is not supported; use a disk with NTFS");
+            return refuse(
+                search.problem, STATUS_NOT_SUPPORTED,
+                path + ": " + name + " is a ReFS volume, which is not supported; use a disk with NTFS");
         case ContentsKind::ntfs:
             if (!ntfsBootSector(head.bytes(), boot)) break;
             if (boot.volumeSize > place.size) {
-                return search.damaged(name + " is truncated: its NTFS volume has " + std::to_string(boot.volumeSize) +
-                                      " bytes, and " + std::to_string(place.size) +
-                                      " are there; get a complete image");
+                return search.damaged(name + " is truncated: its NTFS volume has " +
+                                      std::to_string(boot.volumeSize) + " bytes, and " +
+                                      std::to_string(place.size) + " are there; get a complete image");
             }
             search.partitions.push_back(place);
             return STATUS_SUCCESS;
@@ -78,15 +80,18 @@ NTSTATUS probe(Search& search, const Partition& place, bool forNtfs, const std::
         case ContentsKind::container:
             search.others += (search.others.empty() ? "" : ", ") + std::string(contents.name);
             return STATUS_SUCCESS;
-        case ContentsKind::unknown: break;
+        case ContentsKind::unknown:
+            break;
     }
     bool backup = (forNtfs || contents.kind == ContentsKind::ntfs) && hasBackupBootSector(search, place);
     if (backup) {
-        return search.damaged("the boot sector of " + name +
-                              " is damaged, its backup copy is intact; restore it (ntfsfix, or chkdsk /f), then try again");
+        return search.damaged(
+            "the boot sector of " + name +
+            " is damaged, its backup copy is intact; restore it (ntfsfix, or chkdsk /f), then try again");
     }
     if (contents.kind == ContentsKind::ntfs) {
-        return search.damaged("the boot sector of " + name + " is damaged; repair the volume (chkdsk /f) first");
+        return search.damaged("the boot sector of " + name +
+                              " is damaged; repair the volume (chkdsk /f) first");
     }
     if (forNtfs && search.unrecognised.empty()) search.unrecognised = name;
     return STATUS_SUCCESS;
@@ -97,11 +102,13 @@ NTSTATUS probeTable(Search& search, const std::vector<TableEntry>& entries) {
         std::string name = "partition " + std::to_string(entry.number);
         const Partition& place = entry.partition;
         if (place.start >= diskSize(search.disk) || place.size > diskSize(search.disk) - place.start) {
-            return search.damaged(name + " reaches beyond the disk's end; the image is truncated or the table is damaged");
+            return search.damaged(
+                name + " reaches beyond the disk's end; the image is truncated or the table is damaged");
         }
         if (entry.dynamicDisk) {
             return refuse(search.problem, STATUS_NOT_SUPPORTED,
-                          diskPath(search.disk) + ": it is a dynamic disk, which is not supported; convert it to a basic one");
+                          diskPath(search.disk) +
+                              ": it is a dynamic disk, which is not supported; convert it to a basic one");
         }
         NTSTATUS status = probe(search, place, entry.forNtfs, name);
         if (status < 0) return status;
@@ -112,7 +119,8 @@ NTSTATUS probeTable(Search& search, const std::vector<TableEntry>& entries) {
 /* Two volumes that share bytes would destroy each other. */
 NTSTATUS refuseOverlaps(const Search& search) {
     std::vector<Partition> sorted = search.partitions;
-    std::sort(sorted.begin(), sorted.end(), [](const Partition& a, const Partition& b) { return a.start < b.start; });
+    std::sort(sorted.begin(), sorted.end(),
+              [](const Partition& a, const Partition& b) { return a.start < b.start; });
     for (size_t i = 1; i < sorted.size(); ++i) {
         if (sorted[i].start - sorted[i - 1].start < sorted[i - 1].size) {
             return search.damaged("two of its partitions overlap; repair the partition table first");
@@ -152,7 +160,8 @@ NTSTATUS findVolumes(Search& search) {
         std::string fault;
         TableState mbr = readMbr(search.disk, head.bytes(), search.disk.sectorSize, entries, fault);
         TableState state = mbr;
-        if (mbr == TableState::protective || mbr == TableState::absent) state = readGpt(search.disk, entries, fault);
+        if (mbr == TableState::protective || mbr == TableState::absent)
+            state = readGpt(search.disk, entries, fault);
         if (state == TableState::unreadable) return search.unreadable();
         if (state == TableState::damaged || (mbr == TableState::protective && state == TableState::absent)) {
             return search.damaged("its partition table is damaged: " + fault + "; repair it first");

@@ -1,5 +1,6 @@
-/* MFT records as they lie on the disk. A walk over a whole volume asks every file for a few fields of its record; read
- * here, that costs a fraction of opening the file. Structure: the record header and the attribute headers of NTFS 3. */
+/* MFT records as they lie on the disk. A walk over a whole volume asks every file for a few fields of its
+ * record; read here, that costs a fraction of opening the file. Structure: the record header and the
+ * attribute headers of NTFS 3. */
 #include "platform/offline/volume/open_volume.h"
 
 namespace offline {
@@ -24,7 +25,8 @@ struct Attribute {
     Bytes value;
 };
 
-/* The attribute at an offset in the used part of a record; false at a header or value that does not lie inside. */
+/* The attribute at an offset in the used part of a record; false at a header or value that does not lie
+ * inside. */
 bool attributeAt(Bytes used, size_t offset, Attribute& attribute) {
     Bytes rest = checkedSpan(used, offset, used.size() - offset);
     if (rest.size() < residentHeader) return false;
@@ -86,11 +88,20 @@ bool takeAttributes(Bytes record, Bytes used, size_t offset, FileRecord& file) {
                 standard = takeStandardInformation(attribute, record, file);
                 if (!standard) return false;
                 break;
-            case ntfs3g::AT_ATTRIBUTE_LIST: file.complete = false; break;
-            case ntfs3g::AT_SECURITY_DESCRIPTOR: file.ownDescriptor = true; break;
-            case ntfs3g::AT_DATA: takeDataSize(attribute, file); break;
-            case ntfs3g::AT_REPARSE_POINT: takeReparseTag(attribute, file); break;
-            default: break;
+            case ntfs3g::AT_ATTRIBUTE_LIST:
+                file.complete = false;
+                break;
+            case ntfs3g::AT_SECURITY_DESCRIPTOR:
+                file.ownDescriptor = true;
+                break;
+            case ntfs3g::AT_DATA:
+                takeDataSize(attribute, file);
+                break;
+            case ntfs3g::AT_REPARSE_POINT:
+                takeReparseTag(attribute, file);
+                break;
+            default:
+                break;
         }
         offset += attribute.header.size();
     }
@@ -146,15 +157,15 @@ NTSTATUS complete(Volume& volume, FileRef file, FileRecord& record) {
 NTSTATUS loadRecord(Volume& volume, FileRef file) {
     uint64_t number = recordNumberOf(file);
     if (volume.recordNumber == number) {
-        uint16_t sequence =
-            numberAt<uint16_t>(volume.recordBytes, offsetof(MFT_RECORD, sequence_number));
+        uint16_t sequence = numberAt<uint16_t>(volume.recordBytes, offsetof(MFT_RECORD, sequence_number));
         return MSEQNO(file) == 0 || MSEQNO(file) == sequence ? STATUS_SUCCESS : STATUS_FILE_CORRUPT_ERROR;
     }
     forgetRecord(volume);
     volume.device.failed = false;
     int64_t records = volume.ntfs->mft_na->data_size >> volume.ntfs->mft_record_size_bits;
     if (records < 0 || number >= static_cast<uint64_t>(records)) return STATUS_FILE_CORRUPT_ERROR;
-    /* This reverses the update sequence that guards each sector; a record whose sectors do not match has no "FILE". */
+    /* This reverses the update sequence that guards each sector; a record whose sectors do not match has no
+     * "FILE". */
     int64_t done = ntfs3g::ntfs_attr_mst_pread(
         volume.ntfs->mft_na, static_cast<int64_t>(number << volume.ntfs->mft_record_size_bits), 1,
         volume.ntfs->mft_record_size, volume.recordBytes.data());

@@ -1,9 +1,9 @@
-/* An NTFS volume on a disk, through libntfs-3g. Files and directories are named by their MFT reference. Names are
- * UTF-16 as stored, unpaired surrogates included; look-up folds letters as the platform does. Statuses are the
- * platform's. No function throws.
+/* An NTFS volume on a disk, through libntfs-3g. Files and directories are named by their MFT reference. Names
+ * are UTF-16 as stored, unpaired surrogates included; look-up folds letters as the platform does. Statuses
+ * are the platform's. No function throws.
  *
- * A volume's first change sets its dirty mark, on the medium before anything else; volumeClose takes it away again when
- * everything was written. */
+ * A volume's first change sets its dirty mark, on the medium before anything else; volumeClose takes it away
+ * again when everything was written. */
 #ifndef QUILLET_OFFLINE_VOLUME_VOLUME_H
 #define QUILLET_OFFLINE_VOLUME_VOLUME_H
 
@@ -25,16 +25,18 @@ struct VolumeDeleter {
 };
 using VolumePtr = std::unique_ptr<Volume, VolumeDeleter>;
 
-using FileRef = uint64_t; /* MFT record number and sequence number, as NTFS stores it */
+using FileRef = uint64_t;            /* MFT record number and sequence number, as NTFS stores it */
 constexpr FileRef rootDirectory = 5; /* accepted wherever a reference is */
 
-/* Opens the volume of a partition; the disk must outlive it. Refused, each with one line that names the disk and says
- * what to do: hibernated or fast startup, unclean log, marked dirty, truncated, damaged, no NTFS, NTFS before 3.0.
- * A read-only disk gives a read-only volume, and every change then fails with STATUS_MEDIA_WRITE_PROTECTED. */
+/* Opens the volume of a partition; the disk must outlive it. Refused, each with one line that names the disk
+ * and says what to do: hibernated or fast startup, unclean log, marked dirty, truncated, damaged, no NTFS,
+ * NTFS before 3.0. A read-only disk gives a read-only volume, and every change then fails with
+ * STATUS_MEDIA_WRITE_PROTECTED. */
 NTSTATUS volumeOpen(Disk& disk, const Partition& partition, VolumePtr& volume, Problem& problem);
 
-/* Writes everything, then takes the dirty mark away, if it was this volume that set it. The volume is closed whatever
- * the status says; a negative one means that not all is known to be on the medium, and the mark stays. */
+/* Writes everything, then takes the dirty mark away, if it was this volume that set it. The volume is closed
+ * whatever the status says; a negative one means that not all is known to be on the medium, and the mark
+ * stays. */
 NTSTATUS volumeClose(VolumePtr volume);
 
 /* Everything on the medium; the dirty mark stays. */
@@ -56,13 +58,13 @@ struct FileInfo {
 
 NTSTATUS volumeFileInfo(Volume& volume, FileRef file, FileInfo& info);
 
-/* One entry of a directory by its name. STATUS_OBJECT_NAME_NOT_FOUND, STATUS_NOT_A_DIRECTORY. A short (8.3) alias is
- * found as well as the long name. */
+/* One entry of a directory by its name. STATUS_OBJECT_NAME_NOT_FOUND, STATUS_NOT_A_DIRECTORY. A short (8.3)
+ * alias is found as well as the long name. */
 NTSTATUS volumeLookUp(Volume& volume, FileRef directory, std::u16string_view name, FileRef& file);
 
-/* The file at a path from the root, components between backslashes, a leading one allowed; "" is the root. No reparse
- * point is followed: one in the middle gives STATUS_OBJECT_PATH_NOT_FOUND. A missing last component gives
- * STATUS_OBJECT_NAME_NOT_FOUND, a missing earlier one STATUS_OBJECT_PATH_NOT_FOUND. */
+/* The file at a path from the root, components between backslashes, a leading one allowed; "" is the root. No
+ * reparse point is followed: one in the middle gives STATUS_OBJECT_PATH_NOT_FOUND. A missing last component
+ * gives STATUS_OBJECT_NAME_NOT_FOUND, a missing earlier one STATUS_OBJECT_PATH_NOT_FOUND. */
 NTSTATUS volumeFind(Volume& volume, std::u16string_view path, FileRef& file);
 
 struct DirectoryEntry {
@@ -80,25 +82,26 @@ struct DirectoryListing {
     }
 };
 
-/* All entries in the order of the directory's index, without ".", "..", the volume's own metadata files and short
- * aliases. A hard-linked file is listed for each of its names. listing is overwritten, its room reused. */
+/* All entries in the order of the directory's index, without ".", "..", the volume's own metadata files and
+ * short aliases. A hard-linked file is listed for each of its names. listing is overwritten, its room reused.
+ */
 NTSTATUS volumeList(Volume& volume, FileRef directory, DirectoryListing& listing);
 
 /* ---- Security descriptors ---- */
 
-/* The file's self-relative descriptor, byte for byte as stored and valid by every bound; read once for each security
- * id. The span is good until the next call that changes the volume, or volumeClose. A descriptor that is missing or
- * invalid is STATUS_INVALID_SECURITY_DESCR, never an invented one. */
+/* The file's self-relative descriptor, byte for byte as stored and valid by every bound; read once for each
+ * security id. The span is good until the next call that changes the volume, or volumeClose. A descriptor
+ * that is missing or invalid is STATUS_INVALID_SECURITY_DESCR, never an invented one. */
 NTSTATUS volumeDescriptor(Volume& volume, FileRef file, std::span<const uint8_t>& descriptor);
 
-/* Stores the descriptor byte for byte as given; equal ones are stored once and shared. STATUS_INVALID_SECURITY_DESCR
- * when the volume can't hold it. The file's times stay as they are. */
+/* Stores the descriptor byte for byte as given; equal ones are stored once and shared.
+ * STATUS_INVALID_SECURITY_DESCR when the volume can't hold it. The file's times stay as they are. */
 NTSTATUS volumeSetDescriptor(Volume& volume, FileRef file, std::span<const uint8_t> descriptor);
 
 /* ---- Contents ---- */
 
-/* The whole unnamed data. STATUS_INSUFFICIENT_RESOURCES when there is more than limit bytes, STATUS_FILE_CORRUPT_ERROR
- * or STATUS_NOT_SUPPORTED (encrypted) when it can't be read. */
+/* The whole unnamed data. STATUS_INSUFFICIENT_RESOURCES when there is more than limit bytes,
+ * STATUS_FILE_CORRUPT_ERROR or STATUS_NOT_SUPPORTED (encrypted) when it can't be read. */
 NTSTATUS volumeReadFile(Volume& volume, FileRef file, uint64_t limit, std::vector<uint8_t>& bytes);
 
 /* Writes into the unnamed data at an offset, in place; what lies behind its end is added. */
@@ -108,7 +111,8 @@ NTSTATUS volumeWriteFile(Volume& volume, FileRef file, uint64_t offset, std::spa
 
 enum class NewFile { file, directory };
 
-/* STATUS_OBJECT_NAME_COLLISION, STATUS_OBJECT_NAME_INVALID, STATUS_DISK_FULL. The new file has this descriptor. */
+/* STATUS_OBJECT_NAME_COLLISION, STATUS_OBJECT_NAME_INVALID, STATUS_DISK_FULL. The new file has this
+ * descriptor. */
 NTSTATUS volumeCreate(Volume& volume, FileRef directory, std::u16string_view name, NewFile kind,
                       std::span<const uint8_t> descriptor, FileRef& file);
 

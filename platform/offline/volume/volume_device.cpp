@@ -12,7 +12,9 @@ namespace {
 
 using ntfs3g::ntfs_device;
 
-VolumeDevice& deviceOf(ntfs_device* device) { return *static_cast<VolumeDevice*>(device->d_private); }
+VolumeDevice& deviceOf(ntfs_device* device) {
+    return *static_cast<VolumeDevice*>(device->d_private);
+}
 
 int fail(int error) {
     errno = error;
@@ -27,7 +29,8 @@ int openDevice(ntfs_device* device, int flags) {
 }
 
 int syncDevice(ntfs_device* device) {
-    /* The library syncs now and then on its own; what is written when is decided by volumeFlush and volumeClose. */
+    /* The library syncs now and then on its own; what is written when is decided by volumeFlush and
+     * volumeClose. */
     NDevClearDirty(device);
     return 0;
 }
@@ -96,7 +99,8 @@ int64_t writeOn(ntfs_device* device, const void* bytes, int64_t count) {
 }
 
 int statDevice(ntfs_device* device, ntfs3g::stat* result) {
-    auto* info = reinterpret_cast<struct ::stat*>(result); /* the library's declaration of the same structure */
+    auto* info =
+        reinterpret_cast<struct ::stat*>(result); /* the library's declaration of the same structure */
     *info = {};
     info->st_mode = S_IFREG;
     info->st_size = static_cast<off_t>(deviceOf(device).size);
@@ -112,7 +116,8 @@ int ioctlDevice(ntfs_device* device, unsigned long request, void* argument) {
 } /* namespace */
 
 ntfs3g::ntfs_device_operations volumeDeviceOperations = {
-    openDevice, closeDevice, seekDevice, readOn, writeOn, readAt, writeAt, syncDevice, statDevice, ioctlDevice,
+    openDevice, closeDevice, seekDevice, readOn,     writeOn,
+    readAt,     writeAt,     syncDevice, statDevice, ioctlDevice,
 };
 
 } /* namespace offline */

@@ -1,0 +1,56 @@
+"""Options, streams and exit statuses, and that neither help nor a wrong option needs a system."""
+import unittest
+
+import programs
+from programs import quillet
+
+USAGE = """Tarvane SID change tool
+Usage:
+  quillet -[f][r][s][d][q][v][h]
+Options:
+  -f       perform fast registry scan
+  -b       reboot on completion
+  -r       shutdown on completion
+  -s       simulate dry run, do not change anything
+  -q       quiet mode
+  -v[v]    verbose mode
+  -h       this help
+"""
+FULL_STATUS = "quillet: the run's full exit status is -1 (0xFFFFFFFF)"
+
+
+class Options(unittest.TestCase):
+    def test_help_ends_at_once(self):
+        for arguments in (["-h"], ["-vh"], ["-s", "-h"], ["-hz"], ["-h", "nonsense"], ["-", "-fbrsqvh"]):
+            done = quillet(*arguments, system="/no/such/disk")
+            self.assertEqual((done.status, done.out, done.err), (0, USAGE, ""), arguments)
+
+    def test_an_invalid_argument_is_named_whole(self):
+        for arguments, named in ((["-zh"], "-zh"), (["-d"], "-d"), (["-f", "file"], "file"), (["--"], "--"), ([""], ""),
+                                 (["-sv-"], "-sv-"), (["-F"], "-F"), (["größe-漢字-😀"], "größe-漢字-😀")):
+            done = quillet(*arguments, system="/no/such/disk", LC_ALL="C")
+            self.assertEqual((done.status, done.out), (255, USAGE), arguments)
+            self.assertEqual(done.error_lines(), ["invalid option: " + named, FULL_STATUS])
+
+    def test_bytes_that_are_no_text_are_shown_as_such(self):
+        done = quillet(b"-\xff\xfe".decode("utf-8", "surrogateescape"))
+        self.assertEqual(done.error_lines()[0], "invalid option: -\ufffd\ufffd")
+
+
+class NoSystem(unittest.TestCase):
+    def check(self, end, *arguments, **more):
+        done = quillet(*arguments, **more)
+        self.assertNotEqual(done.status, 0)
+        self.assertEqual(done.out, "")
+        said = [line for line in done.error_lines() if line.startswith("quillet: ") and "exit status" not in line]
+        self.assertEqual(len(said), 1, done.err)
+        self.assertRegex(said[0], end)
+
+    def test_one_line_says_what_to_set(self):
+        self.check("QUILLET_SYSTEM is not set; set it to", "-q")
+        self.check("QUILLET_SYSTEM is not set; set it to", system="")
+        self.check("/no/such/disk: ", system="/no/such/disk")
+        self.check("QUILLET_ACCESS is \"maybe\"; set it to", system="/no/such/disk", QUILLET_ACCESS="maybe")
+
+
+programs.main()

@@ -1,0 +1,91 @@
+"""Running the built programs, for the tests beside this file."""
+import hashlib, os, re, shutil, subprocess, tempfile, unittest
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+BUILD = os.environ["QUILLET_BUILD"]
+QUILLET, OFFLINE = os.path.join(BUILD, "quillet"), os.path.join(BUILD, "quillet-offline")
+SHARED = os.environ.get("QUILLET_SHARED") or os.path.join(HERE, "..", "..", "..", "shared")
+PAIR = re.compile(r"^(S-1-5-21-\d+-\d+-\d+) -> (S-1-5-21-\d+-\d+-\d+)$", re.M)
+
+
+class Outcome:
+    def __init__(self, done):
+        self.status = done.returncode
+        self.out = done.stdout.decode("utf-8")  # strict: whatever the programs print is UTF-8
+        self.err = done.stderr.decode("utf-8")
+        assert "Sanitizer" not in self.err and "runtime error" not in self.err, self.err
+        assert self.status >= 0, "ended by signal %d: %s" % (-self.status, self.err)
+
+    def error_lines(self):
+        return self.err.splitlines()
+
+
+def run(program, *arguments, system=None, **environment):
+    env = {k: v for k, v in os.environ.items() if not k.startswith("QUILLET_")}
+    if system is not None: env["QUILLET_SYSTEM"] = system
+    env.update(environment)
+    return Outcome(subprocess.run([program, *arguments], capture_output=True, env=env))
+
+
+def quillet(*arguments, system=None, **environment):
+    return run(QUILLET, *arguments, system=system, **environment)
+
+
+def digest(path):
+    with open(path, "rb") as f: return hashlib.file_digest(f, "sha256").hexdigest() if hasattr(hashlib, "file_digest") else hashlib.sha256(f.read()).hexdigest()
+
+
+class ImageCase(unittest.TestCase):
+    """Works in a temporary directory; self.path(NAME) is a file there."""
+
+    def setUp(self):
+        self.work = tempfile.mkdtemp(prefix="quillet-test-")
+        self.addCleanup(shutil.rmtree, self.work)
+
+    def path(self, name): return os.path.join(self.work, name)
+
+    def copy(self, image, name):
+        shutil.copyfile(image, self.path(name))
+        return self.path(name)
+
+    def write(self, name, data):
+        with open(self.path(name), "wb") as f: f.write(data)
+        return self.path(name)
+
+    def assert_sound(self, image):
+        """No structure of the volume's security stream is amiss, and no dirty mark is left."""
+        said = subprocess.run(["ntfssecaudit", "-ar", image], capture_output=True)
+        self.assertIn(b"All keys are present in all lists", said.stdout + said.stderr)
+        said = subprocess.run(["ntfsinfo", "-m", image], capture_output=True)
+        self.assertEqual(said.returncode, 0, said.stderr)
+        self.assertNotIn(b"is dirty", said.stdout)
+
+
+_sample = None
+
+
+def sample():
+    """A practice installation, made once for all tests of a program."""
+    global _sample
+    if _sample is None:
+        directory = tempfile.mkdtemp(prefix="quillet-sample-")
+        unittest.addModuleCleanup(shutil.rmtree, directory) if hasattr(unittest, "addModuleCleanup") else None
+        _sample = os.path.join(directory, "sample.img")
+        made = run(OFFLINE, "sample", _sample)
+        assert made.status == 0, made.err
+    return _sample
+
+
+def need_shared(*names):
+    for name in names:
+        if not os.path.exists(os.path.join(SHARED, name)):
+            raise unittest.SkipTest("%s is not there; set QUILLET_SHARED" % name)
+    return [os.path.join(SHARED, name) for name in names]
+
+
+def main():
+    import sys
+    program = unittest.main(module="__main__", exit=False)
+    result = program.result
+    if result.wasSuccessful() and result.testsRun and len(result.skipped) == result.testsRun: print("all tests skipped")
+    sys.exit(not result.wasSuccessful())

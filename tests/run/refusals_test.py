@@ -1,0 +1,61 @@
+"""Disks, volumes and systems that can't be used: one clear line each, a failing status, the image untouched."""
+import os, struct, subprocess, unittest
+
+import programs
+from programs import ImageCase, digest, need_shared, quillet, sample
+
+
+class Refusals(ImageCase):
+    def check(self, image, pattern, status=None, system=None):
+        before = digest(image) if os.path.isfile(image) else None
+        done = quillet("-q", system=system or image)
+        self.assertNotEqual(done.status, 0, done.err)
+        if status is not None: self.assertEqual(done.status, status, done.err)
+        said = [l for l in done.error_lines() if l.startswith("quillet: ") and "exit status" not in l]
+        self.assertEqual(len(said), 1, done.err)
+        self.assertRegex(said[0], pattern)
+        self.assertIn(os.path.basename(image), said[0])
+        if before is not None: self.assertEqual(digest(image), before)
+
+    def test_what_is_no_disk(self):
+        self.check(self.path("missing.img"), "no such|missing|does not exist")
+        self.check(self.write("empty.img", b""), "empty")
+        self.check(self.write("text.img", b"this is a text file\n" * 400), "NTFS")
+        self.check(self.work, "directory")
+        fat = self.path("fat.img")
+        with open(fat, "wb") as f: f.truncate(8 << 20)
+        subprocess.run(["/usr/sbin/mkfs.fat", fat], check=True, capture_output=True)
+        self.check(fat, "NTFS|FAT")
+
+    def test_damaged_volumes_and_tables(self):
+        whole = open(sample(), "rb").read()
+        self.check(self.write("truncated.img", whole[:len(whole) // 2]), "truncated|ends")
+        self.check(self.write("boot.img", b"\xff" * 512 + whole[512:]), "NTFS|boot")
+        mbr = bytearray(512)
+        mbr[446:462] = struct.pack("<B3sB3sII", 0x80, b"\xfe\xff\xff", 7, b"\xfe\xff\xff", 2048, 0x7FFFFFFF)
+        mbr[510:512] = b"\x55\xaa"
+        self.check(self.write("table.img", bytes(mbr) + bytes(4 << 20)), "partition")
+        self.check(self.write("gpt.img", bytes(510) + b"\x55\xaa" + b"EFI PART" + b"\xff" * 504 + bytes(1 << 20)), "NTFS|partition|GPT")
+
+    def test_one_bad_disk_of_two(self):
+        bad, good = self.write("bad.img", b"no disk"), self.copy(sample(), "good.img")
+        before = digest(good)
+        self.check(bad, "NTFS", system=good + ":" + bad)
+        self.assertEqual(digest(good), before)
+
+    def test_a_volume_without_windows(self):
+        plain = self.path("plain.img")
+        with open(plain, "wb") as f: f.truncate(16 << 20)
+        subprocess.run(["mkntfs", "-F", "-Q", "-q", "-s", "512", "-p", "0", "-H", "255", "-S", "63", plain], check=True, capture_output=True)
+        self.check(plain, "no Windows installation", status=2)
+
+    def test_an_image_in_use(self):
+        image = self.copy(sample(), "locked.img")
+        holder = "import fcntl, sys, time\nf = open(sys.argv[1], 'r+b')\nfcntl.lockf(f, fcntl.LOCK_EX)\nprint('locked', flush=True)\ntime.sleep(60)"
+        with subprocess.Popen(["python3", "-c", holder, image], stdout=subprocess.PIPE) as process:
+            process.stdout.readline()
+            self.check(image, "in use|use by|locked")
+            process.kill()
+
+
+programs.main()

@@ -1,0 +1,161 @@
+"""Installations built from registry hives of real machines, and an independent model of what a run makes of them."""
+import lzma, os, shutil, struct, subprocess, sys, tempfile, unittest
+
+import programs
+from programs import ImageCase, PAIR, digest, need_shared, quillet
+
+_directory = tempfile.mkdtemp(prefix="quillet-real-")
+
+
+def real(*options):
+    """A system on real hives, made once for each set of options; its image and its machine SID."""
+    maker, = need_shared("tools/make-real-system")
+    if not shutil.which("hivexsh"): raise unittest.SkipTest("hivexsh is not there")
+    image = os.path.join(_directory, "real" + "".join(options) + ".img")
+    if not os.path.exists(image):
+        made = subprocess.run([maker, image, *options], capture_output=True, text=True)
+        assert made.returncode == 0, made.stderr
+    with open(image + ".expected") as f: return image, f.readline().split()[1]
+
+
+def ntfstool():
+    tool = os.path.join(_directory, "ntfstool")
+    source, = need_shared("tools/ntfstool.c")
+    if not os.path.exists(tool): subprocess.run(["cc", "-O2", "-o", tool, source, "-lntfs-3g"], check=True)
+    return tool
+
+
+class RealSystems(ImageCase):
+    def test_the_files_of_a_whole_run(self):
+        auditor, = need_shared("tools/audit-system")
+        for options in ((), ("--whole-disk",)):
+            image, machine = real(*options)
+            after = self.copy(image, "after.img")
+            done = quillet(system=after)
+            self.assertEqual(done.status, 0, done.err)
+            old, new = PAIR.search(done.out).groups()
+            self.assertEqual(old, machine)
+            self.assertIn("scanning c: ...\n", done.out)
+            self.assertTrue(done.out.endswith("completed successfully\n"))
+            audit = subprocess.run([auditor, image, after, "--files", new], capture_output=True, text=True)
+            self.assertIn("as it should be", audit.stdout, audit.stdout + audit.stderr)
+
+    def test_a_tree_that_is_too_deep(self):
+        image, machine = real()
+        deep = self.copy(image, "deep.img")
+        sys.path.insert(0, os.path.dirname(need_shared("tools/descriptors.py")[0]))
+        import descriptors
+        plain = descriptors.plain().hex()
+        rows, path = [], ""
+        for i in range(257):
+            path += "/d"
+            rows.append("D %s - %s\n" % (plain, path))
+        subprocess.run([ntfstool(), "lay", deep], input="".join(rows).encode(), check=True)
+        done = quillet("-q", system=deep)
+        self.assertEqual(done.status, 1359 & 0xFF)
+        lines = done.error_lines()
+        self.assertRegex(lines[0], r"^ERROR    \[sidchng/sidchng:\d+\] sidReplaceInPathImpl Too deep recursion in \\\\\?\\c:(\\d){257}$")
+        self.assertEqual(lines[1:], ["sidReplaceInPath(c:) failed with code 1359", "quillet: the run's full exit status is 1359 (0x0000054F)"])
+
+
+class BrokenHives(ImageCase):
+    def with_hive(self, name, data, at="SAM"):
+        """A real system whose hive is replaced by the data."""
+        image = self.copy(real()[0], name + ".img")
+        sys.path.insert(0, os.path.dirname(need_shared("tools/hive.py")[0]))
+        hive = self.write("hive", data)
+        plain = __import__("descriptors").plain().hex()
+        ni = "/Windows/System32/config/" + at
+        subprocess.run([os.path.join(_directory, "put"), image, ni, hive], check=True)
+        return image
+
+    @classmethod
+    def setUpClass(cls):
+        need_shared("hives/broken", "tools/make-real-system")
+        source = os.path.join(_directory, "put.c")
+        with open(source, "w") as f: f.write(PUT)
+        subprocess.run(["cc", "-O1", "-o", os.path.join(_directory, "put"), source, "-lntfs-3g"], check=True)
+
+    def refused(self, image, pattern, statuses):
+        before = digest(image)
+        done = quillet("-q", system=image)
+        self.assertIn(done.status, statuses, done.err)
+        said = [l for l in done.error_lines() if l.startswith("quillet: ") and "exit status" not in l]
+        self.assertEqual(len(said), 1, done.err)
+        self.assertRegex(said[0], pattern)
+        self.assertEqual(digest(image), before)
+
+    def test_every_way_in_which_a_sam_can_be_broken(self):
+        broken, = need_shared("hives/broken")
+        codes = {1009, 1016, 1017}
+        for name in sorted(os.listdir(broken)):
+            with self.subTest(name):
+                with lzma.open(os.path.join(broken, name)) as f: image = self.with_hive("broken", f.read())
+                self.refused(image, r"SAM (is|can't)", {c & 0xFF for c in codes})
+
+    def test_bad_account_values(self):
+        sys.path.insert(0, os.path.dirname(need_shared("tools/hive.py")[0]))
+        import hive
+        with lzma.open(need_shared("hives/machine/SAM.xz")[0]) as f: sam = bytearray(hive_settle(hive, f.read()))
+        place = find_account(hive, sam)
+        header = struct.unpack_from("<I", sam, place + 12)[0]
+        sid = place + 48 + header
+        bad = {"length field 23": (place + 16, struct.pack("<I", 23), "SAM data is invalid"),
+               "length field 28": (place + 16, struct.pack("<I", 28), "SAM data is invalid"),
+               "offset beyond the value": (place + 12, struct.pack("<I", 1 << 20), "SAM data is invalid"),
+               "offset that would wrap": (place + 12, struct.pack("<I", 0xFFFFFFF0), "SAM data is invalid"),
+               "revision": (sid, b"\2", "Machine SID is invalid"), "three sub-authorities": (sid + 1, b"\3", "Machine SID is invalid"),
+               "authority": (sid + 7, b"\1", "Machine SID is invalid"), "first sub-authority": (sid + 8, b"\x16", "Machine SID is invalid")}
+        for name, (at, data, message) in bad.items():
+            with self.subTest(name):
+                changed = bytearray(sam)
+                changed[at:at + len(data)] = data
+                image = self.with_hive("account", bytes(changed))
+                before = digest(image)
+                done = quillet("-q", system=image)
+                self.assertEqual(done.status, 13)
+                self.assertEqual(len(done.error_lines()), 1, done.err)
+                self.assertRegex(done.err, r"^ERROR    \[sidchng/sid:\d+\] sidGetMachineSID %s$" % message)
+                self.assertEqual(digest(image), before)
+
+
+def hive_settle(hive, data):
+    data = bytearray(data)
+    struct.pack_into("<I", data, 8, hive.u32(data, 4))
+    struct.pack_into("<I", data, 508, hive.base_checksum(data))
+    return bytes(data)
+
+
+def find_account(hive, sam):
+    """Where the data of the account value lies in the file."""
+    data = next(v.data for k in hive.walk(bytes(sam)) if k.path.endswith(r"\Domains\Account") for v in k.values if v.name == "V")
+    return bytes(sam).index(data)
+
+
+PUT = r'''
+#include <errno.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <ntfs-3g/types.h>
+#include <ntfs-3g/layout.h>
+#include <ntfs-3g/volume.h>
+#include <ntfs-3g/inode.h>
+#include <ntfs-3g/attrib.h>
+#include <ntfs-3g/dir.h>
+int main(int n, char **a) {
+    static char buf[65536]; size_t k; s64 at = 0;
+    ntfs_volume *vol = ntfs_mount(a[1], 0); if (!vol) return 1;
+    ntfs_inode *ni = ntfs_pathname_to_inode(vol, NULL, a[2]); if (!ni) return 2;
+    ntfs_attr *na = ntfs_attr_open(ni, AT_DATA, AT_UNNAMED, 0); if (!na) return 3;
+    FILE *f = fopen(a[3], "rb"); if (!f) return 4;
+    if (ntfs_attr_truncate(na, 0)) return 5;
+    while ((k = fread(buf, 1, sizeof buf, f)) > 0) { if (ntfs_attr_pwrite(na, at, k, buf) != (s64)k) return 6; at += k; }
+    ntfs_attr_close(na); ntfs_inode_close(ni); return ntfs_umount(vol, 0) != 0; }
+'''
+
+unittest.addModuleCleanup(shutil.rmtree, _directory)
+programs.main()
