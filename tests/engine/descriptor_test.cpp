@@ -7,7 +7,8 @@ std::u16string objectName = u"thing";
 
 DWORD replaceIn(Bytes* descriptor, int* touched, int exact = 0) {
     const UNICODE_STRING name = counted(objectName);
-    return sidReplaceInSDInternal(descriptor->data(), oldSid.data(), newSid.data(), 24, &name, exact, touched);
+    return sidReplaceInSDInternal(descriptor->data(), oldSid.data(), newSid.data(), 24, &name, exact,
+                                  touched);
 }
 
 std::string matched(const char* what, const char* place) {
@@ -22,8 +23,9 @@ TEST_F(Descriptor, OnePassOverEachShape) {
     const Bytes account = derived(oldSid, 500);
     const Bytes newAccount = derived(newSid, 500);
     const std::vector<Ace> others = {{0, administrators}, {1, administrators}};
-    const std::vector<Ace> mixed = {{0, derived(oldSid, 1)}, {5, derived(oldSid, 2)}, {1, derived(oldSid, 3)},
-                                    {9, derived(oldSid, 4)}, {2, administrators},     {3, derived(oldSid, 5)}};
+    const std::vector<Ace> mixed = {{0, derived(oldSid, 1)}, {5, derived(oldSid, 2)},
+                                    {1, derived(oldSid, 3)}, {9, derived(oldSid, 4)},
+                                    {2, administrators},     {3, derived(oldSid, 5)}};
     std::vector<Ace> mixedNew = mixed;
     for (const size_t i : {0u, 2u, 5u}) mixedNew[i].sid = derived(newSid, mixed[i].sid[24]);
     const struct {

@@ -13,8 +13,8 @@ const WCHAR path[] = u"\\\\?\\c:\\file";
 struct File {
     Bytes stored;
     std::vector<DWORD> reads, writes, seizures;
-    DWORD needed = 0;       /* what a 122 in reads reports */
-    bool holdsOld = false;  /* writes don't take hold */
+    DWORD needed = 0;      /* what a 122 in reads reports */
+    bool holdsOld = false; /* writes don't take hold */
 };
 
 /* Turns the descriptor's road into events. Calls beyond those listed give what the file gives. */
@@ -25,8 +25,8 @@ void answerFor(File* file) {
         codes->erase(codes->begin());
         return code;
     };
-    answer.GetFileSecurityW = [=](LPCWSTR at, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR descriptor,
-                                  DWORD size, LPDWORD needed) {
+    answer.GetFileSecurityW = [=](LPCWSTR at, SECURITY_INFORMATION information,
+                                  PSECURITY_DESCRIPTOR descriptor, DWORD size, LPDWORD needed) {
         note("read %d %d", information, size);
         EXPECT_EQ(at, path);
         const DWORD code = next(&file->reads);
@@ -36,7 +36,8 @@ void answerFor(File* file) {
         memcpy(descriptor, file->stored.data(), *needed);
         return TRUE;
     };
-    answer.SetFileSecurityW = [=](LPCWSTR at, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR descriptor) {
+    answer.SetFileSecurityW = [=](LPCWSTR at, SECURITY_INFORMATION information,
+                                  PSECURITY_DESCRIPTOR descriptor) {
         note("write %d", information);
         EXPECT_EQ(at, path);
         const DWORD code = next(&file->writes);
@@ -48,8 +49,8 @@ void answerFor(File* file) {
         static_cast<TOKEN_OWNER*>(buffer)->Owner = fakeHandle(0x77);
         return TRUE;
     };
-    answer.SetNamedSecurityInfoW = [=](LPWSTR at, SE_OBJECT_TYPE type, SECURITY_INFORMATION information, PSID owner,
-                                       PSID, PACL dacl, PACL) {
+    answer.SetNamedSecurityInfoW = [=](LPWSTR at, SE_OBJECT_TYPE type, SECURITY_INFORMATION information,
+                                       PSID owner, PSID, PACL dacl, PACL) {
         note("seize %d %#x %Ix", type, information, numberOf(owner));
         EXPECT_EQ(at, path);
         EXPECT_EQ(dacl, nullptr);
@@ -61,10 +62,12 @@ const char seizeOwner[] = "seize 1 0x1 77";
 const char seizeDacl[] = "seize 1 0x80000004 0";
 const char closed[] = "CloseHandle 70";
 const char taking[] = "INFO takeFileOwnership: Taking ownership of \\\\?\\c:\\file";
-const char notTaken[] = "ERROR takeFileOwnership: Win API call SetNamedSecurityInfo returned 1307 for \\\\?\\c:\\file";
+const char notTaken[] =
+    "ERROR takeFileOwnership: Win API call SetNamedSecurityInfo returned 1307 for \\\\?\\c:\\file";
 const char lost[] = "WARN sidReplaceInFileSD: Original security attributes lost for \\\\?\\c:\\file";
 const char replaced[] = "DEBUG sidReplaceInFileSD: Replaced old SID in file SD \\\\?\\c:\\file";
-const char simulated[] = "INFO sidReplaceInFileSD: Found old SID in file SD \\\\?\\c:\\file (simulation mode)";
+const char simulated[] =
+    "INFO sidReplaceInFileSD: Found old SID in file SD \\\\?\\c:\\file (simulation mode)";
 const char unreplaced[] = "ERROR sidReplaceInFileSD: Failed to replace old SID in file SD \\\\?\\c:\\file";
 const char ownerMatched[] = "DEBUG sidReplace: Matching SID [4]..-300 in owner";
 const char groupMatched[] = "DEBUG sidReplace: Matching SID [5]..-513 in group";
@@ -127,8 +130,8 @@ TEST_F(FileSecurity, ReadingAndWriting) {
          {owned, {}, {}, {}, 0, true},
          false,
          1359,
-         {read512, ownerMatched, wrote, replaced, read512, ownerMatched, wrote, replaced, read512, ownerMatched,
-          unreplaced}},
+         {read512, ownerMatched, wrote, replaced, read512, ownerMatched, wrote, replaced, read512,
+          ownerMatched, unreplaced}},
         {"simulation", {ownedTwice, {}, {}, {}}, true, 0, {read512, ownerMatched, simulated}},
         {"simulation, nothing to do", {clean, {}, {}, {}}, true, 0, {read512}},
         {"read fails", {owned, {2}, {}, {}}, false, 2, {read512, failed("GetFileSecurity", 2)}},
@@ -141,7 +144,8 @@ TEST_F(FileSecurity, ReadingAndWriting) {
          {ownedTwice, {}, {0, 19}, {}},
          false,
          19,
-         {read512, ownerMatched, wrote, replaced, read512, groupMatched, wrote, failed("SetFileSecurity", 19)}},
+         {read512, ownerMatched, wrote, replaced, read512, groupMatched, wrote,
+          failed("SetFileSecurity", 19)}},
         {"growth", {padded(clean, 600), {}, {}, {}}, false, 0, {read512, "read 15 856"}, 856},
         {"growth by one byte", {padded(clean, 513), {}, {}, {}}, false, 0, {read512, "read 15 769"}, 769},
         {"growth twice",
@@ -150,7 +154,11 @@ TEST_F(FileSecurity, ReadingAndWriting) {
          0,
          {read512, "read 15 856", "read 15 2256"},
          2256},
-        {"122 without growth", {owned, {122}, {}, {}, 512}, false, 122, {read512, failed("GetFileSecurity", 122)}},
+        {"122 without growth",
+         {owned, {122}, {}, {}, 512},
+         false,
+         122,
+         {read512, failed("GetFileSecurity", 122)}},
         {"a size out of reach",
          {owned, {122}, {}, {}, 0xFFFFFF80},
          false,
@@ -209,7 +217,11 @@ TEST_F(FileSecurity, RefusedReadsAndWrites) {
          false,
          0,
          {read512, taking, seizeOwner, notTaken, seizeDacl, closed, lost, read512}},
-        {"read refused in simulation", {owned, {5}, {}, {}}, true, 5, {read512, failed("GetFileSecurity", 5)}},
+        {"read refused in simulation",
+         {owned, {5}, {}, {}},
+         true,
+         5,
+         {read512, failed("GetFileSecurity", 5)}},
         {"write seized",
          {owned, {}, {5}, {}},
          false,
@@ -265,9 +277,9 @@ TEST_F(FileSecurity, FailuresBesideThePlatformsFileCalls) {
     allocationsLeft = -1;
     refusal = {"GetSecurityDescriptorDacl", 0, 1338};
     EXPECT_EQ(replace(), 1338u);  // on an empty buffer, which grows anew
-    const Events expected = {
-        "read 15 0", "read 15 856",
-        "ERROR sidReplaceInSDInternal: Win API call GetSecurityDescriptorDacl returned 1338 for \\\\?\\c:\\file"};
+    const Events expected = {"read 15 0", "read 15 856",
+                             "ERROR sidReplaceInSDInternal: Win API call GetSecurityDescriptorDacl returned "
+                             "1338 for \\\\?\\c:\\file"};
     EXPECT_EQ(events, expected);
     memBufFree(&buffer);
 }
@@ -283,8 +295,13 @@ TEST_F(FileSecurity, SeizingAFile) {
         {0, 0, 88, {}, 0, {taking, seizeOwner, seizeDacl, closed}},
         {0, 0, 20, {1307, 0}, 0, {taking, seizeOwner, notTaken, seizeDacl, closed}},
         {0, 0, 20, {0, 1307}, 1307, {taking, seizeOwner, seizeDacl, notTaken, closed}},
-        {0, 0, 20, {5, 1307}, 1307, {taking, seizeOwner, call + "SetNamedSecurityInfo returned 5 for \\\\?\\c:\\file",
-                                     seizeDacl, notTaken, closed}},
+        {0,
+         0,
+         20,
+         {5, 1307},
+         1307,
+         {taking, seizeOwner, call + "SetNamedSecurityInfo returned 5 for \\\\?\\c:\\file", seizeDacl,
+          notTaken, closed}},
         {5, 0, 20, {}, 5, {call + "OpenProcessToken returned 5"}},
         {0, 998, 89, {}, 998, {call + "GetTokenInformation returned 998", closed}},
         {0,
@@ -292,7 +309,8 @@ TEST_F(FileSecurity, SeizingAFile) {
          89,
          {},
          1359,
-         {"ERROR takeFileOwnership: GetTokenInformation requested 89 bytes of buffer (88 allocated)", closed}},
+         {"ERROR takeFileOwnership: GetTokenInformation requested 89 bytes of buffer (88 allocated)",
+          closed}},
     };
     for (const auto& row : rows) {
         SetUp();

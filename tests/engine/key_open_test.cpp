@@ -11,16 +11,16 @@ const std::u16string keyClass = u"Cls";
 
 /* A key of the name, by what opening it for each access answers: one status a time, in order. */
 struct Key {
-    std::vector<NTSTATUS> first;   /* for the access under test, KEY_READ; behind these: success */
-    NTSTATUS readControl = 0;      /* opens of the recovery */
+    std::vector<NTSTATUS> first; /* for the access under test, KEY_READ; behind these: success */
+    NTSTATUS readControl = 0;    /* opens of the recovery */
     NTSTATUS writeOwner = 0;
     NTSTATUS writeDac = 0;
     NTSTATUS writeBack = 0;
     LSTATUS getSecurity = 0;
-    LSTATUS setSecurity[8] = {};   /* by the information */
-    NTSTATUS machine = 0;          /* the real root */
+    LSTATUS setSecurity[8] = {}; /* by the information */
+    NTSTATUS machine = 0;        /* the real root */
     Bytes stored = image({administrators, administrators});
-    Bytes written = {};            /* by the last whole write */
+    Bytes written = {}; /* by the last whole write */
 };
 
 NTSTATUS openAnswer(Key* key, const OBJECT_ATTRIBUTES* attributes, ACCESS_MASK access) {
@@ -67,8 +67,8 @@ void answerFor(Key* key) {
         noteOpen("open", attributes, access);
         return give(handle, openAnswer(key, attributes, access));
     };
-    answer.ZwCreateKey = [=](PHANDLE handle, ACCESS_MASK access, POBJECT_ATTRIBUTES attributes, ULONG titleIndex,
-                             PUNICODE_STRING className, ULONG options, PULONG disposition) {
+    answer.ZwCreateKey = [=](PHANDLE handle, ACCESS_MASK access, POBJECT_ATTRIBUTES attributes,
+                             ULONG titleIndex, PUNICODE_STRING className, ULONG options, PULONG disposition) {
         noteOpen("create", attributes, access);
         note("as %d %wZ %d %p", titleIndex, className, options, disposition);
         return give(handle, openAnswer(key, attributes, access));
@@ -83,8 +83,8 @@ void answerFor(Key* key) {
         static_cast<TOKEN_USER*>(buffer)->User.Sid = const_cast<uint8_t*>(administrators.data());
         return TRUE;
     };
-    answer.RegGetKeySecurity = [=](HKEY handle, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR descriptor,
-                                   LPDWORD size) -> LSTATUS {
+    answer.RegGetKeySecurity = [=](HKEY handle, SECURITY_INFORMATION information,
+                                   PSECURITY_DESCRIPTOR descriptor, LPDWORD size) -> LSTATUS {
         note("get %Ix %d %d", numberOf(handle), information, *size);
         if (key->getSecurity != 0) return key->getSecurity;
         const DWORD room = *size;
@@ -93,7 +93,8 @@ void answerFor(Key* key) {
         memcpy(descriptor, key->stored.data(), *size);
         return 0;
     };
-    answer.RegSetKeySecurity = [=](HKEY handle, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR descriptor) {
+    answer.RegSetKeySecurity = [=](HKEY handle, SECURITY_INFORMATION information,
+                                   PSECURITY_DESCRIPTOR descriptor) {
         note("set %Ix %d", numberOf(handle), information);
         const uint8_t* const bytes = static_cast<const uint8_t*>(descriptor);
         if (information == REG_SEC_ALL) {
@@ -120,8 +121,8 @@ int openByName(uint32_t flags, DWORD* error, HANDLE from = root) {
 }
 
 std::string attemptFailed(const char* level, NTSTATUS status, const char* call = "ZwOpenKey") {
-    return text("%s _doOpenCreateKey: Native API call %s returned %#X for Some\\Key, access=0x20019", level, call,
-                status);
+    return text("%s _doOpenCreateKey: Native API call %s returned %#X for Some\\Key, access=0x20019", level,
+                call, status);
 }
 
 } /* namespace */
@@ -133,7 +134,8 @@ TEST_F(KeyOpen, OpenIfIsDecidedByTheFlagsAlone) {
     answerFor(&key);
     UNICODE_STRING name = counted(keyName);
     const UNICODE_STRING className = counted(keyClass);
-    for (const ULONG bits : {ULONG{OBJ_CASE_INSENSITIVE}, OBJ_CASE_INSENSITIVE | OBJ_OPENIF, ULONG{OBJ_OPENLINK}}) {
+    for (const ULONG bits :
+         {ULONG{OBJ_CASE_INSENSITIVE}, OBJ_CASE_INSENSITIVE | OBJ_OPENIF, ULONG{OBJ_OPENLINK}}) {
         const OBJECT_ATTRIBUTES attributes = {sizeof attributes, root, &name, bits, nullptr, nullptr};
         OBJECT_ATTRIBUTES same = attributes;
         HANDLE opened = nullptr;
@@ -141,15 +143,17 @@ TEST_F(KeyOpen, OpenIfIsDecidedByTheFlagsAlone) {
         void* saved = &secBuf;
         events.clear();
         EXPECT_EQ(regNtOpenKey(&opened, KEY_READ, &same, REG_CREATE), 0);
-        EXPECT_EQ(regNtOpenKeySaveSec(&opened, KEY_READ, &same, REG_CREATE | REG_NO_OPENIF, &secBuf, &saved), 0);
+        EXPECT_EQ(regNtOpenKeySaveSec(&opened, KEY_READ, &same, REG_CREATE | REG_NO_OPENIF, &secBuf, &saved),
+                  0);
         EXPECT_EQ(saved, nullptr);
         EXPECT_EQ(regNtCreateKey(&opened, KEY_READ, &same, 3, &className, REG_OPTION_CREATE_LINK, 0), 0);
         EXPECT_EQ(regNtCreateKey(&opened, KEY_READ, &same, 0, nullptr, 0, REG_NO_OPENIF), 0);
         const ULONG with = bits | OBJ_OPENIF;
         const ULONG without = bits & ~OBJ_OPENIF;
-        const Events expected = {text("open 99 Some\\Key 20019 %x", with),    text("open 99 Some\\Key 20019 %x", without),
-                                 text("create 99 Some\\Key 20019 %x", with),  "as 3 Cls 2 0x0",
-                                 text("create 99 Some\\Key 20019 %x", without), "as 0 (null) 0 0x0"};
+        const Events expected = {
+            text("open 99 Some\\Key 20019 %x", with),      text("open 99 Some\\Key 20019 %x", without),
+            text("create 99 Some\\Key 20019 %x", with),    "as 3 Cls 2 0x0",
+            text("create 99 Some\\Key 20019 %x", without), "as 0 (null) 0 0x0"};
         EXPECT_EQ(events, expected);
         EXPECT_EQ(memcmp(&attributes, &same, sizeof same), 0);
     }
@@ -182,10 +186,23 @@ TEST_F(KeyOpen, PredefinedRoots) {
          0,
          5,
          {machine,
-          "ERROR _regOpenPredefinedKey: Native API call ZwOpenKey returned 0XC0000022 for \\Registry\\Machine"}},
-        {0xFFFFFFFF80000001, 0, 0, 6, {"ERROR _regOpenPredefinedKey: Unrecognized handle 0xffffffff80000001"}},
-        {0xFFFFFFFF80000000, 0, 0, 6, {"ERROR _regOpenPredefinedKey: Unrecognized handle 0xffffffff80000000"}},
-        {0xFFFFFFFFFFFFFFFF, 0, 0, 6, {"ERROR _regOpenPredefinedKey: Unrecognized handle 0xffffffffffffffff"}},
+          "ERROR _regOpenPredefinedKey: Native API call ZwOpenKey returned 0XC0000022 for "
+          "\\Registry\\Machine"}},
+        {0xFFFFFFFF80000001,
+         0,
+         0,
+         6,
+         {"ERROR _regOpenPredefinedKey: Unrecognized handle 0xffffffff80000001"}},
+        {0xFFFFFFFF80000000,
+         0,
+         0,
+         6,
+         {"ERROR _regOpenPredefinedKey: Unrecognized handle 0xffffffff80000000"}},
+        {0xFFFFFFFFFFFFFFFF,
+         0,
+         0,
+         6,
+         {"ERROR _regOpenPredefinedKey: Unrecognized handle 0xffffffffffffffff"}},
         {0x80000002, 0, 0, 0, {"open 80000002 Some\\Key 20019 1c0"}},
         {0xFFFFFFFF7FFFFFFF, 0, 0, 0, {"open ffffffff7fffffff Some\\Key 20019 1c0"}},
     };
@@ -232,7 +249,8 @@ TEST_F(KeyOpen, LevelsAndCodesOfFailures) {
             DWORD error = 77;
             EXPECT_EQ(openByName(row.flags | create, &error), 0);
             EXPECT_EQ(error, row.error);
-            EXPECT_EQ(logLines(), Events{attemptFailed(row.level, row.status, create ? "ZwCreateKey" : "ZwOpenKey")});
+            EXPECT_EQ(logLines(),
+                      Events{attemptFailed(row.level, row.status, create ? "ZwCreateKey" : "ZwOpenKey")});
             EXPECT_EQ(openByName(row.flags | create, nullptr), 0);
         }
     }
@@ -244,7 +262,8 @@ TEST_F(KeyOpen, LevelsAndCodesOfFailures) {
     HANDLE opened = nullptr;
     EXPECT_EQ(regNtOpenKey(&opened, KEY_READ, &attributes, 0), STATUS_OBJECT_NAME_EXISTS);
     key.first = {denied};  // without a buffer a refusal stands
-    EXPECT_EQ(regNtOpenKeySaveSec(&opened, KEY_READ, &attributes, REG_TAKE_OWNERSHIP, nullptr, nullptr), denied);
+    EXPECT_EQ(regNtOpenKeySaveSec(&opened, KEY_READ, &attributes, REG_TAKE_OWNERSHIP, nullptr, nullptr),
+              denied);
 }
 
 /* The whole road of a refused open below a predefined root. */
@@ -292,7 +311,8 @@ TEST_F(KeyOpen, OutcomesOfTheRecovery) {
     const std::string unset = "ERROR regSetKeySec: Win API call RegSetKeySecurity returned 5";
     const std::string untaken = "ERROR regTakesOwnershipU: Win API call RegSetKeySecurity returned 1307";
     const auto refused = [](const char* access) {
-        return std::string("ERROR _doOpenCreateKey: Native API call ZwOpenKey returned 0XC0000022 for Some\\Key, ") +
+        return std::string(
+                   "ERROR _doOpenCreateKey: Native API call ZwOpenKey returned 0XC0000022 for Some\\Key, ") +
                "access=" + access;
     };
     const std::string again = refused("0x20019");
@@ -322,7 +342,13 @@ TEST_F(KeyOpen, OutcomesOfTheRecovery) {
          false,
          false,
          {shut, taking, atLast, lost}},
-        {"not read", [](Key* key) { key->getSecurity = 13; }, 0, givesBack, false, false, {unread, taking, atLast, lost}},
+        {"not read",
+         [](Key* key) { key->getSecurity = 13; },
+         0,
+         givesBack,
+         false,
+         false,
+         {unread, taking, atLast, lost}},
         {"refused again", [](Key*) {}, denied, givesBack, false, true, {taking, again}},
         {"refused again, to be handed over", [](Key*) {}, denied, saves, false, true, {taking, again}},
         {"refused again, not readable",
@@ -332,7 +358,13 @@ TEST_F(KeyOpen, OutcomesOfTheRecovery) {
          false,
          false,
          {shut, taking, again, lost}},
-        {"no way back", [](Key* key) { key->writeBack = denied; }, 0, givesBack, false, false, {taking, atLast, shut, lost}},
+        {"no way back",
+         [](Key* key) { key->writeBack = denied; },
+         0,
+         givesBack,
+         false,
+         false,
+         {taking, atLast, shut, lost}},
         {"not put back",
          [](Key* key) { key->setSecurity[REG_SEC_ALL] = 5; },
          0,
@@ -368,7 +400,14 @@ TEST_F(KeyOpen, OutcomesOfTheRecovery) {
          false,
          false,
          {taking, untaken, atLast}},
-        {"quiet", [](Key* key) { key->writeBack = denied; }, 0, givesBack, false, false, {atLast, shut, lost}, REG_QUIET},
+        {"quiet",
+         [](Key* key) { key->writeBack = denied; },
+         0,
+         givesBack,
+         false,
+         false,
+         {atLast, shut, lost},
+         REG_QUIET},
         {"quiet, refused again", [](Key*) {}, denied, givesBack, false, true, {again}, REG_QUIET},
         {"gone since",
          [](Key*) {},
@@ -387,12 +426,14 @@ TEST_F(KeyOpen, OutcomesOfTheRecovery) {
         row.spoil(&key);
         answerFor(&key);
         UNICODE_STRING name = counted(keyName);
-        const OBJECT_ATTRIBUTES attributes = {sizeof attributes, root, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr};
+        const OBJECT_ATTRIBUTES attributes = {sizeof attributes,    root,    &name,
+                                              OBJ_CASE_INSENSITIVE, nullptr, nullptr};
         HANDLE opened = nullptr;
         memBuf secBuf = {};
         void* saved = &secBuf;
-        const NTSTATUS status = regNtOpenKeySaveSec(&opened, KEY_READ, &attributes, REG_TAKE_OWNERSHIP | row.flags,
-                                                    &secBuf, row.saves ? &saved : nullptr);
+        const NTSTATUS status =
+            regNtOpenKeySaveSec(&opened, KEY_READ, &attributes, REG_TAKE_OWNERSHIP | row.flags, &secBuf,
+                                row.saves ? &saved : nullptr);
         EXPECT_EQ(status, row.second);
         if (row.saves) {
             EXPECT_EQ(saved, row.handedOver ? secBuf.data : nullptr);
@@ -445,8 +486,8 @@ TEST_F(KeyOpen, TakingOwnershipReportsEachCall) {
             return failWith(row.open);
         };
         const auto inner = answer.GetTokenInformation;
-        answer.GetTokenInformation = [&](HANDLE token, TOKEN_INFORMATION_CLASS infoClass, LPVOID buffer, DWORD size,
-                                         LPDWORD length) {
+        answer.GetTokenInformation = [&](HANDLE token, TOKEN_INFORMATION_CLASS infoClass, LPVOID buffer,
+                                         DWORD size, LPDWORD length) {
             inner(token, infoClass, buffer, size, length);
             *length = row.length;
             return row.query != 0 ? failWith(row.query) : TRUE;
@@ -469,7 +510,8 @@ TEST_F(KeyOpen, DescriptorsOfOpenKeys) {
         key.stored[2] = static_cast<uint8_t>(control);
         key.stored[3] = static_cast<uint8_t>(control >> 8);
         EXPECT_EQ(regCopyKeySec(fakeHandle(1), fakeHandle(2), &secBuf), 0u);
-        EXPECT_EQ(memcmp(secBuf.data, key.written.data(), key.stored.size()), 0) << "the caller's image shows it too";
+        EXPECT_EQ(memcmp(secBuf.data, key.written.data(), key.stored.size()), 0)
+            << "the caller's image shows it too";
         return key.written[2] | key.written[3] << 8;
     };
     EXPECT_EQ(controlAfter(0x8004), 0x8004);

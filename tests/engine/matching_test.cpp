@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <random>
 
 #include "sidchng/sid.h"
@@ -31,8 +32,9 @@ int replaceSlowly(Bytes* data, const Bytes& old, const Bytes& now, bool exact) {
         uint8_t* const place = data->data() + at;
         const size_t own = 8 + 4 * size_t{place[1]};
         const bool whole = place[1] >= old[1] && place[1] <= 15 && at + own <= data->size();
-        const bool matches = exact ? std::equal(old.begin(), old.end(), place)
-                                   : whole && place[0] == old[0] && std::equal(old.begin() + 2, old.end(), place + 2);
+        const bool matches =
+            exact ? std::equal(old.begin(), old.end(), place)
+                  : whole && place[0] == old[0] && std::equal(old.begin() + 2, old.end(), place + 2);
         if (!matches) {
             at++;
             continue;
@@ -147,14 +149,22 @@ TEST_F(Matching, SidsInData) {
          {bare, named, bare},
          newSid + account + newSid},
         {"anchors only", anchors, {}, {}, {}},
-        {"among anchors", anchors + oldSid + anchors, anchors + newSid + anchors, {bare}, anchors + newSid + anchors},
+        {"among anchors",
+         anchors + oldSid + anchors,
+         anchors + newSid + anchors,
+         {bare},
+         anchors + newSid + anchors},
         {"derived, whole", account, newAccount, {named}, {}},
         {"derived, past the end", Bytes(account.begin(), account.end() - 1), {}, {}, {}},
         {"15 sub-authorities", longest, longSid(newSid, 15), {line + "[15]..-0x0000000b"}, {}},
         {"16 sub-authorities", longSid(oldSid, 16), {}, {}, {}},
         {"count too low", with(oldSid, 1, 3) + anchors, {}, {}, {}},
         {"revision", with(oldSid, 0, 2) + anchors, {}, {}, {}},
-        {"stepping over", inside, insideNew, {line + "[5]..-0x00000401"}, Bytes(inside.begin(), inside.begin() + 24) + newSid},
+        {"stepping over",
+         inside,
+         insideNew,
+         {line + "[5]..-0x00000401"},
+         Bytes(inside.begin(), inside.begin() + 24) + newSid},
     };
     for (const auto& row : rows) {
         for (const bool exact : {false, true}) {
@@ -163,8 +173,8 @@ TEST_F(Matching, SidsInData) {
             Bytes data = row.data;
             data.shrink_to_fit();
             const Bytes& expected = exact ? row.exact : row.prefix;
-            const int patched = sidReplaceInData(data.data(), static_cast<uint32_t>(data.size()), oldSid.data(),
-                                                 newSid.data(), 24, exact);
+            const int patched = sidReplaceInData(data.data(), static_cast<uint32_t>(data.size()),
+                                                 oldSid.data(), newSid.data(), 24, exact);
             EXPECT_EQ(patched, expected.empty() ? 0 : 1);
             EXPECT_EQ(data, expected.empty() ? row.data : expected);
             EXPECT_EQ(events, exact ? Events{} : row.lines);
@@ -189,8 +199,8 @@ TEST_F(Matching, RandomDataAsTheSlowSearchHasIt) {
         Bytes data = before;
         data.shrink_to_fit();
         events.clear();
-        const int result = sidReplaceInData(data.data(), static_cast<uint32_t>(data.size()), old.data(), now.data(),
-                                            static_cast<uint32_t>(old.size()), exact);
+        const int result = sidReplaceInData(data.data(), static_cast<uint32_t>(data.size()), old.data(),
+                                            now.data(), static_cast<uint32_t>(old.size()), exact);
         ASSERT_EQ(data, expected) << "round " << round;
         ASSERT_EQ(result, patched > 0 ? 1 : 0) << "round " << round;
         ASSERT_EQ(events.size(), exact ? 0u : static_cast<size_t>(patched)) << "round " << round;
@@ -211,11 +221,12 @@ struct Renaming {
     int changed = 0;
     UNICODE_STRING result = {};
 
-    Renaming(const std::u16string& name, size_t bytes, const std::u16string& newText, int exact, memBuf* buffer) {
-        std::vector<char> block(bytes);
-        memcpy(block.data(), name.data(), bytes);
+    Renaming(const std::u16string& name, size_t bytes, const std::u16string& newText, int exact,
+             memBuf* buffer) {
+        const std::unique_ptr<char[]> block(new char[bytes]);
+        memcpy(block.get(), name.data(), bytes);
         const UNICODE_STRING given = {static_cast<USHORT>(bytes), static_cast<USHORT>(bytes),
-                                      reinterpret_cast<WCHAR*>(block.data())};
+                                      reinterpret_cast<WCHAR*>(block.get())};
         const UNICODE_STRING oldCounted = counted(head);
         const UNICODE_STRING newCounted = counted(newText);
         error = sidReplaceInName(&given, &result, &oldCounted, &newCounted, exact, &changed, buffer);
@@ -274,9 +285,12 @@ TEST_F(Matching, NamesOfOddAndOfGreatLength) {
         size_t result; /* bytes; 0: left alone */
         bool warned;
     } rows[] = {
-        {2 * head.size() + 1, longer, 0, false}, {2 * head.size() + 3, longer, 2 * longer.size() + 3, false},
-        {65528, longer, 65534, false},           {65529, longer, 65535, false},
-        {65530, longer, 0, true},                {65535, longer, 0, true},
+        {2 * head.size() + 1, longer, 0, false},
+        {2 * head.size() + 3, longer, 2 * longer.size() + 3, false},
+        {65528, longer, 65534, false},
+        {65529, longer, 65535, false},
+        {65530, longer, 0, true},
+        {65535, longer, 0, true},
         {65535, shorter, 65523, false},
     };
     ASSERT_EQ(2 * (longer.size() - head.size()), 6u);

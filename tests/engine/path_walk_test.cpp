@@ -30,8 +30,8 @@ protected:
 
     void SetUp() override {
         Scripted::SetUp();
-        answer.GetFileSecurityW = [this](LPCWSTR path, SECURITY_INFORMATION, PSECURITY_DESCRIPTOR descriptor, DWORD,
-                                         LPDWORD) {
+        answer.GetFileSecurityW = [this](LPCWSTR path, SECURITY_INFORMATION, PSECURITY_DESCRIPTOR descriptor,
+                                         DWORD, LPDWORD) {
             note("%ws", path);
             if (readError != 0) return failWith(readError);
             const Bytes bytes = image({administrators, administrators});
@@ -134,7 +134,8 @@ TEST_F(PathWalk, StartPathsThatCannotBeTreated) {
             const bool silent = (flags & SID_OPTIONAL) != 0 && each != 5;
             EXPECT_EQ(walk(u"c:\\gone\\", flags), silent ? 0 : each);
             const Events reported = {
-                text("ERROR sidReplaceInPath: Win API call GetFileAttributes returned %d for \\\\?\\c:\\gone", each)};
+                text("ERROR sidReplaceInPath: Win API call GetFileAttributes returned %d for \\\\?\\c:\\gone",
+                     each)};
             EXPECT_EQ(events, silent ? Events{} : reported);
         }
     }
@@ -149,18 +150,20 @@ TEST_F(PathWalk, StartPathsThatCannotBeTreated) {
 }
 
 TEST_F(PathWalk, WholeTreeInOrder) {
-    tree[u"\\\\?\\c:"] = {{u".", directory},  {u"..", directory},
-                          {u"a", directory},  {u"...", file},
-                          {u".x", directory}, {u"link", directory | FILE_ATTRIBUTE_REPARSE_POINT},
+    tree[u"\\\\?\\c:"] = {{u".", directory},    {u"..", directory},
+                          {u"a", directory},    {u"...", file},
+                          {u".x", directory},   {u"link", directory | FILE_ATTRIBUTE_REPARSE_POINT},
                           {u"shut", directory}, {u"b", file}};
     tree[u"\\\\?\\c:\\a"] = {{u"1", file}, {u"empty", directory}, {u"2", file}};
     tree[u"\\\\?\\c:\\a\\empty"] = {{u".", directory}, {u"..", directory}};
     tree[u"\\\\?\\c:\\.x"] = {{u"y", file}};
     tree[u"\\\\?\\c:\\link"] = {{u"never", file}};
     const std::string shut =
-        "WARN sidReplaceInPathImpl: Win API call FindFirstFile returned 5 for \\\\?\\c:\\shut\\*.*, attr=0x10";
+        "WARN sidReplaceInPathImpl: Win API call FindFirstFile returned 5 for \\\\?\\c:\\shut\\*.*, "
+        "attr=0x10";
     Events expected;
-    for (const char* path : {"", "\\a", "\\a\\1", "\\a\\empty", "\\a\\2", "\\...", "\\.x", "\\.x\\y", "\\link", "\\shut"})
+    for (const char* path :
+         {"", "\\a", "\\a\\1", "\\a\\empty", "\\a\\2", "\\...", "\\.x", "\\.x\\y", "\\link", "\\shut"})
         expected.push_back(std::string("\\\\?\\c:") + path);
     expected.push_back(shut);
     expected.push_back("\\\\?\\c:\\b");

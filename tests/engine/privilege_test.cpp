@@ -20,7 +20,8 @@ const char opened[] = "OpenProcessToken 20";
 const char lookedUp[] = "LookupPrivilegeValueW SeBackupPrivilege";
 const char adjusted[] = "AdjustTokenPrivileges 70 0: 1 privilege 17 is 2, 16 bytes";
 const char closed[] = "CloseHandle 70";
-const char adjustFailed[] = "ERROR ombraModifyPrivilege: Win API call AdjustTokenPrivileges returned %d for SeBackupPrivilege";
+const char adjustFailed[] =
+    "ERROR ombraModifyPrivilege: Win API call AdjustTokenPrivileges returned %d for SeBackupPrivilege";
 
 const Row rows[] = {
     {"enabled", 0, 0, TRUE, 0, 0, {opened, lookedUp, adjusted, closed}},
@@ -33,8 +34,15 @@ const Row rows[] = {
      0,
      1313,
      {opened, lookedUp,
-      "ERROR ombraModifyPrivilege: Win API call LookupPrivilegeValue returned 1313 for SeBackupPrivilege", closed}},
-    {"no token", 5, 0, TRUE, 0, 5, {opened, "ERROR ombraModifyPrivilege: Win API call OpenProcessToken returned 5"}},
+      "ERROR ombraModifyPrivilege: Win API call LookupPrivilegeValue returned 1313 for SeBackupPrivilege",
+      closed}},
+    {"no token",
+     5,
+     0,
+     TRUE,
+     0,
+     5,
+     {opened, "ERROR ombraModifyPrivilege: Win API call OpenProcessToken returned 5"}},
 };
 
 } /* namespace */

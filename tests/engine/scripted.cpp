@@ -18,17 +18,17 @@ int allocationsLeft = -1;
 
 extern "C" {
 
-#define SCRIPTED(result, name, parameters, arguments)              \
-    result __wrap_##name parameters {                              \
-        if (answer.name) return answer.name arguments;             \
-        ADD_FAILURE() << "no answer for " #name;                   \
+#define SCRIPTED(result, name, parameters, arguments)               \
+    result __wrap_##name parameters {                               \
+        if (answer.name) return answer.name arguments;              \
+        ADD_FAILURE() << "no answer for " #name;                    \
         return static_cast<result>(0); /* FALSE, success or null */ \
     }
-#define PASSED_ON(result, name, parameters, arguments)                                \
-    result __real_##name parameters;                                                  \
-    result __wrap_##name parameters {                                                 \
+#define PASSED_ON(result, name, parameters, arguments)                                    \
+    result __real_##name parameters;                                                      \
+    result __wrap_##name parameters {                                                     \
         if (refusal.call == #name && refusal.after-- == 0) return failWith(refusal.code); \
-        return __real_##name arguments;                                               \
+        return __real_##name arguments;                                                   \
     }
 #include "tests/engine/scripted_calls.h"
 

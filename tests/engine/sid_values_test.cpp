@@ -60,7 +60,8 @@ const char probing[] = "RegQueryValueExW 51 V 0";
 const char closing[] = "RegCloseKey 51";
 const char badData[] = "ERROR sidGetMachineSID: SAM data is invalid";
 const char badSid[] = "ERROR sidGetMachineSID: Machine SID is invalid";
-const char failed[] = "ERROR sidGetMachineSID: Win API call RegQueryValueEx returned %d for Domains\\Account\\V";
+const char failed[] =
+    "ERROR sidGetMachineSID: Win API call RegQueryValueEx returned %d for Domains\\Account\\V";
 
 } /* namespace */
 

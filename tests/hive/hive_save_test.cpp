@@ -11,15 +11,15 @@ namespace {
 long allocationsLeft = -1;
 } /* namespace */
 
-void* operator new(size_t size) {
+[[gnu::noinline]] void* operator new(size_t size) {
     if (allocationsLeft >= 0 && allocationsLeft-- == 0) throw std::bad_alloc();
     if (void* const block = malloc(size)) return block;
     throw std::bad_alloc();
 }
-void operator delete(void* block) noexcept {
+[[gnu::noinline]] void operator delete(void* block) noexcept {
     free(block);
 }
-void operator delete(void* block, size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* block, size_t) noexcept {
     free(block);
 }
 

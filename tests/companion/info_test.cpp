@@ -1,0 +1,145 @@
+/* Looking at systems that are broken in some way: what can be seen is shown, and nothing is written. */
+#include <cstring>
+
+#include "tests/companion/program.h"
+
+namespace {
+
+struct Info : ProgramTest {
+    std::string image;
+
+    void SetUp() override {
+        image = path("a.img");
+        ASSERT_EQ(quilletOffline({"sample", "a.img", "--machine", practiceSid, "--files", "0"}).status, 0);
+    }
+
+    /* Looks at the image, which must be left as it is. */
+    Outcome look() const {
+        const std::string before = contentsOf(image);
+        Outcome outcome = quilletOffline({"info", "a.img"});
+        EXPECT_EQ(contentsOf(image), before);
+        return outcome;
+    }
+};
+
+/* The line of the output that ends in or contains a text. */
+std::string lineWith(const std::string& out, const std::string& text) {
+    const size_t at = out.find(text);
+    if (at == std::string::npos) return "";
+    const size_t start = out.rfind('\n', at) + 1;
+    return out.substr(start, out.find('\n', at) - start);
+}
+
+TEST_F(Info, RefusesWhatIsNoDisk) {
+    writeFile(path("empty"), "");
+    writeFile(path("text"), std::string(100000, 'x'));
+    for (const std::string name : {"missing", ".", "empty", "text", "/dev/null"}) {
+        for (const std::vector<std::string>& arguments :
+             std::vector<std::vector<std::string>>{{"info", name}, {"info", "a.img", name}}) {
+            const Outcome outcome = quilletOffline(arguments);
+            EXPECT_EQ(outcome.status, 2) << name;
+            EXPECT_TRUE(isOneLine(outcome.err)) << outcome.err;
+            EXPECT_NE(outcome.err.find(name), std::string::npos) << outcome.err;
+            EXPECT_EQ(outcome.out.find(practiceSid) != std::string::npos, arguments.size() == 3);
+        }
+    }
+}
+
+TEST_F(Info, ShowsTheRestBesideABrokenHive) {
+    OpenImage open(image, offline::DiskAccess::readWrite);
+    open.write(configDirectory + u"SECURITY", 0, {'x'});     /* no hive at all */
+    open.write(configDirectory + u"SOFTWARE", 4096, {'x'});  /* no bins */
+    open.write(u"Users\\bob\\NTUSER.DAT", 4096 + 32, {'x'}); /* no cells */
+    open.close();
+    const Outcome outcome = look();
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 3) << outcome.err;
+    for (const std::string name : {"config\\SECURITY", "config\\SOFTWARE", "bob\\NTUSER.DAT"}) {
+        EXPECT_NE(lineWith(outcome.out, name).find("damaged"), std::string::npos) << outcome.out;
+        EXPECT_NE(outcome.err.find(name), std::string::npos) << outcome.err;
+    }
+    for (const std::string name : {"config\\SAM", "config\\SYSTEM", "alice\\NTUSER.DAT"}) {
+        EXPECT_NE(lineWith(outcome.out, name).find("clean"), std::string::npos) << outcome.out;
+    }
+    EXPECT_NE(outcome.out.find("machine SID " + practiceSid), std::string::npos);
+}
+
+TEST_F(Info, TellsDirtyHivesAndMissingOnes) {
+    OpenImage open(image, offline::DiskAccess::readWrite);
+    const std::u16string sam = configDirectory + u"SAM";
+    std::vector<uint8_t> base = open.read(sam);
+    base.resize(512);
+    base[4]++; /* the primary sequence number, and what it changes in the checksum */
+    base[508] = static_cast<uint8_t>(base[508] ^ base[4] ^ static_cast<uint8_t>(base[4] - 1));
+    open.write(sam, 0, base);
+    open.close();
+    const Outcome outcome = look();
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_TRUE(isOneLine(outcome.err)) << outcome.err;
+    EXPECT_NE(lineWith(outcome.out, "config\\SAM").find("dirty"), std::string::npos) << outcome.out;
+    EXPECT_NE(lineWith(outcome.out, "machine SID").find("unknown"), std::string::npos) << outcome.out;
+    EXPECT_NE(lineWith(outcome.out, "Users\\gone").find("missing"), std::string::npos) << outcome.out;
+}
+
+/* The account value with offsets and lengths that lead out of it, or to something else. */
+TEST_F(Info, BelievesNoOffsetInTheAccounts) {
+    const std::u16string sam = configDirectory + u"SAM";
+    const std::vector<uint8_t> original = OpenImage(image).read(sam);
+    const uint8_t sid[] = {1, 4, 0, 0, 0, 0, 0, 5, 21, 0, 0, 0, 0x57, 4, 0, 0};
+    const auto found = std::search(original.begin(), original.end(), std::begin(sid), std::end(sid));
+    ASSERT_NE(found, original.end());
+    /* the header lies before the descriptor, whose size is the SID's offset */
+    const auto place = static_cast<size_t>(found - original.begin());
+    size_t header = 0;
+    for (size_t at = place - 48; at > 4096 && header == 0; at -= 4) {
+        uint32_t offset, length;
+        memcpy(&offset, &original[at + 12], 4);
+        memcpy(&length, &original[at + 16], 4);
+        if (length == 24 && at + 48 + offset == place) header = at;
+    }
+    ASSERT_NE(header, 0u);
+    for (const auto& [at, number] : {std::pair<size_t, uint32_t>{header + 12, 0xFFFFFFF0},
+                                     {header + 12, 0x100000},
+                                     {header + 12, 0},
+                                     {header + 16, 0xFFFFFFFF},
+                                     {header + 16, 28},
+                                     {place, 0x0F01}}) {
+        std::vector<uint8_t> bytes = original;
+        memcpy(&bytes[at], &number, sizeof number);
+        OpenImage open(image, offline::DiskAccess::readWrite);
+        open.write(sam, 0, bytes);
+        open.close();
+        const Outcome outcome = look();
+        EXPECT_EQ(outcome.status, 2);
+        EXPECT_TRUE(isOneLine(outcome.err)) << outcome.err;
+        EXPECT_NE(lineWith(outcome.out, "machine SID").find("unknown"), std::string::npos) << outcome.out;
+    }
+}
+
+TEST_F(Info, ShowsARefusedVolumeOfADisk) {
+    {
+        OpenImage open(image, offline::DiskAccess::readWrite);
+        open.write(u"Windows\\win.ini", 0, {'x'}); /* and never closed: it stays marked dirty */
+    }
+    const Outcome outcome = look();
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_TRUE(isOneLine(outcome.err)) << outcome.err;
+    EXPECT_NE(lineWith(outcome.out, "volume").find("can't be used"), std::string::npos) << outcome.out;
+    EXPECT_NE(lineWith(outcome.out, "disk").find("a.img"), std::string::npos) << outcome.out;
+}
+
+TEST_F(Info, WritesJson) {
+    const Outcome outcome = quilletOffline({"info", "--json", "a.img", "missing\n\"one\""});
+    EXPECT_EQ(outcome.status, 2);
+    for (const std::string part :
+         {"{\"disks\":[{\"path\":\"a.img\",\"size\":", "\"machineSid\":\"S-1-5-21-1111-2222-3333\"",
+          "{\"path\":\"C:\\\\Windows\\\\System32\\\\config\\\\SAM\",\"state\":\"clean\",",
+          "\"problems\":[\"missing\\u000a\\\"one\\\""}) {
+        EXPECT_NE(outcome.out.find(part), std::string::npos) << part << "\n" << outcome.out;
+    }
+    writeFile(path("out.json"), outcome.out);
+    if (start("python3", {"--version"}).status != 0) GTEST_SKIP() << "no python3 to parse it";
+    EXPECT_EQ(start("python3", {"-m", "json.tool", "out.json"}).status, 0);
+}
+
+} /* namespace */
