@@ -23,8 +23,10 @@ struct Outcome {
 };
 
 inline std::string contentsOf(const std::filesystem::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    std::ifstream file(path, std::ios::binary | std::ios::ate);
+    std::string contents(static_cast<size_t>(file.tellg()), '\0');
+    file.seekg(0).read(contents.data(), static_cast<std::streamsize>(contents.size()));
+    return contents;
 }
 
 inline void writeFile(const std::filesystem::path& path, const std::string& contents) {
@@ -117,6 +119,7 @@ struct OpenImage {
     void close() {
         EXPECT_GE(offline::volumeClose(std::move(volume)), 0);
         EXPECT_GE(offline::diskSync(*disk), 0);
+        disk.reset();
     }
 };
 

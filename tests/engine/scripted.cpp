@@ -92,6 +92,16 @@ Events logLines() {
     return lines;
 }
 
+std::string shortened(const Legend& legend, const Events& all) {
+    std::string line;
+    for (const std::string& event : all) line += (line.empty() ? "" : ", ") + event;
+    for (const auto& [from, to] : legend) {
+        for (size_t at = 0; (at = line.find(from, at)) != std::string::npos; at += to.size())
+            line.replace(at, from.size(), to);
+    }
+    return line;
+}
+
 /* Each operation reports from its own source unit. */
 static const std::map<std::string, std::string> _units = {
     {"ombraMalloc", "common/memory"},

@@ -38,6 +38,10 @@ void note(const char* format, ...);
 std::string text(const char* format, ...); /* with the log hook's directives */
 Events logLines();                         /* of the events, the log lines */
 
+/* The events on one line, separated by ", ", with these texts replaced by shorter ones, in this order. */
+using Legend = std::vector<std::pair<std::string, std::string>>;
+std::string shortened(const Legend& legend, const Events& all = events);
+
 /* How many allocations of the system proper succeed before one fails; below 0: all. */
 extern int allocationsLeft;
 
@@ -52,18 +56,6 @@ class Scripted : public testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override;
-};
-
-/* Gives its results one by one; the one behind the last is a failure of the test. */
-template <typename Result>
-struct Queue {
-    std::vector<Result> results;
-    size_t next = 0;
-    Result take() {
-        if (next < results.size()) return results[next++];
-        ADD_FAILURE() << "a call too many, after " << next;
-        return Result{};
-    }
 };
 
 /* ---- SIDs and descriptors ---- */

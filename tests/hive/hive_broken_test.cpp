@@ -40,6 +40,7 @@ struct Fault {
 const Fault faults[] = {
     {"names another place", [](Forgery& f, Cell, Cell) { f.file[pageSize + bin::place.at] = 8; }},
     {"the bin at 0x0 has an impossible", [](Forgery& f, Cell, Cell) { f.file[pageSize + bin::size.at] = 8; }},
+    {"impossible size", [](Forgery& f, Cell k, Cell) { f.place(k, 0 - size_t{cellHeader}, 0xFF000000); }},
     {"impossible size", [](Forgery& f, Cell k, Cell) { f.place(k, 0 - size_t{cellHeader}, 0xFFFFFFF4); }},
     {"impossible size", [](Forgery& f, Cell k, Cell) { f.place(k, 0 - size_t{cellHeader}, 0x80000000); }},
     {"impossible size", [](Forgery& f, Cell k, Cell) { f.place(k, 0 - size_t{cellHeader}, 0); }},
@@ -55,6 +56,12 @@ const Fault faults[] = {
     {"has no name", [](Forgery& f, Cell k, Cell) { set(f.cell(k), nk::nameLength, 0); }},
     {"backslash", [](Forgery& f, Cell k, Cell) { f.cell(k)[nk::name] = '\\'; }},
     {"out of order", [](Forgery& f, Cell k, Cell) { f.cell(k)[nk::name] = 'A'; }},
+    {"there twice", /* in other letters, with its hash */
+     [](Forgery& f, Cell k, Cell) {
+         const Cell list = f.field(f.field(k, nk::parent), nk::subkeyList);
+         memcpy(f.cell(k).data() + nk::name, "MANY", 4);
+         f.place(list, list::entries + 12, f.placeAt(list, list::entries + 20));
+     }},
     {"wrong hash", [](Forgery& f, Cell k, Cell) { f.cell(k)[nk::name + 1] = 'a'; }},
     {"another parent", [](Forgery& f, Cell k, Cell o) { set(f.cell(k), nk::parent, o); }},
     {"is used twice",
@@ -115,6 +122,32 @@ TEST(Broken, EachFaultIsRefusedWithItsText) {
         EXPECT_EQ(none, nullptr);
         EXPECT_NE(problem.text.find(fault.text), std::string::npos) << fault.text << " / " << problem.text;
     }
+}
+
+TEST(Broken, TooDeepAChainIsRefused) {
+    const HivePtr hive = newHive(5);
+    Cell ends[2];
+    Cell second = noCell;
+    for (const size_t chain : {0, 1}) {
+        Cell key = hiveRoot(*hive);
+        for (size_t depth = 0; depth < 257; depth++) {
+            const std::u16string name(1, static_cast<char16_t>(u'a' + chain));
+            ASSERT_EQ(hiveCreateSubkey(*hive, key, name, {}, someDescriptor(1), 0, 1, key), STATUS_SUCCESS);
+            if (depth == 0) second = key;
+        }
+        ends[chain] = key;
+    }
+    /* What hangs below the head of the second chain is hung below the end of the first. */
+    Forgery forged{hiveImage(*hive)};
+    const Cell list = forged.field(second, nk::subkeyList);
+    set(forged.cell(second), nk::subkeyCount, 0);
+    set(forged.cell(ends[0]), nk::subkeyCount, 1);
+    set(forged.cell(ends[0]), nk::subkeyList, list);
+    set(forged.cell(forged.placeAt(list, list::entries)), nk::parent, ends[0]);
+    HivePtr deep;
+    Problem problem;
+    EXPECT_EQ(hiveOpen(forged.file, deep, problem), STATUS_REGISTRY_CORRUPT);
+    EXPECT_NE(problem.text.find("lies too deep"), std::string::npos) << problem.text;
 }
 
 TEST(Broken, BaseBlockTellsWhatAFileIs) {

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include "platform/offline/base/text.h"
 #include "tests/hive/check.h"
@@ -18,14 +19,25 @@ Cell made(Hive& hive, Cell parent, std::u16string_view name, uint32_t descriptor
     return child;
 }
 
+std::u16string nameOf(const Hive& hive, Cell key) {
+    char16_t name[longestKeyName];
+    return {name, hiveKeyName(hive, key, name)};
+}
+
 std::vector<std::u16string> childNames(const Hive& hive, Cell key) {
     std::vector<std::u16string> names;
     Cell child = noCell;
     for (uint32_t i = 0; hiveSubkey(hive, key, i, child) == STATUS_SUCCESS; i++) {
-        char16_t name[longestKeyName];
-        names.emplace_back(name, hiveKeyName(hive, child, name));
+        names.push_back(nameOf(hive, child));
     }
     return names;
+}
+
+/* The two letters with which the list of a key's subkeys begins. */
+std::string listKind(const Bytes& file, Cell key) {
+    uint32_t list = 0;
+    memcpy(&list, file.data() + 4100 + key + 28, sizeof list);
+    return {file.begin() + 4100 + list, file.begin() + 4102 + list};
 }
 
 std::u16string digits(size_t number) {
@@ -98,13 +110,34 @@ TEST_P(Versions, FiveThousandChildrenComeAndGo) {
         Cell child = noCell;
         ASSERT_EQ(hiveFindSubkey(*hive, root, names.back(), child), STATUS_SUCCESS);
         ASSERT_EQ(hiveDeleteKey(*hive, child, 8), STATUS_SUCCESS);
+        ASSERT_EQ(hiveDeleteKey(*hive, child, 8), STATUS_REGISTRY_CORRUPT);
         ASSERT_EQ(hiveFindSubkey(*hive, root, names.back(), child), STATUS_OBJECT_NAME_NOT_FOUND);
+        std::erase(sorted, names.back());
+        const size_t middle = sorted.size() / 2;
+        if (!sorted.empty()) {
+            ASSERT_EQ(hiveSubkey(*hive, root, static_cast<uint32_t>(middle), child), STATUS_SUCCESS);
+            ASSERT_EQ(nameOf(*hive, child), sorted[middle]);
+        }
         names.pop_back();
+        if (names.size() == 200) {
+            ASSERT_EQ(listKind(hiveImage(*hive), root).find("ri"), std::string::npos)
+                << "short leaves are joined";
+        }
         if (names.size() % 700 == 0) {
             ASSERT_EQ(faultOf(hiveImage(*hive)), "");
         }
     }
     EXPECT_EQ(contentOf(*hive, root), contentOf(*newHive(3), hiveRoot(*newHive(3))));
+}
+
+TEST_P(Versions, FullLeafIsSplitWhereverTheNewKeyGoes) {
+    for (const size_t place : {size_t{0}, size_t{504}, size_t{505}, size_t{506}, size_t{507}, size_t{1011}}) {
+        const HivePtr hive = newHive(GetParam());
+        for (size_t i = 0; i < 1012; i++) made(*hive, hiveRoot(*hive), digits(10000 + i));
+        made(*hive, hiveRoot(*hive), digits(10000 + place) + u"a");
+        ASSERT_EQ(faultOf(hiveImage(*hive)), "") << place;
+        EXPECT_EQ(childNames(*hive, hiveRoot(*hive))[place + 1], digits(10000 + place) + u"a");
+    }
 }
 
 TEST(Names, FoldAndKeepTheirLetters) {
@@ -120,7 +153,7 @@ TEST(Names, FoldAndKeepTheirLetters) {
         for (char16_t& unit : other) unit = upcase(unit);
         Cell child = noCell;
         ASSERT_EQ(hiveFindSubkey(*hive, root, other, child), STATUS_SUCCESS);
-        EXPECT_EQ(contentOf(*hive, child).name, name);
+        EXPECT_EQ(nameOf(*hive, child), name);
         EXPECT_EQ(hiveCreateSubkey(*hive, root, other, {}, someDescriptor(1), 0, 7, child),
                   STATUS_OBJECT_NAME_COLLISION);
         EXPECT_EQ(hiveSetValue(*hive, root, name, 1, Bytes(8, 1), 7), STATUS_SUCCESS);

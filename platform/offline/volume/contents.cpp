@@ -7,6 +7,7 @@
 namespace offline {
 namespace {
 
+constexpr uint32_t fileAttributeEncrypted = 0x4000;
 constexpr size_t chunk = 1024 * 1024; /* bytes; one call of the library */
 
 struct DataCloser {
@@ -20,7 +21,7 @@ NTSTATUS openData(Inode& inode, FileRef file, DataPtr& data) {
     NTSTATUS status = inode.open(file);
     if (status < 0) return status;
     if (inode.isDirectory()) return STATUS_ACCESS_DENIED;
-    if ((inode.inode->flags & (ntfs3g::FILE_ATTR_REPARSE_POINT | ntfs3g::FILE_ATTR_ENCRYPTED)) != 0) {
+    if ((inode.attributes() & (FILE_ATTRIBUTE_REPARSE_POINT | fileAttributeEncrypted)) != 0) {
         return STATUS_NOT_SUPPORTED;
     }
     errno = 0;
@@ -28,10 +29,11 @@ NTSTATUS openData(Inode& inode, FileRef file, DataPtr& data) {
     return data != nullptr ? STATUS_SUCCESS : libraryStatus(inode.volume, errno);
 }
 
-NTSTATUS readData(const Volume& volume, ntfs3g::ntfs_attr* data, std::span<uint8_t> bytes) {
+NTSTATUS readData(Volume& volume, ntfs3g::ntfs_attr* data, std::span<uint8_t> bytes) {
     for (size_t place = 0; place < bytes.size();) {
         size_t count = std::min(chunk, bytes.size() - place);
         errno = 0;
+        allowReads(volume, readsOfACall);
         int64_t done = ntfs3g::ntfs_attr_pread(data, static_cast<int64_t>(place), static_cast<int64_t>(count),
                                                bytes.data() + place);
         if (done <= 0) return libraryStatus(volume, errno);
@@ -40,10 +42,11 @@ NTSTATUS readData(const Volume& volume, ntfs3g::ntfs_attr* data, std::span<uint8
     return STATUS_SUCCESS;
 }
 
-NTSTATUS writeData(const Volume& volume, ntfs3g::ntfs_attr* data, uint64_t offset, Bytes bytes) {
+NTSTATUS writeData(Volume& volume, ntfs3g::ntfs_attr* data, uint64_t offset, Bytes bytes) {
     while (!bytes.empty()) {
         size_t count = std::min(chunk, bytes.size());
         errno = 0;
+        allowReads(volume, readsOfACall);
         int64_t done = ntfs3g::ntfs_attr_pwrite(data, static_cast<int64_t>(offset),
                                                 static_cast<int64_t>(count), bytes.data());
         if (done <= 0) return libraryStatus(volume, errno);

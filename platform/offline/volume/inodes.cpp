@@ -26,6 +26,7 @@ NTSTATUS Inode::open(FileRef file) {
     NTSTATUS status = close();
     if (status < 0) return status;
     volume.device.failed = false;
+    allowReads(volume, readsOfACall);
     errno = 0;
     inode = ntfs3g::ntfs_inode_open(volume.ntfs, file);
     return inode != nullptr ? STATUS_SUCCESS : libraryStatus(volume, errno);
@@ -35,6 +36,7 @@ NTSTATUS Inode::close() {
     if (inode == nullptr) return STATUS_SUCCESS;
     ntfs3g::ntfs_inode* closing = inode;
     inode = nullptr;
+    allowReads(volume, readsOfACall);
     if (ntfs3g::ntfs_inode_close(closing) == 0) return STATUS_SUCCESS;
     volume.failed = true;
     return libraryStatus(volume, errno);
@@ -44,6 +46,7 @@ NTSTATUS Inode::closeIn(Inode& directory) {
     if (inode == nullptr) return STATUS_SUCCESS;
     ntfs3g::ntfs_inode* closing = inode;
     inode = nullptr;
+    allowReads(volume, readsOfACall);
     if (ntfs3g::ntfs_inode_close_in_dir(closing, directory.inode) == 0) return STATUS_SUCCESS;
     volume.failed = true;
     return libraryStatus(volume, errno);

@@ -7,9 +7,6 @@
 namespace offline {
 namespace {
 
-/* What a look-up or a listing may read at most: any sound index is far below it. */
-constexpr uint64_t readsPerLookUp = 10'000;
-
 struct Listing {
     const Volume& volume;
     DirectoryListing& result;
@@ -58,13 +55,14 @@ void sortEntries(const Volume& volume, DirectoryListing& listing) {
 }
 
 NTSTATUS lookUpAs(Volume& volume, Inode& directory, std::u16string_view name, bool exact, FileRef& file) {
-    ReadLimit limit(volume.device, readsPerLookUp);
+    allowReads(volume, readsOfALookUp);
     if (!exact) NVolClearCaseSensitive(volume.ntfs);
     errno = 0;
     uint64_t found =
         ntfs3g::ntfs_inode_lookup_by_name(directory.inode, libraryName(name), static_cast<int>(name.size()));
     int error = errno;
     NVolSetCaseSensitive(volume.ntfs);
+    allowReads(volume, readsOfACall);
     if (found == UINT64_MAX)
         return error == ENOENT ? STATUS_OBJECT_NAME_NOT_FOUND : libraryStatus(volume, error);
     file = found;

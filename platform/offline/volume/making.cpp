@@ -148,7 +148,7 @@ NTSTATUS volumeSetAttributes(Volume& volume, FileRef file, uint32_t attributes) 
         Inode inode(volume);
         status = inode.open(file);
         if (status < 0) return status;
-        uint32_t kept = inode.inode->flags & ~settableAttributes;
+        uint32_t kept = inode.attributes() & ~settableAttributes;
         inode.inode->flags = static_cast<ntfs3g::FILE_ATTR_FLAGS>(kept | (attributes & settableAttributes));
         NInoFileNameSetDirty(inode.inode);
         ntfs3g::ntfs_inode_update_times(inode.inode, ntfs3g::NTFS_UPDATE_CTIME);

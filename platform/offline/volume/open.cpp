@@ -49,6 +49,7 @@ NTSTATUS refuseMount(const Volume& volume, int error, Problem& problem) {
 }
 
 NTSTATUS mount(Volume& volume, Problem& problem) {
+    allowReads(volume, readsOfACall);
     ntfs3g::ntfs_log_set_handler(ntfs3g::ntfs_log_handler_null);
     ntfs3g::ntfs_device* device =
         ntfs3g::ntfs_device_alloc(volume.name.c_str(), 0, &volumeDeviceOperations, &volume.device);
@@ -159,6 +160,7 @@ NTSTATUS beginChange(Volume& volume) {
     }
     if (volume.marked) return STATUS_SUCCESS;
     volume.device.mayWrite = true;
+    allowReads(volume, readsOfACall);
     NTSTATUS status = setFlags(volume, volume.ntfs->flags | ntfs3g::VOLUME_IS_DIRTY) ? STATUS_SUCCESS
                                                                                      : STATUS_IO_DEVICE_ERROR;
     if (status >= 0) status = diskSync(*volume.device.disk);
@@ -172,6 +174,7 @@ NTSTATUS beginChange(Volume& volume) {
 
 NTSTATUS volumeFlush(Volume& volume) {
     if (!volume.marked) return volume.failed ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS;
+    allowReads(volume, readsOfACall);
     bool written = syncMetadata(volume);
     NTSTATUS status = diskSync(*volume.device.disk);
     if (!written || status < 0) volume.failed = true;

@@ -25,7 +25,7 @@ struct VolumeDevice {
     bool mayWrite = false; /* not before the dirty mark is being set */
     bool failed = false;   /* the disk refused a read or write, so that an error is not the volume's */
     uint64_t writes = 0;
-    uint64_t readsLeft = UINT64_MAX; /* see ReadLimit */
+    uint64_t readsLeft = 0; /* see allowReads */
 };
 
 extern ntfs3g::ntfs_device_operations volumeDeviceOperations;
@@ -78,6 +78,11 @@ inline bool isMetadata(FileRef file) {
     return recordNumberOf(file) < firstOrdinaryRecord && recordNumberOf(file) != rootDirectory;
 }
 
+/* How many reads the library may do from now on. It follows an index wherever that leads, so that a damaged one that
+ * runs in a circle would never end; a sound volume stays far below these numbers. */
+constexpr uint64_t readsOfACall = 1'000'000, readsOfALookUp = 10'000;
+inline void allowReads(Volume& volume, uint64_t count) { volume.device.readsLeft = count; }
+
 /* ---- Changes ---- */
 
 /* Before any change: refuses on a volume that can only be read; the first time, puts the dirty mark on the
@@ -101,6 +106,12 @@ NTSTATUS writeSecurityId(Volume& volume, uint32_t id);
 
 /* ---- Inodes ---- */
 
+/* For the library's fields that are declared as enumerations but hold whatever the disk holds. */
+template <class Field>
+Bytes bytesOf(const Field& field) {
+    return {reinterpret_cast<const uint8_t*>(&field), sizeof field};
+}
+
 /* For ntfs_inode_update_times: the contents changed. */
 constexpr auto updateContents = static_cast<ntfs3g::ntfs_time_update_flags>(NTFS_UPDATE_MCTIME);
 
@@ -119,16 +130,8 @@ struct Inode {
     /* Writes what was changed. A failure that nobody asks for here is remembered in the volume. */
     NTSTATUS close();
     NTSTATUS closeIn(Inode& directory); /* while the directory that holds its only name is open */
+    uint32_t attributes() const { return numberAt<uint32_t>(bytesOf(inode->flags), 0); }
     bool isDirectory() const { return (inode->mrec->flags & ntfs3g::MFT_RECORD_IS_DIRECTORY) != 0; }
-};
-
-/* Bounds what one call of the library may read, where a damaged index could lead it in a circle. */
-struct ReadLimit {
-    VolumeDevice& device;
-    ReadLimit(VolumeDevice& of, uint64_t reads) : device(of) { device.readsLeft = reads; }
-    ReadLimit(const ReadLimit&) = delete;
-    ReadLimit& operator=(const ReadLimit&) = delete;
-    ~ReadLimit() { device.readsLeft = UINT64_MAX; }
 };
 
 /* ---- Descriptors ---- */

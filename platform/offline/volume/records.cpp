@@ -162,6 +162,7 @@ NTSTATUS loadRecord(Volume& volume, FileRef file) {
     }
     forgetRecord(volume);
     volume.device.failed = false;
+    allowReads(volume, readsOfACall);
     int64_t records = volume.ntfs->mft_na->data_size >> volume.ntfs->mft_record_size_bits;
     if (records < 0 || number >= static_cast<uint64_t>(records)) return STATUS_FILE_CORRUPT_ERROR;
     /* This reverses the update sequence that guards each sector; a record whose sectors do not match has no

@@ -61,7 +61,7 @@ int64_t readAt(ntfs_device* device, void* bytes, int64_t count, int64_t offset) 
     int64_t there = within(self, count, offset);
     if (there <= 0) return there;
     if (self.readsLeft == 0) return fail(EIO);
-    if (self.readsLeft != UINT64_MAX) --self.readsLeft;
+    --self.readsLeft;
     NTSTATUS status = diskRead(*self.disk, self.start + static_cast<uint64_t>(offset),
                                {static_cast<uint8_t*>(bytes), static_cast<size_t>(there)});
     if (status >= 0) return there;
