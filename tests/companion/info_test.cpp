@@ -50,9 +50,9 @@ TEST_F(Info, RefusesWhatIsNoDisk) {
 
 TEST_F(Info, ShowsTheRestBesideABrokenHive) {
     OpenImage open(image, offline::DiskAccess::readWrite);
-    open.write(configDirectory + u"SECURITY", 0, {'x'});     /* no hive at all */
-    open.write(configDirectory + u"SOFTWARE", 4096, {'x'});  /* no bins */
-    open.write(u"Users\\bob\\NTUSER.DAT", 4096 + 32, {'x'}); /* no cells */
+    open.write(configDirectory + u"SECURITY", 0, {'x'});    /* no hive at all */
+    open.write(configDirectory + u"SOFTWARE", 4096, {'x'}); /* no bins */
+    open.write(u"Users\\bob\\NTUSER.DAT", 4096 + 32, {1});  /* no cells */
     open.close();
     const Outcome outcome = look();
     EXPECT_EQ(outcome.status, 2);

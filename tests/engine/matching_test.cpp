@@ -1,6 +1,4 @@
 #include <algorithm>
-#include <cstring>
-#include <memory>
 #include <random>
 
 #include "sidchng/sid.h"
@@ -23,6 +21,17 @@ Bytes longSid(const Bytes& from, uint32_t count) {
     Bytes bytes = from;
     for (uint32_t rid = 1; bytes[1] != count; rid++) bytes = derived(bytes, rid);
     return bytes;
+}
+
+/* The data with a bare or derived SID patched at each of these places. */
+Bytes patchedAt(Bytes data, const std::vector<size_t>& places) {
+    for (const size_t at : places) std::copy(newSid.begin() + 2, newSid.end(), data.data() + at + 2);
+    return data;
+}
+
+int replaceIn(Bytes* data, const Bytes& old, const Bytes& now, bool exact) {
+    return sidReplaceInData(data->data(), static_cast<uint32_t>(data->size()), old.data(), now.data(),
+                            static_cast<uint32_t>(old.size()), exact);
 }
 
 /* What sidReplaceInData must do, looking at each place in turn. Gives how many SIDs were patched. */
@@ -86,85 +95,67 @@ using Matching = Scripted;
 
 TEST_F(Matching, OneSidInPlace) {
     const Bytes account = derived(oldSid, 4000000500);
-    const Bytes newAccount = derived(newSid, 4000000500);
-    const auto matched = [](const char* what) {
-        return Events{std::string("DEBUG sidReplace: Matching SID ") + what + " in group"};
-    };
     const struct {
         Bytes target;
         int exact;
-        Bytes expected; /* empty: no match */
-        Events lines;
+        bool matches;
+        std::string shown;
     } rows[] = {
-        {oldSid, 0, newSid, matched("[4]..-300")},
-        {account, 0, newAccount, matched("[5]..-4000000500")},
-        {with(account, 0, 2), 0, with(newAccount, 0, 2), matched("[5]..-4000000500")},
-        {longSid(oldSid, 20), 0, longSid(newSid, 20), matched("[20]..-16")},
-        {with(oldSid, 1, 3), 0, {}, {}},
-        {with(oldSid, 23, 1), 0, {}, {}},
-        {with(oldSid, 2, 1), 0, {}, {}},
-        {administrators, 0, {}, {}},
-        {oldSid, 1, newSid, {}},
-        {account, 1, {}, {}},
-        {with(oldSid, 0, 2), 1, {}, {}},
-        {with(oldSid, 1, 3), 1, {}, {}},
+        {oldSid, 0, true, "[4]..-300"},
+        {account, 0, true, "[5]..-4000000500"},
+        {with(account, 0, 2), 0, true, "[5]..-4000000500"},
+        {longSid(oldSid, 20), 0, true, "[20]..-16"},
+        {with(oldSid, 1, 3), 0, false, ""},
+        {with(oldSid, 23, 1), 0, false, ""},
+        {with(oldSid, 2, 1), 0, false, ""},
+        {administrators, 0, false, ""},
+        {oldSid, 1, true, ""},
+        {account, 1, false, ""},
+        {with(oldSid, 0, 2), 1, false, ""},
+        {with(oldSid, 1, 3), 1, false, ""},
     };
     for (const auto& row : rows) {
         events.clear();
         Bytes target = row.target;
         const int patched = sidReplace(target.data(), oldSid.data(), newSid.data(), 24, row.exact, "group");
-        EXPECT_EQ(patched, row.expected.empty() ? 0 : 1);
-        EXPECT_EQ(target, row.expected.empty() ? row.target : row.expected);
-        EXPECT_EQ(events, row.lines);
+        EXPECT_EQ(patched, row.matches ? 1 : 0);
+        EXPECT_EQ(target, row.matches ? patchedAt(row.target, {0}) : row.target);
+        EXPECT_EQ(shortened({{"DEBUG sidReplace: Matching SID ", ""}, {" in group", ""}}), row.shown);
     }
 }
 
 TEST_F(Matching, SidsInData) {
     const Bytes account = derived(oldSid, 0x0102FFFE);
-    const Bytes newAccount = derived(newSid, 0x0102FFFE);
-    const uint8_t anchor = oldSid[20];
-    const Bytes anchors(100, anchor);
-    const std::string line = "DEBUG sidReplaceInData: Matching SID ";
-    const std::string bare = line + "[4]..-0x0000012c";
-    const std::string named = line + "[5]..-0x0102fffe";
-    const Bytes longest = longSid(oldSid, 15);
-    // A SID that begins in the last sub-authority of another one: stepped over with it.
-    const Bytes inside = derived(oldSid, 0x00000401) + Bytes(oldSid.begin() + 4, oldSid.end());
-    const Bytes insideNew = derived(newSid, 0x00000401) + Bytes(oldSid.begin() + 4, oldSid.end());
+    const Bytes anchors(100, oldSid[20]);
+    /* A SID that begins in the last sub-authority of another one is stepped over with it. */
+    const Bytes inside = derived(oldSid, 0x401) + Bytes(oldSid.begin() + 4, oldSid.end());
+    using Places = std::vector<size_t>;
     const struct {
         const char* name;
         Bytes data;
-        Bytes prefix; /* the data in prefix mode; empty: no match */
-        Events lines;
-        Bytes exact; /* the same in exact mode */
+        Places prefix; /* where the two modes patch */
+        std::string shown;
+        Places exact;
     } rows[] = {
-        {"nothing", {}, {}, {}, {}},
-        {"one byte short", Bytes(oldSid.begin(), oldSid.end() - 1), {}, {}, {}},
-        {"the SID alone", oldSid, newSid, {bare}, newSid},
-        {"at the first byte", oldSid + anchors, newSid + anchors, {bare}, newSid + anchors},
-        {"at the last, odd", Bytes(7, 1) + oldSid, Bytes(7, 1) + newSid, {bare}, Bytes(7, 1) + newSid},
-        {"back to back",
+        {"nothing", {}, {}, "", {}},
+        {"one byte short", Bytes(oldSid.begin(), oldSid.end() - 1), {}, "", {}},
+        {"the SID alone", oldSid, {0}, "[4] 0000012c", {0}},
+        {"at the first byte", oldSid + anchors, {0}, "[4] 0000012c", {0}},
+        {"at the last, odd", Bytes(7, 1) + oldSid, {7}, "[4] 0000012c", {7}},
+        {"adjacent",
          oldSid + account + oldSid,
-         newSid + newAccount + newSid,
-         {bare, named, bare},
-         newSid + account + newSid},
-        {"anchors only", anchors, {}, {}, {}},
-        {"among anchors",
-         anchors + oldSid + anchors,
-         anchors + newSid + anchors,
-         {bare},
-         anchors + newSid + anchors},
-        {"derived, whole", account, newAccount, {named}, {}},
-        {"derived, past the end", Bytes(account.begin(), account.end() - 1), {}, {}, {}},
-        {"15 sub-authorities", longest, longSid(newSid, 15), {line + "[15]..-0x0000000b"}, {}},
-        {"16 sub-authorities", longSid(oldSid, 16), {}, {}, {}},
-        {"count too low", with(oldSid, 1, 3) + anchors, {}, {}, {}},
-        {"revision", with(oldSid, 0, 2) + anchors, {}, {}, {}},
-        {"stepping over",
-         inside,
-         insideNew,
-         {line + "[5]..-0x00000401"},
-         Bytes(inside.begin(), inside.begin() + 24) + newSid},
+         {0, 24, 52},
+         "[4] 0000012c, [5] 0102fffe, [4] 0000012c",
+         {0, 52}},
+        {"anchors only", anchors, {}, "", {}},
+        {"among anchors", anchors + oldSid + anchors, {100}, "[4] 0000012c", {100}},
+        {"derived, whole", account, {0}, "[5] 0102fffe", {}},
+        {"derived, past the end", Bytes(account.begin(), account.end() - 1), {}, "", {}},
+        {"15 sub-authorities", longSid(oldSid, 15), {0}, "[15] 0000000b", {}},
+        {"16 sub-authorities", longSid(oldSid, 16), {}, "", {}},
+        {"count too low", with(oldSid, 1, 3) + anchors, {}, "", {}},
+        {"revision", with(oldSid, 0, 2) + anchors, {}, "", {}},
+        {"stepping over", inside, {0}, "[5] 00000401", {24}},
     };
     for (const auto& row : rows) {
         for (const bool exact : {false, true}) {
@@ -172,12 +163,11 @@ TEST_F(Matching, SidsInData) {
             events.clear();
             Bytes data = row.data;
             data.shrink_to_fit();
-            const Bytes& expected = exact ? row.exact : row.prefix;
-            const int patched = sidReplaceInData(data.data(), static_cast<uint32_t>(data.size()),
-                                                 oldSid.data(), newSid.data(), 24, exact);
-            EXPECT_EQ(patched, expected.empty() ? 0 : 1);
-            EXPECT_EQ(data, expected.empty() ? row.data : expected);
-            EXPECT_EQ(events, exact ? Events{} : row.lines);
+            const Places& places = exact ? row.exact : row.prefix;
+            EXPECT_EQ(replaceIn(&data, oldSid, newSid, exact), places.empty() ? 0 : 1);
+            EXPECT_EQ(data, patchedAt(row.data, places));
+            const Legend line = {{"DEBUG sidReplaceInData: Matching SID ", ""}, {"..-0x", " "}};
+            EXPECT_EQ(shortened(line), exact ? "" : row.shown);
         }
     }
 }
@@ -199,154 +189,10 @@ TEST_F(Matching, RandomDataAsTheSlowSearchHasIt) {
         Bytes data = before;
         data.shrink_to_fit();
         events.clear();
-        const int result = sidReplaceInData(data.data(), static_cast<uint32_t>(data.size()), old.data(),
-                                            now.data(), static_cast<uint32_t>(old.size()), exact);
+        const int result = replaceIn(&data, old, now, exact);
         ASSERT_EQ(data, expected) << "round " << round;
         ASSERT_EQ(result, patched > 0 ? 1 : 0) << "round " << round;
         ASSERT_EQ(events.size(), exact ? 0u : static_cast<size_t>(patched)) << "round " << round;
     }
     EXPECT_GT(found, 3000);
-}
-
-namespace {
-
-const std::u16string head = oldText;
-const std::u16string longer = u"S-1-5-21-1000-2000-3000";
-const std::u16string shorter = u"S-1-5-21-1-2-3";
-const std::string matchedName = "DEBUG sidReplaceInName: Matching SID ..";
-
-/* One call on a name of this many bytes, in a heap block of exactly that size. */
-struct Renaming {
-    DWORD error = 0;
-    int changed = 0;
-    UNICODE_STRING result = {};
-
-    Renaming(const std::u16string& name, size_t bytes, const std::u16string& newText, int exact,
-             memBuf* buffer) {
-        const std::unique_ptr<char[]> block(new char[bytes]);
-        memcpy(block.get(), name.data(), bytes);
-        const UNICODE_STRING given = {static_cast<USHORT>(bytes), static_cast<USHORT>(bytes),
-                                      reinterpret_cast<WCHAR*>(block.get())};
-        const UNICODE_STRING oldCounted = counted(head);
-        const UNICODE_STRING newCounted = counted(newText);
-        error = sidReplaceInName(&given, &result, &oldCounted, &newCounted, exact, &changed, buffer);
-    }
-    std::u16string characters() const { return {result.Buffer, result.Length / sizeof(WCHAR)}; }
-};
-
-} /* namespace */
-
-TEST_F(Matching, TextFormAtTheHeadOfAName) {
-    const std::u16string nul(1, u'\0');
-    const struct {
-        std::u16string name;
-        bool prefixMatches;
-        std::string tail; /* as the message shows it */
-    } rows[] = {
-        {head, true, ""},
-        {head + u"-500", true, "-500"},
-        {head + u"-", true, "-"},
-        {head + u"_Classes", false, ""},
-        {head + u"-1001_Classes", true, "-1001_Classes"},
-        {head + u"0", false, ""},
-        {head + nul, false, ""},
-        {head + u"-5" + nul + u"x", true, "-5\xEF\xBF\xBDx"},
-        {head.substr(0, head.size() - 1), false, ""},
-        {u"s" + head.substr(1), false, ""},
-        {u" " + head, false, ""},
-        {u"", false, ""},
-    };
-    for (const auto& row : rows) {
-        for (const int exact : {0, 1}) {
-            for (const std::u16string& newText : {longer, shorter}) {
-                SCOPED_TRACE(text("%ws exact %d", row.name.c_str(), exact));
-                events.clear();
-                memBuf buffer = {};
-                const Renaming renaming(row.name, 2 * row.name.size(), newText, exact, &buffer);
-                const bool matches = exact != 0 ? row.name == head : row.prefixMatches;
-                EXPECT_EQ(renaming.error, 0u);
-                EXPECT_EQ(renaming.changed, matches ? 1 : 0);
-                EXPECT_EQ(renaming.characters(), matches ? newText + row.name.substr(head.size()) : u"");
-                EXPECT_EQ(renaming.result.MaximumLength, renaming.result.Length);
-                EXPECT_EQ(buffer.size, renaming.result.Length);
-                const bool logged = matches && exact == 0;
-                EXPECT_EQ(events, logged ? Events{matchedName + row.tail} : Events{});
-                memBufFree(&buffer);
-            }
-        }
-    }
-}
-
-TEST_F(Matching, NamesOfOddAndOfGreatLength) {
-    const std::u16string line(40000, u'-');
-    const struct {
-        size_t bytes;
-        std::u16string newText;
-        size_t result; /* bytes; 0: left alone */
-        bool warned;
-    } rows[] = {
-        {2 * head.size() + 1, longer, 0, false},
-        {2 * head.size() + 3, longer, 2 * longer.size() + 3, false},
-        {65528, longer, 65534, false},
-        {65529, longer, 65535, false},
-        {65530, longer, 0, true},
-        {65535, longer, 0, true},
-        {65535, shorter, 65523, false},
-    };
-    ASSERT_EQ(2 * (longer.size() - head.size()), 6u);
-    ASSERT_EQ(2 * (head.size() - shorter.size()), 12u);
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.bytes);
-        events.clear();
-        memBuf buffer = {};
-        const std::u16string name = (head + line).substr(0, row.bytes / 2 + 1);
-        const Renaming renaming(name, row.bytes, row.newText, 0, &buffer);
-        EXPECT_EQ(renaming.error, 0u);
-        EXPECT_EQ(renaming.changed, row.result != 0 ? 1 : 0);
-        EXPECT_EQ(renaming.result.Length, row.result);
-        EXPECT_EQ(buffer.size, row.result);
-        const size_t tail = row.bytes - 2 * head.size();
-        if (row.result != 0) {
-            EXPECT_EQ(memcmp(buffer.data, row.newText.data(), 2 * row.newText.size()), 0);
-            EXPECT_EQ(memcmp(buffer.data + 2 * row.newText.size(), line.data(), tail), 0);
-        }
-        ASSERT_EQ(events.size(), row.result != 0 || row.warned ? 1u : 0u);
-        if (row.warned) {
-            EXPECT_TRUE(events[0].starts_with("WARN sidReplaceInName: ")) << events[0].substr(0, 80);
-        }
-        memBufFree(&buffer);
-    }
-}
-
-TEST_F(Matching, WorkBufferOfRenamings) {
-    const std::u16string name = head + u"-500";
-    const uint32_t total = static_cast<uint32_t>(2 * (longer.size() + 4));
-    memBuf buffer = {};
-    ASSERT_TRUE(memBufInit(&buffer, total - 1));
-    EXPECT_EQ(Renaming(name, 2 * name.size(), longer, 0, &buffer).changed, 1);
-    EXPECT_EQ(buffer.size, total);
-    for (const uint32_t room : {total, total + 100}) {
-        ASSERT_TRUE(memBufResize(&buffer, room));
-        const uint8_t* const block = buffer.data;
-        EXPECT_EQ(Renaming(name, 2 * name.size(), longer, 0, &buffer).changed, 1);
-        EXPECT_EQ(buffer.data, block);
-        EXPECT_EQ(buffer.size, room);
-    }
-    ASSERT_TRUE(memBufResize(&buffer, total - 1));
-    allocationsLeft = 0;
-    const Renaming renaming(name, 2 * name.size(), longer, 0, &buffer);
-    EXPECT_EQ(renaming.error, DWORD{ERROR_NOT_ENOUGH_MEMORY});
-    EXPECT_EQ(renaming.changed, 0);
-    EXPECT_EQ(renaming.result.Buffer, nullptr);
-    EXPECT_EQ(buffer.data, nullptr);
-    EXPECT_EQ(buffer.size, 0u);
-
-    const std::u16string system = u"S-1-5-18";
-    const UNICODE_STRING other = counted(system);
-    UNICODE_STRING result = {2, 4, nullptr};
-    int changed = 1;
-    const UNICODE_STRING oldCounted = counted(head);
-    EXPECT_EQ(sidReplaceInName(&other, &result, &oldCounted, &oldCounted, 0, &changed, &buffer), 0u);
-    EXPECT_EQ(changed, 1);
-    EXPECT_EQ(result.MaximumLength, 4);
 }

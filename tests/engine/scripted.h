@@ -67,7 +67,6 @@ Bytes derived(const Bytes& from, uint32_t rid);
 inline const Bytes oldSid = sid({21, 100, 200, 300});
 inline const Bytes newSid = sid({21, 4000000001, 4000000002, 4000000003});
 inline const Bytes administrators = sid({32, 544});
-constexpr WCHAR oldText[] = u"S-1-5-21-100-200-300";
 
 struct Ace {
     uint8_t type;

@@ -14,6 +14,7 @@ struct Account {
     LSTATUS probe = 0;
     LSTATUS read = 0;
     DWORD sizeAtRead = 0; /* what the second query hands back; 0: the value's */
+    NTSTATUS open = 0;    /* of the key */
 };
 
 Bytes accountValue(size_t size, uint32_t offset, uint32_t length = 24, const Bytes& machine = oldSid) {
@@ -34,11 +35,11 @@ Bytes accountWith(size_t at, uint8_t byte) {
     return accountValue(72, 0, 24, machine);
 }
 
-void answerFor(const Account& account, const NTSTATUS& open) {
+void answerFor(const Account& account) {
     answer.ZwOpenKey = [&](PHANDLE key, ACCESS_MASK access, POBJECT_ATTRIBUTES attributes) {
         note("open %Ix %wZ %d", numberOf(attributes->RootDirectory), attributes->ObjectName, access);
         *key = fakeHandle(0x51);
-        return open;
+        return account.open;
     };
     answer.RegQueryValueExW = [&](HKEY key, LPCWSTR name, LPDWORD, LPDWORD type, BYTE* data, LPDWORD size) {
         note("query %Ix %ws %d", numberOf(key), name, *size);
@@ -107,7 +108,7 @@ TEST_F(SidValues, MachineSidFromTheAccountValue) {
         for (const DWORD capacity : {24u, 68u}) {
             SCOPED_TRACE(row.name);
             events.clear();
-            answerFor(row.account, STATUS_SUCCESS);
+            answerFor(row.account);
             Bytes machine(24, 0xEE);
             DWORD size = capacity;
             EXPECT_EQ(sidGetMachineSID(fakeHandle(0x5A), machine.data(), &size), row.result);
@@ -119,9 +120,8 @@ TEST_F(SidValues, MachineSidFromTheAccountValue) {
 }
 
 TEST_F(SidValues, MachineSidWithoutAValueToLookAt) {
-    const Account account = {accountValue(72, 0)};
-    NTSTATUS open = STATUS_OBJECT_NAME_NOT_FOUND;
-    answerFor(account, open);
+    Account account = {accountValue(72, 0), REG_BINARY, 0, 0, 0, STATUS_OBJECT_NAME_NOT_FOUND};
+    answerFor(account);
     Bytes machine(24, 0xEE);
     DWORD size = 23;
     const auto get = [&] {
@@ -138,7 +138,7 @@ TEST_F(SidValues, MachineSidWithoutAValueToLookAt) {
         shortened(legend),
         "open, ERROR _doOpenCreateKey: Native API call ZwOpenKey returned 0XC0000034 for Domains\\Account, "
         "access=0x1");
-    open = STATUS_SUCCESS;
+    account.open = STATUS_SUCCESS;
     allocationsLeft = 0;
     EXPECT_EQ(get(), DWORD{ERROR_NOT_ENOUGH_MEMORY});
     EXPECT_EQ(shortened(legend), "open, probe, ERROR ombraMalloc: failed to allocate 72 bytes, close");

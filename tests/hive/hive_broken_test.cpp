@@ -126,7 +126,7 @@ TEST(Broken, EachFaultIsRefusedWithItsText) {
 
 TEST(Broken, TooDeepAChainIsRefused) {
     const HivePtr hive = newHive(5);
-    Cell ends[2];
+    Cell ends[2] = {noCell, noCell};
     Cell second = noCell;
     for (const size_t chain : {0, 1}) {
         Cell key = hiveRoot(*hive);

@@ -32,7 +32,7 @@ def quillet(*arguments, system=None, **environment):
 
 
 def digest(path):
-    with open(path, "rb") as f: return hashlib.file_digest(f, "sha256").hexdigest() if hasattr(hashlib, "file_digest") else hashlib.sha256(f.read()).hexdigest()
+    with open(path, "rb") as f: return hashlib.sha256(f.read()).hexdigest()
 
 
 class ImageCase(unittest.TestCase):
@@ -69,7 +69,7 @@ def sample():
     global _sample
     if _sample is None:
         directory = tempfile.mkdtemp(prefix="quillet-sample-")
-        unittest.addModuleCleanup(shutil.rmtree, directory) if hasattr(unittest, "addModuleCleanup") else None
+        unittest.addModuleCleanup(shutil.rmtree, directory)
         _sample = os.path.join(directory, "sample.img")
         made = run(OFFLINE, "sample", _sample)
         assert made.status == 0, made.err

@@ -28,7 +28,7 @@ class Refusals(ImageCase):
         self.check(fat, "NTFS|FAT")
 
     def test_damaged_volumes_and_tables(self):
-        whole = open(sample(), "rb").read()
+        with open(sample(), "rb") as f: whole = f.read()
         self.check(self.write("truncated.img", whole[:len(whole) // 2]), "truncated|ends")
         self.check(self.write("boot.img", b"\xff" * 512 + whole[512:]), "NTFS|boot")
         mbr = bytearray(512)

@@ -1,6 +1,6 @@
 #include <algorithm>
 #include <cstring>
-#include <map>
+#include <random>
 
 #include "tests/volume/images.h"
 
@@ -372,6 +372,49 @@ TEST_F(VolumeTest, Contents) {
     opened.disk.reset();
     images::outputOf("(ntfscat -f " + image + " /file >" + path("copy") + ")");
     EXPECT_EQ(images::readFile(path("copy")), model);
+}
+
+/* Whatever the volume's records and indexes say: no crash, and an end. */
+TEST_F(VolumeTest, DamagedMetadata) {
+    std::string image = ntfsImage();
+    {
+        OpenVolume opened(image);
+        FileRef folder = make(opened, u"folder", NewFile::directory);
+        for (char16_t letter = u'a'; letter <= u'z'; ++letter) {
+            make(opened, std::u16string(100, letter), NewFile::file, folder);
+        }
+        ASSERT_EQ(opened.close(), STATUS_SUCCESS);
+    }
+    const Bytes sound = images::readFile(image);
+    std::vector<size_t> places;
+    for (size_t at = 0; at < sound.size(); at += 1024) {
+        bool metadata = std::memcmp(&sound[at], "FILE", 4) == 0 || std::memcmp(&sound[at], "INDX", 4) == 0;
+        if (metadata) places.push_back(at);
+    }
+    std::mt19937 random(7);
+    size_t seen = 0;
+    for (int i = 0; i < 120; ++i) {
+        Bytes bytes = sound;
+        for (int change = 0; change < 6; ++change) {
+            bytes[places[random() % places.size()] + random() % 512] = static_cast<uint8_t>(random());
+        }
+        images::writeFile(image, bytes);
+        OpenVolume opened(image);
+        if (opened.volume == nullptr) continue;
+        DirectoryListing listing;
+        FileRef folder = rootDirectory, found = 0;
+        volumeLookUp(opened.get(), rootDirectory, u"folder", folder);
+        if (volumeList(opened.get(), folder, listing) < 0) continue;
+        for (const DirectoryEntry& entry : listing.entries) {
+            FileInfo info = {};
+            std::span<const uint8_t> stored;
+            volumeLookUp(opened.get(), folder, listing.name(entry), found);
+            volumeFileInfo(opened.get(), entry.file, info);
+            if (volumeDescriptor(opened.get(), entry.file, stored) >= 0) ++seen;
+            volumeSetDescriptor(opened.get(), entry.file, descriptor(static_cast<uint32_t>(i)));
+        }
+    }
+    EXPECT_GT(seen, 1000u);
 }
 
 } /* namespace */

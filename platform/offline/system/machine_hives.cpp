@@ -52,15 +52,34 @@ NTSTATUS loadByPath(std::u16string_view path, HivePtr& hive, std::unique_ptr<Hiv
 }
 
 enum MachineHive { systemHive, softwareHive, samHive, securityHive, machineHiveCount };
-const std::u16string_view hiveNames[machineHiveCount] = {u"SYSTEM", u"SOFTWARE", u"SAM", u"SECURITY"};
+
+/* A machine hive, and a key at its root without which it is another one's. */
+struct MachineHiveName {
+    std::u16string_view name;
+    std::u16string_view key;
+};
+const MachineHiveName hiveNames[machineHiveCount] = {
+    {u"SYSTEM", u"Select"}, {u"SOFTWARE", u"Microsoft"}, {u"SAM", u"SAM"}, {u"SECURITY", u"Policy"}};
+
+NTSTATUS readMachineHive(InstallationVolume& place, const std::u16string& path,
+                         std::u16string_view expectedKey, LoadedHive& loaded, Problem& problem) {
+    const NTSTATUS status = installationReadHive(place, path, loaded.hive, loaded.store, problem);
+    if (status < 0) return status;
+    Cell key;
+    if (hiveFindSubkey(*loaded.hive, hiveRoot(*loaded.hive), expectedKey, key) >= 0) return STATUS_SUCCESS;
+    return refuse(problem, STATUS_OBJECT_NAME_NOT_FOUND,
+                  installationFileName(place, path) +
+                      " is not the hive that its name says (it has no key \"" + toUtf8(expectedKey) +
+                      "\"); restore the file from a copy of this machine");
+}
 
 /* All are read before anything is done with one, so that a refusal leaves nothing half set up. */
 NTSTATUS mountAll(Installation& installation, Problem& problem) {
     InstallationVolume& place = installation.volumes[installation.systemVolume];
     LoadedHive loaded[machineHiveCount];
     for (size_t i = 0; i < machineHiveCount; i++) {
-        const std::u16string path = installationHivePath(installation, hiveNames[i]);
-        const NTSTATUS status = installationReadHive(place, path, loaded[i].hive, loaded[i].store, problem);
+        const std::u16string path = installationHivePath(installation, hiveNames[i].name);
+        const NTSTATUS status = readMachineHive(place, path, hiveNames[i].key, loaded[i], problem);
         if (status < 0) return status;
     }
     const uint32_t controlSet = currentControlSet(*loaded[systemHive].hive);
@@ -70,7 +89,7 @@ NTSTATUS mountAll(Installation& installation, Problem& problem) {
                              installation.directory);
     if (status < 0) return refuse(problem, status, "out of memory");
     for (size_t i = 0; i < machineHiveCount && status >= 0; i++) {
-        status = mountMachineHive(hiveNames[i], std::move(loaded[i]), problem);
+        status = mountMachineHive(hiveNames[i].name, std::move(loaded[i]), problem);
     }
     if (status >= 0) status = linkSam(problem);
     if (status >= 0 && controlSet != 0) status = linkControlSet(controlSet, problem);

@@ -15,8 +15,8 @@ namespace offline {
 
 struct Disk;
 struct DiskDeleter {
-    void operator()(
-        Disk* disk) const; /* writes back what is cached, closes; failures are seen by diskSync only */
+    /* Writes back what is cached and closes; failures are seen by diskSync only. */
+    void operator()(Disk* disk) const;
 };
 using DiskPtr = std::unique_ptr<Disk, DiskDeleter>;
 

@@ -1,5 +1,5 @@
-/* What an open volume consists of, and what the room's files share. Private to this room; include it first.
- */
+/* What an open volume consists of, and what the room's files share. Private to this room; include it
+ * first. */
 #ifndef QUILLET_OFFLINE_VOLUME_OPEN_VOLUME_H
 #define QUILLET_OFFLINE_VOLUME_OPEN_VOLUME_H
 
@@ -78,10 +78,12 @@ inline bool isMetadata(FileRef file) {
     return recordNumberOf(file) < firstOrdinaryRecord && recordNumberOf(file) != rootDirectory;
 }
 
-/* How many reads the library may do from now on. It follows an index wherever that leads, so that a damaged one that
- * runs in a circle would never end; a sound volume stays far below these numbers. */
+/* How many reads the library may do from now on. It follows an index wherever that leads, so that a damaged
+ * one that runs in a circle would never end; a sound volume stays far below these numbers. */
 constexpr uint64_t readsOfACall = 1'000'000, readsOfALookUp = 10'000;
-inline void allowReads(Volume& volume, uint64_t count) { volume.device.readsLeft = count; }
+inline void allowReads(Volume& volume, uint64_t count) {
+    volume.device.readsLeft = count;
+}
 
 /* ---- Changes ---- */
 

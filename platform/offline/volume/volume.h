@@ -83,25 +83,27 @@ struct DirectoryListing {
 };
 
 /* All entries in the order of the directory's index, without ".", "..", the volume's own metadata files and
- * short aliases. A hard-linked file is listed for each of its names. listing is overwritten, its room reused.
- */
+ * short aliases. A hard-linked file is listed for each of its names. listing is overwritten, its room
+ * reused. */
 NTSTATUS volumeList(Volume& volume, FileRef directory, DirectoryListing& listing);
 
 /* ---- Security descriptors ---- */
 
 /* The file's self-relative descriptor, byte for byte as stored and valid by every bound; read once for each
- * security id. The span is good until the next call that changes the volume, or volumeClose. A descriptor
- * that is missing or invalid is STATUS_INVALID_SECURITY_DESCR, never an invented one. */
+ * security id. The span is good until the next call with this volume. A descriptor that is missing or invalid
+ * is STATUS_INVALID_SECURITY_DESCR, never an invented one. */
 NTSTATUS volumeDescriptor(Volume& volume, FileRef file, std::span<const uint8_t>& descriptor);
 
 /* Stores the descriptor byte for byte as given; equal ones are stored once and shared.
- * STATUS_INVALID_SECURITY_DESCR when the volume can't hold it. The file's times stay as they are. */
+ * STATUS_INVALID_SECURITY_DESCR when the volume can't hold it, STATUS_ACCESS_DENIED for the volume's own
+ * metadata files. The file's times stay as they are. */
 NTSTATUS volumeSetDescriptor(Volume& volume, FileRef file, std::span<const uint8_t> descriptor);
 
 /* ---- Contents ---- */
 
 /* The whole unnamed data. STATUS_INSUFFICIENT_RESOURCES when there is more than limit bytes,
- * STATUS_FILE_CORRUPT_ERROR or STATUS_NOT_SUPPORTED (encrypted) when it can't be read. */
+ * STATUS_FILE_CORRUPT_ERROR when it can't be read, STATUS_NOT_SUPPORTED for encrypted files and reparse
+ * points (whose data is elsewhere), STATUS_ACCESS_DENIED for directories. */
 NTSTATUS volumeReadFile(Volume& volume, FileRef file, uint64_t limit, std::vector<uint8_t>& bytes);
 
 /* Writes into the unnamed data at an offset, in place; what lies behind its end is added. */
