@@ -156,7 +156,7 @@ void lookAtProfiles(Looking& looking) {
         std::u16string name(offline::longestKeyName, u'\0');
         name.resize(offline::hiveKeyName(software, profile, name.data()));
         if (name == u"S-1-5-18") continue;
-        const std::u16string key = std::u16string(profileList) + u"\\" + name;
+        const std::u16string key = std::u16string(profileList).append(u"\\").append(name);
         const std::u16string directory = offline::hiveText(software, key, u"ProfileImagePath");
         if (directory.empty()) continue;
         lookAtUserHive(looking, offline::toUtf8(name), expanded(directory) + u"\\NTUSER.DAT");
@@ -174,8 +174,9 @@ void lookAtUserDirectories(Looking& looking, char letter) {
         offline::FileRef hive;
         if (!entry.directory || offline::volumeLookUp(volume, entry.file, u"NTUSER.DAT", hive) < 0) continue;
         const std::u16string name(listing.name(entry));
-        const std::u16string drive = {static_cast<char16_t>(letter), u':'};
-        lookAtUserHive(looking, "", drive + u"\\Users\\" + name + u"\\NTUSER.DAT");
+        std::u16string hivePath = {static_cast<char16_t>(letter), u':'};
+        hivePath.append(u"\\Users\\").append(name).append(u"\\NTUSER.DAT");
+        lookAtUserHive(looking, "", hivePath);
     }
 }
 

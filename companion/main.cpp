@@ -22,7 +22,7 @@ const char programHelp[] =
     "Examples:\n"
     "  quillet-offline sample practice.img            a practice installation, to try things on\n"
     "  quillet-offline info practice.img              what is on it\n"
-    "  quillet-offline run practice.img -- -s         quillet on it; -s changes nothing\n"
+    "  quillet-offline run practice.img -- -s         quillet on it; -s only tells what would change\n"
     "\n"
     "\"quillet-offline COMMAND --help\" tells more about a command.";
 
@@ -64,12 +64,22 @@ int runChosen(const CommandLine& line, const std::vector<std::string>& rest, boo
 }
 
 /* The library's text in the form of this program's errors: one line. */
-std::string usageError(const CLI::ParseError& error) {
+std::string usageError(const CLI::ParseError& error, const std::string& command) {
     std::string text = error.what();
-    while (!text.empty() && text.back() == '\n') text.pop_back();
+    while (!text.empty() && (text.back() == '\n' || text.back() == '.')) text.pop_back();
     std::replace(text.begin(), text.end(), '\n', ' ');
-    if (!text.empty() && text.back() == '.') text.pop_back();
-    return text + "; see \"quillet-offline --help\"";
+    return text + "; see \"quillet-offline " + command + "--help\"";
+}
+
+/* The command's name and a space, for the advice above; empty when the first argument is an option. */
+std::string checkCommand(const std::vector<std::string>& arguments) {
+    if (arguments.empty()) throw Failure{"no command is given; see \"quillet-offline --help\""};
+    const std::string& first = arguments.front();
+    if (first.rfind('-', 0) == 0) return {};
+    for (const Command* command : commands) {
+        if (first == command->name) return first + ' ';
+    }
+    throw Failure{"\"" + first + "\" is no command; see \"quillet-offline --help\""};
 }
 
 int runCommandLine(std::vector<std::string> arguments) {
@@ -78,6 +88,7 @@ int runCommandLine(std::vector<std::string> arguments) {
     const bool restGiven = split != arguments.end();
     if (restGiven) rest.assign(split + 1, arguments.end());
     arguments.erase(split, arguments.end());
+    const std::string command = checkCommand(arguments);
     std::reverse(arguments.begin(), arguments.end()); /* as the library wants them */
 
     CommandLine line;
@@ -87,7 +98,7 @@ int runCommandLine(std::vector<std::string> arguments) {
     } catch (const CLI::Success& asked) { /* help or the version */
         return line.app.exit(asked);
     } catch (const CLI::ParseError& error) {
-        throw Failure{usageError(error)};
+        throw Failure{usageError(error, command)};
     }
     return runChosen(line, rest, restGiven);
 }

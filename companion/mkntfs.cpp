@@ -12,8 +12,6 @@
 
 #include "companion/failure.h"
 
-extern char** environ;
-
 namespace companion {
 namespace {
 
@@ -24,7 +22,7 @@ std::string findMkntfs() {
     directories += ":/usr/local/sbin:/usr/sbin:/sbin";
     for (size_t at = 0; at < directories.size();) {
         const size_t end = std::min(directories.find(':', at), directories.size());
-        const std::string program = directories.substr(at, end - at) + "/mkntfs";
+        std::string program = directories.substr(at, end - at) + "/mkntfs";
         if (program.front() == '/' && access(program.c_str(), X_OK) == 0) return program;
         at = end + 1;
     }

@@ -20,7 +20,8 @@ const char help[] =
     "quillet's. Changes are made in place: keep a copy of what you can't make again.\n"
     "\n"
     "Examples:\n"
-    "  quillet-offline run practice.img -- -s         tells what would change, and changes nothing\n"
+    "  quillet-offline run practice.img -- -s         tells what would change; writes a new server GUID "
+    "alone\n"
     "  quillet-offline run system.img data.img        one machine with two disks";
 
 /* The value of QUILLET_SYSTEM for these disks. */
@@ -44,7 +45,7 @@ std::string quilletProgram() {
     std::error_code unreadable;
     const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", unreadable);
     if (!unreadable) {
-        const std::string beside = self.parent_path() / "quillet";
+        std::string beside = self.parent_path() / "quillet";
         if (access(beside.c_str(), X_OK) == 0) return beside;
     }
     return "quillet";

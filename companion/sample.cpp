@@ -10,6 +10,7 @@
 #include "companion/machine.h"
 #include "companion/mkntfs.h"
 #include "companion/sample_files.h"
+#include "companion/text.h"
 #include "companion/whole_disk.h"
 #include "platform/offline/volume/disk.h"
 #include "platform/offline/volume/volume.h"
@@ -37,14 +38,23 @@ constexpr uint64_t roomForFile = 4096; /* bytes: its record, its part of indexes
 struct Options {
     std::string image;
     uint64_t size = 0; /* bytes; 0: as much as is needed */
-    PartitionTable table = PartitionTable::none;
+    std::string table; /* "mbr", "gpt", or empty: none */
     bool force = false;
     FilesWanted wanted{400, 60};
     std::string machine; /* empty: a random one */
 };
 
+PartitionTable tableOf(const Options& options) {
+    if (options.table.empty()) return PartitionTable::none;
+    return options.table == "mbr" ? PartitionTable::mbr : PartitionTable::gpt;
+}
+
 /* Whole mebibytes, so that partitions end where they should. */
 uint64_t imageSize(const Options& options) {
+    if (options.size != 0 && (options.size < smallestSize || options.size > largestSize)) {
+        throw Failure{"--size: " + sizeText(options.size) + " is not between " + sizeText(smallestSize) +
+                      " and " + sizeText(largestSize) + "; give a size such as 256M, or none"};
+    }
     const uint64_t needed = 64 * mebibyte + options.wanted.files * roomForFile;
     return (options.size != 0 ? options.size : needed) / mebibyte * mebibyte;
 }
@@ -81,7 +91,7 @@ std::vector<Extent> extentsOf(int file, const std::string& image) {
 /* Makes the volume alone, then moves it to its place on the disk. */
 void makeDisk(ImageFile& image, const Options& options, const Machine& machine) {
     const uint64_t size = imageSize(options);
-    const bool whole = options.table != PartitionTable::none;
+    const bool whole = tableOf(options) != PartitionTable::none;
     image.setSize(whole ? size - partitionStart - behindPartition : size);
     makeNtfs(image.temporary, partitionStart / 512, image.wanted);
     if (!whole) return;
@@ -91,7 +101,7 @@ void makeDisk(ImageFile& image, const Options& options, const Machine& machine) 
     for (const Extent& extent : volume) {
         writeAll(image.file, partitionStart + extent.offset, extent.bytes, image.wanted);
     }
-    writePartitionTable(image.file, size, options.table, machine, image.wanted);
+    writePartitionTable(image.file, size, tableOf(options), machine, image.wanted);
 }
 
 void check(NTSTATUS status, const offline::Problem& problem, const std::string& image) {
@@ -108,7 +118,7 @@ size_t fillDisk(const ImageFile& image, const Options& options, const Machine& m
     check(offline::diskPartitions(*disk, partitions, problem), problem, image.wanted);
     check(offline::volumeOpen(*disk, partitions.at(0), volume, problem), problem, image.wanted);
     const size_t entries =
-        fillVolume(*volume, machine, diskIdentity(options.table, machine), options.wanted, image.wanted);
+        fillVolume(*volume, machine, diskIdentity(tableOf(options), machine), options.wanted, image.wanted);
     if (offline::volumeClose(std::move(volume)) < 0 || offline::diskSync(*disk) < 0) {
         throw Failure{image.wanted + ": could not be written whole; check the room on the disk"};
     }
@@ -139,20 +149,21 @@ int sample(const Options& options) {
 
 Runner prepare(CLI::App& app) {
     auto options = std::make_shared<Options>();
-    const std::map<std::string, PartitionTable> tables = {{"mbr", PartitionTable::mbr},
-                                                          {"gpt", PartitionTable::gpt}};
     app.add_option("IMAGE", options->image, "The file to be made")->required();
-    app.add_option("--size", options->size, "The image's size, such as 256M (by default what the files need)")
-        ->transform(CLI::AsSizeValue(false) & CLI::Range(smallestSize, largestSize));
+    app.add_option("--size", options->size, "The image's size, such as 256M (what the files need)")
+        ->transform(CLI::AsSizeValue(false).description(""))
+        ->type_name("SIZE");
     app.add_option("--whole-disk", options->table, "A whole disk with this partition table: mbr or gpt")
-        ->transform(CLI::CheckedTransformer(tables, CLI::ignore_case).description(""))
-        ->type_name("mbr|gpt");
+        ->check(CLI::IsMember({"mbr", "gpt"}).description(""))
+        ->type_name("TABLE");
     app.add_flag("--force", options->force, "Replace the file when it is there");
     app.add_option("--files", options->wanted.files, "How many ordinary files (400)")
-        ->check(CLI::Range(0, 1000000));
+        ->check(CLI::Range(0, 1000000).description(""))
+        ->type_name("N");
     app.add_option("--descriptors", options->wanted.descriptors,
                    "How many different security descriptors among them (60)")
-        ->check(CLI::Range(1, 100000));
+        ->check(CLI::Range(1, 100000).description(""))
+        ->type_name("N");
     app.add_option("--machine", options->machine, "The machine's SID (a random one)")->type_name("SID");
     return [options](const std::vector<std::string>&) { return sample(*options); };
 }

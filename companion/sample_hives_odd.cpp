@@ -35,9 +35,11 @@ void addNames(Keys& keys, const Machine& machine, const std::u16string& path) {
         u"x" + machine.sid,
     };
     for (const std::u16string& name : names) {
-        keys.push_back(
-            {path + u"\\Names\\" + name, {text(name, name)}, {}, u"class of " + name.substr(0, 5)});
-        keys.push_back({path + u"\\Names\\" + name + u"\\" + machine.account(1001), {number(u"One", 1)}});
+        std::u16string key = path;
+        key.append(u"\\Names\\").append(name);
+        keys.push_back({key, {text(name, name)}, {}, u"class of " + name.substr(0, 5)});
+        key.append(u"\\").append(machine.account(1001));
+        keys.push_back({key, {number(u"One", 1)}});
     }
 }
 

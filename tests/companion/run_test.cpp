@@ -30,7 +30,8 @@ TEST_F(Run, PassesDisksOptionsAndTheExitStatus) {
 
 TEST_F(Run, FallsBackToPath) {
     makeQuillet(path("bin"), "echo on the path\n");
-    const std::string before = getenv("PATH");
+    const char* const set = getenv("PATH");
+    const std::string before = set == nullptr ? "" : set;
     setenv("PATH", path("bin").c_str(), 1);
     const Outcome found = start(program, {"run", "a.img"});
     std::filesystem::remove(path("bin/quillet"));

@@ -62,7 +62,7 @@ TEST_F(Sample, RemembersItsDriveByTheTableOnTheDisk) {
         if (table != "none") arguments.insert(arguments.end(), {"--whole-disk", table});
         const Outcome made = quilletOffline(arguments);
         ASSERT_EQ(made.status, 0) << made.err;
-        EXPECT_EQ(made.out.rfind(table + ".img: machine SID " + practiceSid + ", ", 0), 0u) << made.out;
+        EXPECT_EQ(made.out.rfind(table + ".img: machine SID S-1-5-21-1111-2222-3333, ", 0), 0u) << made.out;
         EXPECT_EQ(made.err, "");
 
         const Outcome info = quilletOffline({"info", table + ".img"});

@@ -29,7 +29,7 @@ TEST_F(Descriptor, OnePassOverEachShape) {
     const std::vector<Ace> audit = {{2, oldSid}};
     const std::vector<Ace> newAudit = {{2, newSid}};
     std::vector<Ace> mixed;
-    for (const uint8_t type : {0, 5, 1, 9, 4, 3}) mixed.push_back({type, derived(oldSid, type)});
+    for (const uint8_t type : Bytes{0, 5, 1, 9, 4, 3}) mixed.push_back({type, derived(oldSid, type)});
     std::vector<Ace> newMixed = mixed;
     for (const size_t i : {0u, 2u, 5u}) newMixed[i].sid = derived(newSid, mixed[i].type);
     const struct {

@@ -26,7 +26,6 @@ class DryRun(ImageCase):
     def test_a_disk_that_can_only_be_read(self):
         image = self.copy(sample(), "read-only.img")
         os.chmod(image, 0o444)
-        if os.access(image, os.W_OK): self.skipTest("root writes to every file")
         before = digest(image)
         self.assertEqual(quillet("-s", system=image).status, 0)
         done = quillet("-q", system=image)
