@@ -10,22 +10,22 @@
 int32_t verbosity = 0;
 
 struct _level {
-    int level;
     const char* word;
+    int level;
     int32_t gate; /* lowest verbosity at which the line passes */
 };
 
 static const _level _levels[] = {
-    {OMBRA_CRITICAL, "CRITICAL", INT32_MIN},
-    {OMBRA_ALERT, "ALERT   ", INT32_MIN},
-    {OMBRA_ERROR, "ERROR   ", INT32_MIN},
-    {OMBRA_WARN, "WARN    ", 0},
-    {OMBRA_NOTICE, "NOTICE  ", 1},
-    {OMBRA_INFO, "INFO    ", 1},
-    {OMBRA_DEBUG, "DEBUG   ", 2},
-    {OMBRA_TRACE, "TRACE   ", 2},
+    {"CRITICAL", OMBRA_CRITICAL, INT32_MIN},
+    {"ALERT   ", OMBRA_ALERT, INT32_MIN},
+    {"ERROR   ", OMBRA_ERROR, INT32_MIN},
+    {"WARN    ", OMBRA_WARN, 0},
+    {"NOTICE  ", OMBRA_NOTICE, 1},
+    {"INFO    ", OMBRA_INFO, 1},
+    {"DEBUG   ", OMBRA_DEBUG, 2},
+    {"TRACE   ", OMBRA_TRACE, 2},
 };
-static const _level _unknownLevel = {0, "UNKNOWN ", INT32_MIN};
+static const _level _unknownLevel = {"UNKNOWN ", 0, INT32_MIN};
 
 static const _level* _findLevel(int level) {
     for (const _level& row : _levels) {

@@ -1,4 +1,5 @@
 /* The start of the offline program: UTF-8 arguments to wmain, the installation's end, and the exit status. */
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -34,9 +35,12 @@ int exitStatus(int status) {
 } /* namespace */
 
 int main(int argc, char** argv) try {
-    std::vector<std::u16string> texts;
-    for (int i = 0; i < argc; i++) texts.push_back(offline::toUtf16(argv[i]));
+    const size_t count = static_cast<size_t>(argc);
+    std::vector<std::u16string> texts(count);
+    std::transform(argv, argv + count, texts.begin(),
+                   [](const char* text) { return offline::toUtf16(text); });
     std::vector<WCHAR*> arguments;
+    arguments.reserve(count + 1);
     for (std::u16string& text : texts) arguments.push_back(text.data());
     arguments.push_back(nullptr);
     offline::systemStart();
