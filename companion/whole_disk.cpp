@@ -1,4 +1,4 @@
-/* Partition tables, as the MBR and the UEFI specification's GPT have them. */
+/* Partition tables: an MBR, or a GPT as UEFI firmware reads it. */
 #include "companion/whole_disk.h"
 
 #include <unistd.h>
