@@ -5,6 +5,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 BUILD = os.environ["QUILLET_BUILD"]
 QUILLET, OFFLINE = os.path.join(BUILD, "quillet"), os.path.join(BUILD, "quillet-offline")
 SHARED = os.environ.get("QUILLET_SHARED") or os.path.join(HERE, "..", "..", "..", "shared")
+os.environ["PATH"] += ":/usr/sbin:/sbin"  # where mkntfs is, which a user's own path may lack
 PAIR = re.compile(r"^(S-1-5-21-\d+-\d+-\d+) -> (S-1-5-21-\d+-\d+-\d+)$", re.M)
 
 

@@ -24,7 +24,7 @@ class Refusals(ImageCase):
         self.check(self.work, "directory")
         fat = self.path("fat.img")
         with open(fat, "wb") as f: f.truncate(8 << 20)
-        subprocess.run(["/usr/sbin/mkfs.fat", fat], check=True, capture_output=True)
+        subprocess.run(["mkfs.fat", fat], check=True, capture_output=True)
         self.check(fat, "NTFS|FAT")
 
     def test_damaged_volumes_and_tables(self):
