@@ -136,7 +136,6 @@ void makeNames(Filler& filler, const std::vector<Bytes>& descriptors) {
         u"Ключ.txt",
         u"日本語.txt",
         u"smile \U0001F600.txt",
-        std::u16string(u"half ") + char16_t(0xD83D) + u" pair.txt",
         u"  two spaces before.txt",
         std::u16string(255, u'n'),
         u"CASE",

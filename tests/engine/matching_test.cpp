@@ -61,7 +61,7 @@ Bytes plantedData(std::mt19937* random, const Bytes& old) {
     Bytes data;
     for (uint32_t pieces = below(7); pieces > 0; pieces--) {
         Bytes piece = old;
-        switch (below(8)) {
+        switch (below(9)) {
             case 0:
                 piece = Bytes(below(9), static_cast<uint8_t>(below(256)));
                 break;
@@ -79,6 +79,9 @@ Bytes plantedData(std::mt19937* random, const Bytes& old) {
                 piece[1] = static_cast<uint8_t>(old[1] + below(14));
                 break;
             case 5:
+                piece.erase(piece.begin(), piece.begin() + 4);
+                break;
+            case 6:
                 piece = longSid(old, old[1] + below(14));
                 break;
             default:
@@ -173,9 +176,9 @@ TEST_F(Matching, SidsInData) {
 }
 
 TEST_F(Matching, RandomDataAsTheSlowSearchHasIt) {
-    // The second pair's anchor byte is also its count, the third's is everywhere in it.
+    // The second pair's new SID ends as the old one begins, the third's anchor byte is everywhere in it.
     const std::pair<Bytes, Bytes> pairs[] = {{oldSid, newSid},
-                                             {sid({21, 4}), sid({21, 0x01020304})},
+                                             {sid({21, 4}), sid({21, 0x0201})},
                                              {sid({21, 0, 0, 0x100}), sid({21, 0, 0, 0x101})}};
     std::mt19937 random(20240601);
     int found = 0;

@@ -126,9 +126,11 @@ TEST_F(Names, WorkBufferOfRenamings) {
     for (const uint32_t room : {total, total + 100}) {
         ASSERT_TRUE(memBufResize(&buffer, room));
         const uint8_t* const block = buffer.data;
+        allocationsLeft = 0;
         EXPECT_EQ(Renaming(name, 2 * name.size(), longer, 0, &buffer).changed, 1);
         EXPECT_EQ(buffer.data, block);
         EXPECT_EQ(buffer.size, room);
+        allocationsLeft = -1;
     }
     ASSERT_TRUE(memBufResize(&buffer, total - 1));
     allocationsLeft = 0;

@@ -40,6 +40,7 @@ TEST(Text, CountedStringsWithHalvesOfPairs) {
         {{0xD83D, 0xDE00}, "\xF0\x9F\x98\x80"},
         {{0xD83D}, unknown},
         {{0xDE00, 0xD83D}, unknown + unknown},
+        {{0xDE00, 0xDE00}, unknown + unknown},
         {{0xD83D, 'x'}, unknown + "x"},
         {{0xD83D, 0xD83D, 0xDE00}, unknown + "\xF0\x9F\x98\x80"},
         {{0xDBFF, 0xDFFF}, "\xF4\x8F\xBF\xBF"},

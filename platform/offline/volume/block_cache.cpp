@@ -96,8 +96,8 @@ NTSTATUS loadUnits(const Disk& disk, CacheBlock& block, UnitMask units) {
     return (units & static_cast<UnitMask>(~block.valid)) == 0 ? STATUS_SUCCESS : status;
 }
 
-/* The units from the first dirty one to the last: those between them that hold the disk's own bytes go along, for one
- * long write costs less than several short ones. */
+/* The units from the first dirty one to the last: those between them that hold the disk's own bytes go along,
+ * for one long write costs less than several short ones. */
 UnitMask unitsToWrite(const CacheBlock& block) {
     const auto first = static_cast<uint32_t>(std::countr_zero(block.dirty));
     const auto behind = static_cast<uint32_t>(std::bit_width(block.dirty));
