@@ -22,6 +22,7 @@ struct Command {
 
 extern const Command sampleCommand;
 extern const Command infoCommand;
+extern const Command auditCommand;
 extern const Command runCommand;
 
 } /* namespace companion */

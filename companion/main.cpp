@@ -16,7 +16,7 @@ void say(const std::string& line) {
 
 namespace {
 
-const Command* const commands[] = {&sampleCommand, &infoCommand, &runCommand};
+const Command* const commands[] = {&sampleCommand, &infoCommand, &auditCommand, &runCommand};
 
 const char programHelp[] =
     "Examples:\n"

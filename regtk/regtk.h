@@ -67,4 +67,52 @@ DWORD regCopyKeySec(HANDLE target, HANDLE source, memBuf* secBuf);
  * DACL. */
 DWORD regTakesOwnershipU(HANDLE root, const UNICODE_STRING* name);
 
+/* ---- regtk_native: the scan engine ---- */
+
+/* What a scan callback answers. */
+enum regScanResult : uint32_t {
+    SCAN_NEXT = 0,    /* go on with the next child */
+    SCAN_DESCEND = 1, /* pre-call only: scan this child */
+    SCAN_RESTART = 2, /* enumerate the parent's children again, from the first */
+    SCAN_FAIL = 3     /* end the scan with STATUS_UNSUCCESSFUL */
+};
+
+/* Called for each child. parent: the key whose children are enumerated. path: the child's, relative to the
+ * scanned key; good during the call. record: the child's, good during the pre-call; null in the post-call,
+ * which is made exactly when the pre-call answered SCAN_DESCEND and subscope[0] is not 0 after the descent.
+ * scope: the parent level's subscope[0], or that of regScan. subscope: two words for this child, 0 before the
+ * pre-call, to be 0 again after the last call. depth: 1 for a child of the scanned key. The callback may
+ * delete or rename the child. */
+typedef uint32_t (*regScanCallback)(HANDLE parent, const UNICODE_STRING* path,
+                                    const KEY_NODE_INFORMATION* record, uint64_t scope, uint64_t* subscope,
+                                    void* data, int32_t depth, uint32_t flags);
+
+/* Walks everything below an open key (KEY_ENUMERATE_SUB_KEYS), depth first, at most 256 levels; links are
+ * keys of their own, never followed. A Win32 code, 0 on success. Descriptors that taking ownership displaced
+ * are written back when the callback and the descent have finished with their key. */
+DWORD regScan(HANDLE key, regScanCallback callback, uint64_t scope, void* data, uint32_t flags);
+
+/* Deletes the key of this name below the root; with REG_RECURSIVE everything below it first. Under
+ * REG_IGNORE_MISSING a missing key is success. A link is deleted as itself. A Win32 code; nothing is undone
+ * after a failure. */
+DWORD regDeleteKeyU(HANDLE root, const UNICODE_STRING* name, uint32_t flags);
+
+/* What a link mapping answers for a symbolic link that a copy meets. */
+enum regLinkMapResult : uint32_t {
+    LINK_MAP_SKIP = 0, /* leave it out */
+    LINK_MAP_SAME = 1, /* a link to the same target */
+    LINK_MAP_NEW = 2,  /* a link to the terminated text that the callback has put at the start of newTarget */
+    LINK_MAP_DELETE =
+        3,            /* delete the destination's key of this name; asked again, another answer is needed */
+    LINK_MAP_FAIL = 4 /* end the copy */
+};
+
+typedef uint32_t (*regLinkMapCallback)(const WCHAR* target, memBuf* newTarget, void* data);
+
+/* Copies everything below one key to below another: keys with title index, class, values and owner, group and
+ * DACL (REG_NO_VALUES, REG_NO_SECURITY leave those out), and the source's own values. Without linkMap
+ * symbolic links are left out. The source must allow enumerating and querying, the target setting values. A
+ * Win32 code; what was copied before a failure stays. */
+DWORD regCopyKey(HANDLE source, HANDLE target, regLinkMapCallback linkMap, void* linkMapData, uint32_t flags);
+
 #endif

@@ -425,3 +425,46 @@ DWORD sidReplaceInFileSD(const WCHAR* path, const uint8_t* sidOld, const uint8_t
         if (error != 0) return error;
     }
 }
+
+/* ---- Descriptors of keys ---- */
+
+DWORD sidQueryKeySD(HANDLE key, const UNICODE_STRING* name, memBuf* buffer) {
+    for (;;) {
+        DWORD length = buffer->size;
+        const LSTATUS error =
+            RegGetKeySecurity(static_cast<HKEY>(key), _wholeDescriptor, buffer->data, &length);
+        if (error == ERROR_SUCCESS) return 0;
+        if (error != ERROR_INSUFFICIENT_BUFFER || length <= buffer->size ||
+            length > UINT32_MAX - _growthRoom) {
+            OMBRA_LOG(OMBRA_ERROR, "Win API call %hs returned %d for %wZ", "RegGetKeySecurity", error, name);
+            return static_cast<DWORD>(error);
+        }
+        if (!memBufResize(buffer, length + _growthRoom)) return ERROR_NOT_ENOUGH_MEMORY;
+    }
+}
+
+DWORD sidReplaceInKeySD(HANDLE key, const UNICODE_STRING* name, const uint8_t* sidOld, const uint8_t* sidNew,
+                        uint32_t size, int exact, int simulate, memBuf* buffer) {
+    for (int writes = 0;;) {
+        int touched = 0;
+        DWORD error = sidQueryKeySD(key, name, buffer);
+        if (error == 0)
+            error = sidReplaceInSDInternal(buffer->data, sidOld, sidNew, size, name, exact, &touched);
+        if (error != 0 || !touched) return error;
+        if (simulate) {
+            OMBRA_LOG(OMBRA_INFO, "Found old SID in key SD %wZ (simulation mode)", name);
+            return 0;
+        }
+        if (++writes > _mostWrites) {
+            OMBRA_LOG(OMBRA_ERROR, "Failed to replace old SID in key SD %wZ", name);
+            return ERROR_INTERNAL_ERROR;
+        }
+        const LSTATUS written = RegSetKeySecurity(static_cast<HKEY>(key), _wholeDescriptor, buffer->data);
+        if (written != ERROR_SUCCESS) {
+            OMBRA_LOG(OMBRA_ERROR, "Win API call %hs returned %d for %wZ", "RegSetKeySecurity", written,
+                      name);
+            return static_cast<DWORD>(written);
+        }
+        OMBRA_LOG(OMBRA_DEBUG, "Replaced old SID in key SD %wZ", name);
+    }
+}

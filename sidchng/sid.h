@@ -65,4 +65,13 @@ DWORD sidReplaceInSDInternal(void* descriptor, const uint8_t* sidOld, const uint
 DWORD sidReplaceInFileSD(const WCHAR* path, const uint8_t* sidOld, const uint8_t* sidNew, uint32_t size,
                          int exact, int simulate, memBuf* buffer);
 
+/* Reads the whole descriptor of an open key (owner, group, DACL, SACL) to the start of buffer, which grows. A
+ * Win32 code. */
+DWORD sidQueryKeySD(HANDLE key, const UNICODE_STRING* name, memBuf* buffer);
+
+/* The same for an open key as sidReplaceInFileSD for a file, but for the seizing: the key carries
+ * ACCESS_SYSTEM_SECURITY, READ_CONTROL, WRITE_DAC and WRITE_OWNER, or the operation fails. */
+DWORD sidReplaceInKeySD(HANDLE key, const UNICODE_STRING* name, const uint8_t* sidOld, const uint8_t* sidNew,
+                        uint32_t size, int exact, int simulate, memBuf* buffer);
+
 #endif

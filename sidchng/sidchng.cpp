@@ -3,6 +3,7 @@
 
 #include "common/log.h"
 #include "common/wide.h"
+#include "regtk/regtk.h"
 #include "sidchng/sid.h"
 
 /* ---- Seizing a file ---- */
@@ -184,4 +185,81 @@ DWORD sidReplaceInPath(const WCHAR* path, uint32_t flags, const uint8_t* sidOld,
     memBufFree(&walk.path);
     memBufFree(&walk.descriptor);
     return error;
+}
+
+/* ---- Selected registry paths ---- */
+
+static constexpr ACCESS_MASK _pathAccess = ACCESS_SYSTEM_SECURITY | WRITE_OWNER | WRITE_DAC | READ_CONTROL |
+                                           KEY_QUERY_VALUE | KEY_SET_VALUE | KEY_CREATE_SUB_KEY |
+                                           KEY_ENUMERATE_SUB_KEYS | KEY_NOTIFY;
+
+static const WCHAR* const _versionValues[] = {TEXT("Sid"), TEXT("Security"), nullptr};
+static const WCHAR* const _appIdValues[] = {TEXT("AccessPermission"), TEXT("LaunchPermission"), nullptr};
+
+static constexpr uint32_t _valuesAndNames = SID_RECURSIVE | SID_REPLACE_VALUES | SID_REPLACE_NAMES;
+static constexpr uint32_t _valuesOnly = SID_RECURSIVE | SID_REPLACE_VALUES;
+
+static const sidKeyPath selectedKeyPaths[] = {
+    {TEXT("SECURITY\\Policy"), _valuesAndNames, nullptr},
+    {TEXT("SECURITY\\SAM\\Domains"), _valuesAndNames, nullptr},
+    {TEXT("SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion"), _valuesAndNames, _versionValues},
+    {TEXT("SOFTWARE\\Microsoft\\Windows\\CurrentVersion"), _valuesAndNames, nullptr},
+    {TEXT("SYSTEM\\CurrentControlSet\\Services"), _valuesOnly, nullptr},
+    {TEXT("SOFTWARE\\Classes\\AppID"), _valuesOnly, _appIdValues},
+    {nullptr, 0, nullptr},
+};
+
+DWORD sidReplaceInKeyPath(HKEY root, uint32_t flags, const WCHAR* path, const WCHAR* const* valueNames,
+                          const uint8_t* sidOld, uint32_t sidOldSize, const uint8_t* sidNew,
+                          uint32_t sidNewSize) {
+    DWORD error = 0;
+    HANDLE key = nullptr;
+    const uint32_t openFlags = REG_TAKE_OWNERSHIP | ((flags & SID_OPTIONAL) != 0 ? REG_IGNORE_MISSING : 0u);
+    if (!regOpenKey(root, path, _pathAccess, openFlags, &key, &error)) return error;
+    error = sidReplaceInKey(key, flags, valueNames, sidOld, sidOldSize, sidNew, sidNewSize);
+    RegCloseKey(static_cast<HKEY>(key));
+    return error;
+}
+
+DWORD sidReplaceInKeyPaths(HKEY root, uint32_t flags, const sidKeyPath* table, const uint8_t* sidOld,
+                           uint32_t sidOldSize, const uint8_t* sidNew, uint32_t sidNewSize) {
+    for (const sidKeyPath* row = table; row->flags != 0; row++) {
+        const DWORD error = sidReplaceInKeyPath(root, row->flags | flags, row->path, row->valueNames, sidOld,
+                                                sidOldSize, sidNew, sidNewSize);
+        if (error != 0) return error;
+    }
+    return 0;
+}
+
+DWORD sidReplaceInSelectedKeys(HKEY root, uint32_t flags, const uint8_t* sidOld, uint32_t sidOldSize,
+                               const uint8_t* sidNew, uint32_t sidNewSize) {
+    return sidReplaceInKeyPaths(root, flags, selectedKeyPaths, sidOld, sidOldSize, sidNew, sidNewSize);
+}
+
+/* ---- The file server's GUID ---- */
+
+static const WCHAR _serverKey[] = TEXT("SYSTEM\\CurrentControlSet\\Services\\lanmanserver\\Parameters");
+static const WCHAR _serverValue[] = TEXT("Guid");
+
+DWORD lanmanServerReplaceGuid(HKEY root) {
+    UUID uuid;
+    const RPC_STATUS status = UuidCreate(&uuid);
+    if (status != RPC_S_OK && status != RPC_S_UUID_LOCAL_ONLY) {
+        OMBRA_LOG(OMBRA_ERROR, "Win API call %hs returned %d", "UuidCreate", status);
+        return static_cast<DWORD>(status);
+    }
+    HKEY key = nullptr;
+    LSTATUS error = RegOpenKeyExW(root, _serverKey, 0, KEY_WRITE, &key);
+    if (error != ERROR_SUCCESS) {
+        OMBRA_LOG(OMBRA_ERROR, "Win API call %hs returned %d for %ws", "RegOpenKeyEx", error, _serverKey);
+        return static_cast<DWORD>(error);
+    }
+    error =
+        RegSetValueExW(key, _serverValue, 0, REG_BINARY, reinterpret_cast<const BYTE*>(&uuid), sizeof uuid);
+    if (error != ERROR_SUCCESS) {
+        OMBRA_LOG(OMBRA_ERROR, "Win API call %hs returned %d for %ws\\%ws", "RegSetValueEx", error,
+                  _serverKey, _serverValue);
+    }
+    RegCloseKey(key);
+    return static_cast<DWORD>(error);
 }

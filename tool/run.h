@@ -35,6 +35,20 @@ optionsOutcome parseOptions(runState* run, int argc, WCHAR** argv);
     } while (0)
 void writeProgress(const char* format, ...);
 
+/* Characters of a registry name or path that the sweeps can take. */
+constexpr uint32_t nameRoom = 260;
+
+/* Sweeps every child of a root; rootName serves the messages. Always 0: what fails is reported and passed
+ * over. */
+DWORD updateSubkeys(const runState* run, HKEY root, const WCHAR* rootName);
+
+/* Sweeps one key below HKEY_LOCAL_MACHINE. The Win32 code of its opening. */
+DWORD updateKey(const runState* run, const WCHAR* name);
+
+/* Sweeps the hives of the users who are not logged on. A Win32 code; only the profile list itself can fail
+ * it. */
+DWORD updateProfiles(const runState* run);
+
 /* Rewrites the descriptors on all fixed drives and flushes the volumes. runStatus becomes the first drive's
  * error. */
 void sweepVolumes(runState* run);

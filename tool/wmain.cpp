@@ -4,7 +4,7 @@
 #include "common/privilege.h"
 #include "regtk/regtk.h"
 #include "sidchng/sid.h"
-#include "sidchng/sidflags.h"
+#include "sidchng/sidchng.h"
 #include "tool/run.h"
 #include "tool/text_format.h"
 
@@ -40,16 +40,34 @@ static DWORD _makeTexts(runState* run) {
     return error;
 }
 
+/* The registry's phases. The first that fails ends the run. */
+static DWORD _treatRegistry(const runState* run) {
+    PROGRESS("scanning selected registry paths ...\n");
+    DWORD error = sidReplaceInSelectedKeys(HKEY_LOCAL_MACHINE, run->sidFlags, run->sidOld, run->sidOldSize,
+                                           run->sidNew, run->sidNewSize);
+    if (error != 0) return error;
+    PROGRESS("changing lanman server GUID ...\n");
+    error = lanmanServerReplaceGuid(HKEY_LOCAL_MACHINE);
+    if (error != 0 || run->fastScan) return error;
+    error = updateSubkeys(run, HKEY_LOCAL_MACHINE, TEXT("HKEY_LOCAL_MACHINE"));
+    if (error == 0) error = updateSubkeys(run, HKEY_USERS, TEXT("HKEY_USERS"));
+    if (error == 0) error = updateProfiles(run);
+    return error;
+}
+
 /* The run, step by step; a step that fails is the run's end, but for the volume sweep, which keeps its first
  * error and goes on. */
 static void _performRun(runState* run) {
     DWORD error = _getSids(run);
     if (error == 0) error = _makeTexts(run);
+    if (error == 0) {
+        PROGRESS("%s -> %s\n", run->sidOldText, run->sidNewText);
+        error = _treatRegistry(run);
+    }
     if (error != 0) {
         run->runStatus = static_cast<int32_t>(error);
         return;
     }
-    PROGRESS("%s -> %s\n", run->sidOldText, run->sidNewText);
     sweepVolumes(run);
     completeRun(run);
 }

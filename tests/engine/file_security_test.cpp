@@ -46,10 +46,7 @@ void answerFor(File* file) {
         if (!file->holdsOld) memcpy(file->stored.data(), descriptor, file->stored.size());
         return TRUE;
     };
-    answer.GetTokenInformation = [](HANDLE, TOKEN_INFORMATION_CLASS, LPVOID buffer, DWORD, LPDWORD) {
-        static_cast<TOKEN_OWNER*>(buffer)->Owner = fakeHandle(0x77);
-        return TRUE;
-    };
+    answerForToken(fakeHandle(0x77), TokenOwner);
     answer.SetNamedSecurityInfoW = [=](LPWSTR at, SE_OBJECT_TYPE type, SECURITY_INFORMATION information,
                                        PSID owner, PSID group, PACL dacl, PACL sacl) {
         note("set %d %#x %Ix", type, information, numberOf(owner));
@@ -102,50 +99,50 @@ using FileSecurity = Scripted;
 TEST_F(FileSecurity, EveryRoadThroughReadingAndWriting) {
     const struct {
         File file;
-        DWORD result;
         std::string road;
+        DWORD result;
         bool simulate = false;
     } rows[] = {
-        {{clean, {}, {}, {}}, 0, "r512"},
-        {{owned, {}, {}, {}}, 0, "r512, -o, w, done, r512"},
-        {{listed, {}, {}, {}}, 0, "r512, -d, -d, w, done, r512"},
-        {{both, {}, {}, {}}, 0, "r512, -o, w, done, r512, -g, w, done, r512"},
-        {{owned, {}, {}, {}, 0, true}, 1359, "r512, -o, w, done, r512, -o, w, done, r512, -o, ! limit"},
-        {{both, {}, {}, {}}, 0, "r512, -o, found", true},
-        {{clean, {}, {}, {}}, 0, "r512", true},
-        {{owned, {2}, {}, {}}, 2, "r512, ! GetFileSecurity 2"},
-        {{owned, {}, {112}, {}}, 112, "r512, -o, w, ! SetFileSecurity 112"},
-        {{both, {}, {0, 19}, {}}, 19, "r512, -o, w, done, r512, -g, w, ! SetFileSecurity 19"},
+        {{clean, {}, {}, {}}, "r512", 0},
+        {{owned, {}, {}, {}}, "r512, -o, w, done, r512", 0},
+        {{listed, {}, {}, {}}, "r512, -d, -d, w, done, r512", 0},
+        {{both, {}, {}, {}}, "r512, -o, w, done, r512, -g, w, done, r512", 0},
+        {{owned, {}, {}, {}, 0, true}, "r512, -o, w, done, r512, -o, w, done, r512, -o, ! limit", 1359},
+        {{both, {}, {}, {}}, "r512, -o, found", 0, true},
+        {{clean, {}, {}, {}}, "r512", 0, true},
+        {{owned, {2}, {}, {}}, "r512, ! GetFileSecurity 2", 2},
+        {{owned, {}, {112}, {}}, "r512, -o, w, ! SetFileSecurity 112", 112},
+        {{both, {}, {0, 19}, {}}, "r512, -o, w, done, r512, -g, w, ! SetFileSecurity 19", 19},
         /* growth, by what is needed and 256 bytes */
-        {{large, {}, {}, {}}, 0, "r512, r856"},
-        {{padded(clean, 513), {}, {}, {}}, 0, "r512, r769"},
-        {{padded(clean, 2000), {122}, {}, {}, 600}, 0, "r512, r856, r2256"},
-        {{owned, {122}, {}, {}, 512}, 122, "r512, ! GetFileSecurity 122"},
-        {{owned, {122}, {}, {}, 0xFFFFFF80}, 122, "r512, ! GetFileSecurity 122"},
+        {{large, {}, {}, {}}, "r512, r856", 0},
+        {{padded(clean, 513), {}, {}, {}}, "r512, r769", 0},
+        {{padded(clean, 2000), {122}, {}, {}, 600}, "r512, r856, r2256", 0},
+        {{owned, {122}, {}, {}, 512}, "r512, ! GetFileSecurity 122", 122},
+        {{owned, {122}, {}, {}, 0xFFFFFF80}, "r512, ! GetFileSecurity 122", 122},
         /* refused reads */
-        {{clean, {5}, {}, {}}, 0, "r512, seize, lost, r512"},
-        {{owned, {5}, {}, {}}, 0, "r512, seize, lost, r512, -o, w, done, r512"},
-        {{owned, {5, 5}, {}, {}}, 5, "r512, seize, lost, r512, ! GetFileSecurity 5"},
-        {{owned, {5, 32}, {}, {}}, 32, "r512, seize, lost, r512, ! GetFileSecurity 32"},
-        {{large, {5}, {}, {}}, 0, "r512, seize, lost, r512, r856"},
-        {{large, {5, 0, 5}, {}, {}}, 0, "r512, seize, lost, r512, r856, seize, lost, r856"},
+        {{clean, {5}, {}, {}}, "r512, seize, lost, r512", 0},
+        {{owned, {5}, {}, {}}, "r512, seize, lost, r512, -o, w, done, r512", 0},
+        {{owned, {5, 5}, {}, {}}, "r512, seize, lost, r512, ! GetFileSecurity 5", 5},
+        {{owned, {5, 32}, {}, {}}, "r512, seize, lost, r512, ! GetFileSecurity 32", 32},
+        {{large, {5}, {}, {}}, "r512, seize, lost, r512, r856", 0},
+        {{large, {5, 0, 5}, {}, {}}, "r512, seize, lost, r512, r856, seize, lost, r856", 0},
         {{owned, {5}, {}, {0, 1307}},
-         5,
-         "r512, take, owner, list, ! SetNamedSecurityInfo 1307, close, ! GetFileSecurity 5"},
+         "r512, take, owner, list, ! SetNamedSecurityInfo 1307, close, ! GetFileSecurity 5",
+         5},
         {{clean, {5}, {}, {1307}},
-         0,
-         "r512, take, owner, ! SetNamedSecurityInfo 1307, list, close, lost, r512"},
-        {{owned, {5}, {}, {}}, 5, "r512, ! GetFileSecurity 5", true},
+         "r512, take, owner, ! SetNamedSecurityInfo 1307, list, close, lost, r512",
+         0},
+        {{owned, {5}, {}, {}}, "r512, ! GetFileSecurity 5", 5, true},
         /* refused writes */
-        {{owned, {}, {5}, {}}, 0, "r512, -o, w, seize, w, done, r512"},
-        {{owned, {}, {5, 5}, {}}, 5, "r512, -o, w, seize, w, ! SetFileSecurity 5"},
-        {{owned, {}, {5, 112}, {}}, 112, "r512, -o, w, seize, w, ! SetFileSecurity 112"},
+        {{owned, {}, {5}, {}}, "r512, -o, w, seize, w, done, r512", 0},
+        {{owned, {}, {5, 5}, {}}, "r512, -o, w, seize, w, ! SetFileSecurity 5", 5},
+        {{owned, {}, {5, 112}, {}}, "r512, -o, w, seize, w, ! SetFileSecurity 112", 112},
         {{owned, {}, {5}, {0, 1307}},
-         5,
-         "r512, -o, w, take, owner, list, ! SetNamedSecurityInfo 1307, close, ! SetFileSecurity 5"},
+         "r512, -o, w, take, owner, list, ! SetNamedSecurityInfo 1307, close, ! SetFileSecurity 5",
+         5},
         {{both, {0, 5}, {5, 0, 5}, {}},
-         0,
-         "r512, -o, w, seize, w, done, r512, seize, lost, r512, -g, w, seize, w, done, r512"},
+         "r512, -o, w, seize, w, done, r512, seize, lost, r512, -g, w, seize, w, done, r512",
+         0},
     };
     for (const auto& row : rows) {
         SetUp();
@@ -184,35 +181,22 @@ TEST_F(FileSecurity, FailuresBesideTheFileCalls) {
 
 TEST_F(FileSecurity, SeizingAFile) {
     const struct {
-        DWORD open, query, needed;
+        DWORD open, query, needed, result;
         std::vector<DWORD> seizures;
-        DWORD result;
         std::string road;
     } rows[] = {
-        {0, 0, 88, {}, 0, "seize"},
-        {0, 0, 20, {1307, 0}, 0, "take, owner, ! SetNamedSecurityInfo 1307, list, close"},
-        {0, 0, 20, {0, 1307}, 1307, "take, owner, list, ! SetNamedSecurityInfo 1307, close"},
-        {5, 0, 20, {}, 5, "! OpenProcessToken 5"},
-        {0, 998, 89, {}, 998, "! GetTokenInformation 998, close"},
-        {0, 0, 89, {}, 1359, "! 89 (88 allocated), close"},
+        {0, 0, 88, 0, {}, "seize"},
+        {0, 0, 20, 0, {1307, 0}, "take, owner, ! SetNamedSecurityInfo 1307, list, close"},
+        {0, 0, 20, 1307, {0, 1307}, "take, owner, list, ! SetNamedSecurityInfo 1307, close"},
+        {5, 0, 20, 5, {}, "! OpenProcessToken 5"},
+        {0, 998, 89, 998, {}, "! GetTokenInformation 998, close"},
+        {0, 0, 89, 1359, {}, "! 89 (88 allocated), close"},
     };
     for (const auto& row : rows) {
         SetUp();
         File file = {{}, {}, {}, row.seizures};
         answerFor(&file);
-        answer.OpenProcessToken = [&](HANDLE, DWORD access, PHANDLE token) {
-            EXPECT_EQ(access, TOKEN_QUERY);
-            if (row.open != 0) return failWith(row.open);
-            *token = fakeHandle(0x70);
-            return TRUE;
-        };
-        answer.GetTokenInformation = [&](HANDLE, TOKEN_INFORMATION_CLASS infoClass, LPVOID buffer, DWORD size,
-                                         LPDWORD needed) {
-            EXPECT_TRUE(infoClass == TokenOwner && size == 88 && *needed == 88);
-            static_cast<TOKEN_OWNER*>(buffer)->Owner = fakeHandle(0x77);
-            *needed = row.needed;
-            return row.query != 0 ? failWith(row.query) : TRUE;
-        };
+        answerForToken(fakeHandle(0x77), TokenOwner, row.open, row.query, row.needed);
         EXPECT_EQ(takeFileOwnership(path), row.result);
         EXPECT_EQ(road(), row.road);
     }

@@ -137,9 +137,7 @@ TEST_F(Names, WorkBufferOfRenamings) {
     const Renaming renaming(name, 2 * name.size(), longer, 0, &buffer);
     EXPECT_EQ(renaming.error, DWORD{ERROR_NOT_ENOUGH_MEMORY});
     EXPECT_EQ(renaming.changed, 0);
-    EXPECT_EQ(renaming.result.Buffer, nullptr);
-    EXPECT_EQ(buffer.data, nullptr);
-    EXPECT_EQ(buffer.size, 0u);
+    EXPECT_TRUE(renaming.result.Buffer == nullptr && buffer.data == nullptr && buffer.size == 0);
 
     const std::u16string system = u"S-1-5-18";
     const UNICODE_STRING other = counted(system);

@@ -22,12 +22,7 @@ TEST_F(Privilege, OutcomesOfEachCall) {
     for (const auto& row : rows) {
         SetUp();
         DWORD attributes = SE_PRIVILEGE_ENABLED;
-        answer.OpenProcessToken = [&](HANDLE, DWORD access, PHANDLE token) {
-            EXPECT_EQ(access, TOKEN_ADJUST_PRIVILEGES);
-            if (row.open != 0) return failWith(row.open);
-            *token = fakeHandle(0x70);
-            return TRUE;
-        };
+        answerForToken(nullptr, TokenUser, row.open);
         answer.LookupPrivilegeValueW = [&](LPCWSTR system, LPCWSTR name, PLUID luid) {
             note("look up");
             EXPECT_EQ(system, nullptr);

@@ -149,20 +149,33 @@ UNICODE_STRING counted(const std::u16string& characters) {
     return {length, length, const_cast<WCHAR*>(characters.data())};
 }
 
+void answerForToken(PSID sid, TOKEN_INFORMATION_CLASS asked, DWORD open, DWORD query, DWORD length) {
+    answer.OpenProcessToken = [=](HANDLE, DWORD access, PHANDLE token) {
+        EXPECT_TRUE(access == TOKEN_QUERY || access == TOKEN_ADJUST_PRIVILEGES);
+        if (open != 0) return failWith(open);
+        *token = fakeHandle(0x70);
+        return TRUE;
+    };
+    answer.GetTokenInformation = [=](HANDLE, TOKEN_INFORMATION_CLASS given, LPVOID buffer, DWORD size,
+                                     LPDWORD needed) {
+        EXPECT_TRUE(given == asked && size == 88 && *needed == 88);
+        memcpy(buffer, &sid, sizeof sid);  // the first field of both records
+        *needed = length;
+        return query != 0 ? failWith(query) : TRUE;
+    };
+    answer.CloseHandle = [](HANDLE handle) {
+        note("CloseHandle %Ix", numberOf(handle));
+        return TRUE;
+    };
+}
+
 void Scripted::SetUp() {
     answer = {};
     refusal = {};
     events.clear();
     allocationsLeft = -1;
     ombraSetLogger(_record);
-    answer.OpenProcessToken = [](HANDLE, DWORD, PHANDLE token) {
-        *token = fakeHandle(0x70);
-        return TRUE;
-    };
-    answer.CloseHandle = [](HANDLE handle) {
-        note("CloseHandle %Ix", numberOf(handle));
-        return TRUE;
-    };
+    answerForToken(nullptr);
 }
 
 void Scripted::TearDown() {
@@ -182,7 +195,7 @@ static void _append(Bytes* bytes, const Bytes& more) {
     bytes->insert(bytes->end(), more.begin(), more.end());
 }
 
-Bytes sid(std::vector<uint32_t> subAuthorities) {
+Bytes sid(const std::vector<uint32_t>& subAuthorities) {
     Bytes bytes = {1, static_cast<uint8_t>(subAuthorities.size()), 0, 0, 0, 0, 0, 5};
     for (const uint32_t number : subAuthorities) _append(&bytes, number, 4);
     return bytes;

@@ -51,7 +51,12 @@ uintptr_t numberOf(const void* handle);
 UNICODE_STRING counted(const std::u16string& characters);
 UNICODE_STRING counted(std::u16string&&) = delete; /* would not outlive the call */
 
-/* Starts each test with no answers, no events and a hook that records; a token answers as numberOf 0x70. */
+/* The process's token, numberOf 0x70: what opening and querying it fail with, or 0, and the length that a
+ * query reports; the SID is its user or owner, as must be asked. */
+void answerForToken(PSID sid, TOKEN_INFORMATION_CLASS asked = TokenUser, DWORD open = 0, DWORD query = 0,
+                    DWORD length = 88);
+
+/* Starts each test with no answers, no events and a hook that records. */
 class Scripted : public testing::Test {
 protected:
     void SetUp() override;
@@ -60,7 +65,7 @@ protected:
 
 /* ---- SIDs and descriptors ---- */
 
-Bytes sid(std::vector<uint32_t> subAuthorities);
+Bytes sid(const std::vector<uint32_t>& subAuthorities);
 Bytes derived(const Bytes& from, uint32_t rid);
 
 /* A pair of machine SIDs, and an account of another issuer. */

@@ -78,24 +78,20 @@ TEST_F(SidValues, MachineSidFromTheAccountValue) {
         std::string road; /* between opening and closing the key */
     } rows[] = {
         {"SID up to the last byte", {accountValue(72, 0)}, 0, "probe, read 72"},
-        {"SID inside", {accountValue(100, 7)}, 0, "probe, read 100"},
         {"probe answered with 234", {accountValue(80, 8), REG_BINARY, 234}, 0, "probe, read 80"},
         {"empty", {{}}, 13, "probe, ! data"},
         {"47 bytes", {accountValue(47, 0)}, 13, "probe, ! data"},
         {"48 bytes", {accountValue(48, 0)}, 13, "probe, read 48, ! data"},
         {"71 bytes", {accountValue(71, 0)}, 13, "probe, read 71, ! data"},
         {"one byte past the end", {accountValue(80, 9)}, 13, "probe, read 80, ! data"},
-        {"offset back to the header", {accountValue(72, 0xFFFFFFD0)}, 13, "probe, read 72, ! data"},
         {"offset that wraps to the end", {accountValue(72, 0xFFFFFFE8)}, 13, "probe, read 72, ! data"},
         {"largest offset", {accountValue(72, 0xFFFFFFFF)}, 13, "probe, read 72, ! data"},
         {"length 23", {accountValue(100, 0, 23)}, 13, "probe, read 100, ! data"},
         {"length 25", {accountValue(100, 0, 25)}, 13, "probe, read 100, ! data"},
         {"another type", {accountValue(72, 0), REG_DWORD}, 13, "probe, ! data"},
-        {"shorter at the read", {accountValue(90, 0), REG_BINARY, 0, 0, 71}, 13, "probe, read 90, ! data"},
         {"too short at the read", {accountValue(90, 0), REG_BINARY, 0, 0, 9}, 13, "probe, read 90, ! data"},
         {"revision", {accountWith(0, 2)}, 13, "probe, read 72, ! SID"},
         {"three sub-authorities", {accountWith(1, 3)}, 13, "probe, read 72, ! SID"},
-        {"five sub-authorities", {accountWith(1, 5)}, 13, "probe, read 72, ! SID"},
         {"authority 1", {accountWith(7, 1)}, 13, "probe, read 72, ! SID"},
         {"authority, first byte", {accountWith(2, 1)}, 13, "probe, read 72, ! SID"},
         {"first sub-authority", {accountWith(8, 20)}, 13, "probe, read 72, ! SID"},
@@ -174,26 +170,24 @@ TEST_F(SidValues, PairsThatCanBeReplaced) {
     authority[3] = 1;
     revision[0] = 2;
     const struct {
-        Bytes old;
-        uint32_t oldSize;
-        Bytes now;
-        uint32_t nowSize;
+        Bytes old, now;
+        uint32_t oldSize, nowSize;
         std::string refused; /* empty: a pair */
     } rows[] = {
-        {oldSid, 24, newSid, 24, ""},
-        {small, 12, small, 12, ""},
-        {five, 28, five, 28, ""},
-        {nothing, 24, newSid, 24, "null"},
-        {oldSid, 24, nothing, 24, "null"},
-        {sid({}), 8, newSid, 24, "Old SID too small (8 bytes)"},
-        {oldSid, 24, newSid, 11, "New SID too small (11 bytes)"},
-        {oldSid, 28, newSid, 20, "Old SID has invalid size (28, expected 24)"},
-        {oldSid, 24, newSid, 68, "New SID has invalid size (68, expected 24)"},
-        {revision, 24, newSid, 24, "Old SID has invalid revision (2, expected 1)"},
-        {oldSid, 24, authority, 24, "New SID has invalid authority"},
-        {administrators, 16, newSid, 24, "Old SID has invalid subauthority (32, expected 21)"},
-        {oldSid, 24, five, 28, "Incompatible SIDs (4 and 5 subauthorities)"},
-        {five, 28, small, 12, "Incompatible SIDs (5 and 1 subauthorities)"},
+        {oldSid, newSid, 24, 24, ""},
+        {small, small, 12, 12, ""},
+        {five, five, 28, 28, ""},
+        {nothing, newSid, 24, 24, "null"},
+        {oldSid, nothing, 24, 24, "null"},
+        {sid({}), newSid, 8, 24, "Old SID too small (8 bytes)"},
+        {oldSid, newSid, 24, 11, "New SID too small (11 bytes)"},
+        {oldSid, newSid, 28, 20, "Old SID has invalid size (28, expected 24)"},
+        {oldSid, newSid, 24, 68, "New SID has invalid size (68, expected 24)"},
+        {revision, newSid, 24, 24, "Old SID has invalid revision (2, expected 1)"},
+        {oldSid, authority, 24, 24, "New SID has invalid authority"},
+        {administrators, newSid, 16, 24, "Old SID has invalid subauthority (32, expected 21)"},
+        {oldSid, five, 24, 28, "Incompatible SIDs (4 and 5 subauthorities)"},
+        {five, small, 28, 12, "Incompatible SIDs (5 and 1 subauthorities)"},
     };
     for (const auto& row : rows) {
         events.clear();

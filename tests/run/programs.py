@@ -53,6 +53,10 @@ class ImageCase(unittest.TestCase):
         with open(self.path(name), "wb") as f: f.write(data)
         return self.path(name)
 
+    def contents(self, image, path):
+        """A file of a volume, read by a program that is not ours."""
+        return subprocess.run(["ntfscat", image, path], check=True, capture_output=True).stdout
+
     def assert_sound(self, image):
         """No structure of the volume's security stream is amiss, and no dirty mark is left."""
         said = subprocess.run(["ntfssecaudit", "-ar", image], capture_output=True)

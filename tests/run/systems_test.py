@@ -4,6 +4,8 @@ import lzma, os, shutil, struct, subprocess, sys, tempfile, unittest
 import programs
 from programs import ImageCase, PAIR, digest, need_shared, quillet
 
+CONFIG = "Windows/System32/config/"
+HIVES = [CONFIG + "SAM", CONFIG + "SECURITY", CONFIG + "SOFTWARE", CONFIG + "SYSTEM", "Users/alice/NTUSER.DAT", "Users/bob/NTUSER.DAT"]
 _directory = tempfile.mkdtemp(prefix="quillet-real-")
 
 
@@ -26,19 +28,45 @@ def ntfstool():
 
 
 class RealSystems(ImageCase):
-    def test_the_files_of_a_whole_run(self):
+    def audit(self, before, after, *options):
         auditor, = need_shared("tools/audit-system")
-        for options in ((), ("--whole-disk",)):
-            image, machine = real(*options)
-            after = self.copy(image, "after.img")
+        said = subprocess.run([auditor, before, after, *options], capture_output=True, text=True)
+        self.assertIn("as it should be", said.stdout, said.stdout + said.stderr)
+
+    def test_whole_fast_and_simulated_runs(self):
+        for disk in ((), ("--whole-disk",)):
+            image, machine = real(*disk)
+            for options, audited in (("-s", ["--simulated"]), ("-f", ["--fast"]), ("-", [])):
+                with self.subTest(disk + (options,)):
+                    after = self.copy(image, "after.img")
+                    done = quillet(options, system=after)
+                    self.assertEqual(done.status, 0, done.err)
+                    self.assertEqual(PAIR.search(done.out).group(1), machine)
+                    self.assertIn("scanning c: ...\n", done.out)
+                    self.assertTrue(done.out.endswith("completed successfully\n"))
+                    self.audit(image, after, *audited)
+
+    def test_run_after_run(self):
+        """Each finds the SID of the run before; nothing grows, and no descriptor is left over."""
+        hivecheck, tools = need_shared("tools/hivecheck", "tools")
+        sys.path.insert(0, tools)
+        import hive
+        image, old = real()
+        after, seen = self.copy(image, "after.img"), []
+        for turn in range(4):
+            if turn == 3: before = self.copy(after, "before.img")
             done = quillet(system=after)
             self.assertEqual(done.status, 0, done.err)
-            old, new = PAIR.search(done.out).groups()
-            self.assertEqual(old, machine)
-            self.assertIn("scanning c: ...\n", done.out)
-            self.assertTrue(done.out.endswith("completed successfully\n"))
-            audit = subprocess.run([auditor, image, after, "--files", new], capture_output=True, text=True)
-            self.assertIn("as it should be", audit.stdout, audit.stdout + audit.stderr)
+            found, new = PAIR.search(done.out).groups()
+            self.assertEqual(found, old)
+            old = new
+            seen.append({path: (hive.u32(data, 40), descriptors(hive, data)) for path in HIVES for data in [self.contents(after, path)]})
+        self.assertEqual(seen[1], seen[2])
+        self.assertEqual(seen[2], seen[3])
+        self.audit(before, after)
+        for path in HIVES:
+            checked = subprocess.run([hivecheck, self.write("hive", self.contents(after, path))], capture_output=True, text=True)
+            self.assertEqual(checked.returncode, 0, path + checked.stdout)
 
     def test_a_tree_that_is_too_deep(self):
         image, machine = real()
@@ -53,7 +81,7 @@ class RealSystems(ImageCase):
         subprocess.run([ntfstool(), "lay", deep], input="".join(rows).encode(), check=True)
         done = quillet("-q", system=deep)
         self.assertEqual(done.status, 1359 & 0xFF)
-        lines = done.error_lines()
+        lines = [line for line in done.error_lines() if not line.startswith("RegLoadKey(")]
         self.assertRegex(lines[0], r"^ERROR    \[sidchng/sidchng:\d+\] sidReplaceInPathImpl Too deep recursion in \\\\\?\\c:(\\d){257}$")
         self.assertEqual(lines[1:], ["sidReplaceInPath(c:) failed with code 1359", "quillet: the run's full exit status is 1359 (0x0000054F)"])
 
@@ -117,6 +145,14 @@ class BrokenHives(ImageCase):
                 self.assertEqual(len(done.error_lines()), 1, done.err)
                 self.assertRegex(done.err, r"^ERROR    \[sidchng/sid:\d+\] sidGetMachineSID %s$" % message)
                 self.assertEqual(digest(image), before)
+
+
+def descriptors(hive, data):
+    """How many descriptors the ring of a hive holds."""
+    first = at = hive.u32(data, hive.cell(data, hive.u32(data, 36))[0] + 44)
+    count = 0
+    while count == 0 or at != first: at, count = hive.u32(data, hive.cell(data, at)[0] + 4), count + 1
+    return count
 
 
 def settled(hive, data):

@@ -88,36 +88,36 @@ TEST(Options, LettersOrderAndErrors) {
         "  -q       quiet mode\n  -v[v]    verbose mode\n  -h       this help\n";
     const struct {
         std::vector<std::u16string> arguments;
-        optionsOutcome outcome;
         std::string set; /* the letters that have had their effect */
+        optionsOutcome outcome;
         int verbosity = 0;
-        std::string invalid = "";
+        std::string invalid = {};
     } rows[] = {
-        {{}, OPTIONS_RUN, ""},
-        {{u"-f"}, OPTIONS_RUN, "f"},
-        {{u"-fbrs"}, OPTIONS_RUN, "fbrs"},
-        {{u"-f", u"-", u"-s", u"-f"}, OPTIONS_RUN, "fs"},
-        {{u"-qv"}, OPTIONS_RUN, "", 0},
-        {{u"-qq"}, OPTIONS_RUN, "", -2},
-        {{u"-vvv", u"-q"}, OPTIONS_RUN, "", 2},
-        {{u"-h"}, OPTIONS_HELP, ""},
-        {{u"-vh"}, OPTIONS_HELP, "", 1},
-        {{u"-s", u"-h"}, OPTIONS_HELP, "s"},
-        {{u"-hz", u"x"}, OPTIONS_HELP, ""},
-        {{u"-h", u"-v"}, OPTIONS_HELP, "", 0},
-        {{u"-zh"}, OPTIONS_INVALID, "", 0, "-zh"},
-        {{u"-sd"}, OPTIONS_INVALID, "s", 0, "-sd"},
-        {{u"-F"}, OPTIONS_INVALID, "", 0, "-F"},
-        {{u"-f", u"file\u20AC", u"-h"}, OPTIONS_INVALID, "f", 0, "file\xE2\x82\xAC"},
-        {{u"--"}, OPTIONS_INVALID, "", 0, "--"},
-        {{u"-v-"}, OPTIONS_INVALID, "", 1, "-v-"},
-        {{u""}, OPTIONS_INVALID, "", 0, ""},
+        {{}, "", OPTIONS_RUN},
+        {{u"-f"}, "f", OPTIONS_RUN},
+        {{u"-fbrs"}, "fbrs", OPTIONS_RUN},
+        {{u"-f", u"-", u"-s", u"-f"}, "fs", OPTIONS_RUN},
+        {{u"-qv"}, "", OPTIONS_RUN, 0},
+        {{u"-qq"}, "", OPTIONS_RUN, -2},
+        {{u"-vvv", u"-q"}, "", OPTIONS_RUN, 2},
+        {{u"-h"}, "", OPTIONS_HELP},
+        {{u"-vh"}, "", OPTIONS_HELP, 1},
+        {{u"-s", u"-h"}, "s", OPTIONS_HELP},
+        {{u"-hz", u"x"}, "", OPTIONS_HELP},
+        {{u"-h", u"-v"}, "", OPTIONS_HELP, 0},
+        {{u"-zh"}, "", OPTIONS_INVALID, 0, "-zh"},
+        {{u"-sd"}, "s", OPTIONS_INVALID, 0, "-sd"},
+        {{u"-F"}, "", OPTIONS_INVALID, 0, "-F"},
+        {{u"-f", u"file\u20AC", u"-h"}, "f", OPTIONS_INVALID, 0, "file\xE2\x82\xAC"},
+        {{u"--"}, "", OPTIONS_INVALID, 0, "--"},
+        {{u"-v-"}, "", OPTIONS_INVALID, 1, "-v-"},
+        {{u""}, "", OPTIONS_INVALID, 0, ""},
     };
     for (const auto& row : rows) {
         std::vector<std::u16string> all = row.arguments;
         all.insert(all.begin(), u"-z");  // the program's name is no option
-        std::vector<WCHAR*> argv;
-        for (std::u16string& argument : all) argv.push_back(argument.data());
+        std::vector<WCHAR*> argv(all.size());
+        for (size_t i = 0; i < all.size(); i++) argv[i] = all[i].data();
         runState run = {};
         run.sidFlags = 0x1004;
         verbosity = 0;

@@ -53,6 +53,9 @@ NTSTATUS hiveCreate(uint32_t minor, std::u16string_view rootName, std::u16string
 /* Where a hive is saved. Offsets and sizes are in bytes of the hive file; a negative status ends the save. */
 struct HiveStore {
     virtual ~HiveStore() = default;
+
+    /* Asked before the hive is changed in memory: negative when nothing of it could be saved. */
+    virtual NTSTATUS beginChange() { return STATUS_SUCCESS; }
     virtual NTSTATUS write(uint64_t offset, std::span<const uint8_t> bytes) = 0;
     virtual NTSTATUS grow(uint64_t size) = 0; /* the file is to have at least this many bytes */
     virtual NTSTATUS flush() = 0;             /* on the medium when it returns */

@@ -1,5 +1,6 @@
 /* The start of the offline program: UTF-8 arguments to wmain, the installation's end, and the exit status. */
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -43,6 +44,7 @@ int main(int argc, char** argv) try {
     arguments.reserve(count + 1);
     for (std::u16string& text : texts) arguments.push_back(text.data());
     arguments.push_back(nullptr);
+    signal(SIGPIPE, SIG_IGN); /* a reader that has gone must not end a run half-way */
     offline::systemStart();
     const int status = wmain(argc, arguments.data(), nullptr);
     return exitStatus(endSystem(status));

@@ -29,7 +29,8 @@ NTSTATUS deletePlace(const Place& key) {
         removeLink(key);
         return STATUS_SUCCESS;
     }
-    const NTSTATUS status = hiveDeleteKey(*key.mount->hive, key.cell, timeNow());
+    NTSTATUS status = beginChange(key);
+    if (status >= 0) status = hiveDeleteKey(*key.mount->hive, key.cell, timeNow());
     if (status >= 0) markDeleted(key);
     return status;
 }
@@ -38,7 +39,8 @@ NTSTATUS deletePlace(const Place& key) {
 
 NTSTATUS setValue(const Place& key, std::u16string_view name, ULONG type, const void* data, size_t size) {
     if (name.size() > longestValueName || (data == nullptr && size != 0)) return STATUS_INVALID_PARAMETER;
-    const NTSTATUS status = checkLinkValue(key, name, type);
+    NTSTATUS status = checkLinkValue(key, name, type);
+    if (status >= 0) status = beginChange(key);
     if (status < 0) return status;
     const std::span bytes(static_cast<const uint8_t*>(data), size);
     return hiveSetValue(*key.mount->hive, key.cell, name, type, bytes, timeNow());

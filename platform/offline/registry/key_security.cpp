@@ -6,6 +6,7 @@
 
 #include "platform/offline/registry/guard.h"
 #include "platform/offline/registry/keys.h"
+#include "platform/offline/registry/mounts.h"
 #include "platform/offline/security/security.h"
 
 namespace offline {
@@ -36,6 +37,7 @@ NTSTATUS setSecurity(HKEY key, SECURITY_INFORMATION information, PSECURITY_DESCR
     std::vector<uint8_t> image;
     NTSTATUS status = useRegKey(key, accessToSet(information), place);
     if (status >= 0) status = descriptorSet(storedDescriptor(place), information, descriptor, image);
+    if (status >= 0) status = beginChange(place);
     return status < 0 ? status : hiveSetKeyDescriptor(*place.mount->hive, place.cell, image, timeNow());
 }
 

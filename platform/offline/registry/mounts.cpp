@@ -40,6 +40,11 @@ NTSTATUS addMount(const Place& parent, std::unique_ptr<Mount> mount) {
     return STATUS_SUCCESS;
 }
 
+NTSTATUS beginChange(const Place& place) {
+    HiveStore* const store = place.mount->store.get();
+    return store == nullptr ? STATUS_SUCCESS : store->beginChange();
+}
+
 NTSTATUS saveMount(Mount& mount) {
     return mount.store == nullptr ? STATUS_SUCCESS : hiveSave(*mount.hive, *mount.store);
 }

@@ -13,6 +13,9 @@ namespace offline {
  * the mount is gone then. May throw std::bad_alloc. */
 NTSTATUS addMount(const Place& parent, std::unique_ptr<Mount> mount);
 
+/* Whether the place's hive may be changed: STATUS_MEDIA_WRITE_PROTECTED where its file can only be read. */
+NTSTATUS beginChange(const Place& place);
+
 /* Writes the mount's changes back; nothing to do for one that is never saved. */
 NTSTATUS saveMount(Mount& mount);
 

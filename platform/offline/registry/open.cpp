@@ -8,6 +8,7 @@
 #include "platform/offline/base/text.h"
 #include "platform/offline/registry/guard.h"
 #include "platform/offline/registry/keys.h"
+#include "platform/offline/registry/mounts.h"
 #include "platform/offline/registry/resolve.h"
 #include "platform/offline/security/security.h"
 
@@ -77,6 +78,7 @@ NTSTATUS createBelow(const Place& parent, const NewKey& key, ACCESS_MASK access,
     if (status < 0) return status;
     std::vector<uint8_t> descriptor;
     status = descriptorForChild(descriptorOf(parent), keyMapping, descriptor);
+    if (status >= 0) status = beginChange(parent);
     if (status < 0) return status;
     Hive& hive = *parent.mount->hive;
     Place made{parent.mount, noCell};

@@ -19,29 +19,8 @@ const std::u16string* find(std::u16string_view name) {
     return nullptr;
 }
 
-/* Replaces every %NAME% that is known; the others stay as they stand. What was put in is not looked at again.
- */
-std::u16string expand(std::u16string_view text) {
-    std::u16string out;
-    while (!text.empty()) {
-        const size_t open = text.find(u'%');
-        const size_t close = open == text.npos ? text.npos : text.find(u'%', open + 1);
-        if (close == text.npos) break;
-        out += text.substr(0, open);
-        const std::u16string* value = find(text.substr(open + 1, close - open - 1));
-        if (value == nullptr) { /* the second sign may open a name of its own */
-            out += text.substr(open, close - open);
-            text.remove_prefix(close);
-            continue;
-        }
-        out += *value;
-        text.remove_prefix(close + 1);
-    }
-    return out.append(text);
-}
-
 void put(std::u16string_view name, std::u16string_view value) {
-    if (!value.empty() && find(name) == nullptr) strings.emplace_back(name, expand(value));
+    if (!value.empty() && find(name) == nullptr) strings.emplace_back(name, environmentExpand(value));
 }
 
 /* Everything that the machine sets for all its processes. */
@@ -62,6 +41,26 @@ void putMachineStrings(const Hive& system) {
 }
 
 } /* namespace */
+
+/* What is not known stays as it stands. What was put in is not looked at again. */
+std::u16string environmentExpand(std::u16string_view text) {
+    std::u16string out;
+    while (!text.empty()) {
+        const size_t open = text.find(u'%');
+        const size_t close = open == text.npos ? text.npos : text.find(u'%', open + 1);
+        if (close == text.npos) break;
+        out += text.substr(0, open);
+        const std::u16string* value = find(text.substr(open + 1, close - open - 1));
+        if (value == nullptr) { /* the second sign may open a name of its own */
+            out += text.substr(open, close - open);
+            text.remove_prefix(close);
+            continue;
+        }
+        out += *value;
+        text.remove_prefix(close + 1);
+    }
+    return out.append(text);
+}
 
 NTSTATUS environmentLoad(const Hive& system, const Hive& software, char letter,
                          std::u16string_view directory) try {
@@ -94,7 +93,7 @@ void environmentReset() {
 
 DWORD ExpandEnvironmentStringsW(LPCWSTR text, LPWSTR expanded, DWORD capacity) try {
     offline::systemNeeded();
-    const std::u16string full = offline::expand(text);
+    const std::u16string full = offline::environmentExpand(text);
     const size_t fits = capacity == 0 ? 0 : std::min<size_t>(full.size(), capacity - 1);
     full.copy(expanded, fits);
     if (capacity != 0) expanded[fits] = 0;

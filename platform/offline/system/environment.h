@@ -11,6 +11,9 @@ namespace offline {
 NTSTATUS environmentLoad(const Hive& system, const Hive& software, char letter,
                          std::u16string_view directory);
 
+/* Replaces every %NAME% that is known by its string; may throw std::bad_alloc. */
+std::u16string environmentExpand(std::u16string_view text);
+
 void environmentReset();
 
 } /* namespace offline */

@@ -1,5 +1,6 @@
 #include "platform/offline/system/installation.h"
 
+#include <algorithm>
 #include <new>
 
 #include "platform/offline/base/text.h"
@@ -12,12 +13,30 @@ constexpr uint64_t largestHive = uint64_t{2} << 30; /* bytes; the platform's own
 const std::u16string_view windowsDirectories[] = {u"Windows", u"WINNT"};
 const std::u16string_view configDirectory = u"\\System32\\config";
 
-/* Saves a hive in place, into the file that it was read from. */
+/* The files whose hives are open: a second hive on the same file would overwrite the first one's changes. */
+struct OpenHiveFile {
+    const Volume* volume;
+    FileRef file;
+    bool operator==(const OpenHiveFile&) const = default;
+};
+std::vector<OpenHiveFile> openHiveFiles;
+
+/* Saves a hive in place, into the file that it was read from, and keeps that in use. */
 struct VolumeHiveStore final : HiveStore {
     Volume& volume;
     FileRef file;
 
-    VolumeHiveStore(Volume& onVolume, FileRef inFile) : volume(onVolume), file(inFile) {}
+    VolumeHiveStore(Volume& onVolume, FileRef inFile) : volume(onVolume), file(inFile) {
+        openHiveFiles.push_back({&volume, file});
+    }
+    VolumeHiveStore(const VolumeHiveStore&) = delete;
+    VolumeHiveStore& operator=(const VolumeHiveStore&) = delete;
+    ~VolumeHiveStore() override { std::erase(openHiveFiles, OpenHiveFile{&volume, file}); }
+
+    /* An empty write is refused like any other, and the volume remembers that. */
+    NTSTATUS beginChange() override {
+        return volumeReadOnly(volume) ? volumeWriteFile(volume, file, 0, {}) : STATUS_SUCCESS;
+    }
 
     NTSTATUS write(uint64_t offset, std::span<const uint8_t> bytes) override {
         return volumeWriteFile(volume, file, offset, bytes);
@@ -108,6 +127,10 @@ std::string installationFileName(const InstallationVolume& place, std::u16string
 
 NTSTATUS readHiveFile(Volume& volume, FileRef file, const std::string& name, HivePtr& hive,
                       std::unique_ptr<HiveStore>& store, Problem& problem) {
+    if (std::find(openHiveFiles.begin(), openHiveFiles.end(), OpenHiveFile{&volume, file}) !=
+        openHiveFiles.end()) {
+        return refuse(problem, STATUS_SHARING_VIOLATION, name + " is in use");
+    }
     std::vector<uint8_t> bytes;
     NTSTATUS status = volumeReadFile(volume, file, largestHive, bytes);
     if (status < 0) {

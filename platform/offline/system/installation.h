@@ -46,7 +46,8 @@ std::string installationFileName(const InstallationVolume& place, std::u16string
 NTSTATUS installationReadHive(InstallationVolume& place, std::u16string_view path, HivePtr& hive,
                               std::unique_ptr<HiveStore>& store, Problem& problem);
 
-/* The same for a hive file by its reference; name is its name for a person. */
+/* The same for a hive file by its reference; name is its name for a person. A file whose hive is open already
+ * gives STATUS_SHARING_VIOLATION, until the store of that hive is gone. */
 NTSTATUS readHiveFile(Volume& volume, FileRef file, const std::string& name, HivePtr& hive,
                       std::unique_ptr<HiveStore>& store, Problem& problem);
 

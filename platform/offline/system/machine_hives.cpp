@@ -1,5 +1,6 @@
 #include "platform/offline/system/machine_hives.h"
 
+#include <array>
 #include <cstring>
 #include <new>
 
@@ -39,6 +40,58 @@ NTSTATUS linkSam(Problem& problem) {
     const NTSTATUS status =
         registryAddLink(u"\\Registry\\Machine\\SECURITY\\SAM", u"\\Registry\\Machine\\SAM\\SAM");
     return status >= 0 ? status : refuse(problem, status, "the SAM can't be linked to below SECURITY");
+}
+
+const std::u16string_view userRoot = u"\\Registry\\User\\";
+const std::u16string_view profileList = u"Microsoft\\Windows NT\\CurrentVersion\\ProfileList\\";
+
+/* Accounts whose hives a running system always has open. */
+const std::u16string_view serviceAccounts[] = {u"S-1-5-19", u"S-1-5-20"};
+
+/* Mounts the hive file at a path of the system volume as a user's; where there is no such file, nothing. */
+NTSTATUS mountUserHive(InstallationVolume& place, const std::u16string& path, std::u16string_view name,
+                       Problem& problem) {
+    FileRef file;
+    if (volumeFind(*place.volume, path, file) < 0) return STATUS_SUCCESS;
+    LoadedHive loaded;
+    NTSTATUS status = readHiveFile(*place.volume, file, installationFileName(place, path), loaded.hive,
+                                   loaded.store, problem);
+    if (status < 0) return status;
+    status =
+        registryMount(std::u16string(userRoot).append(name), std::move(loaded.hive), std::move(loaded.store));
+    return status >= 0 ? status
+                       : refuse(problem, status, "the hive of " + toUtf8(name) + " could not be mounted");
+}
+
+/* Where the accounts' profiles lie on the system volume, as the profile list of the SOFTWARE hive has them.
+ */
+std::array<std::u16string, std::size(serviceAccounts)> serviceProfiles(const Hive& software, char letter) {
+    std::array<std::u16string, std::size(serviceAccounts)> paths;
+    for (size_t i = 0; i < std::size(serviceAccounts); i++) {
+        const std::u16string key = std::u16string(profileList).append(serviceAccounts[i]);
+        const std::u16string path = environmentExpand(hiveText(software, key, u"ProfileImagePath"));
+        const bool here =
+            path.size() > 3 && upcase(path[0]) == static_cast<char16_t>(letter) && path[1] == u':';
+        if (here) paths[i] = path.substr(2) + u"\\NTUSER.DAT";
+    }
+    return paths;
+}
+
+/* HKEY_USERS as it is with nobody logged on. */
+NTSTATUS mountUsers(Installation& installation,
+                    const std::array<std::u16string, std::size(serviceAccounts)>& profiles,
+                    Problem& problem) {
+    InstallationVolume& place = installation.volumes[installation.systemVolume];
+    const std::u16string defaultPath = installationHivePath(installation, u"DEFAULT");
+    FileRef file;
+    const bool hasDefault = volumeFind(*place.volume, defaultPath, file) >= 0;
+    NTSTATUS status = mountUserHive(place, defaultPath, u".DEFAULT", problem);
+    for (size_t i = 0; i < std::size(serviceAccounts) && status >= 0; i++) {
+        if (!profiles[i].empty()) status = mountUserHive(place, profiles[i], serviceAccounts[i], problem);
+    }
+    if (status < 0 || !hasDefault) return status;
+    status = registryAddLink(u"\\Registry\\User\\S-1-5-18", u"\\Registry\\User\\.DEFAULT");
+    return status >= 0 ? status : refuse(problem, status, "the system account's hive can't be linked to");
 }
 
 /* RegLoadKeyW's way to a hive file by its Windows path. */
@@ -88,11 +141,13 @@ NTSTATUS mountAll(Installation& installation, Problem& problem) {
     status = environmentLoad(*loaded[systemHive].hive, *loaded[softwareHive].hive, place.letter,
                              installation.directory);
     if (status < 0) return refuse(problem, status, "out of memory");
+    const auto profiles = serviceProfiles(*loaded[softwareHive].hive, place.letter);
     for (size_t i = 0; i < machineHiveCount && status >= 0; i++) {
         status = mountMachineHive(hiveNames[i].name, std::move(loaded[i]), problem);
     }
     if (status >= 0) status = linkSam(problem);
     if (status >= 0 && controlSet != 0) status = linkControlSet(controlSet, problem);
+    if (status >= 0) status = mountUsers(installation, profiles, problem);
     if (status >= 0) registrySetLoader(loadByPath);
     return status;
 }

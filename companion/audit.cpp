@@ -1,0 +1,229 @@
+/* audit: where a machine's SID stands in an installation. */
+#include "companion/audit.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <optional>
+
+#include "companion/command.h"
+#include "companion/failure.h"
+#include "companion/json.h"
+#include "companion/machine.h"
+#include "platform/offline/base/text.h"
+#include "platform/offline/security/security.h"
+
+namespace companion {
+namespace {
+
+const char help[] =
+    "Usage: quillet-offline audit [OPTIONS] IMAGE... [SID]\n"
+    "\n"
+    "Looks for a machine's SID, and for those of its accounts, in the security descriptors of files and "
+    "keys,\n"
+    "in names of keys and in values, and counts what quillet would rewrite and what it leaves alone by "
+    "design.\n"
+    "Nothing is written. SID is the machine's of the installation when none is given; after a run of "
+    "quillet,\n"
+    "give the one from before. What can't be looked at goes to standard error, a line each. The exit status "
+    "is\n"
+    "0 when nothing that quillet treats holds the SID, 1 when something does, 2 when not all could be seen.\n"
+    "\n"
+    "Examples:\n"
+    "  quillet-offline audit practice.img\n"
+    "  quillet-offline audit practice.img S-1-5-21-1111-2222-3333\n"
+    "  quillet-offline audit --all system.img data.img       every place, on one machine with two disks";
+
+constexpr int exitFound = 1;
+
+struct Options {
+    std::vector<std::string> images;
+    std::string sid;
+    bool all = false;
+    bool json = false;
+};
+
+struct Words {
+    const char* label; /* for a person */
+    const char* name;  /* in JSON */
+    const char* one;   /* of one place */
+};
+constexpr std::array<Words, kindCount> kinds = {{
+    {"files", "files", "file"},
+    {"key descriptors", "keyDescriptors", "key descriptor"},
+    {"key names", "keyNames", "key name"},
+    {"values", "values", "value"},
+}};
+constexpr std::array<Words, leftCount> reasons = {{
+    {"entries of other types (object, callback)", "otherEntries", "entry of another type"},
+    {"key names outside the table", "keyNamesOutside", "outside the table"},
+    {"values outside the table", "valuesOutside", "outside the table"},
+    {"other value types", "otherValueTypes", "another type"},
+    {"text inside other text (a terminator counts)", "insideText", "inside other text"},
+    {"names of values", "valueNames", "name of a value"},
+}};
+
+const Words& wordsOf(Kind kind) {
+    return kinds[static_cast<size_t>(kind)];
+}
+
+const Words& wordsOf(Left left) {
+    return reasons[static_cast<size_t>(left)];
+}
+
+uint64_t sum(const std::array<uint64_t, kindCount>& counts) {
+    uint64_t all = 0;
+    for (const uint64_t count : counts) all += count;
+    return all;
+}
+
+/* ---- For a person ---- */
+
+/* A name on a disk must not look like more lines than one. */
+std::string shown(std::string text) {
+    for (char& letter : text) {
+        if (static_cast<unsigned char>(letter) < 0x20 || letter == 0x7F) letter = '?';
+    }
+    return text;
+}
+
+void printPlace(const Place& place) {
+    std::string text = place.left ? "left     " : "treated  ";
+    text += wordsOf(place.kind).one;
+    text += ", " + shown(place.path);
+    if (place.kind == Kind::value) text += ", \"" + shown(place.value) + "\"";
+    if (place.left) text += std::string(" (") + wordsOf(*place.left).one + ")";
+    printf("%s\n", text.c_str());
+}
+
+std::string conclusion(const Audit& audit, const std::string& sid) {
+    const uint64_t treated = sum(audit.treated);
+    std::string text = audit.problems.empty() ? "" : "not everything could be looked at; in the rest ";
+    if (treated == 0) return text + "nothing that quillet treats holds " + sid;
+    text += std::to_string(treated);
+    return text + (treated == 1 ? " place that quillet treats holds " : " places that quillet treats hold ") +
+           sid;
+}
+
+void print(const Audit& audit, const std::string& sid) {
+    printf("%-18s%10s%13s\n", "", "treated", "left alone");
+    for (size_t i = 0; i < kindCount; i++) {
+        printf("%-18s%10llu%13llu\n", kinds[i].label, static_cast<unsigned long long>(audit.treated[i]),
+               static_cast<unsigned long long>(audit.left[i]));
+    }
+    if (sum(audit.left) != 0) printf("\nleft alone\n");
+    for (size_t i = 0; i < leftCount; i++) {
+        if (audit.reasons[i] == 0) continue;
+        printf("  %-45s%7llu\n", reasons[i].label, static_cast<unsigned long long>(audit.reasons[i]));
+    }
+    printf("\n%s\n", conclusion(audit, sid).c_str());
+}
+
+/* ---- For programs ---- */
+
+void write(JsonWriter& json, const Place& place) {
+    json.open('{');
+    json.put("kind", wordsOf(place.kind).name);
+    json.put("treated", !place.left);
+    if (place.left) json.put("reason", wordsOf(*place.left).name);
+    json.put("path", place.path);
+    if (place.kind == Kind::value) json.put("value", place.value);
+    json.close('}');
+}
+
+void write(JsonWriter& json, const Audit& audit) {
+    json.put("treated", sum(audit.treated));
+    json.put("leftAlone", sum(audit.left));
+    for (size_t i = 0; i < kindCount; i++) {
+        json.open(kinds[i].name, '{');
+        json.put("treated", audit.treated[i]);
+        json.put("leftAlone", audit.left[i]);
+        json.close('}');
+    }
+    json.open("reasons", '{');
+    for (size_t i = 0; i < leftCount; i++) json.put(reasons[i].name, audit.reasons[i]);
+    json.close('}');
+    json.open("problems", '[');
+    for (const std::string& problem : audit.problems) json.item(problem);
+    json.close(']');
+}
+
+/* ---- The command ---- */
+
+[[noreturn]] void refuseSid(const std::string& text) {
+    throw Failure{"\"" + text + "\" is no machine SID; give one such as S-1-5-21-1111-2222-3333"};
+}
+
+/* The last of the images may be the SID. */
+void takeSid(Options& options) {
+    const std::string last = options.images.back();
+    if (last.rfind("S-1-", 0) == 0) {
+        if (!isMachineSid(offline::sidFromText(last))) refuseSid(last);
+        if (!options.sid.empty()) throw Failure{"two SIDs are given; give one"};
+        if (options.images.size() == 1) throw Failure{"no image is given; name one before the SID"};
+        options.sid = last;
+        options.images.pop_back();
+    }
+    if (!options.sid.empty() && !isMachineSid(offline::sidFromText(options.sid))) refuseSid(options.sid);
+}
+
+/* What was seen of a disk is known again by its path. */
+void refuseTwice(std::vector<std::string> images) {
+    std::sort(images.begin(), images.end());
+    const auto twice = std::adjacent_find(images.begin(), images.end());
+    if (twice != images.end()) throw Failure{*twice + ": is named twice; name each disk once"};
+}
+
+int finish(const std::vector<std::string>& problems, bool found) {
+    fflush(stdout);
+    for (const std::string& problem : problems) say(problem);
+    if (!problems.empty()) return exitFailed;
+    return found ? exitFound : exitDone;
+}
+
+int audit(Options options) {
+    takeSid(options);
+    refuseTwice(options.images);
+    const Sight sight = look(options.images);
+    const std::string sid = options.sid.empty() ? sight.machineSid : options.sid;
+    if (sid.empty()) {
+        if (options.json) printf("{\"sid\":null}\n");
+        return finish(sight.problems, false);
+    }
+    Audit audit{wantedSid(offline::sidFromText(sid)), {}};
+    audit.problems = sight.problems;
+    JsonWriter json;
+    json.open('{');
+    json.put("sid", sid);
+    if (options.all && options.json) {
+        json.open("places", '[');
+        audit.found = [&json](const Place& place) { write(json, place); };
+    } else if (options.all) {
+        audit.found = printPlace;
+    }
+    auditInstallation(sight, audit);
+    if (options.json) {
+        if (options.all) json.close(']');
+        write(json, audit);
+        json.close('}');
+        printf("%s\n", json.text.c_str());
+    } else {
+        print(audit, sid);
+    }
+    return finish(audit.problems, sum(audit.treated) != 0);
+}
+
+Runner prepare(CLI::App& app) {
+    auto options = std::make_shared<Options>();
+    app.add_option("IMAGE", options->images, "The machine's disks: image files or block devices")->required();
+    app.add_option("--sid", options->sid, "The SID to look for (the machine's)")->type_name("SID");
+    app.add_flag("--all", options->all, "List every place");
+    app.add_flag("--json", options->json, "Print one JSON object");
+    return [options](const std::vector<std::string>&) { return audit(*options); };
+}
+
+} /* namespace */
+
+const Command auditCommand = {"audit", "Show where a machine's SID stands", help, prepare, false};
+
+} /* namespace companion */

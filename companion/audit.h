@@ -1,0 +1,41 @@
+/* Where the SIDs of a machine stand in an installation. Reads its volumes and hives; writes nothing. */
+#ifndef QUILLET_COMPANION_AUDIT_H
+#define QUILLET_COMPANION_AUDIT_H
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "companion/audit_match.h"
+#include "companion/look.h"
+
+namespace companion {
+
+enum class Kind { file, keyDescriptor, keyName, value };
+constexpr size_t kindCount = 4;
+
+/* A place that holds a SID. One that is treated and also holds what is left is told twice. Texts are UTF-8.
+ */
+struct Place {
+    Kind kind;
+    std::optional<Left> left = {}; /* none: it is treated */
+    std::string path;              /* of a file: "C:\Users"; of a key: its hive, ": ", "\Key\Subkey" */
+    std::string value = {};        /* the name of the value */
+};
+
+struct Audit {
+    Wanted wanted;
+    std::function<void(const Place&)> found; /* told of each place; may be empty */
+    std::array<uint64_t, kindCount> treated = {}, left = {};
+    std::array<uint64_t, leftCount> reasons = {};
+    std::vector<std::string> problems = {}; /* a line for each thing that could not be looked at */
+};
+
+/* Looks at every volume and every hive of what look() has seen that could be opened then. */
+void auditInstallation(const Sight& sight, Audit& audit);
+
+} /* namespace companion */
+
+#endif

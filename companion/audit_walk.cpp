@@ -1,0 +1,306 @@
+/* The walks of an audit: over the files of the volumes, over the keys of the hives. */
+#include <algorithm>
+#include <set>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "companion/audit.h"
+#include "companion/text.h"
+#include "platform/offline/base/text.h"
+#include "platform/offline/files/drives.h"
+#include "platform/offline/system/installation.h"
+
+namespace companion {
+namespace {
+
+using offline::Cell;
+using offline::FileRef;
+
+constexpr size_t mostRemembered = 1 << 16; /* descriptors; an installation has some thousand */
+
+struct Walk {
+    Audit& audit;
+    std::unordered_map<std::string, std::optional<Match>> descriptors = {};
+
+    /* path makes the place's path, which takes time, only when somebody wants to know. */
+    template <typename MakePath>
+    void note(Kind kind, const Match& match, const MakePath& path, std::u16string_view value = {}) const {
+        const auto row = static_cast<size_t>(kind);
+        if (match.treated) {
+            audit.treated[row]++;
+            if (audit.found) audit.found({kind, {}, path(), offline::toUtf8(value)});
+        }
+        if (match.left) {
+            audit.left[row]++;
+            audit.reasons[static_cast<size_t>(*match.left)]++;
+            if (audit.found) audit.found({kind, match.left, path(), offline::toUtf8(value)});
+        }
+    }
+
+    template <typename MakePath>
+    void descriptor(Kind kind, std::span<const uint8_t> image, const MakePath& path) {
+        std::string bytes(reinterpret_cast<const char*>(image.data()), image.size());
+        auto known = descriptors.find(bytes);
+        if (known == descriptors.end()) {
+            if (descriptors.size() >= mostRemembered) descriptors.clear();
+            known = descriptors.emplace(std::move(bytes), matchDescriptor(audit.wanted, image)).first;
+        }
+        if (known->second) {
+            note(kind, *known->second, path);
+        } else {
+            problem(path(), "has a security descriptor that is not valid");
+        }
+    }
+
+    void problem(const std::string& path, const std::string& what) const {
+        audit.problems.push_back(path + ": " + what + "; what it holds is not known");
+    }
+};
+
+/* ---- Files ---- */
+
+struct VolumeWalk {
+    struct Directory {
+        FileRef file;
+        std::u16string path; /* without a backslash behind it; empty for the root */
+    };
+
+    Walk& walk;
+    offline::Volume& volume;
+    std::string name; /* "C:", or the disk */
+    std::vector<Directory> left = {};
+    std::unordered_set<FileRef> entered = {}; /* a broken directory could lead back to itself */
+
+    std::string pathOf(std::u16string_view directory, std::u16string_view entry) const {
+        return name + offline::toUtf8(directory) + "\\" + offline::toUtf8(entry);
+    }
+
+    void lookAt(FileRef file, std::u16string_view directory, std::u16string_view entry) const {
+        const auto path = [&] { return pathOf(directory, entry); };
+        std::span<const uint8_t> descriptor;
+        const NTSTATUS status = offline::volumeDescriptor(volume, file, descriptor);
+        if (status >= 0) {
+            walk.descriptor(Kind::file, descriptor, path);
+        } else {
+            walk.problem(path(), "its security descriptor can't be read (" + statusText(status) + ")");
+        }
+    }
+
+    void enter(FileRef file, std::u16string path) {
+        if (entered.insert(file).second) left.push_back({file, std::move(path)});
+    }
+
+    void run() {
+        offline::DirectoryListing listing;
+        lookAt(offline::rootDirectory, {}, {});
+        enter(offline::rootDirectory, {});
+        while (!left.empty()) {
+            const Directory directory = std::move(left.back());
+            left.pop_back();
+            const NTSTATUS status = offline::volumeList(volume, directory.file, listing);
+            if (status < 0) {
+                walk.problem(pathOf(directory.path, {}), "can't be listed (" + statusText(status) + ")");
+                continue;
+            }
+            for (const offline::DirectoryEntry& entry : listing.entries) {
+                const std::u16string_view entryName = listing.name(entry);
+                lookAt(entry.file, directory.path, entryName);
+                if (entry.directory) {
+                    enter(entry.file, std::u16string(directory.path).append(u"\\").append(entryName));
+                }
+            }
+        }
+    }
+};
+
+/* ---- Keys ---- */
+
+/* A tree of a hive in which values are rewritten, and the names of the keys below its head with them. */
+struct Tree {
+    std::u16string hive; /* the hive file's name */
+    std::u16string path; /* "\Key\Subkey" below the hive's root */
+    bool names;
+    std::vector<std::u16string_view> values = {}; /* the only ones that are looked at; empty: all */
+
+    bool looksAt(std::u16string_view value) const {
+        return values.empty() || std::any_of(values.begin(), values.end(), [&](std::u16string_view one) {
+                   return offline::equalFolded(one, value);
+               });
+    }
+};
+
+std::vector<Tree> treesOf(uint32_t controlSet) {
+    const std::u16string set = u"\\ControlSet" + paddedDecimal(controlSet, 3);
+    return {
+        {u"SECURITY", u"\\Policy", true},
+        {u"SAM", u"\\SAM\\Domains", true},
+        {u"SOFTWARE", u"\\Microsoft\\Windows NT\\CurrentVersion", true, {u"Sid", u"Security"}},
+        {u"SOFTWARE", u"\\Microsoft\\Windows\\CurrentVersion", true},
+        {u"SYSTEM", set + u"\\Services", false},
+        {u"SOFTWARE", u"\\Classes\\AppID", false, {u"AccessPermission", u"LaunchPermission"}},
+    };
+}
+
+struct HiveWalk {
+    struct Level {
+        Cell key;
+        const Tree* tree; /* that the key lies in, its head included */
+        size_t pathLength;
+        uint32_t next = 0; /* child */
+    };
+
+    Walk& walk;
+    const offline::Hive& hive;
+    const std::string& file;
+    std::vector<const Tree*> trees; /* of this hive */
+    std::u16string path = {};       /* of the key that is being looked at */
+    std::vector<Level> levels = {};
+    std::u16string valueName = {};
+    std::vector<uint8_t> data = {};
+
+    std::string pathOf() const { return file + ": " + (path.empty() ? "\\" : offline::toUtf8(path)); }
+
+    const Tree* treeHere() const {
+        for (const Tree* tree : trees) {
+            if (offline::equalFolded(tree->path, path)) return tree;
+        }
+        return nullptr;
+    }
+
+    void lookAtValue(const offline::HiveValue& value, const Tree* tree) {
+        const Wanted& wanted = walk.audit.wanted;
+        const auto keyPath = [&] { return pathOf(); };
+        valueName.resize(value.nameLength);
+        offline::hiveValueName(hive, value, valueName.data());
+        walk.note(Kind::value, matchValueName(wanted, valueName), keyPath, valueName);
+        data.resize(value.dataLength);
+        offline::hiveValueData(hive, value, data);
+        const bool inTable = tree != nullptr && tree->looksAt(valueName);
+        walk.note(Kind::value, matchValue(wanted, value.type, data, inTable), keyPath, valueName);
+    }
+
+    void lookAtKey(Cell key, const Tree* tree) {
+        walk.descriptor(Kind::keyDescriptor, offline::hiveKeyDescriptor(hive, key), [&] { return pathOf(); });
+        offline::HiveValue value;
+        for (uint32_t i = 0; offline::hiveValue(hive, key, i, value) >= 0; i++) lookAtValue(value, tree);
+    }
+
+    void enter(Cell key, const Tree* tree) {
+        if (tree == nullptr) tree = treeHere();
+        lookAtKey(key, tree);
+        levels.push_back({key, tree, path.size()});
+    }
+
+    void run() {
+        enter(offline::hiveRoot(hive), nullptr);
+        while (!levels.empty()) {
+            Level& level = levels.back();
+            const Tree* const tree = level.tree;
+            path.resize(level.pathLength);
+            Cell child;
+            if (offline::hiveSubkey(hive, level.key, level.next++, child) < 0) {
+                levels.pop_back();
+                continue;
+            }
+            char16_t name[offline::longestKeyName];
+            const size_t length = offline::hiveKeyName(hive, child, name);
+            path.append(u"\\").append(name, length);
+            const bool inTable = tree != nullptr && tree->names;
+            walk.note(Kind::keyName, matchKeyName(walk.audit.wanted, {name, length}, inTable),
+                      [&] { return pathOf(); });
+            enter(child, tree);
+        }
+    }
+};
+
+/* ---- The installation ---- */
+
+/* The volumes of a Sight; their letters are the process's, so they are given back. */
+struct Opened {
+    offline::Installation installation = {};
+
+    Opened() = default;
+    ~Opened() { offline::drivesReset(); }
+    Opened(const Opened&) = delete;
+    Opened& operator=(const Opened&) = delete;
+};
+
+void openVolume(const VolumeSeen& seen, const Sight& sight, Opened& opened, Audit& audit,
+                const std::vector<offline::Partition>& partitions) {
+    offline::Disk& disk = *opened.installation.disks.back();
+    const auto same = [&](const offline::Partition& one) { return one.start == seen.start; };
+    const auto partition = std::find_if(partitions.begin(), partitions.end(), same);
+    if (partition == partitions.end()) return;
+    offline::Problem problem;
+    offline::InstallationVolume place{&disk, *partition, nullptr, seen.letter};
+    if (offline::volumeOpen(disk, *partition, place.volume, problem) < 0) {
+        audit.problems.push_back(problem.text);
+        return;
+    }
+    /* without a SYSTEM hive that tells, the only volume is the one that Windows is on */
+    if (place.letter == 0 && sight.volumes.size() == 1 && !sight.windows.empty()) {
+        place.letter = sight.windows.front();
+    }
+    if (place.letter != 0) offline::driveSet(place.letter, *place.volume);
+    opened.installation.volumes.push_back(std::move(place));
+}
+
+void openDisk(const DiskSeen& seen, const Sight& sight, Opened& opened, Audit& audit) {
+    offline::Problem problem;
+    offline::DiskPtr disk;
+    std::vector<offline::Partition> partitions;
+    NTSTATUS status = offline::diskOpen(seen.path, offline::DiskAccess::readOnly, disk, problem);
+    if (status >= 0) status = offline::diskPartitions(*disk, partitions, problem);
+    if (status < 0) {
+        audit.problems.push_back(problem.text);
+        return;
+    }
+    opened.installation.disks.push_back(std::move(disk));
+    for (const VolumeSeen& volume : sight.volumes) {
+        if (volume.disk == seen.path && volume.opened) openVolume(volume, sight, opened, audit, partitions);
+    }
+}
+
+/* Two profiles can name one hive; seen has the files that were looked at. */
+void auditHive(const HiveSeen& seen, const std::vector<Tree>& trees, Walk& walk,
+               std::set<std::pair<const offline::Volume*, FileRef>>& files) {
+    const std::u16string path = offline::toUtf16(seen.path);
+    offline::Volume* volume = nullptr;
+    FileRef file;
+    const NTSTATUS status = offline::driveFind(path, volume, file);
+    if (status < 0) return walk.problem(seen.path, "can't be reached (" + statusText(status) + ")");
+    if (!files.insert({volume, file}).second) return;
+    offline::HivePtr hive;
+    std::unique_ptr<offline::HiveStore> store;
+    offline::Problem problem;
+    if (offline::readHiveFile(*volume, file, seen.path, hive, store, problem) < 0) {
+        walk.audit.problems.push_back(problem.text);
+        return;
+    }
+    HiveWalk hiveWalk{walk, *hive, seen.path, {}};
+    const std::u16string name = path.substr(path.rfind(u'\\') + 1);
+    for (const Tree& tree : trees) {
+        if (offline::equalFolded(tree.hive, name)) hiveWalk.trees.push_back(&tree);
+    }
+    hiveWalk.run();
+}
+
+} /* namespace */
+
+void auditInstallation(const Sight& sight, Audit& audit) {
+    Opened opened;
+    for (const DiskSeen& disk : sight.disks) openDisk(disk, sight, opened, audit);
+    Walk walk{audit};
+    for (const offline::InstallationVolume& place : opened.installation.volumes) {
+        const std::string name =
+            place.letter != 0 ? std::string{place.letter, ':'} : offline::diskPath(*place.disk) + ": ";
+        VolumeWalk{walk, *place.volume, name}.run();
+    }
+    const std::vector<Tree> trees = treesOf(sight.controlSet);
+    std::set<std::pair<const offline::Volume*, FileRef>> files;
+    for (const HiveSeen& hive : sight.hives) {
+        if (hive.state == HiveState::clean) auditHive(hive, trees, walk, files);
+    }
+}
+
+} /* namespace companion */

@@ -1,0 +1,234 @@
+/* What an audit finds, before and after a run, and what it does with a system that it can't see whole. */
+#include "platform/offline/hive/hive.h"
+#include "platform/offline/security/security.h"
+#include "platform/offline/system/installation.h"
+#include "platform/offline/system/machine_hives.h"
+#include "tests/companion/program.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+const std::string plantedSid = "S-1-5-21-77-88-99";
+const char* const kinds[] = {"files", "keyDescriptors", "keyNames", "values"};
+
+Bytes utf16(std::u16string_view text) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
+    return {bytes, bytes + text.size() * sizeof(char16_t)};
+}
+
+Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+struct Counts {
+    uint64_t treated = 0, left = 0;
+    bool operator==(const Counts&) const = default;
+};
+
+/* The counts of a kind in the program's JSON. */
+Counts countsOf(const std::string& json, const std::string& kind) {
+    const auto number = [&](const std::string& name) {
+        const size_t at = json.find("\"" + name + "\":", json.find("\"" + kind + "\":{"));
+        return at == std::string::npos ? ~uint64_t{0} : std::stoull(json.substr(at + name.size() + 3));
+    };
+    return {number("treated"), number("leftAlone")};
+}
+
+struct AuditTest : ProgramTest {
+    std::string image;
+
+    void SetUp() override {
+        image = path("a.img");
+        ASSERT_EQ(
+            quilletOffline({"sample", "a.img", "--machine", practiceSid, "--files", "60", "--size", "48M"})
+                .status,
+            0);
+    }
+
+    /* The program's output; it must end so and leave the image as it is. */
+    Outcome audit(std::vector<std::string> arguments, int status) const {
+        const std::string before = contentsOf(image);
+        arguments.insert(arguments.begin(), "audit");
+        Outcome outcome = quilletOffline(std::move(arguments));
+        EXPECT_EQ(outcome.status, status) << outcome.out << outcome.err;
+        EXPECT_EQ(outcome.err.empty(), status != 2) << outcome.err;
+        EXPECT_TRUE(contentsOf(image) == before);
+        return outcome;
+    }
+};
+
+/* The same places are left by a run, and every other one gets the new SID. */
+TEST_F(AuditTest, FindsBeforeARunWhatIsGoneBehindIt) {
+    const std::string before = audit({"a.img", "--json"}, 1).out;
+    ASSERT_EQ(quilletOffline({"run", "a.img", "--", "-q"}).status, 0);
+    const std::string after = audit({"a.img", "--json", "--sid", practiceSid}, 0).out;
+    const std::string now = audit({"a.img", "--json"}, 1).out;
+    EXPECT_EQ(now.find(practiceSid), std::string::npos);
+    for (const char* kind : kinds) {
+        const Counts was = countsOf(before, kind);
+        EXPECT_GT(was.treated, 20u) << kind;
+        EXPECT_GT(was.left, 0u) << kind;
+        EXPECT_EQ(countsOf(after, kind), (Counts{0, was.left})) << kind;
+        /* a link below a renamed key is made anew, and need not keep its descriptor */
+        const uint64_t lost = kind == std::string("keyDescriptors") ? 1 : 0;
+        EXPECT_EQ(countsOf(now, kind).left, 0u) << kind;
+        EXPECT_LE(countsOf(now, kind).treated, was.treated) << kind;
+        EXPECT_GE(countsOf(now, kind).treated + lost, was.treated) << kind;
+    }
+    const std::string text = audit({"a.img", practiceSid}, 0).out;
+    EXPECT_NE(text.find("\nnothing that quillet treats holds " + practiceSid + "\n"), std::string::npos);
+}
+
+TEST_F(AuditTest, TakesNoOtherMachineForThisOne) {
+    for (const std::string sid : {"S-1-5-21-1111-2222-333", "S-1-5-21-1111-2222-33333", "S-1-5-21-9-8-7"}) {
+        const std::string out = audit({"a.img", "--json", "--all", sid}, 0).out;
+        EXPECT_NE(out.find("\"treated\":0,\"leftAlone\":0,"), std::string::npos) << out;
+        EXPECT_NE(out.find("\"places\":[]"), std::string::npos) << out;
+    }
+}
+
+/* ---- Places that the test makes ---- */
+
+struct Planted {
+    std::u16string key, value;
+    uint32_t type;
+    Bytes data;
+    const char* reason; /* null: treated */
+};
+
+/* Values of SOFTWARE. */
+std::vector<Planted> plantedValues() {
+    const std::u16string explorer = u"Microsoft\\Windows\\CurrentVersion\\Explorer";
+    const std::u16string service = u"Microsoft\\Windows NT\\CurrentVersion\\Practice service";
+    const std::u16string text = u"S-1-5-21-77-88-99", account = text + u"-1000";
+    const Bytes end = {0, 0};
+    const Bytes machine = offline::sidFromText(plantedSid);
+    const Bytes user = offline::sidFromText(plantedSid + "-1000");
+    Bytes cut = user, few = user, many = user, old = user;
+    cut.pop_back();
+    few[1] = 3;
+    many[1] = 16;
+    many.resize(8 + 16 * 4);
+    old[0] = 2;
+    constexpr const char* none = "";
+    return {
+        {explorer, u"binary", REG_BINARY, Bytes{1, 4, 0} + user, nullptr},
+        {explorer, u"untyped", REG_NONE, machine, nullptr},
+        {explorer, u"cut", REG_BINARY, cut, none},
+        {explorer, u"few", REG_BINARY, few, none},
+        {explorer, u"many", REG_BINARY, many, none},
+        {explorer, u"old", REG_BINARY, old, none},
+        {explorer, u"account", REG_SZ, utf16(account) + end, nullptr},
+        {explorer, u"whole", REG_SZ, utf16(text), nullptr},
+        {explorer, u"whole, terminated", REG_SZ, utf16(text) + end, "insideText"},
+        {explorer, u"longer", REG_SZ, utf16(text + u"0-1000") + end, none},
+        {explorer, u"middle", REG_SZ, utf16(u"x" + account) + end, "insideText"},
+        {explorer, u"list", REG_MULTI_SZ, utf16(u"x") + end + utf16(text) + end + end, nullptr},
+        {explorer, u"list, middle", REG_MULTI_SZ, utf16(u"x" + text) + end + end, "insideText"},
+        {explorer, u"unaligned text", REG_BINARY, Bytes{1} + utf16(text), "insideText"},
+        {explorer, u"expanded", REG_EXPAND_SZ, utf16(account) + end, "otherValueTypes"},
+        {explorer, u"number", REG_DWORD, user, "otherValueTypes"},
+        {service, u"SECURITY", REG_BINARY, user, nullptr},
+        {service, u"Other", REG_BINARY, user, "valuesOutside"},
+        {u"Practice", u"binary", REG_BINARY, user, "valuesOutside"},
+        {u"Practice", u"of " + account, REG_DWORD, Bytes(4), "valueNames"},
+    };
+}
+
+/* Changes a machine hive of the image in place. */
+template <typename Change>
+void changeHive(const std::string& image, std::u16string_view name, const Change& change) {
+    OpenImage open(image, offline::DiskAccess::readWrite);
+    offline::HivePtr hive;
+    std::unique_ptr<offline::HiveStore> store;
+    offline::Problem problem;
+    const offline::FileRef file = open.find(configDirectory + std::u16string(name));
+    ASSERT_GE(offline::readHiveFile(*open.volume, file, "hive", hive, store, problem), 0) << problem.text;
+    change(*hive);
+    ASSERT_GE(offline::hiveSave(*hive, *store), 0);
+    store.reset();
+    open.close();
+}
+
+TEST_F(AuditTest, TellsEachPlantedValue) {
+    changeHive(image, u"SOFTWARE", [](offline::Hive& hive) {
+        for (const Planted& one : plantedValues()) {
+            offline::Cell key;
+            ASSERT_GE(offline::hiveFindPath(hive, one.key, key), 0);
+            ASSERT_GE(offline::hiveSetValue(hive, key, one.value, one.type, one.data, 0), 0);
+        }
+    });
+    const std::string out = audit({"a.img", "--all", "--json", plantedSid}, 1).out;
+    for (const Planted& one : plantedValues()) {
+        const std::string value(one.value.begin(), one.value.end());
+        std::string line = R"({"kind":"values","treated":)";
+        line += one.reason == nullptr ? "true" : R"(false,"reason":")" + std::string(one.reason) + "\"";
+        const size_t end = out.find("\"value\":\"" + value + "\"}");
+        EXPECT_EQ(end == std::string::npos, one.reason == std::string_view("").data()) << value;
+        if (end == std::string::npos) continue;
+        EXPECT_EQ(out.compare(out.rfind('{', end), line.size(), line), 0) << value << out;
+    }
+    EXPECT_EQ(countsOf(out, "values"), (Counts{6, 8}));
+    EXPECT_EQ(countsOf(out, "keyNames"), (Counts{}));
+}
+
+/* The head of a tree keeps its name; below it, names that begin with the SID are rewritten. */
+TEST_F(AuditTest, TellsNamesByWhereTheyLie) {
+    changeHive(image, u"SECURITY", [](offline::Hive& hive) {
+        for (const std::u16string_view path : {u"Policy", u"RXACT"}) {
+            offline::Cell parent, child;
+            ASSERT_GE(offline::hiveFindPath(hive, path, parent), 0);
+            for (const std::u16string_view name : {u"S-1-5-21-77-88-99", u"S-1-5-21-77-88-99-5",
+                                                   u"S-1-5-21-77-88-990", u"x S-1-5-21-77-88-99"}) {
+                const auto descriptor = offline::hiveKeyDescriptor(hive, parent);
+                ASSERT_GE(offline::hiveCreateSubkey(hive, parent, name, {}, descriptor, 0, 0, child), 0);
+            }
+        }
+    });
+    const std::string out = audit({"a.img", "--all", plantedSid}, 1).out;
+    for (const char* line :
+         {"treated  key name, C:\\Windows\\System32\\config\\SECURITY: "
+          "\\Policy\\S-1-5-21-77-88-99\n",
+          "SECURITY: \\Policy\\S-1-5-21-77-88-99-5\n", "\\Policy\\x S-1-5-21-77-88-99 (inside other text)\n",
+          "left     key name, C:\\Windows\\System32\\config\\SECURITY: "
+          "\\RXACT\\S-1-5-21-77-88-99-5 (outside the table)\n",
+          "\n2 places that quillet treats hold S-1-5-21-77-88-99\n"}) {
+        EXPECT_NE(out.find(line), std::string::npos) << line << out;
+    }
+    EXPECT_EQ(out.find("88-990"), std::string::npos);
+}
+
+/* ---- What can't be looked at ---- */
+
+TEST_F(AuditTest, SaysWhatItCannotSee) {
+    writeFile(path("text"), std::string(100000, 'x'));
+    EXPECT_TRUE(isOneLine(audit({"text"}, 2).err));
+    EXPECT_TRUE(isOneLine(audit({"a.img", "missing"}, 2).err));
+    for (const std::vector<std::string>& wrong : {std::vector<std::string>{"a.img", "a.img"},
+                                                  {"a.img", "S-1-5-18"},
+                                                  {"a.img", "S-1-5-21-1-2-3-500"},
+                                                  {plantedSid},
+                                                  {"a.img", "--sid", "x"},
+                                                  {"a.img", "--sid", plantedSid, plantedSid}}) {
+        const Outcome outcome = audit(wrong, 2);
+        EXPECT_TRUE(isOneLine(outcome.err)) << outcome.err;
+        EXPECT_EQ(outcome.out, "");
+    }
+    OpenImage open(image, offline::DiskAccess::readWrite);
+    open.write(configDirectory + u"SOFTWARE", 4096, {'x'});
+    open.close();
+    const Outcome outcome = audit({"a.img", plantedSid}, 2);
+    EXPECT_TRUE(isOneLine(outcome.err)) << outcome.err;
+    EXPECT_NE(outcome.out.find("\nnot everything could be looked at; in the rest nothing"),
+              std::string::npos);
+}
+
+TEST_F(AuditTest, WritesJson) {
+    writeFile(path("out.json"), audit({"a.img", "--all", "--json"}, 1).out);
+    if (start("python3", {"--version"}).status != 0) GTEST_SKIP() << "no python3 to parse it";
+    EXPECT_EQ(start("python3", {"-m", "json.tool", "out.json"}).status, 0);
+}
+
+} /* namespace */

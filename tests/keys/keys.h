@@ -1,0 +1,67 @@
+/* A small registry in memory under the key operations: what they call is counted, and fails where a test says
+ * so. */
+#ifndef QUILLET_TESTS_KEYS_KEYS_H
+#define QUILLET_TESTS_KEYS_KEYS_H
+
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "regtk/regtk.h"
+#include "sidchng/sidchng.h"
+#include "tests/engine/scripted.h"
+#include "tests/registry/small_system.h"
+
+namespace offline {
+
+/* A call that fails: on the key that was opened under this name ("": on any), after so many that succeed, so
+ * many times. An open counts as a call on the key that it names. */
+struct Fault {
+    std::string call;
+    std::string key = {};
+    LONG code = 0;
+    int after = 0;
+    int times = 1 << 30;
+};
+
+/* How often each call was made. */
+extern std::map<std::string, int> callsMade;
+
+/* The SIDs of these tests as text, the old one and the new one; of different lengths. */
+extern const std::string oldText, newText;
+std::u16string wide(std::string_view text); /* ASCII */
+Bytes bytesOf(std::u16string_view text);    /* without a terminator */
+
+/* Old, then new SID in text to be "OLD" and "NEW". */
+std::string readable(std::string line);
+
+struct Keys : RegistryTest {
+    void SetUp() override;
+    void TearDown() override;
+
+    void refuse(const Fault& fault);
+    void forgetFaults();
+
+    /* Keys by their paths, with blanks between; each stands behind its parent. */
+    void grow(std::string_view paths);
+    void set(std::string_view path, std::string_view name, ULONG type, const Bytes& data);
+    Bytes get(std::string_view path, std::string_view name, ULONG* type = nullptr);
+    void describe(std::string_view path, const Bytes& descriptor);
+    Bytes descriptor(std::string_view path);
+    std::string classOf(std::string_view path);
+    bool there(std::string_view path);
+
+    /* Everything below a key in the order of the enumeration: "a(x y) b()"; "@" behind a link. */
+    std::string tree(std::string_view path);
+
+    /* sidReplaceInKey on the key of this path; the log lines are in events. */
+    DWORD replace(std::string_view path, uint32_t flags, const WCHAR* const* valueNames = nullptr);
+
+    /* An open handle that the end of the test closes. */
+    HANDLE at(std::string_view path, ACCESS_MASK access = KEY_ALL_ACCESS | ACCESS_SYSTEM_SECURITY);
+};
+
+} /* namespace offline */
+
+#endif
