@@ -1,5 +1,5 @@
 """The measurements of bench/run, which builds what is measured here."""
-import argparse, json, os, resource, shutil, statistics, subprocess, sys, tempfile, time
+import argparse, json, lzma, os, shutil, statistics, subprocess, sys, tempfile, time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 BUILD = os.environ.get("QUILLET_BUILD") or os.path.join(HERE, "..", "build-bench")
@@ -27,11 +27,14 @@ def raw_read(image, work):
     subprocess.run(["ntfscat", "-a", "0x80", "-n", "$SDS", "-i", "9", image], stdout=subprocess.DEVNULL, check=True)
     return time.perf_counter() - begin
 
-def engine():
-    out = subprocess.run([program("engine_bench"), "--benchmark_format=json"], capture_output=True, check=True).stdout
+def benchmarks(name, hive):
+    env = dict(os.environ, **({"QUILLET_BENCH_HIVE": hive} if hive else {}))
+    out = subprocess.run([program(name), "--benchmark_format=json"], capture_output=True, check=True, env=env).stdout
+    return [b for b in json.loads(out)["benchmarks"] if not b.get("error_occurred")]
+
+def engine(hive):
     rate = {}
-    for b in json.loads(out)["benchmarks"]:
-        if b.get("error_occurred"): continue
+    for b in benchmarks("engine_bench", hive):
         name, content = b["name"].split("/content:")
         rate[name, int(content)] = b["bytes_per_second"]
     print("search in 1 MiB blocks (GB/s; times the speed of memchr at each anchor, of memmem)")
@@ -74,13 +77,36 @@ def walks(files, repeat, work):
     print("rewriting    %.3f s, %d k entries/s: %.1f x rewriting by path (%.3f s); peak %.0f MiB"
           % (m, entries / m / 1000, p / m, p, peak_memory([program("quillet"), "-f"], env=env)))
 
+def registry(shared, hive, repeat, work):
+    """A dry run over real hives, which sweeps them all, beside a plain dump of the largest one."""
+    image = os.path.join(work, "real.img")
+    subprocess.run([os.path.join(shared, "tools", "make-real-system"), image, "--files", "20"], check=True, capture_output=True)
+    env = dict(os.environ, QUILLET_SYSTEM=image)
+    mine, plain = [], []
+    for _ in range(repeat):
+        mine.append(timed([program("quillet"), "-s", "-q"], env=env)[0])
+        plain.append(timed(["hivexml", hive])[0])
+    m, p = statistics.median(mine), statistics.median(plain)
+    print("registry     %.3f s for a dry run over six hives: %.1f x hivexml of SYSTEM alone (%.3f s)" % (m, p / m, p))
+    for b in benchmarks("sweep_bench", hive):
+        flags = int(b["name"].split("flags:")[1])
+        print("  sidReplaceInKey, %-31s %4d k keys/s" % ("descriptors, values and names:" if flags & 3 else "descriptors:", b["items_per_second"] / 1000))
+
 def main():
     a = argparse.ArgumentParser(description=__doc__)
     a.add_argument("--files", type=int, default=100000); a.add_argument("--repeat", type=int, default=5)
     opt = a.parse_args()
-    engine()
     work = tempfile.mkdtemp(prefix="quillet-bench-")
-    try: walks(opt.files, opt.repeat, work)
+    shared = os.environ.get("QUILLET_SHARED") or os.path.join(HERE, "..", "..", "shared")
+    packed, hive = os.path.join(shared, "hives", "machine", "SYSTEM.xz"), None
+    try:
+        if os.path.exists(packed) and shutil.which("hivexml"):
+            hive = os.path.join(work, "SYSTEM")
+            with lzma.open(packed) as f, open(hive, "wb") as out: shutil.copyfileobj(f, out)
+        engine(hive)
+        if hive: registry(shared, hive, opt.repeat, work)
+        else: print("registry     left out: it needs the real hives of QUILLET_SHARED, and hivexml")
+        walks(opt.files, opt.repeat, work)
     finally: shutil.rmtree(work)
 
 main()

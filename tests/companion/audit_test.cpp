@@ -95,13 +95,13 @@ struct Planted {
     std::u16string key, value;
     uint32_t type;
     Bytes data;
-    const char* reason; /* null: treated */
+    std::string sort; /* "treated", why it is left, or "" for no such SID */
 };
 
 /* Values of SOFTWARE. */
 std::vector<Planted> plantedValues() {
     const std::u16string explorer = u"Microsoft\\Windows\\CurrentVersion\\Explorer";
-    const std::u16string service = u"Microsoft\\Windows NT\\CurrentVersion\\Practice service";
+    const std::u16string profiles = u"Microsoft\\Windows NT\\CurrentVersion\\ProfileList";
     const std::u16string text = u"S-1-5-21-77-88-99", account = text + u"-1000";
     const Bytes end = {0, 0};
     const Bytes machine = offline::sidFromText(plantedSid);
@@ -112,27 +112,26 @@ std::vector<Planted> plantedValues() {
     many[1] = 16;
     many.resize(8 + 16 * 4);
     old[0] = 2;
-    constexpr const char* none = "";
     return {
-        {explorer, u"binary", REG_BINARY, Bytes{1, 4, 0} + user, nullptr},
-        {explorer, u"untyped", REG_NONE, machine, nullptr},
-        {explorer, u"cut", REG_BINARY, cut, none},
-        {explorer, u"few", REG_BINARY, few, none},
-        {explorer, u"many", REG_BINARY, many, none},
-        {explorer, u"old", REG_BINARY, old, none},
-        {explorer, u"account", REG_SZ, utf16(account) + end, nullptr},
-        {explorer, u"whole", REG_SZ, utf16(text), nullptr},
+        {explorer, u"binary", REG_BINARY, Bytes{1, 4, 0} + user, "treated"},
+        {explorer, u"no type", REG_NONE, machine, "treated"},
+        {explorer, u"cut", REG_BINARY, cut, ""},
+        {explorer, u"few", REG_BINARY, few, ""},
+        {explorer, u"many", REG_BINARY, many, ""},
+        {explorer, u"old", REG_BINARY, old, ""},
+        {explorer, u"an account", REG_SZ, utf16(account) + end, "treated"},
+        {explorer, u"whole", REG_SZ, utf16(text), "treated"},
         {explorer, u"whole, terminated", REG_SZ, utf16(text) + end, "insideText"},
-        {explorer, u"longer", REG_SZ, utf16(text + u"0-1000") + end, none},
+        {explorer, u"longer", REG_SZ, utf16(text + u"0-1000") + end, ""},
         {explorer, u"middle", REG_SZ, utf16(u"x" + account) + end, "insideText"},
-        {explorer, u"list", REG_MULTI_SZ, utf16(u"x") + end + utf16(text) + end + end, nullptr},
+        {explorer, u"list", REG_MULTI_SZ, utf16(u"x") + end + utf16(text) + end + end, "treated"},
         {explorer, u"list, middle", REG_MULTI_SZ, utf16(u"x" + text) + end + end, "insideText"},
         {explorer, u"unaligned text", REG_BINARY, Bytes{1} + utf16(text), "insideText"},
-        {explorer, u"expanded", REG_EXPAND_SZ, utf16(account) + end, "otherValueTypes"},
+        {explorer, u"expandable", REG_EXPAND_SZ, utf16(account) + end, "otherValueTypes"},
         {explorer, u"number", REG_DWORD, user, "otherValueTypes"},
-        {service, u"SECURITY", REG_BINARY, user, nullptr},
-        {service, u"Other", REG_BINARY, user, "valuesOutside"},
-        {u"Practice", u"binary", REG_BINARY, user, "valuesOutside"},
+        {profiles, u"SECURITY", REG_BINARY, user, "treated"},
+        {profiles, u"Other", REG_BINARY, user, "valuesOutside"},
+        {u"Practice", u"outside", REG_BINARY, user, "valuesOutside"},
         {u"Practice", u"of " + account, REG_DWORD, Bytes(4), "valueNames"},
     };
 }
@@ -164,13 +163,13 @@ TEST_F(AuditTest, TellsEachPlantedValue) {
     for (const Planted& one : plantedValues()) {
         const std::string value(one.value.begin(), one.value.end());
         std::string line = R"({"kind":"values","treated":)";
-        line += one.reason == nullptr ? "true" : R"(false,"reason":")" + std::string(one.reason) + "\"";
+        line += one.sort == "treated" ? "true" : R"(false,"reason":")" + one.sort + "\"";
         const size_t end = out.find("\"value\":\"" + value + "\"}");
-        EXPECT_EQ(end == std::string::npos, one.reason == std::string_view("").data()) << value;
+        EXPECT_EQ(end == std::string::npos, one.sort.empty()) << value;
         if (end == std::string::npos) continue;
-        EXPECT_EQ(out.compare(out.rfind('{', end), line.size(), line), 0) << value << out;
+        EXPECT_EQ(out.substr(out.rfind('{', end), line.size()), line) << value;
     }
-    EXPECT_EQ(countsOf(out, "values"), (Counts{6, 8}));
+    EXPECT_EQ(countsOf(out, "values"), (Counts{6, 9}));
     EXPECT_EQ(countsOf(out, "keyNames"), (Counts{}));
 }
 

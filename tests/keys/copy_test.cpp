@@ -107,7 +107,9 @@ TEST_F(Trees, LinkMappings) {
             copy(0, row.answers.empty() ? nullptr : Mapping::answer, &mapping).ends_with(row.expected));
         EXPECT_EQ(mapping.asked, row.answers.size());
         EXPECT_EQ(tree("to"), row.after);
-        if (row.leads[0] != 0) EXPECT_EQ(get("to\\l", "SymbolicLinkValue"), bytesOf(full(wide(row.leads))));
+        if (row.leads[0] != 0) {
+            EXPECT_EQ(get("to\\l", "SymbolicLinkValue"), bytesOf(full(wide(row.leads))));
+        }
     }
     set("from\\m", "SymbolicLinkValue", REG_SZ, bytesOf(u"x"));
     set("from\\m", "long", REG_SZ, bytesOf(std::u16string(300, 'y')));

@@ -160,7 +160,9 @@ TEST_F(Names, Failures) {
         EXPECT_NE(run(namesOnly).find(expected), std::string::npos) << expected;
         forgetFaults();
         EXPECT_EQ(tree("k"), row.after);
-        if (there(newKey)) EXPECT_EQ(descriptor(newKey) == systemOnly(), row.secured) << row.message;
+        if (there(newKey)) {
+            EXPECT_EQ(descriptor(newKey) == systemOnly(), row.secured) << row.message;
+        }
         EXPECT_EQ(get(oldKey, "v"), oldSid);
         EXPECT_EQ(run(namesOnly | SID_REPLACE_VALUES).back(), '0');
         EXPECT_EQ(tree("k"), "NEW(s(t)) z");
