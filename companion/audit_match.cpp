@@ -27,7 +27,7 @@ Span bytesOf(std::u16string_view text) {
 
 /* The place of the needle in what is left of data from a place on; data.size() when it is not there. */
 size_t findBytes(Span data, size_t from, Span needle) {
-    if (from > data.size()) return data.size();
+    if (from >= data.size()) return data.size();  // empty data need not lie anywhere
     const void* found = memmem(data.data() + from, data.size() - from, needle.data(), needle.size());
     return found == nullptr ? data.size()
                             : static_cast<size_t>(static_cast<const uint8_t*>(found) - data.data());

@@ -119,6 +119,19 @@ TEST_F(Trees, LinkMappings) {
     EXPECT_EQ(get("to\\m", "SymbolicLinkValue"), bytesOf(u"x"));
 }
 
+/* Around the size of the copy's buffer there is always room for the terminator. */
+TEST_F(Trees, LongLinkTargets) {
+    const auto keep = [](const WCHAR*, memBuf*, void*) { return uint32_t{LINK_MAP_SAME}; };
+    for (size_t length = 247; length <= 252; length++) {
+        for (const char16_t* name : {u"from", u"to"}) remove(name, REG_RECURSIVE | REG_QUIET);
+        grow("from to");
+        const std::u16string target = full(std::u16string(length - full(u"").size(), 'y'));
+        makeLink(u"from\\l", target);
+        EXPECT_EQ(copy(0, keep), "0");
+        EXPECT_EQ(get("to\\l", "SymbolicLinkValue"), bytesOf(target));
+    }
+}
+
 TEST_F(Trees, Flushes) {
     grow("from to");
     for (int i = 1; i <= 131; i++) {
@@ -242,7 +255,7 @@ TEST_F(Trees, Deletion) {
               "0XC0000034 for no, access=0x10008; 2");
 }
 
-/* 256 levels are copied and deleted; one more fails both. */
+/* A tree of 255 levels is copied and deleted; one more is met, but not entered. */
 TEST_F(Trees, Depth) {
     grow("from to");
     std::string path = "from";
@@ -253,8 +266,9 @@ TEST_F(Trees, Depth) {
     EXPECT_FALSE(there("to"));
     grow("to " + path + "\\d");
     EXPECT_EQ(copy(), "161");
+    grow(path + "\\d\\d");
     EXPECT_TRUE(remove(u"from", REG_RECURSIVE).ends_with("; 31"));
-    EXPECT_TRUE(there(path));
+    EXPECT_TRUE(there(path + "\\d\\d"));
 }
 
 } /* namespace */

@@ -1,5 +1,6 @@
 #include "tests/keys/keys.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -270,6 +271,15 @@ void Keys::describe(std::string_view path, const Bytes& descriptor) {
 Bytes Keys::descriptor(std::string_view path) {
     const auto stored = hiveKeyDescriptor(*hive, _cellOf(*hive, path));
     return {stored.begin(), stored.end()};
+}
+
+int Keys::holds(std::string_view path, const Bytes& sid) {
+    const Bytes image = descriptor(path);
+    int found = 0;
+    for (auto at = image.begin(); (at = std::search(at, image.end(), sid.begin(), sid.end())) != image.end();
+         at++)
+        found++;
+    return found;
 }
 
 std::string Keys::classOf(std::string_view path) {

@@ -49,6 +49,7 @@ struct Keys : RegistryTest {
     Bytes get(std::string_view path, std::string_view name, ULONG* type = nullptr);
     void describe(std::string_view path, const Bytes& descriptor);
     Bytes descriptor(std::string_view path);
+    int holds(std::string_view path, const Bytes& sid); /* how often the descriptor does */
     std::string classOf(std::string_view path);
     bool there(std::string_view path);
 

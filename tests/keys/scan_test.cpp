@@ -4,8 +4,6 @@
 namespace offline {
 namespace {
 
-constexpr uint32_t failed = ERROR_GEN_FAILURE, internal = ERROR_INTERNAL_ERROR;
-
 /* What the callback answers and leaves in its words. A pre-call that is not scripted descends with a word, a
  * post-call clears both and goes on. */
 struct Reply {
@@ -65,8 +63,7 @@ struct Scan : Keys {
     }
 };
 
-const Reply next = {SCAN_NEXT}, again = {SCAN_RESTART}, descend = {SCAN_DESCEND}, held = {SCAN_DESCEND, {7}},
-            fail = {SCAN_FAIL};
+const Reply next = {SCAN_NEXT}, again = {SCAN_RESTART}, descend = {SCAN_DESCEND}, fail = {SCAN_FAIL};
 
 /* Every answer in both calls, and which status wins. The tree: a, a\x, b. */
 TEST_F(Scan, Answers) {
