@@ -457,13 +457,36 @@ static WCHAR* _linkTarget(const memBuf* buffer) {
     return target;
 }
 
-/* Makes the destination link anew. */
-static uint32_t _replaceLink(const OBJECT_ATTRIBUTES* attributes, const KEY_NODE_INFORMATION* record,
-                             const WCHAR* target, uint32_t flags) {
+static void _closeIfOpen(HANDLE key) {
+    if (key != nullptr) ZwClose(key);
+}
+
+/* Gives the new link the descriptor of the one that it is a copy of. */
+static void _copyLinkSec(HANDLE source, const OBJECT_ATTRIBUTES* attributes, memBuf* buffer, uint32_t flags) {
+    OBJECT_ATTRIBUTES from = *attributes;
+    from.RootDirectory = source;
+    HANDLE oldLink = nullptr;
+    HANDLE newLink = nullptr;
+    NTSTATUS status = regNtOpenKey(&oldLink, READ_CONTROL, &from, flags);
+    if (status >= 0) status = regNtOpenKey(&newLink, WRITE_DAC | WRITE_OWNER, attributes, flags);
+    const DWORD error = status < 0 ? RtlNtStatusToDosError(status) : regCopyKeySec(newLink, oldLink, buffer);
+    if (error != 0) {
+        OMBRA_LOG_AS(_linkStep, OMBRA_WARN, "failed to copy security attributes for %wZ : error %d",
+                     attributes->ObjectName, error);
+    }
+    _closeIfOpen(oldLink);
+    _closeIfOpen(newLink);
+}
+
+/* Makes the destination link anew. The target may lie in the copy's buffer. */
+static uint32_t _replaceLink(HANDLE source, const OBJECT_ATTRIBUTES* attributes,
+                             const KEY_NODE_INFORMATION* record, const WCHAR* target, regCopyCtx* copy,
+                             uint32_t flags) {
     if (_regKeyDelete(attributes, flags | REG_IGNORE_MISSING) < 0) return LINK_FAILED;
     const UNICODE_STRING className = _classOf(record);
-    const NTSTATUS status = _regLinkCreate(attributes, record->TitleIndex, &className, target, flags);
-    return status < 0 ? LINK_FAILED : LINK_DONE;
+    if (_regLinkCreate(attributes, record->TitleIndex, &className, target, flags) < 0) return LINK_FAILED;
+    if ((flags & REG_NO_SECURITY) == 0) _copyLinkSec(source, attributes, &copy->buffer, flags);
+    return LINK_DONE;
 }
 
 static uint32_t _regScanLinksCallbackImpl(HANDLE source, HANDLE target, const KEY_NODE_INFORMATION* record,
@@ -478,10 +501,10 @@ static uint32_t _regScanLinksCallbackImpl(HANDLE source, HANDLE target, const KE
         case LINK_MAP_SKIP:
             return LINK_DONE;
         case LINK_MAP_SAME:
-            return _replaceLink(&attributes, record, oldTarget, flags);
+            return _replaceLink(source, &attributes, record, oldTarget, copy, flags);
         case LINK_MAP_NEW:
-            return _replaceLink(&attributes, record, reinterpret_cast<const WCHAR*>(copy->linkTarget.data),
-                                flags);
+            return _replaceLink(source, &attributes, record,
+                                reinterpret_cast<const WCHAR*>(copy->linkTarget.data), copy, flags);
         case LINK_MAP_DELETE:
             return _regKeyDelete(&attributes, flags | REG_IGNORE_MISSING) < 0 ? LINK_FAILED : LINK_AGAIN;
         case LINK_MAP_FAIL:
@@ -508,10 +531,6 @@ static NTSTATUS _openSource(HANDLE parent, UNICODE_STRING* name, uint32_t flags,
     OBJECT_ATTRIBUTES attributes = _below(parent, name);
     attributes.Attributes = OBJ_CASE_INSENSITIVE;
     return regNtOpenKey(source, READ_CONTROL | KEY_QUERY_VALUE, &attributes, flags);
-}
-
-static void _closeIfOpen(HANDLE key) {
-    if (key != nullptr) ZwClose(key);
 }
 
 /* The pre-call: both children opened, the values copied. */

@@ -23,7 +23,7 @@ static DWORD regReplaceSIDInBinary(const regData* input, regData* output, sidCtx
 static DWORD _replaceInString(const uint8_t* text, uint32_t length, UNICODE_STRING* result, sidCtx* ctx,
                               int* changed) {
     if (length > UINT16_MAX) {
-        OMBRA_LOG(OMBRA_WARN, "Too long a string (%d bytes), left alone", length);
+        OMBRA_LOG_AS("regReplaceSIDInData", OMBRA_WARN, "Too long a string (%d bytes), left alone", length);
         return 0;
     }
     UNICODE_STRING name;
@@ -329,6 +329,10 @@ static int _treatName(HANDLE parent, const UNICODE_STRING* path, const KEY_NODE_
                                    (ctx->flags & SID_EXACT) != 0, &changed, &ctx->queryBuf);
     if (error != 0) ctx->lastError = error;
     if (error != 0 || !changed) return 0;
+    // A key can't be copied onto itself, and need not be.
+    const bool same =
+        newName.Length == name->Length && memcmp(newName.Buffer, name->Buffer, name->Length) == 0;
+    if (same) return 0;
     if ((ctx->flags & SID_SIMULATE) != 0) {
         OMBRA_LOG_AS(function, OMBRA_INFO, "Found old SID in name   %wZ (simulation mode)", path);
         return 0;

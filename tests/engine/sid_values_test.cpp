@@ -71,12 +71,13 @@ const Legend legend = {{"open 5a Domains\\Account 1", "open"},
 using SidValues = Scripted;
 
 TEST_F(SidValues, MachineSidFromTheAccountValue) {
-    const struct {
+    struct Row {
         const char* name;
         Account account;
         DWORD result;
         std::string road; /* between opening and closing the key */
-    } rows[] = {
+    };
+    const std::vector<Row> rows = {
         {"SID up to the last byte", {accountValue(72, 0)}, 0, "probe, read 72"},
         {"probe answered with 234", {accountValue(80, 8), REG_BINARY, 234}, 0, "probe, read 80"},
         {"empty", {{}}, 13, "probe, ! data"},

@@ -127,7 +127,7 @@ TEST_F(Trees, LongLinkTargets) {
         grow("from to");
         const std::u16string target = full(std::u16string(length - full(u"").size(), 'y'));
         makeLink(u"from\\l", target);
-        EXPECT_EQ(copy(0, keep), "0");
+        EXPECT_TRUE(copy(0, keep).ends_with("; 0"));
         EXPECT_EQ(get("to\\l", "SymbolicLinkValue"), bytesOf(target));
     }
 }

@@ -117,10 +117,10 @@ TEST_F(Values, StringsTooLong) {
         const char* expected;
     } rows[] = {
         {REG_SZ, chars(oldWide + tail), chars(oldWide + tail),
-         "WARN _replaceInString: Too long a string (65562 bytes), left alone; 0"},
+         "WARN regReplaceSIDInData: Too long a string (65562 bytes), left alone; 0"},
         {REG_MULTI_SZ, chars(oldWide + tail + nul + oldWide + nul),
          chars(oldWide + tail + nul + newWide + nul),
-         "WARN _replaceInString: Too long a string (65562 bytes), left alone; "
+         "WARN regReplaceSIDInData: Too long a string (65562 bytes), left alone; "
          "DEBUG regReplaceSIDInValues: Replaced old SID in value  \\v; 0"},
     };
     for (const auto& row : rows) {

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/hive/base_block.h"
 #include "platform/offline/hive/cells.h"
 #include "platform/offline/hive/image.h"
@@ -82,7 +83,7 @@ void HiveDeleter::operator()(Hive* hive) const {
 
 NTSTATUS hiveOpen(std::vector<uint8_t> bytes, HivePtr& hive, Problem& problem) {
     problem = {};
-    const NTSTATUS status = withMemory([&] { return open(std::move(bytes), hive, problem); });
+    const NTSTATUS status = guarded([&] { return open(std::move(bytes), hive, problem); });
     problem.status = status;
     return status;
 }
@@ -93,7 +94,7 @@ NTSTATUS hiveCreate(uint32_t minor, std::u16string_view rootName, std::u16string
         !validDescriptor(descriptor)) {
         return STATUS_INVALID_PARAMETER;
     }
-    return withMemory([&] { return create(minor, rootName, fileName, descriptor, hive); });
+    return guarded([&] { return create(minor, rootName, fileName, descriptor, hive); });
 }
 
 NTSTATUS hiveSave(Hive& hive, HiveStore& store) {
@@ -124,7 +125,7 @@ bool hiveChanged(const Hive& hive) {
 
 std::vector<uint8_t> hiveImage(const Hive& hive) {
     std::vector<uint8_t> image;
-    withMemory([&] {
+    guarded([&] {
         image = hive.bytes;
         const std::span<uint8_t> block(image.data(), base::size);
         const uint32_t sequence = primarySequence(hive) + (hive.changed ? 1 : 0);

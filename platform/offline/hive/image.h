@@ -92,18 +92,6 @@ inline void setEntry(std::span<uint8_t> data, size_t offset, size_t index, Cell 
     memcpy(data.data() + offset + index * sizeof(Cell), &cell, sizeof cell);
 }
 
-/* Runs what may want memory, at the border of the room. */
-template <class Work>
-NTSTATUS withMemory(Work work) {
-    try {
-        return work();
-    } catch (const std::bad_alloc&) {
-        return STATUS_NO_MEMORY;
-    } catch (const std::length_error&) {
-        return STATUS_NO_MEMORY;
-    }
-}
-
 } /* namespace offline */
 
 #endif

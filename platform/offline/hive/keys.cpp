@@ -1,6 +1,7 @@
 /* Keys: reading, making and deleting them, and their descriptors. */
 #include <algorithm>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/hive/cells.h"
 #include "platform/offline/hive/data.h"
 #include "platform/offline/hive/descriptors.h"
@@ -178,7 +179,7 @@ NTSTATUS hiveCreateSubkey(Hive& hive, Cell parent, std::u16string_view name,
         return STATUS_INVALID_PARAMETER;
     }
     const NewKey fresh{name, classText, findDescriptor(hive, descriptor), flags};
-    return withMemory([&] { return createSubkey(hive, parent, fresh, time, child); });
+    return guarded([&] { return createSubkey(hive, parent, fresh, time, child); });
 }
 
 NTSTATUS hiveDeleteKey(Hive& hive, Cell key, uint64_t time) {
@@ -205,7 +206,7 @@ NTSTATUS hiveDeleteKey(Hive& hive, Cell key, uint64_t time) {
 NTSTATUS hiveSetKeyDescriptor(Hive& hive, Cell key, std::span<const uint8_t> descriptor, uint64_t time) {
     if (!isKey(hive, key)) return STATUS_REGISTRY_CORRUPT;
     if (!validDescriptor(descriptor)) return STATUS_INVALID_PARAMETER;
-    return withMemory([&] {
+    return guarded([&] {
         const DescriptorUse use = findDescriptor(hive, descriptor);
         if (const NTSTATUS status = makeRoom(hive, descriptorGrowth(use)); status < 0) return status;
         const Cell before = get(cellData(hive, key), nk::descriptor);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/hive/cells.h"
 #include "platform/offline/hive/names.h"
 
@@ -138,7 +139,7 @@ void joinLeaves(Hive& hive, Cell index, uint32_t number) {
     const uint32_t count = first.count + second.count;
     const size_t entrySize = first.entrySize;
     if (first.kind != second.kind || count > list::largestLf / 2) return;
-    if (withMemory([&] { return makeRoom(hive, growthFor(listSize(entrySize, count))); }) < 0) return;
+    if (guarded([&] { return makeRoom(hive, growthFor(listSize(entrySize, count))); }) < 0) return;
     const Cell joined = newList(hive, first.kind, entrySize, count);
     const std::span<uint8_t> data = changeCell(hive, joined);
     const Leaf from = leafAt(hive, left);

@@ -1,6 +1,7 @@
 /* Values: reading, setting and deleting them. */
 #include <algorithm>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/hive/cells.h"
 #include "platform/offline/hive/data.h"
 #include "platform/offline/hive/hive.h"
@@ -187,7 +188,7 @@ NTSTATUS hiveSetValue(Hive& hive, Cell key, std::u16string_view name, uint32_t t
     if (name.size() > longestValueName || data.size() > longestData || isPredefined(hive, key)) {
         return STATUS_INVALID_PARAMETER;
     }
-    const NTSTATUS status = withMemory([&] { return setValue(hive, key, name, type, data); });
+    const NTSTATUS status = guarded([&] { return setValue(hive, key, name, type, data); });
     if (status >= 0) noteChange(hive, key, name.size(), data.size(), time);
     return status;
 }

@@ -4,7 +4,7 @@
 #include <span>
 #include <vector>
 
-#include "platform/offline/registry/guard.h"
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/registry/keys.h"
 #include "platform/offline/registry/mounts.h"
 #include "platform/offline/security/security.h"

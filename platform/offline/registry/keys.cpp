@@ -5,9 +5,9 @@
 #include <iterator>
 #include <memory>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/base/handles.h"
 #include "platform/offline/base/system_needed.h"
-#include "platform/offline/registry/guard.h"
 #include "platform/offline/security/security.h"
 
 namespace offline {

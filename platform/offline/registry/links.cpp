@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/registry/attached.h"
-#include "platform/offline/registry/guard.h"
 #include "platform/offline/registry/registry.h"
 #include "platform/offline/registry/resolve.h"
 

@@ -4,8 +4,8 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/base/system_needed.h"
-#include "platform/offline/registry/guard.h"
 #include "platform/offline/registry/keys.h"
 #include "platform/offline/registry/mounts.h"
 #include "platform/offline/registry/registry.h"

@@ -2,8 +2,8 @@
 
 #include <utility>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/registry/attached.h"
-#include "platform/offline/registry/guard.h"
 #include "platform/offline/registry/keys.h"
 #include "platform/offline/registry/links.h"
 #include "platform/offline/registry/registry.h"

@@ -6,8 +6,8 @@
 #include <new>
 #include <utility>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/registry/attached.h"
-#include "platform/offline/registry/guard.h"
 
 namespace offline {
 namespace {

@@ -4,9 +4,9 @@
 #include <span>
 #include <vector>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/base/system_needed.h"
 #include "platform/offline/base/text.h"
-#include "platform/offline/registry/guard.h"
 #include "platform/offline/registry/keys.h"
 #include "platform/offline/registry/mounts.h"
 #include "platform/offline/registry/resolve.h"

@@ -4,9 +4,9 @@
 #include <span>
 #include <string_view>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/base/system_needed.h"
 #include "platform/offline/registry/changes.h"
-#include "platform/offline/registry/guard.h"
 #include "platform/offline/registry/keys.h"
 #include "platform/offline/registry/open.h"
 

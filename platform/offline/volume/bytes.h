@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 #include "platform/nt.h"
+#include "platform/offline/base/guarded.h"
 
 namespace offline {
 
@@ -32,18 +33,6 @@ Number numberAt(Bytes bytes, size_t offset) {
     Number number;
     std::memcpy(&number, bytes.data() + offset, sizeof number);
     return number;
-}
-
-/* Runs the body of a public function; running out of memory becomes its status. */
-template <class Body>
-NTSTATUS guarded(Body body) noexcept {
-    try {
-        return body();
-    } catch (const std::bad_alloc&) {
-        return STATUS_NO_MEMORY;
-    } catch (const std::length_error&) {
-        return STATUS_NO_MEMORY;
-    }
 }
 
 } /* namespace offline */

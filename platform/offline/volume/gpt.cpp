@@ -1,5 +1,5 @@
 /* The GUID partition table: a header in the second sector, its entries, and a copy of both at the disk's end.
- * Structure: the UEFI specification's GPT header, revision 1.0. */
+ * Structure: the GPT header of UEFI, revision 1.0. */
 #include <array>
 #include <string_view>
 

@@ -1,6 +1,6 @@
-/* No exception leaves this room: a public function that allocates runs its body through here. */
-#ifndef QUILLET_OFFLINE_REGISTRY_GUARD_H
-#define QUILLET_OFFLINE_REGISTRY_GUARD_H
+/* No exception leaves a room: a public function that allocates runs its body through here. */
+#ifndef QUILLET_OFFLINE_BASE_GUARDED_H
+#define QUILLET_OFFLINE_BASE_GUARDED_H
 
 #include <new>
 #include <stdexcept>
@@ -9,6 +9,7 @@
 
 namespace offline {
 
+/* The body's status; running out of memory becomes STATUS_NO_MEMORY. */
 template <typename Body>
 NTSTATUS guarded(Body body) noexcept {
     try {
