@@ -71,41 +71,44 @@ const Legend legend = {{"open 5a Domains\\Account 1", "open"},
 using SidValues = Scripted;
 
 TEST_F(SidValues, MachineSidFromTheAccountValue) {
-    struct Row {
+    const struct {
         const char* name;
-        Account account;
+        Bytes value;
         DWORD result;
         std::string road; /* between opening and closing the key */
-    };
-    const std::vector<Row> rows = {
-        {"SID up to the last byte", {accountValue(72, 0)}, 0, "probe, read 72"},
-        {"probe answered with 234", {accountValue(80, 8), REG_BINARY, 234}, 0, "probe, read 80"},
-        {"empty", {{}}, 13, "probe, ! data"},
-        {"47 bytes", {accountValue(47, 0)}, 13, "probe, ! data"},
-        {"48 bytes", {accountValue(48, 0)}, 13, "probe, read 48, ! data"},
-        {"71 bytes", {accountValue(71, 0)}, 13, "probe, read 71, ! data"},
-        {"one byte past the end", {accountValue(80, 9)}, 13, "probe, read 80, ! data"},
-        {"offset that wraps to the end", {accountValue(72, 0xFFFFFFE8)}, 13, "probe, read 72, ! data"},
-        {"largest offset", {accountValue(72, 0xFFFFFFFF)}, 13, "probe, read 72, ! data"},
-        {"length 23", {accountValue(100, 0, 23)}, 13, "probe, read 100, ! data"},
-        {"length 25", {accountValue(100, 0, 25)}, 13, "probe, read 100, ! data"},
-        {"another type", {accountValue(72, 0), REG_DWORD}, 13, "probe, ! data"},
-        {"too short at the read", {accountValue(90, 0), REG_BINARY, 0, 0, 9}, 13, "probe, read 90, ! data"},
-        {"revision", {accountWith(0, 2)}, 13, "probe, read 72, ! SID"},
-        {"three sub-authorities", {accountWith(1, 3)}, 13, "probe, read 72, ! SID"},
-        {"authority 1", {accountWith(7, 1)}, 13, "probe, read 72, ! SID"},
-        {"authority, first byte", {accountWith(2, 1)}, 13, "probe, read 72, ! SID"},
-        {"first sub-authority", {accountWith(8, 20)}, 13, "probe, read 72, ! SID"},
-        {"first sub-authority, last byte", {accountWith(11, 1)}, 13, "probe, read 72, ! SID"},
-        {"probe fails", {accountValue(72, 0), REG_BINARY, 2}, 2, "probe, ! 2"},
-        {"read fails", {accountValue(72, 0), REG_BINARY, 0, 5}, 5, "probe, read 72, ! 5"},
-        {"read gives 234", {accountValue(72, 0), REG_BINARY, 0, 234}, 234, "probe, read 72, ! 234"},
+        DWORD type = REG_BINARY;
+        LSTATUS probe = 0, read = 0;
+        DWORD sizeAtRead = 0;
+    } rows[] = {
+        {"SID up to the last byte", accountValue(72, 0), 0, "probe, read 72"},
+        {"probe answered with 234", accountValue(80, 8), 0, "probe, read 80", REG_BINARY, 234},
+        {"empty", {}, 13, "probe, ! data"},
+        {"47 bytes", accountValue(47, 0), 13, "probe, ! data"},
+        {"48 bytes", accountValue(48, 0), 13, "probe, read 48, ! data"},
+        {"71 bytes", accountValue(71, 0), 13, "probe, read 71, ! data"},
+        {"one byte past the end", accountValue(80, 9), 13, "probe, read 80, ! data"},
+        {"offset that wraps to the end", accountValue(72, 0xFFFFFFE8), 13, "probe, read 72, ! data"},
+        {"largest offset", accountValue(72, 0xFFFFFFFF), 13, "probe, read 72, ! data"},
+        {"length 23", accountValue(100, 0, 23), 13, "probe, read 100, ! data"},
+        {"length 25", accountValue(100, 0, 25), 13, "probe, read 100, ! data"},
+        {"another type", accountValue(72, 0), 13, "probe, ! data", REG_DWORD},
+        {"too short at the read", accountValue(90, 0), 13, "probe, read 90, ! data", REG_BINARY, 0, 0, 9},
+        {"revision", accountWith(0, 2), 13, "probe, read 72, ! SID"},
+        {"three sub-authorities", accountWith(1, 3), 13, "probe, read 72, ! SID"},
+        {"authority 1", accountWith(7, 1), 13, "probe, read 72, ! SID"},
+        {"authority, first byte", accountWith(2, 1), 13, "probe, read 72, ! SID"},
+        {"first sub-authority", accountWith(8, 20), 13, "probe, read 72, ! SID"},
+        {"first sub-authority, last byte", accountWith(11, 1), 13, "probe, read 72, ! SID"},
+        {"probe fails", accountValue(72, 0), 2, "probe, ! 2", REG_BINARY, 2},
+        {"read fails", accountValue(72, 0), 5, "probe, read 72, ! 5", REG_BINARY, 0, 5},
+        {"read gives 234", accountValue(72, 0), 234, "probe, read 72, ! 234", REG_BINARY, 0, 234},
     };
     for (const auto& row : rows) {
         for (const DWORD capacity : {24u, 68u}) {
             SCOPED_TRACE(row.name);
             events.clear();
-            answerFor(row.account);
+            const Account account = {row.value, row.type, row.probe, row.read, row.sizeAtRead};
+            answerFor(account);
             Bytes machine(24, 0xEE);
             DWORD size = capacity;
             EXPECT_EQ(sidGetMachineSID(fakeHandle(0x5A), machine.data(), &size), row.result);

@@ -86,6 +86,31 @@ class RealSystems(ImageCase):
         self.assertEqual(lines[1:], ["sidReplaceInPath(c:) failed with code 1359", "quillet: the run's full exit status is 1359 (0x0000054F)"])
 
 
+class MissingHives(ImageCase):
+    def test_an_installation_without_one_of_its_hives(self):
+        """Named, with the code of a missing file, and nothing written."""
+        hives, tools = need_shared("hives/machine", "tools")
+        sys.path.insert(0, tools)
+        import descriptors
+        plain, names = descriptors.plain().hex(), ["SYSTEM", "SOFTWARE", "SAM", "SECURITY"]
+        for name in names:
+            with lzma.open(os.path.join(hives, (name + "-base" if name == "SOFTWARE" else name) + ".xz")) as f: data = f.read()
+            self.write(name, settled(__import__("hive"), data))
+        for missing in names:
+            with self.subTest(missing):
+                image = self.path("part.img")
+                with open(image, "wb") as f: f.truncate(64 << 20)
+                subprocess.run(["mkntfs", "-F", "-Q", "-q", "-s", "512", "-p", "0", "-H", "255", "-S", "63", image], check=True, capture_output=True)
+                rows = ["D %s - %s\n" % (plain, path) for path in ("/Windows", "/Windows/System32", "/Windows/System32/config")]
+                rows += ["F %s %s /%s%s\n" % (plain, self.path(n), CONFIG, n) for n in names if n != missing]
+                subprocess.run([ntfstool(), "lay", image], input="".join(rows).encode(), check=True)
+                before = digest(image)
+                done = quillet("-q", system=image)
+                self.assertEqual(done.status, 2)
+                self.assertRegex(done.error_lines()[-1], r"^quillet: .*part\.img: Windows.System32.config.%s is missing" % missing)
+                self.assertEqual(digest(image), before)
+
+
 class BrokenHives(ImageCase):
     def with_hive(self, name, data, at="SAM"):
         """A real system whose hive is replaced by the data."""
