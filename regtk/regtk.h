@@ -24,6 +24,17 @@ enum : uint32_t {
 
 /* ---- regtk_open ---- */
 
+/* What a key of this name below a root is opened with: as itself, a link too. name must outlive the record.
+ */
+inline OBJECT_ATTRIBUTES regAttributesBelow(HANDLE root, UNICODE_STRING* name) {
+    OBJECT_ATTRIBUTES attributes = {};
+    attributes.Length = sizeof attributes;
+    attributes.RootDirectory = root;
+    attributes.ObjectName = name;
+    attributes.Attributes = OBJ_CASE_INSENSITIVE | OBJ_OPENLINK;
+    return attributes;
+}
+
 /* Opens a key (never creates). */
 NTSTATUS regNtOpenKey(HANDLE* key, ACCESS_MASK access, const OBJECT_ATTRIBUTES* attributes, uint32_t flags);
 

@@ -70,15 +70,6 @@ static NTSTATUS _queryChild(_scan* scan, HANDLE child) {
     }
 }
 
-static OBJECT_ATTRIBUTES _below(HANDLE root, UNICODE_STRING* name) {
-    OBJECT_ATTRIBUTES attributes = {};
-    attributes.Length = sizeof attributes;
-    attributes.RootDirectory = root;
-    attributes.ObjectName = name;
-    attributes.Attributes = OBJ_CASE_INSENSITIVE | OBJ_OPENLINK;
-    return attributes;
-}
-
 /* A handle in one of the scan's 64-bit words. */
 static uint64_t _handleWord(HANDLE handle) {
     return reinterpret_cast<ULONG_PTR>(handle);
@@ -121,7 +112,7 @@ static void _cutPath(_scan* scan, USHORT length) {
 static void _writeBack(const _scan* scan, const _scanChild* child) {
     if (child->saved == nullptr) return;
     UNICODE_STRING self = {};
-    OBJECT_ATTRIBUTES attributes = _below(child->handle, &self);
+    OBJECT_ATTRIBUTES attributes = regAttributesBelow(child->handle, &self);
     HANDLE key = nullptr;
     const NTSTATUS status = ZwOpenKey(&key, WRITE_DAC | WRITE_OWNER, &attributes);
     if (status == STATUS_KEY_DELETED) return;
@@ -211,7 +202,7 @@ static NTSTATUS _scanOneChild(_scan* scan, HANDLE key, uint64_t scope, int32_t d
     const ULONG nameBytes = basic->NameLength < sizeof nameText ? basic->NameLength : ULONG{sizeof nameText};
     memcpy(nameText, basic->Name, nameBytes);
     UNICODE_STRING name = _countedName(nameText, nameBytes);
-    const OBJECT_ATTRIBUTES attributes = _below(key, &name);
+    const OBJECT_ATTRIBUTES attributes = regAttributesBelow(key, &name);
     const ACCESS_MASK access =
         (scan->flags & REG_SCAN_LIGHT) != 0
             ? KEY_QUERY_VALUE | KEY_ENUMERATE_SUB_KEYS
@@ -296,7 +287,7 @@ static uint32_t regScanDeleteCallback(HANDLE parent, const UNICODE_STRING* path,
                                       int32_t, uint32_t flags) {
     if (record != nullptr) {
         UNICODE_STRING name = _countedName(record->Name, record->NameLength);
-        const OBJECT_ATTRIBUTES attributes = _below(parent, &name);
+        const OBJECT_ATTRIBUTES attributes = regAttributesBelow(parent, &name);
         HANDLE key = nullptr;
         if (regNtOpenKey(&key, DELETE, &attributes, flags) < 0) return SCAN_FAIL;
         subscope[0] = _handleWord(key);
@@ -424,7 +415,7 @@ static const char _linkStep[] = "_regScanLinksCallbackImpl";  // what its helper
 /* Reads the child's link value into the buffer, with room for a terminator behind it. LINK_DONE: it is a
  * link. */
 static uint32_t _readLink(HANDLE parent, UNICODE_STRING* name, memBuf* buffer, uint32_t flags) {
-    const OBJECT_ATTRIBUTES attributes = _below(parent, name);
+    const OBJECT_ATTRIBUTES attributes = regAttributesBelow(parent, name);
     HANDLE child = nullptr;
     if (regNtOpenKey(&child, KEY_QUERY_VALUE, &attributes, flags) < 0) return LINK_FAILED;
     UNICODE_STRING valueName = _countedName(_linkValueText, sizeof _linkValueText - sizeof(WCHAR));
@@ -494,7 +485,7 @@ static uint32_t _regScanLinksCallbackImpl(HANDLE source, HANDLE target, const KE
     UNICODE_STRING name = _countedName(record->Name, record->NameLength);
     const uint32_t found = _readLink(source, &name, &copy->buffer, flags);
     if (found != LINK_DONE || copy->linkMap == nullptr) return found;
-    const OBJECT_ATTRIBUTES attributes = _below(target, &name);
+    const OBJECT_ATTRIBUTES attributes = regAttributesBelow(target, &name);
     const WCHAR* const oldTarget = _linkTarget(&copy->buffer);
     const uint32_t answer = copy->linkMap(oldTarget, &copy->linkTarget, copy->linkMapData);
     switch (answer) {
@@ -520,7 +511,7 @@ static NTSTATUS _openTarget(HANDLE parent, const KEY_NODE_INFORMATION* record, U
                             uint32_t flags, HANDLE* target) {
     constexpr ACCESS_MASK access =
         WRITE_OWNER | WRITE_DAC | READ_CONTROL | KEY_CREATE_SUB_KEY | KEY_SET_VALUE;
-    OBJECT_ATTRIBUTES attributes = _below(parent, name);
+    OBJECT_ATTRIBUTES attributes = regAttributesBelow(parent, name);
     attributes.Attributes = OBJ_CASE_INSENSITIVE | OBJ_OPENIF;
     if ((flags & REG_IGNORE_MISSING) != 0) return regNtOpenKey(target, access, &attributes, flags);
     const UNICODE_STRING className = _classOf(record);
@@ -528,7 +519,7 @@ static NTSTATUS _openTarget(HANDLE parent, const KEY_NODE_INFORMATION* record, U
 }
 
 static NTSTATUS _openSource(HANDLE parent, UNICODE_STRING* name, uint32_t flags, HANDLE* source) {
-    OBJECT_ATTRIBUTES attributes = _below(parent, name);
+    OBJECT_ATTRIBUTES attributes = regAttributesBelow(parent, name);
     attributes.Attributes = OBJ_CASE_INSENSITIVE;
     return regNtOpenKey(source, READ_CONTROL | KEY_QUERY_VALUE, &attributes, flags);
 }

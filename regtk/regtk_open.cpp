@@ -196,11 +196,7 @@ NTSTATUS regNtCreateKey(HANDLE* key, ACCESS_MASK access, const OBJECT_ATTRIBUTES
 int regOpenKeyU(HANDLE root, const UNICODE_STRING* name, ACCESS_MASK access, uint32_t flags, HANDLE* key,
                 DWORD* error) {
     UNICODE_STRING ownName = *name;
-    OBJECT_ATTRIBUTES attributes = {};
-    attributes.Length = sizeof attributes;
-    attributes.RootDirectory = root;
-    attributes.ObjectName = &ownName;
-    attributes.Attributes = OBJ_CASE_INSENSITIVE | OBJ_OPENLINK;
+    const OBJECT_ATTRIBUTES attributes = regAttributesBelow(root, &ownName);
     memBuf secBuf = {};
     const NTSTATUS status =
         _regOpenCreateKey(key, access, &attributes, 0, nullptr, 0, flags, &secBuf, nullptr);

@@ -251,15 +251,6 @@ static uint32_t _keepLink(const WCHAR*, memBuf*, void*) {
     return LINK_MAP_SAME;
 }
 
-static OBJECT_ATTRIBUTES _below(HANDLE parent, UNICODE_STRING* name) {
-    OBJECT_ATTRIBUTES attributes = {};
-    attributes.Length = sizeof attributes;
-    attributes.RootDirectory = parent;
-    attributes.ObjectName = name;
-    attributes.Attributes = OBJ_CASE_INSENSITIVE | OBJ_OPENLINK;
-    return attributes;
-}
-
 /* Whether an open key is a symbolic link: its values are then the link's target, and it has no children. */
 static bool _isLink(HANDLE key) {
     UNICODE_STRING valueName;
@@ -283,13 +274,13 @@ struct _rename {
 };
 
 static NTSTATUS _openOld(_rename* rename) {
-    const OBJECT_ATTRIBUTES attributes = _below(rename->parent, &rename->name);
+    const OBJECT_ATTRIBUTES attributes = regAttributesBelow(rename->parent, &rename->name);
     return regNtOpenKey(&rename->oldKey, KEY_READ | ACCESS_SYSTEM_SECURITY, &attributes, REG_TAKE_OWNERSHIP);
 }
 
 /* A link becomes a link of the new name; its value, which the copy brings along, is its target. */
 static NTSTATUS _createNew(_rename* rename) {
-    const OBJECT_ATTRIBUTES attributes = _below(rename->parent, &rename->newName);
+    const OBJECT_ATTRIBUTES attributes = regAttributesBelow(rename->parent, &rename->newName);
     const UNICODE_STRING className = _className(rename->record);
     const ULONG options = _isLink(rename->oldKey) ? REG_OPTION_CREATE_LINK : 0u;
     return regNtCreateKey(&rename->newKey, KEY_WRITE | WRITE_DAC | WRITE_OWNER, &attributes,
@@ -363,7 +354,7 @@ static uint32_t regReplaceSIDCallback(HANDLE parent, const UNICODE_STRING* path,
     name.Buffer = const_cast<WCHAR*>(record->Name);
     const bool names = (ctx->flags & SID_REPLACE_NAMES) != 0;
     if (names && _treatName(parent, path, record, &name, ctx)) return SCAN_RESTART;
-    const OBJECT_ATTRIBUTES attributes = _below(parent, &name);
+    const OBJECT_ATTRIBUTES attributes = regAttributesBelow(parent, &name);
     HANDLE key = nullptr;
     const NTSTATUS status = regNtOpenKey(&key, _treatAccess, &attributes, REG_TAKE_OWNERSHIP);
     if (status < 0) {

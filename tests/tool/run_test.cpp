@@ -116,20 +116,20 @@ protected:
 
     void answerForPrivileges() {
         answer.CloseHandle = [](HANDLE) { return TRUE; };
-        answer.OpenProcessToken = [this](HANDLE, DWORD access, PHANDLE token) {
+        answer.OpenProcessToken = [](HANDLE, DWORD access, PHANDLE token) {
             *token = fakeHandle(0x70);
             if (access == TOKEN_ADJUST_PRIVILEGES) return TRUE;
             note("token %x", access);
             return machine.token != 0 ? failWith(machine.token) : TRUE;
         };
-        answer.LookupPrivilegeValueW = [this](LPCWSTR, LPCWSTR name, PLUID luid) {
+        answer.LookupPrivilegeValueW = [](LPCWSTR, LPCWSTR name, PLUID luid) {
             note("%ws", name);
             *luid = {machine.notHeld == name ? 1u : 0u, 0};
             const bool fails = machine.name != 0 && std::u16string(name) == u"SeShutdownPrivilege";
             return fails ? failWith(machine.name) : TRUE;
         };
-        answer.AdjustTokenPrivileges = [this](HANDLE, BOOL, PTOKEN_PRIVILEGES state, DWORD, PTOKEN_PRIVILEGES,
-                                              LPDWORD) {
+        answer.AdjustTokenPrivileges = [](HANDLE, BOOL, PTOKEN_PRIVILEGES state, DWORD, PTOKEN_PRIVILEGES,
+                                          LPDWORD) {
             const bool restarting = events.back() == "SeShutdownPrivilege";
             SetLastError(state->Privileges[0].Luid.LowPart == 1 ? ERROR_NOT_ALL_ASSIGNED : 0);
             return machine.adjust != 0 && restarting ? failWith(machine.adjust) : TRUE;
@@ -155,7 +155,7 @@ protected:
             if (numberOf(key) == 0x5A) samOpen--;
             return ERROR_SUCCESS;
         };
-        answer.RegQueryValueExW = [this](HKEY, LPCWSTR, LPDWORD, LPDWORD type, BYTE* data, LPDWORD size) {
+        answer.RegQueryValueExW = [](HKEY, LPCWSTR, LPDWORD, LPDWORD type, BYTE* data, LPDWORD size) {
             *type = REG_BINARY;
             *size = 72;
             if (data != nullptr) {
@@ -165,7 +165,7 @@ protected:
             }
             return machine.account;
         };
-        answer.UuidCreate = [this](UUID* uuid) {
+        answer.UuidCreate = [](UUID* uuid) {
             memset(uuid, 1, sizeof *uuid);
             return machine.uuid;
         };
@@ -184,7 +184,7 @@ protected:
         };
     }
 
-    bool among(const std::u16string& letters, WCHAR letter) {
+    static bool among(const std::u16string& letters, WCHAR letter) {
         return letters.find(letter) != std::u16string::npos;
     }
 
@@ -196,8 +196,8 @@ protected:
             if (among(machine.noMemory, drive[0])) allocationsLeft = 0;
             return DRIVE_FIXED;
         };
-        answer.GetFileSecurityW = [this](LPCWSTR path, SECURITY_INFORMATION, PSECURITY_DESCRIPTOR target,
-                                         DWORD, LPDWORD) {
+        answer.GetFileSecurityW = [](LPCWSTR path, SECURITY_INFORMATION, PSECURITY_DESCRIPTOR target, DWORD,
+                                     LPDWORD) {
             if (path[6] == 0) note("walk %ws", path);
             const Bytes descriptor = image({machine.owner, administrators});
             memcpy(target, descriptor.data(), descriptor.size());
@@ -227,14 +227,14 @@ protected:
     }
 
     void answerForRestart() {
-        answer.InitiateSystemShutdownW = [this](LPWSTR name, LPWSTR message, DWORD timeout, BOOL force,
-                                                BOOL reboot) {
+        answer.InitiateSystemShutdownW = [](LPWSTR name, LPWSTR message, DWORD timeout, BOOL force,
+                                            BOOL reboot) {
             EXPECT_TRUE(name == nullptr && timeout == 0 && force == 1);
             note("restart %d: %ws", reboot, message);
             return machine.restart != 0 ? failWith(machine.restart) : TRUE;
         };
         answer.Sleep = [](DWORD milliseconds) { note("sleep %d", milliseconds); };
-        answer.ZwShutdownSystem = [this](SHUTDOWN_ACTION action) {
+        answer.ZwShutdownSystem = [](SHUTDOWN_ACTION action) {
             note("shutdown %d", action);
             return machine.shutdown;
         };
