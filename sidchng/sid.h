@@ -44,7 +44,7 @@ int sidReplaceInData(uint8_t* data, uint32_t length, const uint8_t* sidOld, cons
 
 /* Rewrites the text form of the SID at the head of a name. On a match *changed becomes 1 (it is never
  * cleared) and result points into buffer, good until that is used again; name must not lie in buffer. 0, or
- * ERROR_NOT_ENOUGH_MEMORY. A result that would be longer than a counted string can be (65,534 bytes) is no
+ * ERROR_NOT_ENOUGH_MEMORY. A result that would be longer than a counted string can be (65,535 bytes) is no
  * match: the name is left as it is, with a WARN line. */
 DWORD sidReplaceInName(const UNICODE_STRING* name, UNICODE_STRING* result, const UNICODE_STRING* oldText,
                        const UNICODE_STRING* newText, int exact, int* changed, memBuf* buffer);

@@ -189,7 +189,7 @@ protected:
     }
 
     void answerForDrives() {
-        answer.GetDriveTypeW = [this](LPCWSTR drive) -> UINT {
+        answer.GetDriveTypeW = [](LPCWSTR drive) -> UINT {
             EXPECT_EQ(drive[2], u'\0');
             static const UINT otherTypes[] = {0, 1, 2, 4, 5, 6};
             if (!among(machine.fixed, drive[0])) return otherTypes[drive[0] % 6];
@@ -203,7 +203,7 @@ protected:
             memcpy(target, descriptor.data(), descriptor.size());
             return TRUE;
         };
-        answer.FindFirstFileW = [this](LPCWSTR pattern, LPWIN32_FIND_DATAW record) {
+        answer.FindFirstFileW = [](LPCWSTR pattern, LPWIN32_FIND_DATAW record) {
             memset(record, 0, sizeof *record);
             record->cFileName[0] = among(machine.tooDeep, pattern[4]) ? 'd' : '.';
             record->dwFileAttributes = FILE_ATTRIBUTE_DIRECTORY;
@@ -211,8 +211,8 @@ protected:
         };
         answer.FindNextFileW = [](HANDLE, LPWIN32_FIND_DATAW) { return failWith(ERROR_NO_MORE_FILES); };
         answer.FindClose = [](HANDLE) { return TRUE; };
-        answer.CreateFileW = [this](LPCWSTR path, DWORD access, DWORD sharing, LPSECURITY_ATTRIBUTES,
-                                    DWORD disposition, DWORD flags, HANDLE) {
+        answer.CreateFileW = [](LPCWSTR path, DWORD access, DWORD sharing, LPSECURITY_ATTRIBUTES,
+                                DWORD disposition, DWORD flags, HANDLE) {
             allocationsLeft = -1;
             note("volume %ws", path);
             EXPECT_TRUE(access == 0x40000000 && sharing == 7 && disposition == 3 && flags == 0);
@@ -220,7 +220,7 @@ protected:
             SetLastError(32);
             return INVALID_HANDLE_VALUE;
         };
-        answer.FlushFileBuffers = [this](HANDLE volume) {
+        answer.FlushFileBuffers = [](HANDLE volume) {
             note("flush");
             return among(machine.unflushed, static_cast<WCHAR>(numberOf(volume))) ? failWith(1117) : TRUE;
         };
