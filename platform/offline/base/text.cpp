@@ -63,7 +63,7 @@ struct UpcaseTable {
         for (size_t i = 0; i < units.size(); i++) units[i] = static_cast<char16_t>(i);
         for (const UpcaseRange& range : upcaseRanges) {
             for (uint32_t unit = range.first; unit <= range.last; unit += range.step) {
-                units[unit] = static_cast<char16_t>(unit + range.delta);
+                units[unit] = static_cast<char16_t>(unit + static_cast<uint32_t>(range.delta));
             }
         }
     }
