@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <unistd.h>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 
@@ -216,7 +215,6 @@ void mutate(const Bytes& image, uint32_t seed, size_t rounds) {
 }
 
 TEST(Broken, MutatedHivesDoNoHarm) {
-    const clock_t start = clock();
     for (const uint32_t minor : {3u, 5u}) {
         HivePtr hive = newHive(minor);
         std::mt19937 random(minor);
@@ -234,7 +232,6 @@ TEST(Broken, MutatedHivesDoNoHarm) {
     for (const auto& [name, image] : realHives("clean")) {
         if (image.size() <= 300000) mutate(image, 1, 30);
     }
-    EXPECT_LT((clock() - start) / CLOCKS_PER_SEC, 10) << "seconds of processor time";
 }
 
 /* ---- Real hives ---- */
