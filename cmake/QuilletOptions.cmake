@@ -4,8 +4,9 @@ target_compile_features(quillet_options INTERFACE cxx_std_20)
 target_compile_options(quillet_options INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
     # These two warn inside the standard library's own strings and vectors there (GCC bugs 105329, 105651, 106199).
-    target_compile_options(quillet_options INTERFACE -Wno-restrict -Wno-stringop-overflow -Wno-stringop-overread
-                           -Wno-unknown-warning-option)
+    set(quiet -Wno-restrict -Wno-stringop-overflow -Wno-stringop-overread -Wno-unknown-warning-option)
+    target_compile_options(quillet_options INTERFACE ${quiet})
+    target_link_options(quillet_options INTERFACE ${quiet})  # where optimizing goes on when it links
 endif()
 target_include_directories(quillet_options INTERFACE ${PROJECT_SOURCE_DIR})
 if(QUILLET_SANITIZE)

@@ -19,6 +19,34 @@ std::span<uint8_t> baseBlock(Hive& hive) {
     return {hive.bytes.data(), base::size};
 }
 
+/* How far bins follow each other in the file, whatever the base block says. */
+uint32_t binsInFile(std::span<const uint8_t> file) {
+    const std::span<const uint8_t> bins = file.subspan(base::size);
+    size_t place = 0;
+    while (bins.size() - place >= bin::headerSize) {
+        const std::span<const uint8_t> header = bins.subspan(place, bin::headerSize);
+        const uint32_t size = get(header, bin::size);
+        const bool follows = get(header, bin::signature) == bin::magic && get(header, bin::place) == place &&
+                             size != 0 && size % pageSize == 0 && size <= bins.size() - place;
+        if (!follows || place + size > largestBins) break;
+        place += size;
+    }
+    return static_cast<uint32_t>(place);
+}
+
+/* A base block may tell of fewer bins than there are. Bins behind its end are mostly remnants; they count
+ * only when the hive is not whole without them, and is with them. */
+NTSTATUS validateBins(Hive& hive, Problem& problem) {
+    const NTSTATUS status = validate(hive, problem);
+    const uint32_t stated = hive.binsSize;
+    if (status >= 0) return status;
+    hive.binsSize = binsInFile(hive.bytes);
+    Problem second;
+    if (hive.binsSize <= stated || validate(hive, second) < 0) return status;
+    problem = {};
+    return STATUS_SUCCESS;
+}
+
 NTSTATUS open(std::vector<uint8_t>&& bytes, HivePtr& hive, Problem& problem) {
     if (const NTSTATUS status = checkBaseBlock(bytes, problem); status < 0) return status;
     HivePtr opened(new Hive);
@@ -28,7 +56,7 @@ NTSTATUS open(std::vector<uint8_t>&& bytes, HivePtr& hive, Problem& problem) {
     opened->binsSize = get(block, base::binsSize);
     opened->minor = get(block, base::minor);
     opened->root = get(block, base::root);
-    if (const NTSTATUS status = validate(*opened, problem); status < 0) return status;
+    if (const NTSTATUS status = validateBins(*opened, problem); status < 0) return status;
     hive = std::move(opened);
     return STATUS_SUCCESS;
 }

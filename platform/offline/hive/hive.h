@@ -94,6 +94,8 @@ Cell hiveRoot(const Hive& hive);
 /* The key at a cell. STATUS_REGISTRY_CORRUPT when there is none. */
 NTSTATUS hiveKey(const Hive& hive, Cell key, HiveKey& info);
 
+bool hiveKeyIsLink(const Hive& hive, Cell key);
+
 /* Copies the key's name, at most longestKeyName characters, and gives its length in characters. */
 size_t hiveKeyName(const Hive& hive, Cell key, char16_t* name);
 

@@ -35,6 +35,13 @@ struct LeafMemory {
     uint32_t count = 0;
 };
 
+/* The subkey last read by index. Who enumerates a key mostly opens what it finds there, by its name. */
+struct SubkeyMemory {
+    uint64_t generation = 0;
+    Cell key = noCell;
+    Cell child = noCell;
+};
+
 struct Hive {
     std::vector<uint8_t> bytes; /* the file: base block, bins, and what lies behind them */
     uint32_t binsSize = 0;
@@ -53,6 +60,7 @@ struct Hive {
 
     uint64_t generation = 1; /* counts the changes of subkey lists */
     mutable LeafMemory lastLeaf;
+    mutable SubkeyMemory lastSubkey;
 };
 
 /* The data of an allocated cell, behind its size; empty when there is no such cell. Every place that comes

@@ -118,6 +118,10 @@ Cell hiveRoot(const Hive& hive) {
     return hive.root;
 }
 
+bool hiveKeyIsLink(const Hive& hive, Cell key) {
+    return isKey(hive, key) && (get(cellData(hive, key), nk::flags) & HIVE_KEY_LINK) != 0;
+}
+
 NTSTATUS hiveKey(const Hive& hive, Cell key, HiveKey& info) {
     if (!isKey(hive, key)) return STATUS_REGISTRY_CORRUPT;
     const std::span<const uint8_t> data = cellData(hive, key);
@@ -156,11 +160,18 @@ NTSTATUS hiveSubkey(const Hive& hive, Cell key, uint32_t index, Cell& child) {
     const std::span<const uint8_t> data = cellData(hive, key);
     if (index >= get(data, nk::subkeyCount)) return STATUS_NO_MORE_ENTRIES;
     child = subkeyAt(hive, get(data, nk::subkeyList), index);
+    hive.lastSubkey = {hive.generation, key, child};
     return STATUS_SUCCESS;
 }
 
 NTSTATUS hiveFindSubkey(const Hive& hive, Cell key, std::u16string_view name, Cell& child) {
     if (!isKey(hive, key)) return STATUS_REGISTRY_CORRUPT;
+    const SubkeyMemory& last = hive.lastSubkey;
+    if (last.generation == hive.generation && last.key == key &&
+        compareNames(keyName(cellData(hive, last.child)), name) == 0) {
+        child = last.child;
+        return STATUS_SUCCESS;
+    }
     const SubkeyPlace place = findSubkey(hive, listOf(cellData(hive, key)), name);
     if (!place.found) return STATUS_OBJECT_NAME_NOT_FOUND;
     child = place.child;

@@ -12,9 +12,21 @@ char16_t fold(char16_t unit) {
     return upcase(unit);
 }
 
-template <class Right>
-int compareUnits(const StoredName& left, size_t leftLength, const Right& right, size_t rightLength) {
-    const size_t common = std::min(leftLength, rightLength);
+/* Units of a name as they are stored: how, is decided once and not for each of them. */
+struct LatinUnits {
+    std::span<const uint8_t> bytes;
+    size_t size() const { return bytes.size(); }
+    char16_t operator[](size_t i) const { return bytes[i]; }
+};
+struct WideUnits {
+    std::span<const uint8_t> bytes;
+    size_t size() const { return bytes.size() / sizeof(char16_t); }
+    char16_t operator[](size_t i) const { return regf::load<char16_t>(bytes.data() + i * sizeof(char16_t)); }
+};
+
+template <class Left, class Right>
+int compareUnits(const Left& left, const Right& right) {
+    const size_t common = std::min(left.size(), right.size());
     for (size_t i = 0; i < common; i++) {
         const char16_t a = left[i];
         const char16_t b = right[i];
@@ -22,23 +34,35 @@ int compareUnits(const StoredName& left, size_t leftLength, const Right& right, 
         const int difference = int{fold(a)} - int{fold(b)};
         if (difference != 0) return difference;
     }
-    return leftLength == rightLength ? 0 : leftLength < rightLength ? -1 : 1;
+    return left.size() == right.size() ? 0 : left.size() < right.size() ? -1 : 1;
+}
+
+template <class Right>
+int compareStored(const StoredName& left, const Right& right) {
+    return left.latin ? compareUnits(LatinUnits{left.bytes}, right)
+                      : compareUnits(WideUnits{left.bytes}, right);
+}
+
+template <class Units>
+uint32_t hashUnits(const Units& units) {
+    uint32_t hash = 0;
+    for (size_t i = 0; i < units.size(); i++) hash = hash * 37 + fold(units[i]);
+    return hash;
 }
 
 } /* namespace */
 
 int compareNames(const StoredName& left, const StoredName& right) {
-    return compareUnits(left, left.length(), right, right.length());
+    return right.latin ? compareStored(left, LatinUnits{right.bytes})
+                       : compareStored(left, WideUnits{right.bytes});
 }
 
 int compareNames(const StoredName& left, std::u16string_view right) {
-    return compareUnits(left, left.length(), right, right.size());
+    return compareStored(left, right);
 }
 
 uint32_t nameHash(const StoredName& name) {
-    uint32_t hash = 0;
-    for (size_t i = 0; i < name.length(); i++) hash = hash * 37 + fold(name[i]);
-    return hash;
+    return name.latin ? hashUnits(LatinUnits{name.bytes}) : hashUnits(WideUnits{name.bytes});
 }
 
 uint32_t nameHint(const StoredName& name) {

@@ -298,6 +298,8 @@ bool checkAll(Check& check) {
 } /* namespace */
 
 NTSTATUS validate(Hive& hive, Problem& problem) {
+    hive.freeCells.clear();
+    hive.descriptors.clear();
     hive.starts.words.assign(hive.binsSize / 512, 0);
     hive.keys.words.assign(hive.binsSize / 512, 0);
     hive.pageBin.assign(hive.binsSize / pageSize, 0);

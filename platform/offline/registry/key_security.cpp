@@ -19,7 +19,7 @@ std::span<const uint8_t> storedDescriptor(const Place& key) {
 NTSTATUS getSecurity(HKEY key, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR descriptor,
                      DWORD& size) {
     Place place;
-    std::vector<uint8_t> image;
+    static std::vector<uint8_t> image; /* kept from call to call: a sweep asks for every key's */
     NTSTATUS status = useRegKey(key, accessToQuery(information), place);
     if (status >= 0) status = descriptorQuery(storedDescriptor(place), information, image);
     if (status < 0) return status;

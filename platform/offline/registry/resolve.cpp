@@ -44,19 +44,17 @@ NTSTATUS resolvePath(const Place& from, std::u16string_view path, bool openLink,
     std::u16string_view rest = path;
     result.place = from;
     for (;;) {
-        HiveKey info;
-        NTSTATUS status = hiveKey(*result.place.mount->hive, result.place.cell, info);
-        if (status < 0) return status;
-        if ((info.flags & HIVE_KEY_LINK) != 0 && !(openLink && rest.empty())) {
+        const Place& here = result.place;
+        if (hiveKeyIsLink(*here.mount->hive, here.cell) && !(openLink && rest.empty())) {
             if (++links > longestLinkChain) return STATUS_OBJECT_PATH_INVALID;
-            status = followLink(result.place, rest, result);
+            const NTSTATUS status = followLink(here, rest, result);
             if (status < 0) return status;
             continue;
         }
         const std::u16string_view name = takeComponent(rest);
         if (name.empty()) return STATUS_SUCCESS;
         if (name.size() > longestKeyName) return STATUS_INVALID_PARAMETER;
-        status = findChild(result.place, name, result.place);
+        const NTSTATUS status = findChild(here, name, result.place);
         if (status < 0) {
             if (status == STATUS_OBJECT_NAME_NOT_FOUND && rest.empty()) result.leaf = name;
             return status;

@@ -109,7 +109,7 @@ NTSTATUS descriptorQuery(Bytes stored, SECURITY_INFORMATION information, std::ve
     size_t length = 0;
     if (!partsOfImage(stored, parts, length)) return STATUS_INVALID_SECURITY_DESCR;
     if ((information & allParts) == allParts) {
-        image = std::vector<uint8_t>(stored.begin(), stored.end());
+        image.assign(stored.begin(), stored.end());
         return STATUS_SUCCESS;
     }
     takeParts(parts, {}, allParts & ~information);

@@ -193,6 +193,20 @@ UnitMask unitsCovered(const Disk& disk, const CacheBlock& block, size_t start, s
     return covered;
 }
 
+/* Reads past the cache what is long and not in it, such as the contents of a large file, which would only
+ * drive everything else out. How many bytes were read; none when the cache is to be asked. */
+NTSTATUS readDirect(const Disk& disk, uint64_t offset, std::span<uint8_t> bytes, size_t& done) {
+    constexpr size_t worthwhile = 16 * size_t{cacheBlockSize};
+    done = 0;
+    if (offset % cacheBlockSize != 0) return STATUS_SUCCESS;
+    while (bytes.size() - done >= cacheBlockSize &&
+           !disk.blockIndex.contains((offset + done) / cacheBlockSize)) {
+        done += cacheBlockSize;
+    }
+    if (done < worthwhile) done = 0;
+    return readWhole(disk.file, bytes.data(), done, offset);
+}
+
 } /* namespace */
 
 NTSTATUS diskRead(Disk& disk, uint64_t offset, std::span<uint8_t> bytes) {
@@ -200,9 +214,17 @@ NTSTATUS diskRead(Disk& disk, uint64_t offset, std::span<uint8_t> bytes) {
         if (!onDisk(disk, offset, bytes.size())) return STATUS_INVALID_PARAMETER;
         while (!bytes.empty()) {
             size_t start = offset % cacheBlockSize;
-            size_t count = std::min<size_t>(bytes.size(), cacheBlockSize - start);
+            size_t count = 0;
+            NTSTATUS status = readDirect(disk, offset, bytes, count);
+            if (status < 0) return status;
+            if (count != 0) {
+                bytes = bytes.subspan(count);
+                offset += count;
+                continue;
+            }
+            count = std::min<size_t>(bytes.size(), cacheBlockSize - start);
             CacheBlock* block = nullptr;
-            NTSTATUS status = findBlock(disk, offset / cacheBlockSize, block);
+            status = findBlock(disk, offset / cacheBlockSize, block);
             if (status >= 0) status = loadUnits(disk, *block, unitsOf(start, count));
             if (status < 0) return status;
             std::memcpy(bytes.data(), block->bytes.get() + start, count);

@@ -1,6 +1,8 @@
 /* The unnamed data of files. */
 #include "platform/offline/volume/open_volume.h"
 /* before everything else */
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <cerrno>
 
@@ -27,6 +29,19 @@ NTSTATUS openData(Inode& inode, FileRef file, DataPtr& data) {
     errno = 0;
     data.reset(ntfs3g::ntfs_attr_open(inode.inode, ntfs3g::AT_DATA, nullptr, 0));
     return data != nullptr ? STATUS_SUCCESS : libraryStatus(inode.volume, errno);
+}
+
+/* Makes the buffer this long, with room for an eighth more that costs nothing until it is used. A large one
+ * is put on large pages, as far as the system has them: first touching it is a good part of reading a file.
+ */
+void sizeBuffer(std::vector<uint8_t>& bytes, size_t size) {
+    constexpr size_t largePage = size_t{2} << 20;
+    bytes.reserve(size + size / 8);
+    const auto start = reinterpret_cast<uintptr_t>(bytes.data());
+    const uintptr_t first = (start + largePage - 1) / largePage * largePage;
+    const uintptr_t end = (start + bytes.capacity()) / largePage * largePage;
+    if (first < end) madvise(bytes.data() + (first - start), end - first, MADV_HUGEPAGE);
+    bytes.resize(size);
 }
 
 NTSTATUS readData(Volume& volume, ntfs3g::ntfs_attr* data, std::span<uint8_t> bytes) {
@@ -68,7 +83,7 @@ NTSTATUS volumeReadFile(Volume& volume, FileRef file, uint64_t limit, std::vecto
         uint64_t size = static_cast<uint64_t>(data->data_size);
         /* A file may have holes, but one that is larger than its volume is nothing to load. */
         if (size > limit || size > volume.device.size) return STATUS_INSUFFICIENT_RESOURCES;
-        bytes.resize(static_cast<size_t>(size));
+        sizeBuffer(bytes, static_cast<size_t>(size));
         status = readData(volume, data.get(), bytes);
         data.reset();
         if (status < 0) bytes.clear();
