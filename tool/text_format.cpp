@@ -5,7 +5,7 @@
 
 #include "platform/nt.h"
 
-/* Collects bytes and hands them to the stream in blocks, so that a line is one write. */
+/* Collects bytes and hands them to the stream in blocks, so that a text is one write. */
 struct _output {
     FILE* stream;
     size_t used;

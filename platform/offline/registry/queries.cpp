@@ -13,6 +13,18 @@ NTSTATUS queriedKey(HANDLE handle, ACCESS_MASK needed, const QueryBuffer& out, P
     return useKey(handle, needed, place);
 }
 
+/* The record of the value that find(hive, key's cell, value) finds. */
+template <class Find>
+NTSTATUS queryValue(HANDLE key, KEY_VALUE_INFORMATION_CLASS infoClass, const QueryBuffer& out, Find find) {
+    Place place;
+    NTSTATUS status = queriedKey(key, KEY_QUERY_VALUE, out, place);
+    if (status < 0) return status;
+    const Hive& hive = *place.mount->hive;
+    HiveValue value;
+    status = find(hive, place.cell, value);
+    return status < 0 ? status : writeValueRecord(hive, value, infoClass, out);
+}
+
 } /* namespace */
 } /* namespace offline */
 
@@ -35,24 +47,16 @@ NTSTATUS ZwEnumerateKey(HANDLE key, ULONG index, KEY_INFORMATION_CLASS infoClass
 
 NTSTATUS ZwQueryValueKey(HANDLE key, PUNICODE_STRING name, KEY_VALUE_INFORMATION_CLASS infoClass,
                          PVOID buffer, ULONG size, PULONG resultLength) {
-    const offline::QueryBuffer out{buffer, size, resultLength};
-    offline::Place place;
-    NTSTATUS status = offline::queriedKey(key, KEY_QUERY_VALUE, out, place);
-    if (status < 0) return status;
-    const offline::Hive& hive = *place.mount->hive;
-    offline::HiveValue value;
-    status = offline::hiveFindValue(hive, place.cell, offline::view(name), value);
-    return status < 0 ? status : offline::writeValueRecord(hive, value, infoClass, out);
+    const auto byName = [&](const offline::Hive& hive, offline::Cell cell, offline::HiveValue& value) {
+        return offline::hiveFindValue(hive, cell, offline::view(name), value);
+    };
+    return offline::queryValue(key, infoClass, {buffer, size, resultLength}, byName);
 }
 
 NTSTATUS ZwEnumerateValueKey(HANDLE key, ULONG index, KEY_VALUE_INFORMATION_CLASS infoClass, PVOID buffer,
                              ULONG size, PULONG resultLength) {
-    const offline::QueryBuffer out{buffer, size, resultLength};
-    offline::Place place;
-    NTSTATUS status = offline::queriedKey(key, KEY_QUERY_VALUE, out, place);
-    if (status < 0) return status;
-    const offline::Hive& hive = *place.mount->hive;
-    offline::HiveValue value;
-    status = offline::hiveValue(hive, place.cell, index, value);
-    return status < 0 ? status : offline::writeValueRecord(hive, value, infoClass, out);
+    const auto byIndex = [&](const offline::Hive& hive, offline::Cell cell, offline::HiveValue& value) {
+        return offline::hiveValue(hive, cell, index, value);
+    };
+    return offline::queryValue(key, infoClass, {buffer, size, resultLength}, byIndex);
 }
