@@ -1,7 +1,9 @@
-"""The Windows program needs nothing that a Windows system lacks. Left out where it has not been built."""
-import os, shutil, subprocess, unittest
+"""The Windows program: it needs nothing that a Windows system lacks, and run under Wine it treats a registry as it
+should. Left out where it has not been built, or where Wine is not there."""
+import os, re, shutil, struct, subprocess, unittest
 
 import programs
+from programs import ImageCase, PAIR
 
 PROGRAM = os.path.join(programs.HERE, "..", "..", "build-windows", "quillet.exe")
 EVERY_WINDOWS = {"advapi32.dll", "kernel32.dll", "msvcrt.dll", "ntdll.dll", "rpcrt4.dll"}
@@ -16,6 +18,110 @@ class Imports(unittest.TestCase):
         imported = {line.split()[-1].lower() for line in said.splitlines() if "DLL Name:" in line}
         self.assertIn("ntdll.dll", imported)
         self.assertLessEqual(imported, EVERY_WINDOWS)
+
+
+OLD = "S-1-5-21-1111-2222-3333"
+SZ, EXPAND, BINARY, MULTI = 1, 2, 3, 7
+
+
+def image(sid):
+    numbers = [int(n) for n in sid.split("-")[3:]]
+    return struct.pack("<BB6s%dI" % len(numbers), 1, len(numbers), b"\0\0\0\0\0\5", *numbers)
+
+
+def text(*strings): return "".join(s + "\0" for s in strings).encode("utf-16le")
+
+
+def registry(sid):
+    """Keys below HKEY_LOCAL_MACHINE and their values, of a machine with this SID."""
+    user, account = image(sid + "-1000"), bytearray(48)
+    struct.pack_into("<II", account, 12, 0, 24)
+    always = image(OLD + "-1000")
+    return {
+        r"SAM\SAM\Domains\Account": {"V": (BINARY, bytes(account) + image(OLD))},  # read, and no tree of the table
+        r"SECURITY\Policy\Accounts\%s-1000" % sid: {
+            "Sid": (BINARY, user), "Text": (SZ, text(sid + "-1000")), "Not a SID": (SZ, text(OLD)),
+            "Many": (MULTI, text(sid + "-1000", "", "other", sid + "-1001", "")), "Expand": (EXPAND, text(OLD + "-1"))},
+        r"SECURITY\Policy\Accounts\%s-1000\Deeper\Still" % sid: {"": (0, b"x" + user + b"yy" + user), "RID": (1000, always)},
+        r"SECURITY\SAM\Domains\Builtin\Aliases\Members\%s" % sid: {"": (1000, b"")},
+        r"SECURITY\SAM\Domains\Builtin\Aliases\Members\%s\000001F4" % sid: {"Large": (BINARY, user * 4000)},
+        r"Software\Microsoft\Windows NT\CurrentVersion\ProfileList\%s-1000" % sid: {
+            "Sid": (BINARY, user), "ProfileImagePath": (EXPAND, text(r"%SystemDrive%\users\gone")), "Other": (BINARY, always)},
+        r"Software\Classes\AppID\{1}": {"LaunchPermission": (BINARY, user), "Other": (BINARY, always)},
+        r"Software\Classes\Elsewhere": {"Sid": (BINARY, always)},
+        r"System\CurrentControlSet\Services\lanmanserver\Parameters": {},
+    }
+
+
+def write_reg(tree):
+    lines = ["Windows Registry Editor Version 5.00", ""]
+    for key, values in tree.items():
+        lines += [r"[HKEY_LOCAL_MACHINE\%s]" % key]
+        for name, (kind, data) in values.items():
+            lines.append("%s=hex(%x):%s" % ('"%s"' % name if name else "@", kind, ",".join("%02x" % b for b in data)))
+        lines.append("")
+    return ("\ufeff" + "\r\n".join(lines)).encode("utf-16le")
+
+
+def read_reg(data):
+    tree, key = {}, None
+    for line in data.decode("utf-16le").replace("\\\r\n  ", "").split("\r\n"):
+        value = re.fullmatch(r'(?:@|"(.*?)")=(?:"(.*)"|hex(?:\((\w+)\))?:(.*)|dword:.*)', line)
+        if line.startswith("[HKEY_LOCAL_MACHINE\\"): key = tree[line[20:-1].lower()] = {}
+        elif value and value[4] is not None: key[value[1] or ""] = (int(value[3] or "3", 16), bytes.fromhex(value[4].replace(",", "")))
+        elif value and value[2] is not None: key[value[1] or ""] = (SZ, text(value[2].replace("\\\\", "\\")))
+    return tree
+
+
+class UnderWine(ImageCase):
+    def setUp(self):
+        super().setUp()
+        self.wine = shutil.which("wine64") or shutil.which("wine")
+        if not os.path.exists(PROGRAM) or not self.wine: self.skipTest("quillet.exe or Wine is not there")
+        self.environment = dict(os.environ, WINEPREFIX=self.path("prefix"), WINEDEBUG="-all", WINEDLLOVERRIDES="mscoree,mshtml=")
+        self.environment.pop("DISPLAY", None)
+        server = shutil.which("wineserver") or self.skipTest("Wine's server is not there")
+        os.mkdir(self.environment["WINEPREFIX"])
+        silent = {"env": self.environment, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
+        subprocess.run([server, "-p"], **silent)  # or it would start anew each time
+        self.addCleanup(subprocess.run, [server, "-k"], **silent)
+        if self.start("wineboot", "-i")[0]: self.skipTest("Wine does not start here")
+        os.remove(self.path("prefix/dosdevices/z:"))  # or the sweep would leave the prefix
+        shutil.copy(PROGRAM, self.drive("quillet.exe"))
+
+    def drive(self, name): return self.path("prefix/drive_c/" + name)
+
+    def start(self, *command):
+        """The exit status and the output, which goes by way of a file: what stays running would hold a pipe open."""
+        with open(self.path("said"), "w+b") as said:
+            done = subprocess.run([self.wine, *command], env=self.environment, cwd=self.work, stdin=subprocess.DEVNULL,
+                                  stdout=said, stderr=subprocess.DEVNULL, timeout=120)
+            said.seek(0)
+            return done.returncode, said.read().decode().replace("\r\n", "\n")
+
+    def exported(self):
+        tree = {}
+        for root in ("SAM", "SECURITY", "Software\\Microsoft\\Windows NT", "Software\\Classes", "System\\CurrentControlSet\\Services\\lanmanserver"):
+            self.start("regedit", "/E", r"C:\out.reg", "HKEY_LOCAL_MACHINE\\" + root)
+            with open(self.drive("out.reg"), "rb") as f: tree.update(read_reg(f.read()))
+        return tree
+
+    def test_a_registry_from_end_to_end(self):
+        with open(self.drive("in.reg"), "wb") as f: f.write(write_reg(registry(OLD)))
+        self.start("regedit", "/S", r"C:\in.reg")
+        for options in ("-s", "-"):
+            status, out = self.start(r"C:\quillet.exe", options)
+            self.assertEqual(status, 0, out)
+            found, new = PAIR.search(out).groups()
+            self.assertEqual(found, OLD)
+            self.assertTrue(out.endswith("scanning c: ...\ncompleted successfully\n"), out)
+            after = self.exported()
+            guid = after[r"system\currentcontrolset\services\lanmanserver\parameters"]["Guid"]
+            self.assertEqual((guid[0], len(guid[1])), (BINARY, 16))
+            for key, values in registry(OLD if options == "-s" else new).items():
+                for name, value in values.items(): self.assertEqual(after[key.lower()].get(name), value, key + "\\" + name)
+            names = [key for key in after if OLD.lower() in key]
+            self.assertEqual(bool(names), options == "-s", names)
 
 
 programs.main()
