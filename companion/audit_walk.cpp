@@ -8,6 +8,7 @@
 #include "companion/text.h"
 #include "platform/offline/base/text.h"
 #include "platform/offline/files/drives.h"
+#include "platform/offline/system/hive_files.h"
 #include "platform/offline/system/installation.h"
 
 namespace companion {
@@ -273,7 +274,7 @@ void auditHive(const HiveSeen& seen, const std::vector<Tree>& trees, Walk& walk,
     offline::HivePtr hive;
     std::unique_ptr<offline::HiveStore> store;
     offline::Problem problem;
-    if (offline::readHiveFile(*volume, file, seen.path, hive, store, problem) < 0) {
+    if (offline::driveReadHive(path, hive, store, problem) < 0) {
         walk.audit.problems.push_back(problem.text);
         return;
     }
@@ -299,7 +300,8 @@ void auditInstallation(const Sight& sight, Audit& audit) {
     const std::vector<Tree> trees = treesOf(sight.controlSet);
     std::set<std::pair<const offline::Volume*, FileRef>> files;
     for (const HiveSeen& hive : sight.hives) {
-        if (hive.state == HiveState::clean) auditHive(hive, trees, walk, files);
+        const bool readable = hive.state == HiveState::clean || hive.state == HiveState::logged;
+        if (readable) auditHive(hive, trees, walk, files);
     }
 }
 

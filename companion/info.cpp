@@ -15,6 +15,7 @@ const char help[] =
     "Shows the disks, the volumes with their drive letters, the Windows installation, its machine SID and\n"
     "the state of its registry hives. Nothing is written. What is wrong goes to standard error, a line "
     "each.\n"
+    "A hive that is \"logged\" has its last changes in its log files, from where they are read.\n"
     "The exit status is 0 for a system that quillet can work on, else 2.\n"
     "\n"
     "Examples:\n"

@@ -9,6 +9,7 @@
 #include "platform/offline/base/text.h"
 #include "platform/offline/files/drives.h"
 #include "platform/offline/system/environment.h"
+#include "platform/offline/system/hive_files.h"
 #include "platform/offline/system/installation.h"
 #include "platform/offline/system/letters.h"
 #include "platform/offline/system/machine_hives.h"
@@ -84,8 +85,8 @@ void noteLetters(Looking& looking) {
 
 /* ---- Hives ---- */
 
-HiveState stateOf(NTSTATUS status) {
-    if (status >= 0) return HiveState::clean;
+HiveState stateOf(NTSTATUS status, const HivePtr& hive) {
+    if (status >= 0) return offline::hiveRecovered(*hive) ? HiveState::logged : HiveState::clean;
     if (status == STATUS_REGISTRY_IO_FAILED) return HiveState::dirty;
     const bool missing = status == STATUS_OBJECT_NAME_NOT_FOUND || status == STATUS_OBJECT_PATH_NOT_FOUND;
     return missing ? HiveState::missing : HiveState::damaged;
@@ -100,7 +101,7 @@ HivePtr readMachineHive(Looking& looking, std::u16string_view name, bool needed)
     HivePtr hive;
     std::unique_ptr<offline::HiveStore> store;
     const NTSTATUS status = offline::installationReadHive(place, path, hive, store, problem);
-    HiveSeen seen{offline::toUtf8(path), stateOf(status)};
+    HiveSeen seen{offline::toUtf8(path), stateOf(status, hive)};
     offline::FileRef file;
     offline::FileInfo info;
     if (offline::volumeFind(*place.volume, path, file) >= 0 &&
@@ -124,14 +125,14 @@ void lookAtUserHive(Looking& looking, const std::string& user, const std::u16str
     NTSTATUS status = offline::driveFind(path, volume, file);
     if (status >= 0) status = offline::volumeFileInfo(*volume, file, info);
     Problem problem{status, seen.path + ": can't be reached (" + statusText(status) + "); check the volume"};
+    HivePtr hive;
     if (status >= 0) {
-        HivePtr hive;
         std::unique_ptr<offline::HiveStore> store;
         seen.size = info.size;
-        status = offline::readHiveFile(*volume, file, seen.path, hive, store, problem);
+        status = offline::driveReadHive(path, hive, store, problem);
         if (hive) seen.version = offline::hiveMinorVersion(*hive);
     }
-    seen.state = stateOf(status);
+    seen.state = stateOf(status, hive);
     if (seen.state != HiveState::missing) looking.good(status, problem);
     looking.sight.hives.push_back(std::move(seen));
 }
@@ -266,6 +267,8 @@ const char* stateName(HiveState state) {
     switch (state) {
         case HiveState::clean:
             return "clean";
+        case HiveState::logged:
+            return "logged";
         case HiveState::dirty:
             return "dirty";
         case HiveState::damaged:

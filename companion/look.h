@@ -24,7 +24,8 @@ struct VolumeSeen {
     bool opened = false;
 };
 
-enum class HiveState { clean, dirty, damaged, missing };
+/* logged: its last changes are in its log files, and are read from there. */
+enum class HiveState { clean, logged, dirty, damaged, missing };
 
 struct HiveSeen {
     std::string path; /* "C:\Windows\System32\config\SAM" */

@@ -1,7 +1,7 @@
 /* What an audit finds, before and after a run, and what it does with a system that it can't see whole. */
 #include "platform/offline/hive/hive.h"
 #include "platform/offline/security/security.h"
-#include "platform/offline/system/installation.h"
+#include "platform/offline/system/hive_files.h"
 #include "platform/offline/system/machine_hives.h"
 #include "tests/companion/program.h"
 

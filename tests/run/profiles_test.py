@@ -28,9 +28,6 @@ TREATED = [("S-1-1", r"C:\Users\alice\ntuser.dat"), ("S-1-3", r"C:\Users\bob\ntu
 
 
 class Profiles(ImageCase):
-    def put(self, image, path, data):
-        subprocess.run(["ntfscp", "-f", image, self.write("put", data), path], check=True, capture_output=True)
-
     def system(self):
         image = self.copy(sample(), "profiles.img")
         hive, lines = self.write("SOFTWARE", self.contents(image, SOFTWARE)), []

@@ -57,6 +57,10 @@ class ImageCase(unittest.TestCase):
         """A file of a volume, read by a program that is not ours."""
         return subprocess.run(["ntfscat", image, path], check=True, capture_output=True).stdout
 
+    def put(self, image, path, data):
+        """Gives a file of a volume these contents, by a program that is not ours; makes it where it is missing."""
+        subprocess.run(["ntfscp", "-f", image, self.write("put", data), path], check=True, capture_output=True)
+
     def assert_sound(self, image):
         """No structure of the volume's security stream is amiss, and no dirty mark is left."""
         said = subprocess.run(["ntfssecaudit", "-ar", image], capture_output=True)

@@ -16,9 +16,8 @@ uint32_t checksumOf(std::span<const uint8_t> block) {
 }
 
 const char* const notShutDown =
-    "is dirty: changes of its last use are still in its log files; start the system once and shut it down "
-    "cleanly, "
-    "then try again";
+    "is dirty: it was not shut down, and no log file beside it holds what is missing; start the system once "
+    "and shut it down cleanly, then try again";
 
 NTSTATUS checkKind(std::span<const uint8_t> file, Problem& problem) {
     if (file.size() < base::size || get(file, base::signature) != base::magic) {
@@ -46,7 +45,7 @@ bool binsFit(std::span<const uint8_t> file) {
 NTSTATUS checkBaseBlock(std::span<const uint8_t> file, Problem& problem) {
     if (const NTSTATUS status = checkKind(file, problem); status < 0) return status;
 
-    if (checksumOf(file) != get(file, base::checksum)) {
+    if (!baseBlockSealed(file)) {
         const bool plausible = binsFit(file) && file.size() % pageSize == 0 && get(file, base::format) == 1;
         if (plausible) return refuse(problem, STATUS_REGISTRY_IO_FAILED, notShutDown);
         return refuse(problem, STATUS_REGISTRY_CORRUPT, "is damaged: its base block does not match the file");
@@ -62,6 +61,15 @@ NTSTATUS checkBaseBlock(std::span<const uint8_t> file, Problem& problem) {
                       "is damaged: its base block and the file differ in size");
     }
     return STATUS_SUCCESS;
+}
+
+bool baseBlockSealed(std::span<const uint8_t> block) {
+    return checksumOf(block) == get(block, base::checksum);
+}
+
+bool baseBlockDirty(std::span<const uint8_t> file) {
+    return file.size() >= base::size &&
+           (!baseBlockSealed(file) || get(file, base::primarySequence) != get(file, base::secondarySequence));
 }
 
 void makeBaseBlock(std::span<uint8_t> block, uint32_t minor, std::u16string_view fileName) {

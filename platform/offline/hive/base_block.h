@@ -16,6 +16,13 @@ namespace offline {
  * that was not shut down, which only its log files make whole. */
 NTSTATUS checkBaseBlock(std::span<const uint8_t> file, Problem& problem);
 
+/* Whether the checksum over the first sector is right; of a log's base block too. The bytes must hold it. */
+bool baseBlockSealed(std::span<const uint8_t> block);
+
+/* Whether the file was not shut down, as far as its base block tells, or has lost its base block: log files
+ * may make it whole. */
+bool baseBlockDirty(std::span<const uint8_t> file);
+
 /* Fills a base block of zeros for a hive without bins. */
 void makeBaseBlock(std::span<uint8_t> block, uint32_t minor, std::u16string_view fileName);
 

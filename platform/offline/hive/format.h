@@ -50,6 +50,7 @@ constexpr uint32_t magic = 0x66676572; /* "regf" */
 constexpr Field<uint32_t> signature{0};
 constexpr Field<uint32_t> primarySequence{4};
 constexpr Field<uint32_t> secondarySequence{8};
+constexpr Field<uint64_t> lastWrite{12};
 constexpr Field<uint32_t> major{20};
 constexpr Field<uint32_t> minor{24};
 constexpr Field<uint32_t> type{28};   /* 0 for the hive itself; log files have others */
@@ -59,15 +60,44 @@ constexpr Field<uint32_t> binsSize{40};
 constexpr Field<uint32_t> clustering{44}; /* 1 */
 constexpr size_t fileName = 48;
 constexpr size_t fileNameSize = 64; /* UTF-16 with a terminator */
+constexpr Field<uint32_t> flags{144};
 constexpr Field<uint32_t> checksum{508};
 constexpr size_t size = pageSize;
 } /* namespace base */
+
+/* Log files begin with the first sector of a base block. The form since Windows 8.1 goes on with entries,
+ * each a multiple of a sector, with the places and sizes of parts of the bins and then the parts; both its
+ * hashes are Marvin32. The form before it holds one bit for each sector of the bins, and then the sectors
+ * whose bit is set. */
+namespace log {
+constexpr size_t sectorSize = 512;
+constexpr uint32_t oldType = 1; /* of the base block */
+constexpr uint32_t newType = 6;
+
+constexpr uint32_t entryMagic = 0x454C7648; /* "HvLE" */
+constexpr Field<uint32_t> signature{0};
+constexpr Field<uint32_t> size{4}; /* of the entry */
+constexpr Field<uint32_t> flags{8};
+constexpr Field<uint32_t> sequence{12};
+constexpr Field<uint32_t> binsSize{16};
+constexpr Field<uint32_t> count{20};
+constexpr Field<uint64_t> bodyHash{24}; /* of everything behind the header */
+constexpr Field<uint64_t> headHash{32}; /* of what is before it */
+constexpr size_t header = 40;
+constexpr Field<uint32_t> partPlace{0}; /* a part, as the list behind the header names it */
+constexpr Field<uint32_t> partSize{4};
+constexpr size_t partEntry = 8;
+
+constexpr uint32_t dirtyMagic = 0x54524944; /* "DIRT", behind the base block of an old one */
+constexpr size_t bits = sectorSize + 4;
+} /* namespace log */
 
 namespace bin {
 constexpr uint32_t magic = 0x6E696268; /* "hbin" */
 constexpr Field<uint32_t> signature{0};
 constexpr Field<uint32_t> place{4};
 constexpr Field<uint32_t> size{8};
+constexpr Field<uint64_t> lastWrite{20}; /* of the hive, in the first bin alone */
 constexpr uint32_t headerSize = 32;
 } /* namespace bin */
 

@@ -8,6 +8,7 @@
 #include "platform/offline/hive/cells.h"
 #include "platform/offline/hive/image.h"
 #include "platform/offline/hive/keys.h"
+#include "platform/offline/hive/recovery.h"
 #include "platform/offline/hive/validate.h"
 
 namespace offline {
@@ -47,16 +48,28 @@ NTSTATUS validateBins(Hive& hive, Problem& problem) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS open(std::vector<uint8_t>&& bytes, HivePtr& hive, Problem& problem) {
-    if (const NTSTATUS status = checkBaseBlock(bytes, problem); status < 0) return status;
+/* What was taken from the logs is in no page of the file yet. */
+void noteRecovered(Hive& hive, const std::vector<RecoveredPart>& parts) {
+    for (const RecoveredPart& part : parts) {
+        const size_t behind = std::min<size_t>(size_t{part.place} + part.size, hive.binsSize);
+        for (size_t page = part.place / pageSize; page * pageSize < behind; page++) hive.dirtyPages[page] = 1;
+    }
+    hive.recovered = !parts.empty();
+}
+
+NTSTATUS open(std::vector<uint8_t>&& bytes, const HiveLogs& logs, HivePtr& hive, Problem& problem) {
     HivePtr opened(new Hive);
+    opened->fileSize = bytes.size();
+    std::vector<RecoveredPart> parts;
+    if (baseBlockDirty(bytes)) applyLogs(bytes, logs, parts);
+    if (const NTSTATUS status = checkBaseBlock(bytes, problem); status < 0) return status;
     opened->bytes = std::move(bytes);
     const std::span<const uint8_t> block = baseBlock(*opened);
-    opened->fileSize = opened->bytes.size();
     opened->binsSize = get(block, base::binsSize);
     opened->minor = get(block, base::minor);
     opened->root = get(block, base::root);
     if (const NTSTATUS status = validateBins(*opened, problem); status < 0) return status;
+    noteRecovered(*opened, parts);
     hive = std::move(opened);
     return STATUS_SUCCESS;
 }
@@ -109,11 +122,23 @@ void HiveDeleter::operator()(Hive* hive) const {
     delete hive;
 }
 
-NTSTATUS hiveOpen(std::vector<uint8_t> bytes, HivePtr& hive, Problem& problem) {
+bool hiveNeedsLogs(std::span<const uint8_t> bytes) {
+    return baseBlockDirty(bytes);
+}
+
+NTSTATUS hiveOpen(std::vector<uint8_t> bytes, const HiveLogs& logs, HivePtr& hive, Problem& problem) {
     problem = {};
-    const NTSTATUS status = guarded([&] { return open(std::move(bytes), hive, problem); });
+    const NTSTATUS status = guarded([&] { return open(std::move(bytes), logs, hive, problem); });
     problem.status = status;
     return status;
+}
+
+NTSTATUS hiveOpen(std::vector<uint8_t> bytes, HivePtr& hive, Problem& problem) {
+    return hiveOpen(std::move(bytes), {}, hive, problem);
+}
+
+bool hiveRecovered(const Hive& hive) {
+    return hive.recovered;
 }
 
 NTSTATUS hiveCreate(uint32_t minor, std::u16string_view rootName, std::u16string_view fileName,
@@ -144,6 +169,7 @@ NTSTATUS hiveSave(Hive& hive, HiveStore& store) {
 
     std::fill(hive.dirtyPages.begin(), hive.dirtyPages.end(), uint8_t{0});
     hive.changed = false;
+    hive.recovered = false;
     return STATUS_SUCCESS;
 }
 

@@ -38,12 +38,27 @@ using HivePtr = std::unique_ptr<Hive, HiveDeleter>;
 
 /* ---- Opening, creating, saving ---- */
 
+/* The contents of the log files beside a hive file: NAME.LOG1 and NAME.LOG2, or NAME.LOG alone as the first.
+ * Empty where there is none. */
+struct HiveLogs {
+    std::vector<uint8_t> first;
+    std::vector<uint8_t> second;
+};
+
+/* Whether these bytes of a hive file want the logs to be whole. */
+bool hiveNeedsLogs(std::span<const uint8_t> bytes);
+
 /* Takes the bytes of a hive file and validates everything that can be reached from the root: one choke point,
  * after which the functions below rely on the structure. Names in the problem are left to the caller: its
  * text says what is wrong with "the hive", in a form that stands behind "NAME: " ("is damaged: the key cell
  * at 0x1a20 …"). Fails with STATUS_NOT_REGISTRY_FILE (no hive at all), STATUS_REGISTRY_CORRUPT (a broken one)
- * or STATUS_REGISTRY_IO_FAILED (a dirty one: its log files hold changes that are not in it). */
-NTSTATUS hiveOpen(std::vector<uint8_t> bytes, HivePtr& hive, Problem& problem);
+ * or STATUS_REGISTRY_IO_FAILED (a dirty one that the logs do not make whole). What comes from the logs is
+ * saved together with the first change. */
+NTSTATUS hiveOpen(std::vector<uint8_t> bytes, const HiveLogs& logs, HivePtr& hive, Problem& problem);
+NTSTATUS hiveOpen(std::vector<uint8_t> bytes, HivePtr& hive, Problem& problem); /* without logs */
+
+/* Whether something of the hive came from its logs and has not been saved yet. */
+bool hiveRecovered(const Hive& hive);
 
 /* A new, empty hive of version 1.minor (3 to 6) whose root key has this name and self-relative descriptor.
  * fileName goes into the base block (its last 31 characters). */

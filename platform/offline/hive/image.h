@@ -49,6 +49,7 @@ struct Hive {
     Cell root = noCell;
     uint64_t fileSize = 0; /* of the stored file */
     bool changed = false;
+    bool recovered = false;          /* pages from the logs count as dirty but not as a change */
     std::vector<uint8_t> dirtyPages; /* one for each page of the bins */
 
     CellBits starts;                               /* cells, free or not */

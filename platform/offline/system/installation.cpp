@@ -8,55 +8,8 @@
 namespace offline {
 namespace {
 
-constexpr uint64_t largestHive = uint64_t{2} << 30; /* bytes; the platform's own limit for a hive */
-
 const std::u16string_view windowsDirectories[] = {u"Windows", u"WINNT"};
 const std::u16string_view configDirectory = u"\\System32\\config";
-
-/* The files whose hives are open: a second hive on the same file would overwrite the first one's changes. */
-struct OpenHiveFile {
-    const Volume* volume;
-    FileRef file;
-    bool operator==(const OpenHiveFile&) const = default;
-};
-std::vector<OpenHiveFile> openHiveFiles;
-
-/* Saves a hive in place, into the file that it was read from, and keeps that in use. */
-struct VolumeHiveStore final : HiveStore {
-    Volume& volume;
-    FileRef file;
-
-    VolumeHiveStore(Volume& onVolume, FileRef inFile) : volume(onVolume), file(inFile) {
-        openHiveFiles.push_back({&volume, file});
-    }
-    VolumeHiveStore(const VolumeHiveStore&) = delete;
-    VolumeHiveStore& operator=(const VolumeHiveStore&) = delete;
-    ~VolumeHiveStore() override { std::erase(openHiveFiles, OpenHiveFile{&volume, file}); }
-
-    /* An empty write is refused like any other, and the volume remembers that. */
-    NTSTATUS beginChange() override {
-        return volumeReadOnly(volume) ? volumeWriteFile(volume, file, 0, {}) : STATUS_SUCCESS;
-    }
-
-    NTSTATUS write(uint64_t offset, std::span<const uint8_t> bytes) override {
-        return volumeWriteFile(volume, file, offset, bytes);
-    }
-
-    NTSTATUS grow(uint64_t size) override {
-        FileInfo info;
-        NTSTATUS status = volumeFileInfo(volume, file, info);
-        if (status < 0) return status;
-        static const uint8_t zeros[4096] = {};
-        for (uint64_t at = info.size; at < size && status >= 0;) {
-            const uint64_t step = std::min<uint64_t>(sizeof zeros, size - at);
-            status = volumeWriteFile(volume, file, at, std::span(zeros, step));
-            at += step;
-        }
-        return status;
-    }
-
-    NTSTATUS flush() override { return volumeFlush(volume); }
-};
 
 NTSTATUS openVolumes(Disk& disk, Installation& installation, Problem& problem) {
     std::vector<Partition> partitions;
@@ -123,40 +76,6 @@ std::u16string installationHivePath(const Installation& installation, std::u16st
 
 std::string installationFileName(const InstallationVolume& place, std::u16string_view path) {
     return diskPath(*place.disk) + ": " + toUtf8(path);
-}
-
-NTSTATUS readHiveFile(Volume& volume, FileRef file, const std::string& name, HivePtr& hive,
-                      std::unique_ptr<HiveStore>& store, Problem& problem) {
-    if (std::find(openHiveFiles.begin(), openHiveFiles.end(), OpenHiveFile{&volume, file}) !=
-        openHiveFiles.end()) {
-        return refuse(problem, STATUS_SHARING_VIOLATION, name + " is in use");
-    }
-    std::vector<uint8_t> bytes;
-    NTSTATUS status = volumeReadFile(volume, file, largestHive, bytes);
-    if (status < 0) {
-        return refuse(problem, status,
-                      name + " can't be read from its volume; check the disk, or restore the file");
-    }
-    status = hiveOpen(std::move(bytes), hive, problem);
-    if (status < 0) {
-        problem.text = name + " " + problem.text;
-        return status;
-    }
-    store = std::make_unique<VolumeHiveStore>(volume, file);
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS installationReadHive(InstallationVolume& place, std::u16string_view path, HivePtr& hive,
-                              std::unique_ptr<HiveStore>& store, Problem& problem) {
-    const std::string name = installationFileName(place, path);
-    FileRef file;
-    const NTSTATUS status = volumeFind(*place.volume, path, file);
-    if (status < 0) {
-        return refuse(
-            problem, status,
-            name + " is missing or can't be reached; without it this is no whole Windows installation");
-    }
-    return readHiveFile(*place.volume, file, name, hive, store, problem);
 }
 
 NTSTATUS installationClose(Installation& installation, Problem& problem) {

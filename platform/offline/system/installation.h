@@ -2,13 +2,11 @@
 #ifndef QUILLET_OFFLINE_SYSTEM_INSTALLATION_H
 #define QUILLET_OFFLINE_SYSTEM_INSTALLATION_H
 
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "platform/offline/base/problem.h"
-#include "platform/offline/hive/hive.h"
 #include "platform/offline/volume/disk.h"
 #include "platform/offline/volume/volume.h"
 
@@ -40,16 +38,6 @@ std::u16string installationHivePath(const Installation& installation, std::u16st
 
 /* A file's name for a person: "DISK: PATH". */
 std::string installationFileName(const InstallationVolume& place, std::u16string_view path);
-
-/* Reads and validates the hive file at a path of a volume, and makes the store that saves it. The problem
- * names the file. A missing file is STATUS_OBJECT_NAME_NOT_FOUND or STATUS_OBJECT_PATH_NOT_FOUND. */
-NTSTATUS installationReadHive(InstallationVolume& place, std::u16string_view path, HivePtr& hive,
-                              std::unique_ptr<HiveStore>& store, Problem& problem);
-
-/* The same for a hive file by its reference; name is its name for a person. A file whose hive is open already
- * gives STATUS_SHARING_VIOLATION, until the store of that hive is gone. */
-NTSTATUS readHiveFile(Volume& volume, FileRef file, const std::string& name, HivePtr& hive,
-                      std::unique_ptr<HiveStore>& store, Problem& problem);
 
 /* Closes the volumes, writing what is left and taking dirty marks away, then the disks. All are tried; the
  * problem tells the first failure. */

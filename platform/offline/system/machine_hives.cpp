@@ -5,9 +5,9 @@
 #include <new>
 
 #include "platform/offline/base/text.h"
-#include "platform/offline/files/drives.h"
 #include "platform/offline/registry/registry.h"
 #include "platform/offline/system/environment.h"
+#include "platform/offline/system/hive_files.h"
 #include "platform/offline/system/letters.h"
 
 namespace offline {
@@ -54,8 +54,7 @@ NTSTATUS mountUserHive(InstallationVolume& place, const std::u16string& path, st
     FileRef file;
     if (volumeFind(*place.volume, path, file) < 0) return STATUS_SUCCESS;
     LoadedHive loaded;
-    NTSTATUS status = readHiveFile(*place.volume, file, installationFileName(place, path), loaded.hive,
-                                   loaded.store, problem);
+    NTSTATUS status = installationReadHive(place, path, loaded.hive, loaded.store, problem);
     if (status < 0) return status;
     status =
         registryMount(std::u16string(userRoot).append(name), std::move(loaded.hive), std::move(loaded.store));
@@ -96,12 +95,8 @@ NTSTATUS mountUsers(Installation& installation,
 
 /* RegLoadKeyW's way to a hive file by its Windows path. */
 NTSTATUS loadByPath(std::u16string_view path, HivePtr& hive, std::unique_ptr<HiveStore>& store) {
-    Volume* volume;
-    FileRef file;
-    const NTSTATUS status = driveFind(path, volume, file);
-    if (status < 0) return status;
     Problem unsaid; /* the caller has a status and nothing else */
-    return readHiveFile(*volume, file, toUtf8(path), hive, store, unsaid);
+    return driveReadHive(path, hive, store, unsaid);
 }
 
 enum MachineHive { systemHive, softwareHive, samHive, securityHive, machineHiveCount };

@@ -2,13 +2,17 @@
 #ifndef QUILLET_OFFLINE_SYSTEM_MACHINE_HIVES_H
 #define QUILLET_OFFLINE_SYSTEM_MACHINE_HIVES_H
 
+#include <string>
+#include <string_view>
+
+#include "platform/offline/hive/hive.h"
 #include "platform/offline/system/installation.h"
 
 namespace offline {
 
 /* Reads, validates and mounts the machine's hives, gives the volumes their letters, and makes the links that
- * a running system has (the current control set, the SAM below SECURITY). A hive that is missing, damaged or
- * dirty is refused. */
+ * a running system has (the current control set, the SAM below SECURITY). A hive that is missing or damaged,
+ * or dirty beyond what its logs mend, is refused. */
 NTSTATUS machineHivesMount(Installation& installation, Problem& problem);
 
 /* Saves what has changed. */

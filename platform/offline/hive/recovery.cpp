@@ -1,0 +1,243 @@
+#include "platform/offline/hive/recovery.h"
+
+#include <algorithm>
+#include <bit>
+
+#include "platform/offline/hive/base_block.h"
+#include "platform/offline/hive/format.h"
+
+namespace offline {
+namespace {
+
+using namespace regf;
+using Data = std::span<const uint8_t>;
+
+/* ---- The hash of the new form's entries: Marvin32 with the platform's seed ---- */
+
+struct Marvin {
+    uint32_t low = 0x7A4E55C5;
+    uint32_t high = 0x82EF4D88;
+
+    void mix(uint32_t word) {
+        low += word;
+        high ^= low;
+        low = std::rotl(low, 20) + high;
+        high = std::rotl(high, 9) ^ low;
+        low = std::rotl(low, 27) + high;
+        high = std::rotl(high, 19);
+    }
+};
+
+uint64_t marvin(Data bytes) {
+    Marvin state;
+    for (; bytes.size() >= 4; bytes = bytes.subspan(4)) state.mix(load<uint32_t>(bytes.data()));
+    uint32_t tail = 0x80;
+    for (size_t i = bytes.size(); i > 0; i--) tail = tail << 8 | bytes[i - 1];
+    state.mix(tail);
+    state.mix(0);
+    return uint64_t{state.high} << 32 | state.low;
+}
+
+/* ---- What logs hold ---- */
+
+/* A log whose first sector is sound and of this type. */
+bool isLog(Data log, uint32_t type) {
+    return log.size() > log::sectorSize && get(log, base::signature) == base::magic &&
+           get(log, base::type) == type && baseBlockSealed(log);
+}
+
+bool plausibleBins(uint64_t size) {
+    return size != 0 && size % pageSize == 0 && size <= largestBins;
+}
+
+/* The entry at an offset of a new log; empty when there is none that is whole. */
+Data entryAt(Data log, size_t offset) {
+    if (log.size() - offset < log::header) return {};
+    const Data rest = log.subspan(offset);
+    const uint32_t size = get(rest, log::size);
+    if (get(rest, log::signature) != log::entryMagic || size < log::header || size % log::sectorSize != 0 ||
+        size > rest.size()) {
+        return {};
+    }
+    const Data entry = rest.first(size);
+    const bool whole = marvin(entry.subspan(log::header)) == get(entry, log::bodyHash) &&
+                       marvin(entry.first(log::headHash.at)) == get(entry, log::headHash);
+    return whole && plausibleBins(get(entry, log::binsSize)) ? entry : Data();
+}
+
+/* The entries of a new log that follow each other from the one that its base block names. */
+std::vector<Data> entriesOf(Data log) {
+    std::vector<Data> entries;
+    if (!isLog(log, log::newType)) return entries;
+    uint32_t expected = get(log, base::primarySequence);
+    for (size_t offset = log::sectorSize; offset < log.size(); expected++) {
+        const Data entry = entryAt(log, offset);
+        if (entry.empty() || get(entry, log::sequence) != expected) break;
+        entries.push_back(entry);
+        offset += entry.size();
+    }
+    return entries;
+}
+
+uint32_t firstSequence(const std::vector<Data>& entries) {
+    return get(entries.front(), log::sequence);
+}
+uint32_t lastSequence(const std::vector<Data>& entries) {
+    return get(entries.back(), log::sequence);
+}
+
+/* ---- Applying ---- */
+
+/* A hive file on its way to being whole. */
+struct Recovery {
+    std::vector<uint8_t>& bytes;
+    std::vector<RecoveredPart>& parts;
+    uint64_t mostBytes; /* as many as the file and its logs can fill */
+};
+
+bool makeRoom(const Recovery& recovery, uint32_t binsSize) {
+    const uint64_t size = pageSize + uint64_t{binsSize};
+    if (size > recovery.mostBytes) return false;
+    if (recovery.bytes.size() < size) recovery.bytes.resize(static_cast<size_t>(size));
+    return true;
+}
+
+void putPart(Recovery& recovery, uint32_t place, Data part) {
+    std::copy(part.begin(), part.end(), recovery.bytes.begin() + pageSize + place);
+    recovery.parts.push_back({place, static_cast<uint32_t>(part.size())});
+}
+
+/* Writes what an entry holds; false, with nothing done, when its parts do not lie in it and in the bins. */
+bool applyEntry(Recovery& recovery, Data entry) {
+    const uint32_t binsSize = get(entry, log::binsSize);
+    const uint64_t count = get(entry, log::count);
+    if (count > (entry.size() - log::header) / log::partEntry) return false;
+    const Data list = entry.subspan(log::header, static_cast<size_t>(count) * log::partEntry);
+    Data rest = entry.subspan(log::header + list.size());
+    uint64_t total = 0;
+    for (size_t at = 0; at < list.size(); at += log::partEntry) {
+        const Data part = list.subspan(at, log::partEntry);
+        const uint64_t size = get(part, log::partSize);
+        if (size == 0 || get(part, log::partPlace) + size > binsSize) return false;
+        total += size;
+    }
+    if (total > rest.size() || !makeRoom(recovery, binsSize)) return false;
+    for (size_t at = 0; at < list.size(); at += log::partEntry) {
+        const Data part = list.subspan(at, log::partEntry);
+        const uint32_t size = get(part, log::partSize);
+        putPart(recovery, get(part, log::partPlace), rest.first(size));
+        rest = rest.subspan(size);
+    }
+    return true;
+}
+
+/* Makes the base block what it is after the last entry that was applied. */
+void settle(Recovery& recovery, Data entry) {
+    const std::span<uint8_t> block(recovery.bytes.data(), base::size);
+    set(block, base::binsSize, get(entry, log::binsSize));
+    set(block, base::flags, (get(Data(block), base::flags) & ~1u) | (get(entry, log::flags) & 1u));
+    const uint32_t above = get(entry, log::sequence) + 1;
+    sealBaseBlock(block, above, above);
+}
+
+/* The base block of a log in the place of the hive's own. */
+void takeBaseBlock(Recovery& recovery, Data log) {
+    const std::span<uint8_t> block(recovery.bytes.data(), base::size);
+    std::copy_n(log.begin(), log::sectorSize, block.begin());
+    set(block, base::type, 0);
+}
+
+bool applyEntries(Recovery& recovery, const std::vector<Data>& entries) {
+    Data last;
+    for (const Data entry : entries) {
+        if (!applyEntry(recovery, entry)) break;
+        last = entry;
+    }
+    if (last.empty()) return false;
+    settle(recovery, last);
+    return true;
+}
+
+/* The hive's base block is sound: what both logs hold beyond it, in the order of their numbers and without a
+ * gap between them. */
+bool applyBoth(Recovery& recovery, std::vector<Data> first, std::vector<Data> second) {
+    const uint32_t reached = get(Data(recovery.bytes), base::secondarySequence);
+    const auto stale = [&](const std::vector<Data>& entries) {
+        return entries.empty() || firstSequence(entries) < reached;
+    };
+    if (stale(first)) first.clear();
+    if (stale(second)) second.clear();
+    if (first.empty() || (!second.empty() && firstSequence(second) < firstSequence(first))) {
+        std::swap(first, second);
+    }
+    if (!first.empty() && !second.empty() && firstSequence(second) == lastSequence(first) + 1) {
+        first.insert(first.end(), second.begin(), second.end());
+    }
+    return applyEntries(recovery, first);
+}
+
+/* The hive's base block is lost: the log with the latest entries, and its base block. */
+bool applyLatest(Recovery& recovery, const HiveLogs& logs, const std::vector<Data>& first,
+                 const std::vector<Data>& second) {
+    const bool useSecond = first.empty() || (!second.empty() && lastSequence(second) > lastSequence(first));
+    const std::vector<Data>& entries = useSecond ? second : first;
+    if (entries.empty()) return false;
+    takeBaseBlock(recovery, useSecond ? logs.second : logs.first);
+    return applyEntries(recovery, entries);
+}
+
+bool applyNewLogs(Recovery& recovery, const HiveLogs& logs) {
+    const std::vector<Data> first = entriesOf(logs.first);
+    const std::vector<Data> second = entriesOf(logs.second);
+    return baseBlockSealed(recovery.bytes) ? applyBoth(recovery, first, second)
+                                           : applyLatest(recovery, logs, first, second);
+}
+
+/* The time of the last write, by which a hive and an old log know each other. */
+uint64_t lastWrite(Data file) {
+    if (baseBlockSealed(file)) return get(file, base::lastWrite);
+    const Data firstBin = file.subspan(base::size);
+    return firstBin.size() < bin::headerSize ? 0 : get(firstBin, bin::lastWrite);
+}
+
+bool applyOldLog(Recovery& recovery, Data log) {
+    if (!isLog(log, log::oldType) || log.size() < log::bits ||
+        get(log, base::primarySequence) != get(log, base::secondarySequence) ||
+        load<uint32_t>(log.data() + log::sectorSize) != log::dirtyMagic ||
+        get(log, base::lastWrite) != lastWrite(recovery.bytes)) {
+        return false;
+    }
+    const uint32_t binsSize = get(log, base::binsSize);
+    const size_t sectors = binsSize / log::sectorSize;
+    const size_t bitmapEnd = log::bits + (sectors + 7) / 8;
+    const size_t data = (bitmapEnd + log::sectorSize - 1) / log::sectorSize * log::sectorSize;
+    if (!plausibleBins(binsSize) || data > log.size()) return false;
+    const auto isDirty = [&](size_t sector) {
+        return (log[log::bits + sector / 8] >> (sector % 8) & 1) != 0;
+    };
+    size_t dirty = 0;
+    for (size_t sector = 0; sector < sectors; sector++) dirty += isDirty(sector) ? 1 : 0;
+    if (dirty > (log.size() - data) / log::sectorSize || !makeRoom(recovery, binsSize)) return false;
+    Data rest = log.subspan(data);
+    for (size_t sector = 0; sector < sectors; sector++) {
+        if (!isDirty(sector)) continue;
+        putPart(recovery, static_cast<uint32_t>(sector * log::sectorSize), rest.first(log::sectorSize));
+        rest = rest.subspan(log::sectorSize);
+    }
+    takeBaseBlock(recovery, log);
+    const uint32_t above = get(log, base::primarySequence) + 1;
+    sealBaseBlock({recovery.bytes.data(), base::size}, above, above);
+    return true;
+}
+
+} /* namespace */
+
+bool applyLogs(std::vector<uint8_t>& bytes, const HiveLogs& logs, std::vector<RecoveredPart>& parts) {
+    parts.clear();
+    if (bytes.size() < base::size) return false;
+    Recovery recovery{bytes, parts, bytes.size() + logs.first.size() + logs.second.size()};
+    return applyNewLogs(recovery, logs) || applyOldLog(recovery, logs.first) ||
+           applyOldLog(recovery, logs.second);
+}
+
+} /* namespace offline */

@@ -1,0 +1,148 @@
+#include "platform/offline/system/hive_files.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "platform/offline/base/guarded.h"
+#include "platform/offline/base/text.h"
+#include "platform/offline/files/drives.h"
+
+namespace offline {
+namespace {
+
+constexpr uint64_t largestHive = uint64_t{2} << 30; /* bytes; the platform's own limit for a hive */
+
+/* The files whose hives are open: a second hive on the same file would overwrite the first one's changes. */
+struct OpenHiveFile {
+    const Volume* volume;
+    FileRef file;
+    bool operator==(const OpenHiveFile&) const = default;
+};
+std::vector<OpenHiveFile> openHiveFiles;
+
+/* Saves a hive in place, into the file that it was read from, and keeps that in use. */
+struct VolumeHiveStore final : HiveStore {
+    Volume& volume;
+    FileRef file;
+
+    VolumeHiveStore(Volume& onVolume, FileRef inFile) : volume(onVolume), file(inFile) {
+        openHiveFiles.push_back({&volume, file});
+    }
+    VolumeHiveStore(const VolumeHiveStore&) = delete;
+    VolumeHiveStore& operator=(const VolumeHiveStore&) = delete;
+    ~VolumeHiveStore() override { std::erase(openHiveFiles, OpenHiveFile{&volume, file}); }
+
+    /* An empty write is refused like any other, and the volume remembers that. */
+    NTSTATUS beginChange() override {
+        return volumeReadOnly(volume) ? volumeWriteFile(volume, file, 0, {}) : STATUS_SUCCESS;
+    }
+
+    NTSTATUS write(uint64_t offset, std::span<const uint8_t> bytes) override {
+        return volumeWriteFile(volume, file, offset, bytes);
+    }
+
+    NTSTATUS grow(uint64_t size) override {
+        FileInfo info;
+        NTSTATUS status = volumeFileInfo(volume, file, info);
+        if (status < 0) return status;
+        static const uint8_t zeros[4096] = {};
+        for (uint64_t at = info.size; at < size && status >= 0;) {
+            const uint64_t step = std::min<uint64_t>(sizeof zeros, size - at);
+            status = volumeWriteFile(volume, file, at, std::span(zeros, step));
+            at += step;
+        }
+        return status;
+    }
+
+    NTSTATUS flush() override { return volumeFlush(volume); }
+};
+
+NTSTATUS readFile(Volume& volume, FileRef file, const std::string& name, std::vector<uint8_t>& bytes,
+                  Problem& problem) {
+    const NTSTATUS status = volumeReadFile(volume, file, largestHive, bytes);
+    if (status >= 0) return status;
+    return refuse(problem, status,
+                  name + " can't be read from its volume; check the disk, or restore the file");
+}
+
+/* A log file that is not there is an empty one. */
+NTSTATUS readLog(Volume& volume, const FindBeside& findBeside, const std::string& name,
+                 std::u16string_view ending, std::vector<uint8_t>& bytes, Problem& problem) {
+    FileRef file;
+    if (findBeside(ending, file) < 0) return STATUS_SUCCESS;
+    return readFile(volume, file, name + toUtf8(ending), bytes, problem);
+}
+
+/* Systems before Windows Vista have one log, ".LOG"; later ones leave an empty one there. */
+NTSTATUS readLogs(Volume& volume, const FindBeside& findBeside, const std::string& name, HiveLogs& logs,
+                  Problem& problem) {
+    NTSTATUS status = readLog(volume, findBeside, name, u".LOG1", logs.first, problem);
+    if (status >= 0) status = readLog(volume, findBeside, name, u".LOG2", logs.second, problem);
+    if (status < 0 || !logs.first.empty() || !logs.second.empty()) return status;
+    return readLog(volume, findBeside, name, u".LOG", logs.first, problem);
+}
+
+NTSTATUS readHive(Volume& volume, FileRef file, const std::string& name, HivePtr& hive,
+                  std::unique_ptr<HiveStore>& store, Problem& problem, const FindBeside& findBeside) {
+    if (std::find(openHiveFiles.begin(), openHiveFiles.end(), OpenHiveFile{&volume, file}) !=
+        openHiveFiles.end()) {
+        return refuse(problem, STATUS_SHARING_VIOLATION, name + " is in use");
+    }
+    std::vector<uint8_t> bytes;
+    HiveLogs logs;
+    NTSTATUS status = readFile(volume, file, name, bytes, problem);
+    if (status >= 0 && findBeside && hiveNeedsLogs(bytes))
+        status = readLogs(volume, findBeside, name, logs, problem);
+    if (status < 0) return status;
+    status = hiveOpen(std::move(bytes), logs, hive, problem);
+    if (status < 0) {
+        problem.text = name + " " + problem.text;
+        return status;
+    }
+    store = std::make_unique<VolumeHiveStore>(volume, file);
+    return STATUS_SUCCESS;
+}
+
+} /* namespace */
+
+NTSTATUS readHiveFile(Volume& volume, FileRef file, const std::string& name, HivePtr& hive,
+                      std::unique_ptr<HiveStore>& store, Problem& problem, const FindBeside& findBeside) {
+    return guarded([&] { return readHive(volume, file, name, hive, store, problem, findBeside); });
+}
+
+NTSTATUS installationReadHive(InstallationVolume& place, std::u16string_view path, HivePtr& hive,
+                              std::unique_ptr<HiveStore>& store, Problem& problem) {
+    return guarded([&] {
+        const std::string name = installationFileName(place, path);
+        FileRef file;
+        const NTSTATUS status = volumeFind(*place.volume, path, file);
+        if (status < 0) {
+            return refuse(
+                problem, status,
+                name + " is missing or can't be reached; without it this is no whole Windows installation");
+        }
+        const auto findBeside = [&](std::u16string_view ending, FileRef& beside) {
+            return volumeFind(*place.volume, std::u16string(path).append(ending), beside);
+        };
+        return readHive(*place.volume, file, name, hive, store, problem, findBeside);
+    });
+}
+
+NTSTATUS driveReadHive(std::u16string_view path, HivePtr& hive, std::unique_ptr<HiveStore>& store,
+                       Problem& problem) {
+    return guarded([&] {
+        const std::string name = toUtf8(path);
+        Volume* volume = nullptr;
+        FileRef file;
+        const NTSTATUS status = driveFind(path, volume, file);
+        if (status < 0) return refuse(problem, status, name + " can't be reached; check its volume");
+        const auto findBeside = [&](std::u16string_view ending, FileRef& beside) {
+            Volume* same = nullptr;
+            return driveFind(std::u16string(path).append(ending), same, beside);
+        };
+        return readHive(*volume, file, name, hive, store, problem, findBeside);
+    });
+}
+
+} /* namespace offline */
