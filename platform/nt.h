@@ -11,6 +11,8 @@
 #include "platform/nt_offline.h"
 #endif
 
+#include "platform/nt_native.h"
+
 /* What both sides must agree on, on the one hand with the platform and on the other with each other. */
 #include "platform/nt_layout.h"
 

@@ -10,6 +10,9 @@
 #define QUILLET_WIDE_LITERAL(text) u##text
 #define TEXT(text) QUILLET_WIDE_LITERAL(text)
 
+#define NTAPI
+#define NTSYSAPI
+
 typedef void VOID, *PVOID, *LPVOID;
 typedef int BOOL, *LPBOOL;
 typedef uint8_t BYTE, BOOLEAN, UCHAR;
@@ -219,51 +222,6 @@ typedef struct _FILETIME {
 #define REG_CREATED_NEW_KEY 1u
 #define REG_OPENED_EXISTING_KEY 2u
 
-typedef struct _KEY_BASIC_INFORMATION {
-    LARGE_INTEGER LastWriteTime;
-    ULONG TitleIndex;
-    ULONG NameLength; /* bytes */
-    WCHAR Name[1];
-} KEY_BASIC_INFORMATION;
-
-typedef struct _KEY_NODE_INFORMATION {
-    LARGE_INTEGER LastWriteTime;
-    ULONG TitleIndex;
-    ULONG ClassOffset; /* 0xFFFFFFFF when there is no class */
-    ULONG ClassLength; /* bytes */
-    ULONG NameLength;  /* bytes */
-    WCHAR Name[1];
-} KEY_NODE_INFORMATION;
-
-typedef struct _KEY_VALUE_FULL_INFORMATION {
-    ULONG TitleIndex;
-    ULONG Type;
-    ULONG DataOffset;
-    ULONG DataLength; /* bytes */
-    ULONG NameLength; /* bytes */
-    WCHAR Name[1];
-} KEY_VALUE_FULL_INFORMATION;
-
-typedef struct _KEY_VALUE_PARTIAL_INFORMATION {
-    ULONG TitleIndex;
-    ULONG Type;
-    ULONG DataLength; /* bytes */
-    UCHAR Data[1];
-} KEY_VALUE_PARTIAL_INFORMATION;
-
-typedef enum _KEY_INFORMATION_CLASS { KeyBasicInformation = 0, KeyNodeInformation = 1 } KEY_INFORMATION_CLASS;
-
-typedef enum _KEY_VALUE_INFORMATION_CLASS {
-    KeyValueFullInformation = 1,
-    KeyValuePartialInformation = 2
-} KEY_VALUE_INFORMATION_CLASS;
-
-typedef enum _SHUTDOWN_ACTION {
-    ShutdownNoReboot = 0,
-    ShutdownReboot = 1,
-    ShutdownPowerOff = 2
-} SHUTDOWN_ACTION;
-
 /* ---- Security ---- */
 #define OWNER_SECURITY_INFORMATION 0x1u
 #define GROUP_SECURITY_INFORMATION 0x2u
@@ -402,27 +360,9 @@ typedef struct _SECURITY_ATTRIBUTES* LPSECURITY_ATTRIBUTES;
 
 extern "C" {
 
-/* Native registry calls: NTSTATUS, negative on failure. */
-NTSTATUS ZwOpenKey(PHANDLE key, ACCESS_MASK access, POBJECT_ATTRIBUTES attributes);
-NTSTATUS ZwCreateKey(PHANDLE key, ACCESS_MASK access, POBJECT_ATTRIBUTES attributes, ULONG titleIndex,
-                     PUNICODE_STRING className, ULONG createOptions, PULONG disposition);
-NTSTATUS ZwClose(HANDLE handle);
-NTSTATUS ZwEnumerateKey(HANDLE key, ULONG index, KEY_INFORMATION_CLASS infoClass, PVOID buffer, ULONG size,
-                        PULONG resultLength);
-NTSTATUS ZwEnumerateValueKey(HANDLE key, ULONG index, KEY_VALUE_INFORMATION_CLASS infoClass, PVOID buffer,
-                             ULONG size, PULONG resultLength);
-NTSTATUS ZwQueryKey(HANDLE key, KEY_INFORMATION_CLASS infoClass, PVOID buffer, ULONG size,
-                    PULONG resultLength);
-NTSTATUS ZwQueryValueKey(HANDLE key, PUNICODE_STRING name, KEY_VALUE_INFORMATION_CLASS infoClass,
-                         PVOID buffer, ULONG size, PULONG resultLength);
-NTSTATUS ZwSetValueKey(HANDLE key, PUNICODE_STRING name, ULONG titleIndex, ULONG type, PVOID data,
-                       ULONG size);
-NTSTATUS ZwDeleteKey(HANDLE key);
-NTSTATUS ZwFlushKey(HANDLE key);
-NTSTATUS ZwShutdownSystem(SHUTDOWN_ACTION action);
+/* Statuses and counted strings. */
 ULONG RtlNtStatusToDosError(NTSTATUS status);
 VOID RtlInitUnicodeString(PUNICODE_STRING target, PCWSTR source);
-NTSTATUS RtlAppendUnicodeStringToString(PUNICODE_STRING target, const UNICODE_STRING* source);
 
 /* Win32 registry calls: a Win32 code, 0 on success. */
 LSTATUS RegOpenKeyExW(HKEY root, LPCWSTR path, DWORD options, REGSAM access, PHKEY key);

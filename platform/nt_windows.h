@@ -1,4 +1,4 @@
-/* platform/nt.h on Windows: the platform's own headers, and what they lack. Include platform/nt.h instead. */
+/* platform/nt.h on Windows: the platform's own headers. Include platform/nt.h instead. */
 #ifndef QUILLET_PLATFORM_NT_WINDOWS_H
 #define QUILLET_PLATFORM_NT_WINDOWS_H
 
@@ -13,79 +13,8 @@
 #include <sddl.h>
 // clang-format on
 
-extern "C" {
-
 #ifndef OBJ_OPENLINK
 #define OBJ_OPENLINK 0x100
 #endif
-
-/* Records of the native registry calls, as the platform publishes them. */
-typedef struct _KEY_BASIC_INFORMATION {
-    LARGE_INTEGER LastWriteTime;
-    ULONG TitleIndex;
-    ULONG NameLength; /* bytes */
-    WCHAR Name[1];
-} KEY_BASIC_INFORMATION;
-
-typedef struct _KEY_NODE_INFORMATION {
-    LARGE_INTEGER LastWriteTime;
-    ULONG TitleIndex;
-    ULONG ClassOffset;
-    ULONG ClassLength;
-    ULONG NameLength;
-    WCHAR Name[1];
-} KEY_NODE_INFORMATION;
-
-typedef struct _KEY_VALUE_FULL_INFORMATION {
-    ULONG TitleIndex;
-    ULONG Type;
-    ULONG DataOffset;
-    ULONG DataLength;
-    ULONG NameLength;
-    WCHAR Name[1];
-} KEY_VALUE_FULL_INFORMATION;
-
-typedef struct _KEY_VALUE_PARTIAL_INFORMATION {
-    ULONG TitleIndex;
-    ULONG Type;
-    ULONG DataLength;
-    UCHAR Data[1];
-} KEY_VALUE_PARTIAL_INFORMATION;
-
-typedef enum _KEY_INFORMATION_CLASS { KeyBasicInformation = 0, KeyNodeInformation = 1 } KEY_INFORMATION_CLASS;
-
-typedef enum _KEY_VALUE_INFORMATION_CLASS {
-    KeyValueFullInformation = 1,
-    KeyValuePartialInformation = 2
-} KEY_VALUE_INFORMATION_CLASS;
-
-typedef enum _SHUTDOWN_ACTION {
-    ShutdownNoReboot = 0,
-    ShutdownReboot = 1,
-    ShutdownPowerOff = 2
-} SHUTDOWN_ACTION;
-
-NTSYSAPI NTSTATUS NTAPI ZwOpenKey(PHANDLE key, ACCESS_MASK access, POBJECT_ATTRIBUTES attributes);
-NTSYSAPI NTSTATUS NTAPI ZwCreateKey(PHANDLE key, ACCESS_MASK access, POBJECT_ATTRIBUTES attributes,
-                                    ULONG titleIndex, PUNICODE_STRING className, ULONG createOptions,
-                                    PULONG disposition);
-NTSYSAPI NTSTATUS NTAPI ZwClose(HANDLE handle);
-NTSYSAPI NTSTATUS NTAPI ZwEnumerateKey(HANDLE key, ULONG index, KEY_INFORMATION_CLASS infoClass, PVOID buffer,
-                                       ULONG size, PULONG resultLength);
-NTSYSAPI NTSTATUS NTAPI ZwEnumerateValueKey(HANDLE key, ULONG index, KEY_VALUE_INFORMATION_CLASS infoClass,
-                                            PVOID buffer, ULONG size, PULONG resultLength);
-NTSYSAPI NTSTATUS NTAPI ZwQueryKey(HANDLE key, KEY_INFORMATION_CLASS infoClass, PVOID buffer, ULONG size,
-                                   PULONG resultLength);
-NTSYSAPI NTSTATUS NTAPI ZwQueryValueKey(HANDLE key, PUNICODE_STRING name,
-                                        KEY_VALUE_INFORMATION_CLASS infoClass, PVOID buffer, ULONG size,
-                                        PULONG resultLength);
-NTSYSAPI NTSTATUS NTAPI ZwSetValueKey(HANDLE key, PUNICODE_STRING name, ULONG titleIndex, ULONG type,
-                                      PVOID data, ULONG size);
-NTSYSAPI NTSTATUS NTAPI ZwDeleteKey(HANDLE key);
-NTSYSAPI NTSTATUS NTAPI ZwFlushKey(HANDLE key);
-NTSYSAPI NTSTATUS NTAPI ZwShutdownSystem(SHUTDOWN_ACTION action);
-NTSYSAPI NTSTATUS NTAPI RtlAppendUnicodeStringToString(PUNICODE_STRING target, const UNICODE_STRING* source);
-
-} /* extern "C" */
 
 #endif

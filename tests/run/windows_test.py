@@ -6,6 +6,7 @@ import programs
 from programs import ImageCase, PAIR
 
 PROGRAM = os.path.join(programs.HERE, "..", "..", "build-windows", "quillet.exe")
+DRIVER_HEADERS = "/usr/x86_64-w64-mingw32/include/ddk"
 EVERY_WINDOWS = {"advapi32.dll", "kernel32.dll", "msvcrt.dll", "ntdll.dll", "rpcrt4.dll"}
 
 
@@ -18,6 +19,28 @@ class Imports(unittest.TestCase):
         imported = {line.split()[-1].lower() for line in said.splitlines() if "DLL Name:" in line}
         self.assertIn("ntdll.dll", imported)
         self.assertLessEqual(imported, EVERY_WINDOWS)
+
+
+class Declarations(ImageCase):
+    def test_what_is_ours_to_declare_agrees_with_the_headers_for_drivers(self):
+        """Those can't be used in a program. One call is not in the compiler's copy of them."""
+        compiler = shutil.which("x86_64-w64-mingw32-gcc")
+        if not compiler or not os.path.isdir(DRIVER_HEADERS): self.skipTest("the cross-compiler is not there")
+        with open(os.path.join(programs.HERE, "..", "..", "platform", "nt_native.h")) as f: ours = f.read()
+        checks = ["#include <ntifs.h>", "#include <stddef.h>"]
+        for name, arguments in re.findall(r"NTSYSAPI NTSTATUS NTAPI (\w+)\(([^)]*)\);", ours):
+            if name == "ZwShutdownSystem": continue
+            types = ", ".join(re.sub(r"\s*\w+$", "", argument.strip()) for argument in arguments.split(","))
+            checks.append("_Static_assert(__builtin_types_compatible_p(__typeof__(%s), NTSTATUS NTAPI(%s)), \"\");" % (name, types))
+        for name, fields in re.findall(r"struct _(KEY_\w+_INFORMATION) \{(.*?)\}", ours, re.S):
+            at = 0
+            for kind, field, many in re.findall(r"(\w+) (\w+)(\[1\])?;", fields):
+                checks.append("_Static_assert(offsetof(%s, %s) == %d, \"\");" % (name, field, at))
+                at += {"LARGE_INTEGER": 8, "ULONG": 4, "WCHAR": 2, "UCHAR": 1}[kind]
+        for constant, number in re.findall(r"(Key\w+) = (\d+)", ours): checks.append("_Static_assert(%s == %s, \"\");" % (constant, number))
+        self.assertGreater(len(checks), 30)
+        said = subprocess.run([compiler, "-std=gnu11", "-w", "-I", DRIVER_HEADERS, "-fsyntax-only", "-x", "c", "-"], input="\n".join(checks), capture_output=True, text=True)
+        self.assertEqual((said.returncode, said.stderr), (0, ""))
 
 
 OLD = "S-1-5-21-1111-2222-3333"
