@@ -1,7 +1,6 @@
 /* audit: where a machine's SID stands in an installation. */
 #include "companion/audit.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <optional>
@@ -10,6 +9,7 @@
 #include "companion/failure.h"
 #include "companion/json.h"
 #include "companion/machine.h"
+#include "companion/text.h"
 #include "platform/offline/base/text.h"
 #include "platform/offline/security/security.h"
 
@@ -79,19 +79,11 @@ uint64_t sum(const std::array<uint64_t, kindCount>& counts) {
 
 /* ---- For a person ---- */
 
-/* A name on a disk must not look like more lines than one. */
-std::string shown(std::string text) {
-    for (char& letter : text) {
-        if (static_cast<unsigned char>(letter) < 0x20 || letter == 0x7F) letter = '?';
-    }
-    return text;
-}
-
 void printPlace(const Place& place) {
     std::string text = place.left ? "left     " : "treated  ";
     text += wordsOf(place.kind).one;
-    text += ", " + shown(place.path);
-    if (place.kind == Kind::value) text += ", \"" + shown(place.value) + "\"";
+    text += ", " + oneLine(place.path);
+    if (place.kind == Kind::value) text += ", \"" + oneLine(place.value) + "\"";
     if (place.left) text += std::string(" (") + wordsOf(*place.left).one + ")";
     printf("%s\n", text.c_str());
 }
@@ -167,13 +159,6 @@ void takeSid(Options& options) {
     if (!options.sid.empty() && !isMachineSid(offline::sidFromText(options.sid))) refuseSid(options.sid);
 }
 
-/* What was seen of a disk is known again by its path. */
-void refuseTwice(std::vector<std::string> images) {
-    std::sort(images.begin(), images.end());
-    const auto twice = std::adjacent_find(images.begin(), images.end());
-    if (twice != images.end()) throw Failure{*twice + ": is named twice; name each disk once"};
-}
-
 int finish(const std::vector<std::string>& problems, bool found) {
     fflush(stdout);
     for (const std::string& problem : problems) say(problem);
@@ -183,7 +168,6 @@ int finish(const std::vector<std::string>& problems, bool found) {
 
 int audit(Options options) {
     takeSid(options);
-    refuseTwice(options.images);
     const Sight sight = look(options.images);
     const std::string sid = options.sid.empty() ? sight.machineSid : options.sid;
     if (sid.empty()) {

@@ -23,7 +23,7 @@ struct ImageFile {
 
     void setSize(uint64_t size); /* bytes; what is added reads as zeros */
 
-    /* On the medium, and under its name. */
+    /* On the medium, then under its name. */
     void keep();
 
 private:

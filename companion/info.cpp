@@ -26,7 +26,7 @@ const char help[] =
 /* ---- For a person ---- */
 
 void printRow(const char* kind, const std::string& text) {
-    printf("%-12s%s\n", kind, text.c_str());
+    printf("%-12s%s\n", kind, oneLine(text).c_str());
 }
 
 std::string describe(const DiskSeen& disk) {

@@ -1,9 +1,8 @@
 #include "companion/look.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 
+#include "companion/failure.h"
 #include "companion/machine.h"
 #include "companion/text.h"
 #include "platform/offline/base/text.h"
@@ -68,7 +67,7 @@ void openDisk(Looking& looking, const std::string& path) {
     looking.good(offline::diskPartitions(disk, partitions, problem), problem);
     const offline::PartitionTable table =
         partitions.empty() ? offline::PartitionTable::none : partitions.front().table;
-    looking.sight.disks.push_back({path, offline::diskSize(disk), table, access(path.c_str(), W_OK) == 0});
+    looking.sight.disks.push_back({path, offline::diskSize(disk), table, offline::diskWritable(disk)});
     for (const offline::Partition& partition : partitions) openVolume(looking, disk, partition);
 }
 
@@ -240,11 +239,12 @@ void lookAtInstallation(Looking& looking) {
 } /* namespace */
 
 Sight look(const std::vector<std::string>& images) {
+    Problem problem;
+    if (offline::installationDisksOnce(images, problem) < 0) throw Failure{problem.text};
     Sight sight;
     Looking looking(sight);
     for (const std::string& image : images) openDisk(looking, image);
     if (looking.installation.volumes.empty()) return sight;
-    Problem problem;
     if (looking.good(offline::installationFindWindows(looking.installation, problem), problem)) {
         lookAtInstallation(looking);
     }

@@ -46,6 +46,7 @@ struct Sight {
     std::vector<std::string> problems; /* a line each; none of a usable system that could be seen whole */
 };
 
+/* Throws Failure when a disk is named twice. */
 Sight look(const std::vector<std::string>& images);
 
 const char* tableName(offline::PartitionTable table);

@@ -7,11 +7,12 @@
 
 #include "companion/command.h"
 #include "companion/failure.h"
+#include "companion/text.h"
 
 namespace companion {
 
 void say(const std::string& line) {
-    fprintf(stderr, "quillet-offline: %s\n", line.c_str());
+    fprintf(stderr, "quillet-offline: %s\n", oneLine(line).c_str());
 }
 
 namespace {

@@ -127,7 +127,7 @@ TEST(Broken, TooDeepAChainIsRefused) {
     const HivePtr hive = newHive(5);
     Cell ends[2] = {noCell, noCell};
     Cell second = noCell;
-    for (const size_t chain : {0, 1}) {
+    for (const size_t chain : {size_t{0}, size_t{1}}) {
         Cell key = hiveRoot(*hive);
         for (size_t depth = 0; depth < 257; depth++) {
             const std::u16string name(1, static_cast<char16_t>(u'a' + chain));

@@ -131,7 +131,7 @@ TEST_F(DescriptorTest, TheRootAndTheMetadata) {
     ASSERT_EQ(volumeSetDescriptor(opened.get(), rootDirectory, descriptor(43)), STATUS_SUCCESS);
     ASSERT_EQ(volumeSetDescriptor(opened.get(), rootDirectory, descriptor(42)), STATUS_SUCCESS);
     EXPECT_EQ(read(opened, rootDirectory), descriptor(42));
-    for (FileRef metadata : {0, 3, 9, 11, 23}) {
+    for (FileRef metadata : std::initializer_list<FileRef>{0, 3, 9, 11, 23}) {
         EXPECT_EQ(volumeSetDescriptor(opened.get(), metadata, descriptor(42)), STATUS_ACCESS_DENIED);
     }
     EXPECT_EQ(opened.close(), STATUS_SUCCESS);

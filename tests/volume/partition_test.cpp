@@ -117,7 +117,7 @@ TEST_F(PartitionTest, Gpt) {
         damaged = disk;
         damaged.resize(4 * images::mebibyte);
         expectRefused(damaged, STATUS_DISK_CORRUPT_ERROR, "truncated or the table is damaged");
-        for (size_t field : {80, 84}) { /* entries: too many, too large */
+        for (size_t field : {size_t{80}, size_t{84}}) { /* entries: too many, too large */
             damaged = disk;
             for (size_t header : {sectorSize, damaged.size() - sectorSize}) {
                 put<uint32_t>(damaged, header + field, 0x7FFFFFFF);

@@ -2,7 +2,6 @@
 #include <new>
 
 #include "platform/offline/base/status.h"
-#include "platform/offline/base/system_needed.h"
 #include "platform/offline/files/file_access.h"
 #include "platform/offline/files/look_up.h"
 
@@ -21,14 +20,9 @@ NTSTATUS attributesAccess(const DrivePath& path, FileRef file) {
 }
 
 NTSTATUS queryAttributes(LPCWSTR path, DWORD& attributes) {
-    NTSTATUS status = systemNeeded();
-    if (status < 0) return status;
-    std::u16string_view text;
-    status = pathText(path, text);
-    if (status < 0) return status;
     DrivePath parsed;
     FileRef file = 0;
-    status = lookUp(text, parsed, file);
+    NTSTATUS status = lookUpNamed(path, parsed, file);
     if (status < 0) return status;
     status = attributesAccess(parsed, file);
     if (status < 0) return status;

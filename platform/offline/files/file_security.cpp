@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "platform/offline/base/status.h"
-#include "platform/offline/base/system_needed.h"
 #include "platform/offline/files/look_up.h"
 #include "platform/offline/security/security.h"
 
@@ -26,13 +25,8 @@ struct Target {
 
 /* The file at a path with its descriptor, opened for these rights. */
 NTSTATUS openTarget(LPCWSTR path, ACCESS_MASK desired, Target& target) {
-    NTSTATUS status = systemNeeded();
-    if (status < 0) return status;
-    std::u16string_view text;
-    status = pathText(path, text);
-    if (status < 0) return status;
     DrivePath parsed;
-    status = lookUp(text, parsed, target.file);
+    NTSTATUS status = lookUpNamed(path, parsed, target.file);
     if (status < 0) return status;
     target.volume = parsed.volume;
     status = volumeDescriptor(*target.volume, target.file, target.stored);

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "platform/offline/base/system_needed.h"
 #include "platform/offline/files/searches.h"
 
 namespace offline {
@@ -52,6 +53,13 @@ NTSTATUS lookUp(std::u16string_view path, DrivePath& parsed, FileRef& file) {
     status = volumeFileInfo(*parsed.volume, file, info);
     if (status < 0) return status;
     return (info.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? STATUS_SUCCESS : STATUS_OBJECT_NAME_INVALID;
+}
+
+NTSTATUS lookUpNamed(LPCWSTR path, DrivePath& parsed, FileRef& file) {
+    NTSTATUS status = systemNeeded();
+    std::u16string_view text;
+    if (status >= 0) status = pathText(path, text);
+    return status < 0 ? status : lookUp(text, parsed, file);
 }
 
 void lookUpForget() {

@@ -10,8 +10,11 @@
 
 namespace offline {
 
-/* As driveFind, with the path taken apart. Both throw bad_alloc. */
+/* As driveFind, with the path taken apart. All three throw bad_alloc. */
 NTSTATUS lookUp(std::u16string_view path, DrivePath& parsed, FileRef& file);
+
+/* The same for the path of a call, with the installation opened. */
+NTSTATUS lookUpNamed(LPCWSTR path, DrivePath& parsed, FileRef& file);
 
 /* The file at a path from a volume's root, as DrivePath::relative has it. Statuses as volumeFind and
  * checkComponents. */

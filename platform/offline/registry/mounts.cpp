@@ -46,7 +46,10 @@ NTSTATUS beginChange(const Place& place) {
 }
 
 NTSTATUS saveMount(Mount& mount) {
-    return mount.store == nullptr ? STATUS_SUCCESS : hiveSave(*mount.hive, *mount.store);
+    if (mount.store == nullptr || !hiveChanged(*mount.hive)) return STATUS_SUCCESS;
+    /* A medium that refuses what waits for it already must not catch this hive half-saved. */
+    const NTSTATUS status = mount.store->flush();
+    return status < 0 ? status : hiveSave(*mount.hive, *mount.store);
 }
 
 void removeMount(Mount* mount) {

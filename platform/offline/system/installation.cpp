@@ -35,9 +35,19 @@ std::string diskNames(const Installation& installation) {
 
 } /* namespace */
 
+NTSTATUS installationDisksOnce(const std::vector<std::string>& paths, Problem& problem) {
+    for (auto path = paths.begin(); path != paths.end(); ++path) {
+        if (std::find(paths.begin(), path, *path) == path) continue;
+        return refuse(problem, STATUS_INVALID_PARAMETER, *path + ": is named twice; name each disk once");
+    }
+    return STATUS_SUCCESS;
+}
+
 NTSTATUS installationOpenDisks(const std::vector<std::string>& paths, DiskAccess access,
                                Installation& installation, Problem& problem) {
     try {
+        const NTSTATUS once = installationDisksOnce(paths, problem);
+        if (once < 0) return once;
         for (const std::string& path : paths) {
             DiskPtr disk;
             NTSTATUS status = diskOpen(path, access, disk, problem);
@@ -57,7 +67,14 @@ NTSTATUS installationFindWindows(Installation& installation, Problem& problem) {
         for (const std::u16string_view directory : windowsDirectories) {
             const std::u16string config = std::u16string(directory).append(configDirectory);
             FileRef file;
-            if (volumeFind(*installation.volumes[i].volume, config, file) < 0) continue;
+            const InstallationVolume& place = installation.volumes[i];
+            const NTSTATUS status = volumeFind(*place.volume, config, file);
+            if (status == STATUS_OBJECT_NAME_NOT_FOUND || status == STATUS_OBJECT_PATH_NOT_FOUND) continue;
+            if (status < 0) { /* another volume's Windows may not be the one that was meant */
+                return refuse(problem, status,
+                              installationFileName(place, config) +
+                                  " can't be looked for; repair the volume (chkdsk /f) first");
+            }
             installation.systemVolume = i;
             installation.directory = directory;
             return STATUS_SUCCESS;

@@ -26,7 +26,10 @@ struct Installation {
     std::u16string directory; /* Windows' directory on it, such as "Windows" */
 };
 
-/* Opens the disks and every NTFS volume on them. Nothing is written. */
+/* Refuses a path that is named twice: what lies on a disk is known again by its path. */
+NTSTATUS installationDisksOnce(const std::vector<std::string>& paths, Problem& problem);
+
+/* Opens the disks, each named once, and every NTFS volume on them. Nothing is written. */
 NTSTATUS installationOpenDisks(const std::vector<std::string>& paths, DiskAccess access,
                                Installation& installation, Problem& problem);
 

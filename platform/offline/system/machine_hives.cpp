@@ -51,10 +51,12 @@ const std::u16string_view serviceAccounts[] = {u"S-1-5-19", u"S-1-5-20"};
 /* Mounts the hive file at a path of the system volume as a user's; where there is no such file, nothing. */
 NTSTATUS mountUserHive(InstallationVolume& place, const std::u16string& path, std::u16string_view name,
                        Problem& problem) {
-    FileRef file;
-    if (volumeFind(*place.volume, path, file) < 0) return STATUS_SUCCESS;
     LoadedHive loaded;
     NTSTATUS status = installationReadHive(place, path, loaded.hive, loaded.store, problem);
+    if (status == STATUS_OBJECT_NAME_NOT_FOUND || status == STATUS_OBJECT_PATH_NOT_FOUND) {
+        problem = {};
+        return STATUS_SUCCESS;
+    }
     if (status < 0) return status;
     status =
         registryMount(std::u16string(userRoot).append(name), std::move(loaded.hive), std::move(loaded.store));
@@ -158,10 +160,13 @@ NTSTATUS machineHivesMount(Installation& installation, Problem& problem) try {
 NTSTATUS machineHivesSave(const Installation& installation, Problem& problem) {
     const NTSTATUS status = registrySaveAll();
     if (status >= 0) return status;
-    const InstallationVolume& place = installation.volumes[installation.systemVolume];
-    return refuse(problem, status,
-                  diskPath(*place.disk) +
-                      ": the registry could not be written back; check the disk, or go back to a copy");
+    const std::string name = diskPath(*installation.volumes[installation.systemVolume].disk);
+    const char* const advice =
+        status == STATUS_DISK_FULL
+            ? "there is no room for it; go back to a copy and make room, on the volume "
+              "and where the image lies"
+            : "check the disk, or go back to a copy";
+    return refuse(problem, status, name + ": the registry could not be written back; " + advice);
 }
 
 NTSTATUS hiveFindPath(const Hive& hive, std::u16string_view path, Cell& key) {

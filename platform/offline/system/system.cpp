@@ -34,14 +34,16 @@ NTSTATUS openFromEnvironment() {
             openingProblem, STATUS_INVALID_PARAMETER,
             std::string("QUILLET_ACCESS is \"") + access + "\"; set it to unrefused or checked, or unset it");
     }
-    const char* disks = getenv(systemVariable);
-    if (disks == nullptr || *disks == 0) {
+    const char* text = getenv(systemVariable);
+    const std::vector<std::string> disks = systemDisks(text == nullptr ? "" : text);
+    if (disks.empty()) {
+        const bool set = text != nullptr && *text != 0;
         return refuse(
             openingProblem, STATUS_OBJECT_NAME_NOT_FOUND,
-            "QUILLET_SYSTEM is not set; set it to the disk that Windows is installed on (an image file or a "
-            "block device)");
+            std::string("QUILLET_SYSTEM ") + (set ? "names no disk" : "is not set") +
+                "; set it to the disk that Windows is installed on (an image file or a block device)");
     }
-    return systemOpen(systemDisks(disks), DiskAccess::readWrite, openingProblem);
+    return systemOpen(disks, DiskAccess::readWrite, openingProblem);
 }
 
 NTSTATUS openParts(const std::vector<std::string>& paths, DiskAccess access, Problem& problem) {

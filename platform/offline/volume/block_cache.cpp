@@ -82,18 +82,24 @@ UnitMask unitsOnDisk(const Disk& disk, const CacheBlock& block) {
     return static_cast<UnitMask>((1u << ((bytes + cacheUnitSize - 1) / cacheUnitSize)) - 1);
 }
 
-/* Makes the units hold what lies on the disk. */
-NTSTATUS loadUnits(const Disk& disk, CacheBlock& block, UnitMask units) {
-    UnitMask missing = units & static_cast<UnitMask>(~block.valid);
-    if (missing == 0) return STATUS_SUCCESS;
-    bool goesOn = (block.valid << 1 & missing) != 0;
-    if (goesOn) missing = unitsOnDisk(disk, block) & static_cast<UnitMask>(~block.valid);
-    UnitMask left = missing;
+NTSTATUS readUnits(const Disk& disk, CacheBlock& block, UnitMask units) {
+    UnitMask left = units;
     NTSTATUS status = forUnits(disk, block, left, [&](uint8_t* bytes, size_t count, uint64_t offset) {
         return readWhole(disk.file, bytes, count, offset);
     });
-    block.valid |= missing & static_cast<UnitMask>(~left);
-    return (units & static_cast<UnitMask>(~block.valid)) == 0 ? STATUS_SUCCESS : status;
+    block.valid |= units & static_cast<UnitMask>(~left);
+    return status;
+}
+
+/* Makes the units hold what lies on the disk. What can't be read beyond them is not missed here. */
+NTSTATUS loadUnits(const Disk& disk, CacheBlock& block, UnitMask units) {
+    const auto missingOf = [&](UnitMask wanted) {
+        return static_cast<UnitMask>(wanted & ~static_cast<uint32_t>(block.valid));
+    };
+    if (missingOf(units) == 0) return STATUS_SUCCESS;
+    bool goesOn = (block.valid << 1 & missingOf(units)) != 0;
+    if (goesOn && readUnits(disk, block, missingOf(unitsOnDisk(disk, block))) >= 0) return STATUS_SUCCESS;
+    return readUnits(disk, block, missingOf(units));
 }
 
 /* The units from the first dirty one to the last: those between them that hold the disk's own bytes go along,
@@ -105,15 +111,25 @@ UnitMask unitsToWrite(const CacheBlock& block) {
     return static_cast<UnitMask>(block.valid & between);
 }
 
-NTSTATUS writeBack(Disk& disk, CacheBlock& block) {
-    if (block.dirty == 0) return STATUS_SUCCESS;
-    block.dirty = unitsToWrite(block);
-    NTSTATUS status =
-        forUnits(disk, block, block.dirty, [&](const uint8_t* bytes, size_t count, uint64_t offset) {
-            return writeWhole(disk.file, bytes, count, offset);
-        });
-    if (status < 0) disk.writeFailure = status;
+/* Units that were written are not dirty any more. */
+NTSTATUS writeUnits(const Disk& disk, CacheBlock& block, UnitMask units) {
+    UnitMask left = units;
+    NTSTATUS status = forUnits(disk, block, left, [&](const uint8_t* bytes, size_t count, uint64_t offset) {
+        return writeWhole(disk.file, bytes, count, offset);
+    });
+    block.dirty &= static_cast<UnitMask>(left | ~static_cast<uint32_t>(units));
     return status;
+}
+
+/* A unit that the disk does not take keeps no other from being written. */
+NTSTATUS writeBack(const Disk& disk, CacheBlock& block) {
+    if (block.dirty == 0) return STATUS_SUCCESS;
+    NTSTATUS status = writeUnits(disk, block, unitsToWrite(block));
+    if (status >= 0) return status;
+    for (uint32_t unit = 0; unit < cacheUnitsPerBlock; ++unit) {
+        writeUnits(disk, block, block.dirty & static_cast<UnitMask>(1u << unit));
+    }
+    return block.dirty == 0 ? STATUS_SUCCESS : status;
 }
 
 /* A place for one more block: a new one, or one that has not been used for a while. A block that can't be
@@ -141,6 +157,7 @@ NTSTATUS makeRoom(Disk& disk, uint32_t& place) {
             continue;
         }
         disk.blockIndex.erase(block.number);
+        block.number = CacheBlock::none;
         block.valid = 0;
         return STATUS_SUCCESS;
     }
@@ -161,8 +178,8 @@ NTSTATUS findBlock(Disk& disk, uint64_t number, CacheBlock*& block) {
     } else {
         NTSTATUS status = makeRoom(disk, place);
         if (status < 0) return status;
-        disk.blocks[place].number = number;
         disk.blockIndex.emplace(number, place);
+        disk.blocks[place].number = number;
     }
     disk.lastBlock = place;
     block = &disk.blocks[place];
@@ -262,7 +279,7 @@ NTSTATUS diskWrite(Disk& disk, uint64_t offset, std::span<const uint8_t> bytes) 
 NTSTATUS diskSync(Disk& disk) {
     return guarded([&]() -> NTSTATUS {
         if (disk.readOnly) return STATUS_SUCCESS;
-        NTSTATUS status = disk.writeFailure;
+        NTSTATUS status = STATUS_SUCCESS; /* a block that could not be written before waits here still */
         std::vector<uint32_t> dirty;
         for (uint32_t place = 0; place < disk.blocks.size(); ++place) {
             if (disk.blocks[place].dirty != 0) dirty.push_back(place);
@@ -273,7 +290,6 @@ NTSTATUS diskSync(Disk& disk) {
             NTSTATUS written = writeBack(disk, disk.blocks[place]);
             if (written < 0) status = written;
         }
-        disk.writeFailure = STATUS_SUCCESS;
         if (fdatasync(disk.file) != 0) disk.syncFailed = true;
         return disk.syncFailed ? STATUS_IO_DEVICE_ERROR : status;
     });

@@ -26,7 +26,8 @@ constexpr uint32_t cacheBlockSize = cacheUnitSize * cacheUnitsPerBlock;
 constexpr size_t cacheBlocks = 1024; /* 16 MiB at most */
 
 struct CacheBlock {
-    uint64_t number = 0; /* of the block on the disk */
+    static constexpr uint64_t none = UINT64_MAX;
+    uint64_t number = none; /* of the block on the disk */
     UnitMask valid = 0;  /* the units that hold the disk's bytes or newer ones */
     UnitMask dirty = 0;  /* the units that are newer than the disk */
     bool used = false;   /* since the clock's hand last passed */
@@ -45,7 +46,6 @@ struct Disk {
     uint32_t lastBlock = 0;                            /* place of the block found last */
     uint32_t hand = 0;
 
-    NTSTATUS writeFailure = STATUS_SUCCESS; /* of a write-back that no caller has heard of yet */
     bool syncFailed = false; /* what the system dropped then can't be written again, so it stays an error */
 };
 

@@ -46,8 +46,17 @@ bool onlyReadable(int error) {
     return error == EACCES || error == EPERM || error == EROFS || error == ETXTBSY;
 }
 
-/* Opens the file. A file without any write permission is only read, even where the user could write it all
- * the same: whoever took the permission away meant it. */
+/* A file without any write permission is only read, even where the user could write it all the same: whoever
+ * took the permission away meant it. */
+bool keptFromWrites(const struct stat& info) {
+    return (info.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0;
+}
+
+bool deviceKeptFromWrites(int file) {
+    int protectedAgainstWrites = 0;
+    return ioctl(file, BLKROGET, &protectedAgainstWrites) == 0 && protectedAgainstWrites != 0;
+}
+
 NTSTATUS openFile(Disk& disk, DiskAccess access, Problem& problem) {
     struct stat before = {};
     if (stat(disk.path.c_str(), &before) != 0) return refuseErrno(disk.path, errno, problem);
@@ -61,7 +70,7 @@ NTSTATUS openFile(Disk& disk, DiskAccess access, Problem& problem) {
             disk.path + ": it is neither a file nor a block device; name a disk image or a block device");
     }
     int flags = O_CLOEXEC | O_NONBLOCK | (S_ISBLK(before.st_mode) ? O_EXCL : 0);
-    disk.readOnly = access == DiskAccess::readOnly || (before.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0;
+    disk.readOnly = access == DiskAccess::readOnly || keptFromWrites(before);
     if (!disk.readOnly) {
         disk.file = open(disk.path.c_str(), flags | O_RDWR);
         if (disk.file < 0 && onlyReadable(errno)) disk.readOnly = true;
@@ -82,15 +91,13 @@ NTSTATUS measure(Disk& disk, Problem& problem) {
     if (fstat(disk.file, &info) != 0) return refuseErrno(disk.path, errno, problem);
     if (S_ISBLK(info.st_mode)) {
         uint64_t bytes = 0;
-        int sector = 0, protectedAgainstWrites = 0;
+        int sector = 0;
         if (ioctl(disk.file, BLKGETSIZE64, &bytes) != 0) return refuseErrno(disk.path, errno, problem);
         disk.size = bytes;
         if (ioctl(disk.file, BLKSSZGET, &sector) == 0 && (sector == 512 || sector == 4096)) {
             disk.sectorSize = static_cast<uint32_t>(sector);
         }
-        if (ioctl(disk.file, BLKROGET, &protectedAgainstWrites) == 0 && protectedAgainstWrites != 0) {
-            disk.readOnly = true;
-        }
+        if (deviceKeptFromWrites(disk.file)) disk.readOnly = true;
     } else {
         disk.size = static_cast<uint64_t>(info.st_size);
     }
@@ -177,6 +184,13 @@ uint64_t diskSize(const Disk& disk) {
 }
 bool diskReadOnly(const Disk& disk) {
     return disk.readOnly;
+}
+
+bool diskWritable(const Disk& disk) {
+    struct stat info = {};
+    if (fstat(disk.file, &info) != 0 || keptFromWrites(info)) return false;
+    if (S_ISBLK(info.st_mode) && deviceKeptFromWrites(disk.file)) return false;
+    return access(disk.path.c_str(), W_OK) == 0;
 }
 
 } /* namespace offline */

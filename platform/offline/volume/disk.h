@@ -31,6 +31,9 @@ const std::string& diskPath(const Disk& disk);
 uint64_t diskSize(const Disk& disk); /* bytes */
 bool diskReadOnly(const Disk& disk);
 
+/* Whether readWrite would open it for writing, however this was opened. */
+bool diskWritable(const Disk& disk);
+
 /* Offsets and sizes in bytes. A range that does not lie on the disk is STATUS_INVALID_PARAMETER. */
 NTSTATUS diskRead(Disk& disk, uint64_t offset, std::span<uint8_t> bytes);
 NTSTATUS diskWrite(Disk& disk, uint64_t offset, std::span<const uint8_t> bytes);

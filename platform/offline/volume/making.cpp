@@ -15,13 +15,18 @@ bool validName(std::u16string_view name) {
     return ntfs3g::ntfs_forbidden_chars(libraryName(name), static_cast<int>(name.size()), libraryTrue) == 0;
 }
 
+/* Opens a file that is to be changed. */
+NTSTATUS openToChange(Inode& inode, FileRef file) {
+    NTSTATUS status = beginChange(inode.volume);
+    if (status < 0) return status;
+    forgetRecord(inode.volume);
+    return inode.open(file);
+}
+
 /* Opens the directory for a new name in it. */
 NTSTATUS openFor(Inode& directory, FileRef reference, std::u16string_view name) {
     if (!validName(name)) return STATUS_OBJECT_NAME_INVALID;
-    NTSTATUS status = beginChange(directory.volume);
-    if (status < 0) return status;
-    forgetRecord(directory.volume);
-    status = directory.open(reference);
+    NTSTATUS status = openToChange(directory, reference);
     if (status < 0) return status;
     if (!directory.isDirectory()) return STATUS_NOT_A_DIRECTORY;
     FileRef there = 0;
@@ -121,11 +126,8 @@ NTSTATUS volumeMakeJunction(Volume& volume, FileRef directory, std::u16string_vi
     return guarded([&]() -> NTSTATUS {
         if (recordNumberOf(directory) < firstOrdinaryRecord) return STATUS_ACCESS_DENIED;
         if (target.empty() || target.size() > 4000) return STATUS_OBJECT_NAME_INVALID;
-        NTSTATUS status = beginChange(volume);
-        if (status < 0) return status;
-        forgetRecord(volume);
         Inode inode(volume);
-        status = inode.open(directory);
+        NTSTATUS status = openToChange(inode, directory);
         if (status < 0) return status;
         if (!inode.isDirectory()) return STATUS_NOT_A_DIRECTORY;
         if (ntfs3g::ntfs_check_empty_dir(inode.inode) != 0) return STATUS_ACCESS_DENIED;
@@ -142,11 +144,8 @@ NTSTATUS volumeMakeJunction(Volume& volume, FileRef directory, std::u16string_vi
 NTSTATUS volumeSetAttributes(Volume& volume, FileRef file, uint32_t attributes) {
     return guarded([&]() -> NTSTATUS {
         if (isMetadata(file)) return STATUS_ACCESS_DENIED;
-        NTSTATUS status = beginChange(volume);
-        if (status < 0) return status;
-        forgetRecord(volume);
         Inode inode(volume);
-        status = inode.open(file);
+        NTSTATUS status = openToChange(inode, file);
         if (status < 0) return status;
         uint32_t kept = inode.attributes() & ~settableAttributes;
         inode.inode->flags = static_cast<ntfs3g::FILE_ATTR_FLAGS>(kept | (attributes & settableAttributes));

@@ -109,8 +109,17 @@ bool syncMetadata(const Volume& volume) {
     return done;
 }
 
+/* The library's own call for this drops the flags that it has no name for. */
 bool setFlags(Volume& volume, uint16_t flags) {
-    return ntfs3g::ntfs_volume_write_flags(volume.ntfs, flags) == 0;
+    constexpr size_t place = offsetof(ntfs3g::VOLUME_INFORMATION, flags);
+    ntfs3g::ntfs_inode* inode = volume.ntfs->vol_ni;
+    ntfs3g::ntfs_attr* information = ntfs3g::ntfs_attr_open(inode, ntfs3g::AT_VOLUME_INFORMATION, nullptr, 0);
+    if (information == nullptr) return false;
+    bool written = ntfs3g::ntfs_attr_pwrite(information, place, sizeof flags, &flags) == sizeof flags;
+    ntfs3g::ntfs_attr_close(information);
+    if (!written || ntfs3g::ntfs_inode_sync(inode) != 0) return false;
+    volume.ntfs->flags = static_cast<ntfs3g::VOLUME_FLAGS>(flags);
+    return true;
 }
 
 /* Everything but the mark first, so that a crash in between leaves a marked volume. */
@@ -173,17 +182,18 @@ NTSTATUS beginChange(Volume& volume) {
 }
 
 NTSTATUS volumeFlush(Volume& volume) {
-    if (!volume.marked) return volume.failed ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS;
+    if (!volume.marked) return STATUS_SUCCESS;
     allowReads(volume, readsOfACall);
     bool written = syncMetadata(volume);
     NTSTATUS status = diskSync(*volume.device.disk);
-    if (!written || status < 0) volume.failed = true;
-    if (status < 0) return status;
-    return volume.failed ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS;
+    if (status >= 0 && !written) status = STATUS_IO_DEVICE_ERROR;
+    if (status < 0) volume.failed = true;
+    return status;
 }
 
 NTSTATUS volumeClose(VolumePtr volume) {
     NTSTATUS status = volumeFlush(*volume);
+    if (status >= 0 && volume->failed) status = STATUS_IO_DEVICE_ERROR;
     if (volume->marked && status >= 0) status = clearMark(*volume);
     ntfs3g::ntfs_volume* ntfs = volume->ntfs;
     volume->ntfs = nullptr;

@@ -155,18 +155,20 @@ NTSTATUS findVolumes(Search& search) {
                           " image; convert it to a raw one (qemu-img convert -O raw)");
     }
     bool table = false;
-    if (contents.kind == ContentsKind::unknown) {
+    /* What another file system left outside the first sector doesn't hide a table that was written since. */
+    const bool leftOver = contents.kind == ContentsKind::other;
+    if (contents.kind == ContentsKind::unknown || leftOver) {
         std::vector<TableEntry> entries;
         std::string fault;
         TableState mbr = readMbr(search.disk, head.bytes(), search.disk.sectorSize, entries, fault);
         TableState state = mbr;
-        if (mbr == TableState::protective || mbr == TableState::absent)
+        if (mbr == TableState::protective || (mbr == TableState::absent && !leftOver))
             state = readGpt(search.disk, entries, fault);
         if (state == TableState::unreadable) return search.unreadable();
         if (state == TableState::damaged || (mbr == TableState::protective && state == TableState::absent)) {
             return search.damaged("its partition table is damaged: " + fault + "; repair it first");
         }
-        table = state == TableState::good;
+        table = state == TableState::good && (!leftOver || !entries.empty());
         if (table) status = probeTable(search, entries);
     }
     if (!table) status = probe(search, whole, true, "the disk");

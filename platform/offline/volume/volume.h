@@ -39,7 +39,8 @@ NTSTATUS volumeOpen(Disk& disk, const Partition& partition, VolumePtr& volume, P
  * stays. */
 NTSTATUS volumeClose(VolumePtr volume);
 
-/* Everything on the medium; the dirty mark stays. */
+/* Everything on the medium; the dirty mark stays. A change that failed before is not told again: a file's
+ * failure must not keep another from being written whole. volumeClose tells it. */
 NTSTATUS volumeFlush(Volume& volume);
 
 bool volumeReadOnly(const Volume& volume);
