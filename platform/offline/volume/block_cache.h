@@ -28,9 +28,9 @@ constexpr size_t cacheBlocks = 1024; /* 16 MiB at most */
 struct CacheBlock {
     static constexpr uint64_t none = UINT64_MAX;
     uint64_t number = none; /* of the block on the disk */
-    UnitMask valid = 0;  /* the units that hold the disk's bytes or newer ones */
-    UnitMask dirty = 0;  /* the units that are newer than the disk */
-    bool used = false;   /* since the clock's hand last passed */
+    UnitMask valid = 0;     /* the units that hold the disk's bytes or newer ones */
+    UnitMask dirty = 0;     /* the units that are newer than the disk */
+    bool used = false;      /* since the clock's hand last passed */
     std::unique_ptr<uint8_t[]> bytes;
 };
 

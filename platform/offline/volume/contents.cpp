@@ -31,22 +31,23 @@ NTSTATUS openData(Inode& inode, FileRef file, DataPtr& data) {
     return data != nullptr ? STATUS_SUCCESS : libraryStatus(inode.volume, errno);
 }
 
-/* Makes the buffer this long, with room for an eighth more that costs nothing until it is used. A large one
+/* Makes room for a file of this size and an eighth more, which costs nothing until it is used. A large buffer
  * is put on large pages, as far as the system has them: first touching it is a good part of reading a file.
  */
-void sizeBuffer(std::vector<uint8_t>& bytes, size_t size) {
+void reserveRoom(std::vector<uint8_t>& bytes, size_t size) {
     constexpr size_t largePage = size_t{2} << 20;
     bytes.reserve(size + size / 8);
     const auto start = reinterpret_cast<uintptr_t>(bytes.data());
     const uintptr_t first = (start + largePage - 1) / largePage * largePage;
     const uintptr_t end = (start + bytes.capacity()) / largePage * largePage;
     if (first < end) madvise(bytes.data() + (first - start), end - first, MADV_HUGEPAGE);
-    bytes.resize(size);
 }
 
-NTSTATUS readData(Volume& volume, ntfs3g::ntfs_attr* data, std::span<uint8_t> bytes) {
-    for (size_t place = 0; place < bytes.size();) {
-        size_t count = std::min(chunk, bytes.size() - place);
+/* Lengthens the buffer as it goes, so that what is cleared and read over lies in the processor's caches. */
+NTSTATUS readData(Volume& volume, ntfs3g::ntfs_attr* data, size_t size, std::vector<uint8_t>& bytes) {
+    for (size_t place = 0; place < size;) {
+        size_t count = std::min(chunk, size - place);
+        bytes.resize(place + count);
         errno = 0;
         allowReads(volume, readsOfACall);
         int64_t done = ntfs3g::ntfs_attr_pread(data, static_cast<int64_t>(place), static_cast<int64_t>(count),
@@ -83,8 +84,8 @@ NTSTATUS volumeReadFile(Volume& volume, FileRef file, uint64_t limit, std::vecto
         uint64_t size = static_cast<uint64_t>(data->data_size);
         /* A file may have holes, but one that is larger than its volume is nothing to load. */
         if (size > limit || size > volume.device.size) return STATUS_INSUFFICIENT_RESOURCES;
-        sizeBuffer(bytes, static_cast<size_t>(size));
-        status = readData(volume, data.get(), bytes);
+        reserveRoom(bytes, static_cast<size_t>(size));
+        status = readData(volume, data.get(), static_cast<size_t>(size), bytes);
         data.reset();
         if (status < 0) bytes.clear();
         return status;

@@ -96,6 +96,13 @@ NTSTATUS refuseState(Volume& volume, Problem& problem) {
             return refuseMount(volume, errno, problem);
         if (!journalClean(volume)) return refuseMount(volume, EOPNOTSUPP, problem);
     }
+    allowReads(volume, readsOfACall);
+    if (!volume.readOnly && !secureIndexesSound(volume)) {
+        return refuse(
+            problem, STATUS_DISK_CORRUPT_ERROR,
+            volume.name +
+                ": its index of security descriptors is damaged; repair the volume (chkdsk /f) first");
+    }
     return STATUS_SUCCESS;
 }
 

@@ -141,6 +141,10 @@ struct Inode {
 /* Whether every offset, count and size of a self-relative descriptor lies within it. */
 bool descriptorInBounds(Bytes descriptor);
 
+/* Whether the volume's indexes of descriptors, and the stream that they point into, are whole and agree. May
+ * throw std::bad_alloc. */
+bool secureIndexesSound(Volume& volume);
+
 /* Stores the descriptor in the inode's file. */
 NTSTATUS storeDescriptor(Inode& file, Bytes descriptor);
 
