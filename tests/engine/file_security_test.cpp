@@ -13,9 +13,10 @@ const WCHAR path[] = u"\\\\?\\c:\\file";
  */
 struct File {
     Bytes stored;
-    std::vector<DWORD> reads, writes, seizures;
-    DWORD needed = 0;      /* what a 122 in reads reports */
-    bool holdsOld = false; /* writes don't take hold */
+    std::vector<DWORD> reads = {}, writes = {}, seizures = {};
+    DWORD needed = 0;                        /* what a 122 in reads reports */
+    bool holdsOld = false;                   /* writes don't take hold */
+    DWORD token = 0, query = 0, length = 88; /* what answerForToken is told */
 };
 
 DWORD next(std::vector<DWORD>* codes) {
@@ -46,7 +47,7 @@ void answerFor(File* file) {
         if (!file->holdsOld) memcpy(file->stored.data(), descriptor, file->stored.size());
         return TRUE;
     };
-    answerForToken(fakeHandle(0x77), TokenOwner);
+    answerForToken(fakeHandle(0x77), TokenOwner, file->token, file->query, file->length);
     answer.SetNamedSecurityInfoW = [=](LPWSTR at, SE_OBJECT_TYPE type, SECURITY_INFORMATION information,
                                        PSID owner, PSID group, PACL dacl, PACL sacl) {
         note("set %d %#x %Ix", type, information, numberOf(owner));
@@ -56,25 +57,21 @@ void answerFor(File* file) {
 }
 
 /* "seize" is a whole seizure without a failure; "!" stands before a failure that is reported at ERROR. */
-const Legend legend = {{"set 1 0x1 77", "owner"},
-                       {"set 1 0x80000004 0", "list"},
-                       {"CloseHandle 70", "close"},
-                       {" \\\\?\\c:\\file", ""},
-                       {"INFO takeFileOwnership: Taking ownership of", "take"},
-                       {"ERROR takeFileOwnership: Win API call", "!"},
-                       {"ERROR takeFileOwnership: GetTokenInformation requested 89 bytes of buffer", "! 89"},
-                       {"take, owner, list, close", "seize"},
-                       {"WARN sidReplaceInFileSD: Original security attributes lost for", "lost"},
-                       {"DEBUG sidReplaceInFileSD: Replaced old SID in file SD", "done"},
-                       {"INFO sidReplaceInFileSD: Found old SID in file SD (simulation mode)", "found"},
-                       {"ERROR sidReplaceInFileSD: Failed to replace old SID in file SD", "! limit"},
-                       {"ERROR sidReplaceInFileSD: Win API call", "!"},
-                       {" returned", ""},
-                       {" for,", ","},
-                       {"DEBUG sidReplace: Matching SID ", ""},
-                       {"[4]..-300 in owner", "-o"},
-                       {"[5]..-513 in group", "-g"},
-                       {"[4]..-300 in DACL", "-d"}};
+// clang-format off
+const Legend legend = {
+    {"set 1 0x1 77", "owner"}, {"set 1 0x80000004 0", "list"}, {"CloseHandle 70", "close"},
+    {" \\\\?\\c:\\file", ""}, {"INFO takeFileOwnership: Taking ownership of", "take"},
+    {"ERROR takeFileOwnership: Win API call", "!"},
+    {"ERROR takeFileOwnership: GetTokenInformation requested 89 bytes of buffer", "! 89"},
+    {"take, owner, list, close", "seize"},
+    {"WARN sidReplaceInFileSD: Original security attributes lost for", "lost"},
+    {"DEBUG sidReplaceInFileSD: Replaced old SID in file SD", "done"},
+    {"INFO sidReplaceInFileSD: Found old SID in file SD (simulation mode)", "found"},
+    {"ERROR sidReplaceInFileSD: Failed to replace old SID in file SD", "! limit"},
+    {"ERROR sidReplaceInFileSD: Win API call", "!"}, {" returned", ""}, {" for,", ","},
+    {"DEBUG sidReplace: Matching SID ", ""}, {"[4]..-300 in owner", "-o"}, {"[5]..-513 in group", "-g"},
+    {"[4]..-300 in DACL", "-d"}};
+// clang-format on
 
 std::string road() {
     const std::string line = shortened(legend);
@@ -97,107 +94,67 @@ const Bytes large = padded(clean, 600);
 using FileSecurity = Scripted;
 
 TEST_F(FileSecurity, EveryRoadThroughReadingAndWriting) {
+    // clang-format off
     const struct {
-        File file;
-        std::string road;
-        DWORD result;
-        bool simulate = false;
+        File file; std::string road; DWORD result; bool simulate = false; Refusal refusal = {};
+        int allocations = -1;
     } rows[] = {
-        {{clean, {}, {}, {}}, "r512", 0},
-        {{owned, {}, {}, {}}, "r512, -o, w, done, r512", 0},
-        {{listed, {}, {}, {}}, "r512, -d, -d, w, done, r512", 0},
-        {{both, {}, {}, {}}, "r512, -o, w, done, r512, -g, w, done, r512", 0},
+        {{clean}, "r512", 0},
+        {{listed}, "r512, -d, -d, w, done, r512", 0},
+        {{both}, "r512, -o, w, done, r512, -g, w, done, r512", 0},
         {{owned, {}, {}, {}, 0, true}, "r512, -o, w, done, r512, -o, w, done, r512, -o, ! limit", 1359},
-        {{both, {}, {}, {}}, "r512, -o, found", 0, true},
-        {{clean, {}, {}, {}}, "r512", 0, true},
-        {{owned, {2}, {}, {}}, "r512, ! GetFileSecurity 2", 2},
-        {{owned, {}, {112}, {}}, "r512, -o, w, ! SetFileSecurity 112", 112},
-        {{both, {}, {0, 19}, {}}, "r512, -o, w, done, r512, -g, w, ! SetFileSecurity 19", 19},
+        {{both}, "r512, -o, found", 0, true},
+        {{clean}, "r512", 0, true},
+        {{owned, {2}}, "r512, ! GetFileSecurity 2", 2},
+        {{both, {}, {0, 19}}, "r512, -o, w, done, r512, -g, w, ! SetFileSecurity 19", 19},
         /* growth, by what is needed and 256 bytes */
-        {{large, {}, {}, {}}, "r512, r856", 0},
-        {{padded(clean, 513), {}, {}, {}}, "r512, r769", 0},
+        {{padded(clean, 513)}, "r512, r769", 0},
         {{padded(clean, 2000), {122}, {}, {}, 600}, "r512, r856, r2256", 0},
         {{owned, {122}, {}, {}, 512}, "r512, ! GetFileSecurity 122", 122},
         {{owned, {122}, {}, {}, 0xFFFFFF80}, "r512, ! GetFileSecurity 122", 122},
         /* refused reads */
-        {{clean, {5}, {}, {}}, "r512, seize, lost, r512", 0},
-        {{owned, {5}, {}, {}}, "r512, seize, lost, r512, -o, w, done, r512", 0},
-        {{owned, {5, 5}, {}, {}}, "r512, seize, lost, r512, ! GetFileSecurity 5", 5},
-        {{owned, {5, 32}, {}, {}}, "r512, seize, lost, r512, ! GetFileSecurity 32", 32},
-        {{large, {5}, {}, {}}, "r512, seize, lost, r512, r856", 0},
-        {{large, {5, 0, 5}, {}, {}}, "r512, seize, lost, r512, r856, seize, lost, r856", 0},
+        {{owned, {5}}, "r512, seize, lost, r512, -o, w, done, r512", 0},
+        {{owned, {5, 5}}, "r512, seize, lost, r512, ! GetFileSecurity 5", 5},
+        {{owned, {5, 32}}, "r512, seize, lost, r512, ! GetFileSecurity 32", 32},
+        {{large, {5, 0, 5}}, "r512, seize, lost, r512, r856, seize, lost, r856", 0},
         {{owned, {5}, {}, {0, 1307}},
-         "r512, take, owner, list, ! SetNamedSecurityInfo 1307, close, ! GetFileSecurity 5",
-         5},
+         "r512, take, owner, list, ! SetNamedSecurityInfo 1307, close, ! GetFileSecurity 5", 5},
         {{clean, {5}, {}, {1307}},
-         "r512, take, owner, ! SetNamedSecurityInfo 1307, list, close, lost, r512",
-         0},
-        {{owned, {5}, {}, {}}, "r512, ! GetFileSecurity 5", 5, true},
-        /* refused writes */
-        {{owned, {}, {5}, {}}, "r512, -o, w, seize, w, done, r512", 0},
-        {{owned, {}, {5, 5}, {}}, "r512, -o, w, seize, w, ! SetFileSecurity 5", 5},
-        {{owned, {}, {5, 112}, {}}, "r512, -o, w, seize, w, ! SetFileSecurity 112", 112},
-        {{owned, {}, {5}, {0, 1307}},
-         "r512, -o, w, take, owner, list, ! SetNamedSecurityInfo 1307, close, ! SetFileSecurity 5",
+         "r512, take, owner, ! SetNamedSecurityInfo 1307, list, close, lost, r512", 0},
+        {{owned, {5}}, "r512, ! GetFileSecurity 5", 5, true},
+        {{owned, {5}, {}, {}, 0, false, 5}, "r512, ! OpenProcessToken 5, ! GetFileSecurity 5", 5},
+        {{owned, {5}, {}, {}, 0, false, 0, 998, 89},
+         "r512, ! GetTokenInformation 998, close, ! GetFileSecurity 5", 5},
+        {{owned, {5}, {}, {}, 0, false, 0, 0, 89}, "r512, ! 89 (88 allocated), close, ! GetFileSecurity 5",
          5},
-        {{both, {0, 5}, {5, 0, 5}, {}},
-         "r512, -o, w, seize, w, done, r512, seize, lost, r512, -g, w, seize, w, done, r512",
-         0},
+        /* refused writes */
+        {{owned, {}, {5}}, "r512, -o, w, seize, w, done, r512", 0},
+        {{owned, {}, {5, 112}}, "r512, -o, w, seize, w, ! SetFileSecurity 112", 112},
+        {{owned, {}, {5}, {0, 1307}},
+         "r512, -o, w, take, owner, list, ! SetNamedSecurityInfo 1307, close, ! SetFileSecurity 5", 5},
+        {{both, {0, 5}, {5, 0, 5}},
+         "r512, -o, w, seize, w, done, r512, seize, lost, r512, -g, w, seize, w, done, r512", 0},
+        /* failures beside the file's calls */
+        {{owned}, "r512, ERROR sidReplaceInSDInternal: Win API call GetSecurityDescriptorDacl 1338", 1338,
+         false, {"GetSecurityDescriptorDacl", 0, 1338}},
+        {{large}, "r512, no memory", ERROR_NOT_ENOUGH_MEMORY, false, {}, 0},
     };
+    // clang-format on
     for (const auto& row : rows) {
         SetUp();
         File file = row.file;
         answerFor(&file);
         memBuf buffer = {};
         ASSERT_TRUE(memBufInit(&buffer, 512));
+        refusal = row.refusal;
+        allocationsLeft = row.allocations;
         const DWORD result =
             sidReplaceInFileSD(path, oldSid.data(), newSid.data(), 24, 0, row.simulate, &buffer);
+        allocationsLeft = -1;
         EXPECT_EQ(result, row.result) << row.road;
+        if (events.back().starts_with("ERROR ombraRealloc")) events.back() = "no memory";
         EXPECT_EQ(road(), row.road);
         EXPECT_EQ(file.reads.size() + file.writes.size() + file.seizures.size(), 0u) << row.road;
         memBufFree(&buffer);
-    }
-}
-
-TEST_F(FileSecurity, FailuresBesideTheFileCalls) {
-    File file = {large, {}, {}, {}};
-    answerFor(&file);
-    memBuf buffer = {};
-    ASSERT_TRUE(memBufInit(&buffer, 512));
-    allocationsLeft = 0;
-    const auto replace = [&] {
-        events.clear();
-        return sidReplaceInFileSD(path, oldSid.data(), newSid.data(), 24, 0, 0, &buffer);
-    };
-    EXPECT_EQ(replace(), DWORD{ERROR_NOT_ENOUGH_MEMORY});
-    EXPECT_EQ(logLines().size(), 1u);  // that of the memory layer
-    EXPECT_EQ(buffer.size, 0u);
-    allocationsLeft = -1;
-    refusal = {"GetSecurityDescriptorDacl", 0, 1338};
-    EXPECT_EQ(replace(), 1338u);  // on an empty buffer, which grows anew
-    EXPECT_EQ(road(), "r0, r856, ERROR sidReplaceInSDInternal: Win API call GetSecurityDescriptorDacl 1338");
-    memBufFree(&buffer);
-}
-
-TEST_F(FileSecurity, SeizingAFile) {
-    const struct {
-        DWORD open, query, needed, result;
-        std::vector<DWORD> seizures;
-        std::string road;
-    } rows[] = {
-        {0, 0, 88, 0, {}, "seize"},
-        {0, 0, 20, 0, {1307, 0}, "take, owner, ! SetNamedSecurityInfo 1307, list, close"},
-        {0, 0, 20, 1307, {0, 1307}, "take, owner, list, ! SetNamedSecurityInfo 1307, close"},
-        {5, 0, 20, 5, {}, "! OpenProcessToken 5"},
-        {0, 998, 89, 998, {}, "! GetTokenInformation 998, close"},
-        {0, 0, 89, 1359, {}, "! 89 (88 allocated), close"},
-    };
-    for (const auto& row : rows) {
-        SetUp();
-        File file = {{}, {}, {}, row.seizures};
-        answerFor(&file);
-        answerForToken(fakeHandle(0x77), TokenOwner, row.open, row.query, row.needed);
-        EXPECT_EQ(takeFileOwnership(path), row.result);
-        EXPECT_EQ(road(), row.road);
     }
 }

@@ -36,7 +36,7 @@ extern Refusal refusal;
 extern Events events;
 void note(const char* format, ...);
 std::string text(const char* format, ...); /* with the log hook's directives */
-Events logLines();                         /* of the events, the log lines */
+void recordLine(const char* file, const char* function, int line, int level, ULONG_PTR, const char*, ...);
 
 /* The events on one line, separated by ", ", with these texts replaced by shorter ones, in this order. */
 using Legend = std::vector<std::pair<std::string, std::string>>;
@@ -67,6 +67,7 @@ protected:
 
 Bytes sid(const std::vector<uint32_t>& subAuthorities);
 Bytes derived(const Bytes& from, uint32_t rid);
+Bytes& operator+=(Bytes& bytes, const Bytes& more);
 
 /* A pair of machine SIDs, and an account of another issuer. */
 inline const Bytes oldSid = sid({21, 100, 200, 300});

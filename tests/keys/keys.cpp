@@ -1,20 +1,17 @@
 #include "tests/keys/keys.h"
 
 #include <algorithm>
-#include <cstdarg>
-#include <cstdio>
-#include <cstdlib>
-#include <set>
+#include <sstream>
 
 #include "common/log.h"
 #include "sidchng/sid.h"
-#include "tool/text_format.h"
 
 /* ---- The calls ---- */
 
 namespace offline {
 
 std::map<std::string, int> callsMade;
+bool opensNoted;
 
 static std::vector<Fault> faults;
 static std::map<const void*, std::string> openedAs;
@@ -62,78 +59,45 @@ extern "C" {
 
 } /* extern "C" */
 
-/* The scripted calls go on to the platform; those on keys are watched as well. */
+/* A scripted call goes on to the platform unless it is to fail on its key. */
+template <auto real>
+static auto _watched(const char* call) {
+    return [call](auto key, auto... rest) -> decltype(real(key, rest...)) {
+        LONG code = 0;
+        const std::string name = offline::opened(key);
+        const bool failed = offline::fails(call, name, &code);
+        // A close that fails closes all the same.
+        const bool closing = std::string_view(call) == "ZwClose";
+        if (closing) offline::openedAs.erase(key);
+        if (failed && !closing) return code;
+        const auto result = real(key, rest...);
+        return failed ? code : result;
+    };
+}
+
+/* The same for an open, which counts as a call on the key that it names. */
+template <auto real>
+static auto _watchedOpen(const char* call) {
+    return [call](PHANDLE key, ACCESS_MASK access, POBJECT_ATTRIBUTES attributes, auto... rest) {
+        NTSTATUS status = 0;
+        const std::string name = offline::nameIn(attributes);
+        if (offline::opensNoted) note("%s %s %x", call, name.c_str(), attributes->Attributes);
+        if (offline::fails(call, name, &status)) return status;
+        status = real(key, access, attributes, rest...);
+        if (status >= 0) offline::openedAs[*key] = name;
+        return status;
+    };
+}
+
 static void _passOn() {
 #define SCRIPTED(result, name, parameters, arguments) answer.name = __real_##name;
 #define PASSED_ON(result, name, parameters, arguments)
 #include "tests/engine/scripted_calls.h"
-    answer.ZwOpenKey = [](PHANDLE key, ACCESS_MASK access, POBJECT_ATTRIBUTES attributes) {
-        NTSTATUS status = 0;
-        const std::string name = offline::nameIn(attributes);
-        if (offline::fails("ZwOpenKey", name, &status)) return status;
-        status = __real_ZwOpenKey(key, access, attributes);
-        if (status >= 0) offline::openedAs[*key] = name;
-        return status;
-    };
-    answer.ZwCreateKey = [](PHANDLE key, ACCESS_MASK access, POBJECT_ATTRIBUTES attributes, ULONG titleIndex,
-                            PUNICODE_STRING className, ULONG options, PULONG made) {
-        NTSTATUS status = 0;
-        const std::string name = offline::nameIn(attributes);
-        if (offline::fails("ZwCreateKey", name, &status)) return status;
-        status = __real_ZwCreateKey(key, access, attributes, titleIndex, className, options, made);
-        if (status >= 0) offline::openedAs[*key] = name;
-        return status;
-    };
-    answer.ZwClose = [](HANDLE key) {
-        NTSTATUS status = 0;
-        const bool failed = offline::fails("ZwClose", offline::opened(key), &status);
-        const NTSTATUS closed = __real_ZwClose(key);
-        return failed ? status : closed;
-    };
-    answer.RegGetKeySecurity = [](HKEY key, SECURITY_INFORMATION parts, PSECURITY_DESCRIPTOR image,
-                                  LPDWORD size) {
-        LSTATUS error = 0;
-        if (offline::fails("RegGetKeySecurity", offline::opened(key), &error)) return error;
-        return __real_RegGetKeySecurity(key, parts, image, size);
-    };
-    answer.RegSetKeySecurity = [](HKEY key, SECURITY_INFORMATION parts, PSECURITY_DESCRIPTOR image) {
-        LSTATUS error = 0;
-        if (offline::fails("RegSetKeySecurity", offline::opened(key), &error)) return error;
-        return __real_RegSetKeySecurity(key, parts, image);
-    };
-}
-
-/* ---- The record ---- */
-
-/* Operations report from their own source units. */
-static std::string _unitOf(const std::string& function) {
-    static const std::set<std::string> open = {"_doOpenCreateKey", "_regOpenCreateKey"};
-    static const std::set<std::string> sec = {"regGetKeySec", "regSetKeySec", "regTakesOwnershipU"};
-    static const std::set<std::string> memory = {"ombraMalloc", "ombraRealloc"};
-    if (open.contains(function)) return "regtk/regtk_open";
-    if (sec.contains(function)) return "regtk/regtk_sec";
-    if (memory.contains(function)) return "common/memory";
-    if (function == "lanmanServerReplaceGuid") return "sidchng/sidchng";
-    if (function.starts_with("sidCtx")) return "sidchng/sidctx";
-    if (function.starts_with("sid") || function == "_sidCheck") return "sidchng/sid";
-    if (function.starts_with("regReplaceSID") || function == "_replaceInString") return "sidchng/reg";
-    return "regtk/regtk_native";
-}
-
-static void _record(const char* file, const char* function, int, int level, ULONG_PTR, const char* format,
-                    ...) {
-    EXPECT_EQ(file, _unitOf(function)) << function;
-    char* bytes = nullptr;
-    size_t size = 0;
-    FILE* stream = open_memstream(&bytes, &size);
-    va_list arguments;
-    va_start(arguments, format);
-    writeTextV(stream, format, arguments);
-    va_end(arguments);
-    fclose(stream);
-    static const char* const levels[] = {"", "", "", "ERROR", "WARN", "", "INFO", "DEBUG", ""};
-    events.push_back(std::string(levels[level]) + " " + function + ": " + std::string(bytes, size));
-    free(bytes);
+    answer.ZwOpenKey = _watchedOpen<__real_ZwOpenKey>("ZwOpenKey");
+    answer.ZwCreateKey = _watchedOpen<__real_ZwCreateKey>("ZwCreateKey");
+    answer.ZwClose = _watched<__real_ZwClose>("ZwClose");
+    answer.RegGetKeySecurity = _watched<__real_RegGetKeySecurity>("RegGetKeySecurity");
+    answer.RegSetKeySecurity = _watched<__real_RegSetKeySecurity>("RegSetKeySecurity");
 }
 
 /* ---- The small system ---- */
@@ -142,6 +106,8 @@ namespace offline {
 
 const std::string oldText = "S-1-5-21-100-200-300";
 const std::string newText = "S-1-5-21-4000000001-4000000002-4000000003";
+
+static const Legend namesOfSids = {{oldText, "OLD"}, {newText, "NEW"}};
 
 std::u16string wide(std::string_view text) {
     return {text.begin(), text.end()};
@@ -152,18 +118,11 @@ Bytes bytesOf(std::u16string_view text) {
     return {bytes, bytes + text.size() * sizeof(WCHAR)};
 }
 
-std::string readable(std::string line) {
-    for (const auto& [from, to] : {std::pair(oldText, "OLD"), std::pair(newText, "NEW")}) {
-        for (size_t at = 0; (at = line.find(from, at)) != std::string::npos;)
-            line.replace(at, from.size(), to);
-    }
-    return line;
-}
-
 void Keys::SetUp() {
     _passOn();
     faults.clear();
     openedAs.clear();
+    opensNoted = false;
     allocationsLeft = -1;
     refusal = {};
     RegistryTest::SetUp();
@@ -171,7 +130,7 @@ void Keys::SetUp() {
         enablePrivilege(luid);
     events.clear();
     callsMade.clear();
-    ombraSetLogger(_record);
+    ombraSetLogger(recordLine);
 }
 
 void Keys::TearDown() {
@@ -182,12 +141,14 @@ void Keys::TearDown() {
     setAccessMode(AccessMode::unrefused);
 }
 
-void Keys::refuse(const Fault& fault) {
-    faults.push_back(fault);
+void Keys::check(bool on, bool taking) {
+    setAccessMode(on ? AccessMode::checked : AccessMode::unrefused);
+    enablePrivilege(securityPrivilege);
+    if (taking) enablePrivilege(takeOwnershipPrivilege);
 }
 
-void Keys::forgetFaults() {
-    faults.clear();
+void Keys::refuse(const std::vector<Fault>& all) {
+    faults = all;
 }
 
 static NTSTATUS _open(std::string_view path, ACCESS_MASK access, HANDLE& key) {
@@ -208,48 +169,56 @@ bool Keys::there(std::string_view path) {
     return true;
 }
 
-void Keys::grow(std::string_view paths) {
-    while (!paths.empty()) {
-        const size_t end = paths.find(' ');
+void Keys::mount(const std::u16string& name) {
+    HivePtr made;
+    ASSERT_EQ(hiveCreate(5, u"ROOT", name, openToAll(), made), STATUS_SUCCESS);
+    ASSERT_EQ(registryMount(u"\\Registry\\Machine\\" + name, std::move(made), nullptr), STATUS_SUCCESS);
+}
+
+HANDLE Keys::make(const std::u16string& path) {
+    HANDLE key = nullptr;
+    for (size_t end = path.find(u'\\', 18); end != path.npos;) {  // behind the machine's root
+        end = path.find(u'\\', end + 1);
+        EXPECT_EQ(createKey(key, path.substr(0, end), {}), STATUS_SUCCESS) << toUtf8(path);
+        handles.push_back(key);
+    }
+    return key;
+}
+
+void Keys::grow(const std::string& paths) {
+    std::istringstream all(paths);
+    for (std::string path; all >> path;) {
+        for (size_t at = 0; (at = path.find("OLD")) != path.npos;) path.replace(at, 3, oldText);
         HANDLE key = nullptr;
-        const std::u16string path = full(wide(paths.substr(0, end)));
-        ASSERT_EQ(createKey(key, path, {}), STATUS_SUCCESS) << toUtf8(path);
+        ASSERT_EQ(createKey(key, full(wide(path)), {}), STATUS_SUCCESS) << path;
         ZwClose(key);
-        paths = end == paths.npos ? "" : paths.substr(end + 1);
     }
 }
 
-/* One use of a key. */
-template <typename Use>
-static void _with(std::string_view path, Use use) {
-    HANDLE key = nullptr;
-    ASSERT_EQ(_open(path, KEY_ALL_ACCESS | ACCESS_SYSTEM_SECURITY, key), STATUS_SUCCESS) << path;
-    use(key);
-    ZwClose(key);
+void Keys::clear(const std::string& names) {
+    std::istringstream all(names);
+    for (std::string name; all >> name;) {
+        const std::u16string characters = wide(name);
+        const UNICODE_STRING text = counted(characters);
+        ASSERT_EQ(regDeleteKeyU(at(""), &text, REG_RECURSIVE | REG_IGNORE_MISSING), 0u);
+    }
 }
 
 void Keys::set(std::string_view path, std::string_view name, ULONG type, const Bytes& data) {
-    _with(path, [&](HANDLE key) {
-        const std::u16string valueName = wide(name);
-        UNICODE_STRING counted = offline::counted(valueName);
-        ASSERT_EQ(ZwSetValueKey(key, &counted, 0, type, const_cast<uint8_t*>(data.data()),
-                                static_cast<ULONG>(data.size())),
-                  STATUS_SUCCESS);
-    });
+    const std::u16string valueName = wide(name);
+    UNICODE_STRING text = counted(valueName);
+    void* bytes = const_cast<uint8_t*>(data.data());
+    EXPECT_EQ(ZwSetValueKey(at(path), &text, 0, type, bytes, static_cast<ULONG>(data.size())), 0) << path;
 }
 
 Bytes Keys::get(std::string_view path, std::string_view name, ULONG* type) {
-    Bytes data;
-    _with(path, [&](HANDLE key) {
-        DWORD size = 0;
-        const std::u16string valueName = wide(name);
-        DWORD kind = 0;
-        ASSERT_EQ(__real_RegQueryValueExW(asHkey(key), valueName.c_str(), nullptr, &kind, nullptr, &size), 0);
-        data.resize(size);
-        if (size != 0)
-            __real_RegQueryValueExW(asHkey(key), valueName.c_str(), nullptr, &kind, data.data(), &size);
-        if (type != nullptr) *type = kind;
-    });
+    Bytes data(1 << 21);
+    DWORD kind = 0, size = 1 << 21;
+    EXPECT_EQ(
+        __real_RegQueryValueExW(asHkey(at(path)), wide(name).c_str(), nullptr, &kind, data.data(), &size), 0)
+        << path;
+    data.resize(size);
+    if (type != nullptr) *type = kind;
     return data;
 }
 
@@ -276,9 +245,8 @@ Bytes Keys::descriptor(std::string_view path) {
 int Keys::holds(std::string_view path, const Bytes& sid) {
     const Bytes image = descriptor(path);
     int found = 0;
-    for (auto at = image.begin(); (at = std::search(at, image.end(), sid.begin(), sid.end())) != image.end();
-         at++)
-        found++;
+    for (auto at = image.begin(); at + 24 <= image.end(); at++)
+        found += std::equal(sid.begin(), sid.end(), at) ? 1 : 0;
     return found;
 }
 
@@ -300,14 +268,28 @@ std::string Keys::tree(std::string_view path) {
         all += (all.empty() ? "" : " ") + shown + ((info.flags & HIVE_KEY_LINK) != 0 ? "@" : "");
         if (!below.empty()) all += "(" + below + ")";
     }
-    return readable(all);
+    return shortened(namesOfSids, {all});
+}
+
+std::string Keys::outcome(const Legend& legend, const std::function<DWORD()>& operation) {
+    events.clear();
+    callsMade.clear();
+    const size_t handlesOpen = openedAs.size();
+    const DWORD error = operation();
+    EXPECT_EQ(openedAs.size(), handlesOpen) << "a handle is left open";
+    Events told;
+    for (const std::string& event : events) {
+        if (!event.starts_with("DEBUG sidReplace")) told.push_back(event);
+    }
+    told.push_back(std::to_string(error));
+    Legend all = namesOfSids;
+    all.insert(all.end(), legend.begin(), legend.end());
+    return shortened(all, told);
 }
 
 DWORD Keys::replace(std::string_view path, uint32_t flags, const WCHAR* const* valueNames) {
     HANDLE key = nullptr;
     EXPECT_EQ(_open(path, 0x10E001F, key), STATUS_SUCCESS) << path;
-    events.clear();
-    callsMade.clear();
     const DWORD error = sidReplaceInKey(key, flags, valueNames, oldSid.data(), SID_MACHINE_SIZE,
                                         newSid.data(), SID_MACHINE_SIZE);
     ZwClose(key);

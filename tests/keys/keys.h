@@ -28,23 +28,30 @@ struct Fault {
 /* How often each call was made. */
 extern std::map<std::string, int> callsMade;
 
+extern bool opensNoted; /* opens and their attributes are to be among the events */
+
 /* The SIDs of these tests as text, the old one and the new one; of different lengths. */
 extern const std::string oldText, newText;
 std::u16string wide(std::string_view text); /* ASCII */
 Bytes bytesOf(std::u16string_view text);    /* without a terminator */
 
-/* Old, then new SID in text to be "OLD" and "NEW". */
-std::string readable(std::string line);
-
 struct Keys : RegistryTest {
     void SetUp() override;
     void TearDown() override;
 
-    void refuse(const Fault& fault);
-    void forgetFaults();
+    void refuse(const std::vector<Fault>& all); /* instead of those before */
 
-    /* Keys by their paths, with blanks between; each stands behind its parent. */
-    void grow(std::string_view paths);
+    /* Has descriptors refuse: then only audit lists and, where said, taking ownership are allowed. */
+    void check(bool on, bool taking = true);
+
+    /* A new hive below the machine's root, and the last of a full path's keys, each made where it is missing.
+     */
+    static void mount(const std::u16string& name);
+    HANDLE make(const std::u16string& path);
+
+    /* Keys by their paths, "OLD" for the old SID, with blanks between; each stands behind its parent. */
+    void grow(const std::string& paths);
+    void clear(const std::string& names); /* keys below the root, with all that they hold */
     void set(std::string_view path, std::string_view name, ULONG type, const Bytes& data);
     Bytes get(std::string_view path, std::string_view name, ULONG* type = nullptr);
     void describe(std::string_view path, const Bytes& descriptor);
@@ -56,7 +63,11 @@ struct Keys : RegistryTest {
     /* Everything below a key in the order of the enumeration: "a(x y) b()"; "@" behind a link. */
     std::string tree(std::string_view path);
 
-    /* sidReplaceInKey on the key of this path; the log lines are in events. */
+    /* What an operation logs, but for single SIDs and descriptors, and its code: "line, line, code". It must
+     * close what it opens. */
+    std::string outcome(const Legend& legend, const std::function<DWORD()>& operation);
+
+    /* sidReplaceInKey on the key of this path. */
     DWORD replace(std::string_view path, uint32_t flags, const WCHAR* const* valueNames = nullptr);
 
     /* An open handle that the end of the test closes. */

@@ -8,152 +8,111 @@ struct Paths : Keys {};
 
 TEST_F(Paths, Tables) {
     const WCHAR* const only[] = {u"w", nullptr};
-    const uint32_t values = SID_REPLACE_VALUES;
+    constexpr uint32_t values = SID_REPLACE_VALUES;
+    const sidKeyPath a = {u"TEST\\a", values, nullptr}, b = {u"TEST\\b", values, nullptr};
+    const sidKeyPath no = {u"TEST\\no", values, nullptr}, inA = {u"TEST\\a", values, only},
+                     end = {nullptr, 0, nullptr};
+    const std::vector<Fault> gone = {{"ZwOpenKey", "a", STATUS_OBJECT_PATH_NOT_FOUND}};
+    // clang-format off
     const struct {
-        std::vector<sidKeyPath> table;
-        uint32_t flags;
-        DWORD result;
-        const char* written;
+        std::vector<sidKeyPath> table; uint32_t flags; DWORD result; const char* written;
+        std::vector<Fault> faults = {}; uint32_t newSize = 24;
     } rows[] = {
         {{{u"TEST\\a", 0, nullptr}}, values, 0, ""},
-        {{{u"TEST\\a", values, nullptr}, {nullptr, 0, nullptr}, {u"TEST\\b", values, nullptr}},
-         0,
-         0,
-         "av aw "},
-        {{{u"TEST\\a", values, only}, {u"TEST\\b", values, nullptr}}, 0, 0, "aw bv bw "},
+        {{a, end, b}, 0, 0, "av aw "},
+        {{inA, b}, 0, 0, "aw bv bw "},
         {{{u"TEST\\a", SID_OPTIONAL, nullptr}, {u"TEST\\b", SID_OPTIONAL, only}}, values, 0, "av aw bw "},
-        {{{u"TEST\\no", values, nullptr}, {u"TEST\\b", values, nullptr}}, 0, ERROR_FILE_NOT_FOUND, ""},
-        {{{u"TEST\\no", values, nullptr}, {u"TEST\\b", values, nullptr}}, SID_OPTIONAL, 0, "bv bw "},
+        {{no, b}, 0, ERROR_FILE_NOT_FOUND, ""},
+        {{no, b}, SID_OPTIONAL, 0, "bv bw "},
+        {{a, b}, SID_OPTIONAL, ERROR_ACCESS_DENIED, "", {{"ZwSetValueKey", "a", STATUS_ACCESS_DENIED}}},
+        {{a, b}, 0, ERROR_PATH_NOT_FOUND, "", gone},
+        {{a, b}, SID_OPTIONAL, 0, "bv bw ", gone},
+        {{inA, b}, 0, ERROR_INVALID_PARAMETER, "", {}, 20},
     };
+    // clang-format on
     grow("a b");
     for (const auto& row : rows) {
         for (const char* key : {"a", "b"}) {
             for (const char* name : {"v", "w"}) set(key, name, REG_BINARY, oldSid);
         }
         std::vector<sidKeyPath> table = row.table;
-        table.push_back({nullptr, 0, nullptr});
+        table.push_back(end);
+        refuse(row.faults);
         EXPECT_EQ(sidReplaceInKeyPaths(HKEY_LOCAL_MACHINE, row.flags, table.data(), oldSid.data(), 24,
-                                       newSid.data(), 24),
+                                       newSid.data(), row.newSize),
                   row.result);
+        refuse({});
         std::string written;
-        for (const char* key : {"a", "b"}) {
-            for (const char* name : {"v", "w"})
-                written += get(key, name) == newSid ? text("%s%s ", key, name) : "";
+        for (const std::string key : {"a", "b"}) {
+            for (const char* name : {"v", "w"}) written += get(key, name) == newSid ? key + name + " " : "";
         }
         EXPECT_EQ(written, row.written);
     }
-    const sidKeyPath two[] = {
-        {u"TEST\\a", values, only}, {u"TEST\\b", values, nullptr}, {nullptr, 0, nullptr}};
-    const auto replaceInTwo = [&](uint32_t newSize) {
-        return sidReplaceInKeyPaths(HKEY_LOCAL_MACHINE, SID_OPTIONAL, two, oldSid.data(), 24, newSid.data(),
-                                    newSize);
-    };
-    EXPECT_EQ(replaceInTwo(20), DWORD{ERROR_INVALID_PARAMETER});
-    set("b", "v", REG_BINARY, oldSid);
-    set("a", "w", REG_BINARY, oldSid);
-    refuse({"ZwSetValueKey", "a", STATUS_ACCESS_DENIED});
-    EXPECT_EQ(replaceInTwo(24), DWORD{ERROR_ACCESS_DENIED});
-    EXPECT_EQ(get("b", "v"), oldSid);
-    refuse({"ZwOpenKey", "a", STATUS_OBJECT_PATH_NOT_FOUND});
-    EXPECT_EQ(replaceInTwo(24), 0u);
-    EXPECT_EQ(get("b", "v"), newSid);
-    EXPECT_EQ(sidReplaceInKeyPath(HKEY_LOCAL_MACHINE, values, u"TEST\\a", nullptr, oldSid.data(), 24,
-                                  newSid.data(), 24),
-              DWORD{ERROR_PATH_NOT_FOUND});
 }
 
-/* The built-in table: its places below a machine that has them all, and its first missing one. */
+/* The built-in table: its places below a machine that has them all. */
 TEST_F(Paths, Selected) {
     const struct {
-        const char16_t* mount;
-        const char* path;
+        const char16_t* path; /* from the hive's name on */
         const char* name;
         bool values, names;
     } places[] = {
-        {u"SECURITY", "Policy", "any", true, true},
-        {u"SECURITY", "SAM\\Domains", "any", true, true},
-        {u"SOFTWARE", "Microsoft\\Windows NT\\CurrentVersion", "any", false, true},
-        {u"SOFTWARE", "Microsoft\\Windows NT\\CurrentVersion", "Sid", true, true},
-        {u"SOFTWARE", "Microsoft\\Windows NT\\CurrentVersion", "Security", true, true},
-        {u"SOFTWARE", "Microsoft\\Windows\\CurrentVersion", "any", true, true},
-        {u"SYSTEM", "CurrentControlSet\\Services", "any", true, false},
-        {u"SOFTWARE", "Classes\\AppID", "any", false, false},
-        {u"SOFTWARE", "Classes\\AppID", "AccessPermission", true, false},
-        {u"SOFTWARE", "Classes\\AppID", "LaunchPermission", true, false},
+        {u"SECURITY\\Policy", "any", true, true},
+        {u"SECURITY\\SAM\\Domains", "any", true, true},
+        {u"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", "any", false, true},
+        {u"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", "Sid", true, true},
+        {u"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", "Security", true, true},
+        {u"SOFTWARE\\Microsoft\\Windows\\CurrentVersion", "any", true, true},
+        {u"SYSTEM\\CurrentControlSet\\Services", "any", true, false},
+        {u"SOFTWARE\\Classes\\AppID", "any", false, false},
+        {u"SOFTWARE\\Classes\\AppID", "AccessPermission", true, false},
+        {u"SOFTWARE\\Classes\\AppID", "LaunchPermission", true, false},
     };
-    const auto pathOf = [](const auto& place) {
-        return u"\\Registry\\Machine\\" + std::u16string(place.mount) + u"\\" + wide(place.path);
-    };
-    for (const char16_t* name : {u"SECURITY", u"SOFTWARE", u"SYSTEM"}) {
-        HivePtr made;
-        ASSERT_EQ(hiveCreate(5, u"ROOT", name, openToAll(), made), STATUS_SUCCESS);
-        ASSERT_EQ(registryMount(u"\\Registry\\Machine\\" + std::u16string(name), std::move(made), nullptr),
-                  STATUS_SUCCESS);
-    }
+    const std::u16string machine = u"\\Registry\\Machine\\", oldWide = wide(oldText);
+    for (const char16_t* name : {u"SECURITY", u"SOFTWARE", u"SYSTEM"}) mount(name);
     for (const auto& place : places) {
-        const std::u16string path = pathOf(place) + u"\\sub\\" + wide(oldText);
-        for (size_t end = 0; end != path.npos;) {
-            end = path.find(u'\\', std::max<size_t>(end + 1, 18));
-            HANDLE key = nullptr;
-            if (end == path.npos ||
-                std::count(path.begin(), path.begin() + static_cast<ptrdiff_t>(end), u'\\') > 3) {
-                ASSERT_EQ(createKey(key, path.substr(0, end), {}), STATUS_SUCCESS);
-                if (end == path.npos) {
-                    EXPECT_GE(setText(key, wide(place.name), REG_SZ, wide(oldText)), 0);
-                }
-                ZwClose(key);
-            }
-        }
+        const HANDLE key = make(machine + place.path + u"\\sub\\" + oldWide);
+        EXPECT_GE(setText(key, wide(place.name), REG_SZ, oldWide), 0);
     }
     EXPECT_EQ(sidReplaceInSelectedKeys(HKEY_LOCAL_MACHINE, 0, oldSid.data(), 24, newSid.data(), 24), 0u);
     for (const auto& place : places) {
-        const std::u16string path = pathOf(place) + u"\\sub\\" + wide(place.names ? newText : oldText);
-        const HANDLE key = open(path);
+        const HANDLE key = open(machine + place.path + u"\\sub\\" + wide(place.names ? newText : oldText));
         WCHAR data[64] = {};
         DWORD size = sizeof data;
-        EXPECT_EQ(RegQueryValueExW(asHkey(key), wide(place.name).c_str(), nullptr, nullptr,
-                                   reinterpret_cast<BYTE*>(data), &size),
-                  0);
-        EXPECT_EQ(std::u16string(data), wide(place.values ? newText : oldText)) << toUtf8(path) << place.name;
+        RegQueryValueExW(asHkey(key), wide(place.name).c_str(), nullptr, nullptr,
+                         reinterpret_cast<BYTE*>(data), &size);
+        EXPECT_EQ(data, wide(place.values ? newText : oldText)) << toUtf8(place.path) << " " << place.name;
     }
 }
 
 TEST_F(Paths, ServerGuid) {
     const std::string path = "SYSTEM\\CurrentControlSet\\Services\\lanmanserver\\Parameters";
-    const std::string error = "ERROR lanmanServerReplaceGuid: Win API call ";
-    const HKEY root = asHkey(at(""));
-    events.clear();
-    EXPECT_EQ(lanmanServerReplaceGuid(root), 2u);
-    EXPECT_EQ(events, Events({error + "RegOpenKeyEx returned 2 for " + path}));
-    grow(
-        "SYSTEM SYSTEM\\CurrentControlSet SYSTEM\\CurrentControlSet\\Services "
-        "SYSTEM\\CurrentControlSet\\Services\\lanmanserver " +
-        path);
+    const Legend legend = {{"ERROR lanmanServerReplaceGuid: Win API call", "!"}, {path, "PATH"}};
     const struct {
         RPC_STATUS uuid;
-        LSTATUS write;
-        DWORD result;
-        Events lines;
-        bool written;
+        std::vector<Fault> faults;
+        std::string expected;
     } rows[] = {
-        {0, 0, 0, {}, true},
-        {RPC_S_UUID_LOCAL_ONLY, 0, 0, {}, true},
-        {14, 0, 14, {error + "UuidCreate returned 14"}, false},
-        {0, 5, 5, {error + "RegSetValueEx returned 5 for " + path + "\\Guid"}, false},
+        {0, {}, "0"},
+        {RPC_S_UUID_LOCAL_ONLY, {}, "0"},
+        {14, {}, "! UuidCreate returned 14, 14"},
+        {0, {{"RegOpenKeyExW", "", 2}}, "! RegOpenKeyEx returned 2 for PATH, 2"},
+        {0, {{"RegSetValueExW", "", 5}}, "! RegSetValueEx returned 5 for PATH\\Guid, 5"},
     };
+    make(full(wide(path)));
+    const HKEY root = asHkey(at(""));
     for (const auto& row : rows) {
         set(path, "Guid", REG_SZ, {1, 2});
         answer.UuidCreate = [&](UUID* uuid) {
             memset(uuid, 0x5A, sizeof *uuid);
             return row.uuid;
         };
-        if (row.write != 0) refuse({"RegSetValueExW", "", row.write});
-        events.clear();
-        EXPECT_EQ(lanmanServerReplaceGuid(root), row.result);
-        EXPECT_EQ(events, row.lines);
+        refuse(row.faults);
+        EXPECT_EQ(outcome(legend, [&] { return lanmanServerReplaceGuid(root); }), row.expected);
         ULONG type = 0;
-        EXPECT_EQ(get(path, "Guid", &type), row.written ? Bytes(16, 0x5A) : Bytes({1, 2}));
-        EXPECT_EQ(type, row.written ? 0u + REG_BINARY : 0u + REG_SZ);
+        const Bytes guid = get(path, "Guid", &type);
+        const bool written = guid == Bytes(16, 0x5A) && type == REG_BINARY;
+        EXPECT_TRUE(row.expected == "0" ? written : guid == Bytes({1, 2})) << row.expected;
     }
 }
 

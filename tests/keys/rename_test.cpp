@@ -5,31 +5,22 @@ namespace offline {
 namespace {
 
 constexpr uint32_t namesOnly = SID_RECURSIVE | SID_REPLACE_NAMES;
+const std::string oldKey = "k\\" + oldText, newKey = "k\\" + newText;
 
 struct Names : Keys {
     std::string run(uint32_t flags = namesOnly) {
-        const DWORD error = replace("k", flags);
-        std::string line;
-        for (const std::string& event : events) {
-            if (!event.starts_with("DEBUG sidReplace") && !event.starts_with("DEBUG _do"))
-                line += event + "; ";
-        }
-        return readable(line) + std::to_string(error);
-    }
-    /* Keys below k, "OLD" for the old SID. */
-    void growNamed(std::string paths) {
-        for (size_t i = 0; (i = paths.find("OLD", i)) != std::string::npos;) paths.replace(i, 3, oldText);
-        grow("k");
-        grow(paths);
-    }
-    void clear() {
-        const HANDLE root = at("");
-        const UNICODE_STRING name = counted(u"k");
-        ASSERT_EQ(regDeleteKeyU(root, &name, REG_RECURSIVE | REG_IGNORE_MISSING), 0u);
+        return outcome(
+            {{"DEBUG regReplaceSIDCallback: Replaced old SID in name  ", "name"},
+             {"DEBUG regReplaceSIDInValues: Replaced old SID in value ", "value"},
+             {"INFO regReplaceSIDCallback: Found old SID in name   OLD (simulation mode)", "name found"},
+             {"ERROR regReplaceSIDCallback: Failed to rename key   OLD", "failed"},
+             {"Native API call ", ""},
+             {" returned", ""},
+             {"ERROR ", "! "},
+             {"DEBUG _doOpenCreateKey: ZwOpenKey 0XC0000034 for link, access=0x10000, ", ""}},
+            [&] { return replace("k", flags); });  // at the new place
     }
 };
-
-const std::string oldKey = "k\\" + oldText, newKey = "k\\" + newText;
 
 TEST_F(Names, WhichNames) {
     const struct {
@@ -44,161 +35,115 @@ TEST_F(Names, WhichNames) {
          "a OLD-1 OLD-2 NEW z(NEW)"},
     };
     for (const auto& row : rows) {
-        for (const bool exact : {false, true}) {
-            clear();
-            growNamed(row.before);
-            EXPECT_TRUE(run(namesOnly | (exact ? SID_EXACT : 0u)).ends_with("0"));
-            EXPECT_EQ(tree("k"), exact ? row.exact : row.after);
+        for (const uint32_t flags : {namesOnly, namesOnly | SID_EXACT}) {
+            clear("k");
+            grow("k " + std::string(row.before));
+            const std::string before = tree("k");
+            run(flags | SID_SIMULATE);
+            EXPECT_EQ(callsMade["ZwCreateKey"] + callsMade["ZwDeleteKey"], 0);
+            run(SID_REPLACE_NAMES);
+            EXPECT_EQ(tree("k"), before);
+            EXPECT_TRUE(run(flags).ends_with("0"));
+            EXPECT_EQ(tree("k"), (flags & SID_EXACT) != 0 ? row.exact : row.after);
         }
-        clear();
-        growNamed(row.before);
-        const std::string before = tree("k");
-        run(namesOnly | SID_SIMULATE);
-        EXPECT_EQ(callsMade["ZwCreateKey"] + callsMade["ZwDeleteKey"], 0);
-        run(SID_REPLACE_NAMES);
-        EXPECT_EQ(tree("k"), before);
     }
 }
 
 /* Class, values, descriptor, subtree and links come along, and are then treated under the new name; siblings
- * are looked at again without a write. */
+ * are looked at again without a write. A link is renamed as itself, a key of the new name takes the old one's
+ * tree in. */
 TEST_F(Names, WhatComesAlong) {
-    growNamed("k\\a");
+    grow("aim aim\\below k k\\a");
     create(wide(oldKey), {.className = u"Its class"});
-    growNamed("k\\OLD\\sub");
+    grow("k\\OLD\\sub " + newKey + "-1 " + newKey + "-1\\c k\\OLD-1 k\\OLD-1\\b");
     makeLink(wide(oldKey) + u"\\link", full(u"aim"));
-    growNamed("aim aim\\below");
+    makeLink(wide(oldKey) + u"-2", full(u"aim"));
     for (const std::string& path : {std::string("k\\a"), oldKey, oldKey + "\\sub"}) {
         set(path, "v", REG_BINARY, oldSid);
         describe(path, image({oldSid, administrators, std::vector<Ace>{{0, oldSid}}, {}}));
     }
+    for (const std::string& path : {oldKey, newKey}) set(path + "-1", "v", REG_SZ, bytesOf(wide(path)));
+    set(newKey + "-1", "w", REG_SZ, bytesOf(u"stays"));
+    const std::string told = run(namesOnly | SID_REPLACE_VALUES | SID_SIMULATE);
+    EXPECT_NE(told.find("name found, INFO regReplaceSIDInValues: Found"), told.npos) << told;
     EXPECT_EQ(run(namesOnly | SID_REPLACE_SD | SID_REPLACE_VALUES),
-              "DEBUG regReplaceSIDInValues: Replaced old SID in value  a\\v; "
-              "DEBUG regReplaceSIDCallback: Replaced old SID in name   OLD; "
-              "DEBUG regReplaceSIDInValues: Replaced old SID in value  NEW\\v; "
-              "DEBUG regReplaceSIDInValues: Replaced old SID in value  NEW\\sub\\v; 0");
-    EXPECT_EQ(tree("k"), "a NEW(link@ sub)");
+              "value a\\v, name OLD, name OLD-1, name OLD-2, value NEW\\v, value NEW\\sub\\v, 0");
+    EXPECT_EQ(tree("k"), "a NEW(link@ sub) NEW-1(b c) NEW-2@");
     EXPECT_EQ(classOf(newKey), "Its class");
     EXPECT_EQ(get(newKey + "\\sub", "v"), newSid);
-    EXPECT_EQ(get(newKey + "\\link", "SymbolicLinkValue"), bytesOf(full(u"aim")));
-    for (const std::string& path : {newKey, newKey + "\\sub"}) {
-        EXPECT_EQ(holds(path, oldSid), 0);
-        EXPECT_EQ(holds(path, newSid), 2);
-    }
+    EXPECT_EQ(get(newKey + "-1", "v"), bytesOf(wide(oldKey)));
+    EXPECT_EQ(get(newKey + "-1", "w"), bytesOf(u"stays"));
+    for (const char* link : {"\\link", "-2"})
+        EXPECT_EQ(get(newKey + link, "SymbolicLinkValue"), bytesOf(full(u"aim")));
+    for (const std::string& path : {newKey, newKey + "\\sub"})
+        EXPECT_TRUE(holds(path, oldSid) == 0 && holds(path, newSid) == 2);
     EXPECT_EQ(tree("aim"), "below");
-}
-
-TEST_F(Names, Link) {
-    growNamed("aim aim\\below");
-    makeLink(wide(oldKey), full(u"aim"));
-    EXPECT_EQ(run(), "DEBUG regReplaceSIDCallback: Replaced old SID in name   OLD; 0");
-    EXPECT_EQ(tree("k"), "NEW@");
-    EXPECT_EQ(get(newKey, "SymbolicLinkValue"), bytesOf(full(u"aim")));
-    EXPECT_EQ(tree("aim"), "below");
-}
-
-TEST_F(Names, Simulation) {
-    growNamed("k\\OLD k\\OLD\\sub");
-    set(oldKey, "v", REG_BINARY, oldSid);
-    EXPECT_EQ(run(namesOnly | SID_REPLACE_VALUES | SID_SIMULATE),
-              "INFO regReplaceSIDCallback: Found old SID in name   OLD (simulation mode); "
-              "INFO regReplaceSIDInValues: Found old SID in value  OLD\\v (simulation mode); 0");
-    EXPECT_EQ(tree("k"), "OLD(sub)");
-    EXPECT_EQ(get(oldKey, "v"), oldSid);
 }
 
 /* A step that fails leaves what had been done, never less than the old tree or a complete new one. */
 TEST_F(Names, Failures) {
+    constexpr LONG failure = STATUS_UNSUCCESSFUL;
+    // clang-format off
     const struct {
-        Fault fault;
-        const char* after;
-        const char* message;  /* the line before the last */
+        Fault fault; const char* after; std::string message;
         bool secured = false; /* the new key has the old one's descriptor */
     } rows[] = {
-        {{"ZwOpenKey", oldText, STATUS_UNSUCCESSFUL, 1, 1},
-         "OLD(s(t)) z",
-         "_doOpenCreateKey: Native API call "
-         "ZwOpenKey returned 0XC0000001 for OLD, access=0x1020019"},
-        {{"RegGetKeySecurity", oldText, 87, 0, 1},
-         "OLD(s(t)) z",
-         "regGetKeySec: Win API call RegGetKeySecurity returned 87"},
-        {{"ZwCreateKey", newText, STATUS_ACCESS_DENIED, 0, 1},
-         "OLD(s(t)) z",
-         "_doOpenCreateKey: Native API call "
-         "ZwCreateKey returned 0XC0000022 for NEW, access=0xe0006"},
-        {{"ZwCreateKey", "t", STATUS_UNSUCCESSFUL},
-         "OLD(s(t)) NEW(s) z",
-         "_doOpenCreateKey: Native API call "
-         "ZwCreateKey returned 0XC0000001 for t, access=0xe0006"},
-        {{"ZwSetValueKey", newText, STATUS_UNSUCCESSFUL},
-         "OLD(s(t)) NEW(s(t)) z",
-         "_regCopyKValues: Native API call "
-         "ZwSetValueKey returned 0XC0000001 for v"},
-        {{"RegSetKeySecurity", newText, 87, 0, 1},
-         "OLD(s(t)) NEW(s(t)) z",
-         "regSetKeySec: Win API call "
-         "RegSetKeySecurity returned 87"},
-        {{"ZwDeleteKey", "t", STATUS_UNSUCCESSFUL},
-         "OLD(s(t)) NEW(s(t)) z",
-         "regScanDeleteCallback: Native API call "
-         "ZwDeleteKey returned 0XC0000121 for s",
-         true},
-        {{"ZwDeleteKey", oldText, STATUS_UNSUCCESSFUL},
-         "OLD NEW(s(t)) z",
-         "regDeleteKeyU: Native API call "
-         "ZwDeleteKey returned 0XC0000001 for OLD",
-         true},
+        {{"ZwOpenKey", oldText, failure, 1, 1}, "OLD(s(t)) z",
+         "_doOpenCreateKey: ZwOpenKey 0XC0000001 for OLD, access=0x1020019"},
+        {{"RegGetKeySecurity", oldText, 87, 0, 1}, "OLD(s(t)) z",
+         "regGetKeySec: Win API call RegGetKeySecurity 87"},
+        {{"ZwCreateKey", newText, STATUS_ACCESS_DENIED, 0, 1}, "OLD(s(t)) z",
+         "_doOpenCreateKey: ZwCreateKey 0XC0000022 for NEW, access=0xe0006"},
+        {{"ZwCreateKey", "t", failure}, "OLD(s(t)) NEW(s) z",
+         "_doOpenCreateKey: ZwCreateKey 0XC0000001 for t, access=0xe0006"},
+        {{"ZwSetValueKey", newText, failure}, "OLD(s(t)) NEW(s(t)) z",
+         "_regCopyKValues: ZwSetValueKey 0XC0000001 for v"},
+        {{"RegSetKeySecurity", newText, 87, 0, 1}, "OLD(s(t)) NEW(s(t)) z",
+         "regSetKeySec: Win API call RegSetKeySecurity 87"},
+        {{"ZwDeleteKey", "t", failure}, "OLD(s(t)) NEW(s(t)) z",
+         "regScanDeleteCallback: ZwDeleteKey 0XC0000121 for s", true},
+        {{"ZwDeleteKey", oldText, failure}, "OLD NEW(s(t)) z",
+         "regDeleteKeyU: ZwDeleteKey 0XC0000001 for OLD", true},
     };
+    // clang-format on
     for (const auto& row : rows) {
-        clear();
-        growNamed("k\\OLD k\\OLD\\s k\\OLD\\s\\t k\\z");
-        set(oldKey, "v", REG_BINARY, oldSid);
-        set("k\\z", "v", REG_BINARY, oldSid);
+        clear("k");
+        grow("k k\\OLD k\\OLD\\s k\\OLD\\s\\t k\\z");
+        for (const std::string& path : {oldKey, std::string("k\\z")}) set(path, "v", REG_BINARY, oldSid);
         describe(oldKey, systemOnly());
-        refuse(row.fault);
-        const std::string expected = std::string("ERROR ") + row.message +
-                                     "; ERROR regReplaceSIDCallback: Failed to "
-                                     "rename key   OLD; ";
-        EXPECT_NE(run(namesOnly).find(expected), std::string::npos) << expected;
-        forgetFaults();
+        refuse({row.fault});
+        const std::string told = run(), expected = "! " + row.message + ", failed, ";
+        EXPECT_NE(told.find(expected), told.npos) << told << expected;
+        refuse({});
         EXPECT_EQ(tree("k"), row.after);
-        if (there(newKey)) {
-            EXPECT_EQ(descriptor(newKey) == systemOnly(), row.secured) << row.message;
-        }
+        EXPECT_EQ(there(newKey) && descriptor(newKey) == systemOnly(), row.secured) << row.message;
         EXPECT_EQ(get(oldKey, "v"), oldSid);
         EXPECT_EQ(run(namesOnly | SID_REPLACE_VALUES).back(), '0');
         EXPECT_EQ(tree("k"), "NEW(s(t)) z");
-        EXPECT_EQ(get(newKey, "v"), newSid);
-        EXPECT_EQ(get("k\\z", "v"), newSid);
+        EXPECT_TRUE(get(newKey, "v") == newSid && get("k\\z", "v") == newSid);
     }
 }
 
-/* A key of the new name takes the old one's tree in. */
-TEST_F(Names, Collision) {
-    growNamed("k\\OLD k\\OLD\\a k\\OLD\\b");
-    grow(newKey + " " + newKey + "\\b " + newKey + "\\c");
-    set(oldKey, "v", REG_SZ, bytesOf(u"old"));
-    set(newKey, "v", REG_SZ, bytesOf(u"new"));
-    set(newKey, "w", REG_SZ, bytesOf(u"new"));
-    EXPECT_TRUE(run().ends_with("; 0"));
-    EXPECT_EQ(tree("k"), "NEW(a b c)");
-    EXPECT_EQ(get(newKey, "v"), bytesOf(u"old"));
-    EXPECT_EQ(get(newKey, "w"), bytesOf(u"new"));
+/* A key can't be copied onto itself. */
+TEST_F(Names, TheSameName) {
+    grow("k k\\OLD k\\OLD\\s");
+    const uint8_t* const same = oldSid.data();
+    EXPECT_EQ(sidReplaceInKey(at("k"), namesOnly, nullptr, same, 24, same, 24), 0u);
+    EXPECT_EQ(tree("k"), "OLD(s)");
 }
 
 /* Whatever allocation fails, no key and no value is lost. */
 TEST_F(Names, NoMemory) {
     int i = 0;
     for (bool complete = false; !complete; i++) {
-        clear();
-        growNamed("k\\OLD k\\OLD\\s");
+        clear("k");
+        grow("k k\\OLD k\\OLD\\s");
         set(oldKey + "\\s", "v", REG_SZ, bytesOf(u"x"));
         allocationsLeft = i;
         run();
         complete = allocationsLeft > 0;
         allocationsLeft = -1;
-        const std::string& whole = there(oldKey + "\\s") ? oldKey : newKey;
-        EXPECT_EQ(get(whole + "\\s", "v"), bytesOf(u"x"));
+        EXPECT_EQ(get((there(oldKey + "\\s") ? oldKey : newKey) + "\\s", "v"), bytesOf(u"x"));
     }
     EXPECT_GT(i, 8);
 }

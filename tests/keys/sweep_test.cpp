@@ -5,82 +5,70 @@
 namespace offline {
 namespace {
 
-using testing::internal::CaptureStderr;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStderr;
-using testing::internal::GetCapturedStdout;
-
-const std::u16string listPath = u"\\Registry\\Machine\\SOFTWARE";
+const std::u16string listPath =
+    u"\\Registry\\Machine\\SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\ProfileList";
 const std::string listName = "Software\\Microsoft\\Windows NT\\CurrentVersion\\ProfileList";
 
 struct Sweep : Keys {
     runState state = {};
-    Bytes described = image({oldSid, administrators, {}, {}});
 
     void SetUp() override {
         Keys::SetUp();
-        state.sidFlags = SID_RECURSIVE | SID_REPLACE_SD;
         state.sidOldSize = state.sidNewSize = 24;
         memcpy(state.sidOld, oldSid.data(), 24);
         memcpy(state.sidNew, newSid.data(), 24);
+        state.sidFlags = SID_RECURSIVE | SID_REPLACE_SD;
     }
     void TearDown() override {
         verbosity = 0;
         Keys::TearDown();
     }
     /* "output|errors|result", without the log. */
-    template <typename Operation>
-    std::string run(Operation operation) {
-        events.clear();
-        CaptureStdout();
-        CaptureStderr();
-        const DWORD result = operation();
-        const std::string out = GetCapturedStdout();
-        return out + "|" + GetCapturedStderr() + "|" + std::to_string(result);
+    std::string run(const std::function<DWORD()>& operation) {
+        testing::internal::CaptureStdout();
+        testing::internal::CaptureStderr();
+        std::string line = std::to_string(operation());
+        line = testing::internal::GetCapturedStdout() + "|" + testing::internal::GetCapturedStderr() + "|" +
+               line;
+        // clang-format off
+        return shortened({{"updating SIDs in ", "in "}, {" ...\n", " "}, {" failed with code", ""},
+         {"\n", " "},
+                          {"loaded profile hive ", "loaded "}, {listName, "LIST"}, {"\\ntuser.dat", "/n"}},
+                          {line});
+        // clang-format on
     }
 };
 
 TEST_F(Sweep, Subkeys) {
-    const auto sweep = [&] {
-        const HKEY root = asHkey(at(""));
-        return run([&] { return updateSubkeys(&state, root, u"ROOT"); });
-    };
-    EXPECT_EQ(sweep(), "||0");
-    grow("a a\\x b c");
-    const std::string a = "updating SIDs in ROOT\\a ...\n", b = "updating SIDs in ROOT\\b ...\n",
-                      c = "updating SIDs in ROOT\\c ...\n";
+    const std::string all = "in ROOT\\a in ROOT\\b in ROOT\\c ||0";
+    // clang-format off
     const struct {
-        Fault fault;
-        int32_t level;
-        uint32_t flags;
-        std::string expected;
-        const char* treated;
+        std::vector<Fault> faults; int32_t level; uint32_t flags; std::string expected; const char* treated;
     } rows[] = {
-        {{"none"}, 0, 0, a + b + c + "||0", "a a\\x b c "},
-        {{"none"}, -1, 0, "||0", "a a\\x b c "},
-        {{"none"}, 0, SID_SIMULATE, a + b + c + "||0", ""},
-        {{"ZwOpenKey", "b", STATUS_ACCESS_DENIED}, 0, 0, a + c + "||0", "a a\\x c "},
-        {{"RegEnumKeyExW", "", ERROR_MORE_DATA, 1},
-         -1,
-         0,
-         "|RegEnumKeyEx(ROOT, 1) failed with code 234\n|0",
-         "a a\\x "},
-        {{"RegGetKeySecurity", "a", ERROR_ACCESS_DENIED}, 0, 0, a + b + c + "||0", "a\\x b c "},
-        {{"ZwEnumerateKey", "a", STATUS_UNSUCCESSFUL}, 0, 0, a + b + c + "||0", "a b c "},
+        {{}, 0, 0, all, "a a\\x b c "},
+        {{}, -1, 0, "||0", "a a\\x b c "},
+        {{}, 0, SID_SIMULATE, all, ""},
+        {{{"ZwOpenKey", "b", STATUS_ACCESS_DENIED}}, 0, 0, "in ROOT\\a in ROOT\\c ||0", "a a\\x c "},
+        {{{"RegEnumKeyExW", "", ERROR_MORE_DATA, 1}}, -1, 0, "|RegEnumKeyEx(ROOT, 1) 234 |0", "a a\\x "},
+        {{{"RegGetKeySecurity", "a", ERROR_ACCESS_DENIED}}, 0, 0, all, "a\\x b c "},
+        {{{"ZwEnumerateKey", "a", STATUS_UNSUCCESSFUL}}, 0, 0, all, "a b c "},
     };
+    // clang-format on
     const std::vector<std::string> paths = {"a", "a\\x", "b", "c"};
+    const HKEY root = asHkey(at(""));
+    grow("a a\\x b c");
     for (const auto& row : rows) {
-        for (const std::string& path : paths) describe(path, described);
-        refuse(row.fault);
+        for (const std::string& path : paths) describe(path, image({oldSid, administrators, {}, {}}));
+        refuse(row.faults);
         verbosity = row.level;
         state.sidFlags = SID_RECURSIVE | SID_REPLACE_SD | row.flags;
-        EXPECT_EQ(sweep(), row.expected);
-        forgetFaults();
+        EXPECT_EQ(run([&] { return updateSubkeys(&state, root, u"ROOT"); }), row.expected);
+        refuse({});
         std::string treated;
         for (const std::string& path : paths) treated += holds(path, oldSid) == 0 ? path + " " : "";
         EXPECT_EQ(treated, row.treated);
     }
-    EXPECT_EQ(run([&] { return updateKey(&state, u"none"); }), "|regOpenKey(none) failed with code 2\n|2");
+    EXPECT_EQ(run([&] { return updateKey(&state, u"none"); }), "|regOpenKey(none) 2 |2");
 }
 
 /* What the loader is asked for and gives; the hive saved by an unmount is in the recording. */
@@ -95,8 +83,6 @@ NTSTATUS loadHive(std::u16string_view file, HivePtr& made, std::unique_ptr<HiveS
 }
 
 struct Profiles : Sweep {
-    HANDLE list = nullptr;
-
     void SetUp() override {
         Sweep::SetUp();
         loaded.clear();
@@ -108,21 +94,12 @@ struct Profiles : Sweep {
             if (text.starts_with(u"C:\\no")) return INVALID_FILE_ATTRIBUTES;
             return text.ends_with(u".man") ? DWORD{0x20} : DWORD{FILE_ATTRIBUTE_DIRECTORY};
         };
-        EXPECT_EQ(profiles(), "|RegOpenKeyExW(" + listName + ") failed with code 2\n|2");
-        HivePtr made;
-        ASSERT_EQ(hiveCreate(5, u"ROOT", u"SOFTWARE", openToAll(), made), STATUS_SUCCESS);
-        ASSERT_EQ(registryMount(listPath, std::move(made), nullptr), STATUS_SUCCESS);
-        std::u16string path = listPath;
-        for (const char16_t* name : {u"Microsoft", u"Windows NT", u"CurrentVersion", u"ProfileList"})
-            list = make(path += std::u16string(u"\\") + name);
-    }
-    HANDLE make(const std::u16string& path) {
-        HANDLE key = nullptr;
-        EXPECT_EQ(createKey(key, path, {}), STATUS_SUCCESS);
-        return handles.emplace_back(key);
+        EXPECT_EQ(profiles(), "|RegOpenKeyExW(LIST) 2 |2");
+        mount(u"SOFTWARE");
+        make(listPath);
     }
     void profile(const std::u16string& name, ULONG type, const std::u16string& path) {
-        const HANDLE key = make(listPath + u"\\Microsoft\\Windows NT\\CurrentVersion\\ProfileList\\" + name);
+        const HANDLE key = make(listPath + u"\\" + name);
         ASSERT_GE(setText(key, u"ProfileImagePath", type, path), 0);
     }
     std::string profiles() {
@@ -130,104 +107,64 @@ struct Profiles : Sweep {
     }
 };
 
-/* One profile, by its stored path and by what fails; a second one behind it is treated in every case. */
+/* One profile, by its stored path and by what fails. */
 TEST_F(Profiles, Each) {
     const std::u16string nul(1, u'\0'), longest = u"C:\\" + std::u16string(255, 'y');
-    const std::string key = listName + "\\P", done = "done P";
+    const std::u16string file = u"C:\\Users\\p\\ntuser.dat";
+    const std::string done = "loaded User.P <- C:\\Users\\p/n in User.P |";
+    constexpr NTSTATUS missing = STATUS_OBJECT_NAME_NOT_FOUND;
+    // clang-format off
     const struct {
         ULONG type;
         std::u16string path;
-        Fault fault;
-        NTSTATUS load;
-        std::string expected; /* on standard error */
-        std::u16string file;  /* what was asked of the loader */
+        std::string expected;
+        std::u16string file; /* what was asked of the loader */
+        NTSTATUS load = 0;
+        std::vector<Fault> faults = {};
     } rows[] = {
-        {REG_SZ, u"C:\\Users\\p" + nul, {"none"}, 0, "", u"C:\\Users\\p\\ntuser.dat"},
-        {REG_EXPAND_SZ, u"C:\\Users\\p", {"none"}, 0, "", u"C:\\Users\\p\\ntuser.dat"},
-        {REG_EXPAND_SZ, u"C:\\Users\\p.man" + nul, {"none"}, 0, "", u"C:\\Users\\p.man"},
-        {REG_SZ,
-         u"C:\\no" + nul,
-         {"none"},
-         STATUS_OBJECT_NAME_NOT_FOUND,
-         "RegLoadKey(User.P, C:\\no\\ntuser.dat) failed with code 2\n",
-         u"C:\\no\\ntuser.dat"},
-        {REG_SZ, u"C:\\Users\\p" + nul, {"none"}, STATUS_SHARING_VIOLATION, "", u"C:\\Users\\p\\ntuser.dat"},
-        {REG_SZ,
-         longest + nul,
-         {"none"},
-         STATUS_OBJECT_NAME_NOT_FOUND,
-         "RegLoadKey(User.P, " + toUtf8(longest) + "\\) failed with code 2\n",
-         longest + u"\\"},
-        {REG_SZ,
-         longest + u"yy" + nul,
-         {"none"},
-         0,
-         "RegQueryValueEx(" + key + ") failed with code 234\n",
-         u""},
-        {REG_BINARY, u"C:\\Users\\p", {"none"}, 0, "Unexpected type of image path (3) for P\n", u""},
-        {REG_SZ,
-         u"C:\\Users\\p",
-         {"RegOpenKeyExW", "", 5, 1, 1},
-         0,
-         "RegOpenKeyExW(" + key + ") failed with code 5\n",
-         u""},
-        {REG_SZ,
-         u"C:\\Users\\p",
-         {"RegUnLoadKeyW", "", 5, 0, 1},
-         0,
-         "RegUnloadKey(User.P) failed with code 5\n",
-         u"C:\\Users\\p\\ntuser.dat"},
-        {REG_SZ,
-         u"C:\\Users\\p",
-         {"RegOpenKeyExW", "", 5, 2, 1},
-         0,
-         "RegOpenKeyExW(User.P) failed with code 5\n",
-         u"C:\\Users\\p\\ntuser.dat"},
+        {REG_SZ, u"C:\\Users\\p" + nul, done + "|0", file},
+        {REG_EXPAND_SZ, u"C:\\Users\\p", done + "|0", file},
+        {REG_EXPAND_SZ, u"C:\\p.man" + nul, "loaded User.P <- C:\\p.man in User.P ||0", u"C:\\p.man"},
+        {REG_SZ, u"C:\\no" + nul, "|RegLoadKey(User.P, C:\\no/n) 2 |0", u"C:\\no\\ntuser.dat", missing},
+        {REG_SZ, u"C:\\Users\\p" + nul, "||0", file, STATUS_SHARING_VIOLATION},
+        {REG_SZ, longest + nul, "|RegLoadKey(User.P, " + toUtf8(longest) + "\\) 2 |0", longest + u"\\",
+         missing},
+        {REG_SZ, longest + u"yy" + nul, "|RegQueryValueEx(LIST\\P) 234 |0", u""},
+        {REG_BINARY, u"C:\\Users\\p", "|Unexpected type of image path (3) for P |0", u""},
+        {REG_SZ, u"C:\\Users\\p", "|RegOpenKeyExW(LIST\\P) 5 |0", u"", 0, {{"RegOpenKeyExW", "", 5, 1, 1}}},
+        {REG_SZ, u"C:\\Users\\p", done + "RegUnloadKey(User.P) 5 |0", file, 0,
+         {{"RegUnLoadKeyW", "", 5, 0, 1}}},
+        {REG_SZ, u"C:\\Users\\p", "|RegOpenKeyExW(User.P) 5 |0", file, 0, {{"RegOpenKeyExW", "", 5, 2, 1}}},
     };
+    // clang-format on
     for (const auto& row : rows) {
-        for (const int32_t level : {0, -1}) {
-            profile(u"P", row.type, row.path);
-            refuse(row.fault);
-            loadStatus = row.load;
-            verbosity = level;
-            saved = {};
-            loaded.clear();
-            const std::string all = profiles();
-            forgetFaults();
-            const bool mounted = !row.file.empty() && row.load >= 0;
-            const bool treated = mounted && row.fault.call != "RegOpenKeyExW";
-            const std::string out =
-                treated && level == 0
-                    ? "loaded profile hive User.P <- " + toUtf8(row.file) + "\nupdating SIDs in User.P ...\n"
-                    : "";
-            EXPECT_EQ(all, out + "|" + row.expected + "|0");
-            EXPECT_EQ(toUtf8(loaded), toUtf8(row.file));
-            const bool stays = mounted && row.fault.call != "none";
-            EXPECT_EQ(RegUnLoadKeyW(HKEY_LOCAL_MACHINE, u"User.P") == 0, stays);
-            EXPECT_EQ(std::search(saved.file.begin(), saved.file.end(), newSid.begin(), newSid.end()) !=
-                          saved.file.end(),
-                      treated);
-        }
+        profile(u"P", row.type, row.path);
+        refuse(row.faults);
+        loadStatus = row.load;
+        saved = {};
+        loaded.clear();
+        EXPECT_EQ(profiles(), row.expected);
+        refuse({});
+        EXPECT_EQ(toUtf8(loaded), toUtf8(row.file));
+        const bool stays = !row.file.empty() && !row.faults.empty();
+        EXPECT_EQ(RegUnLoadKeyW(HKEY_LOCAL_MACHINE, u"User.P") == 0, stays);
+        const auto found = std::search(saved.file.begin(), saved.file.end(), newSid.begin(), newSid.end());
+        EXPECT_EQ(found != saved.file.end(), row.expected.starts_with("loaded"));
     }
 }
 
 /* What fails at one profile does not keep the next from being treated; a failed enumeration does. */
 TEST_F(Profiles, List) {
     EXPECT_EQ(profiles(), "||0");
-    make(listPath + u"\\Microsoft\\Windows NT\\CurrentVersion\\ProfileList\\A");
-    profile(u"B", REG_SZ, u"C:\\b");
+    make(listPath + u"\\A");
+    profile(u"B", REG_SZ, u"C:\\bbb");
     profile(u"C", REG_DWORD, u"12");
     profile(u"D", REG_SZ, u"C:\\d");
-    const auto updated = [](const std::string& name, const std::string& path) {
-        return "loaded profile hive User." + name + " <- C:\\" + path +
-               "\\ntuser.dat\nupdating SIDs in User." + name + " ...\n";
-    };
-    const std::string missing = "RegQueryValueEx(" + listName + "\\A) failed with code 2\n";
-    EXPECT_EQ(profiles(), updated("B", "b") + updated("D", "d") + "|" + missing +
-                              "Unexpected type of image path (4) for C\n|0");
-    refuse({"RegEnumKeyExW", "", ERROR_ACCESS_DENIED, 2});
-    EXPECT_EQ(profiles(),
-              updated("B", "b") + "|" + missing + "RegEnumKeyEx(" + listName + ", 2) failed with code 5\n|0");
+    const std::string b = "loaded User.B <- C:\\bbb/n in User.B ", missing = "RegQueryValueEx(LIST\\A) 2 ";
+    EXPECT_EQ(profiles(), b + "loaded User.D <- C:\\d/n in User.D |" + missing +
+                              "Unexpected type of image path (4) for C |0");
+    refuse({{"RegOpenKeyExW", "", 5, 1, 1}, {"RegEnumKeyExW", "", ERROR_ACCESS_DENIED, 2}});
+    EXPECT_EQ(profiles(), b + "|RegOpenKeyExW(LIST\\A) 5 RegEnumKeyEx(LIST, 2) 5 |0");
 }
 
 } /* namespace */

@@ -1,4 +1,5 @@
-/* Values: what is rewritten, what is left, what is told. */
+/* Values and descriptors of keys: what is rewritten, what is left, what is told. */
+#include "sidchng/sid.h"
 #include "tests/keys/keys.h"
 
 namespace offline {
@@ -6,12 +7,16 @@ namespace {
 
 struct Values : Keys {
     std::string run(uint32_t flags = SID_REPLACE_VALUES, const WCHAR* const* names = nullptr) {
-        const DWORD error = replace("k", flags, names);
-        std::string line;
-        for (const std::string& event : events) {
-            if (!event.starts_with("DEBUG sidReplace")) line += event + "; ";
-        }
-        return readable(line) + std::to_string(error);
+        return outcome({{"DEBUG regReplaceSIDInValues: Replaced old SID in value  \\", ""},
+                        {"DEBUG regReplaceSIDInValue: Replaced old SID in value  \\", "one "},
+                        {"INFO regReplaceSIDInValues: Found old SID in value  \\", "found "},
+                        {"INFO regReplaceSIDInValue: Found old SID in value  \\", "found one "},
+                        {" (simulation mode)", ""},
+                        {"ERROR regReplaceSIDInValues: Win API call", "!"},
+                        {"ERROR regReplaceSIDInValue: Win API call", "! one"},
+                        {"ERROR sidQueryKeySD: Win API call", "!"},
+                        {" returned", ""}},
+                       [&] { return replace("k", flags, names); });
     }
     void SetUp() override {
         Keys::SetUp();
@@ -19,8 +24,7 @@ struct Values : Keys {
     }
 };
 
-const std::u16string oldWide = wide(oldText), newWide = wide(newText);
-const std::u16string nul(1, u'\0');
+const std::u16string oldWide = wide(oldText), newWide = wide(newText), nul(1, u'\0');
 Bytes operator+(Bytes one, const Bytes& other) {
     one.insert(one.end(), other.begin(), other.end());
     return one;
@@ -28,207 +32,147 @@ Bytes operator+(Bytes one, const Bytes& other) {
 Bytes chars(const std::u16string& text) {
     return bytesOf(text);
 }
+/* Text that begins with the old SID, and with the new one in its place. */
+Bytes was(const std::u16string& tail = {}) {
+    return chars(oldWide + tail);
+}
+Bytes is(const std::u16string& tail = {}) {
+    return chars(newWide + tail);
+}
 
-/* By type and shape, each in prefix mode and, where it differs, in exact mode. */
+/* By type and shape, each in prefix mode and in exact mode. */
 TEST_F(Values, TypesAndShapes) {
-    const Bytes noise = {1, 5, 0, 0, 21}, odd = {'z'};
-    const auto text = [](const std::u16string& tail) { return chars(oldWide + tail); };
-    const auto rewritten = [](const std::u16string& tail) { return chars(newWide + tail); };
-    const std::u16string other = u"S-1-5-21-1-2-3-4" + nul;
+    const Bytes noise = {1, 5, 0, 0, 21}, odd = {'z'}, rid9 = derived(oldSid, 9),
+                cut(oldSid.begin() + 1, oldSid.end());
+    const std::u16string other = u"S-1-5-21-1-2-3-4" + nul, most = u"-" + std::u16string(32725, 'y');
+    // clang-format off
     const struct {
-        const char* what;
-        ULONG type;
-        Bytes before;
-        Bytes prefix; /* what prefix mode makes of it */
-        Bytes exact;
+        const char* what; ULONG type; Bytes before;
+        std::vector<Bytes> after; /* left alone; or by both modes; or by prefix mode and by exact mode */
     } rows[] = {
-        {"nothing", REG_SZ, {}, {}, {}},
-        {"the SID", REG_SZ, text(u""), rewritten(u""), rewritten(u"")},
-        {"terminated", REG_SZ, text(nul), text(nul), text(nul)},
-        {"with a tail", REG_SZ, text(u"-500" + nul), rewritten(u"-500" + nul), text(u"-500" + nul)},
-        {"another number", REG_SZ, text(u"0-1"), text(u"0-1"), text(u"0-1")},
-        {"not at the head", REG_SZ, chars(u" " + oldWide), chars(u" " + oldWide), chars(u" " + oldWide)},
-        {"odd tail", REG_SZ, text(u"-1") + odd, rewritten(u"-1") + odd, text(u"-1") + odd},
-        {"half a character behind", REG_SZ, text(u"") + odd, text(u"") + odd, text(u"") + odd},
-        {"longest", REG_SZ, text(u"-" + std::u16string(32725, 'y')),
-         rewritten(u"-" + std::u16string(32725, 'y')), text(u"-" + std::u16string(32725, 'y'))},
-        {"expandable", REG_EXPAND_SZ, text(u"-1"), text(u"-1"), text(u"-1")},
-        {"link", REG_LINK, text(u""), text(u""), text(u"")},
-        {"a number for a type", 500, oldSid, oldSid, oldSid},
-        {"four bytes", REG_DWORD, {1, 5, 0, 0}, {1, 5, 0, 0}, {1, 5, 0, 0}},
-        {"four bytes inline", REG_BINARY, {1, 5, 0, 0}, {1, 5, 0, 0}, {1, 5, 0, 0}},
-        {"SIDs", REG_BINARY, noise + derived(oldSid, 9) + noise + oldSid,
-         noise + derived(newSid, 9) + noise + newSid, noise + derived(oldSid, 9) + noise + newSid},
-        {"SIDs of no type", REG_NONE, oldSid + oldSid, newSid + newSid, newSid + newSid},
-        {"cut SID", REG_BINARY, Bytes(oldSid.begin(), oldSid.end() - 1),
-         Bytes(oldSid.begin(), oldSid.end() - 1), Bytes(oldSid.begin(), oldSid.end() - 1)},
-        {"65,535", REG_BINARY, Bytes(65511) + oldSid, Bytes(65511) + newSid, Bytes(65511) + newSid},
-        {"65,536", REG_BINARY, Bytes(65512) + oldSid, Bytes(65512) + newSid, Bytes(65512) + newSid},
-        {"1 MiB", REG_NONE, oldSid + Bytes(1048528) + oldSid, newSid + Bytes(1048528) + newSid,
-         newSid + Bytes(1048528) + newSid},
-        {"one byte", REG_MULTI_SZ, odd, odd, odd},
-        {"a NUL", REG_MULTI_SZ, chars(nul), chars(nul), chars(nul)},
-        {"first and third", REG_MULTI_SZ, text(nul + other + oldWide + u"-7" + nul + nul),
-         rewritten(nul + other + newWide + u"-7" + nul + nul),
-         rewritten(nul + other + oldWide + u"-7" + nul + nul)},
+        {"nothing", REG_SZ, {}, {}},
+        {"the SID", REG_SZ, was(), {is()}},
+        {"terminated", REG_SZ, was(nul), {}},
+        {"with a tail", REG_SZ, was(u"-1001_Classes" + nul),
+         {is(u"-1001_Classes" + nul), was(u"-1001_Classes" + nul)}},
+        {"a hyphen behind", REG_SZ, was(u"-"), {is(u"-"), was(u"-")}},
+        {"another number", REG_SZ, was(u"0-1"), {}},
+        {"another tail", REG_SZ, was(u"_Classes"), {}},
+        {"not at the head", REG_SZ, chars(u" " + oldWide), {}},
+        {"another case", REG_SZ, chars(u"s" + oldWide.substr(1)), {}},
+        {"one character short", REG_SZ, chars(oldWide.substr(0, oldWide.size() - 1)), {}},
+        {"odd tail", REG_SZ, was(u"-1") + odd, {is(u"-1") + odd, was(u"-1") + odd}},
+        {"half a character behind", REG_SZ, was() + odd, {}},
+        {"half a hyphen behind", REG_SZ, was() + Bytes{'-'}, {}},
+        {"65,535 afterwards", REG_SZ, was(most) + odd, {is(most) + odd, was(most) + odd}},
+        {"65,536 afterwards", REG_SZ, was(most + u"y"), {}},
+        {"expandable", REG_EXPAND_SZ, was(u"-1"), {}},
+        {"link", REG_LINK, was(), {}},
+        {"a number for a type", 500, oldSid, {}},
+        {"four bytes inline", REG_BINARY, {1, 5, 0, 0}, {}},
+        {"SIDs", REG_BINARY, noise + rid9 + oldSid,
+         {noise + derived(newSid, 9) + newSid, noise + rid9 + newSid}},
+        {"SIDs of no type", REG_NONE, oldSid + oldSid, {newSid + newSid}},
+        {"65,535", REG_BINARY, Bytes(65511) + oldSid, {Bytes(65511) + newSid}},
+        {"65,536", REG_BINARY, Bytes(65512) + oldSid, {Bytes(65512) + newSid}},
+        {"1 MiB", REG_NONE, oldSid + Bytes(1048528) + oldSid, {newSid + Bytes(1048528) + newSid}},
+        {"one byte", REG_MULTI_SZ, odd, {}},
+        {"a NUL", REG_MULTI_SZ, chars(nul), {}},
+        {"first and third", REG_MULTI_SZ, was(nul + other + oldWide + u"-7" + nul + nul),
+         {is(nul + other + newWide + u"-7" + nul + nul), is(nul + other + oldWide + u"-7" + nul + nul)}},
         {"behind an empty one", REG_MULTI_SZ, chars(nul + nul + oldWide + nul + oldWide + nul),
-         chars(nul + nul + newWide + nul + newWide + nul), chars(nul + nul + newWide + nul + newWide + nul)},
-        {"unended", REG_MULTI_SZ, chars(u"a" + nul + oldWide), chars(u"a" + nul + newWide),
-         chars(u"a" + nul + newWide)},
-        {"odd end", REG_MULTI_SZ, text(nul + oldWide + u"-1") + odd, rewritten(nul + newWide + u"-1") + odd,
-         rewritten(nul + oldWide + u"-1") + odd},
-        {"odd behind a NUL", REG_MULTI_SZ, text(nul) + odd, rewritten(nul) + odd, rewritten(nul) + odd},
-        {"200,000 in all", REG_MULTI_SZ, text(nul) + Bytes(200000) + text(nul),
-         rewritten(nul) + Bytes(200000) + rewritten(nul), rewritten(nul) + Bytes(200000) + rewritten(nul)},
+         {chars(nul + nul + newWide + nul + newWide + nul)}},
+        {"unended", REG_MULTI_SZ, chars(u"a" + nul + oldWide), {chars(u"a" + nul + newWide)}},
+        {"odd end", REG_MULTI_SZ, was(nul + oldWide + u"-1") + odd,
+         {is(nul + newWide + u"-1") + odd, is(nul + oldWide + u"-1") + odd}},
+        {"odd behind a NUL", REG_MULTI_SZ, was(nul) + odd, {is(nul) + odd}},
+        {"200,000 in all", REG_MULTI_SZ, was(nul) + Bytes(200000) + was(nul),
+         {is(nul) + Bytes(200000) + is(nul)}},
     };
+    // clang-format on
     for (const auto& row : rows) {
-        for (const bool exact : {false, true}) {
+        for (const uint32_t exact : {0u, 0u + SID_EXACT}) {
+            const Bytes expected = row.after.empty() ? row.before : exact ? row.after.back() : row.after[0];
             set("k", "v", row.type, row.before);
-            run(SID_REPLACE_VALUES | (exact ? SID_EXACT : 0u));
-            const Bytes& expected = exact ? row.exact : row.prefix;
+            run(SID_REPLACE_VALUES | SID_SIMULATE | exact);
+            EXPECT_TRUE(get("k", "v") == row.before) << row.what;
+            run(SID_REPLACE_VALUES | exact);
             EXPECT_TRUE(get("k", "v") == expected) << row.what << (exact ? ", exact" : "");
             EXPECT_EQ(callsMade["ZwSetValueKey"], expected == row.before ? 0 : 1) << row.what;
-            set("k", "v", row.type, row.before);
-            run(SID_REPLACE_VALUES | SID_SIMULATE | (exact ? SID_EXACT : 0u));
-            EXPECT_TRUE(get("k", "v") == row.before) << row.what;
         }
     }
 }
 
 /* Both SIDs change places, so that strings shrink: the old buffer is larger than what it then holds. */
 TEST_F(Values, ShrinkingStrings) {
-    const Bytes before = chars(newWide + nul + u"keep" + nul + newWide + u"-9" + nul + nul);
-    set("k", "v", REG_MULTI_SZ, before);
-    set("k", "w", REG_MULTI_SZ, chars(newWide + nul));
+    set("k", "v", REG_MULTI_SZ, is(nul + u"keep" + nul + newWide + u"-9" + nul + nul));
+    set("k", "w", REG_SZ, is(u"-9"));
     const HANDLE key = at("k");
     ASSERT_EQ(sidReplaceInKey(key, SID_REPLACE_VALUES, nullptr, newSid.data(), 24, oldSid.data(), 24), 0u);
-    EXPECT_EQ(get("k", "v"), chars(oldWide + nul + u"keep" + nul + oldWide + u"-9" + nul + nul));
-    EXPECT_EQ(get("k", "w"), chars(oldWide + nul));
-    EXPECT_EQ(sidReplaceInKey(key, SID_REPLACE_VALUES, nullptr, newSid.data(), 24, oldSid.data(), 20),
-              DWORD{ERROR_INVALID_PARAMETER});
+    EXPECT_EQ(get("k", "v"), was(nul + u"keep" + nul + oldWide + u"-9" + nul + nul));
+    EXPECT_EQ(get("k", "w"), was(u"-9"));
 }
 
 /* A string that no counted string can hold is left, with a word; its neighbours are treated. */
 TEST_F(Values, StringsTooLong) {
     const std::u16string tail = u"-" + std::u16string(32760, 'y');
-    const struct {
-        ULONG type;
-        Bytes before, after;
-        const char* expected;
-    } rows[] = {
-        {REG_SZ, chars(oldWide + tail), chars(oldWide + tail),
-         "WARN regReplaceSIDInData: Too long a string (65562 bytes), left alone; 0"},
-        {REG_MULTI_SZ, chars(oldWide + tail + nul + oldWide + nul),
-         chars(oldWide + tail + nul + newWide + nul),
-         "WARN regReplaceSIDInData: Too long a string (65562 bytes), left alone; "
-         "DEBUG regReplaceSIDInValues: Replaced old SID in value  \\v; 0"},
-    };
-    for (const auto& row : rows) {
-        set("k", "v", row.type, row.before);
-        EXPECT_EQ(run(), row.expected);
-        EXPECT_TRUE(get("k", "v") == row.after);
-    }
-    const std::u16string nearly = oldWide + u"-" + std::u16string(32740, 'y');
-    set("k", "v", REG_SZ, chars(nearly));
-    EXPECT_TRUE(run().starts_with("WARN sidReplaceInName: Too long a name with the new SID (65564 bytes), "));
-    EXPECT_TRUE(get("k", "v") == chars(nearly));
+    set("k", "v", REG_MULTI_SZ, was(tail + nul + oldWide + nul));
+    EXPECT_EQ(run(), "WARN regReplaceSIDInData: Too long a string (65562 bytes), left alone, v, 0");
+    EXPECT_TRUE(get("k", "v") == was(tail + nul + newWide + nul));
+    set("k", "v", REG_SZ, was(tail.substr(0, 32727)));
+    EXPECT_TRUE(run().starts_with("WARN sidReplaceInName: Too long a name with the new SID (65536 bytes), "));
 }
 
 TEST_F(Values, MessagesAndFailures) {
-    const std::string all = "regReplaceSIDInValues: ", one = "regReplaceSIDInValue: ";
-    const std::string set2 = "Win API call ZwSetValueKey returned -1073741790 for \\";
     const WCHAR* const none[] = {nullptr};
     const WCHAR* const listed[] = {u"b", u"missing", u"c", nullptr};
+    const std::string denied = "ZwSetValueKey -1073741790 for \\";
+    const Fault setFails = {"ZwSetValueKey", "", STATUS_ACCESS_DENIED, 0, 1};
+    const Fault unread = {"RegGetKeySecurity", "", ERROR_ACCESS_DENIED};
+    // clang-format off
     const struct {
-        std::vector<Fault> faults;
-        uint32_t flags;
-        const WCHAR* const* names;
-        std::string expected;
-        const char* written;
+        uint32_t flags; const WCHAR* const* names; std::string expected; const char* written;
+        std::vector<Fault> faults = {};
     } rows[] = {
-        {{},
-         0,
-         nullptr,
-         "DEBUG " + all + "Replaced old SID in value  \\a; DEBUG " + all +
-             "Replaced old SID in value  \\b; DEBUG " + all + "Replaced old SID in value  \\c; 0",
-         "abc"},
-        {{},
-         SID_SIMULATE,
-         nullptr,
-         "INFO " + all + "Found old SID in value  \\a (simulation mode); INFO " + all +
-             "Found old SID in value  \\b (simulation mode); INFO " + all +
-             "Found old SID in value  \\c (simulation mode); 0",
-         ""},
-        {{}, 0, none, "0", ""},
-        {{},
-         0,
-         listed,
-         "DEBUG " + one + "Replaced old SID in value  \\b; DEBUG " + one +
-             "Replaced old SID in value  \\c; 0",
-         "bc"},
-        {{},
-         SID_SIMULATE,
-         listed,
-         "INFO " + one + "Found old SID in value  \\b (simulation mode); INFO " + one +
-             "Found old SID in value  \\c (simulation mode); 0",
-         ""},
-        {{{"ZwSetValueKey", "", STATUS_ACCESS_DENIED, 1, 1}},
-         0,
-         nullptr,
-         "DEBUG " + all + "Replaced old SID in value  \\a; ERROR " + all + set2 + "b; 5",
-         "a"},
-        {{{"ZwSetValueKey", "", STATUS_ACCESS_DENIED, 0, 1}},
-         0,
-         listed,
-         "ERROR " + one + set2 + "b; DEBUG " + one + "Replaced old SID in value  \\c; 5",
-         "c"},
-        {{{"ZwQueryValueKey", "", STATUS_UNSUCCESSFUL, 0, 1}, {"ZwSetValueKey", "", STATUS_ACCESS_DENIED}},
-         0,
-         listed,
-         "ERROR " + one + "Win API call ZwQueryValueKey returned -1073741823 for \\b; ERROR " + one + set2 +
-             "c; 5",
-         ""},
-        {{{"ZwEnumerateValueKey", "", STATUS_UNSUCCESSFUL, 1}},
-         0,
-         nullptr,
-         "DEBUG " + all + "Replaced old SID in value  \\a; ERROR " + all +
-             "Win API call ZwEnumerateValueKey returned -1073741823 for ; 31",
-         "a"},
-        {{{"ZwEnumerateValueKey", "", STATUS_UNSUCCESSFUL}, {"RegGetKeySecurity", "", ERROR_ACCESS_DENIED}},
-         SID_REPLACE_SD,
-         nullptr,
-         "ERROR sidQueryKeySD: Win API call RegGetKeySecurity returned 5 for ; ERROR " + all +
-             "Win API call ZwEnumerateValueKey returned -1073741823 for ; 31",
-         ""},
-        {{{"RegGetKeySecurity", "", ERROR_ACCESS_DENIED}},
-         SID_REPLACE_SD,
-         none,
-         "ERROR sidQueryKeySD: Win API call RegGetKeySecurity returned 5 for ; 5",
-         ""},
+        {0, nullptr, "a, b, c, 0", "abc"},
+        {SID_SIMULATE, nullptr, "found a, found b, found c, 0", ""},
+        {0, none, "0", ""},
+        {0, listed, "one b, one c, 0", "bc"},
+        {SID_SIMULATE, listed, "found one b, found one c, 0", ""},
+        {0, nullptr, "a, ! " + denied + "b, 5", "a", {{"ZwSetValueKey", "", STATUS_ACCESS_DENIED, 1, 1}}},
+        {0, listed, "! one " + denied + "b, one c, 5", "c", {setFails}},
+        {0, listed, "! one ZwQueryValueKey -1073741823 for \\b, ! one " + denied + "c, 5", "",
+         {{"ZwQueryValueKey", "", STATUS_UNSUCCESSFUL, 0, 1}, setFails}},
+        {0, nullptr, "a, ! ZwEnumerateValueKey -1073741823 for , 31", "a",
+         {{"ZwEnumerateValueKey", "", STATUS_UNSUCCESSFUL, 1}}},
+        {SID_REPLACE_SD, nullptr, "! RegGetKeySecurity 5 for , ! ZwEnumerateValueKey -1073741823 for , 31",
+         "",
+         {{"ZwEnumerateValueKey", "", STATUS_UNSUCCESSFUL}, unread}},
+        {SID_REPLACE_SD, none, "! RegGetKeySecurity 5 for , 5", "", {unread}},
     };
+    // clang-format on
     for (const auto& row : rows) {
         for (const char* name : {"a", "b", "c"}) set("k", name, REG_BINARY, oldSid);
-        for (const Fault& fault : row.faults) refuse(fault);
+        refuse(row.faults);
         EXPECT_EQ(run(SID_REPLACE_VALUES | row.flags, row.names), row.expected);
         const int reads = callsMade["ZwQueryValueKey"] + callsMade["ZwEnumerateValueKey"];
         EXPECT_EQ(reads == 0, row.names == none);
-        forgetFaults();
         std::string written;
         for (const char* name : {"a", "b", "c"}) written += get("k", name) == newSid ? name : "";
         EXPECT_EQ(written, row.written);
+        refuse({});
     }
 }
 
 /* No memory for a value's record, its string or its multi-string: 8, and nothing of it is written. */
 TEST_F(Values, NoMemory) {
-    const Bytes before = chars(oldWide + u"-" + std::u16string(400, 'y') + nul);
+    const Bytes before = was(u"-" + std::u16string(400, 'y') + nul);
     set("k", "v", REG_MULTI_SZ, before);
     allocationsLeft = 1000;
-    EXPECT_TRUE(run(SID_REPLACE_VALUES | SID_SIMULATE).ends_with("; 0"));
-    const int needed = 1000 - allocationsLeft;
-    for (int i = 0; i < needed; i++) {
+    run(SID_REPLACE_VALUES | SID_SIMULATE);
+    for (int needed = 1000 - allocationsLeft, i = 0; i < needed; i++) {
         allocationsLeft = i;
-        EXPECT_TRUE(run().ends_with("; 8")) << i;
+        EXPECT_TRUE(run().ends_with(", 8")) << i;
         EXPECT_EQ(callsMade["ZwSetValueKey"], 0);
     }
     allocationsLeft = -1;
@@ -239,25 +183,64 @@ TEST_F(Values, NoMemory) {
 TEST_F(Values, Walk) {
     const struct {
         Fault fault;
+        DWORD result;
         const char* written;
     } rows[] = {
-        {{"none"}, "k k\\a k\\a\\x k\\b "},
-        {{"ZwSetValueKey", "a", STATUS_ACCESS_DENIED}, "k k\\a\\x k\\b "},
-        {{"ZwOpenKey", "a", STATUS_UNSUCCESSFUL, 1, 1}, "k k\\a\\x k\\b "},
-        {{"ZwSetValueKey", "k", STATUS_ACCESS_DENIED}, "k\\a k\\a\\x k\\b "},
-        {{"ZwEnumerateKey", "a", STATUS_UNSUCCESSFUL}, "k k\\a "},
+        {{"none"}, 0, "k k\\a k\\a\\x k\\b "},
+        {{"ZwSetValueKey", "a", STATUS_ACCESS_DENIED}, 0, "k k\\a\\x k\\b "},
+        {{"ZwOpenKey", "a", STATUS_UNSUCCESSFUL, 1, 1}, 0, "k k\\a\\x k\\b "},
+        {{"ZwSetValueKey", "k", STATUS_ACCESS_DENIED}, 0, "k\\a k\\a\\x k\\b "},
+        {{"ZwEnumerateKey", "a", STATUS_UNSUCCESSFUL}, 31, "k k\\a "},
     };
     const std::vector<std::string> paths = {"k", "k\\a", "k\\a\\x", "k\\b"};
-    grow("k k\\a k\\a\\x k\\b");
     for (const auto& row : rows) {
+        grow("k k\\a k\\a\\x k\\b");
         for (const std::string& path : paths) set(path, "v", REG_BINARY, oldSid);
-        refuse(row.fault);
-        EXPECT_EQ(replace("k", SID_RECURSIVE | SID_REPLACE_VALUES),
-                  row.fault.call == "ZwEnumerateKey" ? 31u : 0u);
-        forgetFaults();
+        refuse({row.fault});
+        EXPECT_EQ(replace("k", SID_RECURSIVE | SID_REPLACE_VALUES), row.result);
+        refuse({});
         std::string written;
         for (const std::string& path : paths) written += get(path, "v") == newSid ? path + " " : "";
         EXPECT_EQ(written, row.written);
+    }
+}
+
+TEST_F(Values, DescriptorsReadAndWritten) {
+    const auto parts = [](const Bytes& owner, const Bytes& group, const Bytes& sid, size_t entries) {
+        return image({owner, group, std::vector<Ace>(entries, Ace{0, sid}), std::vector<Ace>{{2, sid}}});
+    };
+    const auto both = parts(derived(oldSid, 5), derived(oldSid, 6), oldSid, 2);
+    const auto bothNew = parts(derived(newSid, 5), derived(newSid, 6), newSid, 2);
+    const auto longOld = parts(administrators, administrators, oldSid, 15);
+    const std::string found = "INFO sidReplaceInKeySD: Found old SID in key SD , 0 ";
+    const std::string failed = "ERROR sidReplaceInKeySD: Failed to replace old SID in key SD , 1359 ";
+    // clang-format off
+    const struct {
+        Bytes before, after;
+        std::string expected; /* messages, code, reads, writes, and how often the success is told */
+        std::vector<Fault> faults = {};
+        uint32_t flags = 0;
+    } rows[] = {
+        {both, bothNew, "0 3 2 2"},
+        {both, both, found + "1 0 0", {}, SID_SIMULATE},
+        {longOld, parts(administrators, administrators, newSid, 15), "0 3 1 1"},
+        {both, both, "! RegGetKeySecurity 5 for , 5 1 0 0", {{"RegGetKeySecurity", "", ERROR_ACCESS_DENIED}}},
+        {both, both, "! RegGetKeySecurity 122 for , 122 1 0 0",
+         {{"RegGetKeySecurity", "", ERROR_INSUFFICIENT_BUFFER}}},
+        {both, both, "ERROR sidReplaceInKeySD: Win API call RegSetKeySecurity 5 for , 5 1 1 0",
+         {{"RegSetKeySecurity", "", ERROR_ACCESS_DENIED}}},
+        {both, both, failed + "3 2 2", {{"RegSetKeySecurity", "", 0}}},
+    };
+    // clang-format on
+    for (const auto& row : rows) {
+        describe("k", row.before);
+        refuse(row.faults);
+        std::string line = run(SID_REPLACE_SD | row.flags);
+        const std::string done = "DEBUG sidReplaceInKeySD: Replaced old SID in key SD ";
+        line += text(" %d %d %d", callsMade["RegGetKeySecurity"], callsMade["RegSetKeySecurity"],
+                     static_cast<int>(std::count(events.begin(), events.end(), done)));
+        EXPECT_EQ(line, row.expected);
+        EXPECT_EQ(descriptor("k"), row.after);
     }
 }
 
