@@ -33,7 +33,7 @@ struct Open : Keys {
     Bytes restorable(std::string_view path) {
         memBuf read = {};
         EXPECT_EQ(regGetKeySec(at(path), REG_SEC_ALL, &read), 0u);
-        const Bytes parts(read.data, read.data + read.size);
+        Bytes parts(read.data, read.data + read.size);
         memBufFree(&read);
         return parts;
     }

@@ -94,6 +94,14 @@ struct Profiles : Sweep {
             if (text.starts_with(u"C:\\no")) return INVALID_FILE_ATTRIBUTES;
             return text.ends_with(u".man") ? DWORD{0x20} : DWORD{FILE_ATTRIBUTE_DIRECTORY};
         };
+        const auto query = answer.RegQueryValueExW;
+        answer.RegQueryValueExW = [=](HKEY key, LPCWSTR name, LPDWORD reserved, LPDWORD type, BYTE* data,
+                                      LPDWORD size) {
+            const DWORD room = *size;
+            const LSTATUS error = query(key, name, reserved, type, data, size);
+            if (error == 0) memset(data + *size, 'z', room - *size);  // no terminator that is not stored
+            return error;
+        };
         EXPECT_EQ(profiles(), "|RegOpenKeyExW(LIST) 2 |2");
         mount(u"SOFTWARE");
         make(listPath);
@@ -157,10 +165,10 @@ TEST_F(Profiles, Each) {
 TEST_F(Profiles, List) {
     EXPECT_EQ(profiles(), "||0");
     make(listPath + u"\\A");
-    profile(u"B", REG_SZ, u"C:\\bbb");
+    profile(u"B", REG_SZ, u"C:\\b");
     profile(u"C", REG_DWORD, u"12");
     profile(u"D", REG_SZ, u"C:\\d");
-    const std::string b = "loaded User.B <- C:\\bbb/n in User.B ", missing = "RegQueryValueEx(LIST\\A) 2 ";
+    const std::string b = "loaded User.B <- C:\\b/n in User.B ", missing = "RegQueryValueEx(LIST\\A) 2 ";
     EXPECT_EQ(profiles(), b + "loaded User.D <- C:\\d/n in User.D |" + missing +
                               "Unexpected type of image path (4) for C |0");
     refuse({{"RegOpenKeyExW", "", 5, 1, 1}, {"RegEnumKeyExW", "", ERROR_ACCESS_DENIED, 2}});

@@ -242,6 +242,12 @@ TEST_F(Values, DescriptorsReadAndWritten) {
         EXPECT_EQ(line, row.expected);
         EXPECT_EQ(descriptor("k"), row.after);
     }
+    refuse({});
+    memBuf buffer = {};
+    UNICODE_STRING name = counted(u"k");
+    EXPECT_EQ(sidQueryKeySD(at("k"), &name, &buffer), 0u);
+    EXPECT_EQ(buffer.size, descriptor("k").size() + 256);
+    memBufFree(&buffer);
 }
 
 } /* namespace */
