@@ -3,13 +3,11 @@
 #ifndef QUILLET_TESTS_HIVE_CHECK_H
 #define QUILLET_TESTS_HIVE_CHECK_H
 
-#include <cstdint>
+#include <gtest/gtest.h>
+#include <algorithm>
 #include <map>
 #include <random>
-#include <span>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "platform/offline/hive/hive.h"
 
@@ -17,35 +15,68 @@ namespace offline::test {
 
 using Bytes = std::vector<uint8_t>;
 
+uint32_t numberAt(const Bytes& bytes, size_t at);
+void putNumber(Bytes& bytes, size_t at, uint64_t number, size_t size = 4);
+void seal(Bytes& file); /* puts in the checksum of the base block */
+
 /* The first invariant that this file breaks, read without the room's code; empty when it is sound. */
 std::string faultOf(const Bytes& file);
 
-/* Everything in a key and below it, the values in their order. */
+/* Everything in a key and below it, the values in their order; all of it is looked up by name as well. */
+using Values = std::vector<std::tuple<std::u16string, uint32_t, Bytes>>;
 struct Content {
     std::u16string name;
-    uint16_t flags = 0; /* link and no-delete only */
-    Bytes classText;
-    Bytes descriptor;
-    std::vector<std::tuple<std::u16string, uint32_t, Bytes>> values;
+    Bytes classText, descriptor;
+    Values values;
     std::vector<Content> subkeys; /* in order */
 
     bool operator==(const Content&) const = default;
 };
-Content contentOf(const Hive& hive, Cell key);
+Values valuesOf(const Hive& hive, Cell key);
+Content contentOf(const Hive& hive, Cell key = noCell); /* noCell: of the root */
+std::vector<Cell> keysOf(const Hive& hive);             /* parents before their children */
 
-/* A descriptor-like run of bytes that differs with the seed. */
-Bytes someDescriptor(uint32_t seed);
 Bytes someBytes(std::mt19937& random, size_t length);
+Bytes someDescriptor(uint32_t seed); /* a run of bytes that differs with the seed */
+std::u16string digits(size_t number);
 
+/* These give null, or no cell, with a test failure, when it does not work. */
 HivePtr newHive(uint32_t minor);
-HivePtr opened(const Bytes& file); /* null, with a test failure, when it does not open */
+HivePtr opened(const Bytes& file);
+Cell made(Hive& hive, Cell parent, std::u16string_view name, uint32_t descriptor = 1);
 
 /* A small hive with every kind of structure: values of all forms, classes, an ri list, shared descriptors. */
 HivePtr variedHive(uint32_t minor);
 
-/* Opens a file and, when it can be opened, reads all of it, changes and deletes things, and opens the result.
- * False when a hive that was opened can't be opened again, or is found broken, after the changes. */
-bool exercise(const Bytes& file);
+/* Opens a file and, when it can be opened, reads all of it, changes things in every key, and opens the
+ * result. False when a hive that was opened can't be opened again, or is found broken, after the changes. */
+bool exercise(const Bytes& file, Bytes* after = nullptr);
+
+/* A file in memory that notes every call and fails at one of them. */
+struct RecordingStore : HiveStore {
+    Bytes file;
+    std::string calls; /* g row, b ase block with unequal numbers, B with equal ones, p ages, f lush */
+    size_t pageBytes = 0;
+    int failAt = -1;
+
+    NTSTATUS note(char call) {
+        calls += call;
+        return failAt >= 0 && failAt-- == 0 ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS;
+    }
+    NTSTATUS write(uint64_t offset, std::span<const uint8_t> bytes) override {
+        const bool clean = std::equal(bytes.begin() + 4, bytes.begin() + 8, bytes.begin() + 8);
+        pageBytes += offset != 0 ? bytes.size() : 0;
+        if (const NTSTATUS status = note(offset != 0 ? 'p' : clean ? 'B' : 'b'); status < 0) return status;
+        if (offset + bytes.size() > file.size()) return STATUS_DISK_FULL;
+        std::copy(bytes.begin(), bytes.end(), file.begin() + static_cast<long>(offset));
+        return STATUS_SUCCESS;
+    }
+    NTSTATUS grow(uint64_t size) override {
+        if (failAt != 0) file.resize(std::max<size_t>(file.size(), size));
+        return note('g');
+    }
+    NTSTATUS flush() override { return note('f'); }
+};
 
 /* Real hives of a folder of the shared directory, by name; empty when there is none. */
 std::map<std::string, Bytes> realHives(const std::string& folder);

@@ -1,4 +1,8 @@
+/* Descriptors and lists: the calls, what is stored and inherited, and those that someone bent: none may be
+ * read or written outside of itself. */
 #include <gtest/gtest.h>
+
+#include <random>
 
 #include "tests/security/shapes.h"
 
@@ -14,100 +18,87 @@ uint16_t controlOf(const Image& image) {
     return static_cast<uint16_t>(image[2] | image[3] << 8);
 }
 
-/* The bytes of one part of an image, found by the image's own offset. */
-Image partOf(const Image& image, size_t field, size_t size) {
+/* Whether an image has these bytes where its field says; without bytes, whether it has no such part. */
+bool has(const Image& image, size_t field, const Image& part) {
     uint32_t offset = 0;
     memcpy(&offset, &image[field], 4);
-    if (offset == 0) return {};
-    EXPECT_LE(offset + size, image.size());
-    return {image.begin() + offset, image.begin() + static_cast<ptrdiff_t>(offset + size)};
+    if (part.empty() || offset == 0) return part.empty() && offset == 0;
+    return offset + part.size() <= image.size() && memcmp(&image[offset], part.data(), part.size()) == 0;
+}
+
+void expectParts(const Image& image, const std::string& owner, const std::string& groupSid, const Image& sacl,
+                 const Image& dacl, uint16_t control) {
+    EXPECT_TRUE(descriptorValid(image));
+    EXPECT_EQ(controlOf(image), control);
+    EXPECT_TRUE(has(image, 4, sidFromText(owner)));
+    EXPECT_TRUE(has(image, 8, sidFromText(groupSid)));
+    EXPECT_TRUE(has(image, 12, sacl));
+    EXPECT_TRUE(has(image, 16, dacl));
 }
 
 TEST(Descriptor, CallsOnBothForms) {
     Image image = descriptor(stranger, "", {}, oldDacl, SE_DACL_DEFAULTED | SE_OWNER_DEFAULTED);
     PSID sid = nullptr;
     PACL list = nullptr;
-    BOOL present = 7;
-    BOOL defaulted = 7;
-    ASSERT_TRUE(GetSecurityDescriptorOwner(image.data(), &sid, &defaulted));
-    EXPECT_EQ(sid, &image[20]);
-    EXPECT_EQ(defaulted, TRUE);
-    ASSERT_TRUE(GetSecurityDescriptorGroup(image.data(), &sid, &defaulted));
-    EXPECT_EQ(sid, nullptr);
-    EXPECT_EQ(defaulted, FALSE);
-    ASSERT_TRUE(GetSecurityDescriptorDacl(image.data(), &present, &list, &defaulted));
-    EXPECT_EQ(static_cast<void*>(list), &image[48]);
-    EXPECT_TRUE(present == TRUE && defaulted == TRUE);
-    ASSERT_TRUE(GetSecurityDescriptorSacl(image.data(), &present, &list, &defaulted));
-    EXPECT_TRUE(list == nullptr && present == FALSE);
+    BOOL present = 7, defaulted = 7;
+    EXPECT_TRUE(GetSecurityDescriptorOwner(&image[0], &sid, &defaulted) && sid == &image[20] &&
+                defaulted == 1);
+    EXPECT_TRUE(GetSecurityDescriptorGroup(&image[0], &sid, &defaulted) && !sid && defaulted == 0);
+    EXPECT_TRUE(GetSecurityDescriptorDacl(image.data(), &present, &list, &defaulted));
+    EXPECT_TRUE(reinterpret_cast<uint8_t*>(list) == &image[48] && present == 1 && defaulted == 1);
+    EXPECT_TRUE(GetSecurityDescriptorSacl(&image[0], &present, &list, &defaulted) && !list && present == 0);
 
     SECURITY_DESCRIPTOR absolute;
     memset(&absolute, 0xAA, sizeof absolute);
     EXPECT_FALSE(InitializeSecurityDescriptor(&absolute, 2));
     ASSERT_TRUE(InitializeSecurityDescriptor(&absolute, 1));
-    Image owner = sidFromText(stranger);
-    ASSERT_TRUE(SetSecurityDescriptorOwner(&absolute, owner.data(), FALSE));
-    ASSERT_TRUE(GetSecurityDescriptorDacl(&absolute, &present, &list, &defaulted));
-    EXPECT_EQ(present, FALSE);
-    ASSERT_TRUE(SetSecurityDescriptorDacl(&absolute, TRUE, nullptr, TRUE));
-    EXPECT_EQ(absolute.Control, SE_DACL_PRESENT | SE_DACL_DEFAULTED);
-    ASSERT_TRUE(SetSecurityDescriptorDacl(&absolute, FALSE, nullptr, FALSE));
-    EXPECT_EQ(absolute.Control, 0);
-    ASSERT_TRUE(SetSecurityDescriptorDacl(&absolute, TRUE, nullptr, FALSE));
-    ASSERT_TRUE(GetSecurityDescriptorDacl(&absolute, &present, &list, &defaulted));
-    EXPECT_TRUE(present == TRUE && list == nullptr && defaulted == FALSE);
-    ASSERT_TRUE(GetSecurityDescriptorOwner(&absolute, &sid, &defaulted));
-    EXPECT_EQ(sid, owner.data());
-
-    EXPECT_FALSE(SetSecurityDescriptorOwner(image.data(), owner.data(), FALSE)) << "a self-relative one";
+    EXPECT_TRUE(SetSecurityDescriptorOwner(&absolute, &image[20], FALSE));
+    EXPECT_TRUE(GetSecurityDescriptorOwner(&absolute, &sid, &defaulted) && sid == &image[20]);
+    for (const auto& [is, by, control] : {std::tuple(0, 0, 0), {1, 1, 0xC}, {0, 1, 0}, {1, 0, 4}}) {
+        EXPECT_TRUE(SetSecurityDescriptorDacl(&absolute, is, nullptr, by) && absolute.Control == control);
+        EXPECT_TRUE(GetSecurityDescriptorDacl(&absolute, &present, &list, &defaulted) && list == nullptr);
+        EXPECT_TRUE(present == is && defaulted == (is & by));
+    }
+    EXPECT_FALSE(SetSecurityDescriptorOwner(image.data(), sid, FALSE)) << "a self-relative one";
     for (const size_t at : {4u, 0u}) {  // an owner inside the header, then an unknown revision
         image[at] = 8;
-        SetLastError(0);
         EXPECT_FALSE(GetSecurityDescriptorOwner(image.data(), &sid, &defaulted));
         EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_SECURITY_DESCR));
     }
 }
 
 TEST(Descriptor, CallsOnLists) {
-    Image bytes = newDacl;
-    auto* list = reinterpret_cast<PACL>(bytes.data());
+    const Exact bytes(newDacl);
+    auto* list = reinterpret_cast<PACL>(bytes.bytes.get());
     ACL_SIZE_INFORMATION sizes = {};
     LPVOID found = nullptr;
     const auto error = [](BOOL done) { return done != FALSE ? 0 : GetLastError(); };
     EXPECT_EQ(error(GetAclInformation(list, &sizes, 11, AclSizeInformation)), 122u);
     EXPECT_EQ(error(GetAclInformation(list, &sizes, 12, AclSizeInformation)), 0u);
-    EXPECT_EQ(sizes.AceCount, 2u);
-    EXPECT_EQ(sizes.AclBytesInUse + 13, bytes.size());
-    EXPECT_EQ(sizes.AclBytesFree, 13u);
+    EXPECT_TRUE(sizes.AceCount == 2 && sizes.AclBytesInUse + 13 == bytes.size && sizes.AclBytesFree == 13);
     EXPECT_EQ(error(GetAce(list, 2, &found)), 87u);
     EXPECT_EQ(error(GetAce(list, 1, &found)), 0u);
-    EXPECT_EQ(found, &bytes[8 + 24]);
-    bytes[8 + 2] = 0xF0;
-    EXPECT_EQ(error(GetAce(list, 1, &found)), 1336u);
-    EXPECT_EQ(error(GetAclInformation(list, &sizes, 12, AclSizeInformation)), 1336u);
+    EXPECT_EQ(found, bytes.bytes.get() + 8 + 24);
+    for (const size_t at : {8u + 24 + 9, 8u + 2}) {  // the SID beyond its entry, an entry beyond the list
+        bytes.bytes[at] = 0xF0;
+        EXPECT_EQ(error(GetAce(list, 1, &found)), 1336u);
+        EXPECT_EQ(error(GetAclInformation(list, &sizes, 12, AclSizeInformation)), 1336u);
+    }
 }
 
 TEST(Descriptor, QueryGivesTheParts) {
-    Image stored = descriptor(stranger, users, audits, oldDacl, 0x3C01);
+    Image stored = descriptor(stranger, users, audits, oldDacl, 0x3C01), image;
     stored.resize(stored.size() + 8, 0x5A);
-    const struct {
-        SECURITY_INFORMATION information;
-        uint16_t control;
-    } rows[] = {{1, 0x8001}, {2, 0x8000},          {4, 0x9404}, {8, 0xA810},
-                {7, 0x9405}, {0x80000004, 0x9404}, {0, 0x8000}};
-    for (const auto& row : rows) {
-        Image image;
-        ASSERT_EQ(descriptorQuery(stored, row.information, image), STATUS_SUCCESS);
-        EXPECT_EQ(controlOf(image), row.control) << row.information;
-        const auto part = [&](SECURITY_INFORMATION bit, const Image& bytes) {
-            return (row.information & bit) != 0 ? bytes : Image{};
-        };
-        EXPECT_EQ(partOf(image, 4, 28), part(1, sidFromText(stranger)));
-        EXPECT_EQ(partOf(image, 8, 16), part(2, sidFromText(users)));
-        EXPECT_EQ(partOf(image, 12, audits.size()), part(8, audits));
-        EXPECT_EQ(partOf(image, 16, oldDacl.size()), part(4, oldDacl));
+    // clang-format off
+    const std::pair<SECURITY_INFORMATION, uint16_t> rows[] = {
+        {0, 0x8000}, {1, 0x8001}, {2, 0x8000}, {4, 0x9404}, {8, 0xA810}, {7, 0x9405}, {0x80000004, 0x9404}};
+    // clang-format on
+    for (const auto& [parts, control] : rows) {
+        SCOPED_TRACE(parts);
+        ASSERT_EQ(descriptorQuery(stored, parts, image), STATUS_SUCCESS);
+        expectParts(image, (parts & 1) != 0 ? stranger : "", (parts & 2) != 0 ? users : "",
+                    (parts & 8) != 0 ? audits : Image{}, (parts & 4) != 0 ? oldDacl : Image{}, control);
     }
-    Image image;
     ASSERT_EQ(descriptorQuery(stored, 0xF, image), STATUS_SUCCESS);
     EXPECT_EQ(image, stored);
     stored[0] = 0;
@@ -117,37 +108,26 @@ TEST(Descriptor, QueryGivesTheParts) {
 TEST(Descriptor, SetKeepsWhatIsNotNamed) {
     setAccessMode(AccessMode::unrefused);
     const Image stored = descriptor(stranger, users, audits, oldDacl, 0x3C01);
-    const Exact given(descriptor(admins, everyone, {}, newDacl, 0x4708));
-    const struct {
-        std::string owner, group;
-        Image sacl, dacl;
-        SECURITY_INFORMATION information;
-        uint16_t control;
-    } rows[] = {
-        {admins, users, audits, oldDacl, 1, 0xBC14},
-        {stranger, users, audits, newDacl, 4, 0xAC1D},
-        {stranger, users, audits, newDacl, 0x80000004, 0xBC1D},
-        {admins, everyone, audits, newDacl, 7, 0xAC1C},
-        {stranger, users, {}, oldDacl, 8, 0x9405},
-        {admins, everyone, {}, newDacl, 0xF, 0xC40C},
-        {admins, everyone, {}, newDacl, 0x4000000F, 0xE40C},
+    Image given = descriptor(admins, everyone, {}, newDacl, 0x4708), image;
+    const std::tuple<SECURITY_INFORMATION, std::string, std::string, Image, Image, uint16_t> rows[] = {
+        // clang-format off
+        {1, admins, users, audits, oldDacl, 0xBC14},
+        {4, stranger, users, audits, newDacl, 0xAC1D},
+        {0x80000004, stranger, users, audits, newDacl, 0xBC1D},
+        {7, admins, everyone, audits, newDacl, 0xAC1C},
+        {8, stranger, users, {}, oldDacl, 0x9405},
+        {0x4000000F, admins, everyone, {}, newDacl, 0xE40C},
+        {0xF, admins, everyone, {}, newDacl, 0xC40C},
+        // clang-format on
     };
-    for (const auto& row : rows) {
-        Image image = stored;
-        ASSERT_EQ(descriptorSet(image, row.information, given.bytes.get(), image), STATUS_SUCCESS);
-        ASSERT_TRUE(descriptorValid(image));
-        EXPECT_EQ(controlOf(image), row.control) << std::hex << row.information;
-        EXPECT_EQ(partOf(image, 4, sidFromText(row.owner).size()), sidFromText(row.owner));
-        EXPECT_EQ(partOf(image, 8, sidFromText(row.group).size()), sidFromText(row.group));
-        EXPECT_EQ(partOf(image, 12, row.sacl.size()), row.sacl);
-        EXPECT_EQ(partOf(image, 16, row.dacl.size()), row.dacl);
-        if (row.information == 0xF) {
-            Image same(given.bytes.get(), given.bytes.get() + given.size);
-            same[3] = 0xC4;  // without the request bits
-            EXPECT_EQ(image, same) << "byte for byte";
-        }
+    for (const auto& [parts, owner, groupSid, sacl, dacl, control] : rows) {
+        SCOPED_TRACE(parts);
+        image = stored;
+        ASSERT_EQ(descriptorSet(image, parts, Exact(given).bytes.get(), image), STATUS_SUCCESS);
+        expectParts(image, owner, groupSid, sacl, dacl, control);
     }
-    Image image;
+    given[3] = 0xC4;  // without the request bits
+    EXPECT_EQ(image, given) << "byte for byte";
     ASSERT_EQ(descriptorSet(stored, 0x3000000C, Exact(stored).bytes.get(), image), STATUS_SUCCESS);
     EXPECT_EQ(controlOf(image), 0x8C15) << "unprotected";
 }
@@ -155,39 +135,31 @@ TEST(Descriptor, SetKeepsWhatIsNotNamed) {
 TEST(Descriptor, SetFromAnAbsoluteOne) {
     setAccessMode(AccessMode::checked);
     const Image stored = descriptor(stranger, users, audits, oldDacl, SE_DACL_PROTECTED | 0x40);
-    const auto set = [&](const std::string& owner, SECURITY_INFORMATION information, Image& image) {
+    Image image;
+    const auto set = [&](const std::string& owner, SECURITY_INFORMATION parts) {
         const Exact sid(sidFromText(owner));
         SECURITY_DESCRIPTOR absolute = {};
         EXPECT_TRUE(InitializeSecurityDescriptor(&absolute, 1));
         EXPECT_TRUE(SetSecurityDescriptorOwner(&absolute, sid.size == 0 ? nullptr : sid.bytes.get(), FALSE));
         EXPECT_TRUE(SetSecurityDescriptorDacl(&absolute, TRUE, nullptr, FALSE));
-        return descriptorSet(stored, information, &absolute, image);
+        return descriptorSet(stored, parts, &absolute, image);
     };
-    Image image;
     for (const std::string& owner : {self, admins}) {
-        ASSERT_EQ(set(owner, 5, image), STATUS_SUCCESS);
-        EXPECT_EQ(controlOf(image), 0x8054);
-        EXPECT_EQ(partOf(image, 4, sidFromText(owner).size()), sidFromText(owner));
-        EXPECT_EQ(partOf(image, 12, audits.size()), audits);
-        EXPECT_EQ(partOf(image, 16, 8), Image{}) << "a null list";
+        ASSERT_EQ(set(owner, 5), STATUS_SUCCESS);
+        expectParts(image, owner, users, audits, {}, 0x8054);
     }
     const Image before = image;
-    for (const std::string& owner : {stranger, everyone, std::string()}) {
-        EXPECT_EQ(set(owner, 1, image), STATUS_INVALID_OWNER) << owner;
-    }
+    for (const std::string& owner : {stranger, everyone, std::string()})
+        EXPECT_EQ(set(owner, 1), STATUS_INVALID_OWNER) << owner;
     EXPECT_EQ(image, before);
-    EXPECT_EQ(set(stranger, 4, image), STATUS_SUCCESS) << "the owner is not set";
+    EXPECT_EQ(set(stranger, 4), STATUS_SUCCESS) << "the owner is not set";
+    EXPECT_EQ(set(self, 2), STATUS_INVALID_SECURITY_DESCR) << "no group";
     EXPECT_EQ(descriptorSet(stored, 4, nullptr, image), STATUS_INVALID_SECURITY_DESCR);
-    EXPECT_EQ(set(self, 2, image), STATUS_INVALID_SECURITY_DESCR) << "no group";
-    HANDLE token = nullptr;
-    TOKEN_PRIVILEGES restore = {1, {{{restorePrivilege, 0}, SE_PRIVILEGE_ENABLED}}};
-    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, &token));
-    ASSERT_TRUE(AdjustTokenPrivileges(token, FALSE, &restore, sizeof restore, nullptr, nullptr));
-    CloseHandle(token);
-    EXPECT_EQ(set(stranger, 1, image), STATUS_SUCCESS);
-    EXPECT_EQ(set("", 1, image), STATUS_INVALID_OWNER);
+    EXPECT_EQ(enable(restorePrivilege), 0u);
+    EXPECT_EQ(set(stranger, 1), STATUS_SUCCESS);
+    EXPECT_EQ(set("", 1), STATUS_INVALID_OWNER);
     setAccessMode(AccessMode::unrefused);
-    EXPECT_EQ(set(stranger, 0xF, image), STATUS_SUCCESS);
+    EXPECT_EQ(set(stranger, 0xF), STATUS_SUCCESS);
     EXPECT_EQ(controlOf(image), 0x8004) << "nothing of the old one";
     EXPECT_EQ(accessToSet(0xF), WRITE_OWNER | WRITE_DAC | ACCESS_SYSTEM_SECURITY);
     EXPECT_EQ(accessToQuery(0x8), ACCESS_SYSTEM_SECURITY);
@@ -196,52 +168,112 @@ TEST(Descriptor, SetFromAnAbsoluteOne) {
 
 TEST(Descriptor, ChildInherits) {
     setAccessMode(AccessMode::checked);
+    const std::string creator = "S-1-3-0";
     const Image ofType = {2, 0, 0, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
-    const struct {
-        const char* name;
-        Image parent;
-        std::vector<Image> child;
-    } rows[] = {
+    const std::vector<Image> standard = {ace(0, 0, KEY_ALL_ACCESS, localSystem),
+                                         ace(0, 0, KEY_ALL_ACCESS, admins)};
+    const std::tuple<const char*, Image, std::vector<Image>> rows[] = {
+        // clang-format off
         {"container", ace(0, 2, 1, users), {ace(0, 0x12, 1, users)}},
         {"container and object", ace(1, 3, 1, users), {ace(1, 0x13, 1, users)}},
         {"inherit-only", ace(0, 0x0A, 1, users), {ace(0, 0x12, 1, users)}},
         {"not further", ace(0, 6, 1, users), {ace(0, 0x10, 1, users)}},
         {"object", ace(0, 1, 1, users), {ace(0, 0x19, 1, users)}},
-        {"object, not further", ace(0, 5, 1, users), {}},
-        {"not inheritable", ace(0, 0, 1, users), {}},
-        {"generic",
-         ace(0, 3, GENERIC_READ, users),
+        {"object, not further", ace(0, 5, 1, users), standard},
+        {"not inheritable", ace(0, 0, 1, users), standard},
+        {"generic", ace(0, 3, GENERIC_READ, users),
          {ace(0, 0x10, KEY_READ, users), ace(0, 0x1B, GENERIC_READ, users)}},
         {"generic, not further", ace(0, 6, GENERIC_READ, users), {ace(0, 0x10, KEY_READ, users)}},
-        {"creator", ace(0, 0x0B, 7, "S-1-3-0"), {ace(0, 0x10, 7, admins), ace(0, 0x1B, 7, "S-1-3-0")}},
-        {"creator's group", ace(0, 6, 7, "S-1-3-1"), {ace(0, 0x10, 7, "S-1-5-21-1-2-3-513")}},
+        {"creator", ace(0, 0x0B, 7, creator), {ace(0, 0x10, 7, admins), ace(0, 0x1B, 7, creator)}},
+        {"creator's group", ace(0, 6, 7, "S-1-3-1"), {ace(0, 0x10, 7, group)}},
         {"one type", ace(5, 2, 7, users, ofType), {ace(5, 0x1A, 7, users, ofType)}},
         {"unknown type", Image{99, 2, 4, 0}, {Image{99, 0x12, 4, 0}}},
+        // clang-format on
     };
-    for (const auto& row : rows) {
-        Image child;
-        const Image parent =
-            descriptor(stranger, stranger, {}, acl({row.parent, ace(0, 0, 1, stranger)}), 0x1000);
-        ASSERT_EQ(descriptorForChild(parent, keyMapping, child), STATUS_SUCCESS);
-        ASSERT_TRUE(descriptorValid(child));
-        const Image expected =
-            acl(!row.child.empty() ? row.child
-                                   : std::vector<Image>{ace(0, 0, KEY_ALL_ACCESS, localSystem),
-                                                        ace(0, 0, KEY_ALL_ACCESS, admins)});
-        EXPECT_EQ(partOf(child, 16, expected.size()), expected) << row.name;
-        EXPECT_EQ(controlOf(child), row.child.empty() ? 0x8004 : 0x8404) << row.name;
-        EXPECT_EQ(partOf(child, 4, 16), sidFromText(admins));
-        EXPECT_EQ(partOf(child, 8, 28), sidFromText("S-1-5-21-1-2-3-513"));
-    }
     Image child;
+    for (const auto& [name, parent, entries] : rows) {
+        SCOPED_TRACE(name);
+        const Image dacl = acl({parent, ace(0, 0, 1, stranger)});
+        ASSERT_EQ(descriptorForChild(descriptor(stranger, stranger, {}, dacl, 0x1000), keyMapping, child), 0);
+        expectParts(child, admins, group, {}, acl(entries), entries == standard ? 0x8004 : 0x8404);
+    }
     ASSERT_EQ(descriptorForChild(descriptor(admins, admins, audits, {}), keyMapping, child), STATUS_SUCCESS);
-    EXPECT_EQ(partOf(child, 12, audits.size()), acl({ace(2, 0xD3, 3, everyone)}));
-    EXPECT_EQ(controlOf(child), 0x8814);
+    expectParts(child, admins, group, acl({ace(2, 0xD3, 3, everyone)}), acl(standard), 0x8814);
 
     // A list that is full of entries which become two each outgrows the size of a list.
-    const Image creator = ace(0, 0x0B, 7, "S-1-3-0");
-    const Image full = descriptor(admins, admins, {}, acl(std::vector<Image>(3000, creator)));
+    const Image full =
+        descriptor(admins, admins, {}, acl(std::vector<Image>(3000, ace(0, 0x0B, 7, creator))));
     EXPECT_EQ(descriptorForChild(full, keyMapping, child), STATUS_INVALID_ACL);
+}
+
+/* ---- Bent ones ---- */
+
+std::vector<Image> shapes() {
+    Image object(36);
+    object[0] = 3;
+    const Image dacl =
+        acl({ace(0, 0x13, 0x1F01FF, admins), ace(1, 0, 1, stranger), ace(0, 0x0B, GENERIC_ALL, "S-1-3-0"),
+             ace(5, 2, 1, users, object), ace(9, 0, 1, everyone)},
+            24);
+    const Image sacl = acl({ace(2, 0xC2, 0x1301BF, stranger), ace(0x11, 0, 1, "S-1-16-8192")});
+    Image shared = descriptor(stranger, "", sacl, {}, SE_DACL_PRESENT);
+    memcpy(&shared[8], &shared[4], 4);    // the group is the owner
+    memcpy(&shared[16], &shared[12], 4);  // and one list serves for both
+    return {descriptor(stranger, users, sacl, dacl, 0x0C00),
+            descriptor(self, admins, {}, dacl, SE_DACL_PROTECTED),
+            descriptor("", "", {}, {}, SE_DACL_PRESENT), descriptor(admins, "", acl({}), acl({}, 8)), shared};
+}
+
+TEST(Hostile, BentBytes) {
+    setAccessMode(AccessMode::unrefused);
+    std::mt19937 random(20240229);
+    int valid = 0, refused = 0;
+    for (const Image& shape : shapes()) {
+        EXPECT_TRUE(descriptorValid(shape) && exercise(shape));
+        for (size_t size = 0; size < shape.size(); size++) {
+            const Image cut(shape.begin(), shape.begin() + static_cast<ptrdiff_t>(size));
+            EXPECT_TRUE(exercise(cut) && !descriptorValid(cut)) << size;
+        }
+        for (int round = 0; round < 8000; round++) {
+            Image bent = shape;
+            for (auto flips = 1 + random() % 3; flips > 0; flips--) {
+                // Half of the blows fall on the header, whose offsets rule everything else.
+                uint8_t& byte = bent[random() % (random() % 2 == 0 ? 20 : bent.size())];
+                byte = static_cast<uint8_t>(random() % 2 == 0 ? random() : 4 * (random() % 64));
+            }
+            if (round % 8 == 0) bent.resize(random() % (bent.size() + 1));
+            (descriptorValid(bent) ? valid : refused)++;
+            ASSERT_TRUE(exercise(bent)) << round;
+        }
+    }
+    EXPECT_TRUE(valid > 2000 && refused > 2000);
+}
+
+TEST(Hostile, OneRuleEach) {
+    Image good = descriptor(stranger, users, {}, acl({ace(0, 0, 1, admins), ace(0, 0, 1, users)}, 4));
+    const size_t list = good[16];
+    const auto off = static_cast<uint8_t>(good.size() + 2);  // a whole SID where none may begin
+    good.resize(off);
+    put(good, sidFromText(admins));
+    const std::pair<const char*, std::vector<std::pair<size_t, size_t>>> rows[] = {
+        // clang-format off
+        {"revision", {{0, 2}}}, {"not self-relative", {{3, 0}}}, {"sub-authorities", {{21, 16}}},
+        {"owner inside the header", {{4, 12}, {12, 1}}}, {"owner off by two", {{4, off}}},
+        {"owner behind the end", {{5, 1}}}, {"owner across the group", {{21, 6}}},
+        {"owner inside the list", {{4, list + 16}}}, {"group is the list", {{8, list}}},
+        {"list revision below", {{list, 1}}}, {"list revision above", {{list, 5}}},
+        {"list behind the end", {{list + 2, 0xFF}}}, {"list below its header", {{list + 2, 4}}},
+        {"one entry too many", {{list + 4, 3}}}, {"entry of no size", {{list + 10, 0}}},
+        {"entry of an odd size", {{list + 8 + 24 + 2, 26}}}, {"entry below its SID", {{list + 10, 12}}},
+        {"SID beyond its entry", {{list + 17, 15}}},
+        // clang-format on
+    };
+    ASSERT_TRUE(descriptorValid(good));
+    for (const auto& [name, bytes] : rows) {
+        Image bad = good;
+        for (const auto& [at, value] : bytes) bad[at] = static_cast<uint8_t>(value);
+        EXPECT_FALSE(descriptorValid(bad)) << name;
+    }
 }
 
 } /* namespace */

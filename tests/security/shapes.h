@@ -12,10 +12,14 @@
 using Image = std::vector<uint8_t>;
 
 inline const std::string admins = "S-1-5-32-544", localSystem = "S-1-5-18", users = "S-1-5-32-545",
-                         everyone = "S-1-1-0", stranger = "S-1-5-21-7-8-9-1001", self = "S-1-5-21-1-2-3-500";
+                         everyone = "S-1-1-0", stranger = "S-1-5-21-7-8-9-1001", self = "S-1-5-21-1-2-3-500",
+                         group = "S-1-5-21-1-2-3-513";
 
 inline void put(Image& image, uint64_t value, size_t bytes) {
     for (size_t i = 0; i < bytes; i++) image.push_back(static_cast<uint8_t>(value >> (8 * i)));
+}
+inline void put(Image& image, const Image& more) {
+    image.insert(image.end(), more.begin(), more.end());
 }
 
 /* extra: bytes between mask and SID, as in entries about typed objects. */
@@ -25,37 +29,34 @@ inline Image ace(uint8_t type, uint8_t flags, uint32_t mask, const std::string& 
     Image image = {type, flags};
     put(image, 8 + extra.size() + sid.size(), 2);
     put(image, mask, 4);
-    image.insert(image.end(), extra.begin(), extra.end());
-    image.insert(image.end(), sid.begin(), sid.end());
+    put(image, extra);
+    put(image, sid);
     return image;
 }
 
 inline Image acl(const std::vector<Image>& aces, size_t freeRoom = 0) {
-    Image body;
-    for (const Image& one : aces) body.insert(body.end(), one.begin(), one.end());
+    Image body, image = {2, 0};
+    for (const Image& one : aces) put(body, one);
     body.resize(body.size() + freeRoom);
-    Image image = {2, 0};
     put(image, 8 + body.size(), 2);
-    put(image, aces.size(), 2);
-    put(image, 0, 2);
-    image.insert(image.end(), body.begin(), body.end());
+    put(image, aces.size(), 4);
+    put(image, body);
     return image;
 }
 
 /* The parts in the order of their fields (not that of the platform); an empty list is one that is absent. */
-inline Image descriptor(const std::string& owner, const std::string& group, const Image& sacl,
+inline Image descriptor(const std::string& owner, const std::string& groupSid, const Image& sacl,
                         const Image& dacl, uint16_t control = 0) {
-    const Image parts[] = {offline::sidFromText(owner), offline::sidFromText(group), sacl, dacl};
-    if (!sacl.empty()) control |= SE_SACL_PRESENT;
-    if (!dacl.empty()) control |= SE_DACL_PRESENT;
-    Image head = {1, 0};
-    Image body;
-    put(head, control | SE_SELF_RELATIVE, 2);
-    for (const Image& part : parts) {
+    Image head = {1, 0}, body;
+    put(head,
+        control | SE_SELF_RELATIVE | (sacl.empty() ? 0 : SE_SACL_PRESENT) |
+            (dacl.empty() ? 0 : SE_DACL_PRESENT),
+        2);
+    for (const Image& part : {offline::sidFromText(owner), offline::sidFromText(groupSid), sacl, dacl}) {
         put(head, part.empty() ? 0 : 20 + body.size(), 4);
-        body.insert(body.end(), part.begin(), part.end());
+        put(body, part);
     }
-    head.insert(head.end(), body.begin(), body.end());
+    put(head, body);
     return head;
 }
 
@@ -69,55 +70,64 @@ struct Exact {
     std::span<const uint8_t> span() const { return {bytes.get(), size}; }
 };
 
-/* What a caller's walk saw. */
-struct Walk {
-    int failures = 0; /* calls that failed */
-    std::vector<std::string> sids;
-};
-
-inline void visitSid(Walk& walk, uint8_t* sid, bool patch) {
-    LPSTR text = nullptr;
-    walk.failures += ConvertSidToStringSidA(sid, &text) == FALSE;
-    if (text != nullptr) walk.sids.emplace_back(text);
-    LocalFree(text);
-    if (patch) memset(sid + 8, 0xFF, size_t{sid[1]} * 4);  // the most hostile numbers an account can have
+/* Sets attributes of privileges by their LUIDs; the last error. */
+inline DWORD adjust(HANDLE token, const std::vector<std::pair<uint64_t, DWORD>>& changes) {
+    Image state;
+    put(state, changes.size(), 4);
+    for (const auto& [luid, attributes] : changes) {
+        put(state, luid, 8);
+        put(state, attributes, 4);
+    }
+    const Exact exact(state);
+    auto* const privileges = reinterpret_cast<PTOKEN_PRIVILEGES>(exact.bytes.get());
+    SetLastError(77);
+    const BOOL done = AdjustTokenPrivileges(token, FALSE, privileges, 16, nullptr, nullptr);
+    const DWORD error = GetLastError();
+    return done == (error == 0 || error == ERROR_NOT_ALL_ASSIGNED ? TRUE : FALSE) ? error : 0xDEAD;
 }
 
-inline void visitAcl(Walk& walk, PACL list, bool patch) {
-    ACL_SIZE_INFORMATION sizes = {};
-    if (GetAclInformation(list, &sizes, sizeof sizes, AclSizeInformation) == FALSE) {
-        walk.failures++;
-        return;
-    }
-    for (DWORD i = sizes.AceCount; i-- > 0;) {
-        LPVOID found = nullptr;
-        if (GetAce(list, i, &found) == FALSE) {
-            walk.failures++;
-            return;
-        }
-        auto* bytes = static_cast<uint8_t*>(found);
-        if (bytes[0] <= SYSTEM_ALARM_ACE_TYPE) visitSid(walk, bytes + 8, patch);
-    }
+inline HANDLE openToken(DWORD access) {
+    HANDLE token = nullptr;
+    return OpenProcessToken(GetCurrentProcess(), access, &token) ? token : nullptr;
+}
+
+inline DWORD enable(uint64_t luid) {
+    HANDLE token = openToken(TOKEN_ADJUST_PRIVILEGES);
+    const DWORD error = adjust(token, {{luid, SE_PRIVILEGE_ENABLED}});
+    CloseHandle(token);
+    return error;
 }
 
 /* Owner, group, rights and audits of an image by the platform's calls, patched in place when asked to be. */
-inline Walk walkDescriptor(uint8_t* image, bool patch) {
-    Walk walk;
-    PSID owner = nullptr;
-    PSID group = nullptr;
-    PACL dacl = nullptr;
-    PACL sacl = nullptr;
+inline bool visit(uint8_t* image, bool patch) {
+    std::vector<void*> sids(2);
+    PACL lists[2] = {};
     BOOL flag = FALSE;
-    BOOL present = FALSE;
-    walk.failures += GetSecurityDescriptorOwner(image, &owner, &flag) == FALSE;
-    walk.failures += GetSecurityDescriptorGroup(image, &group, &flag) == FALSE;
-    walk.failures += GetSecurityDescriptorDacl(image, &present, &dacl, &flag) == FALSE;
-    walk.failures += GetSecurityDescriptorSacl(image, &present, &sacl, &flag) == FALSE;
-    if (dacl != nullptr) visitAcl(walk, dacl, patch);
-    if (sacl != nullptr) visitAcl(walk, sacl, patch);
-    if (owner != nullptr) visitSid(walk, static_cast<uint8_t*>(owner), patch);
-    if (group != nullptr) visitSid(walk, static_cast<uint8_t*>(group), patch);
-    return walk;
+    if (!GetSecurityDescriptorOwner(image, &sids[0], &flag) ||
+        !GetSecurityDescriptorGroup(image, &sids[1], &flag) ||
+        !GetSecurityDescriptorDacl(image, &flag, &lists[0], &flag) ||
+        !GetSecurityDescriptorSacl(image, &flag, &lists[1], &flag))
+        return false;
+    for (PACL list : lists) {
+        ACL_SIZE_INFORMATION sizes = {};
+        if (list != nullptr && !GetAclInformation(list, &sizes, sizeof sizes, AclSizeInformation))
+            return false;
+        for (DWORD i = sizes.AceCount; i-- > 0;) {
+            LPVOID ace = nullptr;
+            if (!GetAce(list, i, &ace)) return false;
+            auto* bytes = static_cast<uint8_t*>(ace);
+            if (bytes[0] <= SYSTEM_ALARM_ACE_TYPE) sids.push_back(bytes + 8);
+        }
+    }
+    for (void* sid : sids) {
+        LPSTR text = nullptr;
+        if (sid != nullptr && !ConvertSidToStringSidA(sid, &text)) return false;
+        LocalFree(text);
+        auto* bytes = static_cast<uint8_t*>(sid);
+        if (sid != nullptr && patch)
+            memset(bytes + 8, 0xFF, size_t{bytes[1]} * 4);  // the most hostile numbers
+    }
+    return true;
 }
 
 /* Everything that a descriptor from a disk goes through. False when a promise is broken. */
@@ -129,20 +139,13 @@ inline bool exercise(const Image& bytes) {
     if (valid != (length != 0) || length > image.size) return false;
     ACCESS_MASK granted = 0;
     (void)accessCheck(image.span(), MAXIMUM_ALLOWED, fileMapping, granted);
-    for (const SECURITY_INFORMATION part : {0x1u, 0x6u, 0x7u, 0x8u, 0xFu}) {
-        std::vector<uint8_t> out;
-        if ((descriptorQuery(image.span(), part, out) >= 0) != valid) return false;
-        if (valid && !descriptorValid(out)) return false;
-    }
-    std::vector<uint8_t> child;
-    if (descriptorForChild(image.span(), keyMapping, child) >= 0 && !descriptorValid(child)) return false;
+    Image out;
+    for (const SECURITY_INFORMATION part : {0x1u, 0x6u, 0x7u, 0x8u, 0xFu})
+        if ((descriptorQuery(image.span(), part, out) >= 0 && descriptorValid(out)) != valid) return false;
+    if (descriptorForChild(image.span(), keyMapping, out) >= 0 && !descriptorValid(out)) return false;
     if (!valid) return true;
-
-    std::vector<uint8_t> stored;
-    if (descriptorSet(image.span(), 0x80000007, image.bytes.get(), stored) < 0 || !descriptorValid(stored))
-        return false;
-    return walkDescriptor(image.bytes.get(), true).failures == 0 && descriptorValid(image.span()) &&
-           walkDescriptor(image.bytes.get(), false).failures == 0;
+    return descriptorSet(image.span(), 0x80000007, image.bytes.get(), out) >= 0 && descriptorValid(out) &&
+           visit(image.bytes.get(), true) && descriptorValid(image.span()) && visit(image.bytes.get(), false);
 }
 
 #endif

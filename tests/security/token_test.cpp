@@ -1,3 +1,4 @@
+/* SIDs and the token. */
 #include <gtest/gtest.h>
 
 #include "tests/security/shapes.h"
@@ -6,68 +7,83 @@ namespace {
 
 using namespace offline;
 
-struct TokenTest : testing::Test {
-    HANDLE token = nullptr;
-    void SetUp() override {
-        setAccessMode(AccessMode::checked);
-        ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY | TOKEN_ADJUST_PRIVILEGES, &token));
+TEST(Sid, TextBothWays) {
+    const std::pair<const char*, Image> rows[] = {
+        {"S-1-0", {1, 0, 0, 0, 0, 0, 0, 0}},
+        {"S-1-5-18", {1, 1, 0, 0, 0, 0, 0, 5, 18, 0, 0, 0}},
+        {"S-1-5-32-4294967295", {1, 2, 0, 0, 0, 0, 0, 5, 32, 0, 0, 0, 255, 255, 255, 255}},
+        {"S-1-4294967295-1", {1, 1, 0, 0, 255, 255, 255, 255, 1, 0, 0, 0}},
+        {"S-1-0x000100000000-1", {1, 1, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0}},
+        {"S-1-0xffffffffffff", {1, 0, 255, 255, 255, 255, 255, 255}},
+    };
+    for (const auto& [text, bytes] : rows) {
+        EXPECT_EQ(sidToText(bytes), text);
+        EXPECT_EQ(sidFromText(text), bytes) << text;
     }
-    void TearDown() override { CloseHandle(token); }
+    for (const char* text :
+         {"", "S", "S-", "S-1", "S-1-", "S-2-5", "T-1-5", "S-1-5-", "S-1-5--3", "S-1-5- 3", "S-1-5-+3",
+          "S-1-5-4294967296", "S-1-0x1000000000000", "S-1-5-0x", "S-1-5-1x", "S-1-5-1 ",
+          "S-1-5-99999999999999999999", "S-1-5-1-2-3-4-5-6-7-8-9-10-11-12-13-14-15-16"}) {
+        EXPECT_TRUE(sidFromText(text).empty()) << text;
+    }
+}
 
-    DWORD adjust(HANDLE handle, const std::vector<std::pair<uint64_t, DWORD>>& changes) {
-        Image state;
-        put(state, changes.size(), 4);
-        for (const auto& [luid, attributes] : changes) {
-            put(state, luid, 8);
-            put(state, attributes, 4);
-        }
-        const Exact exact(state);
-        SetLastError(77);
-        const BOOL done = AdjustTokenPrivileges(
-            handle, FALSE, reinterpret_cast<PTOKEN_PRIVILEGES>(exact.bytes.get()), 16, nullptr, nullptr);
-        const DWORD error = GetLastError();
-        EXPECT_EQ(done == TRUE, error == 0 || error == ERROR_NOT_ALL_ASSIGNED);
-        return error;
+TEST(Sid, CallsTakeExactlyTheSidsOwnBytes) {
+    Image longest = sidFromText("S-1-0xfedcba987654");
+    longest[1] = 15;
+    longest.resize(8 + 15 * 4, 0xFF);
+    LPWSTR wide = nullptr;
+    ASSERT_TRUE(ConvertSidToStringSidW(Exact(longest).bytes.get(), &wide));
+    const std::u16string text = wide;
+    EXPECT_EQ(text.size(), 18 + 15 * 11u);
+    EXPECT_TRUE(text.starts_with(u"S-1-0xfedcba987654-4294967295-"));
+    EXPECT_EQ(LocalFree(wide), nullptr);
+
+    longest[1] = 16;
+    longest.resize(8 + 16 * 4);
+    for (const Image& bad : {Image{2, 1, 0, 0, 0, 0, 0, 5, 1, 0, 0, 0}, Image{1, 16}, longest}) {
+        LPSTR none = nullptr;
+        EXPECT_FALSE(ConvertSidToStringSidA(Exact(bad).bytes.get(), &none));
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_SID));
     }
+}
+
+struct TokenTest : testing::Test {
+    HANDLE token = openToken(TOKEN_QUERY | TOKEN_ADJUST_PRIVILEGES);
+    TokenTest() { setAccessMode(AccessMode::checked); }
+    ~TokenTest() override { CloseHandle(token); }
 };
 
 TEST_F(TokenTest, RecordsPointBehindThemselves) {
-    const struct {
-        AccessMode mode;
-        TOKEN_INFORMATION_CLASS infoClass;
-        DWORD size;
-        std::string sid;
-    } rows[] = {{AccessMode::checked, TokenUser, 44, self},
-                {AccessMode::checked, TokenOwner, 24, admins},
-                {AccessMode::unrefused, TokenUser, 28, localSystem}};
-    for (const auto& row : rows) {
-        setAccessMode(row.mode);
-        const Exact buffer(Image(row.size, 0xAA));
+    const std::tuple<AccessMode, TOKEN_INFORMATION_CLASS, DWORD, std::string> rows[] = {
+        {AccessMode::checked, TokenUser, 44, self},
+        {AccessMode::checked, TokenOwner, 24, admins},
+        {AccessMode::unrefused, TokenUser, 28, localSystem}};
+    for (const auto& [mode, infoClass, size, expected] : rows) {
+        setAccessMode(mode);
+        const Exact buffer(Image(size, 0xAA));
         DWORD length = 0;
-        EXPECT_FALSE(GetTokenInformation(token, row.infoClass, buffer.bytes.get(), row.size - 1, &length));
+        EXPECT_FALSE(GetTokenInformation(token, infoClass, buffer.bytes.get(), size - 1, &length));
         EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
-        EXPECT_EQ(length, row.size);
-        EXPECT_EQ(buffer.bytes[0], 0xAA);
-        ASSERT_TRUE(GetTokenInformation(token, row.infoClass, buffer.bytes.get(), row.size, &length));
+        EXPECT_TRUE(length == size && buffer.bytes[0] == 0xAA);
+        ASSERT_TRUE(GetTokenInformation(token, infoClass, buffer.bytes.get(), size, &length));
+        const size_t head = infoClass == TokenUser ? 16 : 8;
         uint8_t* sid = nullptr;
         memcpy(&sid, buffer.bytes.get(), sizeof sid);
-        ASSERT_EQ(sid, buffer.bytes.get() + (row.infoClass == TokenUser ? 16 : 8));
-        EXPECT_EQ(sidToText({sid, static_cast<size_t>(buffer.bytes.get() + row.size - sid)}), row.sid);
+        EXPECT_EQ(sid, buffer.bytes.get() + head);
+        EXPECT_EQ(sidToText(buffer.span().subspan(head)), expected);
     }
 }
 
 TEST_F(TokenTest, PrivilegeNames) {
-    const std::pair<const char16_t*, DWORD> rows[] = {{u"SeCreateTokenPrivilege", 2},
-                                                      {u"SeSecurityPrivilege", 8},
-                                                      {u"SeTakeOwnershipPrivilege", 9},
-                                                      {u"sebackupprivilege", 17},
-                                                      {u"SERESTOREPRIVILEGE", 18},
-                                                      {u"SeShutdownPrivilege", 19},
-                                                      {u"SeChangeNotifyPrivilege", 23},
-                                                      {u"SeCreateSymbolicLinkPrivilege", 35},
-                                                      {u"", 0},
-                                                      {u"SeShutdown", 0},
-                                                      {u"SeShutdownPrivilegeX", 0}};
+    const std::pair<const char16_t*, DWORD> rows[] = {
+        // clang-format off
+        {u"SeCreateTokenPrivilege", 2}, {u"SeSecurityPrivilege", 8}, {u"SeTakeOwnershipPrivilege", 9},
+        {u"sebackupprivilege", 17}, {u"SERESTOREPRIVILEGE", 18}, {u"SeShutdownPrivilege", 19},
+        {u"SeChangeNotifyPrivilege", 23}, {u"SeCreateSymbolicLinkPrivilege", 35},
+        {u"", 0}, {u"SeShutdown", 0}, {u"SeShutdownPrivilegeX", 0},
+        // clang-format on
+    };
     for (const auto& [name, number] : rows) {
         LUID luid = {0, 0};
         EXPECT_EQ(LookupPrivilegeValueW(nullptr, name, &luid), number != 0 ? TRUE : FALSE);
@@ -77,23 +93,26 @@ TEST_F(TokenTest, PrivilegeNames) {
 }
 
 TEST_F(TokenTest, AdjustsPrivileges) {
-    EXPECT_FALSE(privilegeEnabled(backupPrivilege));
     EXPECT_TRUE(privilegeEnabled(23));
-    EXPECT_EQ(adjust(token, {{backupPrivilege, 2}, {restorePrivilege, 2}}), 0u);
-    EXPECT_TRUE(privilegeEnabled(backupPrivilege) && privilegeEnabled(restorePrivilege));
-    EXPECT_EQ(adjust(token, {{backupPrivilege, 0}}), 0u);
-    EXPECT_FALSE(privilegeEnabled(backupPrivilege));
-    EXPECT_EQ(adjust(token, {{backupPrivilege, 2}, {backupPrivilege, 0}}), 0u) << "the last one holds";
-    EXPECT_FALSE(privilegeEnabled(backupPrivilege));
-
     removePrivilege(shutdownPrivilege);
-    EXPECT_EQ(adjust(token, {{shutdownPrivilege, 2}, {securityPrivilege, 2}}), 1300u);
-    EXPECT_FALSE(privilegeEnabled(shutdownPrivilege));
-    EXPECT_TRUE(privilegeEnabled(securityPrivilege));
-    for (const uint64_t none : {0ull, 1ull, 36ull, 0xFFFFFFFFull, 0x100000011ull})
-        EXPECT_EQ(adjust(token, {{none, 2}}), 1300u);
-    EXPECT_EQ(adjust(token, {{securityPrivilege, 4}}), 0u);
-    EXPECT_EQ(adjust(token, {{securityPrivilege, 2}}), 1300u) << "removed for good";
+    const std::tuple<std::vector<std::pair<uint64_t, DWORD>>, DWORD, uint32_t, uint32_t> rows[] = {
+        // clang-format off
+        /* changes, error, one that is enabled afterwards and one that is not */
+        {{}, 0, 23, backupPrivilege},
+        {{{backupPrivilege, 2}, {restorePrivilege, 2}}, 0, backupPrivilege, securityPrivilege},
+        {{{backupPrivilege, 0}}, 0, restorePrivilege, backupPrivilege},
+        {{{backupPrivilege, 2}, {backupPrivilege, 0}}, 0, restorePrivilege, backupPrivilege},
+        {{{shutdownPrivilege, 2}, {securityPrivilege, 2}}, 1300, securityPrivilege, shutdownPrivilege},
+        {{{0, 2}}, 1300, 23, 0}, {{{1, 2}}, 1300, 23, 1}, {{{36, 2}}, 1300, 23, 36},
+        {{{UINT32_MAX, 2}}, 1300, 23, UINT32_MAX}, {{{0x100000011, 2}}, 1300, 23, backupPrivilege},
+        {{{securityPrivilege, 6}}, 0, 23, securityPrivilege}, /* removed for good */
+        {{{securityPrivilege, 2}}, 1300, 23, securityPrivilege},
+        // clang-format on
+    };
+    for (const auto& [changes, error, enabled, disabled] : rows) {
+        EXPECT_EQ(adjust(token, changes), error);
+        EXPECT_TRUE(privilegeEnabled(enabled) && !privilegeEnabled(disabled)) << enabled << " " << disabled;
+    }
 
     struct {
         DWORD count;
@@ -103,37 +122,29 @@ TEST_F(TokenTest, AdjustsPrivileges) {
     DWORD length = 0;
     EXPECT_FALSE(AdjustTokenPrivileges(token, TRUE, nullptr, 16, previous, &length));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
-    EXPECT_EQ(length, 4 + 2 * 12u);
-    EXPECT_TRUE(privilegeEnabled(restorePrivilege)) << "nothing changed";
+    EXPECT_TRUE(length == 4 + 2 * 12 && privilegeEnabled(restorePrivilege)) << "nothing changed";
     EXPECT_TRUE(AdjustTokenPrivileges(token, TRUE, nullptr, sizeof before, previous, &length));
-    EXPECT_EQ(before.count, 2u);
-    EXPECT_EQ(before.entries[0].Luid.LowPart, restorePrivilege);
+    EXPECT_TRUE(before.count == 2 && before.entries[0].Luid.LowPart == restorePrivilege);
     EXPECT_EQ(before.entries[0].Attributes, SE_PRIVILEGE_ENABLED);
     EXPECT_FALSE(privilegeEnabled(restorePrivilege) || privilegeEnabled(23));
 }
 
 TEST_F(TokenTest, Refuses) {
-    HANDLE query = nullptr;
-    HANDLE adjustOnly = nullptr;
-    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &query));
-    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, &adjustOnly));
-    EXPECT_EQ(adjust(query, {{backupPrivilege, 2}}), 5u);
-    DWORD length = 0;
+    HANDLE query = openToken(TOKEN_QUERY), adjustOnly = openToken(TOKEN_ADJUST_PRIVILEGES);
+    DWORD length = 0, tooMany = 61;
     EXPECT_FALSE(GetTokenInformation(adjustOnly, TokenUser, nullptr, 0, &length));
     EXPECT_EQ(GetLastError(), 5u);
+    EXPECT_EQ(adjust(query, {{backupPrivilege, 2}}), 5u);
     CloseHandle(query);
     CloseHandle(adjustOnly);
     EXPECT_EQ(adjust(query, {{backupPrivilege, 2}}), 6u) << "closed";
     EXPECT_EQ(adjust(GetCurrentProcess(), {{backupPrivilege, 2}}), 6u);
     EXPECT_FALSE(privilegeEnabled(backupPrivilege));
-    EXPECT_FALSE(OpenProcessToken(nullptr, TOKEN_QUERY, &query));
-    EXPECT_EQ(GetLastError(), 6u);
-    DWORD tooMany = 61;
-    EXPECT_FALSE(AdjustTokenPrivileges(token, FALSE, reinterpret_cast<PTOKEN_PRIVILEGES>(&tooMany), 16,
-                                       nullptr, nullptr));
-    EXPECT_EQ(GetLastError(), 87u);
-    EXPECT_FALSE(AdjustTokenPrivileges(token, FALSE, nullptr, 16, nullptr, nullptr));
-    EXPECT_EQ(GetLastError(), 87u);
+    for (DWORD* state : {&tooMany, static_cast<DWORD*>(nullptr)}) {
+        auto* const privileges = reinterpret_cast<PTOKEN_PRIVILEGES>(state);
+        EXPECT_FALSE(AdjustTokenPrivileges(token, FALSE, privileges, 16, nullptr, nullptr));
+        EXPECT_EQ(GetLastError(), 87u);
+    }
 }
 
 } /* namespace */
