@@ -18,7 +18,7 @@ struct _profile {
 /* Appends text within the room; what does not fit is cut. */
 static void _append(WCHAR* target, const WCHAR* text) {
     size_t length = wideLength(target);
-    while (*text != 0 && length < nameRoom - 1) target[length++] = *text++;
+    while (*text != 0 && length < nameRoom) target[length++] = *text++;
     target[length] = 0;
 }
 
@@ -43,6 +43,7 @@ static bool _readImagePath(HKEY key, _profile* profile) {
 /* The hive file's path from the image path: that of a directory gets the file name, and so does one whose
  * attributes can't be read. */
 static void _makeNames(_profile* profile) {
+    profile->hivePath[0] = 0;  // or a call that fails would leave the last profile's
     ExpandEnvironmentStringsW(profile->imagePath, profile->hivePath, nameRoom);
     if ((GetFileAttributesW(profile->hivePath) & FILE_ATTRIBUTE_DIRECTORY) != 0) {
         _append(profile->hivePath, TEXT("\\ntuser.dat"));

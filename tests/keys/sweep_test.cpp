@@ -117,7 +117,7 @@ struct Profiles : Sweep {
 
 /* One profile, by its stored path and by what fails. */
 TEST_F(Profiles, Each) {
-    const std::u16string nul(1, u'\0'), longest = u"C:\\" + std::u16string(255, 'y');
+    const std::u16string nul(1, u'\0'), room = u"C:\\" + std::u16string(257, 'y');  // 260
     const std::u16string file = u"C:\\Users\\p\\ntuser.dat";
     const std::string done = "loaded User.P <- C:\\Users\\p/n in User.P |";
     constexpr NTSTATUS missing = STATUS_OBJECT_NAME_NOT_FOUND;
@@ -135,9 +135,14 @@ TEST_F(Profiles, Each) {
         {REG_EXPAND_SZ, u"C:\\p.man" + nul, "loaded User.P <- C:\\p.man in User.P ||0", u"C:\\p.man"},
         {REG_SZ, u"C:\\no" + nul, "|RegLoadKey(User.P, C:\\no/n) 2 |0", u"C:\\no\\ntuser.dat", missing},
         {REG_SZ, u"C:\\Users\\p" + nul, "||0", file, STATUS_SHARING_VIOLATION},
-        {REG_SZ, longest + nul, "|RegLoadKey(User.P, " + toUtf8(longest) + "\\) 2 |0", longest + u"\\",
-         missing},
-        {REG_SZ, longest + u"yy" + nul, "|RegQueryValueEx(LIST\\P) 234 |0", u""},
+        {REG_SZ, room.substr(0, 249) + nul,
+         "loaded User.P <- " + toUtf8(room.substr(0, 249)) + "/n in User.P ||0",
+         room.substr(0, 249) + u"\\ntuser.dat"},
+        {REG_SZ, room.substr(0, 250) + nul,
+         "|RegLoadKey(User.P, " + toUtf8(room.substr(0, 250)) + "\\ntuser.da) 2 |0",
+         room.substr(0, 250) + u"\\ntuser.da", missing},
+        {REG_SZ, room, "|RegLoadKey(User.P, " + toUtf8(room) + ") 2 |0", room, missing},
+        {REG_SZ, room + nul, "|RegQueryValueEx(LIST\\P) 234 |0", u""},
         {REG_BINARY, u"C:\\Users\\p", "|Unexpected type of image path (3) for P |0", u""},
         {REG_SZ, u"C:\\Users\\p", "|RegOpenKeyExW(LIST\\P) 5 |0", u"", 0, {{"RegOpenKeyExW", "", 5, 1, 1}}},
         {REG_SZ, u"C:\\Users\\p", done + "RegUnloadKey(User.P) 5 |0", file, 0,

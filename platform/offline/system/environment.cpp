@@ -94,9 +94,9 @@ void environmentReset() {
 DWORD ExpandEnvironmentStringsW(LPCWSTR text, LPWSTR expanded, DWORD capacity) try {
     offline::systemNeeded();
     const std::u16string full = offline::environmentExpand(text);
-    const size_t fits = capacity == 0 ? 0 : std::min<size_t>(full.size(), capacity - 1);
-    full.copy(expanded, fits);
-    if (capacity != 0) expanded[fits] = 0;
+    /* What fits is given, and an end only where there is room for one. */
+    const size_t fits = full.copy(expanded, capacity);
+    if (fits < capacity) expanded[fits] = 0;
     return static_cast<DWORD>(full.size() + 1);
 } catch (const std::bad_alloc&) {
     SetLastError(ERROR_NOT_ENOUGH_MEMORY);
