@@ -38,10 +38,13 @@ void logToConsole(const char* file, const char* function, int line, int level, U
                   ...) {
     const _level* const row = _findLevel(level);
     if (verbosity < row->gate) return;
-    writeText(stderr, "%s [%s:%d] %s ", row->word, file, line, function);
+    textOutput output;
+    beginText(&output, stderr);
+    addText(&output, "%s [%s:%d] %s ", row->word, file, line, function);
     va_list arguments;
     va_start(arguments, format);
-    writeTextV(stderr, format, arguments);
+    addTextV(&output, format, arguments);
     va_end(arguments);
-    writeText(stderr, "\n");
+    addText(&output, "\n");
+    endText(&output);
 }

@@ -18,11 +18,6 @@ static const char _usage[] =
     "  -v[v]    verbose mode\n"
     "  -h       this help\n";
 
-static void _writeUsage() {
-    fputs(_usage, stdout);
-    fflush(stdout);
-}
-
 /* Acts on one letter. */
 static optionsOutcome _takeLetter(runState* run, WCHAR letter) {
     switch (letter) {
@@ -65,7 +60,7 @@ optionsOutcome parseOptions(runState* run, int argc, WCHAR** argv) {
         const optionsOutcome outcome = _takeArgument(run, argv[i]);
         if (outcome == OPTIONS_RUN) continue;
         if (outcome == OPTIONS_INVALID) writeText(stderr, "invalid option: %ws\n", argv[i]);
-        _writeUsage();
+        writeText(stdout, "%s", _usage);
         return outcome;
     }
     return OPTIONS_RUN;
@@ -76,5 +71,4 @@ void writeProgress(const char* format, ...) {
     va_start(arguments, format);
     writeTextV(stdout, format, arguments);
     va_end(arguments);
-    fflush(stdout);  // progress is of use only while the run goes on
 }

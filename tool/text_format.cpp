@@ -1,39 +1,84 @@
 #include "tool/text_format.h"
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
 #include "platform/nt.h"
 
-/* Collects bytes and hands them to the stream in blocks, so that a text is one write. */
-struct _output {
-    FILE* stream;
-    size_t used;
-    char bytes[1024];
-};
-
-static void _flush(_output* output) {
-    fwrite(output->bytes, 1, output->used, output->stream);
-    output->used = 0;
+#ifdef _WIN32
+/* Past the C library, which writes a text in pieces of its own choice. A console takes no more than this at
+ * a time. */
+static void _write(FILE* stream, const char* bytes, size_t length) {
+    constexpr size_t most = 32768;  // bytes
+    const HANDLE file = GetStdHandle(stream == stdout ? STD_OUTPUT_HANDLE : STD_ERROR_HANDLE);
+    while (length > 0) {
+        size_t piece = length < most ? length : most;
+        while (piece < length && (bytes[piece] & 0xC0) == 0x80) piece--;  // within a character
+        DWORD written = 0;
+        WriteFile(file, bytes, static_cast<DWORD>(piece), &written, nullptr);
+        bytes += piece;
+        length -= piece;
+    }
 }
 
-static void _put(_output* output, char next) {
-    if (output->used == sizeof output->bytes) _flush(output);
+static constexpr bool _returnsAtLineEnds = true;
+#else
+static void _write(FILE* stream, const char* bytes, size_t length) {
+    fwrite(bytes, 1, length, stream);
+    fflush(stream);
+}
+
+static constexpr bool _returnsAtLineEnds = false;
+#endif
+
+static void _release(textOutput* output) {
+    if (output->bytes != output->own) free(output->bytes);
+}
+
+/* Makes room for so many bytes more; at most sizeof output->own. */
+static void _reserve(textOutput* output, size_t more) {
+    if (output->room - output->used >= more) return;
+    /* Not by ombraMalloc, which would report its failure by the log and so by this very text. */
+    char* const larger = static_cast<char*>(malloc(2 * output->room));
+    if (larger == nullptr) {
+        _write(output->stream, output->bytes, output->used);
+        output->used = 0;
+        return;
+    }
+    memcpy(larger, output->bytes, output->used);
+    _release(output);
+    output->bytes = larger;
+    output->room *= 2;
+}
+
+static void _put(textOutput* output, char next) {
+    _reserve(output, 2);
+    if (next == '\n' && _returnsAtLineEnds) output->bytes[output->used++] = '\r';
     output->bytes[output->used++] = next;
 }
 
-static void _putNarrow(_output* output, const char* text) {
+static void _putNarrow(textOutput* output, const char* text) {
     for (; *text != 0; text++) _put(output, *text);
 }
 
-static void _putCodePoint(_output* output, uint32_t point) {
+static void _putCodePoint(textOutput* output, uint32_t point) {
     static const uint8_t leads[] = {0x00, 0xC0, 0xE0, 0xF0};
+    _reserve(output, 4);  // so that it stays in one piece
     const int further = point < 0x80 ? 0 : point < 0x800 ? 1 : point < 0x10000 ? 2 : 3;
     _put(output, static_cast<char>(leads[further] | point >> (6 * further)));
     for (int i = further - 1; i >= 0; i--) _put(output, static_cast<char>(0x80 | (point >> (6 * i) & 0x3F)));
 }
 
-static void _putWide(_output* output, const WCHAR* text, size_t length) {
+/* What a terminal would obey: control characters, and marks that turn the direction of writing. */
+static bool _commands(uint32_t point) {
+    if (point < 0x20) return point != '\t';
+    if (point < 0x7F) return false;
+    return point <= 0x9F || point == 0x61C || point == 0x200E || point == 0x200F ||
+           (point >= 0x202A && point <= 0x202E) || (point >= 0x2066 && point <= 0x2069);
+}
+
+static void _putWide(textOutput* output, const WCHAR* text, size_t length) {
     constexpr uint32_t replacement = 0xFFFD;
     for (size_t i = 0; i < length; i++) {
         uint32_t point = static_cast<uint16_t>(text[i]);
@@ -42,7 +87,7 @@ static void _putWide(_output* output, const WCHAR* text, size_t length) {
         if (surrogate && point < 0xDC00 && next >= 0xDC00 && next <= 0xDFFF) {
             point = 0x10000 + ((point - 0xD800) << 10) + (next - 0xDC00);
             i++;
-        } else if (surrogate || point < 0x20 || point == 0x7F) {
+        } else if (surrogate || _commands(point)) {
             point = replacement;
         }
         _putCodePoint(output, point);
@@ -71,7 +116,7 @@ static const char* _readDirective(const char* format, _directive* directive) {
     return *format == 0 ? format : format + 1;
 }
 
-static void _putNumber(_output* output, const _directive* directive, uint64_t number, bool negative) {
+static void _putNumber(textOutput* output, const _directive* directive, uint64_t number, bool negative) {
     const bool hexadecimal = directive->conversion == 'x' || directive->conversion == 'X';
     const char* const digits = directive->conversion == 'X' ? "0123456789ABCDEF" : "0123456789abcdef";
     const uint64_t base = hexadecimal ? 16 : 10;
@@ -94,18 +139,18 @@ static void _putNumber(_output* output, const _directive* directive, uint64_t nu
     while (count > 0) _put(output, reversed[--count]);
 }
 
-static void _putSigned(_output* output, const _directive* directive, int64_t number) {
+static void _putSigned(textOutput* output, const _directive* directive, int64_t number) {
     const uint64_t magnitude = number < 0 ? 0 - static_cast<uint64_t>(number) : static_cast<uint64_t>(number);
     _putNumber(output, directive, magnitude, number < 0);
 }
 
-static void _putPointer(_output* output, const void* pointer) {
+static void _putPointer(textOutput* output, const void* pointer) {
     const _directive hexadecimal = {false, false, 0, 0, 'x'};
     _putNarrow(output, "0x");
     _putNumber(output, &hexadecimal, reinterpret_cast<uintptr_t>(pointer), false);
 }
 
-static void _putWideText(_output* output, const WCHAR* text) {
+static void _putWideText(textOutput* output, const WCHAR* text) {
     size_t length = 0;
     while (text[length] != 0) length++;
     _putWide(output, text, length);
@@ -116,7 +161,7 @@ struct _arguments {
     va_list list;
 };
 
-static void _putString(_output* output, char size, _arguments* arguments) {
+static void _putString(textOutput* output, char size, _arguments* arguments) {
     const void* text = va_arg(arguments->list, const void*);
     if (text == nullptr) {
         _putNarrow(output, "(null)");
@@ -127,7 +172,7 @@ static void _putString(_output* output, char size, _arguments* arguments) {
     }
 }
 
-static void _putCounted(_output* output, _arguments* arguments) {
+static void _putCounted(textOutput* output, _arguments* arguments) {
     const UNICODE_STRING* text = va_arg(arguments->list, const UNICODE_STRING*);
     if (text == nullptr) {
         _putNarrow(output, "(null)");
@@ -136,7 +181,7 @@ static void _putCounted(_output* output, _arguments* arguments) {
     }
 }
 
-static void _putDirective(_output* output, const _directive* directive, _arguments* arguments) {
+static void _putDirective(textOutput* output, const _directive* directive, _arguments* arguments) {
     const bool pointerSized = directive->size == 'I';
     switch (directive->conversion) {
         case 'd':
@@ -165,23 +210,45 @@ static void _putDirective(_output* output, const _directive* directive, _argumen
     }
 }
 
-void writeTextV(FILE* stream, const char* format, va_list arguments) {
-    _output output;
-    output.stream = stream;
-    output.used = 0;
+void beginText(textOutput* output, FILE* stream) {
+    output->stream = stream;
+    output->bytes = output->own;
+    output->used = 0;
+    output->room = sizeof output->own;
+}
+
+void addTextV(textOutput* output, const char* format, va_list arguments) {
     _arguments own;
     va_copy(own.list, arguments);
     while (*format != 0) {
         if (*format != '%') {
-            _put(&output, *format++);
+            _put(output, *format++);
             continue;
         }
         _directive directive;
         format = _readDirective(format + 1, &directive);
-        _putDirective(&output, &directive, &own);
+        _putDirective(output, &directive, &own);
     }
     va_end(own.list);
-    _flush(&output);
+}
+
+void addText(textOutput* output, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    addTextV(output, format, arguments);
+    va_end(arguments);
+}
+
+void endText(textOutput* output) {
+    _write(output->stream, output->bytes, output->used);
+    _release(output);
+}
+
+void writeTextV(FILE* stream, const char* format, va_list arguments) {
+    textOutput output;
+    beginText(&output, stream);
+    addTextV(&output, format, arguments);
+    endText(&output);
 }
 
 void writeText(FILE* stream, const char* format, ...) {

@@ -27,7 +27,7 @@ class Options(unittest.TestCase):
 
     def test_an_invalid_argument_is_named_whole(self):
         for arguments, named in ((["-zh"], "-zh"), (["-d"], "-d"), (["-f", "file"], "file"), (["--"], "--"), ([""], ""),
-                                 (["-sv-"], "-sv-"), (["-F"], "-F"), (["größe-漢字-😀"], "größe-漢字-😀")):
+                                 (["-sv-"], "-sv-"), (["-F"], "-F"), (["größe-漢字-😀"], "größe-漢字-😀"), (["-\t\x1b\x9b\u202e"], "-\t" + 3 * "\ufffd")):
             done = quillet(*arguments, system="/no/such/disk", LC_ALL="C")
             self.assertEqual((done.status, done.out), (255, USAGE), arguments)
             self.assertEqual(done.error_lines(), ["invalid option: " + named, FULL_STATUS])

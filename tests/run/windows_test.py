@@ -116,11 +116,11 @@ class UnderWine(ImageCase):
 
     def drive(self, name): return self.path("prefix/drive_c/" + name)
 
-    def start(self, *command):
+    def start(self, *command, errors=subprocess.DEVNULL):
         """The exit status and the output, which goes by way of a file: what stays running would hold a pipe open."""
         with open(self.path("said"), "w+b") as said:
             done = subprocess.run([self.wine, *command], env=self.environment, cwd=self.work, stdin=subprocess.DEVNULL,
-                                  stdout=said, stderr=subprocess.DEVNULL, timeout=120)
+                                  stdout=said, stderr=errors, timeout=120)
             said.seek(0)
             return done.returncode, said.read().decode().replace("\r\n", "\n")
 
@@ -134,6 +134,8 @@ class UnderWine(ImageCase):
     def test_a_registry_from_end_to_end(self):
         with open(self.drive("in.reg"), "wb") as f: f.write(write_reg(registry(OLD)))
         self.start("regedit", "/S", r"C:\in.reg")
+        status, out = self.start(r"C:\quillet.exe", "-\t\u20ac\x9b", errors=subprocess.STDOUT)
+        self.assertEqual((status, out.split("\n")[:2]), (255, ["invalid option: -\t\u20ac\ufffd", "Tarvane SID change tool"]))
         for options in ("-s", "-"):
             status, out = self.start(r"C:\quillet.exe", options)
             self.assertEqual(status, 0, out)

@@ -1,6 +1,16 @@
 /* What the tool says, and how it is told: text and log lines. */
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+
 #include "tests/engine/scripted.h"
 #include "tool/run.h"
+
+/* So many characters that can't be shown. */
+static std::string unknown(int count) {
+    return count == 0 ? "" : "\uFFFD" + unknown(count - 1);
+}
 
 TEST(Text, EachDirective) {
     const int32_t denied = STATUS_ACCESS_DENIED;
@@ -18,22 +28,22 @@ TEST(Text, EachDirective) {
         {text("%s|%hs|100%%", "narrow", "half"), "narrow|half|100%"},
         {text("%s|%ws|%wZ", nullptr, nullptr, nullptr), "(null)|(null)|(null)"},
         {text("%ws", u"a\u00E9\u20AC\U0001F600"), "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"},
-        {text("%ws", u"\u007F\n\x1F \u07FF\uFFFF"),
-         "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD \xDF\xBF\xEF\xBF\xBF"},
+        {text("%ws", u"\u07FF\uFFFF \t~\u00A0\u061B\u200D\u2029\u202F\u2065\u206A"),
+         "\u07FF\uFFFF \t~\u00A0\u061B\u200D\u2029\u202F\u2065\u206A"},
+        {text("%ws", u"\x1B\n\x1F\x7F\x80\x9F\u061C\u200E\u200F\u202A\u202E\u2066\u2069"), unknown(13)},
         {text("%"), "%"},
     };
     for (const auto& row : rows) EXPECT_EQ(row.shown, row.expected);
 }
 
 TEST(Text, CountedStringsWithHalvesOfPairs) {
-    const std::string unknown = "\xEF\xBF\xBD";
     const std::pair<std::u16string, std::string> rows[] = {
         {{0xD83D, 0xDE00}, "\xF0\x9F\x98\x80"},
-        {{0xD83D}, unknown},
-        {{0xDFFF, 0xD800}, unknown + unknown},
-        {{0xD83D, 0xD83D, 0xDE00}, unknown + "\xF0\x9F\x98\x80"},
+        {{0xD83D}, unknown(1)},
+        {{0xDFFF, 0xD800}, unknown(2)},
+        {{0xD83D, 0xD83D, 0xDE00}, unknown(1) + "\xF0\x9F\x98\x80"},
         {{0xDBFF, 0xDFFF}, "\xF4\x8F\xBF\xBF"},
-        {{'a', 0, 'b'}, "a" + unknown + "b"},
+        {{'a', 0, 'b'}, "a" + unknown(1) + "b"},
         {{}, ""},
     };
     for (const auto& [characters, expected] : rows) {
@@ -42,8 +52,6 @@ TEST(Text, CountedStringsWithHalvesOfPairs) {
         const UNICODE_STRING string = {length, length, block.data()};
         EXPECT_EQ(text("[%wZ]", &string), "[" + expected + "]");
     }
-    const std::u16string filler(3000, u'\u20AC');  // longer than any one block of output
-    EXPECT_EQ(text("%ws|%d", filler.c_str(), 7).size(), 3 * 3000 + 2u);
 }
 
 TEST(LogSink, LevelsPassFromTheirVerbosityOn) {
@@ -64,4 +72,31 @@ TEST(LogSink, LevelsPassFromTheirVerbosityOn) {
         }
     }
     verbosity = 0;
+}
+
+/* Each write to this stream is a packet of its own. */
+TEST(LogSink, ALineIsOneWriteAndNoWriteEndsWithinACharacter) {
+    std::array<int, 2> ends = {};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends.data()), 0);
+    const int kept = dup(2);
+    const std::u16string filler(5000, u'\u20AC');
+    for (const int allocations : {-1, 2, 1, 0}) {
+        dup2(ends[0], 2);
+        allocationsLeft = allocations;
+        logToConsole("regtk/regtk_open", "regOpenKey", 17, 3, 0, "%ws|%d", filler.c_str(), 7);
+        allocationsLeft = -1;
+        dup2(kept, 2);
+        std::string line, packet(1 << 16, 0);
+        int packets = 0;
+        while (line.empty() || line.back() != '\n') {
+            const ssize_t size = recv(ends[1], packet.data(), packet.size(), MSG_DONTWAIT);
+            ASSERT_GT(size, 0);
+            EXPECT_NE(packet[0] & 0xC0, 0x80);
+            line.append(packet, 0, static_cast<size_t>(size));
+            packets++;
+        }
+        EXPECT_EQ(line, text("ERROR    [regtk/regtk_open:17] regOpenKey %ws|7\n", filler.c_str()));
+        EXPECT_EQ(packets == 1, allocations == -1) << packets;
+    }
+    for (const int end : {kept, ends[0], ends[1]}) close(end);
 }
