@@ -70,12 +70,13 @@ static void _putCodePoint(textOutput* output, uint32_t point) {
     for (int i = further - 1; i >= 0; i--) _put(output, static_cast<char>(0x80 | (point >> (6 * i) & 0x3F)));
 }
 
-/* What a terminal would obey: control characters, and marks that turn the direction of writing. */
+/* What a terminal would obey: control characters, separators of lines, marks that turn the
+ * direction of writing. */
 static bool _commands(uint32_t point) {
     if (point < 0x20) return point != '\t';
     if (point < 0x7F) return false;
     return point <= 0x9F || point == 0x61C || point == 0x200E || point == 0x200F ||
-           (point >= 0x202A && point <= 0x202E) || (point >= 0x2066 && point <= 0x2069);
+           (point >= 0x2028 && point <= 0x202E) || (point >= 0x2066 && point <= 0x2069);
 }
 
 static void _putWide(textOutput* output, const WCHAR* text, size_t length) {

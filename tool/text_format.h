@@ -20,8 +20,8 @@ struct textOutput {
 void beginText(textOutput* output, FILE* stream);
 
 /* Adds the format with its arguments. Wide text comes out as UTF-8; what it can't show (an unpaired
- * surrogate) or must not (a control character other than a tab, one that turns the direction of writing) as
- * U+FFFD. */
+ * surrogate) or must not (a control character other than a tab, a separator of lines, a mark that turns the
+ * direction of writing) as U+FFFD. */
 void addText(textOutput* output, const char* format, ...);
 void addTextV(textOutput* output, const char* format, va_list arguments);
 

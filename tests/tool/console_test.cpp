@@ -28,9 +28,9 @@ TEST(Text, EachDirective) {
         {text("%s|%hs|100%%", "narrow", "half"), "narrow|half|100%"},
         {text("%s|%ws|%wZ", nullptr, nullptr, nullptr), "(null)|(null)|(null)"},
         {text("%ws", u"a\u00E9\u20AC\U0001F600"), "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"},
-        {text("%ws", u"\u07FF\uFFFF \t~\u00A0\u061B\u200D\u2029\u202F\u2065\u206A"),
-         "\u07FF\uFFFF \t~\u00A0\u061B\u200D\u2029\u202F\u2065\u206A"},
-        {text("%ws", u"\x1B\n\x1F\x7F\x80\x9F\u061C\u200E\u200F\u202A\u202E\u2066\u2069"), unknown(13)},
+        {text("%ws", u"\u07FF\uFFFF \t~\u00A0\u061B\u200D\u2027\u202F\u2065\u206A"),
+         "\u07FF\uFFFF \t~\u00A0\u061B\u200D\u2027\u202F\u2065\u206A"},
+        {text("%ws", u"\x1B\n\x1F\x7F\x80\x9F\u061C\u200E\u200F\u2028\u202E\u2066\u2069"), unknown(13)},
         {text("%"), "%"},
     };
     for (const auto& row : rows) EXPECT_EQ(row.shown, row.expected);
