@@ -60,6 +60,13 @@ TEST_F(AccessTest, refusesAndIsSeized) {
     expectError(ERROR_ACCESS_DENIED, list() == INVALID_HANDLE_VALUE);
     expectError(ERROR_ACCESS_DENIED, GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES);
 
+    /* Listing and attributes, but not descriptors, are open to who backs up. */
+    enablePrivilege(backupPrivilege);
+    EXPECT_NE(GetFileAttributesW(path.c_str()), INVALID_FILE_ATTRIBUTES);
+    EXPECT_TRUE(FindClose(list()));
+    expectError(ERROR_ACCESS_DENIED, readDescriptor(path).empty());
+    enablePrivilege(backupPrivilege, 0);
+
     /* The road back: take ownership, then put a list that refuses nothing. */
     Bytes owner = sidFromText("S-1-5-32-544");
     const auto seize = [&](std::u16string file, SECURITY_INFORMATION information) {

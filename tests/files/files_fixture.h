@@ -53,9 +53,9 @@ inline Bytes readDescriptor(const std::u16string& path, SECURITY_INFORMATION inf
     return bytes;
 }
 
-inline void enablePrivilege(DWORD privilege) {
+inline void enablePrivilege(DWORD privilege, DWORD attributes = SE_PRIVILEGE_ENABLED) {
     HANDLE token = nullptr;
-    TOKEN_PRIVILEGES privileges = {1, {{{privilege, 0}, SE_PRIVILEGE_ENABLED}}};
+    TOKEN_PRIVILEGES privileges = {1, {{{privilege, 0}, attributes}}};
     ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, &token));
     EXPECT_TRUE(AdjustTokenPrivileges(token, FALSE, &privileges, 0, nullptr, nullptr) && CloseHandle(token));
 }

@@ -7,7 +7,7 @@
 namespace offline {
 
 NTSTATUS fileAccess(Volume& volume, FileRef file, ACCESS_MASK desired) {
-    if (accessMode() == AccessMode::unrefused) return STATUS_SUCCESS;
+    if (accessMode() == AccessMode::unrefused || privilegeEnabled(backupPrivilege)) return STATUS_SUCCESS;
     std::span<const uint8_t> descriptor;
     const NTSTATUS status = volumeDescriptor(volume, file, descriptor);
     if (status < 0) return status;

@@ -11,8 +11,8 @@ namespace offline {
 constexpr ACCESS_MASK fileListDirectory = 0x0001;
 constexpr ACCESS_MASK fileReadAttributes = 0x0080;
 
-/* For rights other than ACCESS_SYSTEM_SECURITY. Where descriptors refuse nothing the descriptor isn't even
- * read. */
+/* For rights to read, of an open with backup intent: who has enabled the backup privilege has them whatever
+ * the descriptor says. Where nothing can be refused the descriptor isn't even read. */
 NTSTATUS fileAccess(Volume& volume, FileRef file, ACCESS_MASK desired);
 
 } /* namespace offline */
