@@ -1,5 +1,5 @@
 """Runs on a practice installation."""
-import os, subprocess, unittest
+import os, resource, signal, subprocess, unittest
 
 import programs
 from programs import ImageCase, PAIR, digest, quillet, run, sample
@@ -70,6 +70,15 @@ class RealRun(ImageCase):
             self.assertIn(said, done.error_lines()[-1])
             self.assertIn(image, done.error_lines()[-1])
             self.assertNotIn("was asked for", quillet("-s", *options, system=image).err)
+
+        def smallest_file():  # nothing can be written to the image
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (512, 512))
+        env = dict(os.environ, QUILLET_SYSTEM=image)
+        done = subprocess.run([programs.QUILLET, "-qr"], env=env, capture_output=True, text=True, preexec_fn=smallest_file)
+        self.assertEqual(done.returncode, 1117 & 0xFF)
+        self.assertIn("could not be written back", done.stderr)
+        self.assertFalse("was asked for" in done.stderr, done.stderr[-1000:])
 
     def test_the_companion_runs_it(self):
         image = self.copy(sample(), "companion.img")

@@ -15,11 +15,15 @@ namespace {
 /* Says why the installation could not be opened, or could not be closed well; the latter makes a failure of
  * the run. */
 int endSystem(int status) {
+    const std::string restart = offline::restartAsked();
     offline::Problem closing;
     const NTSTATUS closed = offline::systemClose(closing);
     const offline::Problem& opening = offline::systemProblem();
     if (opening.status < 0) fprintf(stderr, "quillet: %s\n", opening.text.c_str());
-    if (closed >= 0) return status;
+    if (closed >= 0) {
+        if (!restart.empty()) fprintf(stderr, "quillet: %s\n", restart.c_str());
+        return status;
+    }
     fprintf(stderr, "quillet: %s\n", closing.text.c_str());
     return status != 0 ? status : static_cast<int>(RtlNtStatusToDosError(closed));
 }

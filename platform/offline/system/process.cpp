@@ -2,8 +2,8 @@
 #include <sys/random.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <ctime>
+#include <new>
 
 #include "platform/nt.h"
 #include "platform/offline/security/security.h"
@@ -11,37 +11,36 @@
 
 namespace {
 
-/* Nothing is running, so all there is to do is to say what was asked for. */
-void sayRestart(bool reboot) {
-    std::string names;
-    const offline::Installation* installation = offline::systemInstallation();
-    if (installation != nullptr)
-        names = offline::diskPath(*installation->volumes[installation->systemVolume].disk);
-    if (reboot) {
-        fprintf(stderr,
-                "quillet: a restart was asked for; the system is at rest: start the machine from %s\n",
-                names.c_str());
-    } else {
-        fprintf(stderr,
-                "quillet: a power-off was asked for; the system is at rest: %s is ready to be started\n",
-                names.c_str());
-    }
-}
+enum class Restart { none, reboot, powerOff };
+
+Restart asked = Restart::none;
 
 } /* namespace */
 
+std::string offline::restartAsked() try {
+    if (asked == Restart::none || systemInstallation() == nullptr) return {};
+    const Installation& installation = *systemInstallation();
+    const std::string disk = diskPath(*installation.volumes[installation.systemVolume].disk);
+    return asked == Restart::reboot
+               ? "a restart was asked for; the system is at rest: start the machine from " + disk
+               : "a power-off was asked for; the system is at rest: " + disk + " is ready to be started";
+} catch (const std::bad_alloc&) {  // the line is not worth more than the close behind it
+    return {};
+}
+
+/* Nothing is running, so there is nothing to do now; what was asked for is told when the disks are closed. */
 BOOL InitiateSystemShutdownW(LPWSTR, LPWSTR, DWORD, BOOL, BOOL reboot) {
     if (!offline::privilegeEnabled(offline::shutdownPrivilege)) {
         SetLastError(ERROR_ACCESS_DENIED);
         return FALSE;
     }
-    sayRestart(reboot != 0);
+    asked = reboot != 0 ? Restart::reboot : Restart::powerOff;
     return TRUE;
 }
 
 NTSTATUS ZwShutdownSystem(SHUTDOWN_ACTION action) {
     if (!offline::privilegeEnabled(offline::shutdownPrivilege)) return STATUS_PRIVILEGE_NOT_HELD;
-    sayRestart(action == ShutdownReboot);
+    asked = action == ShutdownReboot ? Restart::reboot : Restart::powerOff;
     return STATUS_SUCCESS;
 }
 

@@ -24,6 +24,10 @@ NTSTATUS systemOpen(const std::vector<std::string>& paths, DiskAccess access, Pr
  * well (STATUS_MEDIA_WRITE_PROTECTED). Nothing to do, and success, when nothing is open. */
 NTSTATUS systemClose(Problem& problem);
 
+/* The line for a restart or power-off that was asked for; empty when none was. To be read before the
+ * installation is closed, and shown when that went well. */
+std::string restartAsked();
+
 /* Why the installation could not be opened; status 0 when it could, or when nothing asked for it. */
 const Problem& systemProblem();
 
