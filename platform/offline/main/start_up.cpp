@@ -28,9 +28,11 @@ int endSystem(int status) {
     return status != 0 ? status : static_cast<int>(RtlNtStatusToDosError(closed));
 }
 
-/* A process has 8 bits for its status. What does not fit is told in full, and is never 0. */
+/* A process has 8 bits for its status. What does not fit is told in full, and is never 0; that -1 is 255
+ * everyone knows. */
 int exitStatus(int status) {
     if (status >= 0 && status <= 255) return status;
+    if (status == -1) return 255;
     fprintf(stderr, "quillet: the run's full exit status is %d (0x%08X)\n", status,
             static_cast<unsigned>(status));
     const int low = status & 0xFF;
