@@ -1,5 +1,5 @@
 """Installations built from registry hives of real machines, and an independent model of what a run makes of them."""
-import lzma, os, shutil, struct, subprocess, sys, tempfile, unittest
+import lzma, os, re, shutil, struct, subprocess, sys, tempfile, unittest
 
 import programs
 from programs import ImageCase, PAIR, digest, need_shared, quillet, run
@@ -45,6 +45,26 @@ class RealSystems(ImageCase):
                     self.assertIn("scanning c: ...\n", done.out)
                     self.assertTrue(done.out.endswith("completed successfully\n"))
                     self.audit(image, after, *audited)
+
+    def test_keys_and_files_that_refuse(self):
+        """What an administrator's run takes by force, and what it leaves behind."""
+        auditor, tools = need_shared("tools/audit-system", "tools")
+        sys.path.insert(0, tools)
+        import descriptors, hive
+        image, machine = real()
+        after = self.copy(image, "after.img")
+        done = quillet(system=after, QUILLET_ACCESS="checked")
+        self.assertEqual(done.status, 0, done.err)
+        lost = {kind: len(re.findall(kind + " Original security attributes lost for ", done.err)) for kind in ("_regOpenCreateKey", "sidReplaceInFileSD")}
+        self.assertEqual(lost, {"_regOpenCreateKey": 107, "sidReplaceInFileSD": 7})
+        keys = [key.sd for path in HIVES for key in hive.walk(self.contents(after, path))]
+        open_to_all = sum(control & 4 and dacl == 0 for key in keys for control, dacl in [struct.unpack_from("<H12xI", key, 2)])
+        self.assertEqual(open_to_all - 107, 123)  # renamed keys that refused, and what is below them
+        kept = sum(descriptors.sid(machine)[2:24] in key for key in keys)
+        self.assertEqual(kept, 22)  # keys that refused, with their own descriptor again, and what lies behind one that can't be taken
+        said = subprocess.run([auditor, image, after], capture_output=True, text=True).stdout
+        faults = re.findall(r"^(\S.*): (\d+)$", said, re.M)  # the one more is the owner of the key that can't be taken
+        self.assertEqual(faults, [("file descriptor", "7"), ("key descriptor", str(open_to_all + kept + 1))], said)
 
     def test_run_after_run(self):
         """Each finds the SID of the run before; nothing grows, and no descriptor is left over."""
