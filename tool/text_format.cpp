@@ -9,7 +9,7 @@
 #ifdef _WIN32
 /* Past the C library, which writes a text in pieces of its own choice. A console takes no more than this at
  * a time. */
-static void _write(FILE* stream, const char* bytes, size_t length) {
+static void _send(FILE* stream, const char* bytes, size_t length) {
     constexpr size_t most = 32768;  // bytes
     const HANDLE file = GetStdHandle(stream == stdout ? STD_OUTPUT_HANDLE : STD_ERROR_HANDLE);
     while (length > 0) {
@@ -24,7 +24,7 @@ static void _write(FILE* stream, const char* bytes, size_t length) {
 
 static constexpr bool _returnsAtLineEnds = true;
 #else
-static void _write(FILE* stream, const char* bytes, size_t length) {
+static void _send(FILE* stream, const char* bytes, size_t length) {
     fwrite(bytes, 1, length, stream);
     fflush(stream);
 }
@@ -42,7 +42,7 @@ static void _reserve(textOutput* output, size_t more) {
     /* Not by ombraMalloc, which would report its failure by the log and so by this very text. */
     char* const larger = static_cast<char*>(malloc(2 * output->room));
     if (larger == nullptr) {
-        _write(output->stream, output->bytes, output->used);
+        _send(output->stream, output->bytes, output->used);
         output->used = 0;
         return;
     }
@@ -241,7 +241,7 @@ void addText(textOutput* output, const char* format, ...) {
 }
 
 void endText(textOutput* output) {
-    _write(output->stream, output->bytes, output->used);
+    _send(output->stream, output->bytes, output->used);
     _release(output);
 }
 
