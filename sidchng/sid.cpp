@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "common/last_error.h"
 #include "common/log.h"
 #include "common/wide.h"
 #include "regtk/regtk.h"
@@ -270,7 +271,7 @@ enum : uint32_t { ACE_SID_AT = 8 };  // behind the header and the access mask
 
 /* Reports a failed call under the name of the operation that made it; gives the last error. */
 static DWORD _failedFor(const char* function, const char* call, const UNICODE_STRING* name) {
-    const DWORD error = GetLastError();
+    const DWORD error = ombraLastError();
     OMBRA_LOG_AS(function, OMBRA_ERROR, "Win API call %hs returned %d for %wZ", call, error, name);
     return error;
 }
@@ -358,7 +359,8 @@ static DWORD _failedForFile(const char* call, DWORD error, const WCHAR* path) {
 }
 
 static DWORD _getFileSecurity(const WCHAR* path, const memBuf* buffer, DWORD* needed) {
-    return GetFileSecurityW(path, _wholeDescriptor, buffer->data, buffer->size, needed) ? 0 : GetLastError();
+    return GetFileSecurityW(path, _wholeDescriptor, buffer->data, buffer->size, needed) ? 0
+                                                                                        : ombraLastError();
 }
 
 /* The states READ, READ DENIED and GROW: the file's descriptor in the buffer. */
@@ -380,7 +382,7 @@ static DWORD _readFileSD(const WCHAR* path, int simulate, memBuf* buffer) {
 }
 
 static DWORD _setFileSecurity(const WCHAR* path, const memBuf* buffer) {
-    return SetFileSecurityW(path, _wholeDescriptor, buffer->data) ? 0 : GetLastError();
+    return SetFileSecurityW(path, _wholeDescriptor, buffer->data) ? 0 : ombraLastError();
 }
 
 /* The states WRITE and WRITE DENIED. The buffer still holds what the file had, patched, so nothing is lost

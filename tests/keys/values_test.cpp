@@ -177,6 +177,9 @@ TEST_F(Values, NoMemory) {
     }
     allocationsLeft = -1;
     EXPECT_EQ(get("k", "v"), before);
+    refusal = {"ConvertSidToStringSidW", 1, silently};  // nor without the texts
+    EXPECT_EQ(run(), "ERROR sidCtxInit: Win API call ConvertSidToStringSid 1359, 1359");
+    EXPECT_EQ(get("k", "v"), before);
 }
 
 /* The walk goes on behind a failing key, whose subtree is treated as well; the result is the scan's. */
