@@ -31,7 +31,7 @@ struct _scanChild {
     HANDLE handle;          // null when there is none to close
     void* saved;            // its descriptor before it was taken over, inside the level's secBuf; or null
     USHORT savedLength;     // of the path, before the child was appended
-    USHORT appendedLength;  // of the path, with the child
+    USHORT appendedLength;  // of the path, with the child; 0 while the path does not hold it
     uint64_t subscope[2];
     uint32_t lastResult;
 };
@@ -78,10 +78,14 @@ static HANDLE _wordHandle(uint64_t word) {
     return reinterpret_cast<HANDLE>(static_cast<ULONG_PTR>(word));
 }
 
-/* Appends the record's name to the path, which grows to exactly what it needs. */
-static NTSTATUS _appendChild(_scan* scan, _scanChild* child) {
-    const KEY_NODE_INFORMATION* const record = _node(scan);
-    const uint32_t needed = record->NameLength + (child->savedLength == 0 ? 0 : child->savedLength + 2u);
+/* What the path's length is to be with the child, in bytes. */
+static uint32_t _lengthWith(const _scanChild* child, const UNICODE_STRING* name) {
+    return name->Length + (child->savedLength == 0 ? 0 : child->savedLength + 2u);
+}
+
+/* Appends the child's name to the path, which grows to exactly what it needs. */
+static NTSTATUS _appendChild(_scan* scan, _scanChild* child, const UNICODE_STRING* name) {
+    const uint32_t needed = _lengthWith(child, name);
     if (needed > UINT16_MAX) {
         OMBRA_LOG_AS(_scanning, OMBRA_ERROR, "Too long a path below %wZ", &scan->path);
         return STATUS_NAME_TOO_LONG;
@@ -96,9 +100,8 @@ static NTSTATUS _appendChild(_scan* scan, _scanChild* child) {
     }
     static const WCHAR backslash[] = TEXT("\\");
     const UNICODE_STRING separator = _countedName(backslash, sizeof(WCHAR));
-    const UNICODE_STRING name = _countedName(record->Name, record->NameLength);
     if (child->savedLength != 0) RtlAppendUnicodeStringToString(&scan->path, &separator);
-    RtlAppendUnicodeStringToString(&scan->path, &name);
+    RtlAppendUnicodeStringToString(&scan->path, name);
     child->appendedLength = scan->path.Length;
     return STATUS_SUCCESS;
 }
@@ -108,8 +111,18 @@ static void _cutPath(_scan* scan, USHORT length) {
     if (scan->path.Buffer != nullptr) scan->path.Length = length;
 }
 
+/* What messages call the child: its path, or its name alone where there is no path that holds it. */
+static const UNICODE_STRING* _calledAs(const _scan* scan, const _scanChild* child,
+                                       const UNICODE_STRING* name) {
+    return child->appendedLength != 0 && scan->path.Buffer != nullptr ? &scan->path : name;
+}
+
+static void _reportLost(const UNICODE_STRING* child) {
+    OMBRA_LOG_AS(_scanning, OMBRA_WARN, "Original security attributes lost for %wZ", child);
+}
+
 /* Puts the descriptor back that taking ownership displaced. */
-static void _writeBack(const _scan* scan, const _scanChild* child) {
+static void _writeBack(const _scanChild* child, const UNICODE_STRING* calledAs) {
     if (child->saved == nullptr) return;
     UNICODE_STRING self = {};
     OBJECT_ATTRIBUTES attributes = regAttributesBelow(child->handle, &self);
@@ -119,12 +132,12 @@ static void _writeBack(const _scan* scan, const _scanChild* child) {
     bool lost = true;
     if (status < 0) {
         OMBRA_LOG_AS(_scanning, OMBRA_WARN, "Native API call %hs returned %#X for %wZ", "ZwOpenKey", status,
-                     &scan->path);
+                     calledAs);
     } else {
         lost = regSetKeySec(key, REG_SEC_ALL, child->saved) != 0;
         ZwClose(key);
     }
-    if (lost) OMBRA_LOG_AS(_scanning, OMBRA_WARN, "Original security attributes lost for %wZ", &scan->path);
+    if (lost) _reportLost(calledAs);
 }
 
 static NTSTATUS _regScanImpl(_scan* scan, HANDLE key, uint64_t scope, int32_t depth);
@@ -178,7 +191,9 @@ static NTSTATUS _callAndDescend(_scan* scan, HANDLE parent, uint64_t scope, _sca
 /* The callback and the descent for an open child whose record is in info. */
 static NTSTATUS _treatChild(_scan* scan, HANDLE parent, uint64_t scope, _scanChild* child, int32_t depth,
                             NTSTATUS status) {
-    const NTSTATUS appended = _appendChild(scan, child);
+    const KEY_NODE_INFORMATION* const record = _node(scan);
+    const UNICODE_STRING name = _countedName(record->Name, record->NameLength);
+    const NTSTATUS appended = _appendChild(scan, child, &name);
     if (appended < 0) return appended;
     status = _callAndDescend(scan, parent, scope, child, depth, status);
     if (child->subscope[0] == 0 && child->subscope[1] == 0) return status;
@@ -190,6 +205,33 @@ static NTSTATUS _treatChild(_scan* scan, HANDLE parent, uint64_t scope, _scanChi
 static bool _isPredefined(HANDLE handle) {
     constexpr ULONG_PTR range = 0xFFFFFFFF80000000;
     return (reinterpret_cast<ULONG_PTR>(handle) & range) == range;
+}
+
+/* Names a child that is passed over in the path, for what is to be said of its descriptor. */
+static NTSTATUS _appendPassedOver(_scan* scan, _scanChild* child, const UNICODE_STRING* name) {
+    if (child->saved == nullptr || _lengthWith(child, name) > UINT16_MAX) return STATUS_SUCCESS;
+    return _appendChild(scan, child, name);
+}
+
+/* The open child whose enumerated name this is. */
+static NTSTATUS _scanOpenChild(_scan* scan, HANDLE key, uint64_t scope, int32_t depth, _scanChild* child,
+                               const UNICODE_STRING* name) {
+    if (_isPredefined(child->handle)) {
+        const NTSTATUS status = _appendPassedOver(scan, child, name);
+        if (child->saved != nullptr) _reportLost(_calledAs(scan, child, name));  // no key to put it back on
+        return status;
+    }
+    NTSTATUS status = _queryChild(scan, child->handle);
+    if (status < 0 && scan->info.data != nullptr) {  // lost when it could not grow
+        OMBRA_LOG_AS(_scanning, OMBRA_WARN, "Native API call %hs returned %#X for %wZ %wZ %p", "ZwQueryKey",
+                     status, &scan->path, name, child->handle);
+        status = _appendPassedOver(scan, child, name);
+    } else if (status >= 0) {
+        status = _treatChild(scan, key, scope, child, depth, status);
+    }
+    _writeBack(child, _calledAs(scan, child, name));
+    ZwClose(child->handle);
+    return status;
 }
 
 /* The child whose basic record is in info. A negative status ends the level. */
@@ -213,18 +255,8 @@ static NTSTATUS _scanOneChild(_scan* scan, HANDLE key, uint64_t scope, int32_t d
         child->handle = nullptr;
         return status;
     }
-    if (_isPredefined(child->handle)) return STATUS_SUCCESS;
-    status = _queryChild(scan, child->handle);
-    if (status < 0 && scan->info.data != nullptr) {  // lost when it could not grow
-        OMBRA_LOG_AS(_scanning, OMBRA_WARN, "Native API call %hs returned %#X for %wZ %wZ %p", "ZwQueryKey",
-                     status, &scan->path, &name, child->handle);
-        status = STATUS_SUCCESS;  // the child is passed over
-    } else if (status >= 0) {
-        status = _treatChild(scan, key, scope, child, depth, status);
-    }
-    _writeBack(scan, child);
+    status = _scanOpenChild(scan, key, scope, depth, child, &name);
     _cutPath(scan, child->savedLength);
-    ZwClose(child->handle);
     return status;
 }
 
