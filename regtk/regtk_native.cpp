@@ -422,15 +422,55 @@ static NTSTATUS _regCopyKValues(HANDLE target, HANDLE source, memBuf* buffer) {
     }
 }
 
+static UNICODE_STRING _linkValueName() {
+    return _countedName(_linkValueText, sizeof _linkValueText - sizeof(WCHAR));
+}
+
+/* A platform that does not tell the flags of keys. */
+static bool _isUnknownClass(NTSTATUS status) {
+    return status == STATUS_INVALID_PARAMETER || status == STATUS_INVALID_INFO_CLASS ||
+           status == STATUS_NOT_IMPLEMENTED || status == STATUS_NOT_SUPPORTED;
+}
+
+/* What is left there to go by: a link's value. */
+static NTSTATUS _queryLinkValue(HANDLE key, int* isLink) {
+    UNICODE_STRING valueName = _linkValueName();
+    KEY_VALUE_PARTIAL_INFORMATION record = {};
+    ULONG length = 0;
+    const NTSTATUS status =
+        ZwQueryValueKey(key, &valueName, KeyValuePartialInformation, &record, sizeof record, &length);
+    *isLink = (status >= 0 || status == STATUS_BUFFER_OVERFLOW) && record.Type == REG_LINK ? 1 : 0;
+    const bool answered = _isTooSmall(status) || status == STATUS_OBJECT_NAME_NOT_FOUND;
+    return answered ? STATUS_SUCCESS : status;
+}
+
+NTSTATUS regQueryIsLink(HANDLE key, int* isLink) {
+    KEY_FLAGS_INFORMATION flags = {};
+    ULONG length = 0;
+    const char* call = "ZwQueryKey";
+    NTSTATUS status = ZwQueryKey(key, KeyFlagsInformation, &flags, sizeof flags, &length);
+    *isLink = (flags.KeyFlags & REG_FLAG_LINK) != 0 ? 1 : 0;
+    const bool untold = status >= 0 ? length < sizeof flags : _isUnknownClass(status) || _isTooSmall(status);
+    if (untold) {
+        call = "ZwQueryValueKey";
+        status = _queryLinkValue(key, isLink);
+    }
+    if (status < 0) OMBRA_LOG(OMBRA_ERROR, "Native API call %hs returned %#X", call, status);
+    return status;
+}
+
+/* target: terminated; null leaves the link without one. */
 static NTSTATUS _regLinkCreate(const OBJECT_ATTRIBUTES* attributes, ULONG titleIndex,
                                const UNICODE_STRING* className, const WCHAR* target, uint32_t flags) {
     HANDLE key = nullptr;
     NTSTATUS status =
         regNtCreateKey(&key, KEY_SET_VALUE, attributes, titleIndex, className, REG_OPTION_CREATE_LINK, flags);
     if (status < 0) return status;
-    UNICODE_STRING valueName = _countedName(_linkValueText, sizeof _linkValueText - sizeof(WCHAR));
-    status = ZwSetValueKey(key, &valueName, 0, REG_LINK, const_cast<WCHAR*>(target),
-                           static_cast<ULONG>(wideLength(target) * sizeof(WCHAR)));
+    if (target != nullptr) {
+        UNICODE_STRING valueName = _linkValueName();
+        status = ZwSetValueKey(key, &valueName, 0, REG_LINK, const_cast<WCHAR*>(target),
+                               static_cast<ULONG>(wideLength(target) * sizeof(WCHAR)));
+    }
     ZwClose(key);
     if (status < 0) {
         OMBRA_LOG(OMBRA_ERROR, "Native API call %hs returned %#X for %wZ -> %ws", "ZwSetValueKey", status,
@@ -444,35 +484,40 @@ enum : uint32_t { LINK_DONE = SCAN_NEXT, LINK_NONE = 1, LINK_AGAIN = SCAN_RESTAR
 
 static const char _linkStep[] = "_regScanLinksCallbackImpl";  // what its helpers report as
 
-/* Reads the child's link value into the buffer, with room for a terminator behind it. LINK_DONE: it is a
- * link. */
-static uint32_t _readLink(HANDLE parent, UNICODE_STRING* name, memBuf* buffer, uint32_t flags) {
-    const OBJECT_ATTRIBUTES attributes = regAttributesBelow(parent, name);
-    HANDLE child = nullptr;
-    if (regNtOpenKey(&child, KEY_QUERY_VALUE, &attributes, flags) < 0) return LINK_FAILED;
-    UNICODE_STRING valueName = _countedName(_linkValueText, sizeof _linkValueText - sizeof(WCHAR));
+/* The open child's link value into the buffer, with room for a terminator behind it. */
+static uint32_t _readLinkOf(HANDLE child, const UNICODE_STRING* name, memBuf* buffer, bool* hasTarget) {
+    UNICODE_STRING valueName = _linkValueName();
     NTSTATUS status;
     ULONG length = 16;
     while (_isTooSmall(status = ZwQueryValueKey(child, &valueName, KeyValuePartialInformation, buffer->data,
                                                 buffer->size <= 2 ? 0 : buffer->size - 2, &length))) {
-        if (length <= UINT32_MAX - 2 && memBufResize(buffer, length + 2)) continue;
-        ZwClose(child);
-        return LINK_FAILED;
+        if (length > UINT32_MAX - 2 || !memBufResize(buffer, length + 2)) return LINK_FAILED;
     }
-    ZwClose(child);
-    if (status == STATUS_OBJECT_NAME_NOT_FOUND) return LINK_NONE;
-    if (status < 0) {
+    if (status < 0 && status != STATUS_OBJECT_NAME_NOT_FOUND) {
         OMBRA_LOG_AS(_linkStep, OMBRA_ERROR, "Native API call %hs returned %#X for %wZ", "ZwQueryValueKey",
                      status, name);
         return LINK_FAILED;
     }
-    const KEY_VALUE_PARTIAL_INFORMATION* const value =
-        reinterpret_cast<const KEY_VALUE_PARTIAL_INFORMATION*>(buffer->data);
-    return value->Type == REG_LINK ? LINK_DONE : LINK_NONE;
+    int isLink = 0;
+    if (regQueryIsLink(child, &isLink) < 0) return LINK_FAILED;
+    *hasTarget = isLink && status >= 0 &&
+                 reinterpret_cast<const KEY_VALUE_PARTIAL_INFORMATION*>(buffer->data)->Type == REG_LINK;
+    return isLink ? LINK_DONE : LINK_NONE;
+}
+
+/* The same for the child of this name. LINK_DONE: it is a link. */
+static uint32_t _readLink(HANDLE parent, UNICODE_STRING* name, memBuf* buffer, uint32_t flags,
+                          bool* hasTarget) {
+    const OBJECT_ATTRIBUTES attributes = regAttributesBelow(parent, name);
+    HANDLE child = nullptr;
+    if (regNtOpenKey(&child, KEY_QUERY_VALUE, &attributes, flags) < 0) return LINK_FAILED;
+    const uint32_t found = _readLinkOf(child, name, buffer, hasTarget);
+    ZwClose(child);
+    return found;
 }
 
 /* The link's target in the buffer, terminated. */
-static WCHAR* _linkTarget(const memBuf* buffer) {
+static const WCHAR* _linkTarget(const memBuf* buffer) {
     KEY_VALUE_PARTIAL_INFORMATION* const value =
         reinterpret_cast<KEY_VALUE_PARTIAL_INFORMATION*>(buffer->data);
     WCHAR* const target = reinterpret_cast<WCHAR*>(value->Data);
@@ -501,7 +546,7 @@ static void _copyLinkSec(HANDLE source, const OBJECT_ATTRIBUTES* attributes, mem
     _closeIfOpen(newLink);
 }
 
-/* Makes the destination link anew. The target may lie in the copy's buffer. */
+/* Makes the destination link anew. The target may lie in the copy's buffer, or be null. */
 static uint32_t _replaceLink(HANDLE source, const OBJECT_ATTRIBUTES* attributes,
                              const KEY_NODE_INFORMATION* record, const WCHAR* target, regCopyCtx* copy,
                              uint32_t flags) {
@@ -515,11 +560,13 @@ static uint32_t _replaceLink(HANDLE source, const OBJECT_ATTRIBUTES* attributes,
 static uint32_t _regScanLinksCallbackImpl(HANDLE source, HANDLE target, const KEY_NODE_INFORMATION* record,
                                           regCopyCtx* copy, uint32_t flags) {
     UNICODE_STRING name = _countedName(record->Name, record->NameLength);
-    const uint32_t found = _readLink(source, &name, &copy->buffer, flags);
+    bool hasTarget = false;
+    const uint32_t found = _readLink(source, &name, &copy->buffer, flags, &hasTarget);
     if (found != LINK_DONE || copy->linkMap == nullptr) return found;
     const OBJECT_ATTRIBUTES attributes = regAttributesBelow(target, &name);
-    const WCHAR* const oldTarget = _linkTarget(&copy->buffer);
-    const uint32_t answer = copy->linkMap(oldTarget, &copy->linkTarget, copy->linkMapData);
+    const WCHAR* const oldTarget = hasTarget ? _linkTarget(&copy->buffer) : nullptr;
+    const uint32_t answer =
+        copy->linkMap(hasTarget ? oldTarget : TEXT(""), &copy->linkTarget, copy->linkMapData);
     switch (answer) {
         case LINK_MAP_SKIP:
             return LINK_DONE;

@@ -329,18 +329,6 @@ static uint32_t _keepLink(const WCHAR*, memBuf*, void*) {
     return LINK_MAP_SAME;
 }
 
-/* Whether an open key is a symbolic link: its values are then the link's target, and it has no children. */
-static bool _isLink(HANDLE key) {
-    UNICODE_STRING valueName;
-    RtlInitUnicodeString(&valueName, TEXT("SymbolicLinkValue"));
-    alignas(KEY_VALUE_PARTIAL_INFORMATION) uint8_t record[16];
-    ULONG length = 0;
-    const NTSTATUS status =
-        ZwQueryValueKey(key, &valueName, KeyValuePartialInformation, record, sizeof record, &length);
-    if (status < 0 && status != STATUS_BUFFER_OVERFLOW) return false;
-    return reinterpret_cast<const KEY_VALUE_PARTIAL_INFORMATION*>(record)->Type == REG_LINK;
-}
-
 /* One rename: the key under its old name and the one under its new name. */
 struct _rename {
     HANDLE parent;
@@ -356,11 +344,15 @@ static NTSTATUS _openOld(_rename* rename) {
     return regNtOpenKey(&rename->oldKey, KEY_READ | ACCESS_SYSTEM_SECURITY, &attributes, REG_TAKE_OWNERSHIP);
 }
 
-/* A link becomes a link of the new name; its value, which the copy brings along, is its target. */
+/* A link becomes a link of the new name; its value, which the copy brings along, is its target. It may have
+ * none. */
 static NTSTATUS _createNew(_rename* rename) {
     const OBJECT_ATTRIBUTES attributes = regAttributesBelow(rename->parent, &rename->newName);
     const UNICODE_STRING className = _className(rename->record);
-    const ULONG options = _isLink(rename->oldKey) ? REG_OPTION_CREATE_LINK : 0u;
+    int isLink = 0;
+    const NTSTATUS status = regQueryIsLink(rename->oldKey, &isLink);
+    if (status < 0) return status;
+    const ULONG options = isLink ? REG_OPTION_CREATE_LINK : 0u;
     return regNtCreateKey(&rename->newKey, KEY_WRITE | WRITE_DAC | WRITE_OWNER, &attributes,
                           rename->record->TitleIndex, &className, options, REG_NO_OPENIF);
 }

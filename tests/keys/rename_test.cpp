@@ -58,6 +58,9 @@ TEST_F(Names, WhatComesAlong) {
     grow("k\\OLD\\sub " + newKey + "-1 " + newKey + "-1\\c k\\OLD-1 k\\OLD-1\\b");
     makeLink(wide(oldKey) + u"\\link", full(u"aim"));
     makeLink(wide(oldKey) + u"-2", full(u"aim"));
+    grow("k\\OLD-3 k\\OLD-3\\c");  // a link's value does not make a link
+    set(oldKey + "-3", "SymbolicLinkValue", REG_LINK, bytesOf(full(u"aim")));
+    create(wide(oldKey) + u"-4", {.options = REG_OPTION_CREATE_LINK});  // without a target
     for (const std::string& path : {std::string("k\\a"), oldKey, oldKey + "\\sub"}) {
         set(path, "v", REG_BINARY, oldSid);
         describe(path, image({oldSid, administrators, std::vector<Ace>{{0, oldSid}}, {}}));
@@ -67,13 +70,14 @@ TEST_F(Names, WhatComesAlong) {
     const std::string told = run(namesOnly | SID_REPLACE_VALUES | SID_SIMULATE);
     EXPECT_NE(told.find("name found, INFO regReplaceSIDInValues: Found"), told.npos) << told;
     EXPECT_EQ(run(namesOnly | SID_REPLACE_SD | SID_REPLACE_VALUES),
-              "value a\\v, name OLD, name OLD-1, name OLD-2, value NEW\\v, value NEW\\sub\\v, 0");
-    EXPECT_EQ(tree("k"), "a NEW(link@ sub) NEW-1(b c) NEW-2@");
+              "value a\\v, name OLD, name OLD-1, name OLD-2, name OLD-3, name OLD-4, value NEW\\v, value "
+              "NEW\\sub\\v, 0");
+    EXPECT_EQ(tree("k"), "a NEW(link@ sub) NEW-1(b c) NEW-2@ NEW-3(c) NEW-4@");
     EXPECT_EQ(classOf(newKey), "Its class");
     EXPECT_EQ(get(newKey + "\\sub", "v"), newSid);
     EXPECT_EQ(get(newKey + "-1", "v"), bytesOf(wide(oldKey)));
     EXPECT_EQ(get(newKey + "-1", "w"), bytesOf(u"stays"));
-    for (const char* link : {"\\link", "-2"})
+    for (const char* link : {"\\link", "-2", "-3"})
         EXPECT_EQ(get(newKey + link, "SymbolicLinkValue"), bytesOf(full(u"aim")));
     for (const std::string& path : {newKey, newKey + "\\sub"})
         EXPECT_TRUE(holds(path, oldSid) == 0 && holds(path, newSid) == 2);
