@@ -1,6 +1,7 @@
 #define OMBRA_UNIT "common/privilege"
 #include "common/privilege.h"
 
+#include "common/last_error.h"
 #include "common/log.h"
 
 /* Enables or disables it in an open token. The adjusting call reports success even where it assigned nothing,
@@ -10,7 +11,7 @@ static DWORD _modifyInToken(HANDLE token, const WCHAR* name, int enable) {
     state.PrivilegeCount = 1;
     state.Privileges[0].Attributes = enable != 0 ? SE_PRIVILEGE_ENABLED : 0;
     if (!LookupPrivilegeValueW(nullptr, name, &state.Privileges[0].Luid)) {
-        const DWORD error = GetLastError();
+        const DWORD error = ombraLastError();
         OMBRA_LOG_AS("ombraModifyPrivilege", OMBRA_ERROR, "Win API call %hs returned %d for %ws",
                      "LookupPrivilegeValue", error, name);
         return error;
@@ -27,7 +28,7 @@ static DWORD _modifyInToken(HANDLE token, const WCHAR* name, int enable) {
 DWORD ombraModifyPrivilege(const WCHAR* name, int enable) {
     HANDLE token = nullptr;
     if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, &token)) {
-        const DWORD error = GetLastError();
+        const DWORD error = ombraLastError();
         OMBRA_LOG(OMBRA_ERROR, "Win API call %hs returned %d", "OpenProcessToken", error);
         return error;
     }

@@ -26,6 +26,8 @@ static_assert(sizeof(WIN32_FIND_DATAW) == 592 && offsetof(WIN32_FIND_DATAW, cFil
 static_assert(offsetof(KEY_BASIC_INFORMATION, Name) == 16 && offsetof(KEY_NODE_INFORMATION, Name) == 24 &&
               offsetof(KEY_VALUE_FULL_INFORMATION, Name) == 20 &&
               offsetof(KEY_VALUE_PARTIAL_INFORMATION, Data) == 12);
+static_assert(sizeof(KEY_FLAGS_INFORMATION) == 12 && offsetof(KEY_FLAGS_INFORMATION, KeyFlags) == 4 &&
+              KeyFlagsInformation == 5);
 static_assert(KeyNodeInformation == 1 && KeyValueFullInformation == 1 && KeyValuePartialInformation == 2);
 
 #endif

@@ -21,6 +21,14 @@ typedef struct _KEY_NODE_INFORMATION {
     WCHAR Name[1];
 } KEY_NODE_INFORMATION;
 
+typedef struct _KEY_FLAGS_INFORMATION {
+    ULONG Wow64Flags;
+    ULONG KeyFlags; /* REG_FLAG_LINK and others */
+    ULONG ControlFlags;
+} KEY_FLAGS_INFORMATION;
+
+#define REG_FLAG_LINK 0x2 /* the key is a symbolic link */
+
 typedef struct _KEY_VALUE_FULL_INFORMATION {
     ULONG TitleIndex;
     ULONG Type;
@@ -37,7 +45,11 @@ typedef struct _KEY_VALUE_PARTIAL_INFORMATION {
     UCHAR Data[1];
 } KEY_VALUE_PARTIAL_INFORMATION;
 
-typedef enum _KEY_INFORMATION_CLASS { KeyBasicInformation = 0, KeyNodeInformation = 1 } KEY_INFORMATION_CLASS;
+typedef enum _KEY_INFORMATION_CLASS {
+    KeyBasicInformation = 0,
+    KeyNodeInformation = 1,
+    KeyFlagsInformation = 5 /* of ZwQueryKey alone */
+} KEY_INFORMATION_CLASS;
 
 typedef enum _KEY_VALUE_INFORMATION_CLASS {
     KeyValueFullInformation = 1,

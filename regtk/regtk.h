@@ -108,6 +108,10 @@ DWORD regScan(HANDLE key, regScanCallback callback, uint64_t scope, void* data, 
  * after a failure. */
 DWORD regDeleteKeyU(HANDLE root, const UNICODE_STRING* name, uint32_t flags);
 
+/* Tells whether an open key (KEY_QUERY_VALUE) is a symbolic link: 1 or 0. The key's flag says so, and not a
+ * value, which an ordinary key may have as well; a link need not have a target. */
+NTSTATUS regQueryIsLink(HANDLE key, int* isLink);
+
 /* What a link mapping answers for a symbolic link that a copy meets. */
 enum regLinkMapResult : uint32_t {
     LINK_MAP_SKIP = 0, /* leave it out */
@@ -122,8 +126,9 @@ typedef uint32_t (*regLinkMapCallback)(const WCHAR* target, memBuf* newTarget, v
 
 /* Copies everything below one key to below another: keys with title index, class, values and owner, group and
  * DACL (REG_NO_VALUES, REG_NO_SECURITY leave those out), and the source's own values. Without linkMap
- * symbolic links are left out. The source must allow enumerating and querying, the target setting values. A
- * Win32 code; what was copied before a failure stays. */
+ * symbolic links are left out; one without a target asks linkMap with an empty text, and stays so. The source
+ * must allow enumerating and querying, the target setting values. A Win32 code; what was copied before a
+ * failure stays. */
 DWORD regCopyKey(HANDLE source, HANDLE target, regLinkMapCallback linkMap, void* linkMapData, uint32_t flags);
 
 #endif

@@ -31,7 +31,7 @@ struct _scanChild {
     HANDLE handle;          // null when there is none to close
     void* saved;            // its descriptor before it was taken over, inside the level's secBuf; or null
     USHORT savedLength;     // of the path, before the child was appended
-    USHORT appendedLength;  // of the path, with the child
+    USHORT appendedLength;  // of the path, with the child; 0 while the path does not hold it
     uint64_t subscope[2];
     uint32_t lastResult;
 };
@@ -78,10 +78,14 @@ static HANDLE _wordHandle(uint64_t word) {
     return reinterpret_cast<HANDLE>(static_cast<ULONG_PTR>(word));
 }
 
-/* Appends the record's name to the path, which grows to exactly what it needs. */
-static NTSTATUS _appendChild(_scan* scan, _scanChild* child) {
-    const KEY_NODE_INFORMATION* const record = _node(scan);
-    const uint32_t needed = record->NameLength + (child->savedLength == 0 ? 0 : child->savedLength + 2u);
+/* What the path's length is to be with the child, in bytes. */
+static uint32_t _lengthWith(const _scanChild* child, const UNICODE_STRING* name) {
+    return name->Length + (child->savedLength == 0 ? 0 : child->savedLength + 2u);
+}
+
+/* Appends the child's name to the path, which grows to exactly what it needs. */
+static NTSTATUS _appendChild(_scan* scan, _scanChild* child, const UNICODE_STRING* name) {
+    const uint32_t needed = _lengthWith(child, name);
     if (needed > UINT16_MAX) {
         OMBRA_LOG_AS(_scanning, OMBRA_ERROR, "Too long a path below %wZ", &scan->path);
         return STATUS_NAME_TOO_LONG;
@@ -96,9 +100,8 @@ static NTSTATUS _appendChild(_scan* scan, _scanChild* child) {
     }
     static const WCHAR backslash[] = TEXT("\\");
     const UNICODE_STRING separator = _countedName(backslash, sizeof(WCHAR));
-    const UNICODE_STRING name = _countedName(record->Name, record->NameLength);
     if (child->savedLength != 0) RtlAppendUnicodeStringToString(&scan->path, &separator);
-    RtlAppendUnicodeStringToString(&scan->path, &name);
+    RtlAppendUnicodeStringToString(&scan->path, name);
     child->appendedLength = scan->path.Length;
     return STATUS_SUCCESS;
 }
@@ -108,8 +111,18 @@ static void _cutPath(_scan* scan, USHORT length) {
     if (scan->path.Buffer != nullptr) scan->path.Length = length;
 }
 
+/* What messages call the child: its path, or its name alone where there is no path that holds it. */
+static const UNICODE_STRING* _calledAs(const _scan* scan, const _scanChild* child,
+                                       const UNICODE_STRING* name) {
+    return child->appendedLength != 0 && scan->path.Buffer != nullptr ? &scan->path : name;
+}
+
+static void _reportLost(const UNICODE_STRING* child) {
+    OMBRA_LOG_AS(_scanning, OMBRA_WARN, "Original security attributes lost for %wZ", child);
+}
+
 /* Puts the descriptor back that taking ownership displaced. */
-static void _writeBack(const _scan* scan, const _scanChild* child) {
+static void _writeBack(const _scanChild* child, const UNICODE_STRING* calledAs) {
     if (child->saved == nullptr) return;
     UNICODE_STRING self = {};
     OBJECT_ATTRIBUTES attributes = regAttributesBelow(child->handle, &self);
@@ -119,12 +132,12 @@ static void _writeBack(const _scan* scan, const _scanChild* child) {
     bool lost = true;
     if (status < 0) {
         OMBRA_LOG_AS(_scanning, OMBRA_WARN, "Native API call %hs returned %#X for %wZ", "ZwOpenKey", status,
-                     &scan->path);
+                     calledAs);
     } else {
         lost = regSetKeySec(key, REG_SEC_ALL, child->saved) != 0;
         ZwClose(key);
     }
-    if (lost) OMBRA_LOG_AS(_scanning, OMBRA_WARN, "Original security attributes lost for %wZ", &scan->path);
+    if (lost) _reportLost(calledAs);
 }
 
 static NTSTATUS _regScanImpl(_scan* scan, HANDLE key, uint64_t scope, int32_t depth);
@@ -178,7 +191,9 @@ static NTSTATUS _callAndDescend(_scan* scan, HANDLE parent, uint64_t scope, _sca
 /* The callback and the descent for an open child whose record is in info. */
 static NTSTATUS _treatChild(_scan* scan, HANDLE parent, uint64_t scope, _scanChild* child, int32_t depth,
                             NTSTATUS status) {
-    const NTSTATUS appended = _appendChild(scan, child);
+    const KEY_NODE_INFORMATION* const record = _node(scan);
+    const UNICODE_STRING name = _countedName(record->Name, record->NameLength);
+    const NTSTATUS appended = _appendChild(scan, child, &name);
     if (appended < 0) return appended;
     status = _callAndDescend(scan, parent, scope, child, depth, status);
     if (child->subscope[0] == 0 && child->subscope[1] == 0) return status;
@@ -190,6 +205,33 @@ static NTSTATUS _treatChild(_scan* scan, HANDLE parent, uint64_t scope, _scanChi
 static bool _isPredefined(HANDLE handle) {
     constexpr ULONG_PTR range = 0xFFFFFFFF80000000;
     return (reinterpret_cast<ULONG_PTR>(handle) & range) == range;
+}
+
+/* Names a child that is passed over in the path, for what is to be said of its descriptor. */
+static NTSTATUS _appendPassedOver(_scan* scan, _scanChild* child, const UNICODE_STRING* name) {
+    if (child->saved == nullptr || _lengthWith(child, name) > UINT16_MAX) return STATUS_SUCCESS;
+    return _appendChild(scan, child, name);
+}
+
+/* The open child whose enumerated name this is. */
+static NTSTATUS _scanOpenChild(_scan* scan, HANDLE key, uint64_t scope, int32_t depth, _scanChild* child,
+                               const UNICODE_STRING* name) {
+    if (_isPredefined(child->handle)) {
+        const NTSTATUS status = _appendPassedOver(scan, child, name);
+        if (child->saved != nullptr) _reportLost(_calledAs(scan, child, name));  // no key to put it back on
+        return status;
+    }
+    NTSTATUS status = _queryChild(scan, child->handle);
+    if (status < 0 && scan->info.data != nullptr) {  // lost when it could not grow
+        OMBRA_LOG_AS(_scanning, OMBRA_WARN, "Native API call %hs returned %#X for %wZ %wZ %p", "ZwQueryKey",
+                     status, &scan->path, name, child->handle);
+        status = _appendPassedOver(scan, child, name);
+    } else if (status >= 0) {
+        status = _treatChild(scan, key, scope, child, depth, status);
+    }
+    _writeBack(child, _calledAs(scan, child, name));
+    ZwClose(child->handle);
+    return status;
 }
 
 /* The child whose basic record is in info. A negative status ends the level. */
@@ -213,18 +255,8 @@ static NTSTATUS _scanOneChild(_scan* scan, HANDLE key, uint64_t scope, int32_t d
         child->handle = nullptr;
         return status;
     }
-    if (_isPredefined(child->handle)) return STATUS_SUCCESS;
-    status = _queryChild(scan, child->handle);
-    if (status < 0 && scan->info.data != nullptr) {  // lost when it could not grow
-        OMBRA_LOG_AS(_scanning, OMBRA_WARN, "Native API call %hs returned %#X for %wZ %wZ %p", "ZwQueryKey",
-                     status, &scan->path, &name, child->handle);
-        status = STATUS_SUCCESS;  // the child is passed over
-    } else if (status >= 0) {
-        status = _treatChild(scan, key, scope, child, depth, status);
-    }
-    _writeBack(scan, child);
+    status = _scanOpenChild(scan, key, scope, depth, child, &name);
     _cutPath(scan, child->savedLength);
-    ZwClose(child->handle);
     return status;
 }
 
@@ -390,15 +422,55 @@ static NTSTATUS _regCopyKValues(HANDLE target, HANDLE source, memBuf* buffer) {
     }
 }
 
+static UNICODE_STRING _linkValueName() {
+    return _countedName(_linkValueText, sizeof _linkValueText - sizeof(WCHAR));
+}
+
+/* A platform that does not tell the flags of keys. */
+static bool _isUnknownClass(NTSTATUS status) {
+    return status == STATUS_INVALID_PARAMETER || status == STATUS_INVALID_INFO_CLASS ||
+           status == STATUS_NOT_IMPLEMENTED || status == STATUS_NOT_SUPPORTED;
+}
+
+/* What is left there to go by: a link's value. */
+static NTSTATUS _queryLinkValue(HANDLE key, int* isLink) {
+    UNICODE_STRING valueName = _linkValueName();
+    KEY_VALUE_PARTIAL_INFORMATION record = {};
+    ULONG length = 0;
+    const NTSTATUS status =
+        ZwQueryValueKey(key, &valueName, KeyValuePartialInformation, &record, sizeof record, &length);
+    *isLink = (status >= 0 || status == STATUS_BUFFER_OVERFLOW) && record.Type == REG_LINK ? 1 : 0;
+    const bool answered = _isTooSmall(status) || status == STATUS_OBJECT_NAME_NOT_FOUND;
+    return answered ? STATUS_SUCCESS : status;
+}
+
+NTSTATUS regQueryIsLink(HANDLE key, int* isLink) {
+    KEY_FLAGS_INFORMATION flags = {};
+    ULONG length = 0;
+    const char* call = "ZwQueryKey";
+    NTSTATUS status = ZwQueryKey(key, KeyFlagsInformation, &flags, sizeof flags, &length);
+    *isLink = (flags.KeyFlags & REG_FLAG_LINK) != 0 ? 1 : 0;
+    const bool untold = status >= 0 ? length < sizeof flags : _isUnknownClass(status) || _isTooSmall(status);
+    if (untold) {
+        call = "ZwQueryValueKey";
+        status = _queryLinkValue(key, isLink);
+    }
+    if (status < 0) OMBRA_LOG(OMBRA_ERROR, "Native API call %hs returned %#X", call, status);
+    return status;
+}
+
+/* target: terminated; null leaves the link without one. */
 static NTSTATUS _regLinkCreate(const OBJECT_ATTRIBUTES* attributes, ULONG titleIndex,
                                const UNICODE_STRING* className, const WCHAR* target, uint32_t flags) {
     HANDLE key = nullptr;
     NTSTATUS status =
         regNtCreateKey(&key, KEY_SET_VALUE, attributes, titleIndex, className, REG_OPTION_CREATE_LINK, flags);
     if (status < 0) return status;
-    UNICODE_STRING valueName = _countedName(_linkValueText, sizeof _linkValueText - sizeof(WCHAR));
-    status = ZwSetValueKey(key, &valueName, 0, REG_LINK, const_cast<WCHAR*>(target),
-                           static_cast<ULONG>(wideLength(target) * sizeof(WCHAR)));
+    if (target != nullptr) {
+        UNICODE_STRING valueName = _linkValueName();
+        status = ZwSetValueKey(key, &valueName, 0, REG_LINK, const_cast<WCHAR*>(target),
+                               static_cast<ULONG>(wideLength(target) * sizeof(WCHAR)));
+    }
     ZwClose(key);
     if (status < 0) {
         OMBRA_LOG(OMBRA_ERROR, "Native API call %hs returned %#X for %wZ -> %ws", "ZwSetValueKey", status,
@@ -412,35 +484,40 @@ enum : uint32_t { LINK_DONE = SCAN_NEXT, LINK_NONE = 1, LINK_AGAIN = SCAN_RESTAR
 
 static const char _linkStep[] = "_regScanLinksCallbackImpl";  // what its helpers report as
 
-/* Reads the child's link value into the buffer, with room for a terminator behind it. LINK_DONE: it is a
- * link. */
-static uint32_t _readLink(HANDLE parent, UNICODE_STRING* name, memBuf* buffer, uint32_t flags) {
-    const OBJECT_ATTRIBUTES attributes = regAttributesBelow(parent, name);
-    HANDLE child = nullptr;
-    if (regNtOpenKey(&child, KEY_QUERY_VALUE, &attributes, flags) < 0) return LINK_FAILED;
-    UNICODE_STRING valueName = _countedName(_linkValueText, sizeof _linkValueText - sizeof(WCHAR));
+/* The open child's link value into the buffer, with room for a terminator behind it. */
+static uint32_t _readLinkOf(HANDLE child, const UNICODE_STRING* name, memBuf* buffer, bool* hasTarget) {
+    UNICODE_STRING valueName = _linkValueName();
     NTSTATUS status;
     ULONG length = 16;
     while (_isTooSmall(status = ZwQueryValueKey(child, &valueName, KeyValuePartialInformation, buffer->data,
                                                 buffer->size <= 2 ? 0 : buffer->size - 2, &length))) {
-        if (length <= UINT32_MAX - 2 && memBufResize(buffer, length + 2)) continue;
-        ZwClose(child);
-        return LINK_FAILED;
+        if (length > UINT32_MAX - 2 || !memBufResize(buffer, length + 2)) return LINK_FAILED;
     }
-    ZwClose(child);
-    if (status == STATUS_OBJECT_NAME_NOT_FOUND) return LINK_NONE;
-    if (status < 0) {
+    if (status < 0 && status != STATUS_OBJECT_NAME_NOT_FOUND) {
         OMBRA_LOG_AS(_linkStep, OMBRA_ERROR, "Native API call %hs returned %#X for %wZ", "ZwQueryValueKey",
                      status, name);
         return LINK_FAILED;
     }
-    const KEY_VALUE_PARTIAL_INFORMATION* const value =
-        reinterpret_cast<const KEY_VALUE_PARTIAL_INFORMATION*>(buffer->data);
-    return value->Type == REG_LINK ? LINK_DONE : LINK_NONE;
+    int isLink = 0;
+    if (regQueryIsLink(child, &isLink) < 0) return LINK_FAILED;
+    *hasTarget = isLink && status >= 0 &&
+                 reinterpret_cast<const KEY_VALUE_PARTIAL_INFORMATION*>(buffer->data)->Type == REG_LINK;
+    return isLink ? LINK_DONE : LINK_NONE;
+}
+
+/* The same for the child of this name. LINK_DONE: it is a link. */
+static uint32_t _readLink(HANDLE parent, UNICODE_STRING* name, memBuf* buffer, uint32_t flags,
+                          bool* hasTarget) {
+    const OBJECT_ATTRIBUTES attributes = regAttributesBelow(parent, name);
+    HANDLE child = nullptr;
+    if (regNtOpenKey(&child, KEY_QUERY_VALUE, &attributes, flags) < 0) return LINK_FAILED;
+    const uint32_t found = _readLinkOf(child, name, buffer, hasTarget);
+    ZwClose(child);
+    return found;
 }
 
 /* The link's target in the buffer, terminated. */
-static WCHAR* _linkTarget(const memBuf* buffer) {
+static const WCHAR* _linkTarget(const memBuf* buffer) {
     KEY_VALUE_PARTIAL_INFORMATION* const value =
         reinterpret_cast<KEY_VALUE_PARTIAL_INFORMATION*>(buffer->data);
     WCHAR* const target = reinterpret_cast<WCHAR*>(value->Data);
@@ -469,7 +546,7 @@ static void _copyLinkSec(HANDLE source, const OBJECT_ATTRIBUTES* attributes, mem
     _closeIfOpen(newLink);
 }
 
-/* Makes the destination link anew. The target may lie in the copy's buffer. */
+/* Makes the destination link anew. The target may lie in the copy's buffer, or be null. */
 static uint32_t _replaceLink(HANDLE source, const OBJECT_ATTRIBUTES* attributes,
                              const KEY_NODE_INFORMATION* record, const WCHAR* target, regCopyCtx* copy,
                              uint32_t flags) {
@@ -483,11 +560,13 @@ static uint32_t _replaceLink(HANDLE source, const OBJECT_ATTRIBUTES* attributes,
 static uint32_t _regScanLinksCallbackImpl(HANDLE source, HANDLE target, const KEY_NODE_INFORMATION* record,
                                           regCopyCtx* copy, uint32_t flags) {
     UNICODE_STRING name = _countedName(record->Name, record->NameLength);
-    const uint32_t found = _readLink(source, &name, &copy->buffer, flags);
+    bool hasTarget = false;
+    const uint32_t found = _readLink(source, &name, &copy->buffer, flags, &hasTarget);
     if (found != LINK_DONE || copy->linkMap == nullptr) return found;
     const OBJECT_ATTRIBUTES attributes = regAttributesBelow(target, &name);
-    const WCHAR* const oldTarget = _linkTarget(&copy->buffer);
-    const uint32_t answer = copy->linkMap(oldTarget, &copy->linkTarget, copy->linkMapData);
+    const WCHAR* const oldTarget = hasTarget ? _linkTarget(&copy->buffer) : nullptr;
+    const uint32_t answer =
+        copy->linkMap(hasTarget ? oldTarget : TEXT(""), &copy->linkTarget, copy->linkMapData);
     switch (answer) {
         case LINK_MAP_SKIP:
             return LINK_DONE;

@@ -1,6 +1,7 @@
 #define OMBRA_UNIT "regtk/regtk_sec"
 #include <cstring>
 
+#include "common/last_error.h"
 #include "common/log.h"
 #include "regtk/regtk.h"
 
@@ -50,7 +51,7 @@ struct _ownership {
 
 /* A failure of a call that reports through the last error. */
 static DWORD _lastErrorOf(const char* call) {
-    const DWORD error = GetLastError();
+    const DWORD error = ombraLastError();
     OMBRA_LOG_AS(_taking, OMBRA_ERROR, "Win API call %hs returned %d", call, error);
     return error;
 }

@@ -19,13 +19,24 @@ static DWORD regReplaceSIDInBinary(const regData* input, regData* output, sidCtx
     return 0;
 }
 
-/* One string of at most a counted string's length; a longer one is left alone. */
+/* Bytes by which a text grows where the old SID gives way to the new one; negative where it shrinks. */
+static int32_t _growth(const sidCtx* ctx) {
+    return int32_t{ctx->sidNewText.Length} - int32_t{ctx->sidOldText.Length};
+}
+
+static bool _matchesText(const uint8_t* text, uint32_t length, const sidCtx* ctx) {
+    return sidMatchesText(text, length, &ctx->sidOldText, (ctx->flags & SID_EXACT) != 0) != 0;
+}
+
+/* Whether a string is one for a counted string, with the new SID in it as well. */
+static bool _canBeCounted(uint32_t length, const sidCtx* ctx) {
+    return length <= UINT16_MAX && int64_t{length} + _growth(ctx) <= UINT16_MAX;
+}
+
+/* A longer string than that is left alone. */
 static DWORD _replaceInString(const uint8_t* text, uint32_t length, UNICODE_STRING* result, sidCtx* ctx,
                               int* changed) {
-    if (length > UINT16_MAX) {
-        OMBRA_LOG_AS("regReplaceSIDInData", OMBRA_WARN, "Too long a string (%d bytes), left alone", length);
-        return 0;
-    }
+    if (!_canBeCounted(length, ctx)) return 0;
     UNICODE_STRING name;
     name.Length = static_cast<USHORT>(length);
     name.MaximumLength = name.Length;
@@ -52,54 +63,77 @@ static uint32_t _stringLength(const uint8_t* text, uint32_t length) {
     return at + 2 <= length ? at : length;
 }
 
-/* The output of a multi-string, assembled in multiSzBuf. It is whole after each replaced string: the input's
- * tail is behind it, and a later replaced string overwrites that. */
-struct _assembly {
-    const regData* input;
-    uint32_t inOff;   // of the string at hand, in the input
-    uint32_t outOff;  // the same in the output
-    uint32_t needed;  // length of the output
-    bool started;
+/* The strings of a multi-string, one after the other, empty ones and those behind them too. */
+struct _strings {
+    const regData* data;
+    uint32_t inOff;   // of the string at hand
+    uint32_t length;  // its bytes, without the NUL
 };
 
-static DWORD _putReplaced(_assembly* assembly, const UNICODE_STRING* result, uint32_t stringLength,
-                          memBuf* buffer) {
-    const uint32_t tail = assembly->input->Length - assembly->inOff - stringLength;
-    const uint64_t needed = uint64_t{result->Length} + assembly->outOff + tail;
-    if (needed > UINT32_MAX) return ERROR_NOT_ENOUGH_MEMORY;
-    assembly->needed = static_cast<uint32_t>(needed);
-    if (buffer->size < assembly->needed && !memBufResize(buffer, assembly->needed))
-        return ERROR_NOT_ENOUGH_MEMORY;
-    if (!assembly->started) memcpy(buffer->data, assembly->input->Buffer, assembly->outOff);
-    assembly->started = true;
-    memcpy(buffer->data + assembly->outOff, result->Buffer, result->Length);
-    assembly->outOff += result->Length;
-    assembly->inOff += stringLength;
-    memcpy(buffer->data + assembly->outOff, assembly->input->Buffer + assembly->inOff, tail);
-    return 0;
+static bool _atString(_strings* strings) {
+    const regData* const data = strings->data;
+    if (strings->inOff + 2 > data->Length) return false;
+    strings->length = _stringLength(data->Buffer + strings->inOff, data->Length - strings->inOff);
+    return true;
 }
 
+static void _stepOver(_strings* strings) {
+    strings->inOff += strings->length + 2;
+}
+
+/* Bytes of the multi-string with all its strings rewritten; 0 when none is to be. */
+static uint64_t _rewrittenLength(const regData* input, const sidCtx* ctx) {
+    int64_t length = input->Length;
+    bool any = false;
+    for (_strings at = {input, 0, 0}; _atString(&at); _stepOver(&at)) {
+        if (!_canBeCounted(at.length, ctx) || !_matchesText(input->Buffer + at.inOff, at.length, ctx))
+            continue;
+        any = true;
+        length += _growth(ctx);
+    }
+    return any ? static_cast<uint64_t>(length) : 0;
+}
+
+/* What is being assembled in multiSzBuf: the input up to inOff, with its strings rewritten, fills outOff
+ * bytes. */
+struct _assembly {
+    const regData* input;
+    uint8_t* output;
+    uint32_t inOff;
+    uint32_t outOff;
+};
+
+/* The input up to end as it is. */
+static void _putUntil(_assembly* assembly, uint32_t end) {
+    const uint32_t length = end - assembly->inOff;
+    memcpy(assembly->output + assembly->outOff, assembly->input->Buffer + assembly->inOff, length);
+    assembly->inOff = end;
+    assembly->outOff += length;
+}
+
+/* The value is measured first, so that it is assembled in one pass, however many strings it has. */
 static DWORD regReplaceSIDInMultiSz(const regData* input, regData* output, sidCtx* ctx, int* changed) {
-    _assembly assembly = {input, 0, 0, 0, false};
-    while (assembly.inOff + 2 <= input->Length) {
-        const uint8_t* const string = input->Buffer + assembly.inOff;
-        const uint32_t stringLength = _stringLength(string, input->Length - assembly.inOff);
+    const uint64_t needed = _rewrittenLength(input, ctx);
+    if (needed == 0) return 0;
+    memBuf* const buffer = &ctx->multiSzBuf;
+    if (needed > UINT32_MAX) return ERROR_NOT_ENOUGH_MEMORY;
+    if (buffer->size < needed && !memBufResize(buffer, static_cast<uint32_t>(needed)))
+        return ERROR_NOT_ENOUGH_MEMORY;
+    _assembly assembly = {input, buffer->data, 0, 0};
+    for (_strings at = {input, 0, 0}; _atString(&at); _stepOver(&at)) {
         int replaced = 0;
         UNICODE_STRING result;
-        DWORD error = _replaceInString(string, stringLength, &result, ctx, &replaced);
-        if (error == 0 && replaced) {
-            error = _putReplaced(&assembly, &result, stringLength, &ctx->multiSzBuf);
-        } else {
-            assembly.inOff += stringLength;
-            assembly.outOff += stringLength;
-        }
+        const DWORD error = _replaceInString(input->Buffer + at.inOff, at.length, &result, ctx, &replaced);
         if (error != 0) return error;
-        assembly.inOff += 2;
-        assembly.outOff += 2;
+        if (!replaced) continue;
+        _putUntil(&assembly, at.inOff);
+        memcpy(assembly.output + assembly.outOff, result.Buffer, result.Length);
+        assembly.outOff += result.Length;
+        assembly.inOff += at.length;
     }
-    if (!assembly.started) return 0;
-    output->Buffer = ctx->multiSzBuf.data;
-    output->Length = assembly.needed;
+    _putUntil(&assembly, input->Length);
+    output->Buffer = buffer->data;
+    output->Length = assembly.outOff;
     *changed = 1;
     return 0;
 }
@@ -139,11 +173,55 @@ static DWORD _failed(const _value* value, const char* call, NTSTATUS status, con
     return RtlNtStatusToDosError(status);
 }
 
+/* FNV-1a; the step behind the text is that of no byte, so that two texts can't run together. */
+static uint64_t _mark(uint64_t mark, const UNICODE_STRING* text) {
+    constexpr uint64_t prime = 1099511628211u;
+    const uint8_t* const bytes = reinterpret_cast<const uint8_t*>(text->Buffer);
+    for (uint32_t i = 0; i < text->Length; i++) mark = (mark ^ bytes[i]) * prime;
+    return (mark ^ 0x100) * prime;
+}
+
+/* Whether this value is told of for the first time, as far back as the context remembers: a walk comes by a
+ * key again whenever a sibling is renamed. */
+static bool _isNews(const UNICODE_STRING* keyName, const UNICODE_STRING* valueName, sidCtx* ctx) {
+    constexpr uint64_t start = 14695981039346656037u;
+    const uint64_t mark = _mark(_mark(start, keyName), valueName);
+    for (const uint64_t told : ctx->told) {
+        if (told == mark) return false;
+    }
+    ctx->told[ctx->toldNext++ % SID_TOLD] = mark;
+    return true;
+}
+
+/* Reports a string that holds the old SID and is left alone for its length. */
+static void _tellTooLong(const uint8_t* text, uint32_t length, const UNICODE_STRING* keyName,
+                         const _value* value, sidCtx* ctx) {
+    if (_canBeCounted(length, ctx) || !_matchesText(text, length, ctx)) return;
+    if (!_isNews(keyName, &value->name, ctx)) return;
+    constexpr USHORT shown = 160;  // bytes
+    UNICODE_STRING head;
+    head.Length = head.MaximumLength = shown;
+    head.Buffer = reinterpret_cast<WCHAR*>(const_cast<uint8_t*>(text));
+    OMBRA_LOG_AS(value->function, OMBRA_WARN,
+                 "Too long a string with the old SID (%u bytes), left alone in value  %wZ\\%wZ: %wZ...",
+                 length, keyName, &value->name, &head);
+}
+
+static void _tellTooLongStrings(const UNICODE_STRING* keyName, const _value* value, sidCtx* ctx) {
+    const regData* const data = &value->data;
+    if (_canBeCounted(data->Length, ctx)) return;
+    if (value->type == REG_SZ) _tellTooLong(data->Buffer, data->Length, keyName, value, ctx);
+    if (value->type != REG_MULTI_SZ) return;
+    for (_strings at = {data, 0, 0}; _atString(&at); _stepOver(&at))
+        _tellTooLong(data->Buffer + at.inOff, at.length, keyName, value, ctx);
+}
+
 /* Rewrites a value and writes it back where it has changed. */
 static DWORD _treatValue(HANDLE key, const UNICODE_STRING* keyName, _value* value, sidCtx* ctx) {
     int changed = 0;
     regData output = {};
     const DWORD error = regReplaceSIDInData(value->type, &value->data, &output, ctx, &changed);
+    _tellTooLongStrings(keyName, value, ctx);
     if (error != 0 || !changed) return error;
     if ((ctx->flags & SID_SIMULATE) != 0) {
         OMBRA_LOG_AS(value->function, OMBRA_INFO, "Found old SID in value  %wZ\\%wZ (simulation mode)",
@@ -251,18 +329,6 @@ static uint32_t _keepLink(const WCHAR*, memBuf*, void*) {
     return LINK_MAP_SAME;
 }
 
-/* Whether an open key is a symbolic link: its values are then the link's target, and it has no children. */
-static bool _isLink(HANDLE key) {
-    UNICODE_STRING valueName;
-    RtlInitUnicodeString(&valueName, TEXT("SymbolicLinkValue"));
-    alignas(KEY_VALUE_PARTIAL_INFORMATION) uint8_t record[16];
-    ULONG length = 0;
-    const NTSTATUS status =
-        ZwQueryValueKey(key, &valueName, KeyValuePartialInformation, record, sizeof record, &length);
-    if (status < 0 && status != STATUS_BUFFER_OVERFLOW) return false;
-    return reinterpret_cast<const KEY_VALUE_PARTIAL_INFORMATION*>(record)->Type == REG_LINK;
-}
-
 /* One rename: the key under its old name and the one under its new name. */
 struct _rename {
     HANDLE parent;
@@ -278,11 +344,15 @@ static NTSTATUS _openOld(_rename* rename) {
     return regNtOpenKey(&rename->oldKey, KEY_READ | ACCESS_SYSTEM_SECURITY, &attributes, REG_TAKE_OWNERSHIP);
 }
 
-/* A link becomes a link of the new name; its value, which the copy brings along, is its target. */
+/* A link becomes a link of the new name; its value, which the copy brings along, is its target. It may have
+ * none. */
 static NTSTATUS _createNew(_rename* rename) {
     const OBJECT_ATTRIBUTES attributes = regAttributesBelow(rename->parent, &rename->newName);
     const UNICODE_STRING className = _className(rename->record);
-    const ULONG options = _isLink(rename->oldKey) ? REG_OPTION_CREATE_LINK : 0u;
+    int isLink = 0;
+    const NTSTATUS status = regQueryIsLink(rename->oldKey, &isLink);
+    if (status < 0) return status;
+    const ULONG options = isLink ? REG_OPTION_CREATE_LINK : 0u;
     return regNtCreateKey(&rename->newKey, KEY_WRITE | WRITE_DAC | WRITE_OWNER, &attributes,
                           rename->record->TitleIndex, &className, options, REG_NO_OPENIF);
 }

@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "common/last_error.h"
 #include "common/log.h"
 #include "common/wide.h"
 #include "regtk/regtk.h"
@@ -227,21 +228,25 @@ int sidReplaceInData(uint8_t* data, uint32_t length, const uint8_t* sidOld, cons
     return result;
 }
 
-static bool _beginsWith(const UNICODE_STRING* name, const UNICODE_STRING* head) {
-    return name->Length >= head->Length && memcmp(name->Buffer, head->Buffer, head->Length) == 0;
+int sidMatchesText(const void* text, uint32_t length, const UNICODE_STRING* oldText, int exact) {
+    const uint32_t head = oldText->Length;
+    if (length < head || (exact && length != head) || memcmp(text, oldText->Buffer, head) != 0) return 0;
+    if (length == head) return 1;
+    static const WCHAR hyphen = '-';
+    const bool whole = length - head >= sizeof hyphen;
+    return whole && memcmp(static_cast<const uint8_t*>(text) + head, &hyphen, sizeof hyphen) == 0 ? 1 : 0;
 }
 
 DWORD sidReplaceInName(const UNICODE_STRING* name, UNICODE_STRING* result, const UNICODE_STRING* oldText,
                        const UNICODE_STRING* newText, int exact, int* changed, memBuf* buffer) {
-    if (!_beginsWith(name, oldText)) return 0;
+    if (!sidMatchesText(name->Buffer, name->Length, oldText, exact)) return 0;
     UNICODE_STRING tail;
     tail.Length = static_cast<USHORT>(name->Length - oldText->Length);
     tail.MaximumLength = tail.Length;
     tail.Buffer = name->Buffer + oldText->Length / sizeof(WCHAR);
-    if (tail.Length != 0 && (exact || tail.Length < sizeof(WCHAR) || tail.Buffer[0] != '-')) return 0;
     const uint32_t total = uint32_t{newText->Length} + tail.Length;
     if (total > UINT16_MAX) {
-        OMBRA_LOG(OMBRA_WARN, "Too long a name with the new SID (%d bytes), left alone: %wZ", total, name);
+        OMBRA_LOG(OMBRA_WARN, "Too long a name with the new SID (%u bytes), left alone", total);
         return 0;
     }
     if (!exact) OMBRA_LOG(OMBRA_DEBUG, "Matching SID ..%wZ", &tail);
@@ -270,7 +275,7 @@ enum : uint32_t { ACE_SID_AT = 8 };  // behind the header and the access mask
 
 /* Reports a failed call under the name of the operation that made it; gives the last error. */
 static DWORD _failedFor(const char* function, const char* call, const UNICODE_STRING* name) {
-    const DWORD error = GetLastError();
+    const DWORD error = ombraLastError();
     OMBRA_LOG_AS(function, OMBRA_ERROR, "Win API call %hs returned %d for %wZ", call, error, name);
     return error;
 }
@@ -358,7 +363,8 @@ static DWORD _failedForFile(const char* call, DWORD error, const WCHAR* path) {
 }
 
 static DWORD _getFileSecurity(const WCHAR* path, const memBuf* buffer, DWORD* needed) {
-    return GetFileSecurityW(path, _wholeDescriptor, buffer->data, buffer->size, needed) ? 0 : GetLastError();
+    return GetFileSecurityW(path, _wholeDescriptor, buffer->data, buffer->size, needed) ? 0
+                                                                                        : ombraLastError();
 }
 
 /* The states READ, READ DENIED and GROW: the file's descriptor in the buffer. */
@@ -380,7 +386,7 @@ static DWORD _readFileSD(const WCHAR* path, int simulate, memBuf* buffer) {
 }
 
 static DWORD _setFileSecurity(const WCHAR* path, const memBuf* buffer) {
-    return SetFileSecurityW(path, _wholeDescriptor, buffer->data) ? 0 : GetLastError();
+    return SetFileSecurityW(path, _wholeDescriptor, buffer->data) ? 0 : ombraLastError();
 }
 
 /* The states WRITE and WRITE DENIED. The buffer still holds what the file had, patched, so nothing is lost

@@ -42,6 +42,10 @@ int sidReplace(uint8_t* target, const uint8_t* sidOld, const uint8_t* sidNew, ui
 int sidReplaceInData(uint8_t* data, uint32_t length, const uint8_t* sidOld, const uint8_t* sidNew,
                      uint32_t size, int exact);
 
+/* 1 when text of this many bytes is the text form of the old SID, or, in prefix mode, goes on behind it with
+ * a hyphen; else 0. */
+int sidMatchesText(const void* text, uint32_t length, const UNICODE_STRING* oldText, int exact);
+
 /* Rewrites the text form of the SID at the head of a name. On a match *changed becomes 1 (it is never
  * cleared) and result points into buffer, good until that is used again; name must not lie in buffer. 0, or
  * ERROR_NOT_ENOUGH_MEMORY. A result that would be longer than a counted string can be (65,535 bytes) is no

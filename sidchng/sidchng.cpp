@@ -1,6 +1,7 @@
 #define OMBRA_UNIT "sidchng/sidchng"
 #include "sidchng/sidchng.h"
 
+#include "common/last_error.h"
 #include "common/log.h"
 #include "common/wide.h"
 #include "regtk/regtk.h"
@@ -14,7 +15,7 @@ static const char _seizing[] = "takeFileOwnership";  // what its helpers report 
 static DWORD _readTokenOwner(HANDLE token, uint8_t* ownerRecord, DWORD size, PSID* owner) {
     DWORD needed = size;
     if (!GetTokenInformation(token, TokenOwner, ownerRecord, size, &needed)) {
-        const DWORD error = GetLastError();
+        const DWORD error = ombraLastError();
         OMBRA_LOG_AS(_seizing, OMBRA_ERROR, "Win API call %hs returned %d", "GetTokenInformation", error);
         return error;
     }
@@ -40,7 +41,7 @@ static DWORD _setFileInfo(const WCHAR* path, SECURITY_INFORMATION information, P
 DWORD takeFileOwnership(const WCHAR* path) {
     HANDLE token = nullptr;
     if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token)) {
-        const DWORD error = GetLastError();
+        const DWORD error = ombraLastError();
         OMBRA_LOG(OMBRA_ERROR, "Win API call %hs returned %d", "OpenProcessToken", error);
         return error;
     }
@@ -162,7 +163,7 @@ static DWORD _walkFrom(_walk* walk, uint32_t length) {
     if (!driveRoot) {
         attributes = GetFileAttributesW(path);
         if (attributes == INVALID_FILE_ATTRIBUTES) {
-            const DWORD error = GetLastError();
+            const DWORD error = ombraLastError();
             const bool missing = error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
             if (missing && (walk->flags & SID_OPTIONAL) != 0) return 0;
             OMBRA_LOG_AS("sidReplaceInPath", OMBRA_ERROR, "Win API call %hs returned %d for %ws",

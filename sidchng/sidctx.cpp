@@ -1,6 +1,7 @@
 #define OMBRA_UNIT "sidchng/sidctx"
 #include "sidchng/sidctx.h"
 
+#include "common/last_error.h"
 #include "common/log.h"
 #include "common/wide.h"
 
@@ -22,7 +23,7 @@ DWORD sidCtxInit(sidCtx* ctx, const uint8_t* sidOld, const uint8_t* sidNew, uint
     if (!memBufInit(&ctx->queryBuf, _queryRoom)) return ERROR_NOT_ENOUGH_MEMORY;
     if (!ConvertSidToStringSidW(const_cast<uint8_t*>(sidOld), &ctx->sidOldText.Buffer) ||
         !ConvertSidToStringSidW(const_cast<uint8_t*>(sidNew), &ctx->sidNewText.Buffer)) {
-        const DWORD error = GetLastError();
+        const DWORD error = ombraLastError();
         OMBRA_LOG(OMBRA_ERROR, "Win API call %hs returned %d", "ConvertSidToStringSid", error);
         sidCtxFree(ctx);
         return error;

@@ -6,6 +6,8 @@
 #include "platform/nt.h"
 #include "sidchng/sidflags.h"
 
+constexpr uint32_t SID_TOLD = 32; /* values that the context remembers to have told of */
+
 struct sidCtx {
     const uint8_t* sidOld; /* the SIDs and the list are the caller's and must outlive the context */
     const uint8_t* sidNew;
@@ -18,6 +20,8 @@ struct sidCtx {
     memBuf stringBuf;               /* a rewritten string */
     memBuf multiSzBuf;              /* a multi-string that is being assembled */
     DWORD lastError;                /* the last failure noted during the walk, 0 while there is none */
+    uint64_t told[SID_TOLD];        /* marks of the last values that were left alone with a word */
+    uint32_t toldNext;              /* how many there were in all */
 };
 
 /* Fills the context. A Win32 code; after a failure nothing is left to release. */

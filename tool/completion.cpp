@@ -1,12 +1,13 @@
 #include <cstdio>
 
+#include "common/last_error.h"
 #include "sidchng/sidflags.h"
 #include "tool/run.h"
 #include "tool/text_format.h"
 
 /* Writes the line for a call that failed and gives the last error. */
 static DWORD _failed(const char* call) {
-    const DWORD error = GetLastError();
+    const DWORD error = ombraLastError();
     writeText(stderr, "%s() failed with code %d\n", call, error);
     return error;
 }

@@ -1,5 +1,6 @@
 #include <cstdio>
 
+#include "common/last_error.h"
 #include "common/log.h"
 #include "common/privilege.h"
 #include "regtk/regtk.h"
@@ -35,7 +36,7 @@ static DWORD _makeTexts(runState* run) {
         ConvertSidToStringSidA(run->sidNew, &run->sidNewText)) {
         return 0;
     }
-    const DWORD error = GetLastError();
+    const DWORD error = ombraLastError();
     writeText(stderr, "ConvertSidToStringSid() failed with code %d\n", error);
     return error;
 }

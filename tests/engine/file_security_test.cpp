@@ -106,6 +106,9 @@ TEST_F(FileSecurity, EveryRoadThroughReadingAndWriting) {
         {{both}, "r512, -o, found", 0, true},
         {{clean}, "r512", 0, true},
         {{owned, {2}}, "r512, ! GetFileSecurity 2", 2},
+        {{owned, {silently}}, "r512, ! GetFileSecurity 1359", 1359},
+        {{owned, {5}, {}, {}, 0, false, silently}, "r512, ! OpenProcessToken 1359, ! GetFileSecurity 5", 5},
+        {{both, {}, {0, silently}}, "r512, -o, w, done, r512, -g, w, ! SetFileSecurity 1359", 1359},
         {{both, {}, {0, 19}}, "r512, -o, w, done, r512, -g, w, ! SetFileSecurity 19", 19},
         /* growth, by what is needed and 256 bytes */
         {{padded(clean, 513)}, "r512, r769", 0},
@@ -135,8 +138,8 @@ TEST_F(FileSecurity, EveryRoadThroughReadingAndWriting) {
         {{both, {0, 5}, {5, 0, 5}},
          "r512, -o, w, seize, w, done, r512, seize, lost, r512, -g, w, seize, w, done, r512", 0},
         /* failures beside the file's calls */
-        {{owned}, "r512, ERROR sidReplaceInSDInternal: Win API call GetSecurityDescriptorDacl 1338", 1338,
-         false, {"GetSecurityDescriptorDacl", 0, 1338}},
+        {{owned}, "r512, ERROR sidReplaceInSDInternal: Win API call GetSecurityDescriptorDacl 1359", 1359,
+         false, {"GetSecurityDescriptorDacl", 0, silently}},
         {{large}, "r512, no memory", ERROR_NOT_ENOUGH_MEMORY, false, {}, 0},
     };
     // clang-format on

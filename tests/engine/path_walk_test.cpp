@@ -107,6 +107,7 @@ TEST_F(PathWalk, StartPaths) {
         {u"c:\\dir", "attributes", 3, SID_OPTIONAL, 0},
         {u"c:\\dir", "attributes", 2, SID_OPTIONAL, 0},
         {u"c:\\dir", "attributes, " + failed + "5" + gone, 5, SID_OPTIONAL, 5},
+        {u"c:\\dir", "attributes, " + failed + "1359" + gone, silently, SID_OPTIONAL, 1359},
     };
     for (const auto& row : rows) {
         answer.GetFileAttributesW = [&](LPCWSTR) -> DWORD {

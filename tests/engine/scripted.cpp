@@ -104,7 +104,7 @@ void recordLine(const char* file, const char* function, int, int level, ULONG_PT
 }
 
 BOOL failWith(DWORD code) {
-    SetLastError(code);
+    SetLastError(code == silently ? 0 : code);
     return FALSE;
 }
 

@@ -45,7 +45,8 @@ std::string shortened(const Legend& legend, const Events& all = events);
 /* How many allocations of the system proper succeed before one fails; below 0: all. */
 extern int allocationsLeft;
 
-BOOL failWith(DWORD code); /* sets the last error; gives FALSE */
+constexpr DWORD silently = 0xFFFFFFFF; /* as a code: the call fails and leaves no last error */
+BOOL failWith(DWORD code);             /* sets the last error; gives FALSE */
 HANDLE fakeHandle(uintptr_t number);
 uintptr_t numberOf(const void* handle);
 UNICODE_STRING counted(const std::u16string& characters);

@@ -32,6 +32,7 @@ SCRIPTED(BOOL, InitiateSystemShutdownW, (LPWSTR a, LPWSTR b, DWORD c, BOOL d, BO
 SCRIPTED(RPC_STATUS, UuidCreate, (UUID* a), (a))
 PASSED_ON(BOOL, SetSecurityDescriptorOwner, (PSECURITY_DESCRIPTOR a, PSID b, BOOL c), (a, b, c))
 PASSED_ON(BOOL, GetSecurityDescriptorDacl, (PSECURITY_DESCRIPTOR a, LPBOOL b, PACL* c, LPBOOL d), (a, b, c, d))
+PASSED_ON(BOOL, ConvertSidToStringSidW, (PSID a, LPWSTR* b), (a, b))
 PASSED_ON(BOOL, GetAce, (PACL a, DWORD b, LPVOID* c), (a, b, c))
 // clang-format on
 #undef SCRIPTED

@@ -117,6 +117,40 @@ TEST_F(Trees, Links) {
     }
 }
 
+/* A key's flag makes it a link, and not a value; a link need not have a target. */
+TEST_F(Trees, WhatMakesALink) {
+    const auto same = [](const WCHAR*, memBuf*, void*) { return uint32_t{LINK_MAP_SAME}; };
+    // clang-format off
+    const struct { Fault fault; const char* expected; const char* after; bool mapped = true; } rows[] = {
+        {{"none"}, "0", "l@ n@ o(c)"},
+        {{"none"}, "0", "o(c)", false},
+        {{"ZwQueryKey", "l", STATUS_INVALID_PARAMETER, 1, 1}, "0", "l@ n@ o(c)"},  // flags are not told
+        {{"ZwQueryKey", "n", STATUS_ACCESS_DENIED, 1, 1}, "! regQueryIsLink: ZwQueryKey 0XC0000022, 31", "l@"},
+    };
+    // clang-format on
+    grow("aim aim\\below");
+    for (const auto& row : rows) {
+        clear("from to");
+        grow("from from\\o from\\o\\c to");
+        set("from\\o", "SymbolicLinkValue", REG_LINK, bytesOf(full(u"aim")));
+        makeLink(u"from\\l", full(u"aim"));
+        create(u"from\\n", {.options = REG_OPTION_CREATE_LINK});
+        refuse({row.fault});
+        const std::string told = copy(0, row.mapped ? regLinkMapCallback{same} : nullptr);
+        EXPECT_TRUE(told.ends_with(row.expected)) << told;
+        refuse({});
+        EXPECT_EQ(tree("to"), row.after);
+        ULONG type = 0;
+        for (const char* path : {"to\\l", "to\\o"}) {
+            if (!there(path)) continue;
+            EXPECT_EQ(get(path, "SymbolicLinkValue", &type), bytesOf(full(u"aim")));
+            EXPECT_EQ(type, ULONG{REG_LINK});
+        }
+        EXPECT_EQ(remove(u"from", REG_RECURSIVE), "0");
+        EXPECT_EQ(tree(""), "aim(below) to" + (row.after[0] == 0 ? "" : "(" + tree("to") + ")"));
+    }
+}
+
 TEST_F(Trees, Flushes) {
     grow("from to");
     for (int i = 1; i <= 131; i++) {

@@ -1,4 +1,5 @@
 /* The scan engine under a callback whose answers the test gives. */
+#include <algorithm>
 #include <regex>
 
 #include "tests/keys/keys.h"
@@ -69,7 +70,7 @@ struct Scan : Keys {
             {"DEBUG _doOpenCreateKey: ZwOpenKey returned 0XC0000022 for a access=0x2000f", "refused"},
             {"INFO _regOpenCreateKey: Taking ownership of a", "taken"},
             {"DEBUG _regOpenCreateKey: Finally open a access=0x2000f", "open"}, {"refused taken open", "T"},
-            {"Original security attributes lost for a", "lost"}};
+            {"p\\a", "A"}, {"Original security attributes lost for A", "lost"}};
         // clang-format on
         const std::string line = outcome(legend, [&] { return scan(flags, scope); });
         return std::regex_replace(line, std::regex(" 0x[0-9a-f]+"), " H");
@@ -191,6 +192,13 @@ TEST_F(Scan, LongNames) {
     path.pop_back();
     EXPECT_EQ(scan(), 206u);
     EXPECT_TRUE(events.size() == 257 && events[128] == "ERROR _regScanImpl: Too long a path below " + path);
+    describe(path + "\\y", makeDescriptor(administratorsSid, {{0, KEY_QUERY_VALUE, administratorsSid}}));
+    refuse({{"ZwOpenKey", "y", STATUS_ACCESS_DENIED, 5}});
+    check(true);
+    EXPECT_EQ(scan(REG_TAKE_OWNERSHIP), 206u);
+    EXPECT_EQ(std::count(events.begin(), events.end(),
+                         "WARN _regScanImpl: Original security attributes lost for y"),
+              1);
 }
 
 TEST_F(Scan, Depth) {
@@ -232,39 +240,56 @@ TEST_F(Scan, Allocations) {
     EXPECT_EQ(few[0], 2);
 }
 
-/* Descriptors that the scan had to displace are back on every road. */
+/* Descriptors that the scan had to displace are back on every road; of one that is lost the key is named. */
 TEST_F(Scan, WriteBack) {
     const Reply gone = {SCAN_RESTART, {}, true};
+    const Fault unqueried = {"ZwQueryKey", "a", STATUS_UNSUCCESSFUL};
+    const Fault shut = {"ZwOpenKey", "a", STATUS_ACCESS_DENIED, 5};
     // clang-format off
     const struct {
         Script script; std::string expected; std::vector<Fault> faults = {}; bool back = true;
     } rows[] = {
-        {{{"+a", {next}}}, "T +a 0"},
-        {{}, "T +a +a\\x -a\\x -a 0"},
-        {{{"+a", {fail}}}, "T +a 31"},
-        {{{"+a\\x", {fail}}}, "T +a +a\\x -a 31"},
-        {{{"-a", {fail}}}, "T +a +a\\x -a\\x -a 31"},
-        {{{"-a\\x", {gone}}, {"-a", {gone}}}, "T +a +a\\x -a\\x -a 0"},
-        {{}, "T ? ZwQueryKey returned 0XC0000001 for  a H 0", {{"ZwQueryKey", "a", STATUS_UNSUCCESSFUL}}},
-        {{{"+a", {next}}}, "T +a ? ZwOpenKey returned 0XC0000022 for a ? lost 0",
-         {{"ZwOpenKey", "a", STATUS_ACCESS_DENIED, 5}}, false},
-        {{{"+a", {next}}}, "T +a ERROR regSetKeySec: Win API call RegSetKeySecurity returned 87 ? lost 0",
+        {{{"+p\\a", {next}}}, "T +A -p 0"},
+        {{}, "T +A +A\\x -A\\x -A -p 0"},
+        {{{"+p\\a", {fail}}}, "T +A -p 31"},
+        {{{"+p\\a\\x", {fail}}}, "T +A +A\\x -A -p 31"},
+        {{{"-p\\a", {fail}}}, "T +A +A\\x -A\\x -A -p 31"},
+        {{{"-p\\a\\x", {gone}}, {"-p\\a", {gone}}}, "T +A +A\\x -A\\x -A -p 0"},
+        {{}, "T ? ZwQueryKey returned 0XC0000001 for p a H -p 0", {unqueried}},
+        {{}, "T ? ZwQueryKey returned 0XC0000001 for p a H ? ZwOpenKey returned 0XC0000022 for A ? lost -p 0",
+         {unqueried, shut}, false},
+        {{{"+p\\a", {next}}}, "T +A ? ZwOpenKey returned 0XC0000022 for A ? lost -p 0", {shut}, false},
+        {{{"+p\\a", {next}}},
+         "T +A ERROR regSetKeySec: Win API call RegSetKeySecurity returned 87 ? lost -p 0",
          {{"RegSetKeySecurity", "a", ERROR_INVALID_PARAMETER, 2}}, false},
     };
     // clang-format on
     const Bytes refusing = makeDescriptor(administratorsSid, {{0, KEY_QUERY_VALUE, administratorsSid}});
+    const auto runRefused = [&] {
+        grow("p p\\a p\\a\\x");
+        describe("p\\a", refusing);
+        check(true);
+        const std::string told = run(REG_TAKE_OWNERSHIP);
+        check(false);
+        return told;
+    };
     for (const auto& row : rows) {
-        grow("a a\\x");
-        describe("a", refusing);
         script = row.script;
         refuse(row.faults);
-        check(true);
-        EXPECT_EQ(run(REG_TAKE_OWNERSHIP), row.expected);
-        check(false);
+        EXPECT_EQ(runRefused(), "+p " + row.expected);
         refuse({});
-        EXPECT_TRUE(!there("a") || (descriptor("a") == refusing) == row.back) << row.expected;
-        clear("a");
+        EXPECT_TRUE(!there("p\\a") || (descriptor("p\\a") == refusing) == row.back) << row.expected;
+        clear("p");
     }
+    const auto open = answer.ZwOpenKey;
+    answer.ZwOpenKey = [&](PHANDLE key, ACCESS_MASK access, POBJECT_ATTRIBUTES attributes) {
+        const NTSTATUS status = open(key, access, attributes);
+        if (status < 0 || access != 0x2000f || text("%wZ", attributes->ObjectName) != "a") return status;
+        ZwClose(*key);
+        *key = HKEY_USERS;
+        return status;
+    };
+    EXPECT_EQ(runRefused(), "+p T ? lost -p 0");
 }
 
 } /* namespace */

@@ -1,4 +1,7 @@
 /* Values and descriptors of keys: what is rewritten, what is left, what is told. */
+#include <ctime>
+
+#include "sidchng/reg.h"
 #include "sidchng/sid.h"
 #include "tests/keys/keys.h"
 
@@ -113,14 +116,60 @@ TEST_F(Values, ShrinkingStrings) {
     EXPECT_EQ(get("k", "w"), was(u"-9"));
 }
 
-/* A string that no counted string can hold is left, with a word; its neighbours are treated. */
+/* A string that no counted string can hold is left; its neighbours are treated. Where it holds the old SID
+ * that is told, by its place and its head. */
 TEST_F(Values, StringsTooLong) {
     const std::u16string tail = u"-" + std::u16string(32760, 'y');
-    set("k", "v", REG_MULTI_SZ, was(tail + nul + oldWide + nul));
-    EXPECT_EQ(run(), "WARN regReplaceSIDInData: Too long a string (65562 bytes), left alone, v, 0");
-    EXPECT_TRUE(get("k", "v") == was(tail + nul + newWide + nul));
-    set("k", "v", REG_SZ, was(tail.substr(0, 32727)));
-    EXPECT_TRUE(run().starts_with("WARN sidReplaceInName: Too long a name with the new SID (65536 bytes), "));
+    const Bytes held = was(tail.substr(0, 32727)), foreign = chars(u"x" + oldWide + tail);
+    const auto left = [](const char* bytes) {
+        return std::string("WARN regReplaceSIDInValues: Too long a string with the old SID (") + bytes +
+               " bytes), left alone in value  \\v: OLD-" + std::string(59, 'y') + "..., ";
+    };
+    const struct {
+        ULONG type;
+        Bytes before, after;
+        std::string told;
+    } rows[] = {
+        {REG_MULTI_SZ, was(tail + nul + oldWide), was(tail + nul + newWide), left("65562") + "v, 0"},
+        {REG_MULTI_SZ, held, held, left("65494") + "0"},
+        {REG_SZ, held, held, left("65494") + "0"},
+        {REG_SZ, foreign, foreign, "0"},
+        {REG_MULTI_SZ, foreign, foreign, "0"},
+        {REG_EXPAND_SZ, held, held, "0"},
+    };
+    for (const auto& row : rows) {
+        set("k", "v", row.type, row.before);
+        EXPECT_EQ(run(), row.told);
+        EXPECT_TRUE(get("k", "v") == row.after);
+    }
+    set("k", "v", REG_SZ, held);
+    grow("k\\OLD k\\OLD-1 k\\a");  // each rename has the siblings before it looked at anew
+    set("k\\a", "v", REG_SZ, held);
+    const std::string told = run(SID_RECURSIVE | SID_REPLACE_NAMES | SID_REPLACE_VALUES);
+    for (const char* place : {" \\v: OLD", " a\\v: OLD"}) {
+        const size_t at = told.find(place);
+        EXPECT_TRUE(at != told.npos && told.find(place, at + 1) == told.npos) << place << told;
+    }
+    EXPECT_EQ(tree("k"), "a NEW NEW-1");
+}
+
+/* However many strings a multi-string has, the time grows as its length does. */
+TEST_F(Values, ManyStrings) {
+    Bytes before, after;
+    for (int i = 0; i < 80000; i++) {
+        before += was(nul);
+        after += is(nul);
+    }
+    const regData input = {static_cast<uint32_t>(before.size()), before.data()};
+    regData output = {};
+    int changed = 0;
+    sidCtx ctx;
+    ASSERT_EQ(sidCtxInit(&ctx, oldSid.data(), newSid.data(), SID_MACHINE_SIZE, SID_EXACT, nullptr), 0u);
+    const std::clock_t started = std::clock();
+    EXPECT_EQ(regReplaceSIDInData(REG_MULTI_SZ, &input, &output, &ctx, &changed), 0u);
+    EXPECT_LT(std::clock() - started, 3 * CLOCKS_PER_SEC);  // of the processor, whatever else runs
+    EXPECT_TRUE(changed == 1 && Bytes(output.Buffer, output.Buffer + output.Length) == after);
+    sidCtxFree(&ctx);
 }
 
 TEST_F(Values, MessagesAndFailures) {
@@ -176,6 +225,9 @@ TEST_F(Values, NoMemory) {
         EXPECT_EQ(callsMade["ZwSetValueKey"], 0);
     }
     allocationsLeft = -1;
+    EXPECT_EQ(get("k", "v"), before);
+    refusal = {"ConvertSidToStringSidW", 1, silently};  // nor without the texts
+    EXPECT_EQ(run(), "ERROR sidCtxInit: Win API call ConvertSidToStringSid 1359, 1359");
     EXPECT_EQ(get("k", "v"), before);
 }
 

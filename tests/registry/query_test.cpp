@@ -61,6 +61,13 @@ TEST_F(QueryTest, KeyRecordsGrow) {
     EXPECT_EQ(head<KEY_NODE_INFORMATION>(bare).ClassOffset, 0xFFFFFFFF);
     EXPECT_EQ(head<KEY_NODE_INFORMATION>(bare).ClassLength, 0u);
     EXPECT_EQ(textAt(bare, 24, bare.size() - 24), u"TEST"); /* not what the file calls its root */
+    HANDLE link = create(u"Link", {.options = REG_OPTION_CREATE_LINK});
+    for (HANDLE one : {key, link}) {
+        const auto flags = everySize(12, ZwQueryKey, one, KeyFlagsInformation);
+        EXPECT_EQ(head<KEY_FLAGS_INFORMATION>(flags).KeyFlags, one == link ? REG_FLAG_LINK : 0u);
+    }
+    ULONG length = 0;
+    EXPECT_EQ(ZwEnumerateKey(root, 0, KeyFlagsInformation, &length, 4, &length), STATUS_INVALID_PARAMETER);
 }
 
 TEST_F(QueryTest, ValueRecordsGrow) {

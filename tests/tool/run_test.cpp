@@ -16,7 +16,8 @@ struct Machine {
     NTSTATUS sam = 0;            /* of opening "SAM\SAM" */
     LSTATUS account = 0;         /* of querying the account value */
     RPC_STATUS uuid = 0;
-    int convertFails = 0;                       /* which of the two conversions, from 1 */
+    int convertFails = 0; /* which of the two conversions, from 1 */
+    DWORD convertCode = 1337;
     DWORD selected = 0, guid = 0, profiles = 0; /* what the phases give */
     std::u16string fixed = u"c";
     std::u16string tooDeep = {}, noMemory = {}; /* drives whose walk fails: 1359, 8 */
@@ -151,7 +152,7 @@ protected:
         };
         answer.ConvertSidToStringSidA = [](PSID given, LPSTR* made) {
             const bool old = memcmp(given, oldSid.data(), 24) == 0;
-            if (machine.convertFails == (old ? 1 : 2)) return failWith(1337);
+            if (machine.convertFails == (old ? 1 : 2)) return failWith(machine.convertCode);
             *made = strdup(old ? "S-old" : "S-new");
             return TRUE;
         };
@@ -265,6 +266,13 @@ TEST_F(Run, EveryWayARunCanEnd) {
         {u"-f", {.uuid = RPC_S_UUID_LOCAL_ONLY}, 0, "fast, c:, done", "", "4, fast, c"},
         {u"-q", {.convertFails = 1}, 1337, "", "ConvertSidToStringSid() 1337", "4"},
         {u"-b", {.convertFails = 2}, 1337, "", "ConvertSidToStringSid() 1337", "4, SeShutdown"},
+        /* calls that fail and leave no last error */
+        {u"", {.noToken = silently}, -1, "", "", ""},
+        {u"-b", {.name = silently}, -1, "", "", "4, SeShutdown"},
+        {u"", {.convertFails = 2, .convertCode = silently}, 1359, "", "ConvertSidToStringSid() 1359", "4"},
+        {u"-fqr", {.token = silently}, 1359, "", "OpenProcessToken() 1359", "4, fast, c, token"},
+        {u"-fqr", {.name = silently}, 1359, "", "LookupPrivilegeValue() 1359", "4, fast, c, enable"},
+        {u"-fqr", {.adjust = silently}, 1359, "", "AdjustTokenPrivileges() 1359", "4, fast, c, enable"},
         /* the registry */
         {u"-fr", {.selected = 5}, 5, "SIDs, selected", "", "4, selected 0x1004"},
         {u"-r", {.guid = 2}, 2, "fast", "", "4, fast"},

@@ -33,7 +33,9 @@ NTSTATUS ZwQueryKey(HANDLE key, KEY_INFORMATION_CLASS infoClass, PVOID buffer, U
     const offline::QueryBuffer out{buffer, size, resultLength};
     offline::Place place;
     const NTSTATUS status = offline::queriedKey(key, KEY_QUERY_VALUE, out, place);
-    return status < 0 ? status : offline::writeKeyRecord(place, infoClass, out);
+    if (status < 0) return status;
+    return infoClass == KeyFlagsInformation ? offline::writeKeyFlags(place, out)
+                                            : offline::writeKeyRecord(place, infoClass, out);
 }
 
 NTSTATUS ZwEnumerateKey(HANDLE key, ULONG index, KEY_INFORMATION_CLASS infoClass, PVOID buffer, ULONG size,

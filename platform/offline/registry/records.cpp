@@ -105,6 +105,17 @@ NTSTATUS writePartial(const Hive& hive, const HiveValue& value, const QueryBuffe
 
 } /* namespace */
 
+NTSTATUS writeKeyFlags(const Place& key, const QueryBuffer& out) {
+    HiveKey info;
+    const NTSTATUS found = hiveKey(*key.mount->hive, key.cell, info);
+    if (found < 0) return found;
+    KEY_FLAGS_INFORMATION flags{};
+    flags.KeyFlags = (info.flags & HIVE_KEY_LINK) != 0 ? REG_FLAG_LINK : 0;
+    const NTSTATUS status = fit(out, sizeof flags, sizeof flags);
+    if (status >= 0) copyPart(out, 0, &flags, sizeof flags);
+    return status;
+}
+
 NTSTATUS writeKeyRecord(const Place& key, KEY_INFORMATION_CLASS infoClass, const QueryBuffer& out) {
     KeyFacts facts;
     const NTSTATUS status = hiveKey(*key.mount->hive, key.cell, facts.info);
