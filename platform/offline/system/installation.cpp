@@ -71,9 +71,11 @@ NTSTATUS installationFindWindows(Installation& installation, Problem& problem) {
             const NTSTATUS status = volumeFind(*place.volume, config, file);
             if (status == STATUS_OBJECT_NAME_NOT_FOUND || status == STATUS_OBJECT_PATH_NOT_FOUND) continue;
             if (status < 0) { /* another volume's Windows may not be the one that was meant */
+                const char* const advice = status == STATUS_FILE_CORRUPT_ERROR
+                                               ? "repair the volume (chkdsk /f) first"
+                                               : "check the medium, or work on a copy of it";
                 return refuse(problem, status,
-                              installationFileName(place, config) +
-                                  " can't be looked for; repair the volume (chkdsk /f) first");
+                              installationFileName(place, config) + " can't be looked for; " + advice);
             }
             installation.systemVolume = i;
             installation.directory = directory;
