@@ -4,7 +4,8 @@
 
 namespace offline {
 
-void noteDamage(Volume& volume, FileRef file) {
+/* The same file is often met several times in a row, and counts once. */
+void volumeNoteDamage(Volume& volume, FileRef file) {
     const uint64_t record = recordNumberOf(file);
     if (record == volume.lastDamaged) return;
     volume.lastDamaged = record;
@@ -37,7 +38,7 @@ NTSTATUS libraryStatus(Volume& volume, int error) {
         case EPERM:
             return STATUS_ACCESS_DENIED;
         default:
-            noteDamage(volume, volume.lookingAt);
+            volumeNoteDamage(volume, volume.lookingAt);
             return STATUS_FILE_CORRUPT_ERROR;
     }
 }

@@ -93,9 +93,6 @@ void beginCall(Volume& volume, FileRef file);
 
 /* ---- Changes ---- */
 
-/* Remembers a file whose structure can't be used, once in a row. */
-void noteDamage(Volume& volume, FileRef file);
-
 /* Before any change: refuses on a volume that can only be read; the first time, puts the dirty mark on the
  * medium. */
 NTSTATUS beginChange(Volume& volume);
