@@ -52,7 +52,8 @@ struct WalkTest : FilesTest {
         const std::string_view entry(reinterpret_cast<const char*>(&named), 8);
         /* its reference, 8 bytes of sizes, and the parent's record at the head of the name */
         size_t at = bytes.find(entry);
-        while (at != bytes.npos && memcmp(&bytes[at + 16], &directory, 6) != 0) at = bytes.find(entry, at + 1);
+        while (at != bytes.npos && memcmp(&bytes[at + 16], &directory, 6) != 0)
+            at = bytes.find(entry, at + 1);
         ASSERT_NE(at, bytes.npos);
         file.seekp(static_cast<std::streamoff>(at)).write(reinterpret_cast<const char*>(&other), 8);
     }
@@ -104,8 +105,8 @@ TEST_F(WalkTest, meetsAndSetsEveryName) {
     expectWalk();
 }
 
-/* Each of 14 directories, one below the other, has two entries that lead to the next, and the last one's lead back
- * to the first: a walk that followed all would see 16,000 and then begin anew. */
+/* Each of 14 directories, one below the other, has two entries that lead to the next, and the last one's lead
+ * back to the first: a walk that followed all would see 16,000 and then begin anew. */
 TEST_F(WalkTest, entersADirectoryOnce) {
     constexpr size_t levels = 14;
     FileRef parent = rootDirectory;

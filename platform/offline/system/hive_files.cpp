@@ -63,17 +63,20 @@ NTSTATUS refuseFile(NTSTATUS status, const std::string& name, Problem& problem) 
     switch (status) {
         case STATUS_OBJECT_NAME_NOT_FOUND:
         case STATUS_OBJECT_PATH_NOT_FOUND:
-            return refuse(problem, status, name + " is missing; without it this is no whole Windows installation");
-        case STATUS_IO_DEVICE_ERROR:
             return refuse(problem, status,
-                          name + " can't be read, the disk refuses it; check the medium, or work on a copy of it");
+                          name + " is missing; without it this is no whole Windows installation");
+        case STATUS_IO_DEVICE_ERROR:
+            return refuse(
+                problem, status,
+                name + " can't be read, the disk refuses it; check the medium, or work on a copy of it");
         case STATUS_NO_MEMORY:
             return refuse(problem, status, name + ": there is not enough memory to hold it");
         case STATUS_INSUFFICIENT_RESOURCES:
             return refuse(problem, status, name + " is larger than a hive can be; restore the file");
         case STATUS_FILE_CORRUPT_ERROR:
-            return refuse(problem, status,
-                          name + " can't be read, its volume is damaged; repair the volume (chkdsk /f) first");
+            return refuse(
+                problem, status,
+                name + " can't be read, its volume is damaged; repair the volume (chkdsk /f) first");
         default:
             return refuse(problem, status,
                           name + " can't be read from its volume; check the volume, or restore the file");
@@ -93,7 +96,8 @@ NTSTATUS readLog(Volume& volume, const FindBeside& findBeside, const std::string
     const NTSTATUS status = findBeside(ending, file);
     if (status == STATUS_OBJECT_NAME_NOT_FOUND) return STATUS_SUCCESS;
     const std::string logName = name + toUtf8(ending);
-    return status >= 0 ? readFile(volume, file, logName, bytes, problem) : refuseFile(status, logName, problem);
+    return status >= 0 ? readFile(volume, file, logName, bytes, problem)
+                       : refuseFile(status, logName, problem);
 }
 
 /* Systems before Windows Vista have one log, ".LOG"; later ones leave an empty one there. */

@@ -107,11 +107,11 @@ NTSTATUS installationClose(Installation& installation, Problem& problem) {
             const DiskTrouble& trouble = diskTrouble(*place.disk);
             const std::string why =
                 trouble.writeRefused ? " (" + diskErrorText(trouble.writeError) + ")" : std::string();
-            first = refuse(
-                problem, status,
-                name + ": not everything could be written" + why +
-                    ", so the volume stays marked dirty; check the disk and run chkdsk on it, or go back to a "
-                    "copy");
+            first = refuse(problem, status,
+                           name + ": not everything could be written" + why +
+                               ", so the volume stays marked dirty; check the disk and run chkdsk on it, or "
+                               "go back to a "
+                               "copy");
         }
     }
     installation.volumes.clear();

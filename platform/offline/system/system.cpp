@@ -73,8 +73,9 @@ void noteUnread() {
     unreadProblem.status = status;
     static_cast<void>(guarded([&] {
         unreadProblem.text += "; so not everything was done: go back to a copy from before this run, ";
-        unreadProblem.text += status == STATUS_IO_DEVICE_ERROR ? "on a sound medium, and run again"
-                                                               : "repair the volume (chkdsk /f) and run again";
+        unreadProblem.text += status == STATUS_IO_DEVICE_ERROR
+                                  ? "on a sound medium, and run again"
+                                  : "repair the volume (chkdsk /f) and run again";
         return status;
     }));
 }

@@ -24,8 +24,8 @@ NTSTATUS systemOpen(const std::vector<std::string>& paths, DiskAccess access, Pr
  * well (STATUS_MEDIA_WRITE_PROTECTED). Nothing to do, and success, when nothing is open. */
 NTSTATUS systemClose(Problem& problem);
 
-/* What could not be read of the installation that was closed last, and was passed over therefore; status 0 when
- * all could. */
+/* What could not be read of the installation that was closed last, and was passed over therefore; status 0
+ * when all could. */
 const Problem& systemUnread();
 
 /* Why the installation could not be opened; status 0 when it could, or when nothing asked for it. */

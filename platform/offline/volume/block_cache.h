@@ -49,7 +49,7 @@ struct Disk {
     DiskTrouble trouble;
     int refusal = 0;            /* errno of the call that failed last; 0: the disk had become shorter */
     uint64_t refusalOffset = 0; /* bytes */
-    bool syncFailed = false;    /* what the system dropped then can't be written again, so it stays an error */
+    bool syncFailed = false; /* what the system dropped then can't be written again, so it stays an error */
 };
 
 } /* namespace offline */

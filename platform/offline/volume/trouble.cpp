@@ -12,9 +12,8 @@ std::string counted(uint64_t count, const char* one, const char* several) {
 }
 
 std::string refusedText(const DiskTrouble& trouble) {
-    return counted(trouble.readsRefused, " read of it", " reads of it") +
-           " failed, the first at byte " + std::to_string(trouble.firstRefused) + " (" +
-           diskErrorText(trouble.readError) + ")";
+    return counted(trouble.readsRefused, " read of it", " reads of it") + " failed, the first at byte " +
+           std::to_string(trouble.firstRefused) + " (" + diskErrorText(trouble.readError) + ")";
 }
 
 std::string damagedText(const DiskTrouble& trouble) {
