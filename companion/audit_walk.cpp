@@ -88,7 +88,12 @@ struct VolumeWalk {
     }
 
     void enter(FileRef file, std::u16string path) {
-        if (entered.insert(file).second) left.push_back({file, std::move(path)});
+        if (entered.insert(file).second) {
+            left.push_back({file, std::move(path)});
+        } else {
+            walk.problem(pathOf(path, {}),
+                         "leads to a directory that has another name; the volume is damaged");
+        }
     }
 
     void run() {
@@ -303,6 +308,7 @@ void auditInstallation(const Sight& sight, Audit& audit) {
         const bool readable = hive.state == HiveState::clean || hive.state == HiveState::logged;
         if (readable) auditHive(hive, trees, walk, files);
     }
+    noteUnread(opened.installation, audit.problems);
 }
 
 } /* namespace companion */

@@ -87,6 +87,7 @@ void noteLetters(Looking& looking) {
 HiveState stateOf(NTSTATUS status, const HivePtr& hive) {
     if (status >= 0) return offline::hiveRecovered(*hive) ? HiveState::logged : HiveState::clean;
     if (status == STATUS_REGISTRY_IO_FAILED) return HiveState::dirty;
+    if (status == STATUS_IO_DEVICE_ERROR || status == STATUS_NO_MEMORY) return HiveState::unreadable;
     const bool missing = status == STATUS_OBJECT_NAME_NOT_FOUND || status == STATUS_OBJECT_PATH_NOT_FOUND;
     return missing ? HiveState::missing : HiveState::damaged;
 }
@@ -244,11 +245,21 @@ Sight look(const std::vector<std::string>& images) {
     Sight sight;
     Looking looking(sight);
     for (const std::string& image : images) openDisk(looking, image);
-    if (looking.installation.volumes.empty()) return sight;
+    if (looking.installation.volumes.empty()) return sight; /* why is among the problems */
     if (looking.good(offline::installationFindWindows(looking.installation, problem), problem)) {
         lookAtInstallation(looking);
     }
+    noteUnread(looking.installation, sight.problems);
     return sight;
+}
+
+void noteUnread(const offline::Installation& installation, std::vector<std::string>& problems) {
+    Problem problem;
+    const NTSTATUS status = offline::installationReadWhole(installation, problem);
+    if (status >= 0) return;
+    problem.text += status == STATUS_IO_DEVICE_ERROR ? "; check the medium, or work on a copy of it"
+                                                     : "; repair the volume (chkdsk /f) first";
+    problems.push_back(problem.text);
 }
 
 const char* tableName(offline::PartitionTable table) {
@@ -273,6 +284,8 @@ const char* stateName(HiveState state) {
             return "dirty";
         case HiveState::damaged:
             return "damaged";
+        case HiveState::unreadable:
+            return "unreadable";
         case HiveState::missing:
             break;
     }

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/offline/volume/disk.h"
+#include "platform/offline/system/installation.h"
 
 namespace companion {
 
@@ -24,8 +24,9 @@ struct VolumeSeen {
     bool opened = false;
 };
 
-/* logged: its last changes are in its log files, and are read from there. */
-enum class HiveState { clean, logged, dirty, damaged, missing };
+/* logged: its last changes are in its log files, and are read from there. unreadable: the disk refuses it, or
+ * it can't be held. */
+enum class HiveState { clean, logged, dirty, damaged, unreadable, missing };
 
 struct HiveSeen {
     std::string path; /* "C:\Windows\System32\config\SAM" */
@@ -48,6 +49,9 @@ struct Sight {
 
 /* Throws Failure when a disk is named twice. */
 Sight look(const std::vector<std::string>& images);
+
+/* Adds a line when something of the disks could not be read, whatever came of it. */
+void noteUnread(const offline::Installation& installation, std::vector<std::string>& problems);
 
 const char* tableName(offline::PartitionTable table);
 const char* stateName(HiveState state);

@@ -1,27 +1,34 @@
 /* The walk over a whole volume, as a caller does it: by path, one file after the other. */
+#include <array>
 #include <cstring>
 #include <fstream>
 #include <map>
 
+#include "platform/offline/base/text.h"
 #include "tests/files/files_fixture.h"
 
 namespace offline {
 namespace {
 
-template <class Visit>
-void walk(std::u16string& path, DWORD attributes, const Visit& visit) {
+void neverRefused(const std::u16string& path) {
+    ADD_FAILURE() << toUtf8(path) << ": " << GetLastError();
+}
+
+template <class Visit, class Refused = decltype(&neverRefused)>
+void walk(std::u16string& path, DWORD attributes, const Visit& visit,
+          const Refused& refused = &neverRefused) {
     visit(path, readDescriptor(path));
     if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0 || (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0)
         return;
     WIN32_FIND_DATAW record;
     HANDLE search = FindFirstFileW((path + u"\\*.*").c_str(), &record);
-    ASSERT_NE(search, INVALID_HANDLE_VALUE) << GetLastError();
+    if (search == INVALID_HANDLE_VALUE) return refused(path);
     const size_t length = path.size();
     do {
         const std::u16string name = record.cFileName;
         if (name == u"." || name == u"..") continue;
         path += u"\\" + name;
-        walk(path, record.dwFileAttributes, visit);
+        walk(path, record.dwFileAttributes, visit, refused);
         path.resize(length);
     } while (FindNextFileW(search, &record));
     expectError(ERROR_NO_MORE_FILES, FindClose(search));
@@ -35,6 +42,20 @@ struct WalkTest : FilesTest {
         const Bytes descriptor = numberedDescriptor(expected.size() % 7);
         expected[path + u"\\" + name] = descriptor;
         return make(directory, name, kind, descriptor);
+    }
+
+    /* Makes the entry of a directory that names a file name another. */
+    void renameEntry(FileRef named, FileRef other, FileRef directory) const {
+        std::string bytes(16u << 20, 0);
+        std::fstream file(image, std::ios::in | std::ios::out | std::ios::binary);
+        file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        const std::string_view entry(reinterpret_cast<const char*>(&named), 8);
+        /* its reference, 8 bytes of sizes, and the parent's record at the head of the name */
+        size_t at = bytes.find(entry);
+        while (at != bytes.npos && memcmp(&bytes[at + 16], &directory, 6) != 0)
+            at = bytes.find(entry, at + 1);
+        ASSERT_NE(at, bytes.npos);
+        file.seekp(static_cast<std::streamoff>(at)).write(reinterpret_cast<const char*>(&other), 8);
     }
 
     void expectWalk() {
@@ -84,28 +105,45 @@ TEST_F(WalkTest, meetsAndSetsEveryName) {
     expectWalk();
 }
 
-/* A directory's entry is made to name the directory itself. */
-TEST_F(WalkTest, endsWhereADirectoryLiesBelowItself) {
-    const FileRef outer = make(rootDirectory, u"outer", NewFile::directory);
-    const FileRef inner = make(outer, u"inner", NewFile::directory);
+/* Each of 14 directories, one below the other, has two entries that lead to the next, and the last one's lead
+ * back to the first: a walk that followed all would see 16,000 and then begin anew. */
+TEST_F(WalkTest, entersADirectoryOnce) {
+    constexpr size_t levels = 14;
+    FileRef parent = rootDirectory;
+    std::vector<std::array<FileRef, 3>> entries; /* what the entry names, what it is to name, its directory */
+    for (size_t level = 0; level < levels; level++) {
+        const FileRef next = make(parent, u"a", NewFile::directory);
+        entries.push_back({make(parent, u"b", NewFile::directory), next, parent});
+        parent = next;
+    }
+    entries.push_back({make(parent, u"up", NewFile::directory), entries[0][1], parent});
     unmount();
-    std::string bytes(16u << 20, 0);
-    std::fstream file(image, std::ios::in | std::ios::out | std::ios::binary);
-    file.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    const std::string_view entry(reinterpret_cast<const char*>(&inner), 8);
-    size_t at =
-        bytes.find(entry);  // its reference, 8 bytes of sizes, and the parent's at the head of the name
-    while (at != bytes.npos && memcmp(&bytes[at + 16], &outer, 8) != 0) at = bytes.find(entry, at + 1);
-    ASSERT_NE(at, bytes.npos);
-    file.seekp(static_cast<std::streamoff>(at)).write(reinterpret_cast<const char*>(&outer), 8);
-    file.close();
+    for (const auto& [named, other, in] : entries) renameEntry(named, other, in);
 
     mount(DiskAccess::readOnly);
+    for (int turn = 0; turn < 2; turn++) {
+        size_t seen = 0, refused = 0;
+        walk(
+            root, FILE_ATTRIBUTE_DIRECTORY, [&](const std::u16string&, const Bytes&) { seen++; },
+            [&](const std::u16string&) {
+                refused++;
+                EXPECT_EQ(GetLastError(), DWORD{ERROR_FILE_CORRUPT});
+            });
+        EXPECT_EQ(seen, 2 * levels + 2);
+        EXPECT_EQ(refused, levels + 1);
+    }
+    Problem problem;
+    EXPECT_EQ(diskReadWhole(*disk, problem), STATUS_DISK_CORRUPT_ERROR);
+
+    /* Who names a directory himself is let in, below a walk too, and as often as he likes. */
     WIN32_FIND_DATAW record;
-    HANDLE search = FindFirstFileW(u"\\\\?\\C:\\outer\\*.*", &record);
-    HANDLE below = FindFirstFileW(u"\\\\?\\C:\\outer\\inner\\*.*", &record);
-    expectError(ERROR_FILE_CORRUPT, search != INVALID_HANDLE_VALUE && below == INVALID_HANDLE_VALUE);
-    EXPECT_TRUE(FindClose(search));
+    HANDLE above = FindFirstFileW(u"\\\\?\\C:\\*.*", &record);
+    for (const char16_t* path : {u"C:\\a\\a\\*", u"C:\\b\\a\\*", u"C:\\A\\B\\*", u"C:\\a\\a\\*"}) {
+        HANDLE search = FindFirstFileW(path, &record);
+        ASSERT_NE(search, INVALID_HANDLE_VALUE) << GetLastError();
+        EXPECT_TRUE(FindClose(search));
+    }
+    EXPECT_TRUE(FindClose(above));
 }
 
 } /* namespace */

@@ -11,8 +11,21 @@
 #include <fstream>
 
 extern "C" {
+ssize_t __real_pread(int file, void* bytes, size_t count, off_t offset);
 ssize_t __real_pwrite(int file, const void* bytes, size_t count, off_t offset);
 int __real_fdatasync(int file);
+
+ssize_t __wrap_pread(int file, void* bytes, size_t count, off_t offset) {
+    images::Failures& failures = images::failures;
+    if (failures.preadsLeft == 0) {
+        if (failures.once) failures.preadsLeft = -1;
+        failures.refused = true;
+        errno = EIO;
+        return -1;
+    }
+    if (failures.preadsLeft > 0) --failures.preadsLeft;
+    return __real_pread(file, bytes, count, offset);
+}
 
 ssize_t __wrap_pwrite(int file, const void* bytes, size_t count, off_t offset) {
     images::Failures& failures = images::failures;

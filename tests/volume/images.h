@@ -74,7 +74,9 @@ Bytes descriptor(uint32_t number, uint16_t control = SE_SELF_RELATIVE | SE_DACL_
 
 /* The calls of the system that fail from now on: those after the first so many. */
 struct Failures {
-    long pwritesLeft = -1, fdatasyncsLeft = -1; /* negative: all succeed */
+    long preadsLeft = -1, pwritesLeft = -1, fdatasyncsLeft = -1; /* negative: all succeed */
+    bool once = false;                                           /* only the first of those fails */
+    bool refused = false;                                        /* a read was */
     int pwriteError = 5;
     std::vector<std::pair<char, long>> calls; /* 'w' and its offset, 's' */
 };

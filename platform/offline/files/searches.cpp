@@ -12,6 +12,7 @@
 #include "platform/offline/base/status.h"
 #include "platform/offline/base/system_needed.h"
 #include "platform/offline/base/text.h"
+#include "platform/offline/files/entered.h"
 #include "platform/offline/files/file_access.h"
 #include "platform/offline/files/look_up.h"
 #include "platform/offline/files/wildcard.h"
@@ -92,14 +93,25 @@ bool searchKnows(const Search& search, const Volume& volume, std::u16string_view
            (relative[head - 1] == u'\\' && sameText(relative.substr(0, head - 1), search.directory));
 }
 
-/* A damaged volume can have a directory below itself, and then a walk would not end. */
-bool belowItself(const Search& search) {
-    return std::any_of(openSearches.begin(), openSearches.end(), [&](const Search* above) {
-        return above->directoryFile == search.directoryFile && above->volume == search.volume &&
-               search.directory.size() > above->directory.size() &&
-               search.directory.starts_with(above->directory) &&
-               (above->directory.empty() || search.directory[above->directory.size()] == u'\\');
-    });
+/* The search that delivered the name last, or null. */
+const Search* deliveredBy(const Volume& volume, std::u16string_view relative) {
+    for (auto place = openSearches.rbegin(); place != openSearches.rend(); ++place) {
+        if (searchKnows(**place, volume, relative)) return *place;
+    }
+    return nullptr;
+}
+
+/* Whether the search may go into its directory. A walk is a search with others below it, each of what the one
+ * above delivered; who asks for a directory by a path of his own is always let in. */
+bool mayEnter(const Search& search) {
+    if (openSearches.empty()) enteredForget();
+    EntryPlace by;
+    if (!openSearches.empty() && !search.directory.empty()) {
+        const Search* const above = deliveredBy(*search.volume, search.directory);
+        if (above == nullptr) return true;
+        by = {above->directoryFile, above->delivered};
+    }
+    return enterOnce(*search.volume, search.directoryFile, by);
 }
 
 /* ---- Records ---- */
@@ -189,7 +201,10 @@ NTSTATUS openDirectory(const DrivePath& path, Search& search) {
     if ((search.directoryInfo.attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0)
         return STATUS_OBJECT_PATH_NOT_FOUND;
     if ((search.directoryInfo.attributes & FILE_ATTRIBUTE_DIRECTORY) == 0) return STATUS_NOT_A_DIRECTORY;
-    if (belowItself(search)) return STATUS_FILE_CORRUPT_ERROR;
+    if (!mayEnter(search)) {
+        volumeNoteDamage(*path.volume, search.directoryFile);
+        return STATUS_FILE_CORRUPT_ERROR;
+    }
     status = fileAccess(*path.volume, search.directoryFile, fileListDirectory);
     if (status < 0) return status;
     return volumeList(*path.volume, search.directoryFile, search.listing);
@@ -263,13 +278,10 @@ NTSTATUS findNext(HANDLE handle, WIN32_FIND_DATAW* record) {
 } /* namespace */
 
 bool searchesKnow(const Volume& volume, std::u16string_view relative, FileRef& file) {
-    for (auto place = openSearches.rbegin(); place != openSearches.rend(); ++place) {
-        const Search& search = **place;
-        if (!searchKnows(search, volume, relative)) continue;
-        file = search.listing.entries[search.delivered].file;
-        return true;
-    }
-    return false;
+    const Search* const search = deliveredBy(volume, relative);
+    if (search == nullptr) return false;
+    file = search->listing.entries[search->delivered].file;
+    return true;
 }
 
 void searchesEnd() {
@@ -279,6 +291,7 @@ void searchesEnd() {
         search->listing = {};
     }
     idleSearches.clear();
+    enteredForget();
 }
 
 } /* namespace offline */

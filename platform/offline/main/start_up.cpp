@@ -12,20 +12,20 @@
 
 namespace {
 
-/* Says why the installation could not be opened, or could not be closed well; the latter makes a failure of
- * the run. */
+/* Says why the installation could not be opened, what of it could not be read, and why it could not be closed
+ * well; the latter two make a failure of the run. */
 int endSystem(int status) {
     const std::string restart = offline::restartAsked();
     offline::Problem closing;
     const NTSTATUS closed = offline::systemClose(closing);
     const offline::Problem& opening = offline::systemProblem();
     if (opening.status < 0) fprintf(stderr, "quillet: %s\n", opening.text.c_str());
-    if (closed >= 0) {
-        if (!restart.empty()) fprintf(stderr, "quillet: %s\n", restart.c_str());
-        return status;
-    }
-    fprintf(stderr, "quillet: %s\n", closing.text.c_str());
-    return status != 0 ? status : static_cast<int>(RtlNtStatusToDosError(closed));
+    const offline::Problem& unread = offline::systemUnread();
+    if (unread.status < 0) fprintf(stderr, "quillet: %s\n", unread.text.c_str());
+    if (closed < 0) fprintf(stderr, "quillet: %s\n", closing.text.c_str());
+    const NTSTATUS failure = closed < 0 ? closed : unread.status;
+    if (failure >= 0 && !restart.empty()) fprintf(stderr, "quillet: %s\n", restart.c_str());
+    return status != 0 || failure >= 0 ? status : static_cast<int>(RtlNtStatusToDosError(failure));
 }
 
 /* A process has 8 bits for its status. What does not fit is told in full, and is never 0; that -1 is 255
@@ -51,6 +51,7 @@ int main(int argc, char** argv) try {
     for (std::u16string& text : texts) arguments.push_back(text.data());
     arguments.push_back(nullptr);
     signal(SIGPIPE, SIG_IGN); /* a reader that has gone must not end a run half-way */
+    signal(SIGXFSZ, SIG_IGN); /* nor a limit on files' sizes: the write fails, and that is told */
     offline::systemStart();
     const int status = wmain(argc, arguments.data(), nullptr);
     return exitStatus(endSystem(status));

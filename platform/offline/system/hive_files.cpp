@@ -58,20 +58,46 @@ struct VolumeHiveStore final : HiveStore {
     NTSTATUS flush() override { return volumeFlush(volume); }
 };
 
+/* Why a file of the registry can't be had, and what to do. */
+NTSTATUS refuseFile(NTSTATUS status, const std::string& name, Problem& problem) {
+    switch (status) {
+        case STATUS_OBJECT_NAME_NOT_FOUND:
+        case STATUS_OBJECT_PATH_NOT_FOUND:
+            return refuse(problem, status,
+                          name + " is missing; without it this is no whole Windows installation");
+        case STATUS_IO_DEVICE_ERROR:
+            return refuse(
+                problem, status,
+                name + " can't be read, the disk refuses it; check the medium, or work on a copy of it");
+        case STATUS_NO_MEMORY:
+            return refuse(problem, status, name + ": there is not enough memory to hold it");
+        case STATUS_INSUFFICIENT_RESOURCES:
+            return refuse(problem, status, name + " is larger than a hive can be; restore the file");
+        case STATUS_FILE_CORRUPT_ERROR:
+            return refuse(
+                problem, status,
+                name + " can't be read, its volume is damaged; repair the volume (chkdsk /f) first");
+        default:
+            return refuse(problem, status,
+                          name + " can't be read from its volume; check the volume, or restore the file");
+    }
+}
+
 NTSTATUS readFile(Volume& volume, FileRef file, const std::string& name, std::vector<uint8_t>& bytes,
                   Problem& problem) {
     const NTSTATUS status = volumeReadFile(volume, file, largestHive, bytes);
-    if (status >= 0) return status;
-    return refuse(problem, status,
-                  name + " can't be read from its volume; check the disk, or restore the file");
+    return status >= 0 ? status : refuseFile(status, name, problem);
 }
 
 /* A log file that is not there is an empty one. */
 NTSTATUS readLog(Volume& volume, const FindBeside& findBeside, const std::string& name,
                  std::u16string_view ending, std::vector<uint8_t>& bytes, Problem& problem) {
     FileRef file;
-    if (findBeside(ending, file) < 0) return STATUS_SUCCESS;
-    return readFile(volume, file, name + toUtf8(ending), bytes, problem);
+    const NTSTATUS status = findBeside(ending, file);
+    if (status == STATUS_OBJECT_NAME_NOT_FOUND) return STATUS_SUCCESS;
+    const std::string logName = name + toUtf8(ending);
+    return status >= 0 ? readFile(volume, file, logName, bytes, problem)
+                       : refuseFile(status, logName, problem);
 }
 
 /* Systems before Windows Vista have one log, ".LOG"; later ones leave an empty one there. */
@@ -117,11 +143,7 @@ NTSTATUS installationReadHive(InstallationVolume& place, std::u16string_view pat
         const std::string name = installationFileName(place, path);
         FileRef file;
         const NTSTATUS status = volumeFind(*place.volume, path, file);
-        if (status < 0) {
-            return refuse(
-                problem, status,
-                name + " is missing or can't be reached; without it this is no whole Windows installation");
-        }
+        if (status < 0) return refuseFile(status, name, problem);
         const auto findBeside = [&](std::u16string_view ending, FileRef& beside) {
             return volumeFind(*place.volume, std::u16string(path).append(ending), beside);
         };
@@ -136,7 +158,7 @@ NTSTATUS driveReadHive(std::u16string_view path, HivePtr& hive, std::unique_ptr<
         Volume* volume = nullptr;
         FileRef file;
         const NTSTATUS status = driveFind(path, volume, file);
-        if (status < 0) return refuse(problem, status, name + " can't be reached; check its volume");
+        if (status < 0) return refuseFile(status, name, problem);
         const auto findBeside = [&](std::u16string_view ending, FileRef& beside) {
             Volume* same = nullptr;
             return driveFind(std::u16string(path).append(ending), same, beside);

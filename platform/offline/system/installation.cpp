@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/base/text.h"
 
 namespace offline {
@@ -71,9 +72,11 @@ NTSTATUS installationFindWindows(Installation& installation, Problem& problem) {
             const NTSTATUS status = volumeFind(*place.volume, config, file);
             if (status == STATUS_OBJECT_NAME_NOT_FOUND || status == STATUS_OBJECT_PATH_NOT_FOUND) continue;
             if (status < 0) { /* another volume's Windows may not be the one that was meant */
+                const char* const advice = status == STATUS_FILE_CORRUPT_ERROR
+                                               ? "repair the volume (chkdsk /f) first"
+                                               : "check the medium, or work on a copy of it";
                 return refuse(problem, status,
-                              installationFileName(place, config) +
-                                  " can't be looked for; repair the volume (chkdsk /f) first");
+                              installationFileName(place, config) + " can't be looked for; " + advice);
             }
             installation.systemVolume = i;
             installation.directory = directory;
@@ -101,16 +104,33 @@ NTSTATUS installationClose(Installation& installation, Problem& problem) {
         const std::string name = diskPath(*place.disk);
         const NTSTATUS status = volumeClose(std::move(place.volume));
         if (status < 0 && first >= 0) {
-            first = refuse(
-                problem, status,
-                name +
-                    ": not everything could be written, so the volume stays marked dirty; check the disk "
-                    "and run chkdsk on it, or go back to a copy");
+            const DiskTrouble& trouble = diskTrouble(*place.disk);
+            const std::string why =
+                trouble.writeRefused ? " (" + diskErrorText(trouble.writeError) + ")" : std::string();
+            first = refuse(problem, status,
+                           name + ": not everything could be written" + why +
+                               ", so the volume stays marked dirty; check the disk and run chkdsk on it, or "
+                               "go back to a "
+                               "copy");
         }
     }
     installation.volumes.clear();
-    installation.disks.clear();
     return first;
+}
+
+NTSTATUS installationReadWhole(const Installation& installation, Problem& problem) {
+    return guarded([&] {
+        NTSTATUS worst = STATUS_SUCCESS;
+        std::string text;
+        for (const DiskPtr& disk : installation.disks) {
+            const NTSTATUS status = diskReadWhole(*disk, problem);
+            if (status >= 0) continue;
+            if (!text.empty()) text += "; ";
+            text += problem.text;
+            if (worst != STATUS_IO_DEVICE_ERROR) worst = status;
+        }
+        return worst < 0 ? refuse(problem, worst, text) : worst;
+    });
 }
 
 } /* namespace offline */

@@ -42,9 +42,13 @@ std::u16string installationHivePath(const Installation& installation, std::u16st
 /* A file's name for a person: "DISK: PATH". */
 std::string installationFileName(const InstallationVolume& place, std::u16string_view path);
 
-/* Closes the volumes, writing what is left and taking dirty marks away, then the disks. All are tried; the
- * problem tells the first failure. */
+/* Closes the volumes, writing what is left and taking dirty marks away; the disks stay open. All are tried;
+ * the problem tells the first failure. */
 NTSTATUS installationClose(Installation& installation, Problem& problem);
+
+/* Refuses when something of the disks could not be read since they were opened; as diskReadWhole, in one line
+ * for all of them. */
+NTSTATUS installationReadWhole(const Installation& installation, Problem& problem);
 
 } /* namespace offline */
 

@@ -50,8 +50,9 @@ const std::u16string_view serviceAccounts[] = {u"S-1-5-19", u"S-1-5-20"};
 
 /* Mounts the hive file at a path of the system volume as a user's; where there is no such file, nothing. */
 NTSTATUS mountUserHive(InstallationVolume& place, const std::u16string& path, std::u16string_view name,
-                       Problem& problem) {
+                       bool& mounted, Problem& problem) {
     LoadedHive loaded;
+    mounted = false;
     NTSTATUS status = installationReadHive(place, path, loaded.hive, loaded.store, problem);
     if (status == STATUS_OBJECT_NAME_NOT_FOUND || status == STATUS_OBJECT_PATH_NOT_FOUND) {
         problem = {};
@@ -60,6 +61,7 @@ NTSTATUS mountUserHive(InstallationVolume& place, const std::u16string& path, st
     if (status < 0) return status;
     status =
         registryMount(std::u16string(userRoot).append(name), std::move(loaded.hive), std::move(loaded.store));
+    mounted = status >= 0;
     return status >= 0 ? status
                        : refuse(problem, status, "the hive of " + toUtf8(name) + " could not be mounted");
 }
@@ -84,11 +86,11 @@ NTSTATUS mountUsers(Installation& installation,
                     Problem& problem) {
     InstallationVolume& place = installation.volumes[installation.systemVolume];
     const std::u16string defaultPath = installationHivePath(installation, u"DEFAULT");
-    FileRef file;
-    const bool hasDefault = volumeFind(*place.volume, defaultPath, file) >= 0;
-    NTSTATUS status = mountUserHive(place, defaultPath, u".DEFAULT", problem);
+    bool hasDefault = false, has = false;
+    NTSTATUS status = mountUserHive(place, defaultPath, u".DEFAULT", hasDefault, problem);
     for (size_t i = 0; i < std::size(serviceAccounts) && status >= 0; i++) {
-        if (!profiles[i].empty()) status = mountUserHive(place, profiles[i], serviceAccounts[i], problem);
+        if (!profiles[i].empty())
+            status = mountUserHive(place, profiles[i], serviceAccounts[i], has, problem);
     }
     if (status < 0 || !hasDefault) return status;
     status = registryAddLink(u"\\Registry\\User\\S-1-5-18", u"\\Registry\\User\\.DEFAULT");

@@ -5,6 +5,7 @@
 #include <new>
 #include <optional>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/base/system_needed.h"
 #include "platform/offline/files/drives.h"
 #include "platform/offline/registry/registry.h"
@@ -18,6 +19,7 @@ namespace {
 
 std::optional<Installation> installation;
 Problem openingProblem;
+Problem unreadProblem;
 
 const char accessVariable[] = "QUILLET_ACCESS";
 const char systemVariable[] = "QUILLET_SYSTEM";
@@ -61,6 +63,21 @@ const InstallationVolume* refusedChange() {
         if (volumeRefusedChange(*place.volume)) return &place;
     }
     return nullptr;
+}
+
+/* Whatever was begun was written whole, so this is no matter of the dirty mark: it is work that is left. */
+void noteUnread() {
+    unreadProblem = {};
+    const NTSTATUS status = installationReadWhole(*installation, unreadProblem);
+    if (status >= 0) return;
+    unreadProblem.status = status;
+    static_cast<void>(guarded([&] {
+        unreadProblem.text += "; so not everything was done: go back to a copy from before this run, ";
+        unreadProblem.text += status == STATUS_IO_DEVICE_ERROR
+                                  ? "on a sound medium, and run again"
+                                  : "repair the volume (chkdsk /f) and run again";
+        return status;
+    }));
 }
 
 } /* namespace */
@@ -118,6 +135,7 @@ NTSTATUS systemClose(Problem& problem) {
         problem = closing;
         first = status;
     }
+    noteUnread();
     installation.reset();
     systemForget();
     return first;
@@ -125,6 +143,10 @@ NTSTATUS systemClose(Problem& problem) {
 
 const Problem& systemProblem() {
     return openingProblem;
+}
+
+const Problem& systemUnread() {
+    return unreadProblem;
 }
 
 Installation* systemInstallation() {

@@ -28,6 +28,10 @@ NTSTATUS systemClose(Problem& problem);
  * installation is closed, and shown when that went well. */
 std::string restartAsked();
 
+/* What could not be read of the installation that was closed last, and was passed over therefore; status 0
+ * when all could. */
+const Problem& systemUnread();
+
 /* Why the installation could not be opened; status 0 when it could, or when nothing asked for it. */
 const Problem& systemProblem();
 

@@ -1,5 +1,6 @@
 #include "platform/offline/volume/block_cache.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,11 +28,41 @@ NTSTATUS statusOfErrno(int error) {
     }
 }
 
-NTSTATUS readWhole(int file, uint8_t* bytes, size_t count, uint64_t offset) {
+/* error: of the call that failed; 0: the file became shorter behind our back. */
+NTSTATUS refused(Disk& disk, uint64_t offset, int error) {
+    disk.refusal = error;
+    disk.refusalOffset = offset;
+    return error == 0 ? STATUS_IO_DEVICE_ERROR : statusOfErrno(error);
+}
+
+/* Remembers that what failed last was needed. */
+NTSTATUS readRefused(Disk& disk) {
+    DiskTrouble& trouble = disk.trouble;
+    if (trouble.readsRefused++ == 0) {
+        trouble.firstRefused = disk.refusalOffset;
+        trouble.readError = disk.refusal;
+    }
+    return STATUS_IO_DEVICE_ERROR;
+}
+
+NTSTATUS writeRefused(Disk& disk, uint64_t offset, int error) {
+    if (!disk.trouble.writeRefused) disk.trouble.writeError = error;
+    disk.trouble.writeRefused = true;
+    return refused(disk, offset, error);
+}
+
+/* A write behind a file's end would make it longer, with zeros where its contents were. */
+bool becameShorter(const Disk& disk) {
+    struct stat info = {};
+    return fstat(disk.file, &info) == 0 && S_ISREG(info.st_mode) &&
+           static_cast<uint64_t>(info.st_size) < disk.size;
+}
+
+NTSTATUS readWhole(Disk& disk, uint8_t* bytes, size_t count, uint64_t offset) {
     while (count > 0) {
-        ssize_t done = pread(file, bytes, count, static_cast<off_t>(offset));
+        ssize_t done = pread(disk.file, bytes, count, static_cast<off_t>(offset));
         if (done < 0 && errno == EINTR) continue;
-        if (done <= 0) return STATUS_IO_DEVICE_ERROR; /* 0: the file became shorter behind our back */
+        if (done <= 0) return refused(disk, offset, done < 0 ? errno : 0);
         bytes += done;
         offset += static_cast<uint64_t>(done);
         count -= static_cast<size_t>(done);
@@ -39,11 +70,12 @@ NTSTATUS readWhole(int file, uint8_t* bytes, size_t count, uint64_t offset) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS writeWhole(int file, const uint8_t* bytes, size_t count, uint64_t offset) {
+NTSTATUS writeWhole(Disk& disk, const uint8_t* bytes, size_t count, uint64_t offset) {
+    if (becameShorter(disk)) return writeRefused(disk, offset, 0);
     while (count > 0) {
-        ssize_t done = pwrite(file, bytes, count, static_cast<off_t>(offset));
+        ssize_t done = pwrite(disk.file, bytes, count, static_cast<off_t>(offset));
         if (done < 0 && errno == EINTR) continue;
-        if (done <= 0) return done < 0 ? statusOfErrno(errno) : STATUS_IO_DEVICE_ERROR;
+        if (done <= 0) return writeRefused(disk, offset, done < 0 ? errno : EIO);
         bytes += done;
         offset += static_cast<uint64_t>(done);
         count -= static_cast<size_t>(done);
@@ -82,24 +114,24 @@ UnitMask unitsOnDisk(const Disk& disk, const CacheBlock& block) {
     return static_cast<UnitMask>((1u << ((bytes + cacheUnitSize - 1) / cacheUnitSize)) - 1);
 }
 
-NTSTATUS readUnits(const Disk& disk, CacheBlock& block, UnitMask units) {
+NTSTATUS readUnits(Disk& disk, CacheBlock& block, UnitMask units) {
     UnitMask left = units;
     NTSTATUS status = forUnits(disk, block, left, [&](uint8_t* bytes, size_t count, uint64_t offset) {
-        return readWhole(disk.file, bytes, count, offset);
+        return readWhole(disk, bytes, count, offset);
     });
     block.valid |= units & static_cast<UnitMask>(~left);
     return status;
 }
 
 /* Makes the units hold what lies on the disk. What can't be read beyond them is not missed here. */
-NTSTATUS loadUnits(const Disk& disk, CacheBlock& block, UnitMask units) {
+NTSTATUS loadUnits(Disk& disk, CacheBlock& block, UnitMask units) {
     const auto missingOf = [&](UnitMask wanted) {
         return static_cast<UnitMask>(wanted & ~static_cast<uint32_t>(block.valid));
     };
     if (missingOf(units) == 0) return STATUS_SUCCESS;
     bool goesOn = (block.valid << 1 & missingOf(units)) != 0;
     if (goesOn && readUnits(disk, block, missingOf(unitsOnDisk(disk, block))) >= 0) return STATUS_SUCCESS;
-    return readUnits(disk, block, missingOf(units));
+    return readUnits(disk, block, missingOf(units)) >= 0 ? STATUS_SUCCESS : readRefused(disk);
 }
 
 /* The units from the first dirty one to the last: those between them that hold the disk's own bytes go along,
@@ -112,17 +144,17 @@ UnitMask unitsToWrite(const CacheBlock& block) {
 }
 
 /* Units that were written are not dirty any more. */
-NTSTATUS writeUnits(const Disk& disk, CacheBlock& block, UnitMask units) {
+NTSTATUS writeUnits(Disk& disk, CacheBlock& block, UnitMask units) {
     UnitMask left = units;
     NTSTATUS status = forUnits(disk, block, left, [&](const uint8_t* bytes, size_t count, uint64_t offset) {
-        return writeWhole(disk.file, bytes, count, offset);
+        return writeWhole(disk, bytes, count, offset);
     });
     block.dirty &= static_cast<UnitMask>(left | ~static_cast<uint32_t>(units));
     return status;
 }
 
 /* A unit that the disk does not take keeps no other from being written. */
-NTSTATUS writeBack(const Disk& disk, CacheBlock& block) {
+NTSTATUS writeBack(Disk& disk, CacheBlock& block) {
     if (block.dirty == 0) return STATUS_SUCCESS;
     NTSTATUS status = writeUnits(disk, block, unitsToWrite(block));
     if (status >= 0) return status;
@@ -212,7 +244,7 @@ UnitMask unitsCovered(const Disk& disk, const CacheBlock& block, size_t start, s
 
 /* Reads past the cache what is long and not in it, such as the contents of a large file, which would only
  * drive everything else out. How many bytes were read; none when the cache is to be asked. */
-NTSTATUS readDirect(const Disk& disk, uint64_t offset, std::span<uint8_t> bytes, size_t& done) {
+NTSTATUS readDirect(Disk& disk, uint64_t offset, std::span<uint8_t> bytes, size_t& done) {
     constexpr size_t worthwhile = 16 * size_t{cacheBlockSize};
     done = 0;
     if (offset % cacheBlockSize != 0) return STATUS_SUCCESS;
@@ -221,7 +253,7 @@ NTSTATUS readDirect(const Disk& disk, uint64_t offset, std::span<uint8_t> bytes,
         done += cacheBlockSize;
     }
     if (done < worthwhile) done = 0;
-    return readWhole(disk.file, bytes.data(), done, offset);
+    return readWhole(disk, bytes.data(), done, offset) >= 0 ? STATUS_SUCCESS : readRefused(disk);
 }
 
 } /* namespace */
@@ -290,7 +322,11 @@ NTSTATUS diskSync(Disk& disk) {
             NTSTATUS written = writeBack(disk, disk.blocks[place]);
             if (written < 0) status = written;
         }
-        if (fdatasync(disk.file) != 0) disk.syncFailed = true;
+        if (fdatasync(disk.file) != 0) {
+            writeRefused(disk, 0, errno);
+            disk.syncFailed = true;
+        }
+        if (becameShorter(disk)) status = writeRefused(disk, disk.size, 0);
         return disk.syncFailed ? STATUS_IO_DEVICE_ERROR : status;
     });
 }

@@ -46,6 +46,9 @@ struct Disk {
     uint32_t lastBlock = 0;                            /* place of the block found last */
     uint32_t hand = 0;
 
+    DiskTrouble trouble;
+    int refusal = 0;            /* errno of the call that failed last; 0: the disk had become shorter */
+    uint64_t refusalOffset = 0; /* bytes */
     bool syncFailed = false; /* what the system dropped then can't be written again, so it stays an error */
 };
 

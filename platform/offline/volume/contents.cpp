@@ -28,7 +28,8 @@ NTSTATUS openData(Inode& inode, FileRef file, DataPtr& data) {
     }
     errno = 0;
     data.reset(ntfs3g::ntfs_attr_open(inode.inode, ntfs3g::AT_DATA, nullptr, 0));
-    return data != nullptr ? STATUS_SUCCESS : libraryStatus(inode.volume, errno);
+    return data != nullptr && !inode.volume.device.failed ? STATUS_SUCCESS
+                                                          : libraryStatus(inode.volume, errno);
 }
 
 /* Makes room for a file of this size and an eighth more, which costs nothing until it is used. A large buffer
@@ -52,7 +53,7 @@ NTSTATUS readData(Volume& volume, ntfs3g::ntfs_attr* data, size_t size, std::vec
         allowReads(volume, readsOfACall);
         int64_t done = ntfs3g::ntfs_attr_pread(data, static_cast<int64_t>(place), static_cast<int64_t>(count),
                                                bytes.data() + place);
-        if (done <= 0) return libraryStatus(volume, errno);
+        if (done <= 0 || volume.device.failed) return libraryStatus(volume, errno);
         place += static_cast<size_t>(done);
     }
     return STATUS_SUCCESS;
@@ -65,7 +66,7 @@ NTSTATUS writeData(Volume& volume, ntfs3g::ntfs_attr* data, uint64_t offset, Byt
         allowReads(volume, readsOfACall);
         int64_t done = ntfs3g::ntfs_attr_pwrite(data, static_cast<int64_t>(offset),
                                                 static_cast<int64_t>(count), bytes.data());
-        if (done <= 0) return libraryStatus(volume, errno);
+        if (done <= 0 || volume.device.failed) return libraryStatus(volume, errno);
         offset += static_cast<uint64_t>(done);
         bytes = bytes.subspan(static_cast<size_t>(done));
     }
@@ -83,7 +84,8 @@ NTSTATUS volumeReadFile(Volume& volume, FileRef file, uint64_t limit, std::vecto
         if (status < 0) return status;
         uint64_t size = static_cast<uint64_t>(data->data_size);
         /* A file may have holes, but one that is larger than its volume is nothing to load. */
-        if (size > limit || size > volume.device.size) return STATUS_INSUFFICIENT_RESOURCES;
+        if (size > volume.device.size) return libraryStatus(volume, 0);
+        if (size > limit) return STATUS_INSUFFICIENT_RESOURCES;
         reserveRoom(bytes, static_cast<size_t>(size));
         status = readData(volume, data.get(), static_cast<size_t>(size), bytes);
         data.reset();

@@ -41,6 +41,32 @@ NTSTATUS diskWrite(Disk& disk, uint64_t offset, std::span<const uint8_t> bytes);
 /* Everything that was written is on the medium when it returns. */
 NTSTATUS diskSync(Disk& disk);
 
+/* ---- What went wrong ---- */
+
+/* What of the disk could not be read or written since it was opened. A caller who gets a failing status may
+ * pass over what it was after; here it is remembered all the same. */
+struct DiskTrouble {
+    uint64_t readsRefused = 0;
+    uint64_t firstRefused = 0;  /* bytes */
+    int readError = 0;          /* errno of the first; 0: the disk had become shorter */
+    uint64_t damaged = 0;       /* files and directories whose structure on the disk can't be used */
+    uint64_t damagedVolume = 0; /* bytes: where the volume of the first begins */
+    uint64_t damagedRecord = 0; /* the first one's MFT record */
+    bool writeRefused = false;
+    int writeError = 0; /* errno of the first; 0: the disk had become shorter */
+};
+const DiskTrouble& diskTrouble(const Disk& disk);
+
+/* The system's word for an error of the record above. */
+std::string diskErrorText(int error);
+
+/* Remembers a file of the volume that begins at this byte. */
+void diskNoteDamage(Disk& disk, uint64_t volumeStart, uint64_t record);
+
+/* Refuses when something could not be read: how much, and what the first was. STATUS_IO_DEVICE_ERROR for what
+ * the disk refused, else STATUS_DISK_CORRUPT_ERROR. */
+NTSTATUS diskReadWhole(const Disk& disk, Problem& problem);
+
 /* ---- What lies on it ---- */
 
 enum class PartitionTable { none, mbr, gpt };

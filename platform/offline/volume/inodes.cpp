@@ -4,12 +4,32 @@
 
 namespace offline {
 
-NTSTATUS libraryStatus(const Volume& volume, int error) {
+/* The same file is often met several times in a row, and counts once. */
+void volumeNoteDamage(Volume& volume, FileRef file) {
+    const uint64_t record = recordNumberOf(file);
+    if (record == volume.lastDamaged) return;
+    volume.lastDamaged = record;
+    diskNoteDamage(*volume.device.disk, volume.device.start, record);
+}
+
+void beginCall(Volume& volume, FileRef file) {
+    volume.lookingAt = recordNumberOf(file);
+    volume.device.failed = false;
+    allowReads(volume, readsOfACall);
+    errno = 0;
+}
+
+NTSTATUS libraryStatus(Volume& volume, int error) {
     switch (error) {
         case ENOMEM:
             return STATUS_NO_MEMORY;
         case ENOSPC:
             return STATUS_DISK_FULL;
+        default:
+            break;
+    }
+    if (volume.device.failed) return STATUS_IO_DEVICE_ERROR;
+    switch (error) {
         case EEXIST:
             return STATUS_OBJECT_NAME_COLLISION;
         case EOPNOTSUPP:
@@ -18,18 +38,18 @@ NTSTATUS libraryStatus(const Volume& volume, int error) {
         case EPERM:
             return STATUS_ACCESS_DENIED;
         default:
-            return volume.device.failed ? STATUS_IO_DEVICE_ERROR : STATUS_FILE_CORRUPT_ERROR;
+            volumeNoteDamage(volume, volume.lookingAt);
+            return STATUS_FILE_CORRUPT_ERROR;
     }
 }
 
 NTSTATUS Inode::open(FileRef file) {
     NTSTATUS status = close();
     if (status < 0) return status;
-    volume.device.failed = false;
-    allowReads(volume, readsOfACall);
-    errno = 0;
+    beginCall(volume, file);
+    writesBefore = volume.device.writes;
     inode = ntfs3g::ntfs_inode_open(volume.ntfs, file);
-    return inode != nullptr ? STATUS_SUCCESS : libraryStatus(volume, errno);
+    return inode != nullptr && !volume.device.failed ? STATUS_SUCCESS : libraryStatus(volume, errno);
 }
 
 NTSTATUS Inode::close() {
@@ -37,9 +57,7 @@ NTSTATUS Inode::close() {
     ntfs3g::ntfs_inode* closing = inode;
     inode = nullptr;
     allowReads(volume, readsOfACall);
-    if (ntfs3g::ntfs_inode_close(closing) == 0) return STATUS_SUCCESS;
-    volume.failed = true;
-    return libraryStatus(volume, errno);
+    return closed(ntfs3g::ntfs_inode_close(closing) == 0);
 }
 
 NTSTATUS Inode::closeIn(Inode& directory) {
@@ -47,9 +65,16 @@ NTSTATUS Inode::closeIn(Inode& directory) {
     ntfs3g::ntfs_inode* closing = inode;
     inode = nullptr;
     allowReads(volume, readsOfACall);
-    if (ntfs3g::ntfs_inode_close_in_dir(closing, directory.inode) == 0) return STATUS_SUCCESS;
+    return closed(ntfs3g::ntfs_inode_close_in_dir(closing, directory.inode) == 0);
+}
+
+/* A change in whose course the disk refused something is not whole, whatever the library made of that. */
+NTSTATUS Inode::closed(bool done) {
+    const bool written = volume.device.writes != writesBefore;
+    if (done && !(written && volume.device.failed)) return STATUS_SUCCESS;
+    const NTSTATUS status = libraryStatus(volume, errno);
     volume.failed = true;
-    return libraryStatus(volume, errno);
+    return status;
 }
 
 } /* namespace offline */

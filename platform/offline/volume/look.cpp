@@ -54,6 +54,24 @@ void sortEntries(const Volume& volume, DirectoryListing& listing) {
     }
 }
 
+/* Whether the directory has an index at all, and its blocks when its root says that there are any: the
+ * library takes their absence for that of the name, or for the end of the list. */
+bool indexIsThere(Inode& directory) {
+    ntfs3g::ntfschar* const name = const_cast<ntfs3g::ntfschar*>(libraryName(u"$I30"));
+    constexpr uint32_t length = 4;
+    uint8_t header[sizeof(ntfs3g::INDEX_ROOT)];
+    ntfs3g::ntfs_attr* root = ntfs3g::ntfs_attr_open(directory.inode, ntfs3g::AT_INDEX_ROOT, name, length);
+    if (root == nullptr) return false;
+    const bool read = ntfs3g::ntfs_attr_pread(root, 0, sizeof header, header) == sizeof header;
+    ntfs3g::ntfs_attr_close(root);
+    if (!read) return false;
+    const bool blocks =
+        (header[offsetof(ntfs3g::INDEX_ROOT, index) + offsetof(ntfs3g::INDEX_HEADER, ih_flags)] &
+         ntfs3g::LARGE_INDEX) != 0;
+    return !blocks ||
+           ntfs3g::ntfs_attr_exist(directory.inode, ntfs3g::AT_INDEX_ALLOCATION, name, length) != 0;
+}
+
 NTSTATUS lookUpAs(Volume& volume, Inode& directory, std::u16string_view name, bool exact, FileRef& file) {
     allowReads(volume, readsOfALookUp);
     if (!exact) NVolClearCaseSensitive(volume.ntfs);
@@ -63,10 +81,13 @@ NTSTATUS lookUpAs(Volume& volume, Inode& directory, std::u16string_view name, bo
     int error = errno;
     NVolSetCaseSensitive(volume.ntfs);
     allowReads(volume, readsOfACall);
-    if (found == UINT64_MAX)
-        return error == ENOENT ? STATUS_OBJECT_NAME_NOT_FOUND : libraryStatus(volume, error);
-    file = found;
-    return STATUS_SUCCESS;
+    if (volume.device.failed) return STATUS_IO_DEVICE_ERROR;
+    if (found != UINT64_MAX) {
+        file = found;
+        return STATUS_SUCCESS;
+    }
+    return error == ENOENT && indexIsThere(directory) ? STATUS_OBJECT_NAME_NOT_FOUND
+                                                      : libraryStatus(volume, error);
 }
 
 /* The next component of a path; the path becomes what lies behind it. */
@@ -140,7 +161,8 @@ NTSTATUS volumeList(Volume& volume, FileRef directory, DirectoryListing& listing
         Listing context{volume, listing};
         int64_t position = 0;
         errno = 0;
-        if (ntfs3g::ntfs_readdir(inode.inode, &position, &context, addEntry) != 0) {
+        if (ntfs3g::ntfs_readdir(inode.inode, &position, &context, addEntry) != 0 || volume.device.failed ||
+            !indexIsThere(inode)) {
             return context.outOfMemory ? STATUS_NO_MEMORY : libraryStatus(volume, errno);
         }
         sortEntries(volume, listing);

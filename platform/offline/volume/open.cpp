@@ -62,6 +62,8 @@ NTSTATUS mount(Volume& volume, Problem& problem) {
         ntfs3g::ntfs_device_free(device);
         return refuseMount(volume, error, problem);
     }
+    /* The library opens a volume without some of its files when they can't be read. */
+    if (volume.device.failed) return refuseMount(volume, EIO, problem);
     ntfs3g::ntfs_create_lru_caches(volume.ntfs);
     ntfs3g::ntfs_set_shown_files(volume.ntfs, libraryTrue, libraryTrue, libraryFalse);
     return STATUS_SUCCESS;
@@ -98,6 +100,7 @@ NTSTATUS refuseState(Volume& volume, Problem& problem) {
     }
     allowReads(volume, readsOfACall);
     if (!volume.readOnly && !secureIndexesSound(volume)) {
+        if (volume.device.failed) return refuseMount(volume, EIO, problem);
         return refuse(
             problem, STATUS_DISK_CORRUPT_ERROR,
             volume.name +

@@ -23,7 +23,7 @@ struct VolumeDevice {
     uint64_t size = 0;  /* bytes */
     int64_t position = 0;
     bool mayWrite = false; /* not before the dirty mark is being set */
-    bool failed = false;   /* the disk refused a read or write, so that an error is not the volume's */
+    bool failed = false;   /* the disk refused a read or write of this call (see beginCall) */
     uint64_t writes = 0;
     uint64_t readsLeft = 0; /* see allowReads */
 };
@@ -61,6 +61,9 @@ struct Volume {
     uint64_t recordNumber = UINT64_MAX;
     FileRecord record;
 
+    uint64_t lookingAt = 0;            /* MFT record of the file that beginCall named */
+    uint64_t lastDamaged = UINT64_MAX; /* that damage was noted of */
+
     /* Descriptors by security id; and the ids under which descriptors were stored here, by their bytes. */
     std::unordered_map<uint32_t, std::vector<uint8_t>> descriptors;
     std::unordered_map<std::string, uint32_t, BytesHash, std::equal_to<>> storedIds;
@@ -85,14 +88,18 @@ inline void allowReads(Volume& volume, uint64_t count) {
     volume.device.readsLeft = count;
 }
 
+/* Before calls of the library that concern this file: what they run into is its. */
+void beginCall(Volume& volume, FileRef file);
+
 /* ---- Changes ---- */
 
 /* Before any change: refuses on a volume that can only be read; the first time, puts the dirty mark on the
  * medium. */
 NTSTATUS beginChange(Volume& volume);
 
-/* The status of a call of the library that failed and set errno. */
-NTSTATUS libraryStatus(const Volume& volume, int error);
+/* The one place that tells a device's error from damage: the status of a call of the library that failed and
+ * set errno, or of our own look at a structure (error 0). Damage is remembered, once for a file in a row. */
+NTSTATUS libraryStatus(Volume& volume, int error);
 
 /* ---- Records ---- */
 
@@ -122,6 +129,7 @@ constexpr auto updateContents = static_cast<ntfs3g::ntfs_time_update_flags>(NTFS
 struct Inode {
     Volume& volume;
     ntfs3g::ntfs_inode* inode = nullptr;
+    uint64_t writesBefore = 0; /* of the device, when it was opened */
 
     explicit Inode(Volume& of) : volume(of) {}
     Inode(const Inode&) = delete;
@@ -132,6 +140,7 @@ struct Inode {
     /* Writes what was changed. A failure that nobody asks for here is remembered in the volume. */
     NTSTATUS close();
     NTSTATUS closeIn(Inode& directory); /* while the directory that holds its only name is open */
+    NTSTATUS closed(bool done);         /* for the two above: what the library's closing came to */
     uint32_t attributes() const { return numberAt<uint32_t>(bytesOf(inode->flags), 0); }
     bool isDirectory() const { return (inode->mrec->flags & ntfs3g::MFT_RECORD_IS_DIRECTORY) != 0; }
 };

@@ -39,15 +39,17 @@ NTSTATUS readHead(Search& search, uint64_t start, uint64_t size, Head& head) {
 }
 
 /* NTFS keeps a copy of its boot sector in the last sector of its partition. */
-bool hasBackupBootSector(Search& search, const Partition& place) {
+NTSTATUS findBackupBootSector(Search& search, const Partition& place, bool& found) {
+    found = false;
     for (uint32_t sectorSize : {512u, 4096u}) {
         std::array<uint8_t, 512> sector;
         NtfsBootSector boot;
         if (place.size < sectorSize) continue;
         uint64_t last = place.start + place.size - sectorSize;
-        if (diskRead(search.disk, last, sector) >= 0 && ntfsBootSector(sector, boot)) return true;
+        if (diskRead(search.disk, last, sector) < 0) return search.unreadable();
+        if (ntfsBootSector(sector, boot)) found = true;
     }
-    return false;
+    return STATUS_SUCCESS;
 }
 
 /* What lies at a place that is known to be on the disk. name: of the place, for messages. */
@@ -83,7 +85,11 @@ NTSTATUS probe(Search& search, const Partition& place, bool forNtfs, const std::
         case ContentsKind::unknown:
             break;
     }
-    bool backup = (forNtfs || contents.kind == ContentsKind::ntfs) && hasBackupBootSector(search, place);
+    bool backup = false;
+    if (forNtfs || contents.kind == ContentsKind::ntfs) {
+        status = findBackupBootSector(search, place, backup);
+        if (status < 0) return status;
+    }
     if (backup) {
         return search.damaged(
             "the boot sector of " + name +

@@ -2,6 +2,8 @@
  * record; read here, that costs a fraction of opening the file. Structure: the record header and the
  * attribute headers of NTFS 3. */
 #include "platform/offline/volume/open_volume.h"
+/* before everything else */
+#include <cerrno>
 
 namespace offline {
 namespace {
@@ -134,10 +136,11 @@ bool parseRecord(Bytes record, FileRef reference, FileRecord& file) {
 /* The reparse tag of a file whose reparse data is not in its first record. */
 NTSTATUS readTag(Inode& inode, uint32_t& tag) {
     ntfs3g::ntfs_attr* data = ntfs3g::ntfs_attr_open(inode.inode, ntfs3g::AT_REPARSE_POINT, nullptr, 0);
-    if (data == nullptr) return STATUS_FILE_CORRUPT_ERROR;
+    if (data == nullptr) return libraryStatus(inode.volume, errno);
     int64_t done = ntfs3g::ntfs_attr_pread(data, 0, sizeof tag, &tag);
+    const NTSTATUS status = done == sizeof tag ? STATUS_SUCCESS : libraryStatus(inode.volume, errno);
     ntfs3g::ntfs_attr_close(data);
-    return done == sizeof tag ? STATUS_SUCCESS : STATUS_FILE_CORRUPT_ERROR;
+    return status;
 }
 
 /* What is kept in further records comes through the library. */
@@ -158,20 +161,21 @@ NTSTATUS loadRecord(Volume& volume, FileRef file) {
     uint64_t number = recordNumberOf(file);
     if (volume.recordNumber == number) {
         uint16_t sequence = numberAt<uint16_t>(volume.recordBytes, offsetof(MFT_RECORD, sequence_number));
-        return MSEQNO(file) == 0 || MSEQNO(file) == sequence ? STATUS_SUCCESS : STATUS_FILE_CORRUPT_ERROR;
+        if (MSEQNO(file) == 0 || MSEQNO(file) == sequence) return STATUS_SUCCESS;
+        beginCall(volume, file);
+        return libraryStatus(volume, 0);
     }
     forgetRecord(volume);
-    volume.device.failed = false;
-    allowReads(volume, readsOfACall);
+    beginCall(volume, file);
     int64_t records = volume.ntfs->mft_na->data_size >> volume.ntfs->mft_record_size_bits;
-    if (records < 0 || number >= static_cast<uint64_t>(records)) return STATUS_FILE_CORRUPT_ERROR;
+    if (records < 0 || number >= static_cast<uint64_t>(records)) return libraryStatus(volume, 0);
     /* This reverses the update sequence that guards each sector; a record whose sectors do not match has no
      * "FILE". */
     int64_t done = ntfs3g::ntfs_attr_mst_pread(
         volume.ntfs->mft_na, static_cast<int64_t>(number << volume.ntfs->mft_record_size_bits), 1,
         volume.ntfs->mft_record_size, volume.recordBytes.data());
-    if (done != 1) return volume.device.failed ? STATUS_IO_DEVICE_ERROR : STATUS_FILE_CORRUPT_ERROR;
-    if (!parseRecord(volume.recordBytes, file, volume.record)) return STATUS_FILE_CORRUPT_ERROR;
+    if (done != 1) return libraryStatus(volume, errno);
+    if (!parseRecord(volume.recordBytes, file, volume.record)) return libraryStatus(volume, 0);
     NTSTATUS status = complete(volume, file, volume.record);
     if (status >= 0) volume.recordNumber = number;
     return status;
@@ -187,7 +191,7 @@ NTSTATUS writeSecurityId(Volume& volume, uint32_t id) {
     if (ntfs3g::ntfs_mft_records_write(volume.ntfs, number, 1, record) == 0) return STATUS_SUCCESS;
     forgetRecord(volume);
     volume.failed = true;
-    return volume.device.failed ? STATUS_IO_DEVICE_ERROR : STATUS_FILE_CORRUPT_ERROR;
+    return libraryStatus(volume, errno);
 }
 
 } /* namespace offline */

@@ -48,6 +48,9 @@ bool volumeReadOnly(const Volume& volume);
 /* True when a change was refused because the volume can only be read. */
 bool volumeRefusedChange(const Volume& volume);
 
+/* Remembers a file or directory that can't be used for damage; the volume does so itself for what it sees. */
+void volumeNoteDamage(Volume& volume, FileRef file);
+
 /* ---- Looking ---- */
 
 struct FileInfo {

@@ -21,6 +21,13 @@ int fail(int error) {
     return -1;
 }
 
+/* A call that succeeds leaves errno as it was: the library, and those who call it, take what they find there
+ * for the reason of a failure. */
+int64_t succeed(int errorBefore, int64_t count) {
+    errno = errorBefore;
+    return count;
+}
+
 int openDevice(ntfs_device* device, int flags) {
     if (NDevOpen(device)) return fail(EBUSY);
     NDevSetOpen(device);
@@ -62,11 +69,13 @@ int64_t readAt(ntfs_device* device, void* bytes, int64_t count, int64_t offset) 
     if (there <= 0) return there;
     if (self.readsLeft == 0) return fail(EIO);
     --self.readsLeft;
+    const int before = errno;
     NTSTATUS status = diskRead(*self.disk, self.start + static_cast<uint64_t>(offset),
                                {static_cast<uint8_t*>(bytes), static_cast<size_t>(there)});
-    if (status >= 0) return there;
+    if (status >= 0) return succeed(before, there);
+    if (status == STATUS_NO_MEMORY) return fail(ENOMEM);
     self.failed = true;
-    return fail(status == STATUS_NO_MEMORY ? ENOMEM : EIO);
+    return fail(EIO);
 }
 
 int64_t writeAt(ntfs_device* device, const void* bytes, int64_t count, int64_t offset) {
@@ -76,14 +85,16 @@ int64_t writeAt(ntfs_device* device, const void* bytes, int64_t count, int64_t o
     if (there < 0) return there;
     if (there < count) return fail(ENOSPC);
     ++self.writes;
+    const int before = errno;
     NTSTATUS status = diskWrite(*self.disk, self.start + static_cast<uint64_t>(offset),
                                 {static_cast<const uint8_t*>(bytes), static_cast<size_t>(count)});
     if (status >= 0) {
         NDevSetDirty(device);
-        return count;
+        return succeed(before, count);
     }
+    if (status == STATUS_NO_MEMORY) return fail(ENOMEM);
     self.failed = true;
-    return fail(status == STATUS_DISK_FULL ? ENOSPC : status == STATUS_NO_MEMORY ? ENOMEM : EIO);
+    return fail(status == STATUS_DISK_FULL ? ENOSPC : EIO);
 }
 
 int64_t readOn(ntfs_device* device, void* bytes, int64_t count) {

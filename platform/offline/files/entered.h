@@ -1,0 +1,28 @@
+/* Which directories a walk has entered. On a sound volume a directory has one parent and one name there; on a
+ * damaged one further entries can lead to it, even from below itself, and a walk that followed them all would
+ * not end, or take time that doubles with each level. Private to this room. */
+#ifndef QUILLET_OFFLINE_FILES_ENTERED_H
+#define QUILLET_OFFLINE_FILES_ENTERED_H
+
+#include <cstddef>
+
+#include "platform/offline/volume/volume.h"
+
+namespace offline {
+
+/* An entry of a directory that leads to another. */
+struct EntryPlace {
+    FileRef directory = 0;
+    size_t index = SIZE_MAX; /* into its listing; SIZE_MAX: where a walk begins */
+    bool operator==(const EntryPlace&) const = default;
+};
+
+/* Whether the directory is entered for the first time since enteredForget, or by the same entry again. May
+ * throw std::bad_alloc; takes some 60 bytes for each directory. */
+bool enterOnce(const Volume& volume, FileRef directory, const EntryPlace& by);
+
+void enteredForget();
+
+} /* namespace offline */
+
+#endif

@@ -1,0 +1,56 @@
+/* What of a disk could not be read, for the one line that tells it. */
+#include <cstring>
+
+#include "platform/offline/base/guarded.h"
+#include "platform/offline/volume/block_cache.h"
+
+namespace offline {
+namespace {
+
+std::string counted(uint64_t count, const char* one, const char* several) {
+    return std::to_string(count) + (count == 1 ? one : several);
+}
+
+std::string refusedText(const DiskTrouble& trouble) {
+    return counted(trouble.readsRefused, " read of it", " reads of it") + " failed, the first at byte " +
+           std::to_string(trouble.firstRefused) + " (" + diskErrorText(trouble.readError) + ")";
+}
+
+std::string damagedText(const DiskTrouble& trouble) {
+    return counted(trouble.damaged, " file or directory", " files or directories") +
+           " of its volumes can't be read for damage, the first by MFT record " +
+           std::to_string(trouble.damagedRecord) + " of the volume at byte " +
+           std::to_string(trouble.damagedVolume);
+}
+
+} /* namespace */
+
+const DiskTrouble& diskTrouble(const Disk& disk) {
+    return disk.trouble;
+}
+
+std::string diskErrorText(int error) {
+    return error == 0 ? "it became shorter while it was in use" : std::strerror(error);
+}
+
+void diskNoteDamage(Disk& disk, uint64_t volumeStart, uint64_t record) {
+    DiskTrouble& trouble = disk.trouble;
+    if (trouble.damaged++ != 0) return;
+    trouble.damagedVolume = volumeStart;
+    trouble.damagedRecord = record;
+}
+
+NTSTATUS diskReadWhole(const Disk& disk, Problem& problem) {
+    return guarded([&]() -> NTSTATUS {
+        const DiskTrouble& trouble = disk.trouble;
+        const bool refused = trouble.readsRefused != 0, damaged = trouble.damaged != 0;
+        if (!refused && !damaged) return STATUS_SUCCESS;
+        std::string text = disk.path + ": ";
+        if (refused) text += refusedText(trouble);
+        if (refused && damaged) text += ", and ";
+        if (damaged) text += damagedText(trouble);
+        return refuse(problem, refused ? STATUS_IO_DEVICE_ERROR : STATUS_DISK_CORRUPT_ERROR, text);
+    });
+}
+
+} /* namespace offline */
