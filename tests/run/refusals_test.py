@@ -49,6 +49,30 @@ class Refusals(ImageCase):
         subprocess.run(["mkntfs", "-F", "-Q", "-q", "-s", "512", "-p", "0", "-H", "255", "-S", "63", plain], check=True, capture_output=True)
         self.check(plain, "no Windows installation", status=2)
 
+    def test_damage_that_is_passed_over(self):
+        """One file's record is damaged: the rest is treated, and the end tells it."""
+        image = self.copy(sample(), "damaged.img")
+        with open(image, "rb") as f: data = bytearray(f.read())
+        name = "read only.txt".encode("utf-16-le")
+        at = next(at for at in range(0, len(data), 1024) if data[at:at + 4] == b"FILE" and data[at + 22] == 1 and name in data[at:at + 1024])
+        data[at + 510:at + 512] = b"??"  # the update sequence does not match any more
+        with open(image, "wb") as f: f.write(data)
+        done = quillet(system=image)
+        self.assertEqual(done.status, 1393 & 0xFF, done.err)
+        self.assertIn("completed successfully\n", done.out)
+        self.assertRegex(done.err, r"GetFileSecurity returned 1392 for .*read only.txt\n")
+        self.assertRegex(done.err, r"(?m)^quillet: \S*damaged.img: 1 file or directory of its volumes can't be read for damage, .*run again$")
+        audited = programs.run(programs.OFFLINE, "audit", image, programs.PAIR.search(done.out).group(1))
+        self.assertEqual(audited.status, 2)
+        self.assertIn("nothing that quillet treats holds", audited.out)
+        self.assertRegex(audited.err, "(?m)damaged.img: 1 file or directory .*repair")
+
+    def test_a_limit_on_files_sizes(self):
+        image = self.copy(sample(), "limit.img")
+        done = programs.run("prlimit", "--fsize=1000000", programs.QUILLET, "-q", system=image)
+        self.assertNotEqual(done.status, 0)
+        self.assertRegex(done.err, r"limit.img: .*File too large")
+
     def test_an_image_in_use(self):
         image = self.copy(sample(), "locked.img")
         holder = "import fcntl, sys, time\nf = open(sys.argv[1], 'r+b')\nfcntl.lockf(f, fcntl.LOCK_EX)\nprint('locked', flush=True)\ntime.sleep(60)"

@@ -104,11 +104,8 @@ NTSTATUS installationClose(Installation& installation, Problem& problem) {
         const std::string name = diskPath(*place.disk);
         const NTSTATUS status = volumeClose(std::move(place.volume));
         if (status < 0 && first >= 0) {
-            const DiskTrouble& trouble = diskTrouble(*place.disk);
-            const std::string why =
-                trouble.writeRefused ? " (" + diskErrorText(trouble.writeError) + ")" : std::string();
             first = refuse(problem, status,
-                           name + ": not everything could be written" + why +
+                           name + ": not everything could be written" + diskWriteReason(*place.disk) +
                                ", so the volume stays marked dirty; check the disk and run chkdsk on it, or "
                                "go back to a "
                                "copy");

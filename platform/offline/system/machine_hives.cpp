@@ -162,13 +162,15 @@ NTSTATUS machineHivesMount(Installation& installation, Problem& problem) try {
 NTSTATUS machineHivesSave(const Installation& installation, Problem& problem) {
     const NTSTATUS status = registrySaveAll();
     if (status >= 0) return status;
-    const std::string name = diskPath(*installation.volumes[installation.systemVolume].disk);
+    const Disk& disk = *installation.volumes[installation.systemVolume].disk;
     const char* const advice =
         status == STATUS_DISK_FULL
             ? "there is no room for it; go back to a copy and make room, on the volume "
               "and where the image lies"
             : "check the disk, or go back to a copy";
-    return refuse(problem, status, name + ": the registry could not be written back; " + advice);
+    return refuse(
+        problem, status,
+        diskPath(disk) + ": the registry could not be written back" + diskWriteReason(disk) + "; " + advice);
 }
 
 NTSTATUS hiveFindPath(const Hive& hive, std::u16string_view path, Cell& key) {

@@ -57,8 +57,8 @@ struct DiskTrouble {
 };
 const DiskTrouble& diskTrouble(const Disk& disk);
 
-/* The system's word for an error of the record above. */
-std::string diskErrorText(int error);
+/* Why the first write was refused, " (File too large)"; empty when none was. */
+std::string diskWriteReason(const Disk& disk);
 
 /* Remembers a file of the volume that begins at this byte. */
 void diskNoteDamage(Disk& disk, uint64_t volumeStart, uint64_t record);

@@ -11,9 +11,13 @@ std::string counted(uint64_t count, const char* one, const char* several) {
     return std::to_string(count) + (count == 1 ? one : several);
 }
 
+std::string errorText(int error) {
+    return error == 0 ? "it became shorter while it was in use" : std::strerror(error);
+}
+
 std::string refusedText(const DiskTrouble& trouble) {
     return counted(trouble.readsRefused, " read of it", " reads of it") + " failed, the first at byte " +
-           std::to_string(trouble.firstRefused) + " (" + diskErrorText(trouble.readError) + ")";
+           std::to_string(trouble.firstRefused) + " (" + errorText(trouble.readError) + ")";
 }
 
 std::string damagedText(const DiskTrouble& trouble) {
@@ -29,8 +33,8 @@ const DiskTrouble& diskTrouble(const Disk& disk) {
     return disk.trouble;
 }
 
-std::string diskErrorText(int error) {
-    return error == 0 ? "it became shorter while it was in use" : std::strerror(error);
+std::string diskWriteReason(const Disk& disk) {
+    return disk.trouble.writeRefused ? " (" + errorText(disk.trouble.writeError) + ")" : std::string();
 }
 
 void diskNoteDamage(Disk& disk, uint64_t volumeStart, uint64_t record) {
