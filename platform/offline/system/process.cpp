@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "platform/nt.h"
+#include "platform/offline/base/text.h"
 #include "platform/offline/security/security.h"
 #include "platform/offline/system/system.h"
 
@@ -16,7 +17,8 @@ void sayRestart(bool reboot) {
     std::string names;
     const offline::Installation* installation = offline::systemInstallation();
     if (installation != nullptr)
-        names = offline::diskPath(*installation->volumes[installation->systemVolume].disk);
+        names =
+            offline::printable(offline::diskPath(*installation->volumes[installation->systemVolume].disk));
     if (reboot) {
         fprintf(stderr,
                 "quillet: a restart was asked for; the system is at rest: start the machine from %s\n",
