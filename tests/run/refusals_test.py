@@ -77,7 +77,7 @@ class Streams(ImageCase):
         for program in ('"$Q" -s', '"$O" run "$I" -- -s', '"$O" info "$I"', '"$O" sample "$I" --force --files 0'):
             for closed in ("<&-", ">&-", "2>&-", "<&- >&- 2>&-"):
                 with self.subTest(program + closed):
-                    done = self.shell(program + closed, image)
+                    done = self.shell(program + " " + closed, image)
                     self.assertEqual(done.returncode, 0, done.stderr)
                     with open(image, "rb") as f: self.assertEqual(f.read(11), b"\xeb\x52\x90NTFS    ")
                     if program != '"$O" info "$I"': self.assert_sound(image)
@@ -86,7 +86,7 @@ class Streams(ImageCase):
         image = self.copy(sample(), "limit.img")
         before = digest(image)
         for program, status in ((programs.QUILLET, 110), (programs.OFFLINE, 2)):
-            done = self.shell('ulimit -n 1; exec "%s" -s <&- >&-' % program, image)
+            done = self.shell('exec <&- >&-; ulimit -n 1; exec "%s" -s' % program, image)
             self.assertEqual(done.returncode, status, done.stderr)
             self.assertIn(b"/dev/null can't be opened", done.stderr)
         self.assertEqual(digest(image), before)
