@@ -1,7 +1,10 @@
 # What every target of the project is compiled with.
 add_library(quillet_options INTERFACE)
 target_compile_features(quillet_options INTERFACE cxx_std_20)
-target_compile_options(quillet_options INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror)
+target_compile_options(quillet_options INTERFACE -Wall -Wextra -Wconversion -Wshadow)
+if(QUILLET_WERROR)
+    target_compile_options(quillet_options INTERFACE -Werror)
+endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
     # These two warn inside the standard library's own strings and vectors there (GCC bugs 105329, 105651, 106199).
     set(quiet -Wno-restrict -Wno-stringop-overflow -Wno-stringop-overread -Wno-unknown-warning-option)

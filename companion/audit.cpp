@@ -82,8 +82,8 @@ uint64_t sum(const std::array<uint64_t, kindCount>& counts) {
 void printPlace(const Place& place) {
     std::string text = place.left ? "left     " : "treated  ";
     text += wordsOf(place.kind).one;
-    text += ", " + oneLine(place.path);
-    if (place.kind == Kind::value) text += ", \"" + oneLine(place.value) + "\"";
+    text += ", " + offline::printable(place.path);
+    if (place.kind == Kind::value) text += ", \"" + offline::printable(place.value) + "\"";
     if (place.left) text += std::string(" (") + wordsOf(*place.left).one + ")";
     printf("%s\n", text.c_str());
 }

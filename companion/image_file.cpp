@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "companion/failure.h"
+#include "platform/offline/base/streams.h"
 
 namespace companion {
 namespace {
@@ -67,7 +68,7 @@ bool rename(const std::string& from, const std::string& to, bool mayReplace) {
 ImageFile::ImageFile(std::string name, bool replace) : wanted(std::move(name)), mayReplace(replace) {
     checkName(wanted, mayReplace);
     temporary = wanted + ".XXXXXX";
-    file = mkostemp(temporary.data(), O_CLOEXEC);
+    file = offline::aboveStandard(mkostemp(temporary.data(), O_CLOEXEC));
     if (file < 0) {
         throw Failure{wanted + ": can't be made: " + strerror(errno) +
                       "; check the directory, or name another"};

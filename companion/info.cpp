@@ -1,4 +1,5 @@
 /* info: what lies on some disks. */
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 
@@ -7,6 +8,7 @@
 #include "companion/json.h"
 #include "companion/look.h"
 #include "companion/text.h"
+#include "platform/offline/base/text.h"
 
 namespace companion {
 namespace {
@@ -15,7 +17,9 @@ const char help[] =
     "Shows the disks, the volumes with their drive letters, the Windows installation, its machine SID and\n"
     "the state of its registry hives. Nothing is written. What is wrong goes to standard error, a line "
     "each.\n"
-    "A hive that is \"logged\" has its last changes in its log files, from where they are read.\n"
+    "A hive that is \"logged\" has its last changes in its log files, from where they are read. A user's "
+    "hive\n"
+    "that is damaged or dirty is named; a run passes it over.\n"
     "The exit status is 0 for a system that quillet can work on, else 2.\n"
     "\n"
     "Examples:\n"
@@ -26,7 +30,7 @@ const char help[] =
 /* ---- For a person ---- */
 
 void printRow(const char* kind, const std::string& text) {
-    printf("%-12s%s\n", kind, oneLine(text).c_str());
+    printf("%-12s%s\n", kind, offline::printable(text).c_str());
 }
 
 std::string describe(const DiskSeen& disk) {
@@ -50,16 +54,20 @@ std::string describe(const HiveSeen& hive) {
     return text;
 }
 
-void print(const Sight& sight) {
+void printInstallation(const Sight& sight) {
     const std::string unknown = "unknown";
-    for (const DiskSeen& disk : sight.disks) printRow("disk", describe(disk));
-    for (const VolumeSeen& volume : sight.volumes) printRow("volume", describe(volume));
-    if (sight.windows.empty()) return;
     printRow("windows", sight.windows);
     printRow("product", sight.product.empty() ? unknown : sight.product);
     printRow("machine SID", sight.machineSid.empty() ? unknown : sight.machineSid);
     printRow("control set", sight.controlSet == 0 ? unknown : std::to_string(sight.controlSet));
     for (const HiveSeen& hive : sight.hives) printRow("hive", describe(hive));
+}
+
+void print(const Sight& sight, bool usable) {
+    for (const DiskSeen& disk : sight.disks) printRow("disk", describe(disk));
+    for (const VolumeSeen& volume : sight.volumes) printRow("volume", describe(volume));
+    if (!sight.windows.empty()) printInstallation(sight);
+    printRow("usable", usable ? "yes" : "no");
 }
 
 /* ---- For programs ---- */
@@ -103,7 +111,7 @@ void writeList(JsonWriter& json, const char* name, const std::vector<Item>& list
     json.close(']');
 }
 
-void printJson(const Sight& sight) {
+void printJson(const Sight& sight, bool usable) {
     JsonWriter json;
     json.open('{');
     writeList(json, "disks", sight.disks);
@@ -113,21 +121,26 @@ void printJson(const Sight& sight) {
     json.put("machineSid", sight.machineSid);
     json.put("controlSet", uint64_t{sight.controlSet});
     writeList(json, "hives", sight.hives);
+    json.put("usable", usable);
     writeList(json, "problems", sight.problems);
     json.close('}');
     printf("%s\n", json.text.c_str());
 }
 
 int info(const std::vector<std::string>& images, bool json) {
-    const Sight sight = look(images);
+    Sight sight = look(images);
+    const std::string why = whyRefused(images);
+    const bool told = std::find(sight.problems.begin(), sight.problems.end(), why) != sight.problems.end();
+    if (!why.empty() && !told) sight.problems.push_back(why);
+    const bool usable = why.empty() && !sight.machineSid.empty(); /* that has been told, too */
     if (json) {
-        printJson(sight);
+        printJson(sight, usable);
     } else {
-        print(sight);
+        print(sight, usable);
     }
     fflush(stdout);
     for (const std::string& problem : sight.problems) say(problem);
-    return sight.problems.empty() ? exitDone : exitFailed;
+    return usable ? exitDone : exitFailed;
 }
 
 Runner prepare(CLI::App& app) {

@@ -12,21 +12,24 @@ void JsonWriter::separate() {
     if (last != '{' && last != '[' && last != ':') text += ',';
 }
 
-/* What is no UTF-8, as the name of a file can be, is replaced, so that all of it is JSON. */
+/* What is no UTF-8, as the name of a file can be, is replaced, so that all of it is JSON. What a terminal
+ * would obey is escaped as well: it means the same, and JSON is looked at on terminals too. */
 void JsonWriter::quote(std::string_view value) {
     text += '"';
-    for (const char letter : offline::toUtf8(offline::toUtf16(value))) {
-        if (letter == '"' || letter == '\\') {
-            text += '\\';
-            text += letter;
-        } else if (static_cast<unsigned char>(letter) < 0x20) {
-            std::array<char, 8> escape = {};
-            snprintf(escape.data(), escape.size(), "\\u%04x", static_cast<unsigned>(letter));
-            text += escape.data();
-        } else {
-            text += letter;
+    std::u16string plain;
+    for (const char16_t unit : offline::toUtf16(value)) {
+        const bool quoted = unit == u'"' || unit == u'\\';
+        if (!quoted && !offline::isUnprintable(unit)) {
+            plain += unit;
+            continue;
         }
+        text += offline::toUtf8(plain);
+        plain.clear();
+        std::array<char, 8> escape = {};
+        snprintf(escape.data(), escape.size(), quoted ? "\\%c" : "\\u%04x", static_cast<unsigned>(unit));
+        text += escape.data();
     }
+    text += offline::toUtf8(plain);
     text += '"';
 }
 

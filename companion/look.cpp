@@ -12,6 +12,7 @@
 #include "platform/offline/system/installation.h"
 #include "platform/offline/system/letters.h"
 #include "platform/offline/system/machine_hives.h"
+#include "platform/offline/system/system.h"
 
 namespace companion {
 namespace {
@@ -133,6 +134,7 @@ void lookAtUserHive(Looking& looking, const std::string& user, const std::u16str
         if (hive) seen.version = offline::hiveMinorVersion(*hive);
     }
     seen.state = stateOf(status, hive);
+    if (status < 0) problem.text += "; a run leaves this user's hive as it is";
     if (seen.state != HiveState::missing) looking.good(status, problem);
     looking.sight.hives.push_back(std::move(seen));
 }
@@ -217,14 +219,7 @@ void lookAtInstallation(Looking& looking) {
     const std::string drive = {letter, ':', '\\'};
     sight.windows = drive + offline::toUtf8(looking.installation.directory);
     for (HiveSeen& hive : sight.hives) hive.path = drive + hive.path;
-    if (looking.system) {
-        sight.controlSet = offline::currentControlSet(*looking.system);
-        if (sight.controlSet == 0) {
-            sight.problems.push_back(sight.windows +
-                                     ": the SYSTEM hive does not say which control set is the current one; "
-                                     "restore the hive from a copy");
-        }
-    }
+    if (looking.system) sight.controlSet = offline::currentControlSet(*looking.system);
     if (looking.software) {
         sight.product = offline::toUtf8(
             offline::hiveText(*looking.software, u"Microsoft\\Windows NT\\CurrentVersion", u"ProductName"));
@@ -260,6 +255,13 @@ void noteUnread(const offline::Installation& installation, std::vector<std::stri
     problem.text += status == STATUS_IO_DEVICE_ERROR ? "; check the medium, or work on a copy of it"
                                                      : "; repair the volume (chkdsk /f) first";
     problems.push_back(problem.text);
+}
+
+std::string whyRefused(const std::vector<std::string>& images) {
+    Problem problem, unsaid;
+    const NTSTATUS status = offline::systemOpen(images, offline::DiskAccess::trial, problem);
+    offline::systemClose(unsaid); /* nothing was written */
+    return status < 0 ? problem.text : "";
 }
 
 const char* tableName(offline::PartitionTable table) {

@@ -44,7 +44,8 @@ struct Sight {
     std::string machineSid;
     uint32_t controlSet = 0; /* 0: the installation does not say */
     std::vector<HiveSeen> hives;
-    std::vector<std::string> problems; /* a line each; none of a usable system that could be seen whole */
+    std::vector<std::string>
+        problems; /* a line for each thing that could not be seen; a run may do without */
 };
 
 /* Throws Failure when a disk is named twice. */
@@ -52,6 +53,10 @@ Sight look(const std::vector<std::string>& images);
 
 /* Adds a line when something of the disks could not be read, whatever came of it. */
 void noteUnread(const offline::Installation& installation, std::vector<std::string>& problems);
+
+/* Whether quillet could start on these disks now: opens them as a run does, and refuses what a run would, but
+ * for reading only. Empty, or the line that says why not. */
+std::string whyRefused(const std::vector<std::string>& images);
 
 const char* tableName(offline::PartitionTable table);
 const char* stateName(HiveState state);

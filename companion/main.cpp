@@ -2,17 +2,20 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 
 #include "companion/command.h"
 #include "companion/failure.h"
-#include "companion/text.h"
+#include "platform/offline/base/streams.h"
+#include "platform/offline/base/text.h"
 
 namespace companion {
 
 void say(const std::string& line) {
-    fprintf(stderr, "quillet-offline: %s\n", oneLine(line).c_str());
+    fprintf(stderr, "quillet-offline: %s\n", offline::printable(line).c_str());
 }
 
 namespace {
@@ -109,6 +112,11 @@ int runCommandLine(std::vector<std::string> arguments) {
 
 int main(int argc, char** argv) {
     int status = companion::exitFailed;
+    if (!offline::standardStreamsOpen()) {
+        companion::say(std::string("/dev/null can't be opened (") + strerror(errno) +
+                       ") for the standard streams that are closed; open them");
+        return status;
+    }
     try {
         status = companion::runCommandLine(std::vector<std::string>(argv + std::min(argc, 1), argv + argc));
     } catch (const companion::Failure& failure) {
@@ -118,8 +126,8 @@ int main(int argc, char** argv) {
     } catch (const std::exception& failure) {
         companion::say(failure.what());
     }
-    if (fflush(stdout) != 0 || ferror(stdout) != 0) {
-        companion::say("standard output: can't be written; check where it leads to");
+    if (!offline::standardStreamsWritten()) {
+        companion::say("not every line could be written; check where standard output and error lead to");
         status = companion::exitFailed;
     }
     return status;

@@ -12,6 +12,7 @@
 #include "companion/sample_files.h"
 #include "companion/text.h"
 #include "companion/whole_disk.h"
+#include "platform/offline/base/text.h"
 #include "platform/offline/volume/disk.h"
 #include "platform/offline/volume/volume.h"
 
@@ -143,7 +144,8 @@ int sample(const Options& options) {
     const size_t entries = fillDisk(image, options, machine);
     image.keep();
     std::string sid(machine.sid.begin(), machine.sid.end());
-    printf("%s: machine SID %s, %zu entries\n", options.image.c_str(), sid.c_str(), entries);
+    printf("%s: machine SID %s, %zu entries\n", offline::printable(options.image).c_str(), sid.c_str(),
+           entries);
     return exitDone;
 }
 

@@ -40,13 +40,6 @@ std::string sizeText(uint64_t bytes) {
     return text.data();
 }
 
-std::string oneLine(std::string text) {
-    for (char& letter : text) {
-        if (static_cast<unsigned char>(letter) < 0x20 || letter == 0x7F) letter = '?';
-    }
-    return text;
-}
-
 std::string statusText(NTSTATUS status) {
     std::array<char, 32> text = {};
     snprintf(text.data(), text.size(), "status 0x%08X", static_cast<unsigned>(status));

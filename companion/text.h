@@ -18,9 +18,6 @@ std::u16string paddedDecimal(uint32_t number, size_t digits);
 /* "96.0 MiB" */
 std::string sizeText(uint64_t bytes);
 
-/* The text with "?" for each control character: a name on a disk must not look like more lines than one. */
-std::string oneLine(std::string text);
-
 /* "status 0xC0000034", for what has no words of its own. */
 std::string statusText(NTSTATUS status);
 

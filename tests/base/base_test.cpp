@@ -40,6 +40,23 @@ TEST(Text, BadBytesAreReplacedOneByOne) {
     EXPECT_EQ(toUtf8(u"\xD800\xD800\xDC00"s), "\uFFFD\xF0\x90\x80\x80");
 }
 
+TEST(Text, PrintableIsOneLineAndUnambiguous) {
+    const std::pair<std::string, std::string> rows[] = {
+        {"C:\\Gr\xC3\xB6\xC3\x9F"
+         "e <a> \xF0\x9F\x98\x80",
+         "C:\\Gr\xC3\xB6\xC3\x9F"
+         "e <a> \xF0\x9F\x98\x80"},
+        {"a\x1B[2J\n\0"s, "a<U+001B>[2J<U+000A><U+0000>"},
+        {"\x7F\xC2\x80\xC2\x9F\xC2\xA0", "<U+007F><U+0080><U+009F>\xC2\xA0"},
+        {"\xD8\x9C\xE2\x80\x8D\xE2\x80\x8E\xE2\x80\x8F", "<U+061C>\xE2\x80\x8D<U+200E><U+200F>"},
+        {"\xE2\x80\xA8\xE2\x80\xAA\xE2\x80\xAE\xE2\x81\xA6\xE2\x81\xA9",
+         "<U+2028><U+202A><U+202E><U+2066><U+2069>"},
+        {"\x9B\xC3", "<0x9B><0xC3>"},
+        {"<U+001B><0x9B>", "<U+003C>U+001B><U+003C>0x9B>"},
+    };
+    for (const auto& [text, shown] : rows) EXPECT_EQ(printable(text), shown);
+}
+
 TEST(Text, Folding) {
     const std::pair<std::u16string, std::u16string> same[] = {
         {u"System32", u"sYSTEM32"}, {u"\u00E4\u00FF", u"\u00C4\u0178"}, {u"\u03B1\u0451", u"\u0391\u0401"}};

@@ -132,12 +132,12 @@ TEST_F(Info, ShowsARefusedVolumeOfADisk) {
 }
 
 TEST_F(Info, WritesJson) {
-    const Outcome outcome = quilletOffline({"info", "--json", "a.img", "missing\n\"one\""});
+    const Outcome outcome = quilletOffline({"info", "--json", "a.img", "missing\n\"one\"\xC2\x9B"});
     EXPECT_EQ(outcome.status, 2);
     for (const std::string part :
          {"{\"disks\":[{\"path\":\"a.img\",\"size\":", "\"machineSid\":\"S-1-5-21-1111-2222-3333\"",
           "{\"path\":\"C:\\\\Windows\\\\System32\\\\config\\\\SAM\",\"state\":\"clean\",",
-          "\"problems\":[\"missing\\u000a\\\"one\\\""}) {
+          "\"usable\":false,\"problems\":[\"missing\\u000a\\\"one\\\"\\u009b: "}) {
         EXPECT_NE(outcome.out.find(part), std::string::npos) << part << "\n" << outcome.out;
     }
     writeFile(path("out.json"), outcome.out);

@@ -24,7 +24,13 @@ TEST_F(Names, WhoeverTookThePermissionToWriteMeantIt) {
     const std::string first = "disk        a.img, 32.0 MiB, no partition table";
     EXPECT_EQ(quilletOffline({"info", "a.img"}).out.rfind(first + "\n", 0), 0u);
     std::filesystem::permissions(path("a.img"), std::filesystem::perms::owner_read);
-    EXPECT_EQ(quilletOffline({"info", "a.img"}).out.rfind(first + ", read-only\n", 0), 0u);
+    const Outcome outcome = quilletOffline({"info", "a.img"});
+    EXPECT_EQ(outcome.out.rfind(first + ", read-only\n", 0), 0u);
+    EXPECT_NE(outcome.out.find("machine SID S-1-5-21-"), std::string::npos);
+    EXPECT_NE(outcome.out.find("usable      no\n"), std::string::npos);
+    EXPECT_EQ(outcome.status, 2);
+    EXPECT_TRUE(isOneLine(outcome.err) && outcome.err.find("can only be read") != std::string::npos);
+    EXPECT_EQ(quilletOffline({"audit", "a.img"}).status, 1);
 }
 
 TEST_F(Names, TextOnTheDiskStaysOnItsLine) {
@@ -38,7 +44,8 @@ TEST_F(Names, TextOnTheDiskStaysOnItsLine) {
     ASSERT_EQ(name.size(), evil.size());
     writeFile(path("a.img"), bytes.replace(at, raw(evil).size(), raw(evil)));
     const Outcome outcome = quilletOffline({"info", "a.img"});
-    EXPECT_NE(outcome.out.find("product     Windows?hive ?[2Jsystem\n"), std::string::npos) << outcome.out;
+    EXPECT_NE(outcome.out.find("product     Windows<U+000A>hive <U+001B>[2Jsystem\n"), std::string::npos)
+        << outcome.out;
 }
 
 } /* namespace */

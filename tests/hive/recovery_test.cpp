@@ -179,6 +179,22 @@ TEST_F(ForgedLogs, WhichEntriesCount) {
     EXPECT_EQ(reached({unsealed, {}}), 0);
 }
 
+/* The base block is lost; the log has one, and no entry or one that was never finished. */
+TEST_F(ForgedLogs, ABaseBlockFromALogWithoutEntries) {
+    Bytes torn = sealed(entryOf(10, bins[2], changes(once, twice)));
+    torn.back() ^= 1;
+    for (const HiveLogs& logs : {HiveLogs{logOf(once, 10, {}), {}}, HiveLogs{{}, logOf(once, 10, {torn})}}) {
+        Bytes lost = once;
+        std::fill_n(lost.begin(), 4096, uint8_t{0});
+        HivePtr hive;
+        ASSERT_EQ(openDirty({lost, logs}, hive), STATUS_SUCCESS);
+        EXPECT_TRUE(hiveRecovered(*hive));
+        EXPECT_EQ(contentOf(*hive), contentOf(*opened(once)));
+        lost.resize(lost.size() - 4096);
+        EXPECT_LT(openDirty({lost, logs}, hive), 0) << "a bin is missing";
+    }
+}
+
 TEST_F(ForgedLogs, EntriesThatReachBeyondTheirBounds) {
     const std::pair<size_t, uint64_t> rows[] = {
         // clang-format off

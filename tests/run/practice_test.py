@@ -37,14 +37,18 @@ class DryRun(ImageCase):
         self.assertTrue(all("RegLoadKey" in line for line in quiet.error_lines()), quiet.err)
 
     def test_a_disk_that_can_only_be_read(self):
-        image = self.copy(sample(), "read-only.img")
-        os.chmod(image, 0o444)
+        image, data = self.copy(sample(), "read-only.img"), self.path("data.img")
+        with open(data, "wb") as f: f.truncate(16 << 20)
+        subprocess.run(["mkntfs", "-F", "-Q", "-q", "-s", "512", "-p", "0", "-H", "255", "-S", "63", data], check=True, capture_output=True)
         before = digest(image)
-        for options in ("-sq", "-q"):  # a dry run gives the file server its GUID as well
-            done = quillet(options, system=image)
-            self.assertEqual(done.status, 19)
+        for kept, system in ((image, image), (data, image + ":" + data)):
+            os.chmod(kept, 0o444)
+            for options in ("-sq", "-q"):  # a dry run gives the file server its GUID as well
+                done = quillet(options, system=system)
+                self.assertEqual(done.status, 19)
+                self.assertRegex(done.error_lines()[-1], "^quillet: %s: it can only be read" % kept)
+            os.chmod(kept, 0o644)
         self.assertEqual(digest(image), before)
-        self.assertRegex(done.error_lines()[-1], "can only be read")
 
 
 class RealRun(ImageCase):

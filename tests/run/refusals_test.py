@@ -73,6 +73,14 @@ class Refusals(ImageCase):
         self.assertNotEqual(done.status, 0)
         self.assertRegex(done.err, r"limit.img: .*File too large")
 
+    def test_one_volume_twice(self):
+        image, clone = self.copy(sample(), "one.img"), self.copy(sample(), "clone.img")
+        os.link(image, self.path("hard.img"))
+        for other, words in ((clone, "or a clone of it"), (self.path("hard.img"), "the same disk")):
+            before = digest(image)
+            self.check(other, words, status=87, system=image + ":" + other)
+            self.assertEqual(digest(image), before)
+
     def test_an_image_in_use(self):
         image = self.copy(sample(), "locked.img")
         holder = "import fcntl, sys, time\nf = open(sys.argv[1], 'r+b')\nfcntl.lockf(f, fcntl.LOCK_EX)\nprint('locked', flush=True)\ntime.sleep(60)"
@@ -80,6 +88,42 @@ class Refusals(ImageCase):
             process.stdout.readline()
             self.check(image, "in use|use by|locked")
             process.kill()
+
+class Streams(ImageCase):
+    """Whatever the standard streams are, no byte of what is printed reaches a disk."""
+
+    def shell(self, command, image):
+        env = dict(os.environ, QUILLET_SYSTEM=image, Q=programs.QUILLET, O=programs.OFFLINE, I=image)
+        return subprocess.run(["bash", "-c", command], env=env, capture_output=True)
+
+    def test_closed_streams(self):
+        image = self.copy(sample(), "closed.img")
+        for program in ('"$Q" -s', '"$O" run "$I" -- -s', '"$O" info "$I"', '"$O" sample "$I" --force --files 0'):
+            for closed in ("<&-", ">&-", "2>&-", "<&- >&- 2>&-"):
+                with self.subTest(program + closed):
+                    done = self.shell(program + " " + closed, image)
+                    self.assertEqual(done.returncode, 0, done.stderr)
+                    with open(image, "rb") as f: self.assertEqual(f.read(11), b"\xeb\x52\x90NTFS    ")
+                    if program != '"$O" info "$I"': self.assert_sound(image)
+
+    def test_closed_streams_that_stay_closed(self):
+        image = self.copy(sample(), "limit.img")
+        before = digest(image)
+        for program, status in ((programs.QUILLET, 110), (programs.OFFLINE, 2)):
+            done = self.shell('exec <&- >&-; ulimit -n 1; exec "%s" -s' % program, image)
+            self.assertEqual(done.returncode, status, done.stderr)
+            self.assertIn(b"/dev/null can't be opened", done.stderr)
+        self.assertEqual(digest(image), before)
+
+    def test_lines_that_are_lost_are_told(self):
+        image = self.copy(sample(), "full.img")
+        for command, status in (('"$Q" -s >/dev/full', 29), ('"$Q" -s 2>/dev/full', 29), ('"$Q" -sd >/dev/full 2>/dev/full', 255),
+                                ('"$O" audit "$I" >/dev/full', 2), ('"$O" info "$I/" 2>/dev/full', 2)):
+            self.assertEqual(self.shell(command, image).returncode, status, command)
+        done = self.shell('"$Q" >/dev/full', image)  # and all is done nevertheless
+        self.assertEqual(done.returncode, 29)
+        self.assertEqual(self.shell('"$O" audit "$I"', image).returncode, 1)
+        self.assert_sound(image)
 
 
 programs.main()

@@ -50,12 +50,50 @@ TEST_F(DiskTest, SaysWhatIsWrongWithWhatIsNoDisk) {
 TEST_F(DiskTest, WriteProtectedFilesAreOnlyRead) {
     Bytes content(5000, 7);
     images::writeFile(path("disk"), content);
-    ASSERT_EQ(chmod(path("disk").c_str(), 0444), 0);
-    DiskPtr disk = opened(path("disk"));
-    EXPECT_TRUE(diskReadOnly(*disk));
+    DiskPtr disk;
+    ASSERT_EQ(open(path("disk"), disk, DiskAccess::trial), STATUS_SUCCESS) << problem.text;
     EXPECT_EQ(diskWrite(*disk, 0, Bytes(10)), STATUS_MEDIA_WRITE_PROTECTED);
     disk.reset();
+    ASSERT_EQ(chmod(path("disk").c_str(), 0444), 0);
+    for (const DiskAccess access : {DiskAccess::readWrite, DiskAccess::trial}) {
+        EXPECT_EQ(open(path("disk"), disk, access), STATUS_MEDIA_WRITE_PROTECTED);
+        EXPECT_TRUE(problem.text.starts_with(path("disk") + ": it can only be read")) << problem.text;
+    }
+    ASSERT_EQ(open(path("disk"), disk, DiskAccess::readOnly), STATUS_SUCCESS);
+    EXPECT_EQ(diskWrite(*disk, 0, Bytes(10)), STATUS_MEDIA_WRITE_PROTECTED);
+    EXPECT_EQ(open(path("disk"), disk, DiskAccess::readOnly), STATUS_SUCCESS);
+    disk.reset();
     EXPECT_EQ(images::readFile(path("disk")), content);
+}
+
+/* Names for the same bytes, and for their neighbours; with loop devices where the system lends them. */
+TEST_F(DiskTest, OneDiskIsKnownByAllItsNames) {
+    images::writeFile(path("disk"), Bytes(4 << 20));
+    images::writeFile(path("other"), Bytes(4096));
+    std::filesystem::create_symlink(path("disk"), path("symbolic"));
+    std::filesystem::create_hard_link(path("disk"), path("hard"));
+    EXPECT_EQ(disksApart({path("disk"), path("other"), path("missing")}, problem), STATUS_SUCCESS);
+    for (const std::string name : {"symbolic", "hard"}) {
+        EXPECT_EQ(disksApart({path("other"), path("disk"), path(name)}, problem), STATUS_INVALID_PARAMETER);
+        EXPECT_TRUE(problem.text.starts_with(path(name) + ": it is the same disk as " + path("disk")));
+    }
+    const images::LoopDevice whole(path("disk"), 0, 0), first(path("disk"), 0, 1 << 20),
+        second(path("disk"), 1 << 20, 1 << 20);
+    if (whole.name.empty() || first.name.empty() || second.name.empty()) GTEST_SKIP() << "no loop devices";
+    EXPECT_EQ(disksApart({first.name, second.name}, problem), STATUS_SUCCESS);
+    for (const std::vector<std::string>& two :
+         std::vector<std::vector<std::string>>{{path("disk"), second.name}, {whole.name, second.name}}) {
+        EXPECT_EQ(disksApart(two, problem), STATUS_INVALID_PARAMETER) << two[0];
+        EXPECT_EQ(disksApart({two[1], two[0]}, problem), STATUS_INVALID_PARAMETER) << two[0];
+        /* as two programs: whoever comes second is refused */
+        for (const size_t held : {size_t{0}, size_t{1}}) {
+            const DiskPtr disk = opened(two[held]);
+            expectRefused(two[1 - held], STATUS_SHARING_VIOLATION, "us");
+            EXPECT_NE(opened(path("other")), nullptr);
+        }
+    }
+    const DiskPtr one = opened(first.name), neighbour = opened(second.name);
+    EXPECT_TRUE(one && neighbour);
 }
 
 TEST_F(DiskTest, KeepsOthersAwayAndStaysAwayFromOthers) {

@@ -52,6 +52,22 @@ int __wrap_fdatasync(int file) {
 
 namespace images {
 
+LoopDevice::LoopDevice(const std::string& file, uint64_t offset, uint64_t size) {
+    const std::string command = "losetup -f --show -o " + std::to_string(offset) +
+                                (size == 0 ? "" : " --sizelimit " + std::to_string(size)) + " '" + file +
+                                "' 2>/dev/null";
+    FILE* const said = popen(("PATH=$PATH:/usr/sbin:/sbin " + command).c_str(), "r");
+    std::array<char, 64> line = {};
+    if (fgets(line.data(), line.size(), said) != nullptr)
+        name.assign(line.data(), strcspn(line.data(), "\n"));
+    pclose(said);
+}
+
+LoopDevice::~LoopDevice() {
+    if (name.empty() || system(("PATH=$PATH:/usr/sbin:/sbin losetup -d " + name).c_str()) == 0) return;
+    ADD_FAILURE() << name << " can't be given back";
+}
+
 Failures failures;
 
 void ImageTest::SetUp() {

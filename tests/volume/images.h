@@ -17,6 +17,15 @@ using Bytes = std::vector<uint8_t>;
 constexpr size_t mebibyte = 1024 * 1024;
 
 /* A directory of its own for each test, removed with everything in it. */
+/* A loop device over a part of a file, until the end; without a name where the system lends none. */
+struct LoopDevice {
+    std::string name;
+    LoopDevice(const std::string& file, uint64_t offset, uint64_t size);
+    ~LoopDevice();
+    LoopDevice(const LoopDevice&) = delete;
+    LoopDevice& operator=(const LoopDevice&) = delete;
+};
+
 struct ImageTest : testing::Test {
     std::string directory;
     void SetUp() override;

@@ -1,9 +1,13 @@
 #include "platform/offline/base/text.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <iterator>
+#include <utility>
 
 #include "platform/offline/base/upcase_table.h"
 
@@ -57,6 +61,16 @@ void encode(char32_t point, std::string& out) {
     }
 }
 
+std::string escaped(const char* format, unsigned number) {
+    std::array<char, 16> text = {};
+    snprintf(text.data(), text.size(), format, number);
+    return text.data();
+}
+
+bool looksEscaped(std::string_view text) {
+    return text.starts_with("<U+") || text.starts_with("<0x");
+}
+
 struct UpcaseTable {
     std::array<char16_t, 65536> units;
     UpcaseTable() {
@@ -104,6 +118,32 @@ std::string toUtf8(std::u16string_view utf16) {
             point = replacement;
         }
         encode(point, out);
+    }
+    return out;
+}
+
+bool isUnprintable(char32_t point) {
+    static constexpr std::pair<char32_t, char32_t> ranges[] = {
+        {0x00, 0x1F},     {0x7F, 0x9F},     {0x061C, 0x061C}, {0x200E, 0x200F},
+        {0x2028, 0x2029}, {0x202A, 0x202E}, {0x2066, 0x2069}};
+    return std::any_of(std::begin(ranges), std::end(ranges),
+                       [point](const auto& range) { return point >= range.first && point <= range.second; });
+}
+
+std::string printable(std::string_view utf8) {
+    std::string out;
+    out.reserve(utf8.size());
+    while (!utf8.empty()) {
+        char32_t point = 0;
+        const size_t length = decode(utf8, &point);
+        if (length == 0) {
+            out += escaped("<0x%02X>", static_cast<unsigned char>(utf8.front()));
+        } else if (isUnprintable(point) || looksEscaped(utf8)) {
+            out += escaped("<U+%04X>", static_cast<unsigned>(point));
+        } else {
+            out += utf8.substr(0, length);
+        }
+        utf8.remove_prefix(length == 0 ? 1 : length);
     }
     return out;
 }

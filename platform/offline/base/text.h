@@ -15,6 +15,16 @@ std::u16string toUtf16(std::string_view utf8);
 /* An unpaired surrogate becomes U+FFFD. */
 std::string toUtf8(std::u16string_view utf16);
 
+/* Whether a character does something to a terminal instead of standing there: control characters (C0, DEL,
+ * C1), separators of lines, and marks that turn the direction of the text around them. */
+bool isUnprintable(char32_t point);
+
+/* The text for a person to read, on one line and with nothing in it that a terminal would obey: what can't be
+ * shown stands there as "<U+001B>", a byte that is no UTF-8 as "<0x9B>", and a text that looks like one of
+ * these with its "<" as "<U+003C>", so that each form means one thing. All that comes from a disk or a
+ * command line passes through here before it is printed. */
+std::string printable(std::string_view utf8);
+
 /* The platform's upper case of one UTF-16 code unit, over the whole Basic Multilingual Plane; surrogates
  * stay. */
 char16_t upcase(char16_t unit);

@@ -49,19 +49,19 @@ NTSTATUS validateBins(Hive& hive, Problem& problem) {
 }
 
 /* What was taken from the logs is in no page of the file yet. */
-void noteRecovered(Hive& hive, const std::vector<RecoveredPart>& parts) {
+void noteRecovered(Hive& hive, bool recovered, const std::vector<RecoveredPart>& parts) {
     for (const RecoveredPart& part : parts) {
         const size_t behind = std::min<size_t>(size_t{part.place} + part.size, hive.binsSize);
         for (size_t page = part.place / pageSize; page * pageSize < behind; page++) hive.dirtyPages[page] = 1;
     }
-    hive.recovered = !parts.empty();
+    hive.recovered = recovered;
 }
 
 NTSTATUS open(std::vector<uint8_t>&& bytes, const HiveLogs& logs, HivePtr& hive, Problem& problem) {
     HivePtr opened(new Hive);
     opened->fileSize = bytes.size();
     std::vector<RecoveredPart> parts;
-    if (baseBlockDirty(bytes)) applyLogs(bytes, logs, parts);
+    const bool recovered = baseBlockDirty(bytes) && applyLogs(bytes, logs, parts);
     if (const NTSTATUS status = checkBaseBlock(bytes, problem); status < 0) return status;
     opened->bytes = std::move(bytes);
     const std::span<const uint8_t> block = baseBlock(*opened);
@@ -69,7 +69,7 @@ NTSTATUS open(std::vector<uint8_t>&& bytes, const HiveLogs& logs, HivePtr& hive,
     opened->minor = get(block, base::minor);
     opened->root = get(block, base::root);
     if (const NTSTATUS status = validateBins(*opened, problem); status < 0) return status;
-    noteRecovered(*opened, parts);
+    noteRecovered(*opened, recovered, parts);
     hive = std::move(opened);
     return STATUS_SUCCESS;
 }

@@ -42,7 +42,7 @@ uint64_t marvin(Data bytes) {
 
 /* A log whose first sector is sound and of this type. */
 bool isLog(Data log, uint32_t type) {
-    return log.size() > log::sectorSize && get(log, base::signature) == base::magic &&
+    return log.size() >= log::sectorSize && get(log, base::signature) == base::magic &&
            get(log, base::type) == type && baseBlockSealed(log);
 }
 
@@ -176,12 +176,36 @@ bool applyBoth(Recovery& recovery, std::vector<Data> first, std::vector<Data> se
     return applyEntries(recovery, first);
 }
 
+/* Whether the file has bins of this size together, one behind the other. */
+bool fileHasBins(Data file, uint32_t binsSize) {
+    const Data bins = file.subspan(base::size);
+    size_t place = 0;
+    while (place < binsSize && bins.size() - place >= bin::headerSize) {
+        const Data header = bins.subspan(place, bin::headerSize);
+        const uint32_t size = get(header, bin::size);
+        if (get(header, bin::signature) != bin::magic || get(header, bin::place) != place || size == 0) break;
+        if (size % pageSize != 0 || size > bins.size() - place) break;
+        place += size;
+    }
+    return place == binsSize;
+}
+
+/* The hive's base block is lost and nothing is waiting in the logs: the bins are as they were written last,
+ * and a log's base block tells of them if they are all there. */
+bool applyBaseBlock(Recovery& recovery, Data log) {
+    if (!isLog(log, log::newType) || !fileHasBins(recovery.bytes, get(log, base::binsSize))) return false;
+    takeBaseBlock(recovery, log);
+    const uint32_t above = get(log, base::primarySequence) + 1;
+    sealBaseBlock({recovery.bytes.data(), base::size}, above, above);
+    return true;
+}
+
 /* The hive's base block is lost: the log with the latest entries, and its base block. */
 bool applyLatest(Recovery& recovery, const HiveLogs& logs, const std::vector<Data>& first,
                  const std::vector<Data>& second) {
     const bool useSecond = first.empty() || (!second.empty() && lastSequence(second) > lastSequence(first));
     const std::vector<Data>& entries = useSecond ? second : first;
-    if (entries.empty()) return false;
+    if (entries.empty()) return applyBaseBlock(recovery, logs.second) || applyBaseBlock(recovery, logs.first);
     takeBaseBlock(recovery, useSecond ? logs.second : logs.first);
     return applyEntries(recovery, entries);
 }

@@ -1,16 +1,23 @@
 /* The start of the offline program: UTF-8 arguments to wmain, the installation's end, and the exit status. */
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <string>
 #include <vector>
 
 #include "platform/nt.h"
+#include "platform/offline/base/streams.h"
 #include "platform/offline/base/text.h"
 #include "platform/offline/system/system.h"
 
 namespace {
+
+void say(const std::string& line) {
+    fprintf(stderr, "quillet: %s\n", offline::printable(line).c_str());
+}
 
 /* Says why the installation could not be opened, what of it could not be read, and why it could not be closed
  * well; the latter two make a failure of the run. */
@@ -19,13 +26,20 @@ int endSystem(int status) {
     offline::Problem closing;
     const NTSTATUS closed = offline::systemClose(closing);
     const offline::Problem& opening = offline::systemProblem();
-    if (opening.status < 0) fprintf(stderr, "quillet: %s\n", opening.text.c_str());
+    if (opening.status < 0) say(opening.text);
     const offline::Problem& unread = offline::systemUnread();
-    if (unread.status < 0) fprintf(stderr, "quillet: %s\n", unread.text.c_str());
-    if (closed < 0) fprintf(stderr, "quillet: %s\n", closing.text.c_str());
+    if (unread.status < 0) say(unread.text);
+    if (closed < 0) say(closing.text);
     const NTSTATUS failure = closed < 0 ? closed : unread.status;
-    if (failure >= 0 && !restart.empty()) fprintf(stderr, "quillet: %s\n", restart.c_str());
+    if (failure >= 0 && !restart.empty()) say(restart);
     return status != 0 || failure >= 0 ? status : static_cast<int>(RtlNtStatusToDosError(failure));
+}
+
+/* Lines that were lost are told when everything else is done: no run stops half-way for them. */
+int endStreams(int status) {
+    if (offline::standardStreamsWritten()) return status;
+    say("not every line could be written; check where standard output and standard error lead to");
+    return status != 0 ? status : ERROR_WRITE_FAULT;
 }
 
 /* A process has 8 bits for its status. What does not fit is told in full, and is never 0; that -1 is 255
@@ -42,6 +56,11 @@ int exitStatus(int status) {
 } /* namespace */
 
 int main(int argc, char** argv) try {
+    if (!offline::standardStreamsOpen()) {
+        say(std::string("/dev/null can't be opened (") + strerror(errno) +
+            ") for the standard streams that are closed; open them");
+        return ERROR_OPEN_FAILED;
+    }
     const size_t count = static_cast<size_t>(argc);
     std::vector<std::u16string> texts(count);
     std::transform(argv, argv + count, texts.begin(),
@@ -54,8 +73,8 @@ int main(int argc, char** argv) try {
     signal(SIGXFSZ, SIG_IGN); /* nor a limit on files' sizes: the write fails, and that is told */
     offline::systemStart();
     const int status = wmain(argc, arguments.data(), nullptr);
-    return exitStatus(endSystem(status));
+    return exitStatus(endStreams(endSystem(status)));
 } catch (const std::exception& failure) {
-    fprintf(stderr, "quillet: %s\n", failure.what());
+    say(failure.what());
     return 255;
 }

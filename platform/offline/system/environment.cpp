@@ -1,5 +1,8 @@
 #include "platform/offline/system/environment.h"
 
+#include <algorithm>
+#include <functional>
+#include <map>
 #include <new>
 #include <utility>
 
@@ -10,17 +13,33 @@
 namespace offline {
 namespace {
 
-std::vector<std::pair<std::u16string, std::u16string>> strings;
+/* The platform's limit for a string and for what it is expanded to; and more than any machine sets, for all
+ * strings together: those of a hive can name each other, and would fill the memory. */
+constexpr size_t longestString = 32767, mostCharacters = size_t{1} << 20;
+
+/* By upcased names. */
+std::map<std::u16string, std::u16string, std::less<>> strings;
+size_t charactersUsed = 0;
+
+std::u16string folded(std::u16string_view name) {
+    std::u16string out(name);
+    for (char16_t& unit : out) unit = upcase(unit);
+    return out;
+}
 
 const std::u16string* find(std::u16string_view name) {
-    for (const auto& [key, value] : strings) {
-        if (equalFolded(key, name)) return &value;
-    }
-    return nullptr;
+    if (name.size() > longestString) return nullptr;
+    const auto found = strings.find(folded(name));
+    return found == strings.end() ? nullptr : &found->second;
 }
 
 void put(std::u16string_view name, std::u16string_view value) {
-    if (!value.empty() && find(name) == nullptr) strings.emplace_back(name, environmentExpand(value));
+    if (value.empty() || find(name) != nullptr) return;
+    std::u16string expanded = environmentExpand(value);
+    const size_t characters = name.size() + expanded.size();
+    if (characters > mostCharacters - charactersUsed) return;
+    charactersUsed += characters;
+    strings.emplace(folded(name), std::move(expanded));
 }
 
 /* Everything that the machine sets for all its processes. */
@@ -45,21 +64,23 @@ void putMachineStrings(const Hive& system) {
 /* What is not known stays as it stands. What was put in is not looked at again. */
 std::u16string environmentExpand(std::u16string_view text) {
     std::u16string out;
-    while (!text.empty()) {
-        const size_t open = text.find(u'%');
-        const size_t close = open == text.npos ? text.npos : text.find(u'%', open + 1);
-        if (close == text.npos) break;
-        out += text.substr(0, open);
-        const std::u16string* value = find(text.substr(open + 1, close - open - 1));
+    std::u16string_view rest = text;
+    while (!rest.empty() && out.size() <= longestString) {
+        const size_t open = rest.find(u'%');
+        const size_t close = open == rest.npos ? rest.npos : rest.find(u'%', open + 1);
+        if (close == rest.npos) break;
+        out += rest.substr(0, open);
+        const std::u16string* value = find(rest.substr(open + 1, close - open - 1));
         if (value == nullptr) { /* the second sign may open a name of its own */
-            out += text.substr(open, close - open);
-            text.remove_prefix(close);
+            out += rest.substr(open, close - open);
+            rest.remove_prefix(close);
             continue;
         }
         out += *value;
-        text.remove_prefix(close + 1);
+        rest.remove_prefix(close + 1);
     }
-    return out.append(text);
+    out.append(rest.substr(0, longestString + 1));
+    return out.size() <= longestString ? out : std::u16string(text);
 }
 
 NTSTATUS environmentLoad(const Hive& system, const Hive& software, char letter,
@@ -87,6 +108,7 @@ NTSTATUS environmentLoad(const Hive& system, const Hive& software, char letter,
 
 void environmentReset() {
     strings.clear();
+    charactersUsed = 0;
 }
 
 } /* namespace offline */

@@ -11,7 +11,8 @@ namespace offline {
 NTSTATUS environmentLoad(const Hive& system, const Hive& software, char letter,
                          std::u16string_view directory);
 
-/* Replaces every %NAME% that is known by its string; may throw std::bad_alloc. */
+/* Replaces every %NAME% that is known by its string. A text that would become longer than the platform's
+ * 32,767 characters stays as it is. May throw std::bad_alloc. */
 std::u16string environmentExpand(std::u16string_view text);
 
 void environmentReset();

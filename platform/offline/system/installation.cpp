@@ -12,6 +12,24 @@ namespace {
 const std::u16string_view windowsDirectories[] = {u"Windows", u"WINNT"};
 const std::u16string_view configDirectory = u"\\System32\\config";
 
+/* A volume is told from all others by its serial number and the place of its $MFT. Two that have them in
+ * common are one, or a copy of one, and a machine does not run with both. */
+NTSTATUS refuseTwins(const Disk& disk, const Partition& partition, const Installation& installation,
+                     Problem& problem) {
+    for (const InstallationVolume& other : installation.volumes) {
+        if (other.partition.serial != partition.serial || other.partition.mftStart != partition.mftStart)
+            continue;
+        const std::string at =
+            partition.table == PartitionTable::none ? "" : " at byte " + std::to_string(partition.start);
+        return refuse(problem, STATUS_INVALID_PARAMETER,
+                      diskPath(disk) + ": its volume" + at + " is the same as one of " +
+                          diskPath(*other.disk) +
+                          ", or a clone of it; treat clones one by one, each in a run "
+                          "of its own");
+    }
+    return STATUS_SUCCESS;
+}
+
 NTSTATUS openVolumes(Disk& disk, Installation& installation, Problem& problem) {
     std::vector<Partition> partitions;
     NTSTATUS status = diskPartitions(disk, partitions, problem);
@@ -19,7 +37,8 @@ NTSTATUS openVolumes(Disk& disk, Installation& installation, Problem& problem) {
         InstallationVolume place;
         place.disk = &disk;
         place.partition = partitions[i];
-        status = volumeOpen(disk, partitions[i], place.volume, problem);
+        status = refuseTwins(disk, partitions[i], installation, problem);
+        if (status >= 0) status = volumeOpen(disk, partitions[i], place.volume, problem);
         if (status >= 0) installation.volumes.push_back(std::move(place));
     }
     return status;
@@ -41,7 +60,7 @@ NTSTATUS installationDisksOnce(const std::vector<std::string>& paths, Problem& p
         if (std::find(paths.begin(), path, *path) == path) continue;
         return refuse(problem, STATUS_INVALID_PARAMETER, *path + ": is named twice; name each disk once");
     }
-    return STATUS_SUCCESS;
+    return disksApart(paths, problem);
 }
 
 NTSTATUS installationOpenDisks(const std::vector<std::string>& paths, DiskAccess access,

@@ -26,10 +26,11 @@ struct Installation {
     std::u16string directory; /* Windows' directory on it, such as "Windows" */
 };
 
-/* Refuses a path that is named twice: what lies on a disk is known again by its path. */
+/* Refuses a disk that is named twice, in whatever words: what lies on a disk is known again by its path, and
+ * whoever changed it twice at once would destroy it. */
 NTSTATUS installationDisksOnce(const std::vector<std::string>& paths, Problem& problem);
 
-/* Opens the disks, each named once, and every NTFS volume on them. Nothing is written. */
+/* Opens the disks, each named once, and every NTFS volume on them, each there once. Nothing is written. */
 NTSTATUS installationOpenDisks(const std::vector<std::string>& paths, DiskAccess access,
                                Installation& installation, Problem& problem);
 

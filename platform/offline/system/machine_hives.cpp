@@ -125,6 +125,15 @@ NTSTATUS readMachineHive(InstallationVolume& place, const std::u16string& path,
                       "\"); restore the file from a copy of this machine");
 }
 
+/* Without it a run would end half-way, at the first tree of the current control set. */
+NTSTATUS refuseControlSet(const Installation& installation, Problem& problem) {
+    const std::u16string path = installationHivePath(installation, hiveNames[systemHive].name);
+    return refuse(problem, STATUS_OBJECT_NAME_NOT_FOUND,
+                  installationFileName(installation.volumes[installation.systemVolume], path) +
+                      " does not say which control set is the current one; restore the file from a copy of "
+                      "this machine");
+}
+
 /* All are read before anything is done with one, so that a refusal leaves nothing half set up. */
 NTSTATUS mountAll(Installation& installation, Problem& problem) {
     InstallationVolume& place = installation.volumes[installation.systemVolume];
@@ -135,6 +144,7 @@ NTSTATUS mountAll(Installation& installation, Problem& problem) {
         if (status < 0) return status;
     }
     const uint32_t controlSet = currentControlSet(*loaded[systemHive].hive);
+    if (controlSet == 0) return refuseControlSet(installation, problem);
     NTSTATUS status = lettersAssign(*loaded[systemHive].hive, installation, problem);
     if (status < 0) return status;
     status = environmentLoad(*loaded[systemHive].hive, *loaded[softwareHive].hive, place.letter,
@@ -145,7 +155,7 @@ NTSTATUS mountAll(Installation& installation, Problem& problem) {
         status = mountMachineHive(hiveNames[i].name, std::move(loaded[i]), problem);
     }
     if (status >= 0) status = linkSam(problem);
-    if (status >= 0 && controlSet != 0) status = linkControlSet(controlSet, problem);
+    if (status >= 0) status = linkControlSet(controlSet, problem);
     if (status >= 0) status = mountUsers(installation, profiles, problem);
     if (status >= 0) registrySetLoader(loadByPath);
     return status;

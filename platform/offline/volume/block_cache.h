@@ -37,9 +37,11 @@ struct CacheBlock {
 struct Disk {
     std::string path;
     int file = -1;
-    uint64_t size = 0; /* bytes */
+    int bottomFile = -1; /* of a loop device: the file below it, open for its lock alone */
+    uint64_t size = 0;   /* bytes */
     uint32_t sectorSize = 512;
     bool readOnly = true;
+    bool forChanges = false;
 
     std::vector<CacheBlock> blocks;
     std::unordered_map<uint64_t, uint32_t> blockIndex; /* block number to its place in blocks */

@@ -62,7 +62,7 @@ bool ntfsBootSector(Bytes sector, NtfsBootSector& boot) {
     if (sectors == 0 || sectors > largestVolume / sectorSize) return false;
     uint64_t clusters = sectors / perCluster;
     if (mft >= clusters || mirror >= clusters) return false;
-    boot = {sectorSize, sectors * sectorSize};
+    boot = {sectorSize, sectors * sectorSize, numberAt<uint64_t>(sector, 0x48), mft};
     return true;
 }
 

@@ -29,6 +29,8 @@ Contents recogniseContents(Bytes head);
 struct NtfsBootSector {
     uint32_t sectorSize = 0; /* bytes */
     uint64_t volumeSize = 0; /* bytes; the backup boot sector behind them is not counted */
+    uint64_t serial = 0;
+    uint64_t mftStart = 0; /* cluster */
 };
 
 /* False when it is no NTFS boot sector, or one with a field that no volume can have. */

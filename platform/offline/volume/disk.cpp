@@ -1,19 +1,19 @@
 #include "platform/offline/volume/disk.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 
+#include "platform/offline/base/streams.h"
 #include "platform/offline/volume/block_cache.h"
 #include "platform/offline/volume/bytes.h"
+#include "platform/offline/volume/disk_place.h"
 #include "platform/offline/volume/mounts.h"
 
 namespace offline {
@@ -57,25 +57,23 @@ bool deviceKeptFromWrites(int file) {
     return ioctl(file, BLKROGET, &protectedAgainstWrites) == 0 && protectedAgainstWrites != 0;
 }
 
-NTSTATUS openFile(Disk& disk, DiskAccess access, Problem& problem) {
-    struct stat before = {};
-    if (stat(disk.path.c_str(), &before) != 0) return refuseErrno(disk.path, errno, problem);
-    if (S_ISDIR(before.st_mode)) {
-        return refuse(problem, STATUS_INVALID_PARAMETER,
-                      disk.path + ": it is a directory; name a disk image or a block device");
-    }
-    if (!S_ISREG(before.st_mode) && !S_ISBLK(before.st_mode)) {
-        return refuse(
-            problem, STATUS_INVALID_PARAMETER,
-            disk.path + ": it is neither a file nor a block device; name a disk image or a block device");
-    }
-    int flags = O_CLOEXEC | O_NONBLOCK | (S_ISBLK(before.st_mode) ? O_EXCL : 0);
-    disk.readOnly = access == DiskAccess::readOnly || keptFromWrites(before);
+NTSTATUS refuseKind(const std::string& path, const struct stat& info, Problem& problem) {
+    if (S_ISREG(info.st_mode) || S_ISBLK(info.st_mode)) return STATUS_SUCCESS;
+    const char* const kind = S_ISDIR(info.st_mode) ? "a directory" : "neither a file nor a block device";
+    return refuse(problem, STATUS_INVALID_PARAMETER,
+                  path + ": it is " + kind + "; name a disk image or a block device");
+}
+
+/* Opens it for reading where it can only be read; whether that will do is decided by whoever has its lock. */
+NTSTATUS openFile(Disk& disk, DiskAccess access, const struct stat& before, Problem& problem) {
+    const int flags = O_CLOEXEC | O_NONBLOCK | (S_ISBLK(before.st_mode) ? O_EXCL : 0);
+    disk.readOnly = access != DiskAccess::readWrite || keptFromWrites(before);
     if (!disk.readOnly) {
         disk.file = open(disk.path.c_str(), flags | O_RDWR);
         if (disk.file < 0 && onlyReadable(errno)) disk.readOnly = true;
     }
     if (disk.readOnly) disk.file = open(disk.path.c_str(), flags | O_RDONLY);
+    disk.file = aboveStandard(disk.file);
     if (disk.file < 0) return refuseErrno(disk.path, errno, problem);
     struct stat after = {};
     if (fstat(disk.file, &after) != 0 || (after.st_mode & S_IFMT) != (before.st_mode & S_IFMT)) {
@@ -108,47 +106,79 @@ NTSTATUS measure(Disk& disk, Problem& problem) {
     return STATUS_SUCCESS;
 }
 
-/* The lock belongs to this opening of the file, so that it holds within the process too and falls with the
- * file. */
-NTSTATUS lockFile(const Disk& disk, Problem& problem) {
-    struct flock lock = {};
-    lock.l_type = disk.readOnly ? F_RDLCK : F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    if (fcntl(disk.file, F_OFD_SETLK, &lock) == 0) return STATUS_SUCCESS;
-    if (errno == EAGAIN || errno == EACCES) {
-        return refuse(
-            problem, STATUS_SHARING_VIOLATION,
-            disk.path + ": another program is using it; end that program or virtual machine, then try again");
-    }
-    return refuse(problem, STATUS_SHARING_VIOLATION,
-                  disk.path + ": it can't be locked here (" + std::strerror(errno) +
-                      "); copy it to a local file system first");
+NTSTATUS refuseInUse(const std::string& path, Problem& problem) {
+    return refuse(
+        problem, STATUS_SHARING_VIOLATION,
+        path + ": another program is using it; end that program or virtual machine, then try again");
 }
 
-struct DirectoryCloser {
-    void operator()(DIR* directory) const { closedir(directory); }
-};
-using DirectoryPtr = std::unique_ptr<DIR, DirectoryCloser>;
-
-/* Whether a loop device stands for the file and is mounted, itself or a partition of it. */
-bool mountedByLoop(const std::string& path) {
-    std::unique_ptr<char, decltype(&std::free)> whole(realpath(path.c_str(), nullptr), &std::free);
-    DirectoryPtr devices(opendir("/sys/block"));
-    if (whole == nullptr || devices == nullptr) return false;
-    while (const dirent* device = readdir(devices.get())) {
-        std::string name = device->d_name;
-        if (name.rfind("loop", 0) != 0) continue;
-        std::string backing;
-        std::ifstream attribute("/sys/block/" + name + "/loop/backing_file");
-        if (!std::getline(attribute, backing) || backing != whole.get()) continue;
-        if (isMounted("/dev/" + name)) return true;
-        DirectoryPtr parts(opendir(("/sys/block/" + name).c_str()));
-        while (const dirent* part = parts == nullptr ? nullptr : readdir(parts.get())) {
-            std::string partName = part->d_name;
-            if (partName.rfind(name + "p", 0) == 0 && isMounted("/dev/" + partName)) return true;
-        }
+/* The lock belongs to this opening of the file, so that it holds within the process too and falls with the
+ * file. */
+NTSTATUS lockPart(const Disk& disk, int file, struct flock lock, Problem& problem) {
+    const bool mayLockForWriting = (fcntl(file, F_GETFL) & O_ACCMODE) == O_RDWR;
+    lock.l_type = disk.readOnly || !mayLockForWriting ? F_RDLCK : F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    if (fcntl(file, F_OFD_SETLK, &lock) != 0) {
+        if (errno == EAGAIN || errno == EACCES) return refuseInUse(disk.path, problem);
+        return refuse(problem, STATUS_SHARING_VIOLATION,
+                      disk.path + ": it can't be locked here (" + std::strerror(errno) +
+                          "); copy it to a local file system first");
     }
-    return false;
+    if (!disk.forChanges) return STATUS_SUCCESS;
+    /* For a trial: whether others only read what would be written. */
+    lock.l_type = F_WRLCK;
+    const bool shared = fcntl(file, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+    return shared ? refuseInUse(disk.path, problem) : STATUS_SUCCESS;
+}
+
+/* The disk, and of a loop device its part of the file below it, which others know by the file's name. */
+NTSTATUS lockFile(Disk& disk, const DiskPlace& place, Problem& problem) {
+    const NTSTATUS status = lockPart(disk, disk.file, {}, problem);
+    if (status < 0 || place.file.empty()) return status;
+    disk.bottomFile = openBottomFile(place, !disk.readOnly);
+    if (disk.bottomFile < 0) return STATUS_SUCCESS; /* out of reach; see loopDeviceInUse */
+    struct flock part = {};
+    constexpr uint64_t farthest = INT64_MAX;
+    part.l_start = static_cast<off_t>(std::min(place.start, farthest));
+    part.l_len = place.end > farthest ? 0 : static_cast<off_t>(place.end - place.start); /* 0: to the end */
+    return lockPart(disk, disk.bottomFile, part, problem);
+}
+
+/* A mount holds a block device, so that opening it has been refused already; a file is looked for among what
+ * is mounted and below loop devices. */
+NTSTATUS refuseMounted(const Disk& disk, const DiskPlace& place, Problem& problem) {
+    if (isMounted(disk.path)) {
+        return refuse(problem, STATUS_SHARING_VIOLATION,
+                      disk.path + ": it is mounted; unmount it, then try again");
+    }
+    const std::string loop = loopDeviceInUse(place);
+    if (loop.empty()) return STATUS_SUCCESS;
+    return refuse(problem, STATUS_SHARING_VIOLATION,
+                  disk.path + ": it is mounted or used through " + loop +
+                      "; unmount and detach that (losetup -d), then try again");
+}
+
+NTSTATUS refuseReadOnly(const Disk& disk, Problem& problem) {
+    const bool writable = disk.readOnly ? diskWritable(disk) : true;
+    if (!disk.forChanges || writable) return STATUS_SUCCESS;
+    return refuse(problem, STATUS_MEDIA_WRITE_PROTECTED,
+                  disk.path +
+                      ": it can only be read; make it writable, or work on a copy that is (a dry run, "
+                      "too, writes the server GUID)");
+}
+
+NTSTATUS openWhole(Disk& disk, DiskAccess access, Problem& problem) {
+    struct stat info = {};
+    if (stat(disk.path.c_str(), &info) != 0) return refuseErrno(disk.path, errno, problem);
+    disk.forChanges = access != DiskAccess::readOnly;
+    const DiskPlace place = diskPlaceOf(info);
+    NTSTATUS status = refuseKind(disk.path, info, problem);
+    if (status >= 0) status = openFile(disk, access, info, problem);
+    if (status >= 0) status = refuseMounted(disk, place, problem);
+    if (status >= 0) status = measure(disk, problem);
+    if (status >= 0) status = lockFile(disk, place, problem);
+    if (status >= 0) status = refuseReadOnly(disk, problem);
+    return status;
 }
 
 } /* namespace */
@@ -156,6 +186,7 @@ bool mountedByLoop(const std::string& path) {
 void DiskDeleter::operator()(Disk* disk) const {
     diskSync(*disk);
     if (disk->file >= 0) close(disk->file);
+    if (disk->bottomFile >= 0) close(disk->bottomFile);
     delete disk;
 }
 
@@ -164,15 +195,28 @@ NTSTATUS diskOpen(const std::string& path, DiskAccess access, DiskPtr& disk, Pro
     return guarded([&]() -> NTSTATUS {
         DiskPtr opened(new Disk);
         opened->path = path;
-        NTSTATUS status = openFile(*opened, access, problem);
-        if (status >= 0 && (isMounted(path) || mountedByLoop(path))) {
-            status = refuse(problem, STATUS_SHARING_VIOLATION,
-                            path + ": it is mounted; unmount it, then try again");
-        }
-        if (status >= 0) status = measure(*opened, problem);
-        if (status >= 0) status = lockFile(*opened, problem);
+        const NTSTATUS status = openWhole(*opened, access, problem);
         if (status >= 0) disk = std::move(opened);
         return status;
+    });
+}
+
+NTSTATUS disksApart(const std::vector<std::string>& paths, Problem& problem) {
+    return guarded([&]() -> NTSTATUS {
+        std::vector<std::pair<std::string, DiskPlace>> seen;
+        for (const std::string& path : paths) {
+            struct stat info = {};
+            if (stat(path.c_str(), &info) != 0) continue;
+            DiskPlace place = diskPlaceOf(info);
+            for (const auto& [other, otherPlace] : seen) {
+                if (!placesOverlap(place, otherPlace)) continue;
+                return refuse(
+                    problem, STATUS_INVALID_PARAMETER,
+                    path + ": it is the same disk as " + other + ", or a part of it; name each disk once");
+            }
+            seen.emplace_back(path, std::move(place));
+        }
+        return STATUS_SUCCESS;
     });
 }
 
@@ -186,11 +230,15 @@ bool diskReadOnly(const Disk& disk) {
     return disk.readOnly;
 }
 
+bool diskForChanges(const Disk& disk) {
+    return disk.forChanges;
+}
+
 bool diskWritable(const Disk& disk) {
     struct stat info = {};
     if (fstat(disk.file, &info) != 0 || keptFromWrites(info)) return false;
     if (S_ISBLK(info.st_mode) && deviceKeptFromWrites(disk.file)) return false;
-    return access(disk.path.c_str(), W_OK) == 0;
+    return faccessat(AT_FDCWD, disk.path.c_str(), W_OK, AT_EACCESS) == 0;
 }
 
 } /* namespace offline */

@@ -20,16 +20,25 @@ struct DiskDeleter {
 };
 using DiskPtr = std::unique_ptr<Disk, DiskDeleter>;
 
-enum class DiskAccess { readOnly, readWrite };
+/* trial: reads only, and refuses whatever readWrite would, of the disk and of the volumes on it. */
+enum class DiskAccess { readOnly, readWrite, trial };
 
-/* Opens and locks the disk. readWrite falls back to reading where the file or device can only be read.
- * Refused, each with one line that names the path and says what to do: missing, a directory, empty, no
- * permission, in use (a mount, another program's lock, another quillet). */
+/* Opens and locks the disk. Refused, each with one line that names the path and says what to do: missing, a
+ * directory, empty, no permission, in use (a mount, another program's lock, another quillet, also through a
+ * loop device or by another name), and for readWrite what can only be read
+ * (STATUS_MEDIA_WRITE_PROTECTED). */
 NTSTATUS diskOpen(const std::string& path, DiskAccess access, DiskPtr& disk, Problem& problem);
+
+/* Refuses two paths that lead to the same bytes: links, bind mounts, a loop device and its file. What can't
+ * be found out is left to diskOpen. */
+NTSTATUS disksApart(const std::vector<std::string>& paths, Problem& problem);
 
 const std::string& diskPath(const Disk& disk);
 uint64_t diskSize(const Disk& disk); /* bytes */
 bool diskReadOnly(const Disk& disk);
+
+/* Whether it was opened for changes, or for a trial of them. */
+bool diskForChanges(const Disk& disk);
 
 /* Whether readWrite would open it for writing, however this was opened. */
 bool diskWritable(const Disk& disk);
@@ -73,8 +82,9 @@ enum class PartitionTable { none, mbr, gpt };
 
 /* A volume's place on its disk, and what the installation's MountedDevices knows it by. */
 struct Partition {
-    uint64_t start = 0; /* bytes */
-    uint64_t size = 0;  /* bytes */
+    uint64_t start = 0;                /* bytes */
+    uint64_t size = 0;                 /* bytes */
+    uint64_t serial = 0, mftStart = 0; /* of the volume: its serial number, and the first cluster of $MFT */
     PartitionTable table = PartitionTable::none;
     uint32_t mbrSignature = 0;     /* mbr: of the disk */
     uint8_t gptPartition[16] = {}; /* gpt: the partition's own GUID, as it lies on the disk */

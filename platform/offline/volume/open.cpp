@@ -162,7 +162,7 @@ NTSTATUS volumeOpen(Disk& disk, const Partition& partition, VolumePtr& volume, P
         opened->device.disk = &disk;
         opened->device.start = partition.start;
         opened->device.size = partition.size;
-        opened->readOnly = diskReadOnly(disk);
+        opened->readOnly = !diskForChanges(disk);
         NTSTATUS status = mount(*opened, problem);
         if (status >= 0) status = refuseState(*opened, problem);
         if (status < 0) return status;

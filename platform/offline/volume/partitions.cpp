@@ -77,6 +77,8 @@ NTSTATUS probe(Search& search, const Partition& place, bool forNtfs, const std::
                                       std::to_string(place.size) + " are there; get a complete image");
             }
             search.partitions.push_back(place);
+            search.partitions.back().serial = boot.serial;
+            search.partitions.back().mftStart = boot.mftStart;
             return STATUS_SUCCESS;
         case ContentsKind::other:
         case ContentsKind::container:

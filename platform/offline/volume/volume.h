@@ -30,8 +30,8 @@ constexpr FileRef rootDirectory = 5; /* accepted wherever a reference is */
 
 /* Opens the volume of a partition; the disk must outlive it. Refused, each with one line that names the disk
  * and says what to do: hibernated or fast startup, unclean log, marked dirty, truncated, damaged, no NTFS,
- * NTFS before 3.0. A read-only disk gives a read-only volume, and every change then fails with
- * STATUS_MEDIA_WRITE_PROTECTED. */
+ * NTFS before 3.0. What a change would trip over is refused where the disk was opened for changes, or for a
+ * trial of them; else the volume is read-only, and every change fails with STATUS_MEDIA_WRITE_PROTECTED. */
 NTSTATUS volumeOpen(Disk& disk, const Partition& partition, VolumePtr& volume, Problem& problem);
 
 /* Writes everything, then takes the dirty mark away, if it was this volume that set it. The volume is closed
