@@ -106,15 +106,6 @@ class Streams(ImageCase):
                     with open(image, "rb") as f: self.assertEqual(f.read(11), b"\xeb\x52\x90NTFS    ")
                     if program != '"$O" info "$I"': self.assert_sound(image)
 
-    def test_closed_streams_that_stay_closed(self):
-        image = self.copy(sample(), "limit.img")
-        before = digest(image)
-        for program, status in ((programs.QUILLET, 110), (programs.OFFLINE, 2)):
-            done = self.shell('exec <&- >&-; ulimit -n 1; exec "%s" -s' % program, image)
-            self.assertEqual(done.returncode, status, done.stderr)
-            self.assertIn(b"/dev/null can't be opened", done.stderr)
-        self.assertEqual(digest(image), before)
-
     def test_lines_that_are_lost_are_told(self):
         image = self.copy(sample(), "full.img")
         for command, status in (('"$Q" -s >/dev/full', 29), ('"$Q" -s 2>/dev/full', 29), ('"$Q" -sd >/dev/full 2>/dev/full', 255),
