@@ -1,26 +1,15 @@
-/* SIDs, descriptors, the token and the access check, as the platform has them. The platform's calls on tokens
- * and descriptors (platform/nt.h) are answered in this room as well. No function throws. */
+/* The token, the access check, and descriptors as they are asked for, set and inherited. The platform's calls
+ * on tokens and descriptors (platform/nt.h) are answered in this room as well. No function throws. */
 #ifndef QUILLET_OFFLINE_SECURITY_SECURITY_H
 #define QUILLET_OFFLINE_SECURITY_SECURITY_H
 
 #include <cstdint>
 #include <span>
-#include <string>
 #include <vector>
 
 #include "platform/nt.h"
 
 namespace offline {
-
-/* ---- SIDs ---- */
-
-/* Bytes of the SID at the head of the span; 0 when it is not whole or not valid (revision 1, at most 15
- * sub-authorities). */
-size_t sidLength(std::span<const uint8_t> sid);
-
-/* "S-1-5-…" as the platform writes it; empty when it is no SID. And back; empty when it is no SID's text. */
-std::string sidToText(std::span<const uint8_t> sid);
-std::vector<uint8_t> sidFromText(const std::string& text);
 
 /* ---- The token ---- */
 
@@ -69,16 +58,6 @@ ACCESS_MASK accessToQuery(SECURITY_INFORMATION information);
 ACCESS_MASK accessToSet(SECURITY_INFORMATION information);
 
 /* ---- Descriptors ---- */
-
-/* Whether a self-relative image is a descriptor by every bound: revision, offsets (multiples of 4), SIDs,
- * lists, entries and, in those of the types 0 to 3, their SIDs. Owner and group may be one SID, and the lists
- * one list; otherwise no part may lie across another, so that a SID written over one in the image changes no
- * size in it. Bytes behind the last part are allowed. */
-bool descriptorValid(std::span<const uint8_t> image);
-
-/* Bytes of the self-relative image that begins here and lies in at most limit bytes; 0 when it is not valid.
- */
-size_t descriptorLength(const void* image, size_t limit);
 
 /* The parts of a stored descriptor that the mask names, as a self-relative image. With all four parts asked
  * for this is the stored image, byte for byte. */

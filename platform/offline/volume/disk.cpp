@@ -12,8 +12,9 @@
 #include <cstring>
 #include <fstream>
 
+#include "platform/offline/base/bytes.h"
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/volume/block_cache.h"
-#include "platform/offline/volume/bytes.h"
 #include "platform/offline/volume/mounts.h"
 
 namespace offline {

@@ -11,7 +11,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/offline/volume/bytes.h"
+#include "platform/offline/base/bytes.h"
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/volume/volume.h"
 
 namespace offline {
