@@ -61,6 +61,21 @@ TEST_F(DescriptorTest, KeptByteForByteAndShared) {
     put<uint16_t>(large, 68, 1600);
     shapes.push_back(large);
 
+    /* What the platform takes and libntfs-3g refuses to store. */
+    const std::function<void(Bytes&)> unusual[] = {
+        [](Bytes& bytes) { put<uint32_t>(bytes, 4, 0); },                /* no owner */
+        [](Bytes& bytes) { put<uint32_t>(bytes, 8, 0); },                /* no group */
+        [](Bytes& bytes) { bytes[64] = 3; },                             /* revision of the list */
+        [](Bytes& bytes) { put<uint16_t>(bytes, 2, SE_SELF_RELATIVE); }, /* the list's present bit */
+        [](Bytes& bytes) { bytes[81] = 4; },                        /* bytes behind the SID of an entry */
+        [](Bytes& bytes) { bytes[49] = 0; },                        /* a group without sub-authorities */
+        [](Bytes& bytes) { bytes.resize(bytes.size() + 8, 0x5A); }, /* bytes behind the last part */
+    };
+    for (size_t i = 0; i < std::size(unusual); ++i) {
+        shapes.push_back(descriptor(static_cast<uint32_t>(1000 + i)));
+        unusual[i](shapes.back());
+    }
+
     std::vector<FileRef> files;
     {
         OpenVolume opened(image);
@@ -145,7 +160,6 @@ TEST_F(DescriptorTest, RefusesWhatIsNoDescriptor) {
         {"list cut", [](Bytes& bytes) { bytes.resize(100); }},
         {"revision", [](Bytes& bytes) { bytes[0] = 2; }},
         {"absolute", [](Bytes& bytes) { put<uint16_t>(bytes, 2, SE_DACL_PRESENT); }},
-        {"no owner", [](Bytes& bytes) { put<uint32_t>(bytes, 4, 0); }},
         {"owner in the header", [](Bytes& bytes) { put<uint32_t>(bytes, 4, 4); }},
         {"owner far away", [](Bytes& bytes) { put<uint32_t>(bytes, 4, 0xFFFFFFF0); }},
         {"owner too long", [](Bytes& bytes) { bytes[21] = 16; }},
@@ -153,7 +167,7 @@ TEST_F(DescriptorTest, RefusesWhatIsNoDescriptor) {
         {"too many entries", [](Bytes& bytes) { put<uint16_t>(bytes, 68, 2); }},
         {"entry of no size", [](Bytes& bytes) { put<uint16_t>(bytes, 74, 0); }},
         {"entry too long", [](Bytes& bytes) { put<uint16_t>(bytes, 74, 40); }},
-        {"something behind it", [](Bytes& bytes) { bytes.resize(bytes.size() + 4); }},
+        {"owner across the list", [](Bytes& bytes) { put<uint32_t>(bytes, 4, 80); }},
     };
     OpenVolume opened(image);
     FileRef file = make(opened, u"file", descriptor(5)), made = 0;
