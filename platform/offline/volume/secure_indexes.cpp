@@ -44,8 +44,8 @@ bool indexSound(const SecureIndex& index, std::u16string_view name, ntfs3g::ntfs
 } /* namespace */
 
 bool secureIndexesSound(Volume& volume) {
-    if (volume.ntfs->secure_ni == nullptr) return true; /* no descriptor is stored then */
     volume.device.failed = false;
+    if (volume.ntfs->secure_ni == nullptr) return false; /* the library could not open it */
     const AttributePtr stream = openSecure(volume, ntfs3g::AT_DATA, u"$SDS");
     SecureIndex byHash, byId;
     return stream != nullptr && openByHash(volume, byHash) && indexSound(byHash, u"$SDH", stream.get()) &&
