@@ -163,6 +163,11 @@ TEST(Descriptor, SetKeepsWhatIsNotNamed) {
     }
     given[3] = 0xC4;  // without the request bits
     EXPECT_EQ(image, given) << "byte for byte";
+    Image absent = descriptor(admins, everyone, {}, newDacl);
+    absent[2] = 0;  // not present
+    ASSERT_EQ(descriptorSet(stored, 0xF, Exact(absent).bytes.get(), image), STATUS_SUCCESS);
+    expectParts(image, admins, everyone, {}, {}, 0x8000);
+    EXPECT_EQ(image.size(), 20u + 16 + 12) << "the list is not kept";
     ASSERT_EQ(descriptorSet(stored, 0x3000000C, Exact(stored).bytes.get(), image), STATUS_SUCCESS);
     EXPECT_EQ(controlOf(image), 0x8C15) << "unprotected";
 }

@@ -104,6 +104,16 @@ bool partsOfGiven(const void* given, DescriptorParts& parts, size_t& length) {
            (!dacl || partBehind(absolute.Dacl, UINT16_MAX, aclLength, parts.dacl));
 }
 
+/* A list whose present bit is not set counts for nothing, wherever its field says that it lies, and is not
+ * among the bytes that are taken: so nothing refers to it. */
+void dropAbsentLists(std::vector<uint8_t>& image, uint16_t control) {
+    constexpr DWORD none = 0;
+    if ((control & SE_SACL_PRESENT) == 0)
+        memcpy(&image[offsetof(SECURITY_DESCRIPTOR_RELATIVE, Sacl)], &none, sizeof none);
+    if ((control & SE_DACL_PRESENT) == 0)
+        memcpy(&image[offsetof(SECURITY_DESCRIPTOR_RELATIVE, Dacl)], &none, sizeof none);
+}
+
 NTSTATUS set(Bytes stored, SECURITY_INFORMATION information, const void* given, std::vector<uint8_t>& image) {
     DescriptorParts fresh;
     DescriptorParts old;
@@ -123,6 +133,7 @@ NTSTATUS set(Bytes stored, SECURITY_INFORMATION information, const void* given, 
         std::vector<uint8_t> copy(bytes, bytes + freshLength);
         const uint16_t control = storedControl(fresh.control, information);
         memcpy(&copy[offsetof(SECURITY_DESCRIPTOR_RELATIVE, Control)], &control, sizeof control);
+        dropAbsentLists(copy, control);
         image = std::move(copy);
         return STATUS_SUCCESS;
     }
