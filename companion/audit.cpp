@@ -11,7 +11,7 @@
 #include "companion/machine.h"
 #include "companion/text.h"
 #include "platform/offline/base/text.h"
-#include "platform/offline/security/security.h"
+#include "platform/offline/descriptor/sid.h"
 
 namespace companion {
 namespace {

@@ -7,7 +7,7 @@
 #include "companion/failure.h"
 #include "companion/text.h"
 #include "platform/offline/base/text.h"
-#include "platform/offline/security/security.h"
+#include "platform/offline/descriptor/sid.h"
 #include "platform/offline/system/machine_hives.h"
 
 namespace companion {

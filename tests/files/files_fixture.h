@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/offline/descriptor/sid.h"
 #include "platform/offline/files/drives.h"
 #include "platform/offline/security/security.h"
 

@@ -13,6 +13,7 @@
 
 #include "platform/nt.h"
 #include "platform/offline/base/text.h"
+#include "platform/offline/descriptor/sid.h"
 #include "platform/offline/registry/registry.h"
 #include "platform/offline/security/security.h"
 

@@ -86,6 +86,41 @@ TEST(Descriptor, CallsOnLists) {
     }
 }
 
+/* A list is asked for entry by entry, in the order that the caller likes, and changes while it is. */
+TEST(Descriptor, EntriesOfALongListInAnyOrder) {
+    std::vector<Image> entries;
+    for (uint32_t i = 0; i < 2500; i++)
+        entries.push_back(i % 3 == 0 ? Image{99, 0, 4, 0} : ace(0, 0, i, i % 3 == 1 ? users : everyone));
+    std::vector<size_t> places = {8};
+    for (const Image& one : entries) places.push_back(places.back() + one.size());
+    const Exact bytes(acl(entries));
+    auto* const list = reinterpret_cast<PACL>(bytes.bytes.get());
+    const auto expectEntry = [&](size_t index) {
+        LPVOID found = nullptr;
+        ASSERT_TRUE(GetAce(list, static_cast<DWORD>(index), &found)) << index;
+        ASSERT_EQ(found, bytes.bytes.get() + places[index]) << index;
+        if (entries[index].size() > 12) memset(static_cast<uint8_t*>(found) + 16, 0xFF, 4);
+    };
+    for (size_t i = 0; i < entries.size(); i++) expectEntry(i);
+    for (size_t i = entries.size(); i-- > 0;) expectEntry(i);
+    std::mt19937 random(11);
+    size_t index = 1000;
+    for (int i = 0; i < 5000; i++) {
+        index =
+            i % 50 == 0 ? random() % entries.size() : std::min(index + random() % 3, entries.size() + 0) - 1;
+        if (index >= entries.size()) index = 0;
+        expectEntry(index);
+    }
+    // Another list at the same address, with the same header: two entries that changed places.
+    expectEntry(4);
+    memcpy(&bytes.bytes[places[3]], entries[4].data(), entries[4].size());
+    memcpy(&bytes.bytes[places[3] + entries[4].size()], entries[3].data(), entries[3].size());
+    places[4] = places[3] + entries[4].size();
+    expectEntry(3);
+    expectEntry(4);
+    expectEntry(5);
+}
+
 TEST(Descriptor, QueryGivesTheParts) {
     Image stored = descriptor(stranger, users, audits, oldDacl, 0x3C01), image;
     stored.resize(stored.size() + 8, 0x5A);
@@ -128,6 +163,11 @@ TEST(Descriptor, SetKeepsWhatIsNotNamed) {
     }
     given[3] = 0xC4;  // without the request bits
     EXPECT_EQ(image, given) << "byte for byte";
+    Image absent = descriptor(admins, everyone, {}, newDacl);
+    absent[2] = 0;  // not present
+    ASSERT_EQ(descriptorSet(stored, 0xF, Exact(absent).bytes.get(), image), STATUS_SUCCESS);
+    expectParts(image, admins, everyone, {}, {}, 0x8000);
+    EXPECT_EQ(image.size(), 20u + 16 + 12) << "the list is not kept";
     ASSERT_EQ(descriptorSet(stored, 0x3000000C, Exact(stored).bytes.get(), image), STATUS_SUCCESS);
     EXPECT_EQ(controlOf(image), 0x8C15) << "unprotected";
 }
@@ -261,6 +301,7 @@ TEST(Hostile, OneRuleEach) {
         {"owner inside the header", {{4, 12}, {12, 1}}}, {"owner off by two", {{4, off}}},
         {"owner behind the end", {{5, 1}}}, {"owner across the group", {{21, 6}}},
         {"owner inside the list", {{4, list + 16}}}, {"group is the list", {{8, list}}},
+        {"audits in an entry of the list", {{3, 0x80}, {2, 0x14}, {12, list + 20}, {list + 20, 2}, {list + 22, 8}}},
         {"list revision below", {{list, 1}}}, {"list revision above", {{list, 5}}},
         {"list behind the end", {{list + 2, 0xFF}}}, {"list below its header", {{list + 2, 4}}},
         {"one entry too many", {{list + 4, 3}}}, {"entry of no size", {{list + 10, 0}}},

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/offline/descriptor/security_descriptor.h"
 #include "platform/offline/security/security.h"
 
 using Image = std::vector<uint8_t>;
@@ -134,9 +135,10 @@ inline bool visit(uint8_t* image, bool patch) {
 inline bool exercise(const Image& bytes) {
     using namespace offline;
     const Exact image(bytes);
-    const bool valid = descriptorValid(image.span());
-    const size_t length = descriptorLength(image.bytes.get(), image.size);
-    if (valid != (length != 0) || length > image.size) return false;
+    DescriptorParts parts;
+    size_t length = 0;
+    const bool valid = partsOfImage(image.span(), parts, length);
+    if (valid != descriptorValid(image.span()) || (valid && length > image.size)) return false;
     ACCESS_MASK granted = 0;
     (void)accessCheck(image.span(), MAXIMUM_ALLOWED, fileMapping, granted);
     Image out;

@@ -60,6 +60,8 @@ TEST_F(DescriptorTest, KeptByteForByteAndShared) {
     put<uint16_t>(large, 66, static_cast<uint16_t>(8 + 1600 * 36));
     put<uint16_t>(large, 68, 1600);
     shapes.push_back(large);
+    shapes.push_back(descriptor(950)); /* bytes behind the last part */
+    shapes.back().resize(shapes.back().size() + 8, 0x5A);
 
     std::vector<FileRef> files;
     {
@@ -87,6 +89,47 @@ TEST_F(DescriptorTest, KeptByteForByteAndShared) {
     OpenVolume opened(image);
     for (size_t i = 0; i < files.size(); ++i)
         EXPECT_EQ(read(opened, files[i]), shapes[i % shapes.size()]) << i;
+}
+
+/* What the platform takes and libntfs-3g refuses; and two of one hash. That many large ones fill several
+ * blocks of the stream, so that some would cross into a copy. */
+TEST_F(DescriptorTest, EveryValidOneIsStored) {
+    const std::function<void(Bytes&)> unusual[] = {
+        [](Bytes& bytes) { put<uint32_t>(bytes, 4, 0); },                /* no owner */
+        [](Bytes& bytes) { put<uint32_t>(bytes, 8, 0); },                /* no group */
+        [](Bytes& bytes) { bytes[64] = 3; },                             /* revision of the list */
+        [](Bytes& bytes) { put<uint16_t>(bytes, 2, SE_SELF_RELATIVE); }, /* the list's present bit */
+        [](Bytes& bytes) { bytes[81] = 4; }, /* bytes behind the SID of an entry */
+        [](Bytes& bytes) { bytes[49] = 0; }, /* a group without sub-authorities */
+        [](Bytes& bytes) { bytes[81] = 0; }, /* and an entry */
+        [](Bytes& bytes) {
+            put<uint32_t>(bytes, 32, 0x1001);
+            put<uint32_t>(bytes, 36, 0x2000 - 8);
+        },
+        [](Bytes& bytes) {
+            put<uint32_t>(bytes, 32, 0x1000);
+            put<uint32_t>(bytes, 36, 0x2000);
+        },
+        [](Bytes& bytes) { bytes.resize(60'000, 7); },
+    };
+    std::vector<std::pair<FileRef, Bytes>> files;
+    {
+        OpenVolume opened(image);
+        for (uint32_t i = 0; i < 150; ++i) {
+            const size_t shape = i % std::size(unusual);
+            Bytes bytes = descriptor(shape == 7 || shape == 8 ? 1000 : 1000 + i);
+            unusual[shape](bytes);
+            char16_t name = static_cast<char16_t>(0x4E00 + i);
+            const FileRef file = make(opened, {&name, 1}, descriptor(1));
+            ASSERT_EQ(volumeSetDescriptor(opened.get(), file, bytes), STATUS_SUCCESS) << i;
+            files.emplace_back(file, bytes);
+        }
+        ASSERT_EQ(opened.close(), STATUS_SUCCESS);
+    }
+    /* Opening goes through both indexes and holds them against the stream. */
+    OpenVolume opened(image);
+    ASSERT_NE(opened.volume, nullptr) << opened.problem.text;
+    for (const auto& [file, bytes] : files) EXPECT_EQ(read(opened, file), bytes);
 }
 
 /* The library's copy of a file and the record that is changed here must not undo each other. */
@@ -145,7 +188,6 @@ TEST_F(DescriptorTest, RefusesWhatIsNoDescriptor) {
         {"list cut", [](Bytes& bytes) { bytes.resize(100); }},
         {"revision", [](Bytes& bytes) { bytes[0] = 2; }},
         {"absolute", [](Bytes& bytes) { put<uint16_t>(bytes, 2, SE_DACL_PRESENT); }},
-        {"no owner", [](Bytes& bytes) { put<uint32_t>(bytes, 4, 0); }},
         {"owner in the header", [](Bytes& bytes) { put<uint32_t>(bytes, 4, 4); }},
         {"owner far away", [](Bytes& bytes) { put<uint32_t>(bytes, 4, 0xFFFFFFF0); }},
         {"owner too long", [](Bytes& bytes) { bytes[21] = 16; }},
@@ -153,7 +195,7 @@ TEST_F(DescriptorTest, RefusesWhatIsNoDescriptor) {
         {"too many entries", [](Bytes& bytes) { put<uint16_t>(bytes, 68, 2); }},
         {"entry of no size", [](Bytes& bytes) { put<uint16_t>(bytes, 74, 0); }},
         {"entry too long", [](Bytes& bytes) { put<uint16_t>(bytes, 74, 40); }},
-        {"something behind it", [](Bytes& bytes) { bytes.resize(bytes.size() + 4); }},
+        {"owner across the list", [](Bytes& bytes) { put<uint32_t>(bytes, 4, 80); }},
     };
     OpenVolume opened(image);
     FileRef file = make(opened, u"file", descriptor(5)), made = 0;
@@ -169,6 +211,50 @@ TEST_F(DescriptorTest, RefusesWhatIsNoDescriptor) {
     EXPECT_EQ(read(opened, file), descriptor(5));
     EXPECT_EQ(opened.close(), STATUS_SUCCESS);
     expectSound();
+}
+
+/* Each descriptor is there twice; the second serves when the first is damaged, but never one of another id.
+ */
+TEST_F(DescriptorTest, TheSecondCopyServes) {
+    FileRef file = 0;
+    {
+        OpenVolume opened(image);
+        file = make(opened, u"file", descriptor(3));
+        ASSERT_EQ(opened.close(), STATUS_SUCCESS);
+    }
+    const Bytes sound = images::readFile(image), stored = descriptor(3);
+    const auto first = std::search(sound.begin(), sound.end(), stored.begin(), stored.end());
+    const auto second = std::search(first + 1, sound.end(), stored.begin(), stored.end());
+    ASSERT_NE(second, sound.end());
+    const auto readsAs = [&](const std::vector<std::pair<long, int>>& blows, const Bytes& expected) {
+        Bytes bytes = sound;
+        for (const auto& [at, value] : blows) bytes[static_cast<size_t>(at)] ^= static_cast<uint8_t>(value);
+        images::writeFile(image, bytes);
+        OpenVolume opened(image, DiskAccess::readOnly);
+        std::span<const uint8_t> got;
+        const NTSTATUS status = volumeDescriptor(opened.get(), file, got);
+        EXPECT_EQ(status, expected.empty() ? STATUS_INVALID_SECURITY_DESCR : STATUS_SUCCESS);
+        EXPECT_EQ(Bytes(got.begin(), got.end()), expected);
+    };
+    const long a = first - sound.begin(), b = second - sound.begin();
+    readsAs({{a + 40, 1}}, stored);               /* a byte of a SID */
+    readsAs({{a + 66, 1}, {a + 21, 16}}, stored); /* sizes */
+    readsAs({{a + 66, 1}, {b - 16, 1}}, {});      /* and the other copy is one of another id */
+    Bytes both = stored; /* both of them changed: what lies there counts, when it is valid */
+    both[40] ^= 1;
+    readsAs({{a + 40, 1}, {b + 40, 1}}, both);
+    /* A list that begins inside the SID of an entry, whose numbers would be its header. */
+    readsAs({{a + 2, SE_SACL_PRESENT},
+             {b + 2, SE_SACL_PRESENT},
+             {a + 12, 88},
+             {b + 12, 88},
+             {a + 88, 21 ^ 2},
+             {b + 88, 21 ^ 2},
+             {a + 90, 8},
+             {b + 90, 8},
+             {a + 92, 1},
+             {b + 92, 1}},
+            {});
 }
 
 /* Where the stored one is gone or damaged, none is made up. */

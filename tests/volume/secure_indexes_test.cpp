@@ -69,12 +69,45 @@ TEST_F(SecureIndexes, EveryDamageIsRefusedBeforeAChange) {
             }
             EXPECT_NE(verdict(image).find("index of security descriptors"), std::string::npos) << damage.what;
         }
-        for (const size_t field : {size_t{16}, size_t{24}, size_t{28}}) { /* number, first entry, length */
+        /* the update sequence, number, first entry, length, room */
+        for (const auto& [field, value] : {std::pair<size_t, uint32_t>{4, 0x0009FFF8},
+                                           {16, 0x7FFFFFF8},
+                                           {24, 0x7FFFFFF8},
+                                           {28, 0x7FFFFFF8},
+                                           {32, 0x7FFFFFF8},
+                                           {32, images::get<uint32_t>(sound, block + 28)}}) {
             Bytes image = sound;
-            images::put<uint32_t>(image, block + field, 0x7FFFFFF8);
-            EXPECT_NE(verdict(image).find("index of security descriptors"), std::string::npos) << field;
+            images::put<uint32_t>(image, block + field, value);
+            EXPECT_NE(verdict(image), "sound") << field;
         }
     }
+}
+
+/* What the roots say of themselves: kind, order, size of a block, room; and which blocks are in use. */
+TEST_F(SecureIndexes, TheRootsAndTheBitmaps) {
+    const size_t record = images::get<uint64_t>(sound, 0x30) * sound[0x0D] * 512 + size_t{9} * 1024;
+    int roots = 0, bitmaps = 0;
+    for (size_t at = record + images::get<uint16_t>(sound, record + 20);
+         images::get<uint32_t>(sound, at) != 0xFFFFFFFF; at += images::get<uint32_t>(sound, at + 4)) {
+        const uint32_t type = images::get<uint32_t>(sound, at);
+        const size_t value = at + images::get<uint16_t>(sound, at + 20);
+        if (type == 0xB0) {
+            ++bitmaps;
+            Bytes image = sound;
+            image[value] &= 0xFE;
+            EXPECT_NE(verdict(image), "sound");
+        }
+        if (type != 0x90) continue;
+        ++roots;
+        for (const auto& [field, number] :
+             {std::pair<size_t, uint32_t>{0, 0x30}, {4, 1}, {8, 100}, {24, 0x1000}}) {
+            Bytes image = sound;
+            images::put<uint32_t>(image, value + field, number);
+            EXPECT_NE(verdict(image), "sound") << field;
+        }
+    }
+    EXPECT_EQ(roots, 2);
+    EXPECT_EQ(bitmaps, 2);
 }
 
 TEST_F(SecureIndexes, TheStreamHasToAgree) {

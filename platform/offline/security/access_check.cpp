@@ -1,6 +1,7 @@
 /* Which rights a descriptor gives the token. */
-#include "platform/offline/security/parts.h"
-#include "platform/offline/security/sids.h"
+#include "platform/offline/descriptor/access_list.h"
+#include "platform/offline/descriptor/security_descriptor.h"
+#include "platform/offline/descriptor/well_known_sids.h"
 #include "platform/offline/security/token.h"
 
 namespace offline {
@@ -58,7 +59,8 @@ ACCESS_MASK allowedBy(Bytes dacl, bool isOwner, const GenericMapping& mapping) {
         const AceEffect effect = effectOf(ace);
         if (effect == AceEffect::none || isInheritOnly(ace) || !speaksOfToken(aceSid(ace), effect, isOwner))
             return;
-        const ACCESS_MASK raw = ace.size() < sidInAce ? GENERIC_ALL : read32(&ace[sizeof(ACE_HEADER)]);
+        const ACCESS_MASK raw =
+            ace.size() < sidInAce ? GENERIC_ALL : numberAt<uint32_t>(ace, sizeof(ACE_HEADER));
         const ACCESS_MASK mask = mapGeneric(raw, mapping);
         if (effect == AceEffect::allow) {
             allowed |= mask & ~denied;

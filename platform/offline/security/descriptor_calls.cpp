@@ -1,7 +1,7 @@
 /* The platform's calls on descriptors. They get no size: offsets are held against the largest descriptor
  * there is, and what they lead to was checked when the descriptor came off the disk. */
 #include "platform/offline/base/status.h"
-#include "platform/offline/security/parts.h"
+#include "platform/offline/descriptor/security_descriptor.h"
 
 namespace offline {
 namespace {
@@ -15,7 +15,7 @@ bool revisionKnown(PSECURITY_DESCRIPTOR descriptor) {
 }
 
 uint16_t controlOf(PSECURITY_DESCRIPTOR descriptor) {
-    return read16(bytesOf(descriptor) + offsetof(SECURITY_DESCRIPTOR, Control));
+    return loadNumber<uint16_t>(bytesOf(descriptor) + offsetof(SECURITY_DESCRIPTOR, Control));
 }
 
 /* Where each form has a part, and the control bits that speak of it. */
@@ -46,7 +46,7 @@ NTSTATUS getPart(PSECURITY_DESCRIPTOR descriptor, const PartPlace& place, LPBOOL
     const bool there = place.present == 0 || (control & place.present) != 0;
     void* found = nullptr;
     if (there && (control & SE_SELF_RELATIVE) != 0) {
-        const DWORD offset = read32(bytesOf(descriptor) + place.inImage);
+        const DWORD offset = loadNumber<uint32_t>(bytesOf(descriptor) + place.inImage);
         if (offset != 0 && (offset < sizeof(SECURITY_DESCRIPTOR_RELATIVE) || offset >= largestDescriptor)) {
             return STATUS_INVALID_SECURITY_DESCR;
         }

@@ -2,8 +2,9 @@
 #include <new>
 #include <utility>
 
-#include "platform/offline/security/parts.h"
-#include "platform/offline/security/sids.h"
+#include "platform/offline/descriptor/access_list.h"
+#include "platform/offline/descriptor/security_descriptor.h"
+#include "platform/offline/descriptor/well_known_sids.h"
 #include "platform/offline/security/token.h"
 
 namespace offline {
@@ -34,7 +35,7 @@ std::vector<uint8_t> effectiveAce(Bytes ace, const GenericMapping& mapping) {
     std::vector<uint8_t> effective(ace.begin(), ace.end());
     const Bytes sid = aceSid(ace);
     if (sid.empty()) return effective;
-    const ACCESS_MASK mask = mapGeneric(read32(&ace[sizeof(ACE_HEADER)]), mapping);
+    const ACCESS_MASK mask = mapGeneric(numberAt<uint32_t>(ace, sizeof(ACE_HEADER)), mapping);
     memcpy(&effective[sizeof(ACE_HEADER)], &mask, sizeof mask);
     const bool owner = sameBytes(sid, creatorOwnerSid);
     if (!owner && !sameBytes(sid, creatorGroupSid)) return effective;

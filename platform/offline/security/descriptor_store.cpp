@@ -2,12 +2,15 @@
 #include <new>
 #include <utility>
 
-#include "platform/offline/security/parts.h"
+#include "platform/offline/descriptor/access_list.h"
+#include "platform/offline/descriptor/security_descriptor.h"
 #include "platform/offline/security/token.h"
 
 namespace offline {
 namespace {
 
+constexpr SECURITY_INFORMATION allParts = OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION |
+                                          DACL_SECURITY_INFORMATION | SACL_SECURITY_INFORMATION;
 constexpr SECURITY_INFORMATION protectedSacl = 0x40000000;
 constexpr SECURITY_INFORMATION unprotectedDacl = 0x20000000;
 constexpr SECURITY_INFORMATION unprotectedSacl = 0x10000000;
@@ -70,6 +73,47 @@ NTSTATUS ownersAllowed(const DescriptorParts& old, const DescriptorParts& fresh,
                                                                           : STATUS_INVALID_OWNER;
 }
 
+/* What a pointer of an absolute descriptor leads to. */
+bool partBehind(const void* pointer, size_t largest, size_t (*lengthOf)(Bytes), Bytes& part) {
+    if (pointer == nullptr) return true;
+    const Bytes memory = {static_cast<const uint8_t*>(pointer), largest};
+    part = memory.first(lengthOf(memory));
+    return !part.empty();
+}
+
+/* The parts of a caller's descriptor, absolute or self-relative, of which the size is not known. The length
+ * is 0 when it is absolute. */
+bool partsOfGiven(const void* given, DescriptorParts& parts, size_t& length) {
+    parts = {};
+    length = 0;
+    if (given == nullptr) return false;
+    const auto* bytes = static_cast<const uint8_t*>(given);
+    if (bytes[offsetof(SECURITY_DESCRIPTOR, Revision)] != SECURITY_DESCRIPTOR_REVISION) return false;
+    if ((loadNumber<uint16_t>(bytes + offsetof(SECURITY_DESCRIPTOR, Control)) & SE_SELF_RELATIVE) != 0) {
+        return partsOfImage({bytes, largestDescriptor}, parts, length);
+    }
+    SECURITY_DESCRIPTOR absolute = {};
+    memcpy(&absolute, given, sizeof absolute);
+    parts.resourceControl = absolute.Sbz1;
+    parts.control = absolute.Control;
+    const bool sacl = (parts.control & SE_SACL_PRESENT) != 0;
+    const bool dacl = (parts.control & SE_DACL_PRESENT) != 0;
+    return partBehind(absolute.Owner, longestSid, sidLength, parts.owner) &&
+           partBehind(absolute.Group, longestSid, sidLength, parts.group) &&
+           (!sacl || partBehind(absolute.Sacl, UINT16_MAX, aclLength, parts.sacl)) &&
+           (!dacl || partBehind(absolute.Dacl, UINT16_MAX, aclLength, parts.dacl));
+}
+
+/* A list whose present bit is not set counts for nothing, wherever its field says that it lies, and is not
+ * among the bytes that are taken: so nothing refers to it. */
+void dropAbsentLists(std::vector<uint8_t>& image, uint16_t control) {
+    constexpr DWORD none = 0;
+    if ((control & SE_SACL_PRESENT) == 0)
+        memcpy(&image[offsetof(SECURITY_DESCRIPTOR_RELATIVE, Sacl)], &none, sizeof none);
+    if ((control & SE_DACL_PRESENT) == 0)
+        memcpy(&image[offsetof(SECURITY_DESCRIPTOR_RELATIVE, Dacl)], &none, sizeof none);
+}
+
 NTSTATUS set(Bytes stored, SECURITY_INFORMATION information, const void* given, std::vector<uint8_t>& image) {
     DescriptorParts fresh;
     DescriptorParts old;
@@ -89,6 +133,7 @@ NTSTATUS set(Bytes stored, SECURITY_INFORMATION information, const void* given, 
         std::vector<uint8_t> copy(bytes, bytes + freshLength);
         const uint16_t control = storedControl(fresh.control, information);
         memcpy(&copy[offsetof(SECURITY_DESCRIPTOR_RELATIVE, Control)], &control, sizeof control);
+        dropAbsentLists(copy, control);
         image = std::move(copy);
         return STATUS_SUCCESS;
     }

@@ -1,26 +1,15 @@
-/* SIDs, descriptors, the token and the access check, as the platform has them. The platform's calls on tokens
- * and descriptors (platform/nt.h) are answered in this room as well. No function throws. */
+/* The token, the access check, and descriptors as they are asked for, set and inherited. The platform's calls
+ * on tokens and descriptors (platform/nt.h) are answered in this room as well. No function throws. */
 #ifndef QUILLET_OFFLINE_SECURITY_SECURITY_H
 #define QUILLET_OFFLINE_SECURITY_SECURITY_H
 
 #include <cstdint>
 #include <span>
-#include <string>
 #include <vector>
 
 #include "platform/nt.h"
 
 namespace offline {
-
-/* ---- SIDs ---- */
-
-/* Bytes of the SID at the head of the span; 0 when it is not whole or not valid (revision 1, at most 15
- * sub-authorities). */
-size_t sidLength(std::span<const uint8_t> sid);
-
-/* "S-1-5-…" as the platform writes it; empty when it is no SID. And back; empty when it is no SID's text. */
-std::string sidToText(std::span<const uint8_t> sid);
-std::vector<uint8_t> sidFromText(const std::string& text);
 
 /* ---- The token ---- */
 
@@ -70,16 +59,6 @@ ACCESS_MASK accessToSet(SECURITY_INFORMATION information);
 
 /* ---- Descriptors ---- */
 
-/* Whether a self-relative image is a descriptor by every bound: revision, offsets (multiples of 4), SIDs,
- * lists, entries and, in those of the types 0 to 3, their SIDs. Owner and group may be one SID, and the lists
- * one list; otherwise no part may lie across another, so that a SID written over one in the image changes no
- * size in it. Bytes behind the last part are allowed. */
-bool descriptorValid(std::span<const uint8_t> image);
-
-/* Bytes of the self-relative image that begins here and lies in at most limit bytes; 0 when it is not valid.
- */
-size_t descriptorLength(const void* image, size_t limit);
-
 /* The parts of a stored descriptor that the mask names, as a self-relative image. With all four parts asked
  * for this is the stored image, byte for byte. */
 NTSTATUS descriptorQuery(std::span<const uint8_t> stored, SECURITY_INFORMATION information,
@@ -87,11 +66,12 @@ NTSTATUS descriptorQuery(std::span<const uint8_t> stored, SECURITY_INFORMATION i
 
 /* What is stored when a caller sets a descriptor, absolute or self-relative, over a stored one: the parts
  * that the mask names from the new, the others from the old. A self-relative one of which all four parts are
- * set is taken byte for byte. Control bits that say how a list came about (protected, auto-inherited) travel
- * with it; request bits are never stored; PROTECTED_DACL_SECURITY_INFORMATION and the three bits below it
- * protect or unprotect the list that is set. The new owner must be one that the token may name
- * (STATUS_INVALID_OWNER; any with the restore privilege enabled, and any or none in unrefused mode). The
- * image may be the vector that holds the stored one. On failure it is left as it was. */
+ * set is taken byte for byte, but for the place of a list that is not present. Control bits that say how a
+ * list came about (protected, auto-inherited) travel with it; request bits are never stored;
+ * PROTECTED_DACL_SECURITY_INFORMATION and the three bits below it protect or unprotect the list that is set.
+ * The new owner must be one that the token may name (STATUS_INVALID_OWNER; any with the restore privilege
+ * enabled, and any or none in unrefused mode). The image may be the vector that holds the stored one. On
+ * failure it is left as it was. */
 NTSTATUS descriptorSet(std::span<const uint8_t> stored, SECURITY_INFORMATION information,
                        PSECURITY_DESCRIPTOR given, std::vector<uint8_t>& image);
 

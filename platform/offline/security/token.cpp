@@ -3,7 +3,7 @@
 
 #include <bitset>
 
-#include "platform/offline/security/sids.h"
+#include "platform/offline/descriptor/well_known_sids.h"
 
 namespace offline {
 namespace {

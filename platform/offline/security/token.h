@@ -4,7 +4,8 @@
 
 #include <span>
 
-#include "platform/offline/security/parts.h"
+#include "platform/offline/base/bytes.h"
+#include "platform/offline/security/security.h"
 
 namespace offline {
 

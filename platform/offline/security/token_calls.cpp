@@ -149,7 +149,7 @@ void gather(Adjustments& adjustments, const Adjustment& adjustment) {
 
 NTSTATUS gatherState(Adjustments& adjustments, const void* state) {
     if (state == nullptr) return STATUS_INVALID_PARAMETER;
-    const DWORD count = read32(state);
+    const DWORD count = loadNumber<uint32_t>(state);
     if (count > mostPrivileges) return STATUS_INVALID_PARAMETER;
     const auto* at = static_cast<const uint8_t*>(state) + offsetof(TOKEN_PRIVILEGES, Privileges);
     for (DWORD i = 0; i < count; i++) {

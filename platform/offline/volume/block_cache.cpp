@@ -8,7 +8,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/offline/volume/bytes.h"
+#include "platform/offline/base/bytes.h"
+#include "platform/offline/base/guarded.h"
 
 namespace offline {
 namespace {

@@ -2,7 +2,7 @@
 #ifndef QUILLET_OFFLINE_VOLUME_CONTENTS_KIND_H
 #define QUILLET_OFFLINE_VOLUME_CONTENTS_KIND_H
 
-#include "platform/offline/volume/bytes.h"
+#include "platform/offline/base/bytes.h"
 
 namespace offline {
 

@@ -1,16 +1,17 @@
-/* Security descriptors. A volume keeps each once, under an id that the files refer to; a walk over a whole
- * volume meets few different ones, so that reading goes by the id, and writing one that was stored before
- * changes just the id. */
-#include "platform/offline/volume/open_volume.h"
+/* Security descriptors of files. A volume keeps each once, under an id that the files refer to; a walk over a
+ * whole volume meets few different ones, so that reading goes by the id, and writing one that was stored
+ * before changes just the id. */
+#include "platform/offline/volume/secure_file.h"
 /* before everything else */
 #include <cerrno>
+
+#include "platform/offline/descriptor/security_descriptor.h"
 
 namespace offline {
 namespace {
 
-constexpr size_t usualDescriptorSize = 4096;         /* bytes, the first try */
-constexpr size_t largestDescriptorSize = 256 * 1024; /* bytes; the library keeps to 64 KiB and its header */
 constexpr size_t keptDescriptorBytes = 8 * 1024 * 1024;
+constexpr size_t keptEntry = 64; /* bytes that an entry of a map takes beside its descriptor, about */
 
 std::string_view textOf(Bytes bytes) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
@@ -26,71 +27,91 @@ void makeRoom(Volume& volume, size_t bytes) {
     volume.descriptorBytes += bytes;
 }
 
-/* Reads what is stored. The library makes a descriptor up where there is none or an invalid one, and then
- * sets errno, which is the only sign of it. */
-NTSTATUS readDescriptor(Inode& file, std::vector<uint8_t>& bytes) {
-    ntfs3g::SECURITY_CONTEXT context = {};
-    context.vol = file.volume.ntfs;
-    bytes.resize(usualDescriptorSize);
-    while (true) {
-        errno = 0;
-        int size = ntfs3g::ntfs_get_ntfs_acl(&context, file.inode, reinterpret_cast<char*>(bytes.data()),
-                                             bytes.size());
-        if (size <= 0 || errno != 0) {
-            return file.volume.device.failed ? STATUS_IO_DEVICE_ERROR : STATUS_INVALID_SECURITY_DESCR;
-        }
-        size_t needed = static_cast<size_t>(size);
-        if (needed > largestDescriptorSize) return STATUS_INVALID_SECURITY_DESCR;
-        bool fits = needed <= bytes.size();
-        bytes.resize(needed);
-        if (fits) return descriptorInBounds(bytes) ? STATUS_SUCCESS : STATUS_INVALID_SECURITY_DESCR;
+/* One that is not valid is remembered as such, so that it is read once as well. */
+NTSTATUS descriptorById(Volume& volume, uint32_t id, Bytes& descriptor) {
+    auto known = volume.descriptors.find(id);
+    if (known == volume.descriptors.end()) {
+        std::vector<uint8_t> bytes;
+        const NTSTATUS status = readStored(volume, id, bytes);
+        if (status == STATUS_INVALID_SECURITY_DESCR) bytes.clear();
+        if (status < 0 && status != STATUS_INVALID_SECURITY_DESCR) return status;
+        makeRoom(volume, bytes.size() + keptEntry);
+        known = volume.descriptors.emplace(id, std::move(bytes)).first;
     }
+    descriptor = known->second;
+    return descriptor.empty() ? STATUS_INVALID_SECURITY_DESCR : STATUS_SUCCESS;
 }
 
-/* Whether changing the id in the file's record is all that is needed. */
+/* The descriptor of a file without an id: an attribute of the file's own. */
+NTSTATUS readOwnDescriptor(Inode& file, std::vector<uint8_t>& descriptor) {
+    errno = 0;
+    const AttributePtr attribute(
+        ntfs3g::ntfs_attr_open(file.inode, ntfs3g::AT_SECURITY_DESCRIPTOR, nullptr, 0));
+    const auto size = attribute ? static_cast<uint64_t>(attribute->data_size) : 0;
+    descriptor.resize(size <= largestDescriptor ? static_cast<size_t>(size) : 0);
+    if (size != 0 && readAttribute(attribute.get(), 0, descriptor) && descriptorValid(descriptor)) {
+        return STATUS_SUCCESS;
+    }
+    return file.volume.device.failed ? STATUS_IO_DEVICE_ERROR : STATUS_INVALID_SECURITY_DESCR;
+}
+
+/* Whether changing the id in the file's record is all that is needed. A file without an id may have a
+ * descriptor of its own in a further record. */
 bool goesById(const FileRecord& record) {
-    return record.securityId != 0 && !record.ownDescriptor;
+    return record.securityIdPlace != 0 && !record.ownDescriptor &&
+           (record.securityId != 0 || record.complete);
 }
 
-NTSTATUS storeThroughLibrary(Volume& volume, FileRef file, Bytes descriptor) {
+/* Gives the inode's file the id, and takes away the descriptor that it has of its own. A file of NTFS before
+ * version 3 gets the room for an id first. */
+bool setIdOfInode(Inode& file, uint32_t id) {
+    ntfs3g::ntfs_inode* inode = file.inode;
+    if (!test_nino_flag(inode, v3_Extensions)) {
+        const AttributePtr information(
+            ntfs3g::ntfs_attr_open(inode, ntfs3g::AT_STANDARD_INFORMATION, nullptr, 0));
+        if (!information ||
+            ntfs3g::ntfs_attr_truncate(information.get(), sizeof(ntfs3g::STANDARD_INFORMATION)) != 0) {
+            return false;
+        }
+        inode->owner_id = 0;
+        inode->quota_charged = 0;
+        inode->usn = 0;
+        set_nino_flag(inode, v3_Extensions);
+    }
+    inode->security_id = id;
+    NInoSetDirty(inode);
+    errno = 0;
+    return (ntfs3g::ntfs_attr_remove(inode, ntfs3g::AT_SECURITY_DESCRIPTOR, ntfs3g::AT_UNNAMED, 0) == 0 ||
+            errno == ENOENT) &&
+           ntfs3g::ntfs_inode_sync(inode) == 0;
+}
+
+NTSTATUS setIdThroughLibrary(Volume& volume, FileRef file, uint32_t id) {
     forgetRecord(volume);
     Inode inode(volume);
     NTSTATUS status = inode.open(file);
-    if (status >= 0) status = storeDescriptor(inode, descriptor);
-    NTSTATUS closed = inode.close();
+    if (status < 0) return status;
+    if (!setIdOfInode(inode, id)) {
+        status = libraryStatus(volume, errno);
+        volume.failed = true;
+    }
+    const NTSTATUS closed = inode.close();
     return status < 0 ? status : closed;
 }
 
 } /* namespace */
 
-NTSTATUS storeDescriptor(Inode& file, Bytes descriptor) {
-    Volume& volume = file.volume;
-    ntfs3g::SECURITY_CONTEXT context = {};
-    context.vol = volume.ntfs;
-    errno = 0;
-    if (ntfs3g::ntfs_set_ntfs_acl(&context, file.inode, reinterpret_cast<const char*>(descriptor.data()),
-                                  descriptor.size(), 0) != 0) {
-        if (errno == EINVAL) return STATUS_INVALID_SECURITY_DESCR;
-        volume.failed = true;
-        return libraryStatus(volume, errno);
+NTSTATUS securityIdOf(Volume& volume, Bytes descriptor, uint32_t& id) {
+    const auto stored = volume.storedIds.find(textOf(descriptor));
+    if (stored != volume.storedIds.end()) {
+        id = stored->second;
+        return STATUS_SUCCESS;
     }
-    if (ntfs3g::ntfs_inode_sync(file.inode) != 0) {
-        volume.failed = true;
-        return libraryStatus(volume, errno);
-    }
-    /* An id is given to other files only when it leads to these very bytes. */
-    std::vector<uint8_t> stored;
-    NTSTATUS status = readDescriptor(file, stored);
-    if (status < 0 || !std::equal(stored.begin(), stored.end(), descriptor.begin(), descriptor.end())) {
-        volume.failed = true;
-        return status < 0 ? status : STATUS_DISK_CORRUPT_ERROR;
-    }
-    uint32_t id = file.inode->security_id;
-    if (test_nino_flag(file.inode, v3_Extensions) && id != 0) {
-        makeRoom(volume, 2 * descriptor.size());
-        volume.storedIds.emplace(textOf(descriptor), id);
-        volume.descriptors.insert_or_assign(id, std::move(stored));
-    }
+    const NTSTATUS status = findOrStore(volume, descriptor, id);
+    if (status < 0) return status;
+    makeRoom(volume, 2 * (descriptor.size() + keptEntry));
+    volume.storedIds.emplace(textOf(descriptor), id);
+    volume.descriptors.insert_or_assign(id, std::vector<uint8_t>(descriptor.begin(), descriptor.end()));
     return STATUS_SUCCESS;
 }
 
@@ -99,21 +120,13 @@ NTSTATUS volumeDescriptor(Volume& volume, FileRef file, std::span<const uint8_t>
         descriptor = {};
         NTSTATUS status = loadRecord(volume, file);
         if (status < 0) return status;
-        uint32_t id = volume.record.securityId;
-        auto known = volume.descriptors.find(id);
-        if (id != 0 && known != volume.descriptors.end()) {
-            descriptor = known->second;
-            return STATUS_SUCCESS;
-        }
+        if (volume.record.securityId != 0)
+            return descriptorById(volume, volume.record.securityId, descriptor);
         Inode inode(volume);
         status = inode.open(file);
-        if (status >= 0) status = readDescriptor(inode, volume.lastDescriptor);
+        if (status >= 0) status = readOwnDescriptor(inode, volume.lastDescriptor);
         if (status < 0) return status;
         descriptor = volume.lastDescriptor;
-        if (id != 0) {
-            makeRoom(volume, descriptor.size());
-            descriptor = volume.descriptors.emplace(id, volume.lastDescriptor).first->second;
-        }
         return inode.close();
     });
 }
@@ -121,16 +134,14 @@ NTSTATUS volumeDescriptor(Volume& volume, FileRef file, std::span<const uint8_t>
 NTSTATUS volumeSetDescriptor(Volume& volume, FileRef file, std::span<const uint8_t> descriptor) {
     return guarded([&]() -> NTSTATUS {
         if (isMetadata(file)) return STATUS_ACCESS_DENIED;
-        if (!descriptorInBounds(descriptor)) return STATUS_INVALID_SECURITY_DESCR;
+        if (!descriptorValid(descriptor)) return STATUS_INVALID_SECURITY_DESCR;
         NTSTATUS status = beginChange(volume);
         if (status >= 0) status = loadRecord(volume, file);
+        uint32_t id = 0;
+        if (status >= 0) status = securityIdOf(volume, descriptor, id);
         if (status < 0) return status;
-        auto stored = volume.storedIds.find(textOf(descriptor));
-        if (stored == volume.storedIds.end() || !goesById(volume.record)) {
-            return storeThroughLibrary(volume, file, descriptor);
-        }
-        if (stored->second == volume.record.securityId) return STATUS_SUCCESS;
-        return writeSecurityId(volume, stored->second);
+        if (!goesById(volume.record)) return setIdThroughLibrary(volume, file, id);
+        return id == volume.record.securityId ? STATUS_SUCCESS : writeSecurityId(volume, id);
     });
 }
 

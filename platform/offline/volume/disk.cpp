@@ -10,9 +10,10 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/offline/base/bytes.h"
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/base/streams.h"
 #include "platform/offline/volume/block_cache.h"
-#include "platform/offline/volume/bytes.h"
 #include "platform/offline/volume/disk_place.h"
 #include "platform/offline/volume/mounts.h"
 

@@ -3,6 +3,8 @@
 /* before everything else */
 #include <cerrno>
 
+#include "platform/offline/descriptor/security_descriptor.h"
+
 namespace offline {
 namespace {
 
@@ -70,27 +72,18 @@ std::vector<uint8_t> junctionData(std::u16string_view target) {
 NTSTATUS volumeCreate(Volume& volume, FileRef directory, std::u16string_view name, NewFile kind,
                       std::span<const uint8_t> descriptor, FileRef& file) {
     return guarded([&]() -> NTSTATUS {
-        if (!descriptorInBounds(descriptor)) return STATUS_INVALID_SECURITY_DESCR;
+        if (!descriptorValid(descriptor)) return STATUS_INVALID_SECURITY_DESCR;
         Inode parent(volume), made(volume);
         NTSTATUS status = openFor(parent, directory, name);
         if (status < 0) return status;
+        uint32_t id = 0;
+        status = securityIdOf(volume, descriptor, id);
+        if (status < 0) return status;
         errno = 0;
         made.inode =
-            ntfs3g::ntfs_create(parent.inode, 0, libraryName(name), static_cast<uint8_t>(name.size()),
+            ntfs3g::ntfs_create(parent.inode, id, libraryName(name), static_cast<uint8_t>(name.size()),
                                 kind == NewFile::file ? S_IFREG : S_IFDIR);
         if (made.inode == nullptr) return libraryStatus(volume, errno);
-        status = storeDescriptor(made, descriptor);
-        if (status < 0) {
-            /* The library's own descriptor, which lets everyone in, must not stay. This closes both. */
-            ntfs3g::ntfs_inode* unwanted = made.inode;
-            ntfs3g::ntfs_inode* from = parent.inode;
-            made.inode = parent.inode = nullptr;
-            if (ntfs3g::ntfs_delete(volume.ntfs, nullptr, unwanted, from, libraryName(name),
-                                    static_cast<uint8_t>(name.size())) != 0) {
-                volume.failed = true;
-            }
-            return status;
-        }
         file = MK_MREF(made.inode->mft_no, made.inode->mrec->sequence_number);
         ntfs3g::ntfs_inode_update_times(parent.inode, updateContents);
         status = made.closeIn(parent);

@@ -29,6 +29,7 @@ extern "C" {
 #include <ntfs-3g/cache.h>
 #include <ntfs-3g/device.h>
 #include <ntfs-3g/dir.h>
+#include <ntfs-3g/index.h>
 #include <ntfs-3g/inode.h>
 #include <ntfs-3g/logfile.h>
 #include <ntfs-3g/logging.h>
@@ -52,6 +53,7 @@ using ntfs3g::MFT_REF;
 using ntfs3g::ND_Dirty;
 using ntfs3g::ND_Open;
 using ntfs3g::ND_ReadOnly;
+using ntfs3g::NI_Dirty;
 using ntfs3g::NI_FileNameDirty;
 using ntfs3g::NI_v3_Extensions;
 using ntfs3g::NTFS_UPDATE_CTIME;

@@ -11,7 +11,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/offline/volume/bytes.h"
+#include "platform/offline/base/bytes.h"
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/volume/volume.h"
 
 namespace offline {
@@ -64,11 +65,15 @@ struct Volume {
     uint64_t lookingAt = 0;            /* MFT record of the file that beginCall named */
     uint64_t lastDamaged = UINT64_MAX; /* that damage was noted of */
 
-    /* Descriptors by security id; and the ids under which descriptors were stored here, by their bytes. */
+    /* Descriptors by security id, an empty one where it leads to none that is valid; and the ids under which
+     * descriptors were stored here, by their bytes. */
     std::unordered_map<uint32_t, std::vector<uint8_t>> descriptors;
     std::unordered_map<std::string, uint32_t, BytesHash, std::equal_to<>> storedIds;
     size_t descriptorBytes = 0;          /* kept in both */
     std::vector<uint8_t> lastDescriptor; /* of a file without a security id */
+
+    uint64_t nextSecurityId = 0;    /* 0: not known yet */
+    uint64_t securityStreamEnd = 0; /* bytes, behind the last descriptor; valid with the id */
 };
 
 inline uint64_t recordNumberOf(FileRef file) {
@@ -147,15 +152,13 @@ struct Inode {
 
 /* ---- Descriptors ---- */
 
-/* Whether every offset, count and size of a self-relative descriptor lies within it. */
-bool descriptorInBounds(Bytes descriptor);
-
-/* Whether the volume's indexes of descriptors, and the stream that they point into, are whole and agree. May
- * throw std::bad_alloc. */
+/* Whether the volume's indexes of descriptors, and the stream that they point into, are whole and agree. When
+ * false, volume.device.failed says whether the disk refused to tell. May throw std::bad_alloc. */
 bool secureIndexesSound(Volume& volume);
 
-/* Stores the descriptor in the inode's file. */
-NTSTATUS storeDescriptor(Inode& file, Bytes descriptor);
+/* The id under which files share this valid descriptor; it is stored when it is new. May throw
+ * std::bad_alloc. */
+NTSTATUS securityIdOf(Volume& volume, Bytes descriptor, uint32_t& id);
 
 /* ---- Names ---- */
 

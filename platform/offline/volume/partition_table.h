@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/offline/volume/bytes.h"
+#include "platform/offline/base/bytes.h"
 #include "platform/offline/volume/disk.h"
 
 namespace offline {

@@ -2,8 +2,9 @@
 #include <algorithm>
 #include <array>
 
+#include "platform/offline/base/bytes.h"
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/volume/block_cache.h"
-#include "platform/offline/volume/bytes.h"
 #include "platform/offline/volume/contents_kind.h"
 #include "platform/offline/volume/partition_table.h"
 

@@ -95,12 +95,12 @@ NTSTATUS volumeList(Volume& volume, FileRef directory, DirectoryListing& listing
 
 /* The file's self-relative descriptor, byte for byte as stored and valid by every bound; read once for each
  * security id. The span is good until the next call with this volume. A descriptor that is missing or invalid
- * is STATUS_INVALID_SECURITY_DESCR, never an invented one. */
+ * is STATUS_INVALID_SECURITY_DESCR, never an invented one; STATUS_IO_DEVICE_ERROR where the disk refused. */
 NTSTATUS volumeDescriptor(Volume& volume, FileRef file, std::span<const uint8_t>& descriptor);
 
 /* Stores the descriptor byte for byte as given; equal ones are stored once and shared.
- * STATUS_INVALID_SECURITY_DESCR when the volume can't hold it, STATUS_ACCESS_DENIED for the volume's own
- * metadata files. The file's times stay as they are. */
+ * STATUS_INVALID_SECURITY_DESCR when it is not valid, STATUS_ACCESS_DENIED for the volume's own metadata
+ * files. The file's times stay as they are. */
 NTSTATUS volumeSetDescriptor(Volume& volume, FileRef file, std::span<const uint8_t> descriptor);
 
 /* ---- Contents ---- */

@@ -1,6 +1,6 @@
-/* The well-known SIDs that this room knows, as bytes. */
-#ifndef QUILLET_OFFLINE_SECURITY_SIDS_H
-#define QUILLET_OFFLINE_SECURITY_SIDS_H
+/* Well-known SIDs as bytes. */
+#ifndef QUILLET_OFFLINE_DESCRIPTOR_WELL_KNOWN_SIDS_H
+#define QUILLET_OFFLINE_DESCRIPTOR_WELL_KNOWN_SIDS_H
 
 #include <array>
 #include <cstddef>

@@ -1,5 +1,7 @@
 /* Descriptors as bytes: checked, taken apart and laid out. */
-#include "platform/offline/security/parts.h"
+#include "platform/offline/descriptor/security_descriptor.h"
+
+#include "platform/offline/descriptor/access_list.h"
 
 namespace offline {
 namespace {
@@ -8,7 +10,7 @@ namespace {
  */
 bool partAt(Bytes image, size_t field, size_t (*lengthOf)(Bytes), Bytes& part) {
     part = {};
-    const size_t offset = read32(&image[field]);
+    const size_t offset = numberAt<uint32_t>(image, field);
     if (offset == 0) return true;
     if (offset < sizeof(SECURITY_DESCRIPTOR_RELATIVE) || offset % 4 != 0 || offset >= image.size())
         return false;
@@ -51,7 +53,7 @@ bool partsOfImage(Bytes image, DescriptorParts& parts, size_t& length) {
     if (image.size() < sizeof(Image) || image[offsetof(Image, Revision)] != SECURITY_DESCRIPTOR_REVISION)
         return false;
     parts.resourceControl = image[offsetof(Image, Sbz1)];
-    parts.control = read16(&image[offsetof(Image, Control)]);
+    parts.control = numberAt<uint16_t>(image, offsetof(Image, Control));
     if ((parts.control & SE_SELF_RELATIVE) == 0) return false;
     // A list's offset counts only with its present bit, as the calls have it.
     const bool sacl = (parts.control & SE_SACL_PRESENT) != 0;
@@ -64,39 +66,6 @@ bool partsOfImage(Bytes image, DescriptorParts& parts, size_t& length) {
     }
     length = lengthUpTo(image, parts);
     return true;
-}
-
-namespace {
-
-/* What a pointer of an absolute descriptor leads to. */
-bool partBehind(const void* pointer, size_t largest, size_t (*lengthOf)(Bytes), Bytes& part) {
-    if (pointer == nullptr) return true;
-    const Bytes memory = {static_cast<const uint8_t*>(pointer), largest};
-    part = memory.first(lengthOf(memory));
-    return !part.empty();
-}
-
-} /* namespace */
-
-bool partsOfGiven(const void* given, DescriptorParts& parts, size_t& length) {
-    parts = {};
-    length = 0;
-    if (given == nullptr) return false;
-    const auto* bytes = static_cast<const uint8_t*>(given);
-    if (bytes[offsetof(SECURITY_DESCRIPTOR, Revision)] != SECURITY_DESCRIPTOR_REVISION) return false;
-    if ((read16(bytes + offsetof(SECURITY_DESCRIPTOR, Control)) & SE_SELF_RELATIVE) != 0) {
-        return partsOfImage({bytes, largestDescriptor}, parts, length);
-    }
-    SECURITY_DESCRIPTOR absolute = {};
-    memcpy(&absolute, given, sizeof absolute);
-    parts.resourceControl = absolute.Sbz1;
-    parts.control = absolute.Control;
-    const bool sacl = (parts.control & SE_SACL_PRESENT) != 0;
-    const bool dacl = (parts.control & SE_DACL_PRESENT) != 0;
-    return partBehind(absolute.Owner, longestSid, sidLength, parts.owner) &&
-           partBehind(absolute.Group, longestSid, sidLength, parts.group) &&
-           (!sacl || partBehind(absolute.Sacl, UINT16_MAX, aclLength, parts.sacl)) &&
-           (!dacl || partBehind(absolute.Dacl, UINT16_MAX, aclLength, parts.dacl));
 }
 
 namespace {
@@ -129,14 +98,6 @@ bool descriptorValid(Bytes image) {
     DescriptorParts parts;
     size_t length = 0;
     return partsOfImage(image, parts, length);
-}
-
-size_t descriptorLength(const void* image, size_t limit) {
-    DescriptorParts parts;
-    size_t length = 0;
-    if (image == nullptr || !partsOfImage({static_cast<const uint8_t*>(image), limit}, parts, length))
-        return 0;
-    return length;
 }
 
 } /* namespace offline */

@@ -1,17 +1,13 @@
-/* Little-endian numbers in bytes from a disk, and the room's border for exceptions. Private to this room. */
-#ifndef QUILLET_OFFLINE_VOLUME_BYTES_H
-#define QUILLET_OFFLINE_VOLUME_BYTES_H
+/* Bytes of a structure that comes from a disk, and the little-endian numbers in them. */
+#ifndef QUILLET_OFFLINE_BASE_BYTES_H
+#define QUILLET_OFFLINE_BASE_BYTES_H
 
 #include <bit>
 #include <cassert>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <new>
 #include <span>
-#include <stdexcept>
-
-#include "platform/nt.h"
-#include "platform/offline/base/guarded.h"
 
 namespace offline {
 
@@ -26,13 +22,24 @@ inline Bytes checkedSpan(Bytes bytes, uint64_t offset, uint64_t count) {
     return bytes.subspan(static_cast<size_t>(offset), static_cast<size_t>(count));
 }
 
+/* The number behind a pointer, at any alignment. */
+template <class Number>
+Number loadNumber(const void* at) {
+    Number number;
+    std::memcpy(&number, at, sizeof number);
+    return number;
+}
+
 /* The number at an offset that the caller knows to lie inside. */
 template <class Number>
 Number numberAt(Bytes bytes, size_t offset) {
     assert(offset <= bytes.size() && sizeof(Number) <= bytes.size() - offset);
-    Number number;
-    std::memcpy(&number, bytes.data() + offset, sizeof number);
-    return number;
+    return loadNumber<Number>(bytes.data() + offset);
+}
+
+inline bool sameBytes(Bytes left, Bytes right) {
+    return left.size() == right.size() &&
+           (left.empty() || std::memcmp(left.data(), right.data(), left.size()) == 0);
 }
 
 } /* namespace offline */

@@ -1,0 +1,39 @@
+/* SIDs as bytes and as text. No function throws. */
+#ifndef QUILLET_OFFLINE_DESCRIPTOR_SID_H
+#define QUILLET_OFFLINE_DESCRIPTOR_SID_H
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace offline {
+
+/* Revision, number of sub-authorities, authority (6 bytes, the highest first), sub-authorities (4 bytes
+ * each). */
+constexpr uint8_t sidRevision = 1;
+constexpr size_t sidHead = 8; /* bytes */
+constexpr size_t mostSubAuthorities = 15;
+constexpr size_t longestSid = sidHead + mostSubAuthorities * 4; /* bytes */
+
+/* Bytes of the SID at the head of the span; 0 when it is not whole or not valid (revision 1, at most 15
+ * sub-authorities). */
+size_t sidLength(std::span<const uint8_t> sid);
+
+/* "S-1-", an authority of at most 14 characters, and "-4294967295" for each sub-authority. */
+constexpr size_t longestSidText = 4 + 14 + mostSubAuthorities * 11;
+struct SidText {
+    char characters[longestSidText + 1]; /* ended by 0 */
+};
+
+/* The text of the SID at the head of the span as the platform writes it: its length, 0 when it is no SID. */
+size_t formatSid(std::span<const uint8_t> sid, SidText& text);
+
+/* "S-1-5-…"; empty when it is no SID. And back; empty when it is no SID's text. */
+std::string sidToText(std::span<const uint8_t> sid);
+std::vector<uint8_t> sidFromText(const std::string& text);
+
+} /* namespace offline */
+
+#endif
