@@ -14,6 +14,7 @@ class Choice(ImageCase):
         record = next(at for at in range(mft + 24 * 1024, len(image), 1024)
                       if image[at:at + 4] == b"FILE" and name.search(image, at, at + 1024))
         image[record:record + 4] = b"BAAD"  # as a torn record is left
+        image[72:80] = b"ANOTHER1"  # a serial number of its own: no clone of the other
         broken, other = self.write("broken.img", image), self.copy(sample(), "other.img")
         before = digest(other)
         done = quillet("-q", "-f", system=broken + ":" + other)
