@@ -43,10 +43,11 @@ function(quillet_room name)
     target_link_libraries(${name} PUBLIC ${arg_USES} PRIVATE quillet_options)
 endfunction()
 
-# quillet_test(NAME SOURCE... [USES LIBRARY...]): one GoogleTest program, its cases discovered by CTest.
+# quillet_test(NAME SOURCE... [USES LIBRARY...]): one GoogleTest program, its cases discovered by CTest, each in a
+# session of its own.
 function(quillet_test name)
     cmake_parse_arguments(arg "" "" "USES" ${ARGN})
-    add_executable(${name} ${arg_UNPARSED_ARGUMENTS})
-    target_link_libraries(${name} PRIVATE ${arg_USES} quillet_options GTest::gtest_main)
+    add_executable(${name} ${arg_UNPARSED_ARGUMENTS} ${PROJECT_SOURCE_DIR}/tests/support/fresh_session.cpp)
+    target_link_libraries(${name} PRIVATE ${arg_USES} offline_base quillet_options GTest::gtest_main)
     gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
 endfunction()

@@ -9,6 +9,7 @@
 
 #include "companion/command.h"
 #include "companion/failure.h"
+#include "platform/offline/base/session.h"
 #include "platform/offline/base/streams.h"
 #include "platform/offline/base/text.h"
 
@@ -117,6 +118,7 @@ int main(int argc, char** argv) {
                        ") for the standard streams that are closed; open them");
         return status;
     }
+    const offline::Session session;
     try {
         status = companion::runCommandLine(std::vector<std::string>(argv + std::min(argc, 1), argv + argc));
     } catch (const companion::Failure& failure) {

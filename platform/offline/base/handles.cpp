@@ -1,52 +1,35 @@
 #include "platform/offline/base/handles.h"
 
-#include <cstddef>
-#include <new>
-#include <vector>
+#include "platform/offline/base/guarded.h"
+#include "platform/offline/base/session.h"
 
 namespace offline {
 namespace {
-
-struct Slot {
-    const HandleType* type = nullptr; /* null: free */
-    void* object = nullptr;
-    size_t nextFree = 0;
-};
-
-struct Table {
-    std::vector<Slot> slots;
-    size_t firstFree = SIZE_MAX;
-};
-
-Table& table() {
-    static Table handles;
-    return handles;
-}
 
 /* Handle values are multiples of four above 0, as the platform's are. */
 HANDLE toHandle(size_t index) {
     return reinterpret_cast<HANDLE>((index + 1) * 4);
 }
 
-Slot* slotOf(HANDLE handle) {
+HandleSlot* slotOf(HANDLE handle) {
     const auto value = reinterpret_cast<ULONG_PTR>(handle);
-    if (value == 0 || value % 4 != 0 || value / 4 > table().slots.size()) return nullptr;
-    Slot& slot = table().slots[value / 4 - 1];
+    if (value == 0 || value % 4 != 0 || value / 4 > session().handles.slots.size()) return nullptr;
+    HandleSlot& slot = session().handles.slots[value / 4 - 1];
     return slot.type == nullptr ? nullptr : &slot;
 }
 
 } /* namespace */
 
 HANDLE handleMake(const HandleType& type, void* object) {
-    Table& handles = table();
+    HandleTable& handles = session().handles;
     size_t index = handles.firstFree;
     if (index == SIZE_MAX) {
         index = handles.slots.size();
-        try {
+        const NTSTATUS status = guarded([&] {
             handles.slots.emplace_back();
-        } catch (const std::bad_alloc&) {
-            return nullptr;
-        }
+            return STATUS_SUCCESS;
+        });
+        if (status < 0) return nullptr;
     } else {
         handles.firstFree = handles.slots[index].nextFree;
     }
@@ -56,21 +39,25 @@ HANDLE handleMake(const HandleType& type, void* object) {
 }
 
 void* handleObject(HANDLE handle, const HandleType& type) {
-    const Slot* slot = slotOf(handle);
+    const HandleSlot* slot = slotOf(handle);
     return slot != nullptr && slot->type == &type ? slot->object : nullptr;
 }
 
 bool handleClose(HANDLE handle) {
-    Slot* slot = slotOf(handle);
+    HandleSlot* slot = slotOf(handle);
     if (slot == nullptr) return false;
     const HandleType* type = slot->type;
     void* object = slot->object;
     slot->type = nullptr;
     slot->object = nullptr;
-    slot->nextFree = table().firstFree;
-    table().firstFree = reinterpret_cast<ULONG_PTR>(handle) / 4 - 1;
+    slot->nextFree = session().handles.firstFree;
+    session().handles.firstFree = reinterpret_cast<ULONG_PTR>(handle) / 4 - 1;
     type->close(object);
     return true;
+}
+
+void handlesCloseAll() {
+    for (size_t index = 0; index < session().handles.slots.size(); index++) handleClose(toHandle(index));
 }
 
 } /* namespace offline */

@@ -1,14 +1,10 @@
-/* The last error of the process's one thread. */
-#include "platform/nt.h"
-
-namespace {
-DWORD lastError = 0;
-}
+/* The last error of the session's one thread. */
+#include "platform/offline/base/session.h"
 
 DWORD GetLastError() {
-    return lastError;
+    return offline::session().lastError;
 }
 
 VOID SetLastError(DWORD code) {
-    lastError = code;
+    offline::session().lastError = code;
 }

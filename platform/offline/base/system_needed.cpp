@@ -1,29 +1,25 @@
 #include "platform/offline/base/system_needed.h"
 
+#include "platform/offline/base/session.h"
+
 namespace offline {
-namespace {
-
-NTSTATUS (*systemOpener)() = nullptr;
-bool opened = false;
-NTSTATUS outcome = STATUS_SUCCESS;
-
-} /* namespace */
 
 void setSystemOpener(NTSTATUS (*opener)()) {
-    systemOpener = opener;
-    opened = false;
+    session().systemOpener = opener;
+    session().systemAsked = false;
 }
 
 NTSTATUS systemNeeded() {
-    if (!opened) {
-        opened = true;
-        outcome = systemOpener == nullptr ? STATUS_SUCCESS : systemOpener();
+    Session& current = session();
+    if (!current.systemAsked) {
+        current.systemAsked = true;
+        current.systemStatus = current.systemOpener == nullptr ? STATUS_SUCCESS : current.systemOpener();
     }
-    return outcome;
+    return current.systemStatus;
 }
 
 void systemForget() {
-    opened = false;
+    session().systemAsked = false;
 }
 
 } /* namespace offline */

@@ -1,17 +1,15 @@
 #include "platform/offline/files/drives.h"
 
-#include <array>
 #include <new>
 
 #include "platform/offline/files/drive_path.h"
+#include "platform/offline/files/files_state.h"
 #include "platform/offline/files/look_up.h"
 #include "platform/offline/files/searches.h"
 #include "platform/offline/files/volume_handle.h"
 
 namespace offline {
 namespace {
-
-std::array<Volume*, 26> volumes;
 
 /* 0 to 25; the letter is one. */
 size_t driveIndex(char16_t letter) {
@@ -22,15 +20,15 @@ size_t driveIndex(char16_t letter) {
 
 void driveSet(char letter, Volume& volume) {
     const auto unit = static_cast<char16_t>(letter);
-    if (isDriveLetter(unit)) volumes[driveIndex(unit)] = &volume;
+    if (isDriveLetter(unit)) filesState().drives[driveIndex(unit)] = &volume;
 }
 
 Volume* driveVolume(char16_t letter) {
-    return isDriveLetter(letter) ? volumes[driveIndex(letter)] : nullptr;
+    return isDriveLetter(letter) ? filesState().drives[driveIndex(letter)] : nullptr;
 }
 
 void drivesReset() {
-    volumes.fill(nullptr);
+    filesState().drives.fill(nullptr);
     searchesEnd();
     lookUpForget();
     volumeHandlesEnd();

@@ -5,6 +5,9 @@
 #define QUILLET_OFFLINE_FILES_ENTERED_H
 
 #include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <unordered_map>
 
 #include "platform/offline/volume/volume.h"
 
@@ -16,6 +19,21 @@ struct EntryPlace {
     size_t index = SIZE_MAX; /* into its listing; SIZE_MAX: where a walk begins */
     bool operator==(const EntryPlace&) const = default;
 };
+
+struct DirectoryRecord {
+    const Volume* volume;
+    uint64_t record;
+    bool operator==(const DirectoryRecord&) const = default;
+};
+
+struct DirectoryRecordHash {
+    size_t operator()(const DirectoryRecord& directory) const {
+        return std::hash<uint64_t>()(directory.record) ^ std::hash<const Volume*>()(directory.volume);
+    }
+};
+
+/* By which entry each directory was entered. */
+using EnteredDirectories = std::unordered_map<DirectoryRecord, EntryPlace, DirectoryRecordHash>;
 
 /* Whether the directory is entered for the first time since enteredForget, or by the same entry again. May
  * throw std::bad_alloc; takes some 60 bytes for each directory. */

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "platform/offline/base/status.h"
+#include "platform/offline/files/files_state.h"
 #include "platform/offline/files/look_up.h"
 #include "platform/offline/security/security.h"
 
@@ -13,9 +14,6 @@ namespace {
 
 constexpr SECURITY_INFORMATION allParts = OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION |
                                           DACL_SECURITY_INFORMATION | SACL_SECURITY_INFORMATION;
-
-/* Descriptors are made here, so that a walk needs no memory for each file. */
-std::vector<uint8_t> image;
 
 struct Target {
     Volume* volume = nullptr;
@@ -42,6 +40,7 @@ NTSTATUS queryDescriptor(LPCWSTR path, SECURITY_INFORMATION information, PSECURI
     if (status < 0) return status;
     std::span<const uint8_t> answer = target.stored;
     if (information != allParts) {
+        std::vector<uint8_t>& image = filesState().descriptor;
         status = descriptorQuery(target.stored, information, image);
         if (status < 0) return status;
         answer = image;
@@ -58,6 +57,7 @@ NTSTATUS setDescriptor(LPCWSTR path, SECURITY_INFORMATION information, PSECURITY
     Target target;
     NTSTATUS status = openTarget(path, accessToSet(information), target);
     if (status < 0) return status;
+    std::vector<uint8_t>& image = filesState().descriptor;
     status = descriptorSet(target.stored, information, descriptor, image);
     return status < 0 ? status : volumeSetDescriptor(*target.volume, target.file, image);
 }

@@ -3,20 +3,10 @@
 #include <cstring>
 
 #include "platform/offline/base/system_needed.h"
+#include "platform/offline/files/files_state.h"
 #include "platform/offline/files/searches.h"
 
 namespace offline {
-namespace {
-
-struct Found {
-    Volume* volume = nullptr;
-    std::u16string relative;
-    FileRef file = 0;
-};
-
-Found lastFound;
-
-} /* namespace */
 
 bool sameText(std::u16string_view left, std::u16string_view right) {
     return left.size() == right.size() &&
@@ -29,6 +19,7 @@ NTSTATUS lookUpRelative(Volume& volume, std::u16string_view relative, FileRef& f
         return STATUS_SUCCESS;
     }
     if (searchesKnow(volume, relative, file)) return STATUS_SUCCESS;
+    LastFound& lastFound = filesState().lastFound;
     if (lastFound.volume == &volume && sameText(lastFound.relative, relative)) {
         file = lastFound.file;
         return STATUS_SUCCESS;
@@ -63,7 +54,7 @@ NTSTATUS lookUpNamed(LPCWSTR path, DrivePath& parsed, FileRef& file) {
 }
 
 void lookUpForget() {
-    lastFound = {};
+    filesState().lastFound = {};
 }
 
 } /* namespace offline */

@@ -14,41 +14,25 @@
 #include "platform/offline/base/text.h"
 #include "platform/offline/files/entered.h"
 #include "platform/offline/files/file_access.h"
+#include "platform/offline/files/files_state.h"
 #include "platform/offline/files/look_up.h"
 #include "platform/offline/files/wildcard.h"
 
 namespace offline {
 namespace {
 
-constexpr size_t none = SIZE_MAX;
-
 /* Listings larger than this are given back at the end of their search, smaller ones serve the next search. */
 constexpr size_t entriesKept = 4096;
-
-struct Search {
-    Volume* volume = nullptr; /* null once the volumes have gone */
-    std::u16string directory; /* as DrivePath::relative */
-    FileRef directoryFile = 0;
-    FileInfo directoryInfo = {};
-    std::u16string pattern; /* empty: every name */
-    DirectoryListing listing;
-    size_t next = 0;         /* into listing.entries */
-    size_t delivered = none; /* into listing.entries */
-    int dotsLeft = 0;        /* of "." and ".." */
-};
-
-std::vector<Search*> openSearches; /* the latest last; their handles own them */
-std::vector<std::unique_ptr<Search>> idleSearches;
 
 /* ---- Making and giving back ---- */
 
 /* Takes a search that has room already, if there is one. The caller has it listed as open by enlist. */
 std::unique_ptr<Search> takeSearch() {
-    if (idleSearches.empty()) return std::make_unique<Search>();
-    std::unique_ptr<Search> search = std::move(idleSearches.back());
-    idleSearches.pop_back();
+    if (filesState().idleSearches.empty()) return std::make_unique<Search>();
+    std::unique_ptr<Search> search = std::move(filesState().idleSearches.back());
+    filesState().idleSearches.pop_back();
     search->next = 0;
-    search->delivered = none;
+    search->delivered = Search::none;
     search->dotsLeft = 0;
     search->pattern.clear();
     return search;
@@ -57,25 +41,26 @@ std::unique_ptr<Search> takeSearch() {
 void keepSearch(std::unique_ptr<Search> search) {
     if (search->listing.entries.capacity() > entriesKept) search->listing = {};
     try {
-        idleSearches.push_back(std::move(search));
+        filesState().idleSearches.push_back(std::move(search));
     } catch (const std::bad_alloc&) {  // then it is freed
     }
 }
 
 void closeSearch(void* object) {
     std::unique_ptr<Search> search(static_cast<Search*>(object));
-    const auto place = std::find(openSearches.rbegin(), openSearches.rend(), search.get());
-    if (place != openSearches.rend()) openSearches.erase(std::next(place).base());
+    const auto place =
+        std::find(filesState().openSearches.rbegin(), filesState().openSearches.rend(), search.get());
+    if (place != filesState().openSearches.rend()) filesState().openSearches.erase(std::next(place).base());
     if (search->volume != nullptr) keepSearch(std::move(search));
 }
 
 const HandleType searchType = {closeSearch};
 
 NTSTATUS enlist(std::unique_ptr<Search> search, HANDLE& handle) {
-    openSearches.push_back(search.get());
+    filesState().openSearches.push_back(search.get());
     handle = handleMake(searchType, search.get());
     if (handle == nullptr) {
-        openSearches.pop_back();
+        filesState().openSearches.pop_back();
         return STATUS_NO_MEMORY;
     }
     static_cast<void>(search.release());  // the handle owns it
@@ -85,7 +70,7 @@ NTSTATUS enlist(std::unique_ptr<Search> search, HANDLE& handle) {
 /* ---- What was delivered ---- */
 
 bool searchKnows(const Search& search, const Volume& volume, std::u16string_view relative) {
-    if (search.delivered == none || search.volume != &volume) return false;
+    if (search.delivered == Search::none || search.volume != &volume) return false;
     const std::u16string_view name = search.listing.name(search.listing.entries[search.delivered]);
     const size_t head = search.directory.empty() ? 0 : search.directory.size() + 1;
     if (relative.size() != head + name.size() || !sameText(relative.substr(head), name)) return false;
@@ -95,7 +80,8 @@ bool searchKnows(const Search& search, const Volume& volume, std::u16string_view
 
 /* The search that delivered the name last, or null. */
 const Search* deliveredBy(const Volume& volume, std::u16string_view relative) {
-    for (auto place = openSearches.rbegin(); place != openSearches.rend(); ++place) {
+    for (auto place = filesState().openSearches.rbegin(); place != filesState().openSearches.rend();
+         ++place) {
         if (searchKnows(**place, volume, relative)) return *place;
     }
     return nullptr;
@@ -104,9 +90,9 @@ const Search* deliveredBy(const Volume& volume, std::u16string_view relative) {
 /* Whether the search may go into its directory. A walk is a search with others below it, each of what the one
  * above delivered; who asks for a directory by a path of his own is always let in. */
 bool mayEnter(const Search& search) {
-    if (openSearches.empty()) enteredForget();
+    if (filesState().openSearches.empty()) enteredForget();
     EntryPlace by;
-    if (!openSearches.empty() && !search.directory.empty()) {
+    if (!filesState().openSearches.empty() && !search.directory.empty()) {
         const Search* const above = deliveredBy(*search.volume, search.directory);
         if (above == nullptr) return true;
         by = {above->directoryFile, above->delivered};
@@ -167,7 +153,7 @@ NTSTATUS deliverNext(Search& search, WIN32_FIND_DATAW& record) {
         fillRecord(name, entryInfo(search, entry), record);
         return STATUS_SUCCESS;
     }
-    search.delivered = none;
+    search.delivered = Search::none;
     return STATUS_NO_MORE_FILES;
 }
 
@@ -285,12 +271,12 @@ bool searchesKnow(const Volume& volume, std::u16string_view relative, FileRef& f
 }
 
 void searchesEnd() {
-    for (Search* search : openSearches) {
+    for (Search* search : filesState().openSearches) {
         search->volume = nullptr;
-        search->delivered = none;
+        search->delivered = Search::none;
         search->listing = {};
     }
-    idleSearches.clear();
+    filesState().idleSearches.clear();
     enteredForget();
 }
 

@@ -9,6 +9,7 @@
 #include "platform/offline/base/system_needed.h"
 #include "platform/offline/files/drive_path.h"
 #include "platform/offline/files/drives.h"
+#include "platform/offline/files/files_state.h"
 
 namespace offline {
 namespace {
@@ -18,8 +19,6 @@ struct VolumeHandle {
     uint64_t era; /* of the drive letters that it was opened in */
     bool mayWrite;
 };
-
-uint64_t currentEra = 0;
 
 const HandleType volumeHandleType = {[](void* object) { delete static_cast<VolumeHandle*>(object); }};
 
@@ -41,7 +40,7 @@ NTSTATUS openVolume(LPCWSTR path, DWORD access, DWORD disposition, HANDLE& handl
     if (volume == nullptr) return STATUS_OBJECT_NAME_NOT_FOUND;
     const bool mayWrite = (access & (GENERIC_WRITE | GENERIC_ALL)) != 0;
     if (mayWrite && volumeReadOnly(*volume)) return STATUS_MEDIA_WRITE_PROTECTED;
-    std::unique_ptr<VolumeHandle> object(new (std::nothrow) VolumeHandle{volume, currentEra, mayWrite});
+    std::unique_ptr<VolumeHandle> object(new (std::nothrow) VolumeHandle{volume, filesState().era, mayWrite});
     if (object == nullptr) return STATUS_NO_MEMORY;
     handle = handleMake(volumeHandleType, object.get());
     if (handle == nullptr) return STATUS_NO_MEMORY;
@@ -53,14 +52,14 @@ NTSTATUS flush(HANDLE handle) {
     const NTSTATUS status = systemNeeded();
     if (status < 0) return status;
     const auto* object = static_cast<const VolumeHandle*>(handleObject(handle, volumeHandleType));
-    if (object == nullptr || object->era != currentEra) return STATUS_INVALID_HANDLE;
+    if (object == nullptr || object->era != filesState().era) return STATUS_INVALID_HANDLE;
     return object->mayWrite ? volumeFlush(*object->volume) : STATUS_ACCESS_DENIED;
 }
 
 } /* namespace */
 
 void volumeHandlesEnd() {
-    currentEra++;
+    filesState().era++;
 }
 
 } /* namespace offline */

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/nt.h"
+#include "platform/offline/base/session.h"
 #include "platform/offline/base/streams.h"
 #include "platform/offline/base/text.h"
 #include "platform/offline/system/system.h"
@@ -71,6 +72,7 @@ int main(int argc, char** argv) try {
     arguments.push_back(nullptr);
     signal(SIGPIPE, SIG_IGN); /* a reader that has gone must not end a run half-way */
     signal(SIGXFSZ, SIG_IGN); /* nor a limit on files' sizes: the write fails, and that is told */
+    const offline::Session session;
     offline::systemStart();
     const int status = wmain(argc, arguments.data(), nullptr);
     return exitStatus(endStreams(endSystem(status)));

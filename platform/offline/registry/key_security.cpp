@@ -7,6 +7,7 @@
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/registry/keys.h"
 #include "platform/offline/registry/mounts.h"
+#include "platform/offline/registry/registry_state.h"
 #include "platform/offline/security/security.h"
 
 namespace offline {
@@ -19,7 +20,7 @@ std::span<const uint8_t> storedDescriptor(const Place& key) {
 NTSTATUS getSecurity(HKEY key, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR descriptor,
                      DWORD& size) {
     Place place;
-    static std::vector<uint8_t> image; /* kept from call to call: a sweep asks for every key's */
+    std::vector<uint8_t>& image = registryState().descriptor;
     NTSTATUS status = useRegKey(key, accessToQuery(information), place);
     if (status >= 0) status = descriptorQuery(storedDescriptor(place), information, image);
     if (status < 0) return status;

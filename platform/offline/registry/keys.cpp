@@ -2,16 +2,15 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <iterator>
 #include <memory>
 
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/base/handles.h"
 #include "platform/offline/base/system_needed.h"
+#include "platform/offline/registry/registry_state.h"
 #include "platform/offline/security/security.h"
 
 namespace offline {
-namespace {
 
 /* What all handles on one key share. */
 struct OpenKey {
@@ -20,18 +19,19 @@ struct OpenKey {
     OpenKey* next = nullptr; /* in its bucket */
 };
 
+namespace {
+
 /* What a handle stands for. */
 struct KeyHandle {
     OpenKey* key;
     ACCESS_MASK granted;
 };
 
-/* The keys that are open and not deleted, by place, in chains. Only a few are open at a time. */
-OpenKey* buckets[4096];
-
+/* Only a few keys are open at a time. */
 OpenKey** bucketOf(const Place& place) {
+    auto& buckets = registryState().openKeys;
     const uint64_t mixed = (reinterpret_cast<uintptr_t>(place.mount) ^ place.cell) * 0x9E3779B97F4A7C15;
-    return &buckets[(mixed >> 32) % std::size(buckets)];
+    return &buckets[(mixed >> 32) % buckets.size()];
 }
 
 /* The link of the chain that points to the key of this place, or the null one at its end. */
@@ -121,7 +121,7 @@ void markDeleted(const Place& place) {
 }
 
 void forgetOpenKeys() {
-    for (OpenKey*& first : buckets) {
+    for (OpenKey*& first : registryState().openKeys) {
         while (first != nullptr) takeOut(&first);
     }
 }

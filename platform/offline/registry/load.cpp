@@ -9,12 +9,11 @@
 #include "platform/offline/registry/keys.h"
 #include "platform/offline/registry/mounts.h"
 #include "platform/offline/registry/registry.h"
+#include "platform/offline/registry/registry_state.h"
 #include "platform/offline/security/security.h"
 
 namespace offline {
 namespace {
-
-HiveLoader hiveLoader = nullptr;
 
 /* The key below which a hive is mounted: Machine or User, by its predefined handle or an open one. */
 NTSTATUS mountParent(HKEY root, LPCWSTR name, Place& parent) {
@@ -34,6 +33,7 @@ NTSTATUS loadHive(HKEY root, LPCWSTR name, LPCWSTR file) {
     if (status < 0) return status;
     if (!privilegeEnabled(backupPrivilege) || !privilegeEnabled(restorePrivilege))
         return STATUS_PRIVILEGE_NOT_HELD;
+    const HiveLoader hiveLoader = registryState().hiveLoader;
     if (hiveLoader == nullptr) return STATUS_OBJECT_NAME_NOT_FOUND;
     auto mount = std::make_unique<Mount>();
     mount->name = name;
@@ -67,7 +67,7 @@ NTSTATUS unloadHive(HKEY root, LPCWSTR name) {
 } /* namespace */
 
 void registrySetLoader(HiveLoader loader) {
-    hiveLoader = loader;
+    registryState().hiveLoader = loader;
 }
 
 } /* namespace offline */

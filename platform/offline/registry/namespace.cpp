@@ -2,12 +2,11 @@
 
 #include <array>
 #include <chrono>
-#include <cstddef>
-#include <new>
 #include <utility>
 
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/registry/attached.h"
+#include "platform/offline/registry/registry_state.h"
 
 namespace offline {
 namespace {
@@ -56,9 +55,7 @@ NTSTATUS makeNamespace() {
 } /* namespace */
 
 Namespace& tree() {
-    alignas(Namespace) static std::byte room[sizeof(Namespace)];
-    static auto* one = new (room) Namespace;
-    return *one;
+    return registryState().tree;
 }
 
 NTSTATUS namespaceRoot(Place& root) {

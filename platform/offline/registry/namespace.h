@@ -54,8 +54,7 @@ struct Namespace {
     std::vector<std::unique_ptr<Mount>> mounts;
 };
 
-/* The one tree. It is never destroyed: when the process ends, the files behind the stores may be gone first.
- */
+/* The session's tree. */
 Namespace& tree();
 
 /* \Registry. */

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <span>
 
+#include "platform/offline/registry/registry_state.h"
+
 namespace offline {
 namespace {
 
@@ -83,7 +85,7 @@ NTSTATUS writeFull(const Hive& hive, const HiveValue& value, const QueryBuffer& 
     const size_t total = value.dataLength == 0 ? nameAt + nameBytes : dataAt + value.dataLength;
     const NTSTATUS status = fit(out, nameAt, total);
     if (status == STATUS_BUFFER_TOO_SMALL) return status;
-    static std::array<char16_t, longestValueName> name; /* too large for the stack of every call */
+    std::array<char16_t, longestValueName>& name = registryState().valueName;
     hiveValueName(hive, value, name.data());
     copyPart(out, 0, &fixed, nameAt);
     copyPart(out, nameAt, name.data(), nameBytes);

@@ -1,6 +1,7 @@
 /* The platform's calls on access lists. */
 #include "platform/offline/base/status.h"
 #include "platform/offline/descriptor/access_list.h"
+#include "platform/offline/security/security_state.h"
 
 namespace offline {
 namespace {
@@ -35,26 +36,14 @@ NTSTATUS aclInformation(const ACL* given, LPVOID information, DWORD size, ACL_IN
     return STATUS_SUCCESS;
 }
 
-/* The walk of a caller who asks for one entry after the other, in either direction. The entry that was given
- * last is known by its place and by the sizes that led there; from it only the next or the one before is
- * taken, and only while the list's header and the sizes of both say the same as when they were walked over.
- * Everything else, the first question about a list included, is answered by walking from the list's start,
- * which asking for the list's size begins anew. What SIDs and masks were written in between does not matter,
- * and whatever was: what is given is a whole entry inside the list. */
-struct EntryWalk {
-    const ACL* list = nullptr;
-    uint8_t head[sizeof(ACL)] = {};
-    size_t index = 0;
-    uint16_t offsets[UINT16_MAX / sizeof(ACE_HEADER)] = {}; /* of the entries up to and including this one */
-};
-EntryWalk entryWalk;
-
 bool walkHolds(Bytes acl, const ACL* given) {
+    const EntryWalk& entryWalk = securityState().entryWalk;
     return entryWalk.list == given && memcmp(entryWalk.head, acl.data(), sizeof entryWalk.head) == 0;
 }
 
 /* The entry's neighbour, from where the walk stands; empty when it must be walked to. */
 Bytes stepTo(Bytes acl, size_t index) {
+    EntryWalk& entryWalk = securityState().entryWalk;
     const size_t here = entryWalk.offsets[entryWalk.index];
     if (index == entryWalk.index) return aceAt(acl, here);
     if (index == entryWalk.index + 1) {
@@ -70,6 +59,7 @@ Bytes stepTo(Bytes acl, size_t index) {
 }
 
 Bytes walkTo(Bytes acl, const ACL* given, size_t index) {
+    EntryWalk& entryWalk = securityState().entryWalk;
     entryWalk.list = nullptr;
     size_t offset = sizeof(ACL);
     for (size_t i = 0;; i++) {
@@ -93,7 +83,7 @@ NTSTATUS aceByIndex(const ACL* given, DWORD index, LPVOID* found) {
     Bytes ace = walkHolds(acl, given) ? stepTo(acl, index) : Bytes{};
     if (ace.empty()) ace = walkTo(acl, given, index);
     if (ace.empty() || !aceValid(ace)) return STATUS_INVALID_ACL;
-    entryWalk.index = index;
+    securityState().entryWalk.index = index;
     *found = const_cast<uint8_t*>(ace.data());
     return STATUS_SUCCESS;
 }
@@ -102,7 +92,7 @@ NTSTATUS aceByIndex(const ACL* given, DWORD index, LPVOID* found) {
 } /* namespace offline */
 
 BOOL GetAclInformation(PACL acl, LPVOID information, DWORD size, ACL_INFORMATION_CLASS infoClass) {
-    offline::entryWalk.list = nullptr;
+    offline::securityState().entryWalk.list = nullptr;
     return offline::booleanResult(offline::aclInformation(acl, information, size, infoClass));
 }
 

@@ -1,9 +1,8 @@
 /* The token: who it is and which privileges it has. */
 #include "platform/offline/security/token.h"
 
-#include <bitset>
-
 #include "platform/offline/descriptor/well_known_sids.h"
+#include "platform/offline/security/security_state.h"
 
 namespace offline {
 namespace {
@@ -18,21 +17,9 @@ constexpr Bytes accountGroups[] = {administratorsSid, usersSid, everyoneSid, aut
                                    interactiveSid};
 constexpr Token accountToken = {accountSid, administratorsSid, accountGroupSid, accountGroups};
 
-/* Lets every path be traversed; the platform has it enabled in every token. */
-constexpr uint32_t changeNotifyPrivilege = 23;
-
-struct State {
-    AccessMode mode = AccessMode::unrefused;
-    std::bitset<lastPrivilege + 1> held;
-    std::bitset<lastPrivilege + 1> enabled;
-    State() { reset(); }
-    void reset() {
-        held.set();
-        enabled.reset();
-        enabled.set(changeNotifyPrivilege);
-    }
-};
-State state;
+TokenState& state() {
+    return securityState().token;
+}
 
 bool known(uint32_t luid) {
     return luid >= firstPrivilege && luid <= lastPrivilege;
@@ -41,16 +28,16 @@ bool known(uint32_t luid) {
 } /* namespace */
 
 void setAccessMode(AccessMode mode) {
-    state.mode = mode;
-    state.reset();
+    state().mode = mode;
+    state().reset();
 }
 
 AccessMode accessMode() {
-    return state.mode;
+    return state().mode;
 }
 
 const Token& currentToken() {
-    return state.mode == AccessMode::unrefused ? systemToken : accountToken;
+    return state().mode == AccessMode::unrefused ? systemToken : accountToken;
 }
 
 bool tokenHas(Bytes sid) {
@@ -67,19 +54,19 @@ bool tokenMayOwn(Bytes sid) {
 }
 
 bool privilegeHeld(uint32_t luid) {
-    return known(luid) && state.held[luid];
+    return known(luid) && state().held[luid];
 }
 
 bool privilegeEnabled(uint32_t luid) {
-    return privilegeHeld(luid) && state.enabled[luid];
+    return privilegeHeld(luid) && state().enabled[luid];
 }
 
 void enablePrivilege(uint32_t luid, bool enabled) {
-    if (privilegeHeld(luid)) state.enabled[luid] = enabled;
+    if (privilegeHeld(luid)) state().enabled[luid] = enabled;
 }
 
 void removePrivilege(uint32_t luid) {
-    if (known(luid)) state.held[luid] = false;
+    if (known(luid)) state().held[luid] = false;
 }
 
 } /* namespace offline */

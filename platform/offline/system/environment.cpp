@@ -9,6 +9,7 @@
 #include "platform/offline/base/system_needed.h"
 #include "platform/offline/base/text.h"
 #include "platform/offline/system/machine_hives.h"
+#include "platform/offline/system/system_state.h"
 
 namespace offline {
 namespace {
@@ -16,10 +17,6 @@ namespace {
 /* The platform's limit for a string and for what it is expanded to; and more than any machine sets, for all
  * strings together: those of a hive can name each other, and would fill the memory. */
 constexpr size_t longestString = 32767, mostCharacters = size_t{1} << 20;
-
-/* By upcased names. */
-std::map<std::u16string, std::u16string, std::less<>> strings;
-size_t charactersUsed = 0;
 
 std::u16string folded(std::u16string_view name) {
     std::u16string out(name);
@@ -29,17 +26,18 @@ std::u16string folded(std::u16string_view name) {
 
 const std::u16string* find(std::u16string_view name) {
     if (name.size() > longestString) return nullptr;
-    const auto found = strings.find(folded(name));
-    return found == strings.end() ? nullptr : &found->second;
+    const auto found = systemState().environment.strings.find(folded(name));
+    return found == systemState().environment.strings.end() ? nullptr : &found->second;
 }
 
 void put(std::u16string_view name, std::u16string_view value) {
     if (value.empty() || find(name) != nullptr) return;
     std::u16string expanded = environmentExpand(value);
     const size_t characters = name.size() + expanded.size();
-    if (characters > mostCharacters - charactersUsed) return;
-    charactersUsed += characters;
-    strings.emplace(folded(name), std::move(expanded));
+    Environment& environment = systemState().environment;
+    if (characters > mostCharacters - environment.characters) return;
+    environment.characters += characters;
+    environment.strings.emplace(folded(name), std::move(expanded));
 }
 
 /* Everything that the machine sets for all its processes. */
@@ -107,8 +105,7 @@ NTSTATUS environmentLoad(const Hive& system, const Hive& software, char letter,
 }
 
 void environmentReset() {
-    strings.clear();
-    charactersUsed = 0;
+    systemState().environment = {};
 }
 
 } /* namespace offline */

@@ -7,19 +7,12 @@
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/base/text.h"
 #include "platform/offline/files/drives.h"
+#include "platform/offline/system/system_state.h"
 
 namespace offline {
 namespace {
 
 constexpr uint64_t largestHive = uint64_t{2} << 30; /* bytes; the platform's own limit for a hive */
-
-/* The files whose hives are open: a second hive on the same file would overwrite the first one's changes. */
-struct OpenHiveFile {
-    const Volume* volume;
-    FileRef file;
-    bool operator==(const OpenHiveFile&) const = default;
-};
-std::vector<OpenHiveFile> openHiveFiles;
 
 /* Saves a hive in place, into the file that it was read from, and keeps that in use. */
 struct VolumeHiveStore final : HiveStore {
@@ -27,11 +20,11 @@ struct VolumeHiveStore final : HiveStore {
     FileRef file;
 
     VolumeHiveStore(Volume& onVolume, FileRef inFile) : volume(onVolume), file(inFile) {
-        openHiveFiles.push_back({&volume, file});
+        systemState().openHiveFiles.push_back({&volume, file});
     }
     VolumeHiveStore(const VolumeHiveStore&) = delete;
     VolumeHiveStore& operator=(const VolumeHiveStore&) = delete;
-    ~VolumeHiveStore() override { std::erase(openHiveFiles, OpenHiveFile{&volume, file}); }
+    ~VolumeHiveStore() override { std::erase(systemState().openHiveFiles, OpenHiveFile{&volume, file}); }
 
     /* An empty write is refused like any other, and the volume remembers that. */
     NTSTATUS beginChange() override {
@@ -111,8 +104,8 @@ NTSTATUS readLogs(Volume& volume, const FindBeside& findBeside, const std::strin
 
 NTSTATUS readHive(Volume& volume, FileRef file, const std::string& name, HivePtr& hive,
                   std::unique_ptr<HiveStore>& store, Problem& problem, const FindBeside& findBeside) {
-    if (std::find(openHiveFiles.begin(), openHiveFiles.end(), OpenHiveFile{&volume, file}) !=
-        openHiveFiles.end()) {
+    if (std::find(systemState().openHiveFiles.begin(), systemState().openHiveFiles.end(),
+                  OpenHiveFile{&volume, file}) != systemState().openHiveFiles.end()) {
         return refuse(problem, STATUS_SHARING_VIOLATION, name + " is in use");
     }
     std::vector<uint8_t> bytes;

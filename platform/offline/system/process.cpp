@@ -8,16 +8,10 @@
 #include "platform/nt.h"
 #include "platform/offline/security/security.h"
 #include "platform/offline/system/system.h"
-
-namespace {
-
-enum class Restart { none, reboot, powerOff };
-
-Restart asked = Restart::none;
-
-} /* namespace */
+#include "platform/offline/system/system_state.h"
 
 std::string offline::restartAsked() try {
+    const Restart asked = systemState().restartAsked;
     if (asked == Restart::none || systemInstallation() == nullptr) return {};
     const Installation& installation = *systemInstallation();
     const std::string disk = diskPath(*installation.volumes[installation.systemVolume].disk);
@@ -34,13 +28,14 @@ BOOL InitiateSystemShutdownW(LPWSTR, LPWSTR, DWORD, BOOL, BOOL reboot) {
         SetLastError(ERROR_ACCESS_DENIED);
         return FALSE;
     }
-    asked = reboot != 0 ? Restart::reboot : Restart::powerOff;
+    offline::systemState().restartAsked = reboot != 0 ? offline::Restart::reboot : offline::Restart::powerOff;
     return TRUE;
 }
 
 NTSTATUS ZwShutdownSystem(SHUTDOWN_ACTION action) {
     if (!offline::privilegeEnabled(offline::shutdownPrivilege)) return STATUS_PRIVILEGE_NOT_HELD;
-    asked = action == ShutdownReboot ? Restart::reboot : Restart::powerOff;
+    offline::systemState().restartAsked =
+        action == ShutdownReboot ? offline::Restart::reboot : offline::Restart::powerOff;
     return STATUS_SUCCESS;
 }
 

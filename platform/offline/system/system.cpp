@@ -13,13 +13,10 @@
 #include "platform/offline/system/environment.h"
 #include "platform/offline/system/letters.h"
 #include "platform/offline/system/machine_hives.h"
+#include "platform/offline/system/system_state.h"
 
 namespace offline {
 namespace {
-
-std::optional<Installation> installation;
-Problem openingProblem;
-Problem unreadProblem;
 
 const char accessVariable[] = "QUILLET_ACCESS";
 const char systemVariable[] = "QUILLET_SYSTEM";
@@ -33,7 +30,7 @@ NTSTATUS openFromEnvironment() {
     const char* access = getenv(accessVariable);
     if (!accessIsKnown(access)) {
         return refuse(
-            openingProblem, STATUS_INVALID_PARAMETER,
+            systemState().openingProblem, STATUS_INVALID_PARAMETER,
             std::string("QUILLET_ACCESS is \"") + access + "\"; set it to unrefused or checked, or unset it");
     }
     const char* text = getenv(systemVariable);
@@ -41,25 +38,26 @@ NTSTATUS openFromEnvironment() {
     if (disks.empty()) {
         const bool set = text != nullptr && *text != 0;
         return refuse(
-            openingProblem, STATUS_OBJECT_NAME_NOT_FOUND,
+            systemState().openingProblem, STATUS_OBJECT_NAME_NOT_FOUND,
             std::string("QUILLET_SYSTEM ") + (set ? "names no disk" : "is not set") +
                 "; set it to the disk that Windows is installed on (an image file or a block device)");
     }
-    return systemOpen(disks, DiskAccess::readWrite, openingProblem);
+    return systemOpen(disks, DiskAccess::readWrite, systemState().openingProblem);
 }
 
 NTSTATUS openParts(const std::vector<std::string>& paths, DiskAccess access, Problem& problem) {
-    NTSTATUS status = installationOpenDisks(paths, access, *installation, problem);
-    if (status >= 0) status = installationFindWindows(*installation, problem);
-    if (status >= 0) status = machineHivesMount(*installation, problem);
+    NTSTATUS status = installationOpenDisks(paths, access, *systemState().installation, problem);
+    if (status >= 0) status = installationFindWindows(*systemState().installation, problem);
+    if (status >= 0) status = machineHivesMount(*systemState().installation, problem);
     if (status < 0) return status;
-    for (const InstallationVolume& place : installation->volumes) driveSet(place.letter, *place.volume);
+    for (const InstallationVolume& place : systemState().installation->volumes)
+        driveSet(place.letter, *place.volume);
     return STATUS_SUCCESS;
 }
 
 /* A disk that can only be read, of which a change was asked for. */
 const InstallationVolume* refusedChange() {
-    for (const InstallationVolume& place : installation->volumes) {
+    for (const InstallationVolume& place : systemState().installation->volumes) {
         if (volumeRefusedChange(*place.volume)) return &place;
     }
     return nullptr;
@@ -67,15 +65,15 @@ const InstallationVolume* refusedChange() {
 
 /* Whatever was begun was written whole, so this is no matter of the dirty mark: it is work that is left. */
 void noteUnread() {
-    unreadProblem = {};
-    const NTSTATUS status = installationReadWhole(*installation, unreadProblem);
+    Problem& unread = systemState().unreadProblem;
+    unread = {};
+    const NTSTATUS status = installationReadWhole(*systemState().installation, unread);
     if (status >= 0) return;
-    unreadProblem.status = status;
+    unread.status = status;
     static_cast<void>(guarded([&] {
-        unreadProblem.text += "; so not everything was done: go back to a copy from before this run, ";
-        unreadProblem.text += status == STATUS_IO_DEVICE_ERROR
-                                  ? "on a sound medium, and run again"
-                                  : "repair the volume (chkdsk /f) and run again";
+        unread.text += "; so not everything was done: go back to a copy from before this run, ";
+        unread.text += status == STATUS_IO_DEVICE_ERROR ? "on a sound medium, and run again"
+                                                        : "repair the volume (chkdsk /f) and run again";
         return status;
     }));
 }
@@ -102,7 +100,7 @@ std::vector<std::string> systemDisks(std::string_view text) {
 NTSTATUS systemOpen(const std::vector<std::string>& paths, DiskAccess access, Problem& problem) {
     NTSTATUS status;
     try {
-        installation.emplace();
+        systemState().installation.emplace();
         status = openParts(paths, access, problem);
     } catch (const std::bad_alloc&) {
         status = refuse(problem, STATUS_NO_MEMORY, "out of memory");
@@ -112,14 +110,14 @@ NTSTATUS systemOpen(const std::vector<std::string>& paths, DiskAccess access, Pr
     registryReset();
     drivesReset();
     environmentReset();
-    installationClose(*installation, closing);
-    installation.reset();
+    installationClose(*systemState().installation, closing);
+    systemState().installation.reset();
     return status;
 }
 
 NTSTATUS systemClose(Problem& problem) {
-    if (!installation) return STATUS_SUCCESS;
-    NTSTATUS first = machineHivesSave(*installation, problem);
+    if (!systemState().installation) return STATUS_SUCCESS;
+    NTSTATUS first = machineHivesSave(*systemState().installation, problem);
     if (const InstallationVolume* place = refusedChange(); place != nullptr && first >= 0) {
         first =
             refuse(problem, STATUS_MEDIA_WRITE_PROTECTED,
@@ -130,27 +128,27 @@ NTSTATUS systemClose(Problem& problem) {
     drivesReset();
     environmentReset();
     Problem closing;
-    const NTSTATUS status = installationClose(*installation, closing);
+    const NTSTATUS status = installationClose(*systemState().installation, closing);
     if (status < 0 && first >= 0) {
         problem = closing;
         first = status;
     }
     noteUnread();
-    installation.reset();
+    systemState().installation.reset();
     systemForget();
     return first;
 }
 
 const Problem& systemProblem() {
-    return openingProblem;
+    return systemState().openingProblem;
 }
 
 const Problem& systemUnread() {
-    return unreadProblem;
+    return systemState().unreadProblem;
 }
 
 Installation* systemInstallation() {
-    return installation ? &*installation : nullptr;
+    return systemState().installation ? &*systemState().installation : nullptr;
 }
 
 } /* namespace offline */
