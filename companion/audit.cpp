@@ -2,10 +2,9 @@
 #include "companion/audit.h"
 
 #include <cstdio>
-#include <memory>
 #include <optional>
 
-#include "companion/command.h"
+#include "companion/commands.h"
 #include "companion/failure.h"
 #include "companion/json.h"
 #include "companion/machine.h"
@@ -16,32 +15,7 @@
 namespace companion {
 namespace {
 
-const char help[] =
-    "Usage: quillet-offline audit [OPTIONS] IMAGE... [SID]\n"
-    "\n"
-    "Looks for a machine's SID, and for those of its accounts, in the security descriptors of files and "
-    "keys,\n"
-    "in names of keys and in values, and counts what quillet would rewrite and what it leaves alone by "
-    "design.\n"
-    "Nothing is written. SID is the machine's of the installation when none is given; after a run of "
-    "quillet,\n"
-    "give the one from before. What can't be looked at goes to standard error, a line each. The exit status "
-    "is\n"
-    "0 when nothing that quillet treats holds the SID, 1 when something does, 2 when not all could be seen.\n"
-    "\n"
-    "Examples:\n"
-    "  quillet-offline audit practice.img\n"
-    "  quillet-offline audit practice.img S-1-5-21-1111-2222-3333\n"
-    "  quillet-offline audit --all system.img data.img       every place, on one machine with two disks";
-
 constexpr int exitFound = 1;
-
-struct Options {
-    std::vector<std::string> images;
-    std::string sid;
-    bool all = false;
-    bool json = false;
-};
 
 struct Words {
     const char* label; /* for a person */
@@ -147,7 +121,7 @@ void write(JsonWriter& json, const Audit& audit) {
 }
 
 /* The last of the images may be the SID. */
-void takeSid(Options& options) {
+void takeSid(AuditOptions& options) {
     const std::string last = options.images.back();
     if (last.rfind("S-1-", 0) == 0) {
         if (!isMachineSid(offline::sidFromText(last))) refuseSid(last);
@@ -166,7 +140,9 @@ int finish(const std::vector<std::string>& problems, bool found) {
     return found ? exitFound : exitDone;
 }
 
-int audit(Options options) {
+} /* namespace */
+
+int audit(AuditOptions options) {
     takeSid(options);
     const Sight sight = look(options.images);
     const std::string sid = options.sid.empty() ? sight.machineSid : options.sid;
@@ -196,18 +172,5 @@ int audit(Options options) {
     }
     return finish(audit.problems, sum(audit.treated) != 0);
 }
-
-Runner prepare(CLI::App& app) {
-    auto options = std::make_shared<Options>();
-    app.add_option("IMAGE", options->images, "The machine's disks: image files or block devices")->required();
-    app.add_option("--sid", options->sid, "The SID to look for (the machine's)")->type_name("SID");
-    app.add_flag("--all", options->all, "List every place");
-    app.add_flag("--json", options->json, "Print one JSON object");
-    return [options](const std::vector<std::string>&) { return audit(*options); };
-}
-
-} /* namespace */
-
-const Command auditCommand = {"audit", "Show where a machine's SID stands", help, prepare, false};
 
 } /* namespace companion */

@@ -1,9 +1,8 @@
 /* info: what lies on some disks. */
 #include <algorithm>
 #include <cstdio>
-#include <memory>
 
-#include "companion/command.h"
+#include "companion/commands.h"
 #include "companion/failure.h"
 #include "companion/json.h"
 #include "companion/look.h"
@@ -12,20 +11,6 @@
 
 namespace companion {
 namespace {
-
-const char help[] =
-    "Shows the disks, the volumes with their drive letters, the Windows installation, its machine SID and\n"
-    "the state of its registry hives. Nothing is written. What is wrong goes to standard error, a line "
-    "each.\n"
-    "A hive that is \"logged\" has its last changes in its log files, from where they are read. A user's "
-    "hive\n"
-    "that is damaged or dirty is named; a run passes it over.\n"
-    "The exit status is 0 for a system that quillet can work on, else 2.\n"
-    "\n"
-    "Examples:\n"
-    "  quillet-offline info practice.img\n"
-    "  quillet-offline info system.img data.img       one machine with two disks\n"
-    "  quillet-offline info --json practice.img       for programs";
 
 /* ---- For a person ---- */
 
@@ -127,13 +112,15 @@ void printJson(const Sight& sight, bool usable) {
     printf("%s\n", json.text.c_str());
 }
 
-int info(const std::vector<std::string>& images, bool json) {
-    Sight sight = look(images);
-    const std::string why = whyRefused(images);
+} /* namespace */
+
+int info(const InfoOptions& options) {
+    Sight sight = look(options.images);
+    const std::string why = whyRefused(options.images);
     const bool told = std::find(sight.problems.begin(), sight.problems.end(), why) != sight.problems.end();
     if (!why.empty() && !told) sight.problems.push_back(why);
     const bool usable = why.empty() && !sight.machineSid.empty(); /* that has been told, too */
-    if (json) {
+    if (options.json) {
         printJson(sight, usable);
     } else {
         print(sight, usable);
@@ -142,20 +129,5 @@ int info(const std::vector<std::string>& images, bool json) {
     for (const std::string& problem : sight.problems) say(problem);
     return usable ? exitDone : exitFailed;
 }
-
-Runner prepare(CLI::App& app) {
-    struct Options {
-        std::vector<std::string> images;
-        bool json = false;
-    };
-    auto options = std::make_shared<Options>();
-    app.add_option("IMAGE", options->images, "The machine's disks: image files or block devices")->required();
-    app.add_flag("--json", options->json, "Print one JSON object");
-    return [options](const std::vector<std::string>&) { return info(options->images, options->json); };
-}
-
-} /* namespace */
-
-const Command infoCommand = {"info", "Show what is on an installation's disks", help, prepare, false};
 
 } /* namespace companion */

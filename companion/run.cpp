@@ -5,24 +5,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <memory>
 
-#include "companion/command.h"
+#include "companion/commands.h"
 #include "companion/failure.h"
 
 namespace companion {
 namespace {
-
-const char help[] =
-    "Usage: quillet-offline run IMAGE... -- [quillet's options]\n"
-    "\n"
-    "Everything behind \"--\" is passed to quillet; \"quillet -h\" tells its options. The exit status is\n"
-    "quillet's. Changes are made in place: keep a copy of what you can't make again.\n"
-    "\n"
-    "Examples:\n"
-    "  quillet-offline run practice.img -- -s         tells what would change; writes a new server GUID "
-    "alone\n"
-    "  quillet-offline run system.img data.img        one machine with two disks";
 
 /* The value of QUILLET_SYSTEM for these disks. */
 std::string systemVariable(const std::vector<std::string>& images) {
@@ -51,26 +39,19 @@ std::string quilletProgram() {
     return "quillet";
 }
 
-int run(const std::vector<std::string>& images, const std::vector<std::string>& options) {
-    const std::string system = systemVariable(images);
+} /* namespace */
+
+int run(const RunOptions& options) {
+    const std::string system = systemVariable(options.images);
     const std::string program = quilletProgram();
     if (setenv("QUILLET_SYSTEM", system.c_str(), 1) != 0) throw std::bad_alloc();
     std::vector<char*> arguments = {const_cast<char*>("quillet")};
-    for (const std::string& option : options) arguments.push_back(const_cast<char*>(option.c_str()));
+    for (const std::string& option : options.quilletOptions)
+        arguments.push_back(const_cast<char*>(option.c_str()));
     arguments.push_back(nullptr);
     execvp(program.c_str(), arguments.data());
     throw Failure{program + ": can't be started: " + strerror(errno) +
                   "; put quillet beside quillet-offline or on PATH"};
 }
-
-Runner prepare(CLI::App& app) {
-    auto images = std::make_shared<std::vector<std::string>>();
-    app.add_option("IMAGE", *images, "The machine's disks: image files or block devices")->required();
-    return [images](const std::vector<std::string>& options) { return run(*images, options); };
-}
-
-} /* namespace */
-
-const Command runCommand = {"run", "Run quillet on an installation", help, prepare, true};
 
 } /* namespace companion */

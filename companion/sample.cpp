@@ -2,9 +2,8 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <memory>
 
-#include "companion/command.h"
+#include "companion/commands.h"
 #include "companion/failure.h"
 #include "companion/image_file.h"
 #include "companion/machine.h"
@@ -21,42 +20,23 @@ namespace {
 
 using offline::PartitionTable;
 
-const char help[] =
-    "The image is an NTFS volume with the registry, profiles and files of a small Windows installation that\n"
-    "name the accounts of one machine in many ways; nothing on it can be started. Needs the program mkntfs\n"
-    "(package ntfs-3g). Prints the image, the machine's SID, and how many files and directories there are.\n"
-    "\n"
-    "Examples:\n"
-    "  quillet-offline sample practice.img\n"
-    "  quillet-offline sample disk.img --whole-disk gpt --size 256M --files 5000\n"
-    "  quillet-offline sample same.img --machine S-1-5-21-1111-2222-3333 --force";
-
 constexpr uint64_t mebibyte = 1 << 20;
 constexpr uint64_t smallestSize = 32 * mebibyte;
 constexpr uint64_t largestSize = uint64_t{1} << 40;
 constexpr uint64_t roomForFile = 4096; /* bytes: its record, its part of indexes and data */
 
-struct Options {
-    std::string image;
-    uint64_t size = 0; /* bytes; 0: as much as is needed */
-    std::string table; /* "mbr", "gpt", or empty: none */
-    bool force = false;
-    FilesWanted wanted{400, 60};
-    std::string machine; /* empty: a random one */
-};
-
-PartitionTable tableOf(const Options& options) {
+PartitionTable tableOf(const SampleOptions& options) {
     if (options.table.empty()) return PartitionTable::none;
     return options.table == "mbr" ? PartitionTable::mbr : PartitionTable::gpt;
 }
 
 /* Whole mebibytes, so that partitions end where they should. */
-uint64_t imageSize(const Options& options) {
+uint64_t imageSize(const SampleOptions& options) {
     if (options.size != 0 && (options.size < smallestSize || options.size > largestSize)) {
         throw Failure{"--size: " + sizeText(options.size) + " is not between " + sizeText(smallestSize) +
                       " and " + sizeText(largestSize) + "; give a size such as 256M, or none"};
     }
-    const uint64_t needed = 64 * mebibyte + options.wanted.files * roomForFile;
+    const uint64_t needed = 64 * mebibyte + options.files * roomForFile;
     return (options.size != 0 ? options.size : needed) / mebibyte * mebibyte;
 }
 
@@ -90,7 +70,7 @@ std::vector<Extent> extentsOf(int file, const std::string& image) {
 }
 
 /* Makes the volume alone, then moves it to its place on the disk. */
-void makeDisk(ImageFile& image, const Options& options, const Machine& machine) {
+void makeDisk(ImageFile& image, const SampleOptions& options, const Machine& machine) {
     const uint64_t size = imageSize(options);
     const bool whole = tableOf(options) != PartitionTable::none;
     image.setSize(whole ? size - partitionStart - behindPartition : size);
@@ -109,7 +89,7 @@ void check(NTSTATUS status, const offline::Problem& problem, const std::string& 
     if (status < 0) throw Failure{image + ": what was made can't be used (" + problem.text + "); try again"};
 }
 
-size_t fillDisk(const ImageFile& image, const Options& options, const Machine& machine) {
+size_t fillDisk(const ImageFile& image, const SampleOptions& options, const Machine& machine) {
     offline::Problem problem;
     offline::DiskPtr disk;
     std::vector<offline::Partition> partitions;
@@ -118,8 +98,8 @@ size_t fillDisk(const ImageFile& image, const Options& options, const Machine& m
           image.wanted);
     check(offline::diskPartitions(*disk, partitions, problem), problem, image.wanted);
     check(offline::volumeOpen(*disk, partitions.at(0), volume, problem), problem, image.wanted);
-    const size_t entries =
-        fillVolume(*volume, machine, diskIdentity(tableOf(options), machine), options.wanted, image.wanted);
+    const size_t entries = fillVolume(*volume, machine, diskIdentity(tableOf(options), machine),
+                                      {options.files, options.descriptors}, image.wanted);
     if (offline::volumeClose(std::move(volume)) < 0 || offline::diskSync(*disk) < 0) {
         throw Failure{image.wanted + ": could not be written whole; check the room on the disk"};
     }
@@ -136,7 +116,9 @@ void refuseWhenInUse(const std::string& image) {
     }
 }
 
-int sample(const Options& options) {
+} /* namespace */
+
+int sample(const SampleOptions& options) {
     const Machine machine = options.machine.empty() ? randomMachine() : machineFromText(options.machine);
     ImageFile image(options.image, options.force);
     refuseWhenInUse(options.image);
@@ -148,31 +130,5 @@ int sample(const Options& options) {
            entries);
     return exitDone;
 }
-
-Runner prepare(CLI::App& app) {
-    auto options = std::make_shared<Options>();
-    app.add_option("IMAGE", options->image, "The file to be made")->required();
-    app.add_option("--size", options->size, "The image's size, such as 256M (what the files need)")
-        ->transform(CLI::AsSizeValue(false).description(""))
-        ->type_name("SIZE");
-    app.add_option("--whole-disk", options->table, "A whole disk with this partition table: mbr or gpt")
-        ->check(CLI::IsMember({"mbr", "gpt"}).description(""))
-        ->type_name("TABLE");
-    app.add_flag("--force", options->force, "Replace the file when it is there");
-    app.add_option("--files", options->wanted.files, "How many ordinary files (400)")
-        ->check(CLI::Range(0, 1000000).description(""))
-        ->type_name("N");
-    app.add_option("--descriptors", options->wanted.descriptors,
-                   "How many different security descriptors among them (60)")
-        ->check(CLI::Range(1, 100000).description(""))
-        ->type_name("N");
-    app.add_option("--machine", options->machine, "The machine's SID (a random one)")->type_name("SID");
-    return [options](const std::vector<std::string>&) { return sample(*options); };
-}
-
-} /* namespace */
-
-const Command sampleCommand = {"sample", "Make a practice installation on a new disk image", help, prepare,
-                               false};
 
 } /* namespace companion */

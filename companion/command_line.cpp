@@ -1,0 +1,216 @@
+/* The command line: every option of every command, as the library parses it. The one file that knows the
+ * library. */
+#include "companion/command_line.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+
+#include "companion/commands.h"
+#include "companion/failure.h"
+
+namespace companion {
+namespace {
+
+/* ---- What the help says ---- */
+
+const char programHelp[] =
+    "Examples:\n"
+    "  quillet-offline sample practice.img            a practice installation, to try things on\n"
+    "  quillet-offline info practice.img              what is on it\n"
+    "  quillet-offline run practice.img -- -s         quillet on it; -s only tells what would change\n"
+    "\n"
+    "\"quillet-offline COMMAND --help\" tells more about a command.";
+
+const char sampleHelp[] =
+    "The image is an NTFS volume with the registry, profiles and files of a small Windows installation that\n"
+    "name the accounts of one machine in many ways; nothing on it can be started. Needs the program mkntfs\n"
+    "(package ntfs-3g). Prints the image, the machine's SID, and how many files and directories there are.\n"
+    "\n"
+    "Examples:\n"
+    "  quillet-offline sample practice.img\n"
+    "  quillet-offline sample disk.img --whole-disk gpt --size 256M --files 5000\n"
+    "  quillet-offline sample same.img --machine S-1-5-21-1111-2222-3333 --force";
+
+const char infoHelp[] =
+    "Shows the disks, the volumes with their drive letters, the Windows installation, its machine SID and\n"
+    "the state of its registry hives. Nothing is written. What is wrong goes to standard error, a line "
+    "each.\n"
+    "A hive that is \"logged\" has its last changes in its log files, from where they are read. A user's "
+    "hive\n"
+    "that is damaged or dirty is named; a run passes it over.\n"
+    "The exit status is 0 for a system that quillet can work on, else 2.\n"
+    "\n"
+    "Examples:\n"
+    "  quillet-offline info practice.img\n"
+    "  quillet-offline info system.img data.img       one machine with two disks\n"
+    "  quillet-offline info --json practice.img       for programs";
+
+const char auditHelp[] =
+    "Usage: quillet-offline audit [OPTIONS] IMAGE... [SID]\n"
+    "\n"
+    "Looks for a machine's SID, and for those of its accounts, in the security descriptors of files and "
+    "keys,\n"
+    "in names of keys and in values, and counts what quillet would rewrite and what it leaves alone by "
+    "design.\n"
+    "Nothing is written. SID is the machine's of the installation when none is given; after a run of "
+    "quillet,\n"
+    "give the one from before. What can't be looked at goes to standard error, a line each. The exit status "
+    "is\n"
+    "0 when nothing that quillet treats holds the SID, 1 when something does, 2 when not all could be seen.\n"
+    "\n"
+    "Examples:\n"
+    "  quillet-offline audit practice.img\n"
+    "  quillet-offline audit practice.img S-1-5-21-1111-2222-3333\n"
+    "  quillet-offline audit --all system.img data.img       every place, on one machine with two disks";
+
+const char runHelp[] =
+    "Usage: quillet-offline run IMAGE... -- [quillet's options]\n"
+    "\n"
+    "Everything behind \"--\" is passed to quillet; \"quillet -h\" tells its options. The exit status is\n"
+    "quillet's. Changes are made in place: keep a copy of what you can't make again.\n"
+    "\n"
+    "Examples:\n"
+    "  quillet-offline run practice.img -- -s         tells what would change; writes a new server GUID "
+    "alone\n"
+    "  quillet-offline run system.img data.img        one machine with two disks";
+
+/* ---- The options of each command ---- */
+
+void declareImages(CLI::App& app, std::vector<std::string>& images) {
+    app.add_option("IMAGE", images, "The machine's disks: image files or block devices")->required();
+}
+
+void declare(CLI::App& app, SampleOptions& options) {
+    app.add_option("IMAGE", options.image, "The file to be made")->required();
+    app.add_option("--size", options.size, "The image's size, such as 256M (what the files need)")
+        ->transform(CLI::AsSizeValue(false).description(""))
+        ->type_name("SIZE");
+    app.add_option("--whole-disk", options.table, "A whole disk with this partition table: mbr or gpt")
+        ->check(CLI::IsMember({"mbr", "gpt"}).description(""))
+        ->type_name("TABLE");
+    app.add_flag("--force", options.force, "Replace the file when it is there");
+    app.add_option("--files", options.files, "How many ordinary files (400)")
+        ->check(CLI::Range(0, 1000000).description(""))
+        ->type_name("N");
+    app.add_option("--descriptors", options.descriptors,
+                   "How many different security descriptors among them (60)")
+        ->check(CLI::Range(1, 100000).description(""))
+        ->type_name("N");
+    app.add_option("--machine", options.machine, "The machine's SID (a random one)")->type_name("SID");
+}
+
+void declare(CLI::App& app, InfoOptions& options) {
+    declareImages(app, options.images);
+    app.add_flag("--json", options.json, "Print one JSON object");
+}
+
+void declare(CLI::App& app, AuditOptions& options) {
+    declareImages(app, options.images);
+    app.add_option("--sid", options.sid, "The SID to look for (the machine's)")->type_name("SID");
+    app.add_flag("--all", options.all, "List every place");
+    app.add_flag("--json", options.json, "Print one JSON object");
+}
+
+void declare(CLI::App& app, RunOptions& options) {
+    declareImages(app, options.images);
+}
+
+/* ---- The commands ---- */
+
+struct Options {
+    SampleOptions sample;
+    InfoOptions info;
+    AuditOptions audit;
+    RunOptions run;
+};
+
+struct Command {
+    const char* name;
+    const char* summary;
+    const char* help; /* below the options in the command's help, with an example */
+    void (*declare)(CLI::App& app, Options& options);
+    int (*perform)(const Options& options);
+    bool takesRest = false; /* whether arguments behind "--" are passed on */
+};
+
+const Command commands[] = {
+    {"sample", "Make a practice installation on a new disk image", sampleHelp,
+     [](CLI::App& app, Options& options) { declare(app, options.sample); },
+     [](const Options& options) { return sample(options.sample); }},
+    {"info", "Show what is on an installation's disks", infoHelp,
+     [](CLI::App& app, Options& options) { declare(app, options.info); },
+     [](const Options& options) { return info(options.info); }},
+    {"audit", "Show where a machine's SID stands", auditHelp,
+     [](CLI::App& app, Options& options) { declare(app, options.audit); },
+     [](const Options& options) { return audit(options.audit); }},
+    {"run", "Run quillet on an installation", runHelp,
+     [](CLI::App& app, Options& options) { declare(app, options.run); },
+     [](const Options& options) { return run(options.run); }, true},
+};
+
+const Command& commandNamed(const std::string& name) {
+    for (const Command& command : commands) {
+        if (name == command.name) return command;
+    }
+    throw Failure{"\"" + name + "\" is no command; see \"quillet-offline --help\""};
+}
+
+void declareAll(CLI::App& app, Options& options) {
+    app.set_version_flag("--version", std::string("quillet-offline ") + QUILLET_VERSION,
+                         "Print the version and exit");
+    app.set_help_flag("-h,--help", "Print this help and exit");
+    app.require_subcommand(1);
+    app.footer(programHelp);
+    for (const Command& command : commands) {
+        CLI::App* sub = app.add_subcommand(command.name, command.summary);
+        sub->footer(command.help);
+        command.declare(*sub, options);
+    }
+}
+
+/* The library's text in the form of this program's errors: one line. */
+std::string usageError(const CLI::ParseError& error, const std::string& command) {
+    std::string text = error.what();
+    while (!text.empty() && (text.back() == '\n' || text.back() == '.')) text.pop_back();
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    return text + "; see \"quillet-offline " + command + "--help\"";
+}
+
+/* Takes what stands behind "--" out of the arguments. False when there is no "--". */
+bool takeRest(std::vector<std::string>& arguments, std::vector<std::string>& rest) {
+    const auto split = std::find(arguments.begin(), arguments.end(), "--");
+    if (split == arguments.end()) return false;
+    rest.assign(split + 1, arguments.end());
+    arguments.erase(split, arguments.end());
+    return true;
+}
+
+} /* namespace */
+
+int runCommandLine(std::vector<std::string> arguments) {
+    Options options;
+    const bool restGiven = takeRest(arguments, options.run.quilletOptions);
+    if (arguments.empty()) throw Failure{"no command is given; see \"quillet-offline --help\""};
+    const bool isOption = arguments.front().rfind('-', 0) == 0;
+    const std::string name = isOption ? "" : std::string(commandNamed(arguments.front()).name) + ' ';
+    std::reverse(arguments.begin(), arguments.end()); /* as the library wants them */
+
+    CLI::App app{"Prepares, shows and changes Windows installations on disk images and block devices.",
+                 "quillet-offline"};
+    declareAll(app, options);
+    try {
+        app.parse(arguments);
+    } catch (const CLI::Success& asked) { /* help or the version */
+        return app.exit(asked);
+    } catch (const CLI::ParseError& error) {
+        throw Failure{usageError(error, name)};
+    }
+    const Command& chosen = commandNamed(app.get_subcommands().front()->get_name());
+    if (restGiven && !chosen.takesRest) {
+        throw Failure{std::string(chosen.name) + " takes no arguments behind \"--\"; see \"quillet-offline " +
+                      chosen.name + " --help\""};
+    }
+    return chosen.perform(options);
+}
+
+} /* namespace companion */

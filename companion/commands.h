@@ -1,0 +1,46 @@
+/* The commands of the program, each in a file of its own. command_line.cpp declares their options and calls
+ * them. Each gives the exit status and may throw Failure. */
+#ifndef QUILLET_COMPANION_COMMANDS_H
+#define QUILLET_COMPANION_COMMANDS_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace companion {
+
+struct SampleOptions {
+    std::string image;
+    uint64_t size = 0; /* bytes; 0: as much as is needed */
+    std::string table; /* "mbr", "gpt", or empty: none */
+    bool force = false;
+    size_t files = 400;      /* ordinary ones */
+    size_t descriptors = 60; /* different ones among them */
+    std::string machine;     /* a SID; empty: a random one */
+};
+int sample(const SampleOptions& options);
+
+struct InfoOptions {
+    std::vector<std::string> images;
+    bool json = false;
+};
+int info(const InfoOptions& options);
+
+struct AuditOptions {
+    std::vector<std::string> images; /* the last may be a SID */
+    std::string sid;
+    bool all = false;
+    bool json = false;
+};
+int audit(AuditOptions options);
+
+struct RunOptions {
+    std::vector<std::string> images;
+    std::vector<std::string> quilletOptions; /* what stood behind "--" */
+};
+int run(const RunOptions& options);
+
+} /* namespace companion */
+
+#endif
