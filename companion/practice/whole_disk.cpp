@@ -1,5 +1,5 @@
 /* Partition tables: an MBR, or a GPT as UEFI firmware reads it. */
-#include "companion/whole_disk.h"
+#include "companion/practice/whole_disk.h"
 
 #include <unistd.h>
 

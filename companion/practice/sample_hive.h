@@ -1,6 +1,6 @@
 /* Hives made from tables of keys and values. */
-#ifndef QUILLET_COMPANION_SAMPLE_HIVE_H
-#define QUILLET_COMPANION_SAMPLE_HIVE_H
+#ifndef QUILLET_COMPANION_PRACTICE_SAMPLE_HIVE_H
+#define QUILLET_COMPANION_PRACTICE_SAMPLE_HIVE_H
 
 #include <cstdint>
 #include <string>
@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "companion/machine.h"
-#include "companion/sample_descriptors.h"
+#include "companion/practice/sample_descriptors.h"
 
 namespace companion {
 

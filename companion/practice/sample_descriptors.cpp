@@ -1,4 +1,4 @@
-#include "companion/sample_descriptors.h"
+#include "companion/practice/sample_descriptors.h"
 
 #include <algorithm>
 

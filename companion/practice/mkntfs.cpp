@@ -1,4 +1,4 @@
-#include "companion/mkntfs.h"
+#include "companion/practice/mkntfs.h"
 
 #include <fcntl.h>
 #include <spawn.h>

@@ -1,6 +1,6 @@
 /* The security descriptors of a practice installation: plain ones, and many shapes that name its accounts. */
-#ifndef QUILLET_COMPANION_SAMPLE_DESCRIPTORS_H
-#define QUILLET_COMPANION_SAMPLE_DESCRIPTORS_H
+#ifndef QUILLET_COMPANION_PRACTICE_SAMPLE_DESCRIPTORS_H
+#define QUILLET_COMPANION_PRACTICE_SAMPLE_DESCRIPTORS_H
 
 #include <cstddef>
 #include <cstdint>

@@ -1,7 +1,7 @@
 /* SECURITY: the machine's policy, which names its SID and what its accounts may do. */
 #include <cstdint>
 
-#include "companion/sample_hive.h"
+#include "companion/practice/sample_hive.h"
 
 namespace companion {
 namespace {

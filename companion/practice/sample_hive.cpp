@@ -1,4 +1,4 @@
-#include "companion/sample_hive.h"
+#include "companion/practice/sample_hive.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,5 +1,5 @@
 /* The hives of users: the default one, those of accounts, those of services. */
-#include "companion/sample_hive.h"
+#include "companion/practice/sample_hive.h"
 
 namespace companion {
 namespace {

@@ -1,7 +1,7 @@
 /* SAM: the accounts of the machine. */
 #include <cstring>
 
-#include "companion/sample_hive.h"
+#include "companion/practice/sample_hive.h"
 #include "companion/text.h"
 
 namespace companion {

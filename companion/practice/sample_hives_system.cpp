@@ -1,5 +1,5 @@
 /* SYSTEM: control sets, services, environment strings, and what disk has which drive letter. */
-#include "companion/sample_hive.h"
+#include "companion/practice/sample_hive.h"
 #include "companion/text.h"
 
 namespace companion {

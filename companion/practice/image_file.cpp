@@ -1,4 +1,4 @@
-#include "companion/image_file.h"
+#include "companion/practice/image_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

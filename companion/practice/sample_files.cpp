@@ -1,4 +1,4 @@
-#include "companion/sample_files.h"
+#include "companion/practice/sample_files.h"
 
 #include "companion/failure.h"
 #include "companion/text.h"

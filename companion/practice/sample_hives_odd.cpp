@@ -1,6 +1,6 @@
 /* Keys that a walk over a registry must bear: every shape of descriptor, names of every kind, links, depth.
  */
-#include "companion/sample_hive.h"
+#include "companion/practice/sample_hive.h"
 #include "companion/text.h"
 
 namespace companion {

@@ -1,5 +1,5 @@
 /* SOFTWARE: the installation's version, its profiles, and much else that names accounts. */
-#include "companion/sample_hive.h"
+#include "companion/practice/sample_hive.h"
 #include "companion/text.h"
 
 namespace companion {

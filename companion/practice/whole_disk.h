@@ -1,12 +1,12 @@
 /* A disk with a partition table and one partition. */
-#ifndef QUILLET_COMPANION_WHOLE_DISK_H
-#define QUILLET_COMPANION_WHOLE_DISK_H
+#ifndef QUILLET_COMPANION_PRACTICE_WHOLE_DISK_H
+#define QUILLET_COMPANION_PRACTICE_WHOLE_DISK_H
 
 #include <cstdint>
 #include <string>
 
 #include "companion/machine.h"
-#include "companion/sample_hive.h"
+#include "companion/practice/sample_hive.h"
 #include "platform/offline/volume/disk.h"
 
 namespace companion {

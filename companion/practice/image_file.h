@@ -1,6 +1,6 @@
 /* A file that appears under its name only when it is whole. */
-#ifndef QUILLET_COMPANION_IMAGE_FILE_H
-#define QUILLET_COMPANION_IMAGE_FILE_H
+#ifndef QUILLET_COMPANION_PRACTICE_IMAGE_FILE_H
+#define QUILLET_COMPANION_PRACTICE_IMAGE_FILE_H
 
 #include <cstdint>
 #include <string>

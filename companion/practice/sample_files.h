@@ -1,11 +1,11 @@
 /* The files and directories of a practice installation. */
-#ifndef QUILLET_COMPANION_SAMPLE_FILES_H
-#define QUILLET_COMPANION_SAMPLE_FILES_H
+#ifndef QUILLET_COMPANION_PRACTICE_SAMPLE_FILES_H
+#define QUILLET_COMPANION_PRACTICE_SAMPLE_FILES_H
 
 #include <cstddef>
 
 #include "companion/machine.h"
-#include "companion/sample_hive.h"
+#include "companion/practice/sample_hive.h"
 #include "platform/offline/volume/volume.h"
 
 namespace companion {

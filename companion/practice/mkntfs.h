@@ -1,6 +1,6 @@
 /* An empty NTFS volume, made by the program mkntfs. */
-#ifndef QUILLET_COMPANION_MKNTFS_H
-#define QUILLET_COMPANION_MKNTFS_H
+#ifndef QUILLET_COMPANION_PRACTICE_MKNTFS_H
+#define QUILLET_COMPANION_PRACTICE_MKNTFS_H
 
 #include <cstdint>
 #include <string>
