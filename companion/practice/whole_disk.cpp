@@ -2,25 +2,23 @@
 #include "companion/practice/whole_disk.h"
 
 #include <unistd.h>
+#include <zlib.h>
 
 #include <cerrno>
 #include <cstring>
 
 #include "companion/failure.h"
+#include "platform/offline/volume/partition_layout.h"
 
 namespace companion {
 namespace {
 
 using offline::PartitionTable;
+namespace gpt = offline::gpt;
+namespace mbr = offline::mbr;
 
 constexpr uint32_t sectorSize = 512;
-constexpr uint32_t tableEntries = 128;
-constexpr uint32_t entrySize = 128;
-constexpr uint32_t tableSectors = tableEntries * entrySize / sectorSize;
-constexpr uint8_t ntfsPartition = 0x07;
-constexpr uint8_t gptProtection = 0xEE;
-constexpr uint8_t basicDataPartition[16] = {0xA2, 0xA0, 0xD0, 0xEB, 0xE5, 0xB9, 0x33, 0x44,
-                                            0x87, 0xC0, 0x68, 0xB6, 0xB7, 0x26, 0x99, 0xC7};
+constexpr uint32_t tableSectors = gpt::usualEntryCount * gpt::usualEntrySize / sectorSize;
 
 template <typename Number>
 void put(Bytes& bytes, size_t at, Number number) {
@@ -47,40 +45,35 @@ Bytes guid(const Machine& machine, uint8_t number) {
     out[8] = static_cast<uint8_t>((out[8] & 0x3F) | 0x80);
     return out;
 }
-constexpr uint8_t diskGuid = 1, partitionGuid = 2;
+constexpr uint8_t diskNumber = 1, partitionNumber = 2;
 
-uint32_t crc32(std::span<const uint8_t> bytes) {
-    uint32_t crc = 0xFFFFFFFF;
-    for (const uint8_t byte : bytes) {
-        crc ^= byte;
-        for (int bit = 0; bit < 8; bit++) crc = crc >> 1 ^ ((crc & 1) != 0 ? 0xEDB88320u : 0);
-    }
-    return ~crc;
+uint32_t checksum(std::span<const uint8_t> bytes) {
+    return static_cast<uint32_t>(crc32_z(0, bytes.data(), bytes.size()));
 }
 
 Bytes mbrSector(uint32_t signature, uint8_t type, uint64_t firstSector, uint64_t sectors) {
-    Bytes mbr(sectorSize);
-    constexpr size_t entry = 446;
-    put(mbr, 440, signature);
-    mbr[entry] = type == ntfsPartition ? 0x80 : 0; /* the one to start from */
-    memcpy(&mbr[entry + 1], "\xFE\xFF\xFF", 3);    /* what cylinders can't say */
-    mbr[entry + 4] = type;
-    memcpy(&mbr[entry + 5], "\xFE\xFF\xFF", 3);
-    put(mbr, entry + 8, static_cast<uint32_t>(firstSector));
-    put(mbr, entry + 12, static_cast<uint32_t>(std::min<uint64_t>(sectors, 0xFFFFFFFF)));
-    put(mbr, 510, uint16_t{0xAA55});
-    return mbr;
+    Bytes sector(sectorSize);
+    constexpr size_t entry = mbr::entries;
+    put(sector, mbr::diskSignature, signature);
+    sector[entry + mbr::status] = type == mbr::typeNtfs ? mbr::active : 0; /* the one to start from */
+    memcpy(&sector[entry + 1], "\xFE\xFF\xFF", 3);                         /* what cylinders can't say */
+    sector[entry + mbr::type] = type;
+    memcpy(&sector[entry + 5], "\xFE\xFF\xFF", 3);
+    put(sector, entry + mbr::firstSector, static_cast<uint32_t>(firstSector));
+    put(sector, entry + mbr::sectorCount, static_cast<uint32_t>(std::min<uint64_t>(sectors, 0xFFFFFFFF)));
+    put(sector, mbr::bootMark, mbr::bootMarkValue);
+    return sector;
 }
 
 Bytes gptEntries(const Machine& machine, uint64_t firstSector, uint64_t lastSector) {
-    Bytes table(tableEntries * entrySize);
-    const Bytes own = guid(machine, partitionGuid);
+    Bytes table(gpt::usualEntryCount * gpt::usualEntrySize);
+    const Bytes own = guid(machine, partitionNumber);
     const Bytes name = utf16Bytes(u"Basic data partition");
-    memcpy(&table[0], basicDataPartition, sizeof basicDataPartition);
-    memcpy(&table[16], own.data(), own.size());
-    put(table, 32, firstSector);
-    put(table, 40, lastSector);
-    memcpy(&table[56], name.data(), name.size());
+    memcpy(&table[gpt::entryType], gpt::basicData.data(), gpt::basicData.size());
+    memcpy(&table[gpt::entryGuid], own.data(), own.size());
+    put(table, gpt::entryFirst, firstSector);
+    put(table, gpt::entryLast, lastSector);
+    memcpy(&table[gpt::entryName], name.data(), name.size());
     return table;
 }
 
@@ -89,21 +82,21 @@ struct GptPlaces {
 };
 
 Bytes gptHeader(const Machine& machine, const GptPlaces& places, uint64_t diskSectors, const Bytes& entries) {
-    constexpr uint32_t headerSize = 92;
     Bytes header(sectorSize);
-    const Bytes own = guid(machine, diskGuid);
-    memcpy(&header[0], "EFI PART\0\0\1\0", 12);
-    put(header, 12, headerSize);
-    put(header, 24, places.header);
-    put(header, 32, places.otherHeader);
-    put(header, 40, uint64_t{2 + tableSectors});     /* the first sector for partitions */
-    put(header, 48, diskSectors - 2 - tableSectors); /* and the last */
-    memcpy(&header[56], own.data(), own.size());
-    put(header, 72, places.entries);
-    put(header, 80, tableEntries);
-    put(header, 84, entrySize);
-    put(header, 88, crc32(entries));
-    put(header, 16, crc32(std::span(header).first(headerSize)));
+    const Bytes own = guid(machine, diskNumber);
+    memcpy(&header[0], gpt::signature, gpt::signatureSize);
+    put(header, gpt::revision, gpt::revision1);
+    put(header, gpt::headerLength, uint32_t{gpt::headerSize});
+    put(header, gpt::headerSector, places.header);
+    put(header, gpt::otherHeaderSector, places.otherHeader);
+    put(header, gpt::firstUsable, uint64_t{2 + tableSectors});    /* the first sector for partitions */
+    put(header, gpt::lastUsable, diskSectors - 2 - tableSectors); /* and the last */
+    memcpy(&header[gpt::diskGuid], own.data(), own.size());
+    put(header, gpt::entriesSector, places.entries);
+    put(header, gpt::entryCount, gpt::usualEntryCount);
+    put(header, gpt::entrySize, gpt::usualEntrySize);
+    put(header, gpt::entriesCrc, checksum(entries));
+    put(header, gpt::headerCrc, checksum(std::span(header).first(gpt::headerSize)));
     return header;
 }
 
@@ -113,7 +106,7 @@ void writeGpt(int file, uint64_t size, const Machine& machine, const std::string
     const Bytes entries =
         gptEntries(machine, partitionStart / sectorSize, (size - behindPartition) / sectorSize - 1);
     const GptPlaces primary = {1, last, 2}, backup = {last, 1, last - tableSectors};
-    writeAll(file, 0, mbrSector(0, gptProtection, 1, last), image);
+    writeAll(file, 0, mbrSector(0, mbr::typeProtective, 1, last), image);
     for (const GptPlaces& places : {primary, backup}) {
         writeAll(file, places.header * sectorSize, gptHeader(machine, places, sectors, entries), image);
         writeAll(file, places.entries * sectorSize, entries, image);
@@ -131,7 +124,7 @@ DiskIdentity diskIdentity(PartitionTable table, const Machine& machine) {
         put(name, 4, partitionStart);
     } else {
         static const char tag[] = "DMIO:ID:";
-        const Bytes own = guid(machine, partitionGuid);
+        const Bytes own = guid(machine, partitionNumber);
         name.assign(tag, tag + 8);
         name.insert(name.end(), own.begin(), own.end());
     }
@@ -142,7 +135,7 @@ void writePartitionTable(int file, uint64_t size, PartitionTable table, const Ma
                          const std::string& image) {
     if (table == PartitionTable::gpt) return writeGpt(file, size, machine, image);
     const uint64_t sectors = (size - partitionStart - behindPartition) / sectorSize;
-    writeAll(file, 0, mbrSector(mbrSignature(machine), ntfsPartition, partitionStart / sectorSize, sectors),
+    writeAll(file, 0, mbrSector(mbrSignature(machine), mbr::typeNtfs, partitionStart / sectorSize, sectors),
              image);
 }
 

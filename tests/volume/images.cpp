@@ -1,6 +1,7 @@
 #include "tests/volume/images.h"
 
 #include <sys/types.h>
+#include <zlib.h>
 
 #include <array>
 #include <cerrno>
@@ -9,6 +10,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+
+#include "platform/offline/volume/partition_layout.h"
 
 extern "C" {
 ssize_t __real_pread(int file, void* bytes, size_t count, off_t offset);
@@ -139,27 +142,16 @@ void putMbr(Bytes& disk, const std::vector<TablePart>& parts) {
     }
 }
 
-static uint32_t crc32(const uint8_t* bytes, size_t count) {
-    uint32_t crc = 0xFFFFFFFF;
-    for (size_t i = 0; i < count; ++i) {
-        crc ^= bytes[i];
-        for (int bit = 0; bit < 8; ++bit) crc = crc >> 1 ^ (0xEDB88320 & (0 - (crc & 1)));
-    }
-    return ~crc;
-}
-
 void sealGptHeader(Bytes& disk, size_t offset) {
     put<uint32_t>(disk, offset + 16, 0);
-    put<uint32_t>(disk, offset + 16, crc32(disk.data() + offset, 92));
+    put<uint32_t>(disk, offset + 16, static_cast<uint32_t>(crc32_z(0, disk.data() + offset, 92)));
 }
 
 static void putGptCopy(Bytes& disk, size_t sectorSize, uint64_t header, uint64_t array,
                        const std::vector<TablePart>& parts) {
-    static constexpr uint8_t basicData[16] = {0xA2, 0xA0, 0xD0, 0xEB, 0xE5, 0xB9, 0x33, 0x44,
-                                              0x87, 0xC0, 0x68, 0xB6, 0xB7, 0x26, 0x99, 0xC7};
     for (size_t i = 0; i < parts.size(); ++i) {
         size_t entry = array * sectorSize + 128 * i;
-        std::memcpy(disk.data() + entry, basicData, 16);
+        std::memcpy(disk.data() + entry, offline::gpt::basicData.data(), 16);
         std::memset(disk.data() + entry + 16, static_cast<int>(i + 1), 16);
         put<uint64_t>(disk, entry + 32, parts[i].start);
         put<uint64_t>(disk, entry + 40, parts[i].start + parts[i].count - 1);
@@ -172,7 +164,8 @@ static void putGptCopy(Bytes& disk, size_t sectorSize, uint64_t header, uint64_t
     put<uint64_t>(disk, at + 72, array);
     put<uint32_t>(disk, at + 80, 128);
     put<uint32_t>(disk, at + 84, 128);
-    put<uint32_t>(disk, at + 88, crc32(disk.data() + array * sectorSize, 128 * 128));
+    put<uint32_t>(disk, at + 88,
+                  static_cast<uint32_t>(crc32_z(0, disk.data() + array * sectorSize, 128 * 128)));
     sealGptHeader(disk, at);
 }
 

@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <array>
 
+#include "platform/offline/volume/partition_layout.h"
 #include "platform/offline/volume/partition_table.h"
 
 namespace offline {
 namespace {
 
-constexpr size_t entriesOffset = 446, entrySize = 16, entryCount = 4, diskSignatureOffset = 440;
 constexpr unsigned firstLogical = 5;
 constexpr unsigned largestChain =
     128; /* logical partitions of a disk; bounds a chain that runs in a circle */
@@ -21,21 +21,22 @@ struct Entry {
 };
 
 Entry entryAt(Bytes sector, size_t index) {
-    Bytes entry = sector.subspan(entriesOffset + index * entrySize, entrySize);
-    return {entry[0], entry[4], numberAt<uint32_t>(entry, 8), numberAt<uint32_t>(entry, 12)};
+    Bytes entry = sector.subspan(mbr::entries + index * mbr::entrySize, mbr::entrySize);
+    return {entry[mbr::status], entry[mbr::type], numberAt<uint32_t>(entry, mbr::firstSector),
+            numberAt<uint32_t>(entry, mbr::sectorCount)};
 }
 
 bool isExtended(uint8_t type) {
-    return type == 0x05 || type == 0x0F || type == 0x85;
+    return type == mbr::typeExtended || type == mbr::typeExtendedLba || type == mbr::typeExtendedLinux;
 }
 bool isForNtfs(uint8_t type) {
-    return type == 0x07 || type == 0x17 || type == 0x27;
+    return type == mbr::typeNtfs || type == mbr::typeNtfsHidden || type == mbr::typeRecovery;
 }
 
 bool isTable(Bytes sector) {
-    if (numberAt<uint16_t>(sector, 510) != 0xAA55) return false;
-    for (size_t i = 0; i < entryCount; ++i) {
-        if ((entryAt(sector, i).status & 0x7F) != 0) return false;
+    if (numberAt<uint16_t>(sector, mbr::bootMark) != mbr::bootMarkValue) return false;
+    for (size_t i = 0; i < mbr::entryCount; ++i) {
+        if ((entryAt(sector, i).status & ~mbr::active) != 0) return false;
     }
     return true;
 }
@@ -55,7 +56,7 @@ struct Reader {
         found.partition.mbrSignature = signature;
         found.number = number;
         found.forNtfs = isForNtfs(entry.type);
-        found.dynamicDisk = entry.type == 0x42;
+        found.dynamicDisk = entry.type == mbr::typeDynamic;
         entries.push_back(found);
     }
 
@@ -86,11 +87,11 @@ struct Reader {
 TableState readMbr(Disk& disk, Bytes sector, uint32_t sectorSize, std::vector<TableEntry>& entries,
                    std::string& fault) {
     if (sector.size() < 512 || !isTable(sector)) return TableState::absent;
-    for (size_t i = 0; i < entryCount; ++i) {
-        if (entryAt(sector, i).type == 0xEE) return TableState::protective;
+    for (size_t i = 0; i < mbr::entryCount; ++i) {
+        if (entryAt(sector, i).type == mbr::typeProtective) return TableState::protective;
     }
-    Reader reader{disk, sectorSize, numberAt<uint32_t>(sector, diskSignatureOffset), entries};
-    for (size_t i = 0; i < entryCount; ++i) {
+    Reader reader{disk, sectorSize, numberAt<uint32_t>(sector, mbr::diskSignature), entries};
+    for (size_t i = 0; i < mbr::entryCount; ++i) {
         Entry entry = entryAt(sector, i);
         if (entry.type == 0 || entry.count == 0) continue;
         if (!isExtended(entry.type)) {
