@@ -6,11 +6,11 @@
 
 #include "companion/commands.h"
 #include "companion/failure.h"
+#include "companion/formatting.h"
 #include "companion/json.h"
 #include "companion/machine.h"
-#include "companion/text.h"
-#include "platform/offline/base/text.h"
-#include "platform/offline/descriptor/sid.h"
+#include "platform/offline/base/unicode.h"
+#include "platform/offline/descriptor/sid_format.h"
 
 namespace companion {
 namespace {

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "companion/audit_match.h"
-#include "companion/look.h"
+#include "companion/survey.h"
 
 namespace companion {
 

@@ -4,8 +4,8 @@
 
 #include "companion/machine.h"
 #include "platform/nt.h"
-#include "platform/offline/base/text.h"
-#include "platform/offline/descriptor/sid.h"
+#include "platform/offline/base/unicode.h"
+#include "platform/offline/descriptor/sid_format.h"
 
 namespace companion {
 namespace {

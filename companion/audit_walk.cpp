@@ -5,8 +5,8 @@
 #include <unordered_set>
 
 #include "companion/audit.h"
-#include "companion/text.h"
-#include "platform/offline/base/text.h"
+#include "companion/formatting.h"
+#include "platform/offline/base/unicode.h"
 #include "platform/offline/files/drives.h"
 #include "platform/offline/system/hive_files.h"
 #include "platform/offline/system/installation.h"

@@ -4,10 +4,10 @@
 
 #include "companion/commands.h"
 #include "companion/failure.h"
+#include "companion/formatting.h"
 #include "companion/json.h"
-#include "companion/look.h"
-#include "companion/text.h"
-#include "platform/offline/base/text.h"
+#include "companion/survey.h"
+#include "platform/offline/base/unicode.h"
 
 namespace companion {
 namespace {

@@ -3,7 +3,7 @@
 #include <array>
 #include <cstdio>
 
-#include "platform/offline/base/text.h"
+#include "platform/offline/base/unicode.h"
 
 namespace companion {
 

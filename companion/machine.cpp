@@ -5,9 +5,9 @@
 #include <cstring>
 
 #include "companion/failure.h"
-#include "companion/text.h"
-#include "platform/offline/base/text.h"
-#include "platform/offline/descriptor/sid.h"
+#include "companion/formatting.h"
+#include "platform/offline/base/unicode.h"
+#include "platform/offline/descriptor/sid_format.h"
 #include "platform/offline/system/machine_hives.h"
 
 namespace companion {

@@ -11,7 +11,7 @@
 #include "companion/failure.h"
 #include "platform/offline/base/session.h"
 #include "platform/offline/base/streams.h"
-#include "platform/offline/base/text.h"
+#include "platform/offline/base/unicode.h"
 
 namespace companion {
 

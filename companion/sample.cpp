@@ -5,13 +5,13 @@
 
 #include "companion/commands.h"
 #include "companion/failure.h"
+#include "companion/formatting.h"
 #include "companion/machine.h"
 #include "companion/practice/image_file.h"
 #include "companion/practice/mkntfs.h"
 #include "companion/practice/sample_files.h"
 #include "companion/practice/whole_disk.h"
-#include "companion/text.h"
-#include "platform/offline/base/text.h"
+#include "platform/offline/base/unicode.h"
 #include "platform/offline/volume/disk.h"
 #include "platform/offline/volume/volume.h"
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "companion/text.h"
+#include "companion/formatting.h"
 #include "platform/nt.h"
 
 namespace companion {

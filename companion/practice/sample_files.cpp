@@ -1,8 +1,8 @@
 #include "companion/practice/sample_files.h"
 
 #include "companion/failure.h"
-#include "companion/text.h"
-#include "platform/offline/base/text.h"
+#include "companion/formatting.h"
+#include "platform/offline/base/unicode.h"
 
 namespace companion {
 namespace {

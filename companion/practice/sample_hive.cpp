@@ -4,8 +4,8 @@
 #include <cstring>
 
 #include "companion/failure.h"
-#include "companion/text.h"
-#include "platform/offline/base/text.h"
+#include "companion/formatting.h"
+#include "platform/offline/base/unicode.h"
 #include "platform/offline/hive/hive.h"
 
 namespace companion {

@@ -1,7 +1,7 @@
 /* Keys that a walk over a registry must bear: every shape of descriptor, names of every kind, links, depth.
  */
+#include "companion/formatting.h"
 #include "companion/practice/sample_hive.h"
-#include "companion/text.h"
 
 namespace companion {
 namespace {

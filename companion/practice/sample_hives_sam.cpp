@@ -1,8 +1,8 @@
 /* SAM: the accounts of the machine. */
 #include <cstring>
 
+#include "companion/formatting.h"
 #include "companion/practice/sample_hive.h"
-#include "companion/text.h"
 
 namespace companion {
 namespace {

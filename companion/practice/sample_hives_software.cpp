@@ -1,6 +1,6 @@
 /* SOFTWARE: the installation's version, its profiles, and much else that names accounts. */
+#include "companion/formatting.h"
 #include "companion/practice/sample_hive.h"
-#include "companion/text.h"
 
 namespace companion {
 namespace {

@@ -1,6 +1,6 @@
 /* SYSTEM: control sets, services, environment strings, and what disk has which drive letter. */
+#include "companion/formatting.h"
 #include "companion/practice/sample_hive.h"
-#include "companion/text.h"
 
 namespace companion {
 namespace {

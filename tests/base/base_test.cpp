@@ -6,7 +6,7 @@
 #include "platform/offline/base/handles.h"
 #include "platform/offline/base/status.h"
 #include "platform/offline/base/system_needed.h"
-#include "platform/offline/base/text.h"
+#include "platform/offline/base/unicode.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/offline/descriptor/sid.h"
+#include "platform/offline/descriptor/sid_format.h"
 #include "platform/offline/files/drives.h"
 #include "platform/offline/security/security.h"
 

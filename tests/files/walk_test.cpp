@@ -4,7 +4,7 @@
 #include <fstream>
 #include <map>
 
-#include "platform/offline/base/text.h"
+#include "platform/offline/base/unicode.h"
 #include "tests/files/files_fixture.h"
 
 namespace offline {

@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <set>
 
-#include "platform/offline/base/text.h"
+#include "platform/offline/base/unicode.h"
 
 namespace offline::test {
 namespace {

@@ -1,5 +1,5 @@
 /* Keys and values: one kind of change after the other, and random ones against a model. */
-#include "platform/offline/base/text.h"
+#include "platform/offline/base/unicode.h"
 #include "tests/hive/check.h"
 
 namespace offline::test {

@@ -1,5 +1,5 @@
 /* Copying and deleting trees. */
-#include "tests/keys/keys.h"
+#include "tests/keys/keys_fixture.h"
 
 namespace offline {
 namespace {

@@ -1,5 +1,5 @@
 /* The opening of keys, and of those that refuse access by taking ownership of them for a while. */
-#include "tests/keys/keys.h"
+#include "tests/keys/keys_fixture.h"
 
 namespace offline {
 namespace {

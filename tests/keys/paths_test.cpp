@@ -1,5 +1,5 @@
 /* Tables of paths, and the file server's GUID. */
-#include "tests/keys/keys.h"
+#include "tests/keys/keys_fixture.h"
 
 namespace offline {
 namespace {

@@ -1,5 +1,5 @@
 /* Renaming in the key walk. */
-#include "tests/keys/keys.h"
+#include "tests/keys/keys_fixture.h"
 
 namespace offline {
 namespace {

@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <regex>
 
-#include "tests/keys/keys.h"
+#include "tests/keys/keys_fixture.h"
 
 namespace offline {
 namespace {

@@ -1,5 +1,5 @@
 /* The tool's sweeps over a root's children and over the profiles' hives. */
-#include "tests/keys/keys.h"
+#include "tests/keys/keys_fixture.h"
 #include "tool/run.h"
 
 namespace offline {

@@ -2,7 +2,7 @@
 
 #include "sidchng/reg.h"
 #include "sidchng/sid.h"
-#include "tests/keys/keys.h"
+#include "tests/keys/keys_fixture.h"
 
 namespace offline {
 namespace {

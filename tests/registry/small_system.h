@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "platform/nt.h"
-#include "platform/offline/base/text.h"
-#include "platform/offline/descriptor/sid.h"
+#include "platform/offline/base/unicode.h"
+#include "platform/offline/descriptor/sid_format.h"
 #include "platform/offline/registry/registry.h"
 #include "platform/offline/security/security.h"
 

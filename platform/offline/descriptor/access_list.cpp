@@ -1,6 +1,6 @@
 #include "platform/offline/descriptor/access_list.h"
 
-#include "platform/offline/descriptor/sid.h"
+#include "platform/offline/descriptor/sid_format.h"
 
 namespace offline {
 namespace {

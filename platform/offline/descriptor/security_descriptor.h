@@ -6,7 +6,7 @@
 
 #include "platform/nt.h"
 #include "platform/offline/base/bytes.h"
-#include "platform/offline/descriptor/sid.h"
+#include "platform/offline/descriptor/sid_format.h"
 
 namespace offline {
 

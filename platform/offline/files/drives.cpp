@@ -4,7 +4,7 @@
 
 #include "platform/offline/files/drive_path.h"
 #include "platform/offline/files/files_state.h"
-#include "platform/offline/files/look_up.h"
+#include "platform/offline/files/path_lookup.h"
 #include "platform/offline/files/searches.h"
 #include "platform/offline/files/volume_handle.h"
 

@@ -3,7 +3,7 @@
 
 #include "platform/offline/base/status.h"
 #include "platform/offline/files/file_access.h"
-#include "platform/offline/files/look_up.h"
+#include "platform/offline/files/path_lookup.h"
 
 namespace offline {
 namespace {

@@ -6,7 +6,7 @@
 
 #include "platform/offline/base/status.h"
 #include "platform/offline/files/files_state.h"
-#include "platform/offline/files/look_up.h"
+#include "platform/offline/files/path_lookup.h"
 #include "platform/offline/security/security.h"
 
 namespace offline {

@@ -11,11 +11,11 @@
 #include "platform/offline/base/handles.h"
 #include "platform/offline/base/status.h"
 #include "platform/offline/base/system_needed.h"
-#include "platform/offline/base/text.h"
+#include "platform/offline/base/unicode.h"
 #include "platform/offline/files/entered.h"
 #include "platform/offline/files/file_access.h"
 #include "platform/offline/files/files_state.h"
-#include "platform/offline/files/look_up.h"
+#include "platform/offline/files/path_lookup.h"
 #include "platform/offline/files/wildcard.h"
 
 namespace offline {

@@ -7,7 +7,7 @@
 #include "platform/offline/hive/base_block.h"
 #include "platform/offline/hive/cells.h"
 #include "platform/offline/hive/image.h"
-#include "platform/offline/hive/keys.h"
+#include "platform/offline/hive/key_nodes.h"
 #include "platform/offline/hive/recovery.h"
 #include "platform/offline/hive/validate.h"
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "platform/offline/base/text.h"
+#include "platform/offline/base/unicode.h"
 
 namespace offline {
 namespace {

@@ -7,8 +7,8 @@
 
 #include "platform/offline/hive/cells.h"
 #include "platform/offline/hive/data.h"
-#include "platform/offline/hive/descriptors.h"
 #include "platform/offline/hive/names.h"
+#include "platform/offline/hive/security_cells.h"
 #include "platform/offline/hive/subkeys.h"
 
 namespace offline {

@@ -5,7 +5,7 @@
 #include "platform/offline/hive/cells.h"
 #include "platform/offline/hive/data.h"
 #include "platform/offline/hive/hive.h"
-#include "platform/offline/hive/keys.h"
+#include "platform/offline/hive/key_nodes.h"
 #include "platform/offline/hive/names.h"
 
 namespace offline {

@@ -11,7 +11,7 @@
 #include "platform/nt.h"
 #include "platform/offline/base/session.h"
 #include "platform/offline/base/streams.h"
-#include "platform/offline/base/text.h"
+#include "platform/offline/base/unicode.h"
 #include "platform/offline/system/system.h"
 
 namespace {

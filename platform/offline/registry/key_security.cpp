@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "platform/offline/base/guarded.h"
-#include "platform/offline/registry/keys.h"
-#include "platform/offline/registry/mounts.h"
+#include "platform/offline/registry/hive_mounts.h"
+#include "platform/offline/registry/open_keys.h"
 #include "platform/offline/registry/registry_state.h"
 #include "platform/offline/security/security.h"
 

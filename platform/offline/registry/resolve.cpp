@@ -4,7 +4,7 @@
 #include <span>
 #include <utility>
 
-#include "platform/offline/base/text.h"
+#include "platform/offline/base/unicode.h"
 
 namespace offline {
 namespace {

@@ -6,9 +6,9 @@
 
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/base/system_needed.h"
-#include "platform/offline/registry/changes.h"
-#include "platform/offline/registry/keys.h"
-#include "platform/offline/registry/open.h"
+#include "platform/offline/registry/key_changes.h"
+#include "platform/offline/registry/open_keys.h"
+#include "platform/offline/registry/open_path.h"
 
 namespace offline {
 namespace {

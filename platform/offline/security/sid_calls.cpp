@@ -2,7 +2,7 @@
 #include <cstdlib>
 
 #include "platform/offline/base/status.h"
-#include "platform/offline/descriptor/sid.h"
+#include "platform/offline/descriptor/sid_format.h"
 
 namespace offline {
 namespace {

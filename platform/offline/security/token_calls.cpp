@@ -4,7 +4,7 @@
 
 #include "platform/offline/base/handles.h"
 #include "platform/offline/base/status.h"
-#include "platform/offline/base/text.h"
+#include "platform/offline/base/unicode.h"
 #include "platform/offline/security/token.h"
 
 namespace offline {

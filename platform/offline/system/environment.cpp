@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "platform/offline/base/system_needed.h"
-#include "platform/offline/base/text.h"
+#include "platform/offline/base/unicode.h"
 #include "platform/offline/system/machine_hives.h"
 #include "platform/offline/system/system_state.h"
 

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "platform/offline/base/guarded.h"
-#include "platform/offline/base/text.h"
+#include "platform/offline/base/unicode.h"
 #include "platform/offline/files/drives.h"
 #include "platform/offline/system/system_state.h"
 

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <new>
 
-#include "platform/offline/base/text.h"
+#include "platform/offline/base/unicode.h"
 
 namespace offline {
 namespace {

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <new>
 
-#include "platform/offline/base/text.h"
+#include "platform/offline/base/unicode.h"
 #include "platform/offline/registry/registry.h"
 #include "platform/offline/system/environment.h"
 #include "platform/offline/system/hive_files.h"

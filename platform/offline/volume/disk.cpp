@@ -15,7 +15,7 @@
 #include "platform/offline/base/streams.h"
 #include "platform/offline/volume/block_cache.h"
 #include "platform/offline/volume/disk_place.h"
-#include "platform/offline/volume/mounts.h"
+#include "platform/offline/volume/host_mounts.h"
 
 namespace offline {
 namespace {

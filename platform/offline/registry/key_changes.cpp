@@ -1,14 +1,14 @@
 /* ZwSetValueKey, ZwDeleteKey, ZwFlushKey. */
-#include "platform/offline/registry/changes.h"
+#include "platform/offline/registry/key_changes.h"
 
 #include <cstdint>
 #include <span>
 
-#include "platform/offline/base/text.h"
+#include "platform/offline/base/unicode.h"
 #include "platform/offline/registry/attached.h"
-#include "platform/offline/registry/keys.h"
+#include "platform/offline/registry/hive_mounts.h"
 #include "platform/offline/registry/links.h"
-#include "platform/offline/registry/mounts.h"
+#include "platform/offline/registry/open_keys.h"
 #include "platform/offline/registry/resolve.h"
 
 namespace offline {

@@ -1,4 +1,4 @@
-#include "tests/keys/keys.h"
+#include "tests/keys/keys_fixture.h"
 
 #include <algorithm>
 #include <sstream>

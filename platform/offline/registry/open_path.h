@@ -1,6 +1,6 @@
 /* Opening keys by path, as the native and the Win32 calls do it. */
-#ifndef QUILLET_OFFLINE_REGISTRY_OPEN_H
-#define QUILLET_OFFLINE_REGISTRY_OPEN_H
+#ifndef QUILLET_OFFLINE_REGISTRY_OPEN_PATH_H
+#define QUILLET_OFFLINE_REGISTRY_OPEN_PATH_H
 
 #include <string_view>
 

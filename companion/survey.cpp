@@ -1,11 +1,11 @@
-#include "companion/look.h"
+#include "companion/survey.h"
 
 #include <algorithm>
 
 #include "companion/failure.h"
+#include "companion/formatting.h"
 #include "companion/machine.h"
-#include "companion/text.h"
-#include "platform/offline/base/text.h"
+#include "platform/offline/base/unicode.h"
 #include "platform/offline/files/drives.h"
 #include "platform/offline/system/environment.h"
 #include "platform/offline/system/hive_files.h"

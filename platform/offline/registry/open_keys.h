@@ -1,7 +1,7 @@
 /* Open keys. All handles on one key share a key object, so that deleting the key ends them all, even when its
  * cell is soon another key's. Each handle carries the rights that were granted when it was opened. */
-#ifndef QUILLET_OFFLINE_REGISTRY_KEYS_H
-#define QUILLET_OFFLINE_REGISTRY_KEYS_H
+#ifndef QUILLET_OFFLINE_REGISTRY_OPEN_KEYS_H
+#define QUILLET_OFFLINE_REGISTRY_OPEN_KEYS_H
 
 #include "platform/nt.h"
 #include "platform/offline/registry/namespace.h"

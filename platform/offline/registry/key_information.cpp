@@ -1,4 +1,4 @@
-#include "platform/offline/registry/records.h"
+#include "platform/offline/registry/key_information.h"
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-#include "companion/text.h"
+#include "companion/formatting.h"
 
 #include <array>
 #include <cstdio>

@@ -1,6 +1,6 @@
 /* What lies on some disks, as far as it can be made out. Nothing is ever written. */
-#ifndef QUILLET_COMPANION_LOOK_H
-#define QUILLET_COMPANION_LOOK_H
+#ifndef QUILLET_COMPANION_SURVEY_H
+#define QUILLET_COMPANION_SURVEY_H
 
 #include <cstdint>
 #include <string>

@@ -1,6 +1,6 @@
 #include "platform/offline/volume/ntfs3g.h"
 /* before everything else */
-#include "platform/offline/volume/mounts.h"
+#include "platform/offline/volume/host_mounts.h"
 
 namespace offline {
 

@@ -1,4 +1,4 @@
-#include "platform/offline/hive/descriptors.h"
+#include "platform/offline/hive/security_cells.h"
 
 #include <algorithm>
 #include <functional>

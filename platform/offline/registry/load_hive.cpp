@@ -6,8 +6,8 @@
 
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/base/system_needed.h"
-#include "platform/offline/registry/keys.h"
-#include "platform/offline/registry/mounts.h"
+#include "platform/offline/registry/hive_mounts.h"
+#include "platform/offline/registry/open_keys.h"
 #include "platform/offline/registry/registry.h"
 #include "platform/offline/registry/registry_state.h"
 #include "platform/offline/security/security.h"

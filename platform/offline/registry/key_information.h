@@ -1,7 +1,7 @@
 /* The records that the native query calls fill in: the platform's KEY_…_INFORMATION structures. A record that
  * doesn't fit is copied as far as the buffer goes. */
-#ifndef QUILLET_OFFLINE_REGISTRY_RECORDS_H
-#define QUILLET_OFFLINE_REGISTRY_RECORDS_H
+#ifndef QUILLET_OFFLINE_REGISTRY_KEY_INFORMATION_H
+#define QUILLET_OFFLINE_REGISTRY_KEY_INFORMATION_H
 
 #include "platform/nt.h"
 #include "platform/offline/hive/hive.h"

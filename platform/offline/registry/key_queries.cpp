@@ -1,8 +1,8 @@
 /* ZwQueryKey, ZwEnumerateKey, ZwQueryValueKey, ZwEnumerateValueKey. */
-#include "platform/offline/base/text.h"
-#include "platform/offline/registry/keys.h"
+#include "platform/offline/base/unicode.h"
+#include "platform/offline/registry/key_information.h"
 #include "platform/offline/registry/namespace.h"
-#include "platform/offline/registry/records.h"
+#include "platform/offline/registry/open_keys.h"
 
 namespace offline {
 namespace {

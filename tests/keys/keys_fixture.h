@@ -1,7 +1,7 @@
 /* A small registry in memory under the key operations: what they call is counted, and fails where a test says
  * so. */
-#ifndef QUILLET_TESTS_KEYS_KEYS_H
-#define QUILLET_TESTS_KEYS_KEYS_H
+#ifndef QUILLET_TESTS_KEYS_KEYS_FIXTURE_H
+#define QUILLET_TESTS_KEYS_KEYS_FIXTURE_H
 
 #include <map>
 #include <string>

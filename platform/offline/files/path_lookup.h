@@ -1,8 +1,8 @@
 /* From paths to files. A walk names every file by its whole path; what was found last and what the open
  * searches have delivered answers nearly all of that without going down from the root. Nothing that the calls
  * do takes a name away from a file, so what is remembered holds until the volumes go. */
-#ifndef QUILLET_OFFLINE_FILES_LOOK_UP_H
-#define QUILLET_OFFLINE_FILES_LOOK_UP_H
+#ifndef QUILLET_OFFLINE_FILES_PATH_LOOKUP_H
+#define QUILLET_OFFLINE_FILES_PATH_LOOKUP_H
 
 #include <string_view>
 

@@ -1,6 +1,6 @@
 /* Numbers, sizes and statuses as text. */
-#ifndef QUILLET_COMPANION_TEXT_H
-#define QUILLET_COMPANION_TEXT_H
+#ifndef QUILLET_COMPANION_FORMATTING_H
+#define QUILLET_COMPANION_FORMATTING_H
 
 #include <cstdint>
 #include <string>

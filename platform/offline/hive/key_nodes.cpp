@@ -4,10 +4,10 @@
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/hive/cells.h"
 #include "platform/offline/hive/data.h"
-#include "platform/offline/hive/descriptors.h"
 #include "platform/offline/hive/hive.h"
-#include "platform/offline/hive/keys.h"
+#include "platform/offline/hive/key_nodes.h"
 #include "platform/offline/hive/names.h"
+#include "platform/offline/hive/security_cells.h"
 #include "platform/offline/hive/subkeys.h"
 
 namespace offline {

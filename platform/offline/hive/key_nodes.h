@@ -1,13 +1,13 @@
 /* What making a key is made of, for a new hive's root and for a new subkey. */
-#ifndef QUILLET_OFFLINE_HIVE_KEYS_H
-#define QUILLET_OFFLINE_HIVE_KEYS_H
+#ifndef QUILLET_OFFLINE_HIVE_KEY_NODES_H
+#define QUILLET_OFFLINE_HIVE_KEY_NODES_H
 
 #include <cstdint>
 #include <span>
 #include <string_view>
 
-#include "platform/offline/hive/descriptors.h"
 #include "platform/offline/hive/image.h"
+#include "platform/offline/hive/security_cells.h"
 
 namespace offline {
 

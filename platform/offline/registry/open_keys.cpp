@@ -1,4 +1,4 @@
-#include "platform/offline/registry/keys.h"
+#include "platform/offline/registry/open_keys.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,6 +1,6 @@
 /* Security descriptors: one cell for all keys with the same descriptor, counted, all of them in one ring. */
-#ifndef QUILLET_OFFLINE_HIVE_DESCRIPTORS_H
-#define QUILLET_OFFLINE_HIVE_DESCRIPTORS_H
+#ifndef QUILLET_OFFLINE_HIVE_SECURITY_CELLS_H
+#define QUILLET_OFFLINE_HIVE_SECURITY_CELLS_H
 
 #include <cstdint>
 #include <span>

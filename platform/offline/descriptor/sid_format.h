@@ -1,6 +1,6 @@
 /* SIDs as bytes and as text. No function throws. */
-#ifndef QUILLET_OFFLINE_DESCRIPTOR_SID_H
-#define QUILLET_OFFLINE_DESCRIPTOR_SID_H
+#ifndef QUILLET_OFFLINE_DESCRIPTOR_SID_FORMAT_H
+#define QUILLET_OFFLINE_DESCRIPTOR_SID_FORMAT_H
 
 #include <cstddef>
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "platform/offline/base/text.h"
+#include "platform/offline/base/unicode.h"
 
 #include <algorithm>
 #include <array>

@@ -1,6 +1,6 @@
 /* UTF-8 and UTF-16, counted strings, and the platform's folding of letters. */
-#ifndef QUILLET_OFFLINE_BASE_TEXT_H
-#define QUILLET_OFFLINE_BASE_TEXT_H
+#ifndef QUILLET_OFFLINE_BASE_UNICODE_H
+#define QUILLET_OFFLINE_BASE_UNICODE_H
 
 #include <string>
 #include <string_view>

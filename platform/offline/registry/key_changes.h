@@ -1,6 +1,6 @@
 /* Changing keys, as the native and the Win32 calls do it. */
-#ifndef QUILLET_OFFLINE_REGISTRY_CHANGES_H
-#define QUILLET_OFFLINE_REGISTRY_CHANGES_H
+#ifndef QUILLET_OFFLINE_REGISTRY_KEY_CHANGES_H
+#define QUILLET_OFFLINE_REGISTRY_KEY_CHANGES_H
 
 #include <cstddef>
 #include <string_view>

@@ -1,14 +1,14 @@
 /* ZwOpenKey and ZwCreateKey. */
-#include "platform/offline/registry/open.h"
+#include "platform/offline/registry/open_path.h"
 
 #include <span>
 #include <vector>
 
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/base/system_needed.h"
-#include "platform/offline/base/text.h"
-#include "platform/offline/registry/keys.h"
-#include "platform/offline/registry/mounts.h"
+#include "platform/offline/base/unicode.h"
+#include "platform/offline/registry/hive_mounts.h"
+#include "platform/offline/registry/open_keys.h"
 #include "platform/offline/registry/resolve.h"
 #include "platform/offline/security/security.h"
 

@@ -1,4 +1,4 @@
-#include "platform/offline/descriptor/sid.h"
+#include "platform/offline/descriptor/sid_format.h"
 
 #include <cctype>
 #include <cinttypes>

@@ -1,6 +1,6 @@
 /* Private to this room. */
-#ifndef QUILLET_OFFLINE_VOLUME_MOUNTS_H
-#define QUILLET_OFFLINE_VOLUME_MOUNTS_H
+#ifndef QUILLET_OFFLINE_VOLUME_HOST_MOUNTS_H
+#define QUILLET_OFFLINE_VOLUME_HOST_MOUNTS_H
 
 #include <string>
 

@@ -1,11 +1,11 @@
-#include "platform/offline/registry/mounts.h"
+#include "platform/offline/registry/hive_mounts.h"
 
 #include <utility>
 
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/registry/attached.h"
-#include "platform/offline/registry/keys.h"
 #include "platform/offline/registry/links.h"
+#include "platform/offline/registry/open_keys.h"
 #include "platform/offline/registry/registry.h"
 #include "platform/offline/registry/resolve.h"
 

@@ -1,4 +1,4 @@
-#include "platform/offline/files/look_up.h"
+#include "platform/offline/files/path_lookup.h"
 
 #include <cstring>
 
