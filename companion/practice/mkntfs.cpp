@@ -37,6 +37,23 @@ struct SpawnActions {
     SpawnActions& operator=(const SpawnActions&) = delete;
 };
 
+struct Pipe {
+    int ends[2] = {-1, -1}; /* to read from, to write to */
+
+    Pipe() = default;
+    ~Pipe() {
+        close(0);
+        close(1);
+    }
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+
+    void close(size_t end) {
+        if (ends[end] >= 0) ::close(ends[end]);
+        ends[end] = -1;
+    }
+};
+
 /* Starts the program with its two outputs on the pipe's writing end. */
 pid_t start(const std::string& program, const std::vector<const char*>& arguments, const int (&pipe)[2]) {
     SpawnActions spawn;
@@ -87,19 +104,12 @@ void makeNtfs(const std::string& file, uint64_t startSector, const std::string& 
     const std::vector<const char*> arguments = {"mkntfs", "-F",           "-Q",           "-q",   "-s", "512",
                                                 "-p",     sector.c_str(), "-H",           "255",  "-S", "63",
                                                 "-L",     "Practice",     target.c_str(), nullptr};
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) throw Failure{image + ": " + strerror(errno) + "; close other programs"};
-    pid_t child = -1;
-    try {
-        child = start(program, arguments, ends);
-    } catch (...) {
-        close(ends[0]);
-        close(ends[1]);
-        throw;
-    }
-    close(ends[1]);
-    const std::string words = drain(ends[0]);
-    close(ends[0]);
+    Pipe pipe;
+    if (pipe2(pipe.ends, O_CLOEXEC) != 0)
+        throw Failure{image + ": " + strerror(errno) + "; close other programs"};
+    const pid_t child = start(program, arguments, pipe.ends);
+    pipe.close(1);
+    const std::string words = drain(pipe.ends[0]);
     const int status = statusOf(child);
     if (status == 0) return;
     throw Failure{image + ": mkntfs could not make a volume (" + words +

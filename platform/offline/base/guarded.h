@@ -1,4 +1,5 @@
-/* No exception leaves a room: a public function that allocates runs its body through here. */
+/* The one border for exceptions: what the standard library throws is caught here and nowhere else. No
+ * exception leaves a room: a public function that allocates runs its body through one of these. */
 #ifndef QUILLET_OFFLINE_BASE_GUARDED_H
 #define QUILLET_OFFLINE_BASE_GUARDED_H
 
@@ -6,6 +7,7 @@
 #include <stdexcept>
 
 #include "platform/nt.h"
+#include "platform/offline/base/problem.h"
 
 namespace offline {
 
@@ -19,6 +21,24 @@ NTSTATUS guarded(Body body) noexcept {
     } catch (const std::length_error&) {
         return STATUS_NO_MEMORY;
     }
+}
+
+/* The body's value; the other one when memory runs out. */
+template <typename Value, typename Body>
+Value guardedOr(Value other, Body body) noexcept {
+    static_cast<void>(guarded([&]() -> NTSTATUS {
+        other = body();
+        return STATUS_SUCCESS;
+    }));
+    return other;
+}
+
+/* The body's status, where a problem says what was refused: it says so of memory, too. */
+template <typename Body>
+NTSTATUS guardedRefusing(Problem& problem, Body body) noexcept {
+    const NTSTATUS status = guarded(body);
+    if (status != STATUS_NO_MEMORY) return status;
+    return guarded([&] { return refuse(problem, status, "out of memory"); });
 }
 
 } /* namespace offline */

@@ -7,6 +7,7 @@
 #include <new>
 
 #include "platform/offline/base/bytes.h"
+#include "platform/offline/base/guarded.h"
 
 namespace offline {
 namespace {
@@ -73,20 +74,12 @@ size_t formatSid(Bytes sid, SidText& text) {
 std::string sidToText(Bytes sid) {
     SidText text = {};
     const size_t length = formatSid(sid, text);
-    try {
-        return {text.characters, length};
-    } catch (const std::bad_alloc&) {
-        return {};
-    }
+    return guardedOr(std::string(), [&] { return std::string(text.characters, length); });
 }
 
 std::vector<uint8_t> sidFromText(const std::string& text) {
     if (text.find('\0') != std::string::npos) return {};
-    try {
-        return parse(text.c_str());
-    } catch (const std::bad_alloc&) {
-        return {};
-    }
+    return guardedOr(std::vector<uint8_t>(), [&] { return parse(text.c_str()); });
 }
 
 } /* namespace offline */

@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/files/drive_path.h"
 #include "platform/offline/files/files_state.h"
 #include "platform/offline/files/path_lookup.h"
@@ -35,14 +36,12 @@ void drivesReset() {
 }
 
 NTSTATUS driveFind(std::u16string_view path, Volume*& volume, FileRef& file) {
-    try {
+    return guarded([&] {
         DrivePath parsed;
         const NTSTATUS status = lookUp(path, parsed, file);
         volume = parsed.volume;
         return status;
-    } catch (const std::bad_alloc&) {
-        return STATUS_NO_MEMORY;
-    }
+    });
 }
 
 } /* namespace offline */

@@ -1,6 +1,7 @@
 /* GetFileAttributesW. */
 #include <new>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/base/status.h"
 #include "platform/offline/files/file_access.h"
 #include "platform/offline/files/path_lookup.h"
@@ -37,10 +38,6 @@ NTSTATUS queryAttributes(LPCWSTR path, DWORD& attributes) {
 
 DWORD GetFileAttributesW(LPCWSTR path) {
     DWORD attributes = INVALID_FILE_ATTRIBUTES;
-    try {
-        if (offline::booleanResult(offline::queryAttributes(path, attributes))) return attributes;
-    } catch (const std::bad_alloc&) {
-        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    }
-    return INVALID_FILE_ATTRIBUTES;
+    const NTSTATUS status = offline::guarded([&] { return offline::queryAttributes(path, attributes); });
+    return offline::booleanResult(status) ? attributes : INVALID_FILE_ATTRIBUTES;
 }

@@ -4,6 +4,7 @@
 #include <span>
 #include <vector>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/base/status.h"
 #include "platform/offline/files/files_state.h"
 #include "platform/offline/files/path_lookup.h"
@@ -68,19 +69,13 @@ NTSTATUS setDescriptor(LPCWSTR path, SECURITY_INFORMATION information, PSECURITY
 BOOL GetFileSecurityW(LPCWSTR path, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR descriptor,
                       DWORD size, LPDWORD needed) {
     if (needed == nullptr) return offline::booleanResult(STATUS_INVALID_PARAMETER);
-    try {
-        return offline::booleanResult(offline::queryDescriptor(path, information, descriptor, size, *needed));
-    } catch (const std::bad_alloc&) {
-        return offline::booleanResult(STATUS_NO_MEMORY);
-    }
+    return offline::booleanResult(offline::guarded(
+        [&] { return offline::queryDescriptor(path, information, descriptor, size, *needed); }));
 }
 
 BOOL SetFileSecurityW(LPCWSTR path, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR descriptor) {
-    try {
-        return offline::booleanResult(offline::setDescriptor(path, information, descriptor));
-    } catch (const std::bad_alloc&) {
-        return offline::booleanResult(STATUS_NO_MEMORY);
-    }
+    return offline::booleanResult(
+        offline::guarded([&] { return offline::setDescriptor(path, information, descriptor); }));
 }
 
 DWORD SetNamedSecurityInfoW(LPWSTR path, SE_OBJECT_TYPE type, SECURITY_INFORMATION information, PSID owner,
@@ -101,9 +96,6 @@ DWORD SetNamedSecurityInfoW(LPWSTR path, SE_OBJECT_TYPE type, SECURITY_INFORMATI
         descriptor.Control |= SE_SACL_PRESENT;
         descriptor.Sacl = sacl;
     }
-    try {
-        return RtlNtStatusToDosError(offline::setDescriptor(path, information, &descriptor));
-    } catch (const std::bad_alloc&) {
-        return ERROR_NOT_ENOUGH_MEMORY;
-    }
+    return RtlNtStatusToDosError(
+        offline::guarded([&] { return offline::setDescriptor(path, information, &descriptor); }));
 }

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/base/handles.h"
 #include "platform/offline/base/status.h"
 #include "platform/offline/base/system_needed.h"
@@ -40,10 +41,10 @@ std::unique_ptr<Search> takeSearch() {
 
 void keepSearch(std::unique_ptr<Search> search) {
     if (search->listing.entries.capacity() > entriesKept) search->listing = {};
-    try {
-        filesState().idleSearches.push_back(std::move(search));
-    } catch (const std::bad_alloc&) {  // then it is freed
-    }
+    static_cast<void>(guarded([&] { /* without memory it is freed */
+                                    filesState().idleSearches.push_back(std::move(search));
+                                    return STATUS_SUCCESS;
+    }));
 }
 
 void closeSearch(void* object) {
@@ -238,18 +239,16 @@ NTSTATUS beginSearch(LPCWSTR pattern, Search& search, WIN32_FIND_DATAW& record) 
 }
 
 NTSTATUS findFirst(LPCWSTR pattern, WIN32_FIND_DATAW* record, HANDLE& handle) {
-    NTSTATUS status = systemNeeded();
+    const NTSTATUS status = systemNeeded();
     if (status < 0) return status;
     if (record == nullptr) return STATUS_INVALID_PARAMETER;
-    try {
+    return guarded([&] {
         std::unique_ptr<Search> search = takeSearch();
-        status = beginSearch(pattern, *search, *record);
-        if (status >= 0) return enlist(std::move(search), handle);
+        NTSTATUS begun = beginSearch(pattern, *search, *record);
+        if (begun >= 0) return enlist(std::move(search), handle);
         keepSearch(std::move(search));
-        return status;
-    } catch (const std::bad_alloc&) {
-        return STATUS_NO_MEMORY;
-    }
+        return begun;
+    });
 }
 
 NTSTATUS findNext(HANDLE handle, WIN32_FIND_DATAW* record) {

@@ -1,4 +1,5 @@
 #include "platform/offline/hive/cells.h"
+#include "platform/offline/base/guarded.h"
 
 #include <algorithm>
 #include <bit>
@@ -32,11 +33,10 @@ uint32_t binEnd(const Hive& hive, uint32_t bin) {
 /* A free cell that can't be entered for want of memory stays free in the file, and is found when it is next
  * opened. */
 void enterFree(Hive& hive, Cell cell, uint32_t size) {
-    try {
+    static_cast<void>(guarded([&] {
         hive.freeCells.emplace(size, cell);
-    } catch (const std::bad_alloc&) {
-        return;
-    }
+        return STATUS_SUCCESS;
+    }));
 }
 
 void makeFree(Hive& hive, Cell cell, uint32_t size) {

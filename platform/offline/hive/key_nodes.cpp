@@ -87,11 +87,13 @@ uint64_t newKeyGrowth(const NewKey& fresh) {
 Cell storeKey(Hive& hive, Cell parent, const NewKey& fresh, uint64_t time) {
     const Cell cell = allocateCell(hive, nk::name + storedSize(fresh.name));
     Cell descriptor = noCell;
-    try {
+    const NTSTATUS taken = guarded([&] {
         descriptor = takeDescriptor(hive, fresh.descriptor);
-    } catch (const std::bad_alloc&) {
+        return STATUS_SUCCESS;
+    });
+    if (taken < 0) {
         releaseCell(hive, cell);
-        throw;
+        throw std::bad_alloc();
     }
     const Cell classCell = storeClass(hive, fresh.classText);
     const std::span<uint8_t> key = changeCell(hive, cell);

@@ -4,11 +4,11 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <exception>
 #include <string>
 #include <vector>
 
 #include "platform/nt.h"
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/base/session.h"
 #include "platform/offline/base/streams.h"
 #include "platform/offline/base/unicode.h"
@@ -54,14 +54,7 @@ int exitStatus(int status) {
     return low == 0 ? 255 : low;
 }
 
-} /* namespace */
-
-int main(int argc, char** argv) try {
-    if (!offline::standardStreamsOpen()) {
-        say(std::string("/dev/null can't be opened (") + strerror(errno) +
-            ") for the standard streams that are closed; open them");
-        return ERROR_OPEN_FAILED;
-    }
+int run(int argc, char** argv) {
     const size_t count = static_cast<size_t>(argc);
     std::vector<std::u16string> texts(count);
     std::transform(argv, argv + count, texts.begin(),
@@ -76,7 +69,22 @@ int main(int argc, char** argv) try {
     offline::systemStart();
     const int status = wmain(argc, arguments.data(), nullptr);
     return exitStatus(endStreams(endSystem(status)));
-} catch (const std::exception& failure) {
-    say(failure.what());
-    return 255;
+}
+
+} /* namespace */
+
+int main(int argc, char** argv) {
+    int status = 255;
+    const NTSTATUS ended = offline::guarded([&] {
+        if (offline::standardStreamsOpen()) {
+            status = run(argc, argv);
+        } else {
+            say(std::string("/dev/null can't be opened (") + strerror(errno) +
+                ") for the standard streams that are closed; open them");
+            status = ERROR_OPEN_FAILED;
+        }
+        return STATUS_SUCCESS;
+    });
+    if (ended < 0) fputs("quillet: out of memory; close other programs and try again\n", stderr);
+    return status;
 }

@@ -2,6 +2,7 @@
 #include <new>
 #include <utility>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/descriptor/access_list.h"
 #include "platform/offline/descriptor/security_descriptor.h"
 #include "platform/offline/descriptor/well_known_sids.h"
@@ -105,32 +106,32 @@ std::vector<uint8_t> defaultDacl(ACCESS_MASK all) {
 
 } /* namespace */
 
-NTSTATUS descriptorForChild(Bytes parent, const GenericMapping& mapping, std::vector<uint8_t>& image) try {
-    DescriptorParts from;
-    size_t length = 0;
-    if (!partsOfImage(parent, from, length)) return STATUS_INVALID_SECURITY_DESCR;
-    std::vector<uint8_t> dacl;
-    std::vector<uint8_t> sacl;
-    if (!inheritAcl(from.dacl, mapping, dacl) || !inheritAcl(from.sacl, mapping, sacl))
-        return STATUS_INVALID_ACL;
+NTSTATUS descriptorForChild(Bytes parent, const GenericMapping& mapping, std::vector<uint8_t>& image) {
+    return guarded([&]() -> NTSTATUS {
+        DescriptorParts from;
+        size_t length = 0;
+        if (!partsOfImage(parent, from, length)) return STATUS_INVALID_SECURITY_DESCR;
+        std::vector<uint8_t> dacl;
+        std::vector<uint8_t> sacl;
+        if (!inheritAcl(from.dacl, mapping, dacl) || !inheritAcl(from.sacl, mapping, sacl))
+            return STATUS_INVALID_ACL;
 
-    uint32_t control = SE_DACL_PRESENT;
-    if (dacl.empty()) {
-        dacl = defaultDacl(mapping.all);
-    } else {
-        control |= SE_DACL_AUTO_INHERITED;
-    }
-    if (!sacl.empty()) control |= SE_SACL_PRESENT | SE_SACL_AUTO_INHERITED;
-    DescriptorParts child;
-    child.control = static_cast<uint16_t>(control);
-    child.owner = currentToken().owner;
-    child.group = currentToken().primaryGroup;
-    child.sacl = sacl;
-    child.dacl = dacl;
-    image = layOut(child);
-    return STATUS_SUCCESS;
-} catch (const std::bad_alloc&) {
-    return STATUS_NO_MEMORY;
+        uint32_t control = SE_DACL_PRESENT;
+        if (dacl.empty()) {
+            dacl = defaultDacl(mapping.all);
+        } else {
+            control |= SE_DACL_AUTO_INHERITED;
+        }
+        if (!sacl.empty()) control |= SE_SACL_PRESENT | SE_SACL_AUTO_INHERITED;
+        DescriptorParts child;
+        child.control = static_cast<uint16_t>(control);
+        child.owner = currentToken().owner;
+        child.group = currentToken().primaryGroup;
+        child.sacl = sacl;
+        child.dacl = dacl;
+        image = layOut(child);
+        return STATUS_SUCCESS;
+    });
 }
 
 } /* namespace offline */

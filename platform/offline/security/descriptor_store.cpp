@@ -2,6 +2,7 @@
 #include <new>
 #include <utility>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/descriptor/access_list.h"
 #include "platform/offline/descriptor/security_descriptor.h"
 #include "platform/offline/security/token.h"
@@ -149,26 +150,24 @@ NTSTATUS set(Bytes stored, SECURITY_INFORMATION information, const void* given, 
 
 } /* namespace */
 
-NTSTATUS descriptorQuery(Bytes stored, SECURITY_INFORMATION information, std::vector<uint8_t>& image) try {
-    DescriptorParts parts;
-    size_t length = 0;
-    if (!partsOfImage(stored, parts, length)) return STATUS_INVALID_SECURITY_DESCR;
-    if ((information & allParts) == allParts) {
-        image.assign(stored.begin(), stored.end());
+NTSTATUS descriptorQuery(Bytes stored, SECURITY_INFORMATION information, std::vector<uint8_t>& image) {
+    return guarded([&]() -> NTSTATUS {
+        DescriptorParts parts;
+        size_t length = 0;
+        if (!partsOfImage(stored, parts, length)) return STATUS_INVALID_SECURITY_DESCR;
+        if ((information & allParts) == allParts) {
+            image.assign(stored.begin(), stored.end());
+            return STATUS_SUCCESS;
+        }
+        takeParts(parts, {}, allParts & ~information);
+        image = layOut(parts);
         return STATUS_SUCCESS;
-    }
-    takeParts(parts, {}, allParts & ~information);
-    image = layOut(parts);
-    return STATUS_SUCCESS;
-} catch (const std::bad_alloc&) {
-    return STATUS_NO_MEMORY;
+    });
 }
 
 NTSTATUS descriptorSet(Bytes stored, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR given,
-                       std::vector<uint8_t>& image) try {
-    return set(stored, information, given, image);
-} catch (const std::bad_alloc&) {
-    return STATUS_NO_MEMORY;
+                       std::vector<uint8_t>& image) {
+    return guarded([&] { return set(stored, information, given, image); });
 }
 
 ACCESS_MASK accessToQuery(SECURITY_INFORMATION information) {

@@ -6,6 +6,8 @@
 #include <new>
 #include <utility>
 
+#include "platform/offline/base/guarded.h"
+#include "platform/offline/base/status.h"
 #include "platform/offline/base/system_needed.h"
 #include "platform/offline/base/unicode.h"
 #include "platform/offline/system/machine_hives.h"
@@ -57,6 +59,25 @@ void putMachineStrings(const Hive& system) {
     }
 }
 
+NTSTATUS load(const Hive& system, const Hive& software, char letter, std::u16string_view directory) {
+    const std::u16string drive = {static_cast<char16_t>(letter), u':'};
+    const std::u16string root = std::u16string(drive).append(u"\\").append(directory);
+    static const std::u16string_view version = u"Microsoft\\Windows\\CurrentVersion";
+    static const std::u16string_view profiles = u"Microsoft\\Windows NT\\CurrentVersion\\ProfileList";
+    put(u"SystemDrive", drive);
+    put(u"SystemRoot", root);
+    put(u"windir", root);
+    put(u"ProgramFiles", hiveText(software, version, u"ProgramFilesDir"));
+    put(u"ProgramFiles(x86)", hiveText(software, version, u"ProgramFilesDir (x86)"));
+    put(u"CommonProgramFiles", hiveText(software, version, u"CommonFilesDir"));
+    put(u"ProgramData", hiveText(software, profiles, u"ProgramData"));
+    put(u"ALLUSERSPROFILE", hiveText(software, profiles, u"ProgramData"));
+    put(u"PUBLIC", hiveText(software, profiles, u"Public"));
+    put(u"USERPROFILE", std::u16string(root).append(u"\\system32\\config\\systemprofile"));
+    putMachineStrings(system);
+    return STATUS_SUCCESS;
+}
+
 } /* namespace */
 
 /* What is not known stays as it stands. What was put in is not looked at again. */
@@ -82,26 +103,9 @@ std::u16string environmentExpand(std::u16string_view text) {
 }
 
 NTSTATUS environmentLoad(const Hive& system, const Hive& software, char letter,
-                         std::u16string_view directory) try {
+                         std::u16string_view directory) {
     environmentReset();
-    const std::u16string drive = {static_cast<char16_t>(letter), u':'};
-    const std::u16string root = std::u16string(drive).append(u"\\").append(directory);
-    static const std::u16string_view version = u"Microsoft\\Windows\\CurrentVersion";
-    static const std::u16string_view profiles = u"Microsoft\\Windows NT\\CurrentVersion\\ProfileList";
-    put(u"SystemDrive", drive);
-    put(u"SystemRoot", root);
-    put(u"windir", root);
-    put(u"ProgramFiles", hiveText(software, version, u"ProgramFilesDir"));
-    put(u"ProgramFiles(x86)", hiveText(software, version, u"ProgramFilesDir (x86)"));
-    put(u"CommonProgramFiles", hiveText(software, version, u"CommonFilesDir"));
-    put(u"ProgramData", hiveText(software, profiles, u"ProgramData"));
-    put(u"ALLUSERSPROFILE", hiveText(software, profiles, u"ProgramData"));
-    put(u"PUBLIC", hiveText(software, profiles, u"Public"));
-    put(u"USERPROFILE", std::u16string(root).append(u"\\system32\\config\\systemprofile"));
-    putMachineStrings(system);
-    return STATUS_SUCCESS;
-} catch (const std::bad_alloc&) {
-    return STATUS_NO_MEMORY;
+    return guarded([&] { return load(system, software, letter, directory); });
 }
 
 void environmentReset() {
@@ -110,14 +114,16 @@ void environmentReset() {
 
 } /* namespace offline */
 
-DWORD ExpandEnvironmentStringsW(LPCWSTR text, LPWSTR expanded, DWORD capacity) try {
+DWORD ExpandEnvironmentStringsW(LPCWSTR text, LPWSTR expanded, DWORD capacity) {
     offline::systemNeeded();
-    const std::u16string full = offline::environmentExpand(text);
-    /* What fits is given, and an end only where there is room for one. */
-    const size_t fits = full.copy(expanded, capacity);
-    if (fits < capacity) expanded[fits] = 0;
-    return static_cast<DWORD>(full.size() + 1);
-} catch (const std::bad_alloc&) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return 0;
+    DWORD needed = 0; /* characters, with the end */
+    const NTSTATUS status = offline::guarded([&] {
+        const std::u16string full = offline::environmentExpand(text);
+        /* What fits is given, and an end only where there is room for one. */
+        const size_t fits = full.copy(expanded, capacity);
+        if (fits < capacity) expanded[fits] = 0;
+        needed = static_cast<DWORD>(full.size() + 1);
+        return STATUS_SUCCESS;
+    });
+    return offline::booleanResult(status) ? needed : 0;
 }

@@ -65,7 +65,7 @@ NTSTATUS installationDisksOnce(const std::vector<std::string>& paths, Problem& p
 
 NTSTATUS installationOpenDisks(const std::vector<std::string>& paths, DiskAccess access,
                                Installation& installation, Problem& problem) {
-    try {
+    return guardedRefusing(problem, [&]() -> NTSTATUS {
         const NTSTATUS once = installationDisksOnce(paths, problem);
         if (once < 0) return once;
         for (const std::string& path : paths) {
@@ -77,9 +77,7 @@ NTSTATUS installationOpenDisks(const std::vector<std::string>& paths, DiskAccess
             if (status < 0) return status;
         }
         return STATUS_SUCCESS;
-    } catch (const std::bad_alloc&) {
-        return refuse(problem, STATUS_NO_MEMORY, "out of memory");
-    }
+    });
 }
 
 NTSTATUS installationFindWindows(Installation& installation, Problem& problem) {

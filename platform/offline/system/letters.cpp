@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/base/unicode.h"
 
 namespace offline {
@@ -78,20 +79,20 @@ bool takeNext(InstallationVolume& place, Letters& letters) {
 
 } /* namespace */
 
-NTSTATUS lettersAssign(const Hive& system, Installation& installation, Problem& problem) try {
-    Letters letters;
-    takeRemembered(system, installation, letters);
-    InstallationVolume& systemVolume = installation.volumes[installation.systemVolume];
-    bool enough = systemVolume.letter != 0 || takeNext(systemVolume, letters);
-    for (InstallationVolume& place : installation.volumes) {
-        if (place.letter == 0) enough = takeNext(place, letters) && enough;
-    }
-    if (enough) return STATUS_SUCCESS;
-    return refuse(
-        problem, STATUS_INSUFFICIENT_RESOURCES,
-        "there are more NTFS volumes than drive letters; leave some of the disks out of QUILLET_SYSTEM");
-} catch (const std::bad_alloc&) {
-    return refuse(problem, STATUS_NO_MEMORY, "out of memory");
+NTSTATUS lettersAssign(const Hive& system, Installation& installation, Problem& problem) {
+    return guardedRefusing(problem, [&] {
+        Letters letters;
+        takeRemembered(system, installation, letters);
+        InstallationVolume& systemVolume = installation.volumes[installation.systemVolume];
+        bool enough = systemVolume.letter != 0 || takeNext(systemVolume, letters);
+        for (InstallationVolume& place : installation.volumes) {
+            if (place.letter == 0) enough = takeNext(place, letters) && enough;
+        }
+        if (enough) return STATUS_SUCCESS;
+        return refuse(
+            problem, STATUS_INSUFFICIENT_RESOURCES,
+            "there are more NTFS volumes than drive letters; leave some of the disks out of QUILLET_SYSTEM");
+    });
 }
 
 } /* namespace offline */

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/base/unicode.h"
 #include "platform/offline/registry/registry.h"
 #include "platform/offline/system/environment.h"
@@ -163,10 +164,8 @@ NTSTATUS mountAll(Installation& installation, Problem& problem) {
 
 } /* namespace */
 
-NTSTATUS machineHivesMount(Installation& installation, Problem& problem) try {
-    return mountAll(installation, problem);
-} catch (const std::bad_alloc&) {
-    return refuse(problem, STATUS_NO_MEMORY, "out of memory");
+NTSTATUS machineHivesMount(Installation& installation, Problem& problem) {
+    return guardedRefusing(problem, [&] { return mountAll(installation, problem); });
 }
 
 NTSTATUS machineHivesSave(const Installation& installation, Problem& problem) {
@@ -207,19 +206,19 @@ uint32_t currentControlSet(const Hive& system) {
     return number <= 999 ? number : 0;
 }
 
-std::u16string hiveText(const Hive& hive, std::u16string_view path, std::u16string_view name) try {
+std::u16string hiveText(const Hive& hive, std::u16string_view path, std::u16string_view name) {
     constexpr uint32_t longest = 65534; /* bytes */
     Cell key;
     HiveValue value;
     if (hiveFindPath(hive, path, key) < 0 || hiveFindValue(hive, key, name, value) < 0) return {};
     if ((value.type != REG_SZ && value.type != REG_EXPAND_SZ) || value.dataLength > longest) return {};
-    std::vector<uint8_t> data(value.dataLength);
-    hiveValueData(hive, value, data);
-    std::u16string text(data.size() / sizeof(char16_t), u'\0');
-    memcpy(text.data(), data.data(), text.size() * sizeof(char16_t));
-    return text.substr(0, text.find(u'\0'));
-} catch (const std::bad_alloc&) {
-    return {};
+    return guardedOr(std::u16string(), [&] {
+        std::vector<uint8_t> data(value.dataLength);
+        hiveValueData(hive, value, data);
+        std::u16string text(data.size() / sizeof(char16_t), u'\0');
+        memcpy(text.data(), data.data(), text.size() * sizeof(char16_t));
+        return text.substr(0, text.find(u'\0'));
+    });
 }
 
 } /* namespace offline */

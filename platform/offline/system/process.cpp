@@ -3,23 +3,23 @@
 
 #include <cerrno>
 #include <ctime>
-#include <new>
 
 #include "platform/nt.h"
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/security/security.h"
 #include "platform/offline/system/system.h"
 #include "platform/offline/system/system_state.h"
 
-std::string offline::restartAsked() try {
+std::string offline::restartAsked() {
     const Restart asked = systemState().restartAsked;
     if (asked == Restart::none || systemInstallation() == nullptr) return {};
     const Installation& installation = *systemInstallation();
-    const std::string disk = diskPath(*installation.volumes[installation.systemVolume].disk);
-    return asked == Restart::reboot
-               ? "a restart was asked for; the system is at rest: start the machine from " + disk
-               : "a power-off was asked for; the system is at rest: " + disk + " is ready to be started";
-} catch (const std::bad_alloc&) {  // the line is not worth more than the close behind it
-    return {};
+    return guardedOr(std::string(), [&] {
+        const std::string disk = diskPath(*installation.volumes[installation.systemVolume].disk);
+        return asked == Restart::reboot
+                   ? "a restart was asked for; the system is at rest: start the machine from " + disk
+                   : "a power-off was asked for; the system is at rest: " + disk + " is ready to be started";
+    });
 }
 
 /* Nothing is running, so there is nothing to do now; what was asked for is told when the disks are closed. */

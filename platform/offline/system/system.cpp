@@ -98,13 +98,10 @@ std::vector<std::string> systemDisks(std::string_view text) {
 }
 
 NTSTATUS systemOpen(const std::vector<std::string>& paths, DiskAccess access, Problem& problem) {
-    NTSTATUS status;
-    try {
+    const NTSTATUS status = guardedRefusing(problem, [&] {
         systemState().installation.emplace();
-        status = openParts(paths, access, problem);
-    } catch (const std::bad_alloc&) {
-        status = refuse(problem, STATUS_NO_MEMORY, "out of memory");
-    }
+        return openParts(paths, access, problem);
+    });
     if (status >= 0) return status;
     Problem closing; /* nothing was changed, so closing has nothing to add */
     registryReset();

@@ -23,7 +23,7 @@ int addEntry(void* context, const ntfs3g::ntfschar* name, const int length, cons
     auto& listing = *static_cast<Listing*>(context);
     if (nameType == ntfs3g::FILE_NAME_DOS || length <= 0 || isDots(name, length)) return 0;
     if (recordNumberOf(file) < firstOrdinaryRecord) return 0;
-    try {
+    const NTSTATUS status = guarded([&] {
         DirectoryListing& result = listing.result;
         DirectoryEntry entry = {};
         entry.file = file;
@@ -33,12 +33,12 @@ int addEntry(void* context, const ntfs3g::ntfschar* name, const int length, cons
         entry.reparse = kind == NTFS_DT_LNK || kind == NTFS_DT_REPARSE;
         result.names.append(reinterpret_cast<const char16_t*>(name), static_cast<size_t>(length));
         result.entries.push_back(entry);
-    } catch (const std::exception&) {
-        listing.outOfMemory = true;
-        errno = ENOMEM;
-        return -1;
-    }
-    return 0;
+        return STATUS_SUCCESS;
+    });
+    if (status >= 0) return 0;
+    listing.outOfMemory = true;
+    errno = ENOMEM;
+    return -1;
 }
 
 /* The library gives the blocks of a large index in the order of the disk. */
