@@ -1,6 +1,5 @@
 /* The scan engine under a callback whose answers the test gives. */
 #include <algorithm>
-#include <regex>
 
 #include "tests/keys/keys_fixture.h"
 
@@ -60,6 +59,15 @@ struct Scan : Keys {
         return error;
     }
 
+    /* " H" for each " 0x..." */
+    static std::string withoutHandles(std::string line) {
+        for (size_t at = 0; (at = line.find(" 0x", at)) != line.npos; at += 2) {
+            const size_t end = line.find_first_not_of("0123456789abcdef", at + 3);
+            line.replace(at, std::min(end, line.size()) - at, " H");
+        }
+        return line;
+    }
+
     /* "the events, the code", log lines among the events. */
     std::string run(uint32_t flags = 0, uint64_t scope = 0) {
         // clang-format off
@@ -73,7 +81,7 @@ struct Scan : Keys {
             {"p\\a", "A"}, {"Original security attributes lost for A", "lost"}};
         // clang-format on
         const std::string line = outcome(legend, [&] { return scan(flags, scope); });
-        return std::regex_replace(line, std::regex(" 0x[0-9a-f]+"), " H");
+        return withoutHandles(line);
     }
 };
 
