@@ -15,7 +15,7 @@ static void _send(FILE* stream, const char* bytes, size_t length) {
     while (length > 0) {
         size_t piece = length < most ? length : most;
         while (piece < length && (bytes[piece] & 0xC0) == 0x80) piece--;  // within a character
-        DWORD written = 0;
+        DWORD written = 0;  // not to be relied on: some consoles count characters in it
         WriteFile(file, bytes, static_cast<DWORD>(piece), &written, nullptr);
         bytes += piece;
         length -= piece;
@@ -53,8 +53,9 @@ static void _reserve(textOutput* output, size_t more) {
 }
 
 static void _put(textOutput* output, char next) {
-    _reserve(output, 2);
-    if (next == '\n' && _returnsAtLineEnds) output->bytes[output->used++] = '\r';
+    const bool returns = next == '\n' && _returnsAtLineEnds;
+    _reserve(output, returns ? 2 : 1);
+    if (returns) output->bytes[output->used++] = '\r';
     output->bytes[output->used++] = next;
 }
 

@@ -79,8 +79,14 @@ TEST(LogSink, ALineIsOneWriteAndNoWriteEndsWithinACharacter) {
     std::array<int, 2> ends = {};
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends.data()), 0);
     const int kept = dup(2);
-    const std::u16string filler(5000, u'\u20AC');
-    for (const int allocations : {-1, 2, 1, 0}) {
+    const std::u16string three(5000, u'\u20AC');
+    std::u16string four;
+    while (four.size() < 10000) four += u"\U0001F600";
+    const std::pair<int, std::u16string> rows[] = {
+        {-1, three}, {2, three},       {1, three},        {0, three},
+        {0, four},   {0, u"a" + four}, {0, u"ab" + four}, {0, u"abc" + four},
+    };
+    for (const auto& [allocations, filler] : rows) {
         dup2(ends[0], 2);
         allocationsLeft = allocations;
         logToConsole("regtk/regtk_open", "regOpenKey", 17, 3, 0, "%ws|%d", filler.c_str(), 7);

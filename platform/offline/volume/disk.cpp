@@ -211,9 +211,10 @@ NTSTATUS disksApart(const std::vector<std::string>& paths, Problem& problem) {
             DiskPlace place = diskPlaceOf(info);
             for (const auto& [other, otherPlace] : seen) {
                 if (!placesOverlap(place, otherPlace)) continue;
-                return refuse(
-                    problem, STATUS_INVALID_PARAMETER,
-                    path + ": it is the same disk as " + other + ", or a part of it; name each disk once");
+                std::string text = path;
+                text.append(": it is the same disk as ").append(other);
+                return refuse(problem, STATUS_INVALID_PARAMETER,
+                              text.append(", or a part of it; name each disk once"));
             }
             seen.emplace_back(path, std::move(place));
         }

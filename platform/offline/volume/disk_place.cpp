@@ -79,7 +79,7 @@ bool stepDown(DiskPlace& place, dev_t& device) {
     const std::string sysfs = sysfsOf(device);
     place.devices.push_back(device);
     place.bottom = "device " + std::to_string(device);
-    dev_t whole;
+    dev_t whole = 0;
     if (access((sysfs + "/partition").c_str(), F_OK) == 0 && wholeDevice(sysfs, whole)) {
         narrow(place, readNumber(sysfs + "/start") * sysfsSector, readNumber(sysfs + "/size") * sysfsSector);
         device = whole;
