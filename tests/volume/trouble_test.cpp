@@ -139,8 +139,12 @@ TEST_F(TroubleTest, ARefusedReadIsNamedAndRemembered) {
             Problem problem;
             const NTSTATUS told = diskReadWhole(*opened.disk, problem);
             /* Told also where the second copy of the descriptors has served. */
-            if (use.worst < 0) EXPECT_EQ(told, use.worst) << turn << problem.text;
-            if (told < 0) EXPECT_EQ(told, STATUS_IO_DEVICE_ERROR) << turn << problem.text;
+            if (use.worst < 0) {
+                EXPECT_EQ(told, use.worst) << turn << problem.text;
+            }
+            if (told < 0) {
+                EXPECT_EQ(told, STATUS_IO_DEVICE_ERROR) << turn << problem.text;
+            }
             served += told < 0 && use.worst >= 0 ? 1 : 0;
             EXPECT_EQ(problem.text.find("(Input/output error)") != std::string::npos, told < 0)
                 << problem.text;
