@@ -139,7 +139,7 @@ void fillRecord(std::u16string_view name, const FileInfo& info, WIN32_FIND_DATAW
  * meets the trouble under the entry's name. */
 FileInfo entryInfo(const Search& search, const DirectoryEntry& entry) {
     FileInfo info = {};
-    if (volumeFileInfo(*search.volume, entry.file, info) >= 0) return info;
+    if (volumeEntryInfo(*search.volume, search.directoryFile, search.listing, entry, info) >= 0) return info;
     info = {};
     if (entry.directory) info.attributes |= FILE_ATTRIBUTE_DIRECTORY;
     if (entry.reparse) info.attributes |= FILE_ATTRIBUTE_REPARSE_POINT;

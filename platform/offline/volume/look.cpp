@@ -125,6 +125,19 @@ NTSTATUS lookUpIn(Volume& volume, Inode& directory, std::u16string_view name, Fi
     return status == STATUS_OBJECT_NAME_NOT_FOUND ? lookUpAs(volume, directory, name, false, file) : status;
 }
 
+NTSTATUS volumeEntryInfo(Volume& volume, FileRef directory, const DirectoryListing& listing,
+                         const DirectoryEntry& entry, FileInfo& info) {
+    return guarded([&]() -> NTSTATUS {
+        const NTSTATUS status = loadRecord(volume, entry.file);
+        if (status < 0) return status;
+        info = volume.record.info;
+        const bool kindFits = entry.reparse || entry.directory == volume.record.directory;
+        if (!kindFits || !recordNamed(volume, directory, listing.name(entry)))
+            volumeNoteDamage(volume, entry.file);
+        return STATUS_SUCCESS;
+    });
+}
+
 NTSTATUS volumeLookUp(Volume& volume, FileRef directory, std::u16string_view name, FileRef& file) {
     return guarded([&]() -> NTSTATUS {
         Inode inode(volume);
@@ -165,6 +178,8 @@ NTSTATUS volumeList(Volume& volume, FileRef directory, DirectoryListing& listing
             !indexIsThere(inode)) {
             return context.outOfMemory ? STATUS_NO_MEMORY : libraryStatus(volume, errno);
         }
+        /* What can be seen of it is as good as ever; what can't is told. */
+        if (!indexBlocksInUse(inode) && !volume.device.failed) volumeNoteDamage(volume, directory);
         sortEntries(volume, listing);
         return inode.close();
     });

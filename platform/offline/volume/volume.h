@@ -91,6 +91,13 @@ struct DirectoryListing {
  * reused. */
 NTSTATUS volumeList(Volume& volume, FileRef directory, DirectoryListing& listing);
 
+/* What an entry of the directory's listing leads to. Where its record is of another kind, or has not this
+ * name in the directory, another file can't be reached: that is remembered as damage, and the record is as
+ * good as any.
+ */
+NTSTATUS volumeEntryInfo(Volume& volume, FileRef directory, const DirectoryListing& listing,
+                         const DirectoryEntry& entry, FileInfo& info);
+
 /* ---- Security descriptors ---- */
 
 /* The file's self-relative descriptor, byte for byte as stored and valid by every bound; read once for each
