@@ -69,16 +69,20 @@ struct WalkTest : FilesTest {
         return at;
     }
 
-    /* Makes the entry of a directory that names a file name another. */
-    void renameEntry(FileRef named, FileRef other, FileRef directory) const {
-        const std::string bytes = readImage();
+    /* Where the entry of a directory lies that names a file. */
+    static size_t entryPlace(const std::string& bytes, FileRef named, FileRef directory) {
         const std::string_view entry(reinterpret_cast<const char*>(&named), 8);
         /* its reference, 8 bytes of sizes, and the parent's record at the head of the name */
         size_t at = bytes.find(entry);
         while (at != bytes.npos && memcmp(&bytes[at + 16], &directory, 6) != 0)
             at = bytes.find(entry, at + 1);
-        ASSERT_NE(at, bytes.npos);
-        writeImage(at, {reinterpret_cast<const char*>(&other), 8});
+        EXPECT_NE(at, bytes.npos);
+        return at;
+    }
+
+    /* Makes the entry of a directory that names a file name another. */
+    void renameEntry(FileRef named, FileRef other, FileRef directory) const {
+        writeImage(entryPlace(readImage(), named, directory), {reinterpret_cast<const char*>(&other), 8});
     }
 
     void expectWalk() {
@@ -190,8 +194,8 @@ TEST_F(WalkTest, tellsOfWhatItCannotReach) {
     constexpr size_t all = 9 + many, none = 0;
     struct Damage {
         const char* what;
-        FileRef entry, leadsTo, in; /* an entry that leads elsewhere; or: */
-        FileRef changed;            /* what a byte of a record says */
+        FileRef entry, leadsTo, in; /* an entry that leads elsewhere, or of which a byte is changed; or: */
+        FileRef changed;            /* a record of which one is */
         uint32_t attribute;
         size_t at, seen; /* places that the walk meets */
         char bits;
@@ -204,15 +208,21 @@ TEST_F(WalkTest, tellsOfWhatItCannotReach) {
         {"a file's entry leads to a directory", file, below, directory, none, 0, 0, all, 0, below},
         {"an entry leads to a file of another name", file, same, directory, none, 0, 0, all, 0, same},
         {"an entry leads to a file of another directory", file, far, directory, none, 0, 0, all, 0, far},
+        {"an entry leads to the volume's own metadata", file, 9 | 9ULL << 48, directory, none, 0, 0, all - 1, 0, directory},
+        {"a name that begins with a terminator", file, none, directory, none, 0, 16 + 66, all - 1, 'f', file},
+        {"a short name without a long one", file, none, directory, none, 0, 16 + 65, all, 2, 0},
         {"a reparse point without data", none, none, none, directory, 0x10, 24 + 33, all, 0x04, 0},
         {"blocks that are in use but free by the bitmap", none, none, none, large, 0xB0, 24 + 8, 0, 0x01, large},
     };
     // clang-format on
     for (const Damage& damage : damages) {
         writeImage(0, sound);
-        if (damage.entry != 0) renameEntry(damage.entry, damage.leadsTo, damage.in);
-        if (damage.changed != 0) {
-            const size_t at = attributePlace(sound, damage.changed, damage.attribute) + damage.at;
+        if (damage.leadsTo != 0) {
+            renameEntry(damage.entry, damage.leadsTo, damage.in);
+        } else if (damage.entry != 0 || damage.changed != 0) {
+            const size_t at = (damage.entry != 0 ? entryPlace(sound, damage.entry, damage.in)
+                                                 : attributePlace(sound, damage.changed, damage.attribute)) +
+                              damage.at;
             writeImage(at, std::string(1, static_cast<char>(sound[at] ^ damage.bits)));
         }
         mount(DiskAccess::readOnly);

@@ -88,8 +88,8 @@ bool takeAttributes(Bytes record, Bytes used, size_t offset, FileRecord& file) {
         if (!attributeAt(used, offset, attribute)) return false;
         switch (attribute.type) {
             case ntfs3g::AT_STANDARD_INFORMATION:
-                standard = takeStandardInformation(attribute, record, file);
-                if (!standard) return false;
+                if (standard || !takeStandardInformation(attribute, record, file)) return false;
+                standard = true;
                 break;
             case ntfs3g::AT_ATTRIBUTE_LIST:
                 file.complete = false;

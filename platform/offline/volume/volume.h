@@ -87,8 +87,8 @@ struct DirectoryListing {
 };
 
 /* All entries in the order of the directory's index, without ".", "..", the volume's own metadata files and
- * short aliases. A hard-linked file is listed for each of its names. listing is overwritten, its room
- * reused. */
+ * short aliases of longer names. A hard-linked file is listed for each of its names. listing is overwritten,
+ * its room reused. */
 NTSTATUS volumeList(Volume& volume, FileRef directory, DirectoryListing& listing);
 
 /* What an entry of the directory's listing leads to. Where its record is of another kind, or has not this
