@@ -78,10 +78,15 @@ TEST_F(Info, TellsDirtyHivesAndMissingOnes) {
     base[4]++; /* the primary sequence number, and what it changes in the checksum */
     base[508] = static_cast<uint8_t>(base[508] ^ base[4] ^ static_cast<uint8_t>(base[4] - 1));
     open.write(sam, 0, base);
+    open.write(u"Users\\bob\\NTUSER.DAT", 0, {'x'});
+    open.write(u"Windows\\ServiceProfiles\\LocalService\\NTUSER.DAT", 0, {'x'});
     open.close();
     const Outcome outcome = look();
     EXPECT_EQ(outcome.status, 2);
-    EXPECT_TRUE(isOneLine(outcome.err)) << outcome.err;
+    EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 3) << outcome.err;
+    /* A run leaves a user's hive as it is, but does not start without that of a service. */
+    EXPECT_NE(lineWith(outcome.err, "bob").find("leaves this user's hive"), std::string::npos) << outcome.err;
+    EXPECT_EQ(lineWith(outcome.err, "LocalService").find("leaves"), std::string::npos) << outcome.err;
     EXPECT_NE(lineWith(outcome.out, "config\\SAM").find("dirty"), std::string::npos) << outcome.out;
     EXPECT_NE(lineWith(outcome.out, "machine SID").find("unknown"), std::string::npos) << outcome.out;
     EXPECT_NE(lineWith(outcome.out, "Users\\gone").find("missing"), std::string::npos) << outcome.out;
