@@ -185,13 +185,15 @@ TEST_F(WalkTest, tellsOfWhatItCannotReach) {
     ASSERT_GE(volumeLink(*volume, linked, directory, u"link"), 0);
     const FileRef large = make(rootDirectory, u"large", NewFile::directory);
     constexpr unsigned many = 200;
+    FileRef within = 0;
     for (unsigned i = 0; i < many; i++) {
-        make(large, u"a rather long name of a file " + std::u16string(1, char16_t(0x4E00 + i)),
-             NewFile::file);
+        within = make(large, u"a rather long name of a file " + std::u16string(1, char16_t(0x4E00 + i)),
+                      NewFile::file);
     }
     unmount();
     const std::string sound = readImage();
-    constexpr size_t all = 9 + many, none = 0;
+    constexpr size_t all = 9 + many, none = 0,
+                     entryBlock = 4096; /* bytes: in the block that an entry lies in */
     struct Damage {
         const char* what;
         FileRef entry, leadsTo, in; /* an entry that leads elsewhere, or of which a byte is changed; or: */
@@ -212,6 +214,7 @@ TEST_F(WalkTest, tellsOfWhatItCannotReach) {
         {"a name that begins with a terminator", file, none, directory, none, 0, 16 + 66, all - 1, 'f', file},
         {"a short name without a long one", file, none, directory, none, 0, 16 + 65, all, 2, 0},
         {"a reparse point without data", none, none, none, directory, 0x10, 24 + 33, all, 0x04, 0},
+        {"a block without an update sequence", within, none, large, none, 0, entryBlock + 6, all, 1, large},
         {"blocks that are in use but free by the bitmap", none, none, none, large, 0xB0, 24 + 8, 0, 0x01, large},
     };
     // clang-format on
@@ -220,9 +223,10 @@ TEST_F(WalkTest, tellsOfWhatItCannotReach) {
         if (damage.leadsTo != 0) {
             renameEntry(damage.entry, damage.leadsTo, damage.in);
         } else if (damage.entry != 0 || damage.changed != 0) {
-            const size_t at = (damage.entry != 0 ? entryPlace(sound, damage.entry, damage.in)
-                                                 : attributePlace(sound, damage.changed, damage.attribute)) +
-                              damage.at;
+            size_t at = damage.entry != 0 ? entryPlace(sound, damage.entry, damage.in)
+                                          : attributePlace(sound, damage.changed, damage.attribute);
+            if (damage.at >= entryBlock) at = at / entryBlock * entryBlock - entryBlock;
+            at += damage.at;
             writeImage(at, std::string(1, static_cast<char>(sound[at] ^ damage.bits)));
         }
         mount(DiskAccess::readOnly);

@@ -57,7 +57,7 @@ bool subnodesUsed(const DirectoryIndex& index, Bytes node) {
     }
 }
 
-/* Each block that is in use, and what it leads to. */
+/* Each block that is in use, whether it was read as it should, and what it leads to. */
 bool blocksLeadToUsed(const DirectoryIndex& index) {
     std::vector<uint8_t> block(index.blockSize);
     const auto count = static_cast<uint64_t>(index.blocks->data_size) / index.blockSize;
@@ -68,6 +68,9 @@ bool blocksLeadToUsed(const DirectoryIndex& index) {
             return false;
         }
         const Bytes node = Bytes(block).subspan(blockHeader);
+        if (!updateSequenceFits(block, blockHeader + nodeHeader,
+                                blockHeader + size_t{numberAt<uint32_t>(node, 0)}))
+            return false;
         if (isInner(node) && !subnodesUsed(index, node)) return false;
     }
     return true;

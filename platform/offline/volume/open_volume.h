@@ -109,6 +109,15 @@ NTSTATUS libraryStatus(Volume& volume, int error);
 
 /* ---- Records ---- */
 
+/* Whether the update sequence, which guards each sector of a record or an index block, lies behind its header
+ * and before its contents. The library passes over one that does not, and gives what lies on the disk as it
+ * is. */
+inline bool updateSequenceFits(Bytes record, size_t header, size_t contents) {
+    constexpr size_t sector = 512;
+    const size_t at = numberAt<uint16_t>(record, 4), count = numberAt<uint16_t>(record, 6);
+    return count == record.size() / sector + 1 && at % 2 == 0 && at >= header && at + 2 * count <= contents;
+}
+
 /* Fills volume.record with the file's. STATUS_FILE_CORRUPT_ERROR when it is no record of a file in use. */
 NTSTATUS loadRecord(Volume& volume, FileRef file);
 
@@ -167,8 +176,9 @@ NTSTATUS securityIdOf(Volume& volume, Bytes descriptor, uint32_t& id);
 
 /* ---- Names ---- */
 
-/* Whether every block that the open directory's index leads to is one that its bitmap says is in use: the
- * library lists those, and leaves out the others without a word. May throw std::bad_alloc. */
+/* Whether every block that the open directory's index leads to is one that its bitmap says is in use, and has
+ * its update sequence: the library lists what is in use, as it lies on the disk, and leaves out the rest
+ * without a word. May throw std::bad_alloc. */
 bool indexBlocksInUse(Inode& directory);
 
 inline const ntfs3g::ntfschar* libraryName(std::u16string_view name) {

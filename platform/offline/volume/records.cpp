@@ -122,6 +122,8 @@ bool parseRecord(Bytes record, FileRef reference, FileRecord& file) {
     if ((flags & ntfs3g::MFT_RECORD_IN_USE) == 0) return false;
     if (numberAt<uint64_t>(record, offsetof(MFT_RECORD, base_mft_record)) != 0) return false;
     if (MSEQNO(reference) != 0 && MSEQNO(reference) != sequence) return false;
+    constexpr size_t oldestHeader = 42; /* bytes; before Windows XP */
+    if (!updateSequenceFits(record, oldestHeader, attributes)) return false;
     Bytes used = checkedSpan(record, 0, inUse);
     if (used.size() != inUse || attributes > used.size() || attributes % 8 != 0) return false;
     if (!takeAttributes(record, used, attributes, file)) return false;
