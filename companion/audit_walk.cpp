@@ -87,6 +87,15 @@ struct VolumeWalk {
         }
     }
 
+    /* As its own record has it, if that can be read: a run goes by that too. */
+    bool isDirectory(FileRef directory, const offline::DirectoryListing& listing,
+                     const offline::DirectoryEntry& entry) const {
+        offline::FileInfo info;
+        if (offline::volumeEntryInfo(volume, directory, listing, entry, info) < 0) return entry.directory;
+        return (info.attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) ==
+               FILE_ATTRIBUTE_DIRECTORY;
+    }
+
     void enter(FileRef file, std::u16string path) {
         if (entered.insert(file).second) {
             left.push_back({file, std::move(path)});
@@ -111,7 +120,7 @@ struct VolumeWalk {
             for (const offline::DirectoryEntry& entry : listing.entries) {
                 const std::u16string_view entryName = listing.name(entry);
                 lookAt(entry.file, directory.path, entryName);
-                if (entry.directory) {
+                if (isDirectory(directory.file, listing, entry)) {
                     enter(entry.file, std::u16string(directory.path).append(u"\\").append(entryName));
                 }
             }

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <exception>
@@ -28,6 +29,7 @@ int main(int argc, char** argv) {
                        ") for the standard streams that are closed; open them");
         return status;
     }
+    signal(SIGXFSZ, SIG_IGN); /* a limit on files' sizes: the write fails, and that is told */
     const offline::Session session;
     try {
         status = companion::runCommandLine(std::vector<std::string>(argv + std::min(argc, 1), argv + argc));

@@ -134,7 +134,10 @@ void lookAtUserHive(Looking& looking, const std::string& user, const std::u16str
         if (hive) seen.version = offline::hiveMinorVersion(*hive);
     }
     seen.state = stateOf(status, hive);
-    if (status < 0) problem.text += "; a run leaves this user's hive as it is";
+    /* Those that a running system always has open belong to the machine: without one of them no run starts.
+     */
+    if (status < 0 && !offline::isServiceAccount(offline::toUtf16(user)))
+        problem.text += "; a run leaves this user's hive as it is";
     if (seen.state != HiveState::missing) looking.good(status, problem);
     looking.sight.hives.push_back(std::move(seen));
 }

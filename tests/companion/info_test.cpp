@@ -1,6 +1,9 @@
 /* Looking at systems that are broken in some way: what can be seen is shown, and nothing is written. */
+#include <sys/resource.h>
+
 #include <cstring>
 
+#include "platform/offline/hive/hive.h"
 #include "tests/companion/program.h"
 
 namespace {
@@ -75,10 +78,15 @@ TEST_F(Info, TellsDirtyHivesAndMissingOnes) {
     base[4]++; /* the primary sequence number, and what it changes in the checksum */
     base[508] = static_cast<uint8_t>(base[508] ^ base[4] ^ static_cast<uint8_t>(base[4] - 1));
     open.write(sam, 0, base);
+    open.write(u"Users\\bob\\NTUSER.DAT", 0, {'x'});
+    open.write(u"Windows\\ServiceProfiles\\LocalService\\NTUSER.DAT", 0, {'x'});
     open.close();
     const Outcome outcome = look();
     EXPECT_EQ(outcome.status, 2);
-    EXPECT_TRUE(isOneLine(outcome.err)) << outcome.err;
+    EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 3) << outcome.err;
+    /* A run leaves a user's hive as it is, but does not start without that of a service. */
+    EXPECT_NE(lineWith(outcome.err, "bob").find("leaves this user's hive"), std::string::npos) << outcome.err;
+    EXPECT_EQ(lineWith(outcome.err, "LocalService").find("leaves"), std::string::npos) << outcome.err;
     EXPECT_NE(lineWith(outcome.out, "config\\SAM").find("dirty"), std::string::npos) << outcome.out;
     EXPECT_NE(lineWith(outcome.out, "machine SID").find("unknown"), std::string::npos) << outcome.out;
     EXPECT_NE(lineWith(outcome.out, "Users\\gone").find("missing"), std::string::npos) << outcome.out;
@@ -143,6 +151,55 @@ TEST_F(Info, WritesJson) {
     writeFile(path("out.json"), outcome.out);
     if (start("python3", {"--version"}).status != 0) GTEST_SKIP() << "no python3 to parse it";
     EXPECT_EQ(start("python3", {"-m", "json.tool", "out.json"}).status, 0);
+}
+
+/* The file of a hive in a vector. */
+struct MemoryStore : offline::HiveStore {
+    std::vector<uint8_t> bytes;
+    NTSTATUS beginChange() override { return STATUS_SUCCESS; }
+    NTSTATUS write(uint64_t offset, std::span<const uint8_t> part) override {
+        std::copy(part.begin(), part.end(), bytes.begin() + static_cast<ptrdiff_t>(offset));
+        return STATUS_SUCCESS;
+    }
+    NTSTATUS grow(uint64_t size) override {
+        bytes.resize(size);
+        return STATUS_SUCCESS;
+    }
+    NTSTATUS flush() override { return STATUS_SUCCESS; }
+};
+
+/* Each names the one before 10,000 times: expanded without a bound, they would take gigabytes. */
+TEST_F(Info, EnvironmentStringsThatNameEachOtherTakeNoMemory) {
+    const std::u16string path = configDirectory + u"SYSTEM";
+    MemoryStore store;
+    store.bytes = OpenImage(image).read(path);
+    offline::HivePtr hive;
+    offline::Problem problem;
+    ASSERT_GE(offline::hiveOpen(store.bytes, hive, problem), 0) << problem.text;
+    offline::Cell key = offline::hiveRoot(*hive);
+    for (const std::u16string name : {u"ControlSet001", u"Control", u"Session Manager", u"Environment"}) {
+        const offline::Cell parent = key;
+        if (offline::hiveFindSubkey(*hive, parent, name, key) >= 0) continue;
+        const std::vector<uint8_t> descriptor(offline::hiveKeyDescriptor(*hive, parent).begin(),
+                                              offline::hiveKeyDescriptor(*hive, parent).end());
+        ASSERT_GE(offline::hiveCreateSubkey(*hive, parent, name, {}, descriptor, 0, 0, key), 0);
+    }
+    std::u16string text(30'000, u'x');
+    for (char16_t digit = u'0'; digit < u'6'; digit++) {
+        const auto* bytes = reinterpret_cast<const uint8_t*>(text.c_str());
+        const std::u16string name = {u'v', digit};
+        ASSERT_GE(offline::hiveSetValue(*hive, key, name, REG_EXPAND_SZ, {bytes, text.size() * 2 + 2}, 0), 0);
+        text.clear();
+        while (text.size() < 32'000) text.append(u"%").append(name).append(u"%");
+    }
+    ASSERT_GE(offline::hiveSave(*hive, store), 0);
+    OpenImage open(image, offline::DiskAccess::readWrite);
+    open.write(path, 0, store.bytes);
+    open.close();
+    EXPECT_EQ(look().status, 0);
+    rusage usage = {};
+    ASSERT_EQ(getrusage(RUSAGE_CHILDREN, &usage), 0);
+    EXPECT_LT(usage.ru_maxrss, 600 * 1024) << "KiB"; /* sanitizers take most of it */
 }
 
 } /* namespace */

@@ -137,6 +137,11 @@ TEST_F(Sample, ReplacesNothingUnasked) {
         EXPECT_TRUE(isOneLine(outcome.err)) << outcome.err;
         EXPECT_EQ(outcome.out, "");
     }
+    /* A limit on files' sizes is an error like others, not the program's end. */
+    const Outcome limited =
+        start("sh", {"-c", "ulimit -f 1000; exec " QUILLET_OFFLINE_PROGRAM " sample new --size 32M"});
+    EXPECT_EQ(limited.status, 2);
+    EXPECT_TRUE(isOneLine(limited.err)) << limited.err;
     EXPECT_EQ(files(), before); /* nothing half made is left */
     EXPECT_EQ(contentsOf(path("there")), "precious");
 

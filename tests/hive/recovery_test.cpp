@@ -193,6 +193,15 @@ TEST_F(ForgedLogs, ABaseBlockFromALogWithoutEntries) {
         lost.resize(lost.size() - 4096);
         EXPECT_LT(openDirty({lost, logs}, hive), 0) << "a bin is missing";
     }
+    /* Of two, the later one: the other is from before the hive grew. */
+    for (const HiveLogs& logs : {HiveLogs{logOf(base, 9, {}), logOf(once, 10, {})},
+                                 HiveLogs{logOf(once, 10, {}), logOf(base, 9, {})}}) {
+        Bytes lost = once;
+        std::fill_n(lost.begin(), 4096, uint8_t{0});
+        HivePtr hive;
+        ASSERT_EQ(openDirty({lost, logs}, hive), STATUS_SUCCESS);
+        EXPECT_EQ(contentOf(*hive), contentOf(*opened(once)));
+    }
 }
 
 TEST_F(ForgedLogs, EntriesThatReachBeyondTheirBounds) {

@@ -61,7 +61,7 @@ class Refusals(ImageCase):
         self.assertEqual(done.status, 1393 & 0xFF, done.err)
         self.assertIn("completed successfully\n", done.out)
         self.assertRegex(done.err, r"GetFileSecurity returned 1392 for .*read only.txt\n")
-        self.assertRegex(done.err, r"(?m)^quillet: \S*damaged.img: 1 file or directory of its volumes can't be read for damage, .*run again$")
+        self.assertRegex(done.err, r"(?m)^quillet: \S*damaged.img: 1 file or directory of its volumes can't be read or reached for damage, .*run again$")
         audited = programs.run(programs.OFFLINE, "audit", image, programs.PAIR.search(done.out).group(1))
         self.assertEqual(audited.status, 2)
         self.assertIn("nothing that quillet treats holds", audited.out)

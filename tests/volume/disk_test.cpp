@@ -1,5 +1,7 @@
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -64,6 +66,26 @@ TEST_F(DiskTest, WriteProtectedFilesAreOnlyRead) {
     EXPECT_EQ(open(path("disk"), disk, DiskAccess::readOnly), STATUS_SUCCESS);
     disk.reset();
     EXPECT_EQ(images::readFile(path("disk")), content);
+
+    /* One that the system keeps from writes for another reason than its permissions: a program that runs. */
+    std::filesystem::copy_file("/bin/sleep", path("program"));
+    const pid_t child = fork();
+    if (child == 0) {
+        execl(path("program").c_str(), "program", "60", nullptr);
+        _exit(127);
+    }
+    bool busy = false;
+    for (int turn = 0; turn < 500 && !busy; turn++, usleep(10'000)) {
+        const int file = ::open(path("program").c_str(), O_RDWR);
+        busy = file < 0 && errno == ETXTBSY;
+        if (file >= 0) close(file);
+    }
+    for (const DiskAccess access : {DiskAccess::readWrite, DiskAccess::trial}) {
+        if (!busy) continue;
+        EXPECT_EQ(open(path("program"), disk, access), STATUS_MEDIA_WRITE_PROTECTED);
+    }
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
 }
 
 /* Names for the same bytes, and for their neighbours; with loop devices where the system lends them. */

@@ -126,16 +126,22 @@ void fillRecord(std::u16string_view name, const FileInfo& info, WIN32_FIND_DATAW
  * meets the trouble under the entry's name. */
 FileInfo entryInfo(const Search& search, const DirectoryEntry& entry) {
     FileInfo info = {};
-    if (volumeFileInfo(*search.volume, entry.file, info) >= 0) return info;
+    if (volumeEntryInfo(*search.volume, search.directoryFile, search.listing, entry, info) >= 0) return info;
     info = {};
     if (entry.directory) info.attributes |= FILE_ATTRIBUTE_DIRECTORY;
     if (entry.reparse) info.attributes |= FILE_ATTRIBUTE_REPARSE_POINT;
     return info;
 }
 
-/* A name that no terminated path can spell is passed over. */
+/* A name that no terminated path can spell is none that the platform would have given. */
+bool spelled(const Search& search, const DirectoryEntry& entry) {
+    const std::u16string_view name = search.listing.name(entry);
+    if (!name.empty() && name.find(u'\0') == name.npos) return true;
+    volumeNoteDamage(*search.volume, entry.file);
+    return false;
+}
+
 bool wanted(const Search& search, std::u16string_view name) {
-    if (name.empty() || name.find(u'\0') != name.npos) return false;
     return search.pattern.empty() || matches(search.pattern, name);
 }
 
@@ -149,7 +155,7 @@ NTSTATUS deliverNext(Search& search, WIN32_FIND_DATAW& record) {
     while (search.next < search.listing.entries.size()) {
         const DirectoryEntry& entry = search.listing.entries[search.next++];
         const std::u16string_view name = search.listing.name(entry);
-        if (!wanted(search, name)) continue;
+        if (!spelled(search, entry) || !wanted(search, name)) continue;
         search.delivered = search.next - 1;
         fillRecord(name, entryInfo(search, entry), record);
         return STATUS_SUCCESS;

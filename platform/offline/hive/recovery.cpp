@@ -200,12 +200,21 @@ bool applyBaseBlock(Recovery& recovery, Data log) {
     return true;
 }
 
+/* The number of a log's base block; 0 for what is no log. */
+uint32_t reachedBy(Data log) {
+    return isLog(log, log::newType) ? get(log, base::primarySequence) : 0;
+}
+
 /* The hive's base block is lost: the log with the latest entries, and its base block. */
 bool applyLatest(Recovery& recovery, const HiveLogs& logs, const std::vector<Data>& first,
                  const std::vector<Data>& second) {
     const bool useSecond = first.empty() || (!second.empty() && lastSequence(second) > lastSequence(first));
     const std::vector<Data>& entries = useSecond ? second : first;
-    if (entries.empty()) return applyBaseBlock(recovery, logs.second) || applyBaseBlock(recovery, logs.first);
+    if (entries.empty()) {
+        const bool secondLater = reachedBy(logs.second) > reachedBy(logs.first);
+        return applyBaseBlock(recovery, secondLater ? logs.second : logs.first) ||
+               applyBaseBlock(recovery, secondLater ? logs.first : logs.second);
+    }
     takeBaseBlock(recovery, useSecond ? logs.second : logs.first);
     return applyEntries(recovery, entries);
 }

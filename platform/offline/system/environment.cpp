@@ -55,7 +55,7 @@ void putMachineStrings(const Hive& system) {
     for (uint32_t index = 0; hiveValue(system, key, index, value) >= 0; index++) {
         std::u16string name(value.nameLength, u'\0');
         hiveValueName(system, value, name.data());
-        put(name, hiveText(system, path, name));
+        put(name, hiveValueText(system, value));
     }
 }
 

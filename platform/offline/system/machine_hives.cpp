@@ -1,5 +1,6 @@
 #include "platform/offline/system/machine_hives.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <new>
@@ -182,6 +183,11 @@ NTSTATUS machineHivesSave(const Installation& installation, Problem& problem) {
         diskPath(disk) + ": the registry could not be written back" + diskWriteReason(disk) + "; " + advice);
 }
 
+bool isServiceAccount(std::u16string_view sid) {
+    return std::find(std::begin(serviceAccounts), std::end(serviceAccounts), sid) !=
+           std::end(serviceAccounts);
+}
+
 NTSTATUS hiveFindPath(const Hive& hive, std::u16string_view path, Cell& key) {
     key = hiveRoot(hive);
     while (!path.empty()) {
@@ -207,10 +213,14 @@ uint32_t currentControlSet(const Hive& system) {
 }
 
 std::u16string hiveText(const Hive& hive, std::u16string_view path, std::u16string_view name) {
-    constexpr uint32_t longest = 65534; /* bytes */
     Cell key;
     HiveValue value;
     if (hiveFindPath(hive, path, key) < 0 || hiveFindValue(hive, key, name, value) < 0) return {};
+    return hiveValueText(hive, value);
+}
+
+std::u16string hiveValueText(const Hive& hive, const HiveValue& value) {
+    constexpr uint32_t longest = 65534; /* bytes */
     if ((value.type != REG_SZ && value.type != REG_EXPAND_SZ) || value.dataLength > longest) return {};
     return guardedOr(std::u16string(), [&] {
         std::vector<uint8_t> data(value.dataLength);

@@ -9,8 +9,11 @@ namespace {
 
 struct Listing {
     const Volume& volume;
+    FileRef directory;
     DirectoryListing& result;
+    std::vector<DirectoryEntry> aliases = {}; /* short names beside long ones */
     bool outOfMemory = false;
+    bool strayed = false; /* an entry leads to the volume's own metadata, which has none there */
 };
 
 bool isDots(const ntfs3g::ntfschar* name, int length) {
@@ -21,8 +24,11 @@ bool isDots(const ntfs3g::ntfschar* name, int length) {
 int addEntry(void* context, const ntfs3g::ntfschar* name, const int length, const int nameType, const int64_t,
              const ntfs3g::MFT_REF file, const unsigned kind) noexcept {
     auto& listing = *static_cast<Listing*>(context);
-    if (nameType == ntfs3g::FILE_NAME_DOS || length <= 0 || isDots(name, length)) return 0;
-    if (recordNumberOf(file) < firstOrdinaryRecord) return 0;
+    if (length <= 0 || isDots(name, length)) return 0;
+    if (recordNumberOf(file) < firstOrdinaryRecord) {
+        if (recordNumberOf(listing.directory) != rootDirectory || name[0] != u'$') listing.strayed = true;
+        return 0;
+    }
     const NTSTATUS status = guarded([&] {
         DirectoryListing& result = listing.result;
         DirectoryEntry entry = {};
@@ -32,13 +38,26 @@ int addEntry(void* context, const ntfs3g::ntfschar* name, const int length, cons
         entry.directory = kind == NTFS_DT_DIR;
         entry.reparse = kind == NTFS_DT_LNK || kind == NTFS_DT_REPARSE;
         result.names.append(reinterpret_cast<const char16_t*>(name), static_cast<size_t>(length));
-        result.entries.push_back(entry);
+        (nameType == ntfs3g::FILE_NAME_DOS ? listing.aliases : result.entries).push_back(entry);
         return STATUS_SUCCESS;
     });
     if (status >= 0) return 0;
     listing.outOfMemory = true;
     errno = ENOMEM;
     return -1;
+}
+
+/* A short name stands beside a long one. Where that is missing, it is the only one by which the file can be
+ * met. */
+void keepLoneAliases(Listing& listing) {
+    if (listing.aliases.empty()) return;
+    std::vector<FileRef> named;
+    for (const DirectoryEntry& entry : listing.result.entries) named.push_back(entry.file);
+    std::sort(named.begin(), named.end());
+    for (const DirectoryEntry& alias : listing.aliases) {
+        if (!std::binary_search(named.begin(), named.end(), alias.file))
+            listing.result.entries.push_back(alias);
+    }
 }
 
 /* The library gives the blocks of a large index in the order of the disk. */
@@ -125,6 +144,19 @@ NTSTATUS lookUpIn(Volume& volume, Inode& directory, std::u16string_view name, Fi
     return status == STATUS_OBJECT_NAME_NOT_FOUND ? lookUpAs(volume, directory, name, false, file) : status;
 }
 
+NTSTATUS volumeEntryInfo(Volume& volume, FileRef directory, const DirectoryListing& listing,
+                         const DirectoryEntry& entry, FileInfo& info) {
+    return guarded([&]() -> NTSTATUS {
+        const NTSTATUS status = loadRecord(volume, entry.file);
+        if (status < 0) return status;
+        info = volume.record.info;
+        const bool kindFits = entry.reparse || entry.directory == volume.record.directory;
+        if (!kindFits || !recordNamed(volume, directory, listing.name(entry)))
+            volumeNoteDamage(volume, entry.file);
+        return STATUS_SUCCESS;
+    });
+}
+
 NTSTATUS volumeLookUp(Volume& volume, FileRef directory, std::u16string_view name, FileRef& file) {
     return guarded([&]() -> NTSTATUS {
         Inode inode(volume);
@@ -158,13 +190,17 @@ NTSTATUS volumeList(Volume& volume, FileRef directory, DirectoryListing& listing
         NTSTATUS status = inode.open(directory);
         if (status < 0) return status;
         if (!inode.isDirectory()) return STATUS_NOT_A_DIRECTORY;
-        Listing context{volume, listing};
+        Listing context{volume, directory, listing};
         int64_t position = 0;
         errno = 0;
         if (ntfs3g::ntfs_readdir(inode.inode, &position, &context, addEntry) != 0 || volume.device.failed ||
             !indexIsThere(inode)) {
             return context.outOfMemory ? STATUS_NO_MEMORY : libraryStatus(volume, errno);
         }
+        /* What can be seen of it is as good as ever; what can't is told. */
+        const bool whole = indexBlocksInUse(inode) && !context.strayed;
+        if (!whole && !volume.device.failed) volumeNoteDamage(volume, directory);
+        keepLoneAliases(context);
         sortEntries(volume, listing);
         return inode.close();
     });

@@ -159,8 +159,8 @@ NTSTATUS refuseMounted(const Disk& disk, const DiskPlace& place, Problem& proble
                       "; unmount and detach that (losetup -d), then try again");
 }
 
-NTSTATUS refuseReadOnly(const Disk& disk, Problem& problem) {
-    const bool writable = disk.readOnly ? diskWritable(disk) : true;
+NTSTATUS refuseReadOnly(const Disk& disk, DiskAccess access, Problem& problem) {
+    const bool writable = access == DiskAccess::trial ? diskWritable(disk) : !disk.readOnly;
     if (!disk.forChanges || writable) return STATUS_SUCCESS;
     return refuse(problem, STATUS_MEDIA_WRITE_PROTECTED,
                   disk.path +
@@ -178,7 +178,7 @@ NTSTATUS openWhole(Disk& disk, DiskAccess access, Problem& problem) {
     if (status >= 0) status = refuseMounted(disk, place, problem);
     if (status >= 0) status = measure(disk, problem);
     if (status >= 0) status = lockFile(disk, place, problem);
-    if (status >= 0) status = refuseReadOnly(disk, problem);
+    if (status >= 0) status = refuseReadOnly(disk, access, problem);
     return status;
 }
 
@@ -239,8 +239,14 @@ bool diskForChanges(const Disk& disk) {
 bool diskWritable(const Disk& disk) {
     struct stat info = {};
     if (fstat(disk.file, &info) != 0 || keptFromWrites(info)) return false;
-    if (S_ISBLK(info.st_mode) && deviceKeptFromWrites(disk.file)) return false;
-    return faccessat(AT_FDCWD, disk.path.c_str(), W_OK, AT_EACCESS) == 0;
+    if (S_ISBLK(info.st_mode)) {
+        return !deviceKeptFromWrites(disk.file) &&
+               faccessat(AT_FDCWD, disk.path.c_str(), W_OK, AT_EACCESS) == 0;
+    }
+    /* There is more than permissions: programs that run, files that may only grow. */
+    const int file = aboveStandard(open(disk.path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK));
+    if (file >= 0) close(file);
+    return file >= 0;
 }
 
 } /* namespace offline */

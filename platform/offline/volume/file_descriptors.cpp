@@ -52,7 +52,7 @@ NTSTATUS readOwnDescriptor(Inode& file, std::vector<uint8_t>& descriptor) {
     if (size != 0 && readAttribute(attribute.get(), 0, descriptor) && descriptorValid(descriptor)) {
         return STATUS_SUCCESS;
     }
-    return file.volume.device.failed ? STATUS_IO_DEVICE_ERROR : STATUS_INVALID_SECURITY_DESCR;
+    return unreadable(file.volume, STATUS_INVALID_SECURITY_DESCR);
 }
 
 /* Whether changing the id in the file's record is all that is needed. A file without an id may have a

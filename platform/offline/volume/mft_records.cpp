@@ -72,6 +72,7 @@ void takeDataSize(const Attribute& attribute, FileRecord& file) {
 }
 
 void takeReparseTag(const Attribute& attribute, FileRecord& file) {
+    file.reparseData = true;
     if (attribute.resident && attribute.value.size() >= 4) {
         file.info.reparseTag = numberAt<uint32_t>(attribute.value, 0);
     } else {
@@ -87,8 +88,8 @@ bool takeAttributes(Bytes record, Bytes used, size_t offset, FileRecord& file) {
         if (!attributeAt(used, offset, attribute)) return false;
         switch (attribute.type) {
             case ntfs3g::AT_STANDARD_INFORMATION:
-                standard = takeStandardInformation(attribute, record, file);
-                if (!standard) return false;
+                if (standard || !takeStandardInformation(attribute, record, file)) return false;
+                standard = true;
                 break;
             case ntfs3g::AT_ATTRIBUTE_LIST:
                 file.complete = false;
@@ -121,6 +122,8 @@ bool parseRecord(Bytes record, FileRef reference, FileRecord& file) {
     if ((flags & ntfs3g::MFT_RECORD_IN_USE) == 0) return false;
     if (numberAt<uint64_t>(record, offsetof(MFT_RECORD, base_mft_record)) != 0) return false;
     if (MSEQNO(reference) != 0 && MSEQNO(reference) != sequence) return false;
+    constexpr size_t oldestHeader = 42; /* bytes; before Windows XP */
+    if (!updateSequenceFits(record, oldestHeader, attributes)) return false;
     Bytes used = checkedSpan(record, 0, inUse);
     if (used.size() != inUse || attributes > used.size() || attributes % 8 != 0) return false;
     if (!takeAttributes(record, used, attributes, file)) return false;
@@ -133,26 +136,48 @@ bool parseRecord(Bytes record, FileRef reference, FileRecord& file) {
     return true;
 }
 
-/* The reparse tag of a file whose reparse data is not in its first record. */
-NTSTATUS readTag(Inode& inode, uint32_t& tag) {
+/* The reparse tag of a file whose reparse data is not in its first record, if it has any. */
+NTSTATUS readTag(Inode& inode, uint32_t& tag, bool& there) {
+    errno = 0;
     ntfs3g::ntfs_attr* data = ntfs3g::ntfs_attr_open(inode.inode, ntfs3g::AT_REPARSE_POINT, nullptr, 0);
-    if (data == nullptr) return libraryStatus(inode.volume, errno);
+    there = data != nullptr;
+    if (!there && errno == ENOENT && !inode.volume.device.failed) return STATUS_SUCCESS;
+    if (!there) return libraryStatus(inode.volume, errno);
     int64_t done = ntfs3g::ntfs_attr_pread(data, 0, sizeof tag, &tag);
     const NTSTATUS status = done == sizeof tag ? STATUS_SUCCESS : libraryStatus(inode.volume, errno);
     ntfs3g::ntfs_attr_close(data);
     return status;
 }
 
+/* Without the data that says what it leads to, nothing is a reparse point, whatever the bit says: what lies
+ * below a directory would be out of everyone's reach. */
+void dropReparseBit(FileRecord& record) {
+    record.info.attributes &= ~uint32_t{FILE_ATTRIBUTE_REPARSE_POINT};
+    if (record.info.attributes == 0) record.info.attributes = FILE_ATTRIBUTE_NORMAL;
+}
+
 /* What is kept in further records comes through the library. */
 NTSTATUS complete(Volume& volume, FileRef file, FileRecord& record) {
     bool reparse = (record.info.attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+    if (record.complete && reparse && !record.reparseData) dropReparseBit(record);
     if (record.complete && !(reparse && record.tagMissing)) return STATUS_SUCCESS;
     Inode inode(volume);
     NTSTATUS status = inode.open(file);
     if (status < 0) return status;
     if (!record.directory) record.info.size = static_cast<uint64_t>(inode.inode->data_size);
-    if (reparse) status = readTag(inode, record.info.reparseTag);
+    if (!reparse) return status;
+    bool there = false;
+    status = readTag(inode, record.info.reparseTag, there);
+    if (status >= 0 && !there) dropReparseBit(record);
     return status;
+}
+
+bool isName(Bytes value, FileRef directory, std::u16string_view name) {
+    constexpr size_t head = 66, lengthPlace = 64; /* bytes */
+    if (value.size() < head || value[lengthPlace] != name.size()) return false;
+    const Bytes text = checkedSpan(value, head, name.size() * sizeof(char16_t));
+    return recordNumberOf(numberAt<uint64_t>(value, 0)) == recordNumberOf(directory) && !text.empty() &&
+           std::memcmp(text.data(), name.data(), text.size()) == 0;
 }
 
 } /* namespace */
@@ -179,6 +204,19 @@ NTSTATUS loadRecord(Volume& volume, FileRef file) {
     NTSTATUS status = complete(volume, file, volume.record);
     if (status >= 0) volume.recordNumber = number;
     return status;
+}
+
+bool recordNamed(const Volume& volume, FileRef directory, std::u16string_view name) {
+    const Bytes record = volume.recordBytes;
+    const Bytes used = checkedSpan(record, 0, numberAt<uint32_t>(record, offsetof(MFT_RECORD, bytes_in_use)));
+    size_t offset = numberAt<uint16_t>(record, offsetof(MFT_RECORD, attrs_offset));
+    Attribute attribute;
+    while (offset <= used.size() && attributeAt(used, offset, attribute) &&
+           attribute.type != endOfAttributes) {
+        offset += attribute.header.size();
+        if (attribute.type == ntfs3g::AT_FILE_NAME && isName(attribute.value, directory, name)) return true;
+    }
+    return !volume.record.complete;
 }
 
 NTSTATUS writeSecurityId(Volume& volume, uint32_t id) {

@@ -36,6 +36,7 @@ struct FileRecord {
     bool directory = false;
     bool ownDescriptor = false; /* an attribute of its own holds the descriptor */
     bool complete = false;      /* size and tag are not in further records */
+    bool reparseData = false;   /* an attribute that makes a reparse point of it, in this record */
     bool tagMissing = false;    /* the reparse data must be read for the tag */
     uint32_t securityId = 0;    /* 0: none, or the record has no room for one */
     size_t securityIdPlace = 0; /* bytes from the record's start */
@@ -108,12 +109,25 @@ NTSTATUS libraryStatus(Volume& volume, int error);
 
 /* ---- Records ---- */
 
+/* Whether the update sequence, which guards each sector of a record or an index block, lies behind its header
+ * and before its contents. The library passes over one that does not, and gives what lies on the disk as it
+ * is. */
+inline bool updateSequenceFits(Bytes record, size_t header, size_t contents) {
+    constexpr size_t sector = 512;
+    const size_t at = numberAt<uint16_t>(record, 4), count = numberAt<uint16_t>(record, 6);
+    return count == record.size() / sector + 1 && at % 2 == 0 && at >= header && at + 2 * count <= contents;
+}
+
 /* Fills volume.record with the file's. STATUS_FILE_CORRUPT_ERROR when it is no record of a file in use. */
 NTSTATUS loadRecord(Volume& volume, FileRef file);
 
 inline void forgetRecord(Volume& volume) {
     volume.recordNumber = UINT64_MAX;
 }
+
+/* Whether the record that is loaded has this name in that directory; one that is not complete is believed,
+ * for its names can be in further records. */
+bool recordNamed(const Volume& volume, FileRef directory, std::u16string_view name);
 
 /* Writes the security id into the record that is loaded. */
 NTSTATUS writeSecurityId(Volume& volume, uint32_t id);
@@ -161,6 +175,11 @@ bool secureIndexesSound(Volume& volume);
 NTSTATUS securityIdOf(Volume& volume, Bytes descriptor, uint32_t& id);
 
 /* ---- Names ---- */
+
+/* Whether every block that the open directory's index leads to is one that its bitmap says is in use, and has
+ * its update sequence: the library lists what is in use, as it lies on the disk, and leaves out the rest
+ * without a word. May throw std::bad_alloc. */
+bool indexBlocksInUse(Inode& directory);
 
 inline const ntfs3g::ntfschar* libraryName(std::u16string_view name) {
     return reinterpret_cast<const ntfs3g::ntfschar*>(name.data());

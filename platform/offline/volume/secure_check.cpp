@@ -2,7 +2,10 @@
  * agree. The library changes them without looking, so that they are gone through once before. */
 #include "platform/offline/volume/secure_file.h"
 /* before everything else */
+#include <algorithm>
 #include <set>
+#include <utility>
+#include <vector>
 
 namespace offline {
 namespace {
@@ -23,8 +26,17 @@ bool inBitmap(const SecureIndex& index, std::u16string_view name, const std::set
     return true;
 }
 
-/* Every entry leads to a descriptor in the stream, whose header says the same. */
-bool indexSound(const SecureIndex& index, std::u16string_view name, ntfs3g::ntfs_attr* stream) {
+/* Where each id's descriptor lies; ids ascend. */
+using Places = std::vector<std::pair<uint32_t, uint64_t>>;
+
+bool hasPlace(const Places& places, const StoredPlace& place) {
+    return std::binary_search(places.begin(), places.end(), std::pair{place.id, place.offset});
+}
+
+/* Every entry leads to a descriptor in the stream, whose header says the same. Whoever has an id goes by the
+ * index of ids, so that an id that only the other one knows would be worth nothing to a file. */
+bool indexSound(const SecureIndex& index, std::u16string_view name, ntfs3g::ntfs_attr* stream,
+                Places& places) {
     const auto all = static_cast<uint64_t>(stream->data_size);
     std::set<uint64_t> blocks;
     bool agree = true;
@@ -35,6 +47,11 @@ bool indexSound(const SecureIndex& index, std::u16string_view name, ntfs3g::ntfs
             agree = place.length > storedHeader && place.offset <= all &&
                     place.length <= all - place.offset && readAttribute(stream, place.offset, header) &&
                     storedPlace(header) == place;
+            if (!index.byHash()) {
+                places.emplace_back(place.id, place.offset);
+            } else if (!hasPlace(places, place)) {
+                agree = false;
+            }
             return agree;
         },
         [&](uint64_t number) { return blocks.insert(number).second; });
@@ -48,8 +65,9 @@ bool secureIndexesSound(Volume& volume) {
     if (volume.ntfs->secure_ni == nullptr) return false; /* the library could not open it */
     const AttributePtr stream = openSecure(volume, ntfs3g::AT_DATA, u"$SDS");
     SecureIndex byHash, byId;
-    return stream != nullptr && openByHash(volume, byHash) && indexSound(byHash, u"$SDH", stream.get()) &&
-           openById(volume, byId) && indexSound(byId, u"$SII", stream.get());
+    Places places;
+    return stream != nullptr && openById(volume, byId) && indexSound(byId, u"$SII", stream.get(), places) &&
+           openByHash(volume, byHash) && indexSound(byHash, u"$SDH", stream.get(), places);
 }
 
 } /* namespace offline */

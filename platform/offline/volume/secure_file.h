@@ -71,6 +71,10 @@ bool visitEntries(const SecureIndex& index, uint64_t first, const VisitEntry& vi
 
 /* ---- Descriptors ---- */
 
+/* Why a descriptor could not be had, behind calls of the library before which errno was 0: memory, the disk,
+ * or else what the caller says. */
+NTSTATUS unreadable(const Volume& volume, NTSTATUS otherwise);
+
 /* The descriptor under an id, valid. STATUS_INVALID_SECURITY_DESCR when there is none or it is not valid;
  * STATUS_IO_DEVICE_ERROR when the disk refused to tell. May throw std::bad_alloc. */
 NTSTATUS readStored(Volume& volume, uint32_t id, std::vector<uint8_t>& descriptor);

@@ -5,7 +5,7 @@ namespace offline {
 namespace {
 
 constexpr size_t rootHeader = 16, blockHeader = 24, nodeHeader = 16, entryHeader = 16;
-constexpr size_t sectorSize = 512; /* what an update sequence guards */
+constexpr size_t sectorSize = 512;
 constexpr uint32_t byIdRule = 16, byHashRule = 18;
 constexpr uint16_t hasSubnode = 1, isEnd = 2;
 constexpr int deepest = 16; /* levels of blocks */
@@ -76,14 +76,6 @@ bool takeNode(const SecureIndex& index, Bytes bytes, bool root, Node& node) {
     }
 }
 
-/* The update sequence lies behind the block's header and before its entries. */
-bool updateSequenceFits(Bytes block) {
-    const size_t at = numberAt<uint16_t>(block, 4), count = numberAt<uint16_t>(block, 6);
-    const size_t entries = blockHeader + size_t{numberAt<uint32_t>(block, blockHeader)};
-    return count == block.size() / sectorSize + 1 && at % 2 == 0 && at >= blockHeader + nodeHeader &&
-           at + 2 * count <= entries;
-}
-
 bool readBlock(const SecureIndex& index, uint64_t number, Node& node) {
     if (index.blocks == nullptr) return false;
     const auto all = static_cast<uint64_t>(index.blocks->data_size);
@@ -93,7 +85,9 @@ bool readBlock(const SecureIndex& index, uint64_t number, Node& node) {
         ntfs3g::ntfs_attr_mst_pread(index.blocks.get(), static_cast<int64_t>(number << index.blockShift), 1,
                                     index.blockSize, block.data());
     return done == 1 && std::memcmp(block.data(), "INDX", 4) == 0 &&
-           numberAt<uint64_t>(block, 16) == number && updateSequenceFits(block) &&
+           numberAt<uint64_t>(block, 16) == number &&
+           updateSequenceFits(block, blockHeader + nodeHeader,
+                              blockHeader + size_t{numberAt<uint32_t>(block, blockHeader)}) &&
            takeNode(index, Bytes(block).subspan(blockHeader), false, node);
 }
 

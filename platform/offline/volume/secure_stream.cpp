@@ -62,10 +62,6 @@ bool holds(ntfs3g::ntfs_attr* stream, const StoredPlace& place, Bytes descriptor
     return readPlace(stream, place, stored) && sameBytes(stored, descriptor);
 }
 
-NTSTATUS unreadable(const Volume& volume, NTSTATUS otherwise) {
-    return volume.device.failed ? STATUS_IO_DEVICE_ERROR : otherwise;
-}
-
 /* The entry of an id, or none. False when the index can't be followed. */
 bool findById(Volume& volume, uint32_t id, std::optional<StoredPlace>& found) {
     SecureIndex index;
@@ -221,10 +217,16 @@ NTSTATUS store(Volume& volume, ntfs3g::ntfs_attr* stream, uint32_t hash, Bytes d
 
 } /* namespace */
 
+NTSTATUS unreadable(const Volume& volume, NTSTATUS otherwise) {
+    if (errno == ENOMEM) return STATUS_NO_MEMORY;
+    return volume.device.failed ? STATUS_IO_DEVICE_ERROR : otherwise;
+}
+
 NTSTATUS readStored(Volume& volume, uint32_t id, std::vector<uint8_t>& descriptor) {
     if (volume.ntfs->secure_ni == nullptr) return STATUS_INVALID_SECURITY_DESCR;
     volume.device.failed = false;
     allowReads(volume, readsOfACall);
+    errno = 0;
     std::optional<StoredPlace> place;
     const AttributePtr stream = openSecure(volume, ntfs3g::AT_DATA, u"$SDS");
     const bool read = stream != nullptr && findById(volume, id, place) && place &&
@@ -237,6 +239,7 @@ NTSTATUS findOrStore(Volume& volume, Bytes descriptor, uint32_t& id) {
     if (volume.ntfs->secure_ni == nullptr) return STATUS_NOT_SUPPORTED;
     volume.device.failed = false;
     allowReads(volume, readsOfACall);
+    errno = 0;
     const AttributePtr stream = openSecure(volume, ntfs3g::AT_DATA, u"$SDS");
     if (stream == nullptr) return unreadable(volume, STATUS_FILE_CORRUPT_ERROR);
     const uint32_t hash = hashOf(descriptor);

@@ -22,7 +22,7 @@ std::string refusedText(const DiskTrouble& trouble) {
 
 std::string damagedText(const DiskTrouble& trouble) {
     return counted(trouble.damaged, " file or directory", " files or directories") +
-           " of its volumes can't be read for damage, the first by MFT record " +
+           " of its volumes can't be read or reached for damage, the first by MFT record " +
            std::to_string(trouble.damagedRecord) + " of the volume at byte " +
            std::to_string(trouble.damagedVolume);
 }

@@ -87,9 +87,16 @@ struct DirectoryListing {
 };
 
 /* All entries in the order of the directory's index, without ".", "..", the volume's own metadata files and
- * short aliases. A hard-linked file is listed for each of its names. listing is overwritten, its room
- * reused. */
+ * short aliases of longer names. A hard-linked file is listed for each of its names. listing is overwritten,
+ * its room reused. */
 NTSTATUS volumeList(Volume& volume, FileRef directory, DirectoryListing& listing);
+
+/* What an entry of the directory's listing leads to. Where its record is of another kind, or has not this
+ * name in the directory, another file can't be reached: that is remembered as damage, and the record is as
+ * good as any.
+ */
+NTSTATUS volumeEntryInfo(Volume& volume, FileRef directory, const DirectoryListing& listing,
+                         const DirectoryEntry& entry, FileInfo& info);
 
 /* ---- Security descriptors ---- */
 
