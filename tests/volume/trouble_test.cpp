@@ -190,9 +190,10 @@ TEST_F(TroubleTest, DamageIsRememberedOnceForAFile) {
     EXPECT_EQ(volumeDescriptor(opened.get(), file, stored), STATUS_FILE_CORRUPT_ERROR);
     EXPECT_EQ(diskReadWhole(*opened.disk, problem), STATUS_DISK_CORRUPT_ERROR);
     EXPECT_NE(
-        problem.text.find(": 1 file or directory of its volumes can't be read for damage, the first by MFT "
-                          "record " +
-                          std::to_string(file & 0xFFFFFFFF)),
+        problem.text.find(
+            ": 1 file or directory of its volumes can't be read or reached for damage, the first by MFT "
+            "record " +
+            std::to_string(file & 0xFFFFFFFF)),
         std::string::npos)
         << problem.text;
     /* An index without its blocks is no empty one. */
