@@ -39,7 +39,7 @@ struct Walk {
     }
 
     template <typename MakePath>
-    void descriptor(Kind kind, std::span<const uint8_t> image, const MakePath& path) {
+    void descriptor(Kind kind, offline::Bytes image, const MakePath& path) {
         std::string bytes(reinterpret_cast<const char*>(image.data()), image.size());
         auto known = descriptors.find(bytes);
         if (known == descriptors.end()) {
@@ -78,7 +78,7 @@ struct VolumeWalk {
 
     void lookAt(FileRef file, std::u16string_view directory, std::u16string_view entry) const {
         const auto path = [&] { return pathOf(directory, entry); };
-        std::span<const uint8_t> descriptor;
+        offline::Bytes descriptor;
         const NTSTATUS status = offline::volumeDescriptor(volume, file, descriptor);
         if (status >= 0) {
             walk.descriptor(Kind::file, descriptor, path);

@@ -42,10 +42,10 @@ uint64_t imageSize(const SampleOptions& options) {
 
 struct Extent {
     uint64_t offset; /* bytes */
-    Bytes bytes;
+    ByteVector bytes;
 };
 
-bool allZero(const Bytes& bytes) {
+bool allZero(const ByteVector& bytes) {
     for (const uint8_t byte : bytes) {
         if (byte != 0) return false;
     }
@@ -59,7 +59,7 @@ std::vector<Extent> extentsOf(int file, const std::string& image) {
     off_t at = 0;
     while ((at = lseek(file, at, SEEK_DATA)) >= 0) {
         const auto start = static_cast<uint64_t>(at) / step * step;
-        Bytes bytes(step);
+        ByteVector bytes(step);
         const ssize_t got = pread(file, bytes.data(), step, static_cast<off_t>(start));
         if (got <= 0) throw Failure{image + ": can't be read back; check the disk that it is on"};
         bytes.resize(static_cast<size_t>(got));

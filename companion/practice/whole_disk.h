@@ -7,6 +7,7 @@
 
 #include "companion/machine.h"
 #include "companion/practice/sample_hive.h"
+#include "platform/offline/base/bytes.h"
 #include "platform/offline/volume/disk.h"
 
 namespace companion {
@@ -23,7 +24,7 @@ void writePartitionTable(int file, uint64_t size, offline::PartitionTable table,
                          const std::string& image);
 
 /* Writes bytes at an offset, all of them. Throws Failure. */
-void writeAll(int file, uint64_t offset, std::span<const uint8_t> bytes, const std::string& image);
+void writeAll(int file, uint64_t offset, offline::Bytes bytes, const std::string& image);
 
 } /* namespace companion */
 

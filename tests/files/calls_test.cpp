@@ -85,7 +85,7 @@ TEST_F(CallsTest, searches) {
         expectError(error, FindFirstFileW(pattern, &record) == INVALID_HANDLE_VALUE);
     }
 
-    ASSERT_GE(volumeWriteFile(*volume, file, 0, Bytes(70000, 1)), 0);
+    ASSERT_GE(volumeWriteFile(*volume, file, 0, ByteVector(70000, 1)), 0);
     ASSERT_GE(volumeSetAttributes(*volume, file, FILE_ATTRIBUTE_HIDDEN), 0);
     EXPECT_EQ(find(u"c:\\Ä\\inner\\..\\ONE.txt"), (Names{u"one.TXT"}));
     EXPECT_EQ(record.dwFileAttributes, FILE_ATTRIBUTE_HIDDEN);

@@ -8,12 +8,14 @@
 #include <cstdint>
 #include <cstring>
 #include <span>
+#include <vector>
 
 namespace offline {
 
 static_assert(std::endian::native == std::endian::little, "structures on the disk are read as they lie");
 
-using Bytes = std::span<const uint8_t>;
+using Bytes = std::span<const uint8_t>;  /* a view of what somebody else owns */
+using ByteVector = std::vector<uint8_t>; /* owned */
 
 /* The count bytes at the offset, or an empty span when they do not all lie inside. Every offset and length
  * that comes from a disk goes through here. */

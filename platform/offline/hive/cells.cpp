@@ -26,7 +26,7 @@ void setCellHead(Hive& hive, Cell cell, int32_t size) {
 }
 
 uint32_t binEnd(const Hive& hive, uint32_t bin) {
-    return bin + get(std::span<const uint8_t>(hive.bytes).subspan(pageSize + bin), bin::size);
+    return bin + get(Bytes(hive.bytes).subspan(pageSize + bin), bin::size);
 }
 
 /* A free cell that can't be entered for want of memory stays free in the file, and is found when it is next

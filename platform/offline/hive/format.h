@@ -6,6 +6,8 @@
 #ifndef QUILLET_OFFLINE_HIVE_FORMAT_H
 #define QUILLET_OFFLINE_HIVE_FORMAT_H
 
+#include "platform/offline/base/bytes.h"
+
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -31,7 +33,7 @@ T load(const uint8_t* bytes) {
 }
 
 template <class T>
-T get(std::span<const uint8_t> data, Field<T> field) {
+T get(Bytes data, Field<T> field) {
     return load<T>(data.data() + field.at);
 }
 

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "platform/nt.h"
+#include "platform/offline/base/bytes.h"
 #include "platform/offline/base/problem.h"
 
 namespace offline {
@@ -46,7 +47,7 @@ struct HiveLogs {
 };
 
 /* Whether these bytes of a hive file want the logs to be whole. */
-bool hiveNeedsLogs(std::span<const uint8_t> bytes);
+bool hiveNeedsLogs(Bytes bytes);
 
 /* Takes the bytes of a hive file and validates everything that can be reached from the root: one choke point,
  * after which the functions below rely on the structure. Names in the problem are left to the caller: its
@@ -63,7 +64,7 @@ bool hiveRecovered(const Hive& hive);
 /* A new, empty hive of version 1.minor (3 to 6) whose root key has this name and self-relative descriptor.
  * fileName goes into the base block (its last 31 characters). */
 NTSTATUS hiveCreate(uint32_t minor, std::u16string_view rootName, std::u16string_view fileName,
-                    std::span<const uint8_t> descriptor, HivePtr& hive);
+                    Bytes descriptor, HivePtr& hive);
 
 /* Where a hive is saved. Offsets and sizes are in bytes of the hive file; a negative status ends the save. */
 struct HiveStore {
@@ -71,7 +72,7 @@ struct HiveStore {
 
     /* Asked before the hive is changed in memory: negative when nothing of it could be saved. */
     virtual NTSTATUS beginChange() { return STATUS_SUCCESS; }
-    virtual NTSTATUS write(uint64_t offset, std::span<const uint8_t> bytes) = 0;
+    virtual NTSTATUS write(uint64_t offset, Bytes bytes) = 0;
     virtual NTSTATUS grow(uint64_t size) = 0; /* the file is to have at least this many bytes */
     virtual NTSTATUS flush() = 0;             /* on the medium when it returns */
 };
@@ -115,10 +116,10 @@ bool hiveKeyIsLink(const Hive& hive, Cell key);
 size_t hiveKeyName(const Hive& hive, Cell key, char16_t* name);
 
 /* The class text's bytes; empty when the key has none. */
-std::span<const uint8_t> hiveKeyClass(const Hive& hive, Cell key);
+Bytes hiveKeyClass(const Hive& hive, Cell key);
 
 /* The key's self-relative descriptor, exactly as stored. */
-std::span<const uint8_t> hiveKeyDescriptor(const Hive& hive, Cell key);
+Bytes hiveKeyDescriptor(const Hive& hive, Cell key);
 
 /* The child at an index, in the order of the folded names. STATUS_NO_MORE_ENTRIES behind the last. */
 NTSTATUS hiveSubkey(const Hive& hive, Cell key, uint32_t index, Cell& child);
@@ -132,9 +133,8 @@ NTSTATUS hiveFindSubkey(const Hive& hive, Cell key, std::u16string_view name, Ce
  * STATUS_OBJECT_NAME_COLLISION when the name is taken, STATUS_INVALID_PARAMETER for a name that is empty, too
  * long or holds a backslash and for a child below deepestKey, STATUS_NO_MEMORY or
  * STATUS_INSUFFICIENT_RESOURCES when there is no room. A failure changes nothing. */
-NTSTATUS hiveCreateSubkey(Hive& hive, Cell parent, std::u16string_view name,
-                          std::span<const uint8_t> classText, std::span<const uint8_t> descriptor,
-                          uint16_t flags, uint64_t time, Cell& child);
+NTSTATUS hiveCreateSubkey(Hive& hive, Cell parent, std::u16string_view name, Bytes classText,
+                          Bytes descriptor, uint16_t flags, uint64_t time, Cell& child);
 
 /* Deletes a key without children, its values with it, and gives back every cell. STATUS_CANNOT_DELETE for a
  * key with children, the root and a key marked so. */
@@ -143,7 +143,7 @@ NTSTATUS hiveDeleteKey(Hive& hive, Cell key, uint64_t time);
 /* Gives the key this self-relative descriptor (at most 65,535 bytes), stored byte for byte and
  * shared as by hiveCreateSubkey. STATUS_INVALID_PARAMETER for an empty or longer one. A failure changes
  * nothing. */
-NTSTATUS hiveSetKeyDescriptor(Hive& hive, Cell key, std::span<const uint8_t> descriptor, uint64_t time);
+NTSTATUS hiveSetKeyDescriptor(Hive& hive, Cell key, Bytes descriptor, uint64_t time);
 
 /* ---- Values ---- */
 
@@ -171,8 +171,8 @@ void hiveValueData(const Hive& hive, const HiveValue& value, std::span<uint8_t> 
  * 1,071,104,040 bytes and a predefined-handle key. A value that exists keeps its name's letters and its place
  * in the order. Data of more than 16344 bytes becomes big data where the hive's version has it. The data must
  * not lie in the hive. A failure changes nothing. */
-NTSTATUS hiveSetValue(Hive& hive, Cell key, std::u16string_view name, uint32_t type,
-                      std::span<const uint8_t> data, uint64_t time);
+NTSTATUS hiveSetValue(Hive& hive, Cell key, std::u16string_view name, uint32_t type, Bytes data,
+                      uint64_t time);
 
 /* STATUS_OBJECT_NAME_NOT_FOUND when there is none. */
 NTSTATUS hiveDeleteValue(Hive& hive, Cell key, std::u16string_view name, uint64_t time);

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/offline/base/bytes.h"
 #include "platform/offline/hive/format.h"
 #include "platform/offline/hive/hive.h"
 
@@ -66,7 +67,7 @@ struct Hive {
 
 /* The data of an allocated cell, behind its size; empty when there is no such cell. Every place that comes
  * from the file or from a caller passes here. */
-inline std::span<const uint8_t> cellData(const Hive& hive, Cell cell) {
+inline Bytes cellData(const Hive& hive, Cell cell) {
     if (cell >= hive.binsSize || cell % regf::cellGrain != 0 || !hive.starts.test(cell)) return {};
     const uint8_t* at = hive.bytes.data() + regf::pageSize + cell;
     const int32_t size = regf::load<int32_t>(at);
@@ -83,7 +84,7 @@ inline void touch(Hive& hive, uint32_t place, size_t length) {
 
 /* The same data to be written to; all of it counts as changed. */
 inline std::span<uint8_t> changeCell(Hive& hive, Cell cell) {
-    const std::span<const uint8_t> data = cellData(hive, cell);
+    const Bytes data = cellData(hive, cell);
     if (data.empty()) return {};
     touch(hive, cell, data.size() + regf::cellHeader);
     return {const_cast<uint8_t*>(data.data()), data.size()};
@@ -94,7 +95,7 @@ inline bool isKey(const Hive& hive, Cell cell) {
 }
 
 /* The place at an index of a cell that holds an array of places, which begins at an offset. */
-inline Cell entryAt(std::span<const uint8_t> data, size_t offset, size_t index) {
+inline Cell entryAt(Bytes data, size_t offset, size_t index) {
     return regf::load<Cell>(data.data() + offset + index * sizeof(Cell));
 }
 inline void setEntry(std::span<uint8_t> data, size_t offset, size_t index, Cell cell) {

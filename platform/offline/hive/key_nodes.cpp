@@ -16,7 +16,7 @@ namespace {
 using namespace regf;
 
 /* The key's subkey list, or noCell when it has no subkeys: a list that such a key names means nothing. */
-Cell listOf(std::span<const uint8_t> key) {
+Cell listOf(Bytes key) {
     return get(key, nk::subkeyCount) == 0 ? noCell : get(key, nk::subkeyList);
 }
 
@@ -34,7 +34,7 @@ bool tooDeep(const Hive& hive, Cell parent) {
     return depth > deepestKey;
 }
 
-Cell storeClass(Hive& hive, std::span<const uint8_t> classText) {
+Cell storeClass(Hive& hive, Bytes classText) {
     if (classText.empty()) return noCell;
     const Cell cell = allocateCell(hive, classText.size());
     std::copy(classText.begin(), classText.end(), changeCell(hive, cell).begin());
@@ -124,7 +124,7 @@ bool hiveKeyIsLink(const Hive& hive, Cell key) {
 
 NTSTATUS hiveKey(const Hive& hive, Cell key, HiveKey& info) {
     if (!isKey(hive, key)) return STATUS_REGISTRY_CORRUPT;
-    const std::span<const uint8_t> data = cellData(hive, key);
+    const Bytes data = cellData(hive, key);
     info.flags = get(data, nk::flags);
     info.lastWrite = get(data, nk::lastWrite);
     info.parent = key == hive.root ? noCell : get(data, nk::parent);
@@ -142,22 +142,22 @@ size_t hiveKeyName(const Hive& hive, Cell key, char16_t* name) {
     return stored.length();
 }
 
-std::span<const uint8_t> hiveKeyClass(const Hive& hive, Cell key) {
+Bytes hiveKeyClass(const Hive& hive, Cell key) {
     if (!isKey(hive, key)) return {};
-    const std::span<const uint8_t> data = cellData(hive, key);
+    const Bytes data = cellData(hive, key);
     const uint16_t length = get(data, nk::classLength);
     if (length == 0) return {};
     return cellData(hive, get(data, nk::classCell)).first(length);
 }
 
-std::span<const uint8_t> hiveKeyDescriptor(const Hive& hive, Cell key) {
+Bytes hiveKeyDescriptor(const Hive& hive, Cell key) {
     if (!isKey(hive, key)) return {};
     return descriptorIn(hive, get(cellData(hive, key), nk::descriptor));
 }
 
 NTSTATUS hiveSubkey(const Hive& hive, Cell key, uint32_t index, Cell& child) {
     if (!isKey(hive, key)) return STATUS_REGISTRY_CORRUPT;
-    const std::span<const uint8_t> data = cellData(hive, key);
+    const Bytes data = cellData(hive, key);
     if (index >= get(data, nk::subkeyCount)) return STATUS_NO_MORE_ENTRIES;
     child = subkeyAt(hive, get(data, nk::subkeyList), index);
     hive.lastSubkey = {hive.generation, key, child};
@@ -180,9 +180,8 @@ NTSTATUS hiveFindSubkey(const Hive& hive, Cell key, std::u16string_view name, Ce
 
 /* ---- Changing ---- */
 
-NTSTATUS hiveCreateSubkey(Hive& hive, Cell parent, std::u16string_view name,
-                          std::span<const uint8_t> classText, std::span<const uint8_t> descriptor,
-                          uint16_t flags, uint64_t time, Cell& child) {
+NTSTATUS hiveCreateSubkey(Hive& hive, Cell parent, std::u16string_view name, Bytes classText,
+                          Bytes descriptor, uint16_t flags, uint64_t time, Cell& child) {
     constexpr uint16_t allowed = HIVE_KEY_LINK | HIVE_KEY_NO_DELETE;
     if (!isKey(hive, parent)) return STATUS_REGISTRY_CORRUPT;
     if (!validName(name) || classText.size() > UINT16_MAX || (flags & ~allowed) != 0 ||
@@ -195,7 +194,7 @@ NTSTATUS hiveCreateSubkey(Hive& hive, Cell parent, std::u16string_view name,
 
 NTSTATUS hiveDeleteKey(Hive& hive, Cell key, uint64_t time) {
     if (!isKey(hive, key)) return STATUS_REGISTRY_CORRUPT;
-    const std::span<const uint8_t> data = cellData(hive, key);
+    const Bytes data = cellData(hive, key);
     constexpr uint16_t kept = HIVE_KEY_ROOT | HIVE_KEY_NO_DELETE;
     if (key == hive.root || (get(data, nk::flags) & kept) != 0 || get(data, nk::subkeyCount) != 0) {
         return STATUS_CANNOT_DELETE;
@@ -214,7 +213,7 @@ NTSTATUS hiveDeleteKey(Hive& hive, Cell key, uint64_t time) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS hiveSetKeyDescriptor(Hive& hive, Cell key, std::span<const uint8_t> descriptor, uint64_t time) {
+NTSTATUS hiveSetKeyDescriptor(Hive& hive, Cell key, Bytes descriptor, uint64_t time) {
     if (!isKey(hive, key)) return STATUS_REGISTRY_CORRUPT;
     if (!validDescriptor(descriptor)) return STATUS_INVALID_PARAMETER;
     return guarded([&] {

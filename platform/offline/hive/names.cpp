@@ -14,12 +14,12 @@ char16_t fold(char16_t unit) {
 
 /* Units of a name as they are stored: how, is decided once and not for each of them. */
 struct LatinUnits {
-    std::span<const uint8_t> bytes;
+    Bytes bytes;
     size_t size() const { return bytes.size(); }
     char16_t operator[](size_t i) const { return bytes[i]; }
 };
 struct WideUnits {
-    std::span<const uint8_t> bytes;
+    Bytes bytes;
     size_t size() const { return bytes.size() / sizeof(char16_t); }
     char16_t operator[](size_t i) const { return regf::load<char16_t>(bytes.data() + i * sizeof(char16_t)); }
 };

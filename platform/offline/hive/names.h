@@ -4,15 +4,15 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <string_view>
 
+#include "platform/offline/base/bytes.h"
 #include "platform/offline/hive/format.h"
 
 namespace offline {
 
 struct StoredName {
-    std::span<const uint8_t> bytes;
+    Bytes bytes;
     bool latin = true;
 
     size_t length() const { return latin ? bytes.size() : bytes.size() / sizeof(char16_t); }
@@ -22,11 +22,11 @@ struct StoredName {
 };
 
 /* The names in the data of a key's and of a value's cell. */
-inline StoredName keyName(std::span<const uint8_t> key) {
+inline StoredName keyName(Bytes key) {
     return {key.subspan(regf::nk::name, get(key, regf::nk::nameLength)),
             (get(key, regf::nk::flags) & regf::nk::latinName) != 0};
 }
-inline StoredName valueName(std::span<const uint8_t> value) {
+inline StoredName valueName(Bytes value) {
     return {value.subspan(regf::vk::name, get(value, regf::vk::nameLength)),
             (get(value, regf::vk::flags) & regf::vk::latinName) != 0};
 }

@@ -11,7 +11,7 @@ namespace {
 
 using namespace regf;
 
-uint64_t hashOf(std::span<const uint8_t> bytes) {
+uint64_t hashOf(Bytes bytes) {
     const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
     return std::hash<std::string_view>()(text);
 }
@@ -43,16 +43,16 @@ void noteDescriptor(Hive& hive, Cell cell) {
     hive.descriptors.try_emplace(hashOf(descriptorIn(hive, cell)), cell);
 }
 
-std::span<const uint8_t> descriptorIn(const Hive& hive, Cell cell) {
-    const std::span<const uint8_t> data = cellData(hive, cell);
+Bytes descriptorIn(const Hive& hive, Cell cell) {
+    const Bytes data = cellData(hive, cell);
     return data.subspan(sk::descriptor, get(data, sk::length));
 }
 
-DescriptorUse findDescriptor(const Hive& hive, std::span<const uint8_t> bytes) {
+DescriptorUse findDescriptor(const Hive& hive, Bytes bytes) {
     DescriptorUse use{bytes, hashOf(bytes), noCell};
     const auto found = hive.descriptors.find(use.hash);
     if (found == hive.descriptors.end()) return use;
-    const std::span<const uint8_t> there = descriptorIn(hive, found->second);
+    const Bytes there = descriptorIn(hive, found->second);
     if (std::equal(there.begin(), there.end(), bytes.begin(), bytes.end())) use.cell = found->second;
     return use;
 }

@@ -22,7 +22,7 @@ bool isIndex(const Hive& hive, Cell list) {
     return get(cellData(hive, list), list::signature) == list::ri;
 }
 
-uint32_t countOf(std::span<const uint8_t> data) {
+uint32_t countOf(Bytes data) {
     return get(data, list::count);
 }
 
@@ -84,7 +84,7 @@ Cell enlarge(Hive& hive, Cell old, size_t entrySize) {
     return cell;
 }
 
-bool hasRoom(std::span<const uint8_t> data, size_t entrySize) {
+bool hasRoom(Bytes data, size_t entrySize) {
     return list::entries + (countOf(data) + 1) * entrySize <= data.size();
 }
 
@@ -170,7 +170,7 @@ Cell tidyIndex(Hive& hive, Cell index, uint32_t number, bool emptied) {
 
 } /* namespace */
 
-Leaf readLeaf(std::span<const uint8_t> data) {
+Leaf readLeaf(Bytes data) {
     Leaf leaf;
     if (data.size() < list::entries) return leaf;
     leaf.data = data;
@@ -186,7 +186,7 @@ SubkeyPlace findSubkey(const Hive& hive, Cell list, std::u16string_view name) {
     if (list == noCell) return place;
     place.leaf = list;
     if (isIndex(hive, list)) {
-        const std::span<const uint8_t> index = cellData(hive, list);
+        const Bytes index = cellData(hive, list);
         const uint32_t last = countOf(index) - 1; /* what lies behind all leaves belongs into the last */
         place.leafNumber = firstNot(last, [&](uint32_t i) {
             const Leaf leaf = leafAt(hive, entryAt(index, list::entries, i));
@@ -204,7 +204,7 @@ SubkeyPlace findSubkey(const Hive& hive, Cell list, std::u16string_view name) {
 }
 
 Cell subkeyAt(const Hive& hive, Cell list, uint32_t index) {
-    const std::span<const uint8_t> data = cellData(hive, list);
+    const Bytes data = cellData(hive, list);
     if (get(data, list::signature) != list::ri) return readLeaf(data).child(index);
 
     LeafMemory& memory = hive.lastLeaf;

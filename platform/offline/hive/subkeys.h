@@ -4,15 +4,15 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <string_view>
 
+#include "platform/offline/base/bytes.h"
 #include "platform/offline/hive/image.h"
 
 namespace offline {
 
 struct Leaf {
-    std::span<const uint8_t> data;
+    Bytes data;
     uint16_t kind = 0; /* li, lf or lh; of anything else there is no more to know */
     uint32_t count = 0;
     size_t entrySize = 0; /* bytes */
@@ -23,7 +23,7 @@ struct Leaf {
 };
 
 /* What a list's cell says; its entries must be counted against the cell before they are read. */
-Leaf readLeaf(std::span<const uint8_t> data);
+Leaf readLeaf(Bytes data);
 
 /* Where a subkey of some name is, or would be. */
 struct SubkeyPlace {

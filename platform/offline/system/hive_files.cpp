@@ -31,7 +31,7 @@ struct VolumeHiveStore final : HiveStore {
         return volumeReadOnly(volume) ? volumeWriteFile(volume, file, 0, {}) : STATUS_SUCCESS;
     }
 
-    NTSTATUS write(uint64_t offset, std::span<const uint8_t> bytes) override {
+    NTSTATUS write(uint64_t offset, Bytes bytes) override {
         return volumeWriteFile(volume, file, offset, bytes);
     }
 

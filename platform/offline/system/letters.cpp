@@ -26,7 +26,7 @@ char letterOf(std::u16string_view name) {
     return letter >= u'A' && letter <= u'Z' ? static_cast<char>(letter) : '\0';
 }
 
-bool namesPartition(std::span<const uint8_t> data, const Partition& partition) {
+bool namesPartition(Bytes data, const Partition& partition) {
     if (partition.table == PartitionTable::mbr && data.size() == mbrNameSize) {
         uint32_t signature;
         uint64_t start;

@@ -285,7 +285,7 @@ NTSTATUS diskRead(Disk& disk, uint64_t offset, std::span<uint8_t> bytes) {
     });
 }
 
-NTSTATUS diskWrite(Disk& disk, uint64_t offset, std::span<const uint8_t> bytes) {
+NTSTATUS diskWrite(Disk& disk, uint64_t offset, Bytes bytes) {
     return guarded([&]() -> NTSTATUS {
         if (disk.readOnly) return STATUS_MEDIA_WRITE_PROTECTED;
         if (!onDisk(disk, offset, bytes.size())) return STATUS_INVALID_PARAMETER;

@@ -94,7 +94,7 @@ NTSTATUS volumeReadFile(Volume& volume, FileRef file, uint64_t limit, std::vecto
     });
 }
 
-NTSTATUS volumeWriteFile(Volume& volume, FileRef file, uint64_t offset, std::span<const uint8_t> bytes) {
+NTSTATUS volumeWriteFile(Volume& volume, FileRef file, uint64_t offset, Bytes bytes) {
     return guarded([&]() -> NTSTATUS {
         if (isMetadata(file)) return STATUS_ACCESS_DENIED;
         if (offset > INT64_MAX - bytes.size()) return STATUS_INVALID_PARAMETER;

@@ -70,7 +70,7 @@ std::vector<uint8_t> junctionData(std::u16string_view target) {
 } /* namespace */
 
 NTSTATUS volumeCreate(Volume& volume, FileRef directory, std::u16string_view name, NewFile kind,
-                      std::span<const uint8_t> descriptor, FileRef& file) {
+                      Bytes descriptor, FileRef& file) {
     return guarded([&]() -> NTSTATUS {
         if (!descriptorValid(descriptor)) return STATUS_INVALID_SECURITY_DESCR;
         Inode parent(volume), made(volume);
