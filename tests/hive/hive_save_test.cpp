@@ -53,7 +53,7 @@ TEST(Save, WritesChangedPagesInTheRightOrder) {
 }
 
 TEST(Save, FailureAtAnyCallCanBeMadeGood) {
-    const Bytes start = hiveImage(*variedHive(3));
+    const ByteVector start = hiveImage(*variedHive(3));
     bool failed = true;
     for (size_t at = 0; failed; at++) {
         const HivePtr hive = opened(start);
@@ -61,7 +61,7 @@ TEST(Save, FailureAtAnyCallCanBeMadeGood) {
         store.file = start;
         store.file.resize(start.size() + 8192, 0xAB); /* the hive grows over what lies behind */
         store.failAt = static_cast<int>(at);
-        ASSERT_GE(hiveSetValue(*hive, hiveRoot(*hive), u"large", 3, Bytes(100000, 7), 6), 0);
+        ASSERT_GE(hiveSetValue(*hive, hiveRoot(*hive), u"large", 3, ByteVector(100000, 7), 6), 0);
         failed = hiveSave(*hive, store) < 0;
         EXPECT_EQ(hiveChanged(*hive), failed);
         EXPECT_EQ(failed, store.calls.size() == at + 1) << "nothing is tried after a failure";
@@ -93,7 +93,7 @@ void withoutMemory(Hive& hive, Change change) {
 TEST(Memory, FailureChangesNothing) {
     const HivePtr hive = variedHive(5);
     const Cell root = hiveRoot(*hive);
-    const Bytes large(300000, 1), descriptor = someDescriptor(20), other = someDescriptor(21);
+    const ByteVector large(300000, 1), descriptor = someDescriptor(20), other = someDescriptor(21);
     const std::u16string name(100, u'п');
     Cell child = noCell;
     withoutMemory(*hive, [&] {
