@@ -8,14 +8,14 @@
 namespace offline::test {
 namespace {
 
-/* Reads a file by the published layout; every wrong place ends in an exception. */
+/* Reads a file by the published layout; every fault ends in an exception. */
 struct Reader {
     const ByteVector& file;
     std::set<uint32_t> used{};
-    std::map<uint32_t, uint32_t> users{};
+    std::map<uint32_t, uint32_t> refcounts{};
 
-    void want(bool holds, const char* what, size_t place) const {
-        if (!holds) throw std::runtime_error(std::string(what) + " at " + std::to_string(place));
+    void want(bool holds, const char* what, size_t offset) const {
+        if (!holds) throw std::runtime_error(std::string(what) + " at " + std::to_string(offset));
     }
     uint32_t number(size_t at, size_t size) const {
         want(at < file.size() && file.size() - at >= size, "end of file", at);
@@ -35,9 +35,9 @@ struct Reader {
         return 4100 + size_t{cell};
     }
     bool fits(uint32_t cell, size_t length) const { return static_cast<size_t>(-sizeOf(cell)) - 4 >= length; }
-    std::u16string name(size_t at, size_t length, bool latin) const {
+    std::u16string name(size_t at, size_t length, bool compressed) const {
         std::u16string text;
-        const size_t width = latin ? 1 : 2;
+        const size_t width = compressed ? 1 : 2;
         for (size_t i = 0; i < length; i += width) text += static_cast<char16_t>(number(at + i, width));
         return text;
     }
@@ -45,10 +45,10 @@ struct Reader {
     void value(uint32_t cell, uint32_t longestName, uint32_t longestData) {
         const size_t at = use(cell, 20);
         want(u16(at) == 0x6B76 && fits(cell, 20 + u16(at + 2)), "value", cell);
-        const bool latin = (u16(at + 16) & 1) != 0;
-        const std::u16string text = name(at + 20, u16(at + 2), latin);
+        const bool compressed = (u16(at + 16) & 1) != 0;
+        const std::u16string text = name(at + 20, u16(at + 2), compressed);
         const bool wide = std::any_of(text.begin(), text.end(), [](char16_t unit) { return unit > 0xFF; });
-        want(text.empty() || wide != latin, "form of the name", cell);
+        want(text.empty() || wide != compressed, "form of the name", cell);
         const uint32_t size = u32(at + 4), count = (size + 16343) / 16344;
         want(2 * text.size() <= longestName && (size & 0x7FFFFFFF) <= longestData, "longest fields", cell);
         if ((size & 0x80000000) != 0 || size == 0) return;
@@ -78,7 +78,7 @@ struct Reader {
         want(u16(at) == 0x6B6E && fits(cell, 76 + u16(at + 72)), "key", cell);
         want(parent == noCell || u32(at + 16) == parent, "parent", cell);
         if (u16(at + 74) != 0) use(u32(at + 48), u16(at + 74));
-        users[u32(at + 44)]++;
+        refcounts[u32(at + 44)]++;
         const size_t list = values != 0 ? use(u32(at + 40), 4 * values) : 0;
         for (size_t i = 0; i < values; i++) value(u32(list + 4 * i), u32(at + 60), u32(at + 64));
         std::vector<std::pair<uint32_t, uint32_t>> children;
@@ -103,13 +103,13 @@ struct Reader {
         do {
             const size_t at = use(cell, 20), length = u32(at + 16);
             want(u16(at) == 0x6B73 && fits(cell, 20 + length), "descriptor", cell);
-            want(u32(at + 12) == users[cell], "count of descriptor", cell);
+            want(u32(at + 12) == refcounts[cell], "count of descriptor", cell);
             want(seen.emplace(&file[at + 20], &file[at + 20] + length).second, "descriptor stored twice",
                  cell);
             want(u32(4100 + u32(at + 4) + 8) == cell, "ring", cell);
             cell = u32(at + 4);
         } while (cell != first);
-        for (const auto& [user, count] : users)
+        for (const auto& [user, count] : refcounts)
             want(used.contains(user), "descriptor outside the ring", user);
     }
 

@@ -62,7 +62,7 @@ TEST(Broken, EachFaultIsRefusedWithItsText) {
     const Cell segments = field(file, field(file, big, vk::data), db::list);
     const std::pair<const char*, std::vector<Put>> faults[] = {
         // clang-format off
-        {"names another place", {{firstBin, bin::place, 8}}},
+        {"names another place", {{firstBin, bin::offset, 8}}},
         {"the bin at 0x0 has an impossible", {{firstBin, bin::size, 8}}},
         {"impossible size", {{beta, head, 0xFF000000}}},
         {"impossible size", {{beta, head, 0xFFFFF008}}}, /* just beyond its bin */
@@ -108,7 +108,7 @@ TEST(Broken, EachFaultIsRefusedWithItsText) {
     for (const auto& [text, puts] : faults) expectRefused(with(file, puts), text);
 
     /* A wrong count of a descriptor's keys is taken anew. */
-    const HivePtr miscounted = opened(with(file, {{descriptor, sk::users, 1}}));
+    const HivePtr miscounted = opened(with(file, {{descriptor, sk::refcount, 1}}));
     EXPECT_FALSE(hiveChanged(*miscounted));
     ASSERT_GE(hiveSetKeyDescriptor(*miscounted, beta, someDescriptor(77), 1), 0);
     EXPECT_EQ(faultOf(hiveImage(*miscounted)), "");
@@ -179,11 +179,11 @@ TEST(Broken, BinsBehindTheStatedEnd) {
         EXPECT_EQ(hiveImage(*opened(file)), whole) << stated;
         EXPECT_TRUE(exercise(file));
         /* One that does not follow on the others brings nothing. */
-        for (const auto place : {bin::signature, bin::place, bin::size})
-            expectRefused(with(file, {{firstBin + last, place, 0x40001000}}), "is damaged");
+        for (const auto field : {bin::signature, bin::offset, bin::size})
+            expectRefused(with(file, {{firstBin + last, field, 0x40001000}}), "is damaged");
     }
 
-    /* The same bins behind a hive that is whole without them, and behind one that is broken all the same. */
+    /* The same bins after a hive that is whole without them, and after one that is broken all the same. */
     const HivePtr small = newHive(5);
     ByteVector file = hiveImage(*small);
     file.insert(file.end(), whole.begin() + static_cast<long>(file.size()), whole.end());

@@ -36,7 +36,7 @@ TEST(Save, WritesChangedPagesInTheRightOrder) {
     EXPECT_EQ(store.calls, "gbfpfBf") << "a hive without changes is not touched";
     EXPECT_EQ(store.file, hiveImage(*hive));
 
-    /* What lies behind the bins stays; a little change writes little. */
+    /* What lies after the bins stays; a little change writes little. */
     const size_t end = store.file.size();
     store.file.resize(end + 8192, 0xAB);
     hive = opened(store.file);
@@ -59,7 +59,7 @@ TEST(Save, FailureAtAnyCallCanBeMadeGood) {
         const HivePtr hive = opened(start);
         RecordingStore store;
         store.file = start;
-        store.file.resize(start.size() + 8192, 0xAB); /* the hive grows over what lies behind */
+        store.file.resize(start.size() + 8192, 0xAB); /* the hive grows over what comes after */
         store.failAt = static_cast<int>(at);
         ASSERT_GE(hiveSetValue(*hive, hiveRoot(*hive), u"large", 3, ByteVector(100000, 7), 6), 0);
         failed = hiveSave(*hive, store) < 0;

@@ -82,14 +82,14 @@ uint64_t marvin(const uint8_t* bytes, size_t length) {
 }
 
 struct Part {
-    size_t place;
+    size_t offset;
     ByteVector bytes;
 };
 
 ByteVector entryOf(uint32_t sequence, uint32_t binsSize, const std::vector<Part>& parts) {
     ByteVector entry(40 + 8 * parts.size());
     for (size_t i = 0; i < parts.size(); i++) {
-        putNumber(entry, 40 + 8 * i, parts[i].place);
+        putNumber(entry, 40 + 8 * i, parts[i].offset);
         putNumber(entry, 44 + 8 * i, parts[i].bytes.size());
     }
     for (const Part& part : parts) entry.insert(entry.end(), part.bytes.begin(), part.bytes.end());
@@ -200,7 +200,7 @@ TEST_F(ForgedLogs, EntriesThatReachBeyondTheirBounds) {
         // clang-format off
         {20, 0xFFFFFFFF}, /* parts than there is room to list */
         {44, 0xFFFFF000}, {44, 0}, /* a part longer than the entry, or empty */
-        {40, bins[1]}, {40, 0xFFFFFFFF}, /* behind the bins */
+        {40, bins[1]}, {40, 0xFFFFFFFF}, /* after the bins */
         {16, 0x7FFFF000}, {16, bins[1] + 512}, /* bins that nothing could fill */
         {4, 0}, {4, 0xFFFFFE00},
         // clang-format on

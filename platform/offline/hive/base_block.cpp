@@ -72,7 +72,7 @@ bool baseBlockDirty(Bytes file) {
            (!baseBlockSealed(file) || get(file, base::primarySequence) != get(file, base::secondarySequence));
 }
 
-void makeBaseBlock(std::span<uint8_t> block, uint32_t minor, std::u16string_view fileName) {
+void createBaseBlock(std::span<uint8_t> block, uint32_t minor, std::u16string_view fileName) {
     set(block, base::signature, base::magic);
     set(block, base::major, 1);
     set(block, base::minor, minor);

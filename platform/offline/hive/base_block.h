@@ -25,7 +25,7 @@ bool baseBlockSealed(Bytes block);
 bool baseBlockDirty(Bytes file);
 
 /* Fills a base block of zeros for a hive without bins. */
-void makeBaseBlock(std::span<uint8_t> block, uint32_t minor, std::u16string_view fileName);
+void createBaseBlock(std::span<uint8_t> block, uint32_t minor, std::u16string_view fileName);
 
 /* Puts in both sequence numbers and the checksum over all. */
 void sealBaseBlock(std::span<uint8_t> block, uint32_t primary, uint32_t secondary);

@@ -23,19 +23,20 @@ std::span<uint8_t> baseBlock(Hive& hive) {
 /* How far bins follow each other in the file, whatever the base block says. */
 uint32_t binsInFile(Bytes file) {
     const Bytes bins = file.subspan(base::size);
-    size_t place = 0;
-    while (bins.size() - place >= bin::headerSize) {
-        const Bytes header = bins.subspan(place, bin::headerSize);
+    size_t offset = 0;
+    while (bins.size() - offset >= bin::headerSize) {
+        const Bytes header = bins.subspan(offset, bin::headerSize);
         const uint32_t size = get(header, bin::size);
-        const bool follows = get(header, bin::signature) == bin::magic && get(header, bin::place) == place &&
-                             size != 0 && size % pageSize == 0 && size <= bins.size() - place;
-        if (!follows || place + size > largestBins) break;
-        place += size;
+        const bool follows = get(header, bin::signature) == bin::magic &&
+                             get(header, bin::offset) == offset && size != 0 && size % pageSize == 0 &&
+                             size <= bins.size() - offset;
+        if (!follows || offset + size > largestBins) break;
+        offset += size;
     }
-    return static_cast<uint32_t>(place);
+    return static_cast<uint32_t>(offset);
 }
 
-/* A base block may tell of fewer bins than there are. Bins behind its end are mostly remnants; they count
+/* A base block may count fewer bins than there are. Bins after its end are mostly remnants; they count
  * only when the hive is not whole without them, and is with them. */
 NTSTATUS validateBins(Hive& hive, Problem& problem) {
     const NTSTATUS status = validate(hive, problem);
@@ -51,8 +52,8 @@ NTSTATUS validateBins(Hive& hive, Problem& problem) {
 /* What was taken from the logs is in no page of the file yet. */
 void noteRecovered(Hive& hive, bool recovered, const std::vector<RecoveredPart>& parts) {
     for (const RecoveredPart& part : parts) {
-        const size_t behind = std::min<size_t>(size_t{part.place} + part.size, hive.binsSize);
-        for (size_t page = part.place / pageSize; page * pageSize < behind; page++) hive.dirtyPages[page] = 1;
+        const size_t end = std::min<size_t>(size_t{part.offset} + part.size, hive.binsSize);
+        for (size_t page = part.offset / pageSize; page * pageSize < end; page++) hive.dirtyPages[page] = 1;
     }
     hive.recovered = recovered;
 }
@@ -80,7 +81,7 @@ NTSTATUS create(uint32_t minor, std::u16string_view rootName, std::u16string_vie
     const NewKey root{rootName, {}, findDescriptor(*made, descriptor), HIVE_KEY_ROOT | HIVE_KEY_NO_DELETE};
     made->minor = minor;
     made->bytes.resize(base::size);
-    makeBaseBlock(baseBlock(*made), minor, fileName);
+    createBaseBlock(baseBlock(*made), minor, fileName);
     if (const NTSTATUS status = makeRoom(*made, newKeyGrowth(root)); status < 0) return status;
     made->root = storeKey(*made, noCell, root, 0);
     set(baseBlock(*made), base::root, made->root);

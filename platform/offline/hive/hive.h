@@ -1,7 +1,7 @@
 /* One registry hive in memory: the platform's "regf" file format, versions 1.3 to 1.6.
  *
  * A hive is read whole, validated whole, changed in memory and saved page by page. Keys are named by the
- * place of their cell, which stays the same as long as the key lives. Spans and views into a hive are good
+ * offset of their cell, which stays the same as long as the key lives. Spans and views into a hive are good
  * until its next change; a hive is used by one thread at a time, for reading too. Names are UTF-16 without a
  * terminator, compared by the platform's folding; lengths of names are in characters, of everything else in
  * bytes. No function throws. */
@@ -24,7 +24,7 @@ namespace offline {
 
 struct Hive;
 
-/* The place of a cell, counted from the first bin (file offset 4096). */
+/* The offset of a cell in bytes, counted from the first bin (file offset 4096). */
 using Cell = uint32_t;
 constexpr Cell noCell = 0xFFFFFFFF;
 
@@ -51,7 +51,7 @@ bool hiveNeedsLogs(Bytes bytes);
 
 /* Takes the bytes of a hive file and validates everything that can be reached from the root: one choke point,
  * after which the functions below rely on the structure. Names in the problem are left to the caller: its
- * text says what is wrong with "the hive", in a form that stands behind "NAME: " ("is damaged: the key cell
+ * text says what is wrong with "the hive", in a form that follows "NAME: " ("is damaged: the key cell
  * at 0x1a20 …"). Fails with STATUS_NOT_REGISTRY_FILE (no hive at all), STATUS_REGISTRY_CORRUPT (a broken one)
  * or STATUS_REGISTRY_IO_FAILED (a dirty one that the logs do not make whole). What comes from the logs is
  * saved together with the first change. */
@@ -121,7 +121,7 @@ Bytes hiveKeyClass(const Hive& hive, Cell key);
 /* The key's self-relative descriptor, exactly as stored. */
 Bytes hiveKeyDescriptor(const Hive& hive, Cell key);
 
-/* The child at an index, in the order of the folded names. STATUS_NO_MORE_ENTRIES behind the last. */
+/* The child at an index, in the order of the folded names. STATUS_NO_MORE_ENTRIES after the last. */
 NTSTATUS hiveSubkey(const Hive& hive, Cell key, uint32_t index, Cell& child);
 
 /* The child of this name. STATUS_OBJECT_NAME_NOT_FOUND when there is none. */
@@ -154,7 +154,8 @@ struct HiveValue {
     uint16_t nameLength; /* characters */
 };
 
-/* The value at an index, in the order in which the values were made. STATUS_NO_MORE_ENTRIES behind the last.
+/* The value at an index, in the order in which the values were created. STATUS_NO_MORE_ENTRIES after the
+ * last.
  */
 NTSTATUS hiveValue(const Hive& hive, Cell key, uint32_t index, HiveValue& value);
 
@@ -167,7 +168,7 @@ void hiveValueName(const Hive& hive, const HiveValue& value, char16_t* name);
 /* Copies the value's data from its start: as many bytes as out holds, at most value.dataLength. */
 void hiveValueData(const Hive& hive, const HiveValue& value, std::span<uint8_t> out);
 
-/* Sets or makes a value; STATUS_INVALID_PARAMETER for a name that is too long, data of more than
+/* Sets or creates a value; STATUS_INVALID_PARAMETER for a name that is too long, data of more than
  * 1,071,104,040 bytes and a predefined-handle key. A value that exists keeps its name's letters and its place
  * in the order. Data of more than 16344 bytes becomes big data where the hive's version has it. The data must
  * not lie in the hive. A failure changes nothing. */

@@ -1,4 +1,4 @@
-/* Keys: reading, making and deleting them, and their descriptors. */
+/* Keys: reading, creating and deleting them, and their descriptors. */
 #include <algorithm>
 
 #include "platform/offline/base/guarded.h"
@@ -42,9 +42,8 @@ Cell storeClass(Hive& hive, Bytes classText) {
 }
 
 /* Enters the new child in its parent, whose lists of subkeys and longest lengths follow. */
-void adopt(Hive& hive, Cell parent, const SubkeyPlace& place, Cell child, const NewKey& fresh,
-           uint64_t time) {
-    const Cell list = insertSubkey(hive, listOf(cellData(hive, parent)), place, child);
+void adopt(Hive& hive, Cell parent, const SubkeySlot& slot, Cell child, const NewKey& fresh, uint64_t time) {
+    const Cell list = insertSubkey(hive, listOf(cellData(hive, parent)), slot, child);
     const std::span<uint8_t> key = changeCell(hive, parent);
     const uint16_t nameSize = static_cast<uint16_t>(2 * fresh.name.size());
     const uint32_t classSize = static_cast<uint32_t>(fresh.classText.size());
@@ -55,8 +54,8 @@ void adopt(Hive& hive, Cell parent, const SubkeyPlace& place, Cell child, const 
     set(key, nk::lastWrite, time);
 }
 
-void abandon(Hive& hive, Cell parent, const SubkeyPlace& place, uint64_t time) {
-    const Cell list = removeSubkey(hive, listOf(cellData(hive, parent)), place);
+void abandon(Hive& hive, Cell parent, const SubkeySlot& slot, uint64_t time) {
+    const Cell list = removeSubkey(hive, listOf(cellData(hive, parent)), slot);
     const std::span<uint8_t> key = changeCell(hive, parent);
     set(key, nk::subkeyList, list);
     set(key, nk::subkeyCount, get(key, nk::subkeyCount) - 1);
@@ -68,12 +67,12 @@ void abandon(Hive& hive, Cell parent, const SubkeyPlace& place, uint64_t time) {
 
 NTSTATUS createSubkey(Hive& hive, Cell parent, const NewKey& fresh, uint64_t time, Cell& child) {
     const Cell list = listOf(cellData(hive, parent));
-    const SubkeyPlace place = findSubkey(hive, list, fresh.name);
-    if (place.found) return STATUS_OBJECT_NAME_COLLISION;
-    const uint64_t growth = newKeyGrowth(fresh) + insertGrowth(hive, list, place);
+    const SubkeySlot slot = findSubkey(hive, list, fresh.name);
+    if (slot.found) return STATUS_OBJECT_NAME_COLLISION;
+    const uint64_t growth = newKeyGrowth(fresh) + insertGrowth(hive, list, slot);
     if (const NTSTATUS status = makeRoom(hive, growth); status < 0) return status;
     child = storeKey(hive, parent, fresh, time);
-    adopt(hive, parent, place, child, fresh, time);
+    adopt(hive, parent, slot, child, fresh, time);
     return STATUS_SUCCESS;
 }
 
@@ -95,7 +94,7 @@ Cell storeKey(Hive& hive, Cell parent, const NewKey& fresh, uint64_t time) {
     }
     const Cell classCell = storeClass(hive, fresh.classText);
     const std::span<uint8_t> key = changeCell(hive, cell);
-    const uint16_t form = fitsLatin(fresh.name) ? nk::latinName : 0;
+    const uint16_t form = compressible(fresh.name) ? nk::compressedName : 0;
     set(key, nk::signature, nk::magic);
     set(key, nk::flags, static_cast<uint16_t>(fresh.flags | form));
     set(key, nk::lastWrite, time);
@@ -172,9 +171,9 @@ NTSTATUS hiveFindSubkey(const Hive& hive, Cell key, std::u16string_view name, Ce
         child = last.child;
         return STATUS_SUCCESS;
     }
-    const SubkeyPlace place = findSubkey(hive, listOf(cellData(hive, key)), name);
-    if (!place.found) return STATUS_OBJECT_NAME_NOT_FOUND;
-    child = place.child;
+    const SubkeySlot slot = findSubkey(hive, listOf(cellData(hive, key)), name);
+    if (!slot.found) return STATUS_OBJECT_NAME_NOT_FOUND;
+    child = slot.child;
     return STATUS_SUCCESS;
 }
 
@@ -202,12 +201,12 @@ NTSTATUS hiveDeleteKey(Hive& hive, Cell key, uint64_t time) {
     const Cell parent = get(data, nk::parent);
     char16_t name[longestKeyName];
     const size_t length = hiveKeyName(hive, key, name);
-    const SubkeyPlace place = findSubkey(hive, listOf(cellData(hive, parent)), {name, length});
+    const SubkeySlot slot = findSubkey(hive, listOf(cellData(hive, parent)), {name, length});
 
     releaseValues(hive, key);
     if (get(data, nk::classLength) != 0) releaseCell(hive, get(data, nk::classCell));
     dropDescriptor(hive, get(data, nk::descriptor));
-    abandon(hive, parent, place, time);
+    abandon(hive, parent, slot, time);
     hive.keys.clear(key);
     releaseCell(hive, key);
     return STATUS_SUCCESS;

@@ -1,4 +1,4 @@
-/* What making a key is made of, for a new hive's root and for a new subkey. */
+/* What a new key consists of, for a new hive's root and for a new subkey. */
 #ifndef QUILLET_OFFLINE_HIVE_KEY_NODES_H
 #define QUILLET_OFFLINE_HIVE_KEY_NODES_H
 

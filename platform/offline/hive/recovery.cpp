@@ -101,9 +101,9 @@ bool makeRoom(const Recovery& recovery, uint32_t binsSize) {
     return true;
 }
 
-void putPart(Recovery& recovery, uint32_t place, Bytes part) {
-    std::copy(part.begin(), part.end(), recovery.bytes.begin() + pageSize + place);
-    recovery.parts.push_back({place, static_cast<uint32_t>(part.size())});
+void putPart(Recovery& recovery, uint32_t offset, Bytes part) {
+    std::copy(part.begin(), part.end(), recovery.bytes.begin() + pageSize + offset);
+    recovery.parts.push_back({offset, static_cast<uint32_t>(part.size())});
 }
 
 /* Writes what an entry holds; false, with nothing done, when its parts do not lie in it and in the bins. */
@@ -117,14 +117,14 @@ bool applyEntry(Recovery& recovery, Bytes entry) {
     for (size_t at = 0; at < list.size(); at += log::partEntry) {
         const Bytes part = list.subspan(at, log::partEntry);
         const uint64_t size = get(part, log::partSize);
-        if (size == 0 || get(part, log::partPlace) + size > binsSize) return false;
+        if (size == 0 || get(part, log::partOffset) + size > binsSize) return false;
         total += size;
     }
     if (total > rest.size() || !makeRoom(recovery, binsSize)) return false;
     for (size_t at = 0; at < list.size(); at += log::partEntry) {
         const Bytes part = list.subspan(at, log::partEntry);
         const uint32_t size = get(part, log::partSize);
-        putPart(recovery, get(part, log::partPlace), rest.first(size));
+        putPart(recovery, get(part, log::partOffset), rest.first(size));
         rest = rest.subspan(size);
     }
     return true;
@@ -139,7 +139,7 @@ void settle(Recovery& recovery, Bytes entry) {
     sealBaseBlock(block, above, above);
 }
 
-/* The base block of a log in the place of the hive's own. */
+/* The base block of a log in place of the hive's own. */
 void takeBaseBlock(Recovery& recovery, Bytes log) {
     const std::span<uint8_t> block(recovery.bytes.data(), base::size);
     std::copy_n(log.begin(), log::sectorSize, block.begin());
@@ -175,22 +175,23 @@ bool applyBoth(Recovery& recovery, std::vector<Bytes> first, std::vector<Bytes> 
     return applyEntries(recovery, first);
 }
 
-/* Whether the file has bins of this size together, one behind the other. */
+/* Whether the file has bins of this size together, one after the other. */
 bool fileHasBins(Bytes file, uint32_t binsSize) {
     const Bytes bins = file.subspan(base::size);
-    size_t place = 0;
-    while (place < binsSize && bins.size() - place >= bin::headerSize) {
-        const Bytes header = bins.subspan(place, bin::headerSize);
+    size_t offset = 0;
+    while (offset < binsSize && bins.size() - offset >= bin::headerSize) {
+        const Bytes header = bins.subspan(offset, bin::headerSize);
         const uint32_t size = get(header, bin::size);
-        if (get(header, bin::signature) != bin::magic || get(header, bin::place) != place || size == 0) break;
-        if (size % pageSize != 0 || size > bins.size() - place) break;
-        place += size;
+        if (get(header, bin::signature) != bin::magic || get(header, bin::offset) != offset || size == 0)
+            break;
+        if (size % pageSize != 0 || size > bins.size() - offset) break;
+        offset += size;
     }
-    return place == binsSize;
+    return offset == binsSize;
 }
 
 /* The hive's base block is lost and nothing is waiting in the logs: the bins are as they were written last,
- * and a log's base block tells of them if they are all there. */
+ * and a log's base block counts them if they are all there. */
 bool applyBaseBlock(Recovery& recovery, Bytes log) {
     if (!isLog(log, log::newType) || !fileHasBins(recovery.bytes, get(log, base::binsSize))) return false;
     takeBaseBlock(recovery, log);

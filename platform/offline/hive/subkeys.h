@@ -26,7 +26,7 @@ struct Leaf {
 Leaf readLeaf(Bytes data);
 
 /* Where a subkey of some name is, or would be. */
-struct SubkeyPlace {
+struct SubkeySlot {
     bool found = false;
     Cell child = noCell;
     Cell leaf = noCell;
@@ -35,17 +35,17 @@ struct SubkeyPlace {
 };
 
 /* list is the list's cell, or noCell for the list of a key without subkeys. */
-SubkeyPlace findSubkey(const Hive& hive, Cell list, std::u16string_view name);
+SubkeySlot findSubkey(const Hive& hive, Cell list, std::u16string_view name);
 
 /* The subkey at an index below the list's count. */
 Cell subkeyAt(const Hive& hive, Cell list, uint32_t index);
 
-/* The room that inserting at this place needs. */
-uint64_t insertGrowth(const Hive& hive, Cell list, const SubkeyPlace& place);
+/* The room that inserting in this slot needs. */
+uint64_t insertGrowth(const Hive& hive, Cell list, const SubkeySlot& slot);
 
 /* Insert needs that room made before. Both give the list's cell as it is from then on. */
-Cell insertSubkey(Hive& hive, Cell list, SubkeyPlace place, Cell child);
-Cell removeSubkey(Hive& hive, Cell list, const SubkeyPlace& place);
+Cell insertSubkey(Hive& hive, Cell list, SubkeySlot slot, Cell child);
+Cell removeSubkey(Hive& hive, Cell list, const SubkeySlot& slot);
 
 } /* namespace offline */
 

@@ -24,15 +24,15 @@ struct Pending { /* a key whose subkeys are still to be looked at */
 struct Check {
     Hive& hive;
     Problem& problem;
-    CellBits used;                            /* by what can be reached */
-    std::unordered_map<Cell, uint32_t> users; /* of each descriptor of the ring */
+    CellBits used;                                /* by what can be reached */
+    std::unordered_map<Cell, uint32_t> refcounts; /* of each descriptor of the ring */
     std::vector<Pending> pending;
 };
 
-/* "is damaged: the key at 0x1a20 is too short"; the place is the one in the bins. */
-bool fault(Check& check, const char* what, uint32_t place, const char* how) {
+/* "is damaged: the key at 0x1a20 is too short"; the offset is the one in the bins. */
+bool fault(Check& check, const char* what, uint32_t offset, const char* how) {
     char number[16];
-    snprintf(number, sizeof number, "0x%" PRIx32, place);
+    snprintf(number, sizeof number, "0x%" PRIx32, offset);
     refuse(check.problem, STATUS_REGISTRY_CORRUPT,
            std::string("is damaged: the ") + what + " at " + number + " " + how);
     return false;
@@ -59,17 +59,17 @@ bool checkCells(Check& check, uint32_t bin, uint32_t size) {
 bool checkBins(Check& check) {
     Hive& hive = check.hive;
     const Bytes bins = Bytes(hive.bytes).subspan(pageSize, hive.binsSize);
-    for (uint32_t place = 0; place < hive.binsSize;) {
-        const Bytes header = bins.subspan(place, bin::headerSize);
-        if (get(header, bin::signature) != bin::magic) return fault(check, "bin", place, "is missing");
-        if (get(header, bin::place) != place) return fault(check, "bin", place, "names another place");
+    for (uint32_t offset = 0; offset < hive.binsSize;) {
+        const Bytes header = bins.subspan(offset, bin::headerSize);
+        if (get(header, bin::signature) != bin::magic) return fault(check, "bin", offset, "is missing");
+        if (get(header, bin::offset) != offset) return fault(check, "bin", offset, "names another place");
         const uint32_t size = get(header, bin::size);
-        if (size == 0 || size % pageSize != 0 || size > hive.binsSize - place) {
-            return fault(check, "bin", place, "has an impossible size");
+        if (size == 0 || size % pageSize != 0 || size > hive.binsSize - offset) {
+            return fault(check, "bin", offset, "has an impossible size");
         }
-        std::fill_n(hive.pageBin.begin() + place / pageSize, size / pageSize, place);
-        if (!checkCells(check, place, size)) return false;
-        place += size;
+        std::fill_n(hive.pageBin.begin() + offset / pageSize, size / pageSize, offset);
+        if (!checkCells(check, offset, size)) return false;
+        offset += size;
     }
     return true;
 }
@@ -115,7 +115,7 @@ bool checkRing(Check& check) {
         if (neighbour.size() < sk::descriptor || get(neighbour, sk::previous) != cell) {
             return fault(check, "security descriptor", cell, "breaks the ring of descriptors");
         }
-        check.users.emplace(cell, 0);
+        check.refcounts.emplace(cell, 0);
         noteDescriptor(check.hive, cell);
         cell = next;
     } while (cell != first);
@@ -123,10 +123,10 @@ bool checkRing(Check& check) {
 }
 
 /* In memory only: a page that is not changed otherwise is not saved for it. */
-void correctUsers(Check& check) {
-    for (const auto& [cell, users] : check.users) {
+void correctRefcounts(Check& check) {
+    for (const auto& [cell, refcount] : check.refcounts) {
         const size_t at = pageSize + cell + cellHeader;
-        set(std::span<uint8_t>(check.hive.bytes).subspan(at, sk::descriptor), sk::users, users);
+        set(std::span<uint8_t>(check.hive.bytes).subspan(at, sk::descriptor), sk::refcount, refcount);
     }
 }
 
@@ -155,7 +155,7 @@ bool checkValue(Check& check, Cell cell) {
     if (nameLength > value.size() - vk::name)
         return fault(check, "name of the value", cell, "does not fit its cell");
     const StoredName name = valueName(value);
-    if (!name.latin && nameLength % sizeof(char16_t) != 0) {
+    if (!name.compressed && nameLength % sizeof(char16_t) != 0) {
         return fault(check, "name of the value", cell, "ends within a character");
     }
     if (name.length() > longestValueName) return fault(check, "name of the value", cell, "is too long");
@@ -193,7 +193,7 @@ bool checkName(Check& check, Cell cell, Bytes key) {
     const uint32_t bytes = get(key, nk::nameLength);
     if (bytes > key.size() - nk::name) return fault(check, "name of the key", cell, "does not fit its cell");
     const StoredName name = keyName(key);
-    if (!name.latin && bytes % sizeof(char16_t) != 0) {
+    if (!name.compressed && bytes % sizeof(char16_t) != 0) {
         return fault(check, "name of the key", cell, "ends within a character");
     }
     if (name.length() > longestKeyName) return fault(check, "name of the key", cell, "is too long");
@@ -221,8 +221,8 @@ bool checkKey(Check& check, Cell cell, Cell parent, uint32_t depth) {
         length != 0 && claim(check, "class", get(key, nk::classCell), length).empty()) {
         return false;
     }
-    const auto descriptor = check.users.find(get(key, nk::descriptor));
-    if (descriptor == check.users.end()) return fault(check, "key", cell, "has no security descriptor");
+    const auto descriptor = check.refcounts.find(get(key, nk::descriptor));
+    if (descriptor == check.refcounts.end()) return fault(check, "key", cell, "has no security descriptor");
     descriptor->second++;
     check.hive.keys.set(cell);
     if (get(key, nk::subkeyCount) != 0) check.pending.push_back({cell, depth});
@@ -290,7 +290,7 @@ bool checkAll(Check& check) {
         check.pending.pop_back();
         if (!checkSubkeys(check, next)) return false;
     }
-    correctUsers(check);
+    correctRefcounts(check);
     return true;
 }
 

@@ -99,7 +99,7 @@ Cell newValue(Hive& hive, std::u16string_view name) {
     set(value, vk::signature, vk::magic);
     set(value, vk::nameLength, static_cast<uint16_t>(storedSize(name)));
     /* The platform marks no form on a name that is not there. */
-    set(value, vk::flags, !name.empty() && fitsLatin(name) ? vk::latinName : 0);
+    set(value, vk::flags, !name.empty() && compressible(name) ? vk::compressedName : 0);
     storeName(name, value.data() + vk::name);
     return cell;
 }
