@@ -238,17 +238,17 @@ void openVolume(const VolumeSeen& seen, const Sight& sight, Opened& opened, Audi
     const auto partition = std::find_if(partitions.begin(), partitions.end(), same);
     if (partition == partitions.end()) return;
     offline::Problem problem;
-    offline::InstallationVolume place{&disk, *partition, nullptr, seen.letter};
-    if (offline::volumeOpen(disk, *partition, place.volume, problem) < 0) {
+    offline::InstallationVolume entry{&disk, *partition, nullptr, seen.letter};
+    if (offline::volumeOpen(disk, *partition, entry.volume, problem) < 0) {
         audit.problems.push_back(problem.text);
         return;
     }
     /* without a SYSTEM hive that tells, the only volume is the one that Windows is on */
-    if (place.letter == 0 && sight.volumes.size() == 1 && !sight.windows.empty()) {
-        place.letter = sight.windows.front();
+    if (entry.letter == 0 && sight.volumes.size() == 1 && !sight.windows.empty()) {
+        entry.letter = sight.windows.front();
     }
-    if (place.letter != 0) offline::driveSet(place.letter, *place.volume);
-    opened.installation.volumes.push_back(std::move(place));
+    if (entry.letter != 0) offline::driveSet(entry.letter, *entry.volume);
+    opened.installation.volumes.push_back(std::move(entry));
 }
 
 void openDisk(const DiskSeen& seen, const Sight& sight, Opened& opened, Audit& audit) {
@@ -297,10 +297,10 @@ void auditInstallation(const Sight& sight, Audit& audit) {
     Opened opened;
     for (const DiskSeen& disk : sight.disks) openDisk(disk, sight, opened, audit);
     Walk walk{audit};
-    for (const offline::InstallationVolume& place : opened.installation.volumes) {
+    for (const offline::InstallationVolume& entry : opened.installation.volumes) {
         const std::string name =
-            place.letter != 0 ? std::string{place.letter, ':'} : offline::diskPath(*place.disk) + ": ";
-        VolumeWalk{walk, *place.volume, name}.run();
+            entry.letter != 0 ? std::string{entry.letter, ':'} : offline::diskPath(*entry.disk) + ": ";
+        VolumeWalk{walk, *entry.volume, name}.run();
     }
     const std::vector<Tree> trees = treesOf(sight.controlSet);
     std::set<std::pair<const offline::Volume*, FileRef>> files;

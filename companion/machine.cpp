@@ -8,7 +8,7 @@
 #include "companion/formatting.h"
 #include "platform/offline/base/unicode.h"
 #include "platform/offline/descriptor/sid_format.h"
-#include "platform/offline/system/machine_hives.h"
+#include "platform/offline/hive/hive_paths.h"
 
 namespace companion {
 namespace {

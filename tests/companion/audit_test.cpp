@@ -1,9 +1,9 @@
 /* What an audit finds, before and after a run, and what it does with a system that it can't see whole. */
 #include "platform/offline/descriptor/sid_format.h"
 #include "platform/offline/hive/hive.h"
+#include "platform/offline/hive/hive_paths.h"
 #include "platform/offline/security/security.h"
 #include "platform/offline/system/hive_files.h"
-#include "platform/offline/system/machine_hives.h"
 #include "tests/companion/program.h"
 
 namespace {

@@ -18,16 +18,6 @@ NTSTATUS machineHivesMount(Installation& installation, Problem& problem);
 /* Saves what has changed. */
 NTSTATUS machineHivesSave(const Installation& installation, Problem& problem);
 
-/* The number of the current control set, from the key "Select"; 0 when the hive does not say. */
-uint32_t currentControlSet(const Hive& system);
-
-/* A value's text without its terminators; empty when there is no such key or value, or it is no text. path is
- * below the hive's root. */
-std::u16string hiveText(const Hive& hive, std::u16string_view path, std::u16string_view name);
-
-/* The key at a path below the hive's root, components between backslashes, no links. */
-NTSTATUS hiveFindPath(const Hive& hive, std::u16string_view path, Cell& key);
-
 } /* namespace offline */
 
 #endif

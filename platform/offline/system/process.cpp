@@ -18,7 +18,7 @@ std::string offline::restartAsked() try {
     return asked == Restart::reboot
                ? "a restart was asked for; the system is at rest: start the machine from " + disk
                : "a power-off was asked for; the system is at rest: " + disk + " is ready to be started";
-} catch (const std::bad_alloc&) {  // the line is not worth more than the close behind it
+} catch (const std::bad_alloc&) {  // the line is not worth more than the close that follows it
     return {};
 }
 
