@@ -152,7 +152,7 @@ void makeNames(Filler& filler, const std::vector<ByteVector>& descriptors) {
 void makeOddities(Filler& filler, const std::vector<ByteVector>& descriptors) {
     const FileRef junction =
         filler.makePath(u"Users\\alice\\My Windows", NewFile::directory, descriptors.front());
-    filler.check(offline::volumeMakeJunction(filler.volume, junction, u"C:\\Windows"), u"My Windows");
+    filler.check(offline::volumeCreateJunction(filler.volume, junction, u"C:\\Windows"), u"My Windows");
     const FileRef linked =
         filler.makePath(u"Users\\alice\\Documents\\one.txt", NewFile::file, descriptors[0]);
     std::u16string_view name;

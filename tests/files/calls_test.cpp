@@ -19,7 +19,7 @@ struct CallsTest : FilesTest {
         file = make(outer, u"one.TXT", NewFile::file);
         for (const char16_t* name : {u"three", u"ÄÖ.txt", u"a.b.txt"}) make(outer, name, NewFile::file);
         const FileRef junction = make(outer, u"junction", NewFile::directory);
-        ASSERT_GE(volumeMakeJunction(*volume, junction, u"C:\\Ä"), 0);
+        ASSERT_GE(volumeCreateJunction(*volume, junction, u"C:\\Ä"), 0);
     }
 
     Names find(const char16_t* pattern) {

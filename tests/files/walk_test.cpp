@@ -82,7 +82,7 @@ TEST_F(WalkTest, meetsAndSetsEveryName) {
         path += u"\\same dir Größe";
     }
     const FileRef junction = add(directory, path, u"junction", NewFile::directory);
-    ASSERT_GE(volumeMakeJunction(*volume, junction, u"C:\\same dir Größe"), 0);
+    ASSERT_GE(volumeCreateJunction(*volume, junction, u"C:\\same dir Größe"), 0);
     const FileRef linked = add(directory, path, u"linked", NewFile::file);
     ASSERT_GE(volumeLink(*volume, linked, rootDirectory, u"other name"), 0);
     ByteVector& otherName = expected[root + u"\\other name"];

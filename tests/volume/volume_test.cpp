@@ -164,7 +164,7 @@ TEST_F(VolumeTest, AReadOnlyDiskIsNeverChanged) {
     EXPECT_EQ(volumeWriteFile(volume, file, 0, ByteVector(1)), STATUS_MEDIA_WRITE_PROTECTED);
     EXPECT_EQ(volumeSetAttributes(volume, file, 1), STATUS_MEDIA_WRITE_PROTECTED);
     EXPECT_EQ(volumeLink(volume, file, rootDirectory, u"other"), STATUS_MEDIA_WRITE_PROTECTED);
-    EXPECT_EQ(volumeMakeJunction(volume, file, u"C:\\x"), STATUS_MEDIA_WRITE_PROTECTED);
+    EXPECT_EQ(volumeCreateJunction(volume, file, u"C:\\x"), STATUS_MEDIA_WRITE_PROTECTED);
     EXPECT_EQ(volumeCreate(volume, rootDirectory, u"new", NewFile::file, descriptor(1), made),
               STATUS_MEDIA_WRITE_PROTECTED);
     EXPECT_EQ(opened.close(), STATUS_SUCCESS);
@@ -315,8 +315,8 @@ TEST_F(VolumeTest, LinksJunctionsAttributes) {
     EXPECT_EQ(volumeFind(volume, u"folder\\second name", found), STATUS_SUCCESS);
     EXPECT_EQ(found, file);
     EXPECT_EQ(names(opened, folder), std::vector<std::u16string>{u"second name"});
-    EXPECT_EQ(volumeMakeJunction(volume, folder, u"C:\\Windows"), STATUS_ACCESS_DENIED); /* not empty */
-    ASSERT_EQ(volumeMakeJunction(volume, junction, u"C:\\Windows"), STATUS_SUCCESS);
+    EXPECT_EQ(volumeCreateJunction(volume, folder, u"C:\\Windows"), STATUS_ACCESS_DENIED); /* not empty */
+    ASSERT_EQ(volumeCreateJunction(volume, junction, u"C:\\Windows"), STATUS_SUCCESS);
     EXPECT_EQ(volumeFind(volume, u"junction\\system32", found), STATUS_OBJECT_PATH_NOT_FOUND);
     ASSERT_EQ(volumeSetAttributes(volume, file, FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_DIRECTORY),
               STATUS_SUCCESS);

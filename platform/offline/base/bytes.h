@@ -24,7 +24,7 @@ inline Bytes checkedSpan(Bytes bytes, uint64_t offset, uint64_t count) {
     return bytes.subspan(static_cast<size_t>(offset), static_cast<size_t>(count));
 }
 
-/* The number behind a pointer, at any alignment. */
+/* The number at an address of any alignment. */
 template <class Number>
 Number loadNumber(const void* at) {
     Number number;

@@ -81,7 +81,7 @@ NTSTATUS openHandle(const KeyRef& ref, ACCESS_MASK granted, HANDLE& handle) {
         OpenKey& key = keyAt(ref);
         key.handles++;
         made->key = &key;
-        HANDLE fresh = handleMake(keyType, made.get());
+        HANDLE fresh = handleCreate(keyType, made.get());
         if (fresh == nullptr) {
             release(&key);
             return STATUS_NO_MEMORY;

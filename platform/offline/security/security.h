@@ -65,7 +65,7 @@ NTSTATUS descriptorQuery(Bytes stored, SECURITY_INFORMATION information, std::ve
 
 /* What is stored when a caller sets a descriptor, absolute or self-relative, over a stored one: the parts
  * that the mask names from the new, the others from the old. A self-relative one of which all four parts are
- * set is taken byte for byte, but for the place of a list that is not present. Control bits that say how a
+ * set is taken byte for byte, but for the offset of a list that is not present. Control bits that say how a
  * list came about (protected, auto-inherited) travel with it; request bits are never stored;
  * PROTECTED_DACL_SECURITY_INFORMATION and the three bits below it protect or unprotect the list that is set.
  * The new owner must be one that the token may name (STATUS_INVALID_OWNER; any with the restore privilege

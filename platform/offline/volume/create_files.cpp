@@ -1,4 +1,4 @@
-/* Making files, directories, links and junctions. */
+/* Creating files, directories, links and junctions. */
 #include "platform/offline/volume/open_volume.h"
 /* before everything else */
 #include <cerrno>
@@ -115,7 +115,7 @@ NTSTATUS volumeLink(Volume& volume, FileRef file, FileRef directory, std::u16str
     });
 }
 
-NTSTATUS volumeMakeJunction(Volume& volume, FileRef directory, std::u16string_view target) {
+NTSTATUS volumeCreateJunction(Volume& volume, FileRef directory, std::u16string_view target) {
     return guarded([&]() -> NTSTATUS {
         if (recordNumberOf(directory) < firstOrdinaryRecord) return STATUS_ACCESS_DENIED;
         if (target.empty() || target.size() > 4000) return STATUS_OBJECT_NAME_INVALID;

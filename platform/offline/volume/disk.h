@@ -81,7 +81,7 @@ NTSTATUS diskReadWhole(const Disk& disk, Problem& problem);
 
 enum class PartitionTable { none, mbr, gpt };
 
-/* A volume's place on its disk, and what the installation's MountedDevices knows it by. */
+/* Where a volume lies on its disk, and what the installation's MountedDevices knows it by. */
 struct Partition {
     uint64_t start = 0;                /* bytes */
     uint64_t size = 0;                 /* bytes */

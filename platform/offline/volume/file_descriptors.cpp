@@ -58,7 +58,7 @@ NTSTATUS readOwnDescriptor(Inode& file, std::vector<uint8_t>& descriptor) {
 /* Whether changing the id in the file's record is all that is needed. A file without an id may have a
  * descriptor of its own in a further record. */
 bool goesById(const FileRecord& record) {
-    return record.securityIdPlace != 0 && !record.ownDescriptor &&
+    return record.securityIdOffset != 0 && !record.ownDescriptor &&
            (record.securityId != 0 || record.complete);
 }
 

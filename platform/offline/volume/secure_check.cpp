@@ -30,11 +30,10 @@ bool indexSound(const SecureIndex& index, std::u16string_view name, ntfs3g::ntfs
     bool agree = true;
     const bool whole = visitEntries(
         index, 0,
-        [&](const StoredPlace& place) {
+        [&](const SdsEntry& sds) {
             uint8_t header[storedHeader];
-            agree = place.length > storedHeader && place.offset <= all &&
-                    place.length <= all - place.offset && readAttribute(stream, place.offset, header) &&
-                    storedPlace(header) == place;
+            agree = sds.length > storedHeader && sds.offset <= all && sds.length <= all - sds.offset &&
+                    readAttribute(stream, sds.offset, header) && sdsEntry(header) == sds;
             return agree;
         },
         [&](uint64_t number) { return blocks.insert(number).second; });

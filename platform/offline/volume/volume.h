@@ -39,8 +39,8 @@ NTSTATUS volumeOpen(Disk& disk, const Partition& partition, VolumePtr& volume, P
  * stays. */
 NTSTATUS volumeClose(VolumePtr volume);
 
-/* Everything on the medium; the dirty mark stays. A change that failed before is not told again: a file's
- * failure must not keep another from being written whole. volumeClose tells it. */
+/* Everything on the medium; the dirty mark stays. A change that failed before is not reported again: a file's
+ * failure must not keep another from being written whole. volumeClose reports it. */
 NTSTATUS volumeFlush(Volume& volume);
 
 bool volumeReadOnly(const Volume& volume);
@@ -110,10 +110,10 @@ NTSTATUS volumeSetDescriptor(Volume& volume, FileRef file, Bytes descriptor);
  * points (whose data is elsewhere), STATUS_ACCESS_DENIED for directories. */
 NTSTATUS volumeReadFile(Volume& volume, FileRef file, uint64_t limit, std::vector<uint8_t>& bytes);
 
-/* Writes into the unnamed data at an offset, in place; what lies behind its end is added. */
+/* Writes into the unnamed data at an offset, in place; what lies beyond its end is added. */
 NTSTATUS volumeWriteFile(Volume& volume, FileRef file, uint64_t offset, Bytes bytes);
 
-/* ---- Making (practice systems and tests) ---- */
+/* ---- Creating (practice systems and tests) ---- */
 
 enum class NewFile { file, directory };
 
@@ -126,7 +126,7 @@ NTSTATUS volumeCreate(Volume& volume, FileRef directory, std::u16string_view nam
 NTSTATUS volumeLink(Volume& volume, FileRef file, FileRef directory, std::u16string_view name);
 
 /* Makes an empty directory a junction to a path such as "C:\Windows". */
-NTSTATUS volumeMakeJunction(Volume& volume, FileRef directory, std::u16string_view target);
+NTSTATUS volumeCreateJunction(Volume& volume, FileRef directory, std::u16string_view target);
 
 /* Sets the FILE_ATTRIBUTE_ bits read-only, hidden, system and archive. */
 NTSTATUS volumeSetAttributes(Volume& volume, FileRef file, uint32_t attributes);
