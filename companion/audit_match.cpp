@@ -23,7 +23,7 @@ offline::Bytes bytesOf(std::u16string_view text) {
     return {reinterpret_cast<const uint8_t*>(text.data()), text.size() * sizeof(char16_t)};
 }
 
-/* The place of the needle in what is left of data from a place on; data.size() when it is not there. */
+/* The offset of the needle in data at or after an offset; data.size() when it is not there. */
 size_t findBytes(offline::Bytes data, size_t from, offline::Bytes needle) {
     if (from >= data.size()) return data.size();  // empty data need not lie anywhere
     const void* found = memmem(data.data() + from, data.size() - from, needle.data(), needle.size());
@@ -72,7 +72,7 @@ bool holdsText(const Wanted& wanted, offline::Bytes data) {
     return false;
 }
 
-/* The whole text is the SID's, or goes on with "-" behind it. */
+/* The whole text is the SID's, or goes on with "-" after it. */
 bool beginsWithText(const Wanted& wanted, offline::Bytes text) {
     const size_t size = wanted.textBytes.size();
     return text.size() >= size && memcmp(text.data(), wanted.textBytes.data(), size) == 0 &&

@@ -27,7 +27,7 @@ Wanted wantedSid(std::vector<uint8_t> machineSid);
 enum class Left { otherEntry, nameOutside, valueOutside, otherType, insideText, valueName };
 constexpr size_t leftCount = 6;
 
-/* One place can hold SIDs of both sorts. */
+/* One finding can hold SIDs of both sorts. */
 struct Match {
     bool treated = false;
     std::optional<Left> left = {};

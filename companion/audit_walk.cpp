@@ -23,7 +23,7 @@ struct Walk {
     Audit& audit;
     std::unordered_map<std::string, std::optional<Match>> descriptors = {};
 
-    /* path makes the place's path, which takes time, only when somebody wants to know. */
+    /* path builds the finding's path, which takes time, only when somebody wants it. */
     template <typename MakePath>
     void note(Kind kind, const Match& match, const MakePath& path, std::u16string_view value = {}) const {
         const auto row = static_cast<size_t>(kind);
@@ -63,7 +63,7 @@ struct Walk {
 struct VolumeWalk {
     struct Directory {
         FileRef file;
-        std::u16string path; /* without a backslash behind it; empty for the root */
+        std::u16string path; /* without a backslash after it; empty for the root */
     };
 
     Walk& walk;
@@ -243,7 +243,7 @@ void openVolume(const VolumeSeen& seen, const Sight& sight, Opened& opened, Audi
         audit.problems.push_back(problem.text);
         return;
     }
-    /* without a SYSTEM hive that tells, the only volume is the one that Windows is on */
+    /* without a SYSTEM hive to say it, the only volume is the one that Windows is on */
     if (entry.letter == 0 && sight.volumes.size() == 1 && !sight.windows.empty()) {
         entry.letter = sight.windows.front();
     }

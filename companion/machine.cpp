@@ -14,8 +14,8 @@ namespace companion {
 namespace {
 
 constexpr size_t accountHeaderSize = 48; /* bytes of the value "V" of the account domain, before its parts */
-constexpr size_t sidOffsetPlace = 12;    /* the SID's offset, counted from the end of the header */
-constexpr size_t sidLengthPlace = 16;
+constexpr size_t sidOffsetAt = 12;       /* the SID's offset, counted from the end of the header */
+constexpr size_t sidLengthAt = 16;
 constexpr size_t longestAccountValue = 1 << 20; /* bytes; ours to set, the value has some hundred */
 
 uint32_t number32(offline::Bytes bytes, size_t at) {
@@ -27,8 +27,8 @@ uint32_t number32(offline::Bytes bytes, size_t at) {
 /* The part of the account value that holds the SID; empty when it does not lie inside. */
 offline::Bytes accountSid(offline::Bytes value) {
     if (value.size() < accountHeaderSize) return {};
-    const uint64_t offset = accountHeaderSize + uint64_t{number32(value, sidOffsetPlace)};
-    const uint64_t length = number32(value, sidLengthPlace);
+    const uint64_t offset = accountHeaderSize + uint64_t{number32(value, sidOffsetAt)};
+    const uint64_t length = number32(value, sidLengthAt);
     if (offset > value.size() || length > value.size() - offset) return {};
     return value.subspan(offset, length);
 }

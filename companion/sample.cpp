@@ -69,11 +69,11 @@ std::vector<Extent> extentsOf(int file, const std::string& image) {
     return extents;
 }
 
-/* Makes the volume alone, then moves it to its place on the disk. */
-void makeDisk(ImageFile& image, const SampleOptions& options, const Machine& machine) {
+/* Creates the volume alone, then moves it to where it lies on the disk. */
+void createDisk(ImageFile& image, const SampleOptions& options, const Machine& machine) {
     const uint64_t size = imageSize(options);
     const bool whole = tableOf(options) != PartitionTable::none;
-    image.setSize(whole ? size - partitionStart - behindPartition : size);
+    image.setSize(whole ? size - partitionStart - afterPartition : size);
     makeNtfs(image.temporary, partitionStart / 512, image.wanted);
     if (!whole) return;
     const std::vector<Extent> volume = extentsOf(image.file, image.wanted);
@@ -122,7 +122,7 @@ int sample(const SampleOptions& options) {
     const Machine machine = options.machine.empty() ? randomMachine() : machineFromText(options.machine);
     ImageFile image(options.image, options.force);
     refuseWhenInUse(options.image);
-    makeDisk(image, options, machine);
+    createDisk(image, options, machine);
     const size_t entries = fillDisk(image, options, machine);
     image.keep();
     std::string sid(machine.sid.begin(), machine.sid.end());

@@ -53,7 +53,7 @@ bool isObject(const Entry& entry) {
     return entry.type >= allowObject && entry.type <= 8;
 }
 
-/* What lies before the SID beside the mask, and what behind it. */
+/* What lies before the SID beside the mask, and what after it. */
 ByteVector objectTypes() {
     ByteVector types;
     put(types, 1, 4); /* one type follows: the object's */
@@ -91,9 +91,9 @@ ByteVector layOutList(const std::vector<Entry>& entries, size_t freeRoom) {
     return out;
 }
 
-/* Appends a part and notes its place in the header. */
-void putPart(ByteVector& out, size_t place, const ByteVector& part) {
-    set32(out, place, out.size());
+/* Appends a part and puts its offset into the header. */
+void putPart(ByteVector& out, size_t field, const ByteVector& part) {
+    set32(out, field, out.size());
     append(out, part);
 }
 
@@ -106,15 +106,15 @@ ByteVector layOut(const Shape& shape) {
     ByteVector out = {SECURITY_DESCRIPTOR_REVISION, 0};
     put(out, control, 2);
     out.resize(sizeof(SECURITY_DESCRIPTOR_RELATIVE));
-    constexpr size_t ownerPlace = 4, groupPlace = 8, saclPlace = 12, daclPlace = 16;
-    if (shape.sacl) putPart(out, saclPlace, layOutList(*shape.sacl, 0));
-    if (shape.dacl) putPart(out, daclPlace, layOutList(*shape.dacl, shape.freeRoom));
+    constexpr size_t ownerField = 4, groupField = 8, saclField = 12, daclField = 16;
+    if (shape.sacl) putPart(out, saclField, layOutList(*shape.sacl, 0));
+    if (shape.dacl) putPart(out, daclField, layOutList(*shape.dacl, shape.freeRoom));
     const size_t owner = out.size();
-    if (!shape.owner.empty()) putPart(out, ownerPlace, sidBytes(shape.owner));
+    if (!shape.owner.empty()) putPart(out, ownerField, sidBytes(shape.owner));
     if (shape.ownerIsGroup) {
-        set32(out, groupPlace, owner);
+        set32(out, groupField, owner);
     } else if (!shape.group.empty()) {
-        putPart(out, groupPlace, sidBytes(shape.group));
+        putPart(out, groupField, sidBytes(shape.group));
     }
     return out;
 }

@@ -28,7 +28,7 @@ struct Shape {
     std::u16string owner, group; /* empty: none */
     uint16_t control = 0;        /* bits beside those that follow from the parts */
     std::optional<std::vector<Entry>> dacl, sacl;
-    size_t freeRoom = 0;       /* bytes of the DACL behind its entries */
+    size_t freeRoom = 0;       /* bytes of the DACL after its entries */
     bool ownerIsGroup = false; /* one SID in the image serves as both */
 };
 

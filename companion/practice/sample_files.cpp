@@ -23,7 +23,7 @@ struct Filler {
                       "); check the disk that the image is on"};
     }
 
-    FileRef make(FileRef directory, std::u16string_view name, NewFile kind, const ByteVector& descriptor) {
+    FileRef create(FileRef directory, std::u16string_view name, NewFile kind, const ByteVector& descriptor) {
         FileRef file;
         check(offline::volumeCreate(volume, directory, name, kind, descriptor, file), name);
         entries++;
@@ -46,7 +46,7 @@ struct Filler {
     FileRef makePath(std::u16string_view path, NewFile kind, const ByteVector& descriptor) {
         std::u16string_view name;
         const FileRef directory = parentOf(path, name);
-        return make(directory, name, kind, descriptor);
+        return create(directory, name, kind, descriptor);
     }
 };
 
@@ -125,9 +125,9 @@ void makeDepth(Filler& filler, const std::vector<ByteVector>& descriptors) {
     FileRef at = filler.makePath(u"Users\\bob\\Documents\\deep", NewFile::directory, descriptors[0]);
     for (uint32_t i = 0; i < depth; i++) {
         const ByteVector& descriptor = descriptors[i % descriptors.size()];
-        at = filler.make(at, u"level " + paddedDecimal(i, 2), NewFile::directory, descriptor);
+        at = filler.create(at, u"level " + paddedDecimal(i, 2), NewFile::directory, descriptor);
     }
-    filler.make(at, u"at the bottom.txt", NewFile::file, descriptors[0]);
+    filler.create(at, u"at the bottom.txt", NewFile::file, descriptors[0]);
 }
 
 void makeNames(Filler& filler, const std::vector<ByteVector>& descriptors) {
@@ -144,7 +144,7 @@ void makeNames(Filler& filler, const std::vector<ByteVector>& descriptors) {
     const FileRef directory =
         filler.makePath(u"Users\\alice\\Documents\\Ünïcode", NewFile::directory, descriptors[0]);
     for (size_t i = 0; i < std::size(names); i++) {
-        filler.make(directory, names[i], NewFile::file, descriptors[i % descriptors.size()]);
+        filler.create(directory, names[i], NewFile::file, descriptors[i % descriptors.size()]);
     }
 }
 
@@ -179,11 +179,12 @@ void makeOrdinary(Filler& filler, const std::vector<ByteVector>& descriptors, si
         const ByteVector& descriptor = descriptors[i % descriptors.size()];
         const uint32_t number = i / filesInFolder;
         if (i % filesInFolder == 0) {
-            folder = filler.make(documents[number % std::size(users)], u"Folder " + paddedDecimal(number, 4),
-                                 NewFile::directory, descriptors[number % descriptors.size()]);
+            folder =
+                filler.create(documents[number % std::size(users)], u"Folder " + paddedDecimal(number, 4),
+                              NewFile::directory, descriptors[number % descriptors.size()]);
         }
         const std::u16string name = u"file " + paddedDecimal(i % filesInFolder, 2) + u".txt";
-        const FileRef file = filler.make(folder, name, NewFile::file, i % 9 == 0 ? plain : descriptor);
+        const FileRef file = filler.create(folder, name, NewFile::file, i % 9 == 0 ? plain : descriptor);
         if (i % 50 == 0) filler.write(file, name, ByteVector(size_t{i} % 5000 + 1, 'x'));
     }
 }

@@ -77,23 +77,23 @@ ByteVector gptEntries(const Machine& machine, uint64_t firstSector, uint64_t las
     return table;
 }
 
-struct GptPlaces {
+struct GptSectors {
     uint64_t header, otherHeader, entries; /* sectors */
 };
 
-ByteVector gptHeader(const Machine& machine, const GptPlaces& places, uint64_t diskSectors,
+ByteVector gptHeader(const Machine& machine, const GptSectors& at, uint64_t diskSectors,
                      const ByteVector& entries) {
     ByteVector header(sectorSize);
     const ByteVector own = guid(machine, diskNumber);
     memcpy(&header[0], gpt::signature, gpt::signatureSize);
     put(header, gpt::revision, gpt::revision1);
     put(header, gpt::headerLength, uint32_t{gpt::headerSize});
-    put(header, gpt::headerSector, places.header);
-    put(header, gpt::otherHeaderSector, places.otherHeader);
+    put(header, gpt::headerSector, at.header);
+    put(header, gpt::otherHeaderSector, at.otherHeader);
     put(header, gpt::firstUsable, uint64_t{2 + tableSectors});    /* the first sector for partitions */
     put(header, gpt::lastUsable, diskSectors - 2 - tableSectors); /* and the last */
     memcpy(&header[gpt::diskGuid], own.data(), own.size());
-    put(header, gpt::entriesSector, places.entries);
+    put(header, gpt::entriesSector, at.entries);
     put(header, gpt::entryCount, gpt::usualEntryCount);
     put(header, gpt::entrySize, gpt::usualEntrySize);
     put(header, gpt::entriesCrc, checksum(entries));
@@ -105,12 +105,12 @@ void writeGpt(int file, uint64_t size, const Machine& machine, const std::string
     const uint64_t sectors = size / sectorSize;
     const uint64_t last = sectors - 1;
     const ByteVector entries =
-        gptEntries(machine, partitionStart / sectorSize, (size - behindPartition) / sectorSize - 1);
-    const GptPlaces primary = {1, last, 2}, backup = {last, 1, last - tableSectors};
+        gptEntries(machine, partitionStart / sectorSize, (size - afterPartition) / sectorSize - 1);
+    const GptSectors primary = {1, last, 2}, backup = {last, 1, last - tableSectors};
     writeAll(file, 0, mbrSector(0, mbr::typeProtective, 1, last), image);
-    for (const GptPlaces& places : {primary, backup}) {
-        writeAll(file, places.header * sectorSize, gptHeader(machine, places, sectors, entries), image);
-        writeAll(file, places.entries * sectorSize, entries, image);
+    for (const GptSectors& at : {primary, backup}) {
+        writeAll(file, at.header * sectorSize, gptHeader(machine, at, sectors, entries), image);
+        writeAll(file, at.entries * sectorSize, entries, image);
     }
 }
 
@@ -135,7 +135,7 @@ DiskIdentity diskIdentity(PartitionTable table, const Machine& machine) {
 void writePartitionTable(int file, uint64_t size, PartitionTable table, const Machine& machine,
                          const std::string& image) {
     if (table == PartitionTable::gpt) return writeGpt(file, size, machine, image);
-    const uint64_t sectors = (size - partitionStart - behindPartition) / sectorSize;
+    const uint64_t sectors = (size - partitionStart - afterPartition) / sectorSize;
     writeAll(file, 0, mbrSector(mbrSignature(machine), mbr::typeNtfs, partitionStart / sectorSize, sectors),
              image);
 }
