@@ -20,7 +20,7 @@ constexpr int exitFound = 1;
 struct Words {
     const char* label; /* for a person */
     const char* name;  /* in JSON */
-    const char* one;   /* of one place */
+    const char* one;   /* of one finding */
 };
 constexpr std::array<Words, kindCount> kinds = {{
     {"files", "files", "file"},
@@ -53,12 +53,12 @@ uint64_t sum(const std::array<uint64_t, kindCount>& counts) {
 
 /* ---- For a person ---- */
 
-void printPlace(const Place& place) {
-    std::string text = place.left ? "left     " : "treated  ";
-    text += wordsOf(place.kind).one;
-    text += ", " + offline::printable(place.path);
-    if (place.kind == Kind::value) text += ", \"" + offline::printable(place.value) + "\"";
-    if (place.left) text += std::string(" (") + wordsOf(*place.left).one + ")";
+void printFinding(const Finding& finding) {
+    std::string text = finding.left ? "left     " : "treated  ";
+    text += wordsOf(finding.kind).one;
+    text += ", " + offline::printable(finding.path);
+    if (finding.kind == Kind::value) text += ", \"" + offline::printable(finding.value) + "\"";
+    if (finding.left) text += std::string(" (") + wordsOf(*finding.left).one + ")";
     printf("%s\n", text.c_str());
 }
 
@@ -87,13 +87,13 @@ void print(const Audit& audit, const std::string& sid) {
 
 /* ---- For programs ---- */
 
-void write(JsonWriter& json, const Place& place) {
+void write(JsonWriter& json, const Finding& finding) {
     json.open('{');
-    json.put("kind", wordsOf(place.kind).name);
-    json.put("treated", !place.left);
-    if (place.left) json.put("reason", wordsOf(*place.left).name);
-    json.put("path", place.path);
-    if (place.kind == Kind::value) json.put("value", place.value);
+    json.put("kind", wordsOf(finding.kind).name);
+    json.put("treated", !finding.left);
+    if (finding.left) json.put("reason", wordsOf(*finding.left).name);
+    json.put("path", finding.path);
+    if (finding.kind == Kind::value) json.put("value", finding.value);
     json.close('}');
 }
 
@@ -157,9 +157,9 @@ int audit(AuditOptions options) {
     json.put("sid", sid);
     if (options.all && options.json) {
         json.open("places", '[');
-        audit.found = [&json](const Place& place) { write(json, place); };
+        audit.found = [&json](const Finding& finding) { write(json, finding); };
     } else if (options.all) {
-        audit.found = printPlace;
+        audit.found = printFinding;
     }
     auditInstallation(sight, audit);
     if (options.json) {

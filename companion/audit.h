@@ -16,9 +16,10 @@ namespace companion {
 enum class Kind { file, keyDescriptor, keyName, value };
 constexpr size_t kindCount = 4;
 
-/* A place that holds a SID. One that is treated and also holds what is left is told twice. Texts are UTF-8.
+/* A place that holds a SID. One that is treated and also holds what is left is reported twice. Texts are
+ * UTF-8.
  */
-struct Place {
+struct Finding {
     Kind kind;
     std::optional<Left> left = {}; /* none: it is treated */
     std::string path;              /* of a file: "C:\Users"; of a key: its hive, ": ", "\Key\Subkey" */
@@ -27,7 +28,7 @@ struct Place {
 
 struct Audit {
     Wanted wanted;
-    std::function<void(const Place&)> found; /* told of each place; may be empty */
+    std::function<void(const Finding&)> found; /* called with each; may be empty */
     std::array<uint64_t, kindCount> treated = {}, left = {};
     std::array<uint64_t, leftCount> reasons = {};
     std::vector<std::string> problems = {}; /* a line for each thing that could not be looked at */

@@ -10,8 +10,6 @@
 namespace companion {
 namespace {
 
-using Span = std::span<const uint8_t>;
-
 constexpr size_t countAt = 1;     /* a SID's number of sub-authorities */
 constexpr size_t authorityAt = 2; /* from here on two SIDs of one machine are the same */
 constexpr size_t subAuthoritiesAt = 8;
@@ -21,12 +19,12 @@ size_t sizeOfSid(uint8_t count) {
     return subAuthoritiesAt + 4 * size_t{count};
 }
 
-Span bytesOf(std::u16string_view text) {
+offline::Bytes bytesOf(std::u16string_view text) {
     return {reinterpret_cast<const uint8_t*>(text.data()), text.size() * sizeof(char16_t)};
 }
 
-/* The place of the needle in what is left of data from a place on; data.size() when it is not there. */
-size_t findBytes(Span data, size_t from, Span needle) {
+/* The offset of the needle in data at or after an offset; data.size() when it is not there. */
+size_t findBytes(offline::Bytes data, size_t from, offline::Bytes needle) {
     if (from >= data.size()) return data.size();  // empty data need not lie anywhere
     const void* found = memmem(data.data() + from, data.size() - from, needle.data(), needle.size());
     return found == nullptr ? data.size()
@@ -36,17 +34,17 @@ size_t findBytes(Span data, size_t from, Span needle) {
 /* ---- SIDs in bytes ---- */
 
 /* Whether the SID at the head of the bytes is the machine's or an account's of it. */
-bool beginsWithSid(const Wanted& wanted, Span sid) {
+bool beginsWithSid(const Wanted& wanted, offline::Bytes sid) {
     return sid.size() >= machineSidSize && sid[countAt] >= machineCount &&
            memcmp(&sid[authorityAt], &wanted.sid[authorityAt], machineSidSize - authorityAt) == 0;
 }
 
 /* Anywhere, whole and valid. */
-bool holdsSid(const Wanted& wanted, Span data) {
-    const Span needle = Span(wanted.sid).subspan(authorityAt);
+bool holdsSid(const Wanted& wanted, offline::Bytes data) {
+    const offline::Bytes needle = offline::Bytes(wanted.sid).subspan(authorityAt);
     for (size_t at = findBytes(data, authorityAt, needle); at < data.size();
          at = findBytes(data, at + 1, needle)) {
-        const Span sid = data.subspan(at - authorityAt);
+        const offline::Bytes sid = data.subspan(at - authorityAt);
         const uint8_t count = sid[countAt];
         if (sid[0] == 1 && count >= machineCount && count <= mostSubAuthorities &&
             sizeOfSid(count) <= sid.size()) {
@@ -58,7 +56,7 @@ bool holdsSid(const Wanted& wanted, Span data) {
 
 /* ---- SIDs in UTF-16 text ---- */
 
-bool isUnit(Span text, size_t at, char16_t low, char16_t high) {
+bool isUnit(offline::Bytes text, size_t at, char16_t low, char16_t high) {
     if (at + sizeof(char16_t) > text.size()) return false;
     char16_t unit;
     memcpy(&unit, &text[at], sizeof unit);
@@ -66,7 +64,7 @@ bool isUnit(Span text, size_t at, char16_t low, char16_t high) {
 }
 
 /* Anywhere, at any alignment, as long as the last number does not go on. */
-bool holdsText(const Wanted& wanted, Span data) {
+bool holdsText(const Wanted& wanted, offline::Bytes data) {
     for (size_t at = findBytes(data, 0, wanted.textBytes); at < data.size();
          at = findBytes(data, at + 1, wanted.textBytes)) {
         if (!isUnit(data, at + wanted.textBytes.size(), u'0', u'9')) return true;
@@ -74,14 +72,14 @@ bool holdsText(const Wanted& wanted, Span data) {
     return false;
 }
 
-/* The whole text is the SID's, or goes on with "-" behind it. */
-bool beginsWithText(const Wanted& wanted, Span text) {
+/* The whole text is the SID's, or goes on with "-" after it. */
+bool beginsWithText(const Wanted& wanted, offline::Bytes text) {
     const size_t size = wanted.textBytes.size();
     return text.size() >= size && memcmp(text.data(), wanted.textBytes.data(), size) == 0 &&
            (text.size() == size || isUnit(text, size, u'-', u'-'));
 }
 
-void addString(const Wanted& wanted, Span text, Match& match) {
+void addString(const Wanted& wanted, offline::Bytes text, Match& match) {
     const bool begins = beginsWithText(wanted, text);
     if (begins) match.treated = true;
     if (holdsText(wanted, begins ? text.subspan(wanted.textBytes.size()) : text)) {
@@ -90,7 +88,7 @@ void addString(const Wanted& wanted, Span text, Match& match) {
 }
 
 /* Strings with a terminator each, which the last may lack. */
-void addStrings(const Wanted& wanted, Span data, Match& match) {
+void addStrings(const Wanted& wanted, offline::Bytes data, Match& match) {
     size_t start = 0;
     for (size_t at = 0; at + 1 < data.size(); at += 2) {
         if (data[at] != 0 || data[at + 1] != 0) continue;
@@ -104,19 +102,19 @@ void addStrings(const Wanted& wanted, Span data, Match& match) {
 
 struct DescriptorLook {
     const Wanted& wanted;
-    Span image;
+    offline::Bytes image;
     Match match = {};
     bool sound = true;
 
     /* Bytes of the image; empty, and the image unsound, when they are not inside. */
-    Span part(size_t offset, size_t size) {
+    offline::Bytes part(size_t offset, size_t size) {
         if (offset <= image.size() && size <= image.size() - offset) return image.subspan(offset, size);
         sound = false;
         return {};
     }
     size_t number(size_t offset, size_t size) {
         size_t value = 0;
-        const Span bytes = part(offset, size);
+        const offline::Bytes bytes = part(offset, size);
         if (!bytes.empty()) memcpy(&value, bytes.data(), size);
         return value;
     }
@@ -124,12 +122,12 @@ struct DescriptorLook {
     void lookAtSid(size_t offset) {
         if (offset == 0) return;
         const size_t count = number(offset + countAt, 1);
-        const Span sid = part(offset, subAuthoritiesAt + 4 * count);
+        const offline::Bytes sid = part(offset, subAuthoritiesAt + 4 * count);
         if (beginsWithSid(wanted, sid)) match.treated = true;
     }
 
     /* Of an entry: its type, its flags, its size, its mask; in the types 0 to 3 the SID is next. */
-    void lookAtEntry(Span entry) {
+    void lookAtEntry(offline::Bytes entry) {
         constexpr size_t sidAt = 8;
         if (entry[0] > SYSTEM_ALARM_ACE_TYPE) {
             if (holdsSid(wanted, entry)) match.left = Left::otherEntry;
@@ -148,7 +146,7 @@ struct DescriptorLook {
         const size_t end = offset + number(offset + 2, 2);
         for (size_t left = number(offset + 4, 2); left > 0 && sound; left--) {
             const size_t size = number(at + 2, 2);
-            const Span entry = part(at, size);
+            const offline::Bytes entry = part(at, size);
             if (size < entryHeaderSize || at + size > end) sound = false;
             if (sound) lookAtEntry(entry);
             at += size;
@@ -161,12 +159,12 @@ struct DescriptorLook {
 Wanted wantedSid(std::vector<uint8_t> machineSid) {
     Wanted wanted{std::move(machineSid), {}, {}};
     wanted.text = offline::toUtf16(offline::sidToText(wanted.sid));
-    const Span bytes = bytesOf(wanted.text);
+    const offline::Bytes bytes = bytesOf(wanted.text);
     wanted.textBytes.assign(bytes.begin(), bytes.end());
     return wanted;
 }
 
-std::optional<Match> matchDescriptor(const Wanted& wanted, std::span<const uint8_t> image) {
+std::optional<Match> matchDescriptor(const Wanted& wanted, offline::Bytes image) {
     constexpr size_t controlAt = 2, ownerAt = 4, groupAt = 8, saclAt = 12, daclAt = 16, headerSize = 20;
     DescriptorLook look{wanted, image};
     if (look.part(0, headerSize).empty() || image[0] != SECURITY_DESCRIPTOR_REVISION) return std::nullopt;
@@ -185,7 +183,7 @@ Match matchKeyName(const Wanted& wanted, std::u16string_view name, bool inTable)
     return inTable ? Match{true, {}} : Match{false, Left::nameOutside};
 }
 
-Match matchValue(const Wanted& wanted, uint32_t type, std::span<const uint8_t> data, bool inTable) {
+Match matchValue(const Wanted& wanted, uint32_t type, offline::Bytes data, bool inTable) {
     Match match;
     const bool sid = holdsSid(wanted, data), text = holdsText(wanted, data);
     if (!sid && !text) return match;

@@ -3,10 +3,11 @@
 #ifndef QUILLET_COMPANION_AUDIT_MATCH_H
 #define QUILLET_COMPANION_AUDIT_MATCH_H
 
+#include "platform/offline/base/bytes.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,20 +27,20 @@ Wanted wantedSid(std::vector<uint8_t> machineSid);
 enum class Left { otherEntry, nameOutside, valueOutside, otherType, insideText, valueName };
 constexpr size_t leftCount = 6;
 
-/* One place can hold SIDs of both sorts. */
+/* One finding can hold SIDs of both sorts. */
 struct Match {
     bool treated = false;
     std::optional<Left> left = {};
 };
 
 /* A self-relative descriptor. Nothing when it is not one by every bound. */
-std::optional<Match> matchDescriptor(const Wanted& wanted, std::span<const uint8_t> image);
+std::optional<Match> matchDescriptor(const Wanted& wanted, offline::Bytes image);
 
 /* The name of a key; inTable: it lies below a tree whose names are rewritten. */
 Match matchKeyName(const Wanted& wanted, std::u16string_view name, bool inTable);
 
 /* The data of a value; inTable: values of its name are rewritten where it lies. */
-Match matchValue(const Wanted& wanted, uint32_t type, std::span<const uint8_t> data, bool inTable);
+Match matchValue(const Wanted& wanted, uint32_t type, offline::Bytes data, bool inTable);
 
 /* The name of a value, which is never rewritten. */
 Match matchValueName(const Wanted& wanted, std::u16string_view name);

@@ -23,7 +23,7 @@ struct Walk {
     Audit& audit;
     std::unordered_map<std::string, std::optional<Match>> descriptors = {};
 
-    /* path makes the place's path, which takes time, only when somebody wants to know. */
+    /* path builds the finding's path, which takes time, only when somebody wants it. */
     template <typename MakePath>
     void note(Kind kind, const Match& match, const MakePath& path, std::u16string_view value = {}) const {
         const auto row = static_cast<size_t>(kind);
@@ -39,7 +39,7 @@ struct Walk {
     }
 
     template <typename MakePath>
-    void descriptor(Kind kind, std::span<const uint8_t> image, const MakePath& path) {
+    void descriptor(Kind kind, offline::Bytes image, const MakePath& path) {
         std::string bytes(reinterpret_cast<const char*>(image.data()), image.size());
         auto known = descriptors.find(bytes);
         if (known == descriptors.end()) {
@@ -63,7 +63,7 @@ struct Walk {
 struct VolumeWalk {
     struct Directory {
         FileRef file;
-        std::u16string path; /* without a backslash behind it; empty for the root */
+        std::u16string path; /* without a backslash after it; empty for the root */
     };
 
     Walk& walk;
@@ -78,7 +78,7 @@ struct VolumeWalk {
 
     void lookAt(FileRef file, std::u16string_view directory, std::u16string_view entry) const {
         const auto path = [&] { return pathOf(directory, entry); };
-        std::span<const uint8_t> descriptor;
+        offline::Bytes descriptor;
         const NTSTATUS status = offline::volumeDescriptor(volume, file, descriptor);
         if (status >= 0) {
             walk.descriptor(Kind::file, descriptor, path);
@@ -247,17 +247,17 @@ void openVolume(const VolumeSeen& seen, const Sight& sight, Opened& opened, Audi
     const auto partition = std::find_if(partitions.begin(), partitions.end(), same);
     if (partition == partitions.end()) return;
     offline::Problem problem;
-    offline::InstallationVolume place{&disk, *partition, nullptr, seen.letter};
-    if (offline::volumeOpen(disk, *partition, place.volume, problem) < 0) {
+    offline::InstallationVolume entry{&disk, *partition, nullptr, seen.letter};
+    if (offline::volumeOpen(disk, *partition, entry.volume, problem) < 0) {
         audit.problems.push_back(problem.text);
         return;
     }
-    /* without a SYSTEM hive that tells, the only volume is the one that Windows is on */
-    if (place.letter == 0 && sight.volumes.size() == 1 && !sight.windows.empty()) {
-        place.letter = sight.windows.front();
+    /* without a SYSTEM hive to say it, the only volume is the one that Windows is on */
+    if (entry.letter == 0 && sight.volumes.size() == 1 && !sight.windows.empty()) {
+        entry.letter = sight.windows.front();
     }
-    if (place.letter != 0) offline::driveSet(place.letter, *place.volume);
-    opened.installation.volumes.push_back(std::move(place));
+    if (entry.letter != 0) offline::driveSet(entry.letter, *entry.volume);
+    opened.installation.volumes.push_back(std::move(entry));
 }
 
 void openDisk(const DiskSeen& seen, const Sight& sight, Opened& opened, Audit& audit) {
@@ -306,10 +306,10 @@ void auditInstallation(const Sight& sight, Audit& audit) {
     Opened opened;
     for (const DiskSeen& disk : sight.disks) openDisk(disk, sight, opened, audit);
     Walk walk{audit};
-    for (const offline::InstallationVolume& place : opened.installation.volumes) {
+    for (const offline::InstallationVolume& entry : opened.installation.volumes) {
         const std::string name =
-            place.letter != 0 ? std::string{place.letter, ':'} : offline::diskPath(*place.disk) + ": ";
-        VolumeWalk{walk, *place.volume, name}.run();
+            entry.letter != 0 ? std::string{entry.letter, ':'} : offline::diskPath(*entry.disk) + ": ";
+        VolumeWalk{walk, *entry.volume, name}.run();
     }
     const std::vector<Tree> trees = treesOf(sight.controlSet);
     std::set<std::pair<const offline::Volume*, FileRef>> files;

@@ -66,7 +66,7 @@ const char auditHelp[] =
 const char runHelp[] =
     "Usage: quillet-offline run IMAGE... -- [quillet's options]\n"
     "\n"
-    "Everything behind \"--\" is passed to quillet; \"quillet -h\" tells its options. The exit status is\n"
+    "Everything after \"--\" is passed to quillet; \"quillet -h\" tells its options. The exit status is\n"
     "quillet's. Changes are made in place: keep a copy of what you can't make again.\n"
     "\n"
     "Examples:\n"
@@ -130,7 +130,7 @@ struct Command {
     const char* help; /* below the options in the command's help, with an example */
     void (*declare)(CLI::App& app, Options& options);
     int (*perform)(const Options& options);
-    bool takesRest = false; /* whether arguments behind "--" are passed on */
+    bool takesRest = false; /* whether arguments after "--" are passed on */
 };
 
 const Command commands[] = {
@@ -176,7 +176,7 @@ std::string usageError(const CLI::ParseError& error, const std::string& command)
     return text + "; see \"quillet-offline " + command + "--help\"";
 }
 
-/* Takes what stands behind "--" out of the arguments. False when there is no "--". */
+/* Takes what stands after "--" out of the arguments. False when there is no "--". */
 bool takeRest(std::vector<std::string>& arguments, std::vector<std::string>& rest) {
     const auto split = std::find(arguments.begin(), arguments.end(), "--");
     if (split == arguments.end()) return false;
@@ -207,7 +207,7 @@ int runCommandLine(std::vector<std::string> arguments) {
     }
     const Command& chosen = commandNamed(app.get_subcommands().front()->get_name());
     if (restGiven && !chosen.takesRest) {
-        throw Failure{std::string(chosen.name) + " takes no arguments behind \"--\"; see \"quillet-offline " +
+        throw Failure{std::string(chosen.name) + " takes no arguments after \"--\"; see \"quillet-offline " +
                       chosen.name + " --help\""};
     }
     return chosen.perform(options);

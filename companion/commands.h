@@ -37,7 +37,7 @@ int audit(AuditOptions options);
 
 struct RunOptions {
     std::vector<std::string> images;
-    std::vector<std::string> quilletOptions; /* what stood behind "--" */
+    std::vector<std::string> quilletOptions; /* what stood after "--" */
 };
 int run(const RunOptions& options);
 

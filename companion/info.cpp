@@ -117,9 +117,9 @@ void printJson(const Sight& sight, bool usable) {
 int info(const InfoOptions& options) {
     Sight sight = look(options.images);
     const std::string why = whyRefused(options.images);
-    const bool told = std::find(sight.problems.begin(), sight.problems.end(), why) != sight.problems.end();
-    if (!why.empty() && !told) sight.problems.push_back(why);
-    const bool usable = why.empty() && !sight.machineSid.empty(); /* that has been told, too */
+    const bool known = std::find(sight.problems.begin(), sight.problems.end(), why) != sight.problems.end();
+    if (!why.empty() && !known) sight.problems.push_back(why);
+    const bool usable = why.empty() && !sight.machineSid.empty(); /* that has been reported, too */
     if (options.json) {
         printJson(sight, usable);
     } else {

@@ -8,27 +8,27 @@
 #include "companion/formatting.h"
 #include "platform/offline/base/unicode.h"
 #include "platform/offline/descriptor/sid_format.h"
-#include "platform/offline/system/machine_hives.h"
+#include "platform/offline/hive/hive_paths.h"
 
 namespace companion {
 namespace {
 
 constexpr size_t accountHeaderSize = 48; /* bytes of the value "V" of the account domain, before its parts */
-constexpr size_t sidOffsetPlace = 12;    /* the SID's offset, counted from the end of the header */
-constexpr size_t sidLengthPlace = 16;
+constexpr size_t sidOffsetAt = 12;       /* the SID's offset, counted from the end of the header */
+constexpr size_t sidLengthAt = 16;
 constexpr size_t longestAccountValue = 1 << 20; /* bytes; ours to set, the value has some hundred */
 
-uint32_t number32(std::span<const uint8_t> bytes, size_t at) {
+uint32_t number32(offline::Bytes bytes, size_t at) {
     uint32_t value;
     memcpy(&value, &bytes[at], sizeof value);
     return value;
 }
 
 /* The part of the account value that holds the SID; empty when it does not lie inside. */
-std::span<const uint8_t> accountSid(std::span<const uint8_t> value) {
+offline::Bytes accountSid(offline::Bytes value) {
     if (value.size() < accountHeaderSize) return {};
-    const uint64_t offset = accountHeaderSize + uint64_t{number32(value, sidOffsetPlace)};
-    const uint64_t length = number32(value, sidLengthPlace);
+    const uint64_t offset = accountHeaderSize + uint64_t{number32(value, sidOffsetAt)};
+    const uint64_t length = number32(value, sidLengthAt);
     if (offset > value.size() || length > value.size() - offset) return {};
     return value.subspan(offset, length);
 }
@@ -39,7 +39,7 @@ std::u16string Machine::account(uint32_t rid) const {
     return sid + u"-" + decimal(rid);
 }
 
-bool isMachineSid(std::span<const uint8_t> sid) {
+bool isMachineSid(offline::Bytes sid) {
     static const uint8_t head[12] = {1, 4, 0, 0, 0, 0, 0, 5, 21, 0, 0, 0};
     return sid.size() == machineSidSize && memcmp(sid.data(), head, sizeof head) == 0;
 }
@@ -80,7 +80,7 @@ std::string samMachineSid(const offline::Hive& sam, std::string& why) {
     }
     std::vector<uint8_t> bytes(value.dataLength);
     offline::hiveValueData(sam, value, bytes);
-    const std::span<const uint8_t> sid = accountSid(bytes);
+    const offline::Bytes sid = accountSid(bytes);
     if (isMachineSid(sid)) return offline::sidToText(sid);
     why = "has a value \"V\" in SAM\\Domains\\Account without a machine SID where its header says";
     return {};

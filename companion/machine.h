@@ -3,10 +3,10 @@
 #define QUILLET_COMPANION_MACHINE_H
 
 #include <cstdint>
-#include <span>
 #include <string>
 #include <vector>
 
+#include "platform/offline/base/bytes.h"
 #include "platform/offline/hive/hive.h"
 
 namespace companion {
@@ -20,7 +20,7 @@ struct Machine {
 };
 
 /* Whether the bytes are a SID S-1-5-21-x-y-z. */
-bool isMachineSid(std::span<const uint8_t> sid);
+bool isMachineSid(offline::Bytes sid);
 
 /* A machine with a SID that no other has. Throws Failure when the kernel has no random bytes. */
 Machine randomMachine();

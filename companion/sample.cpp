@@ -42,10 +42,10 @@ uint64_t imageSize(const SampleOptions& options) {
 
 struct Extent {
     uint64_t offset; /* bytes */
-    Bytes bytes;
+    ByteVector bytes;
 };
 
-bool allZero(const Bytes& bytes) {
+bool allZero(const ByteVector& bytes) {
     for (const uint8_t byte : bytes) {
         if (byte != 0) return false;
     }
@@ -59,7 +59,7 @@ std::vector<Extent> extentsOf(int file, const std::string& image) {
     off_t at = 0;
     while ((at = lseek(file, at, SEEK_DATA)) >= 0) {
         const auto start = static_cast<uint64_t>(at) / step * step;
-        Bytes bytes(step);
+        ByteVector bytes(step);
         const ssize_t got = pread(file, bytes.data(), step, static_cast<off_t>(start));
         if (got <= 0) throw Failure{image + ": can't be read back; check the disk that it is on"};
         bytes.resize(static_cast<size_t>(got));
@@ -69,11 +69,11 @@ std::vector<Extent> extentsOf(int file, const std::string& image) {
     return extents;
 }
 
-/* Makes the volume alone, then moves it to its place on the disk. */
-void makeDisk(ImageFile& image, const SampleOptions& options, const Machine& machine) {
+/* Creates the volume alone, then moves it to where it lies on the disk. */
+void createDisk(ImageFile& image, const SampleOptions& options, const Machine& machine) {
     const uint64_t size = imageSize(options);
     const bool whole = tableOf(options) != PartitionTable::none;
-    image.setSize(whole ? size - partitionStart - behindPartition : size);
+    image.setSize(whole ? size - partitionStart - afterPartition : size);
     makeNtfs(image.temporary, partitionStart / 512, image.wanted);
     if (!whole) return;
     const std::vector<Extent> volume = extentsOf(image.file, image.wanted);
@@ -122,7 +122,7 @@ int sample(const SampleOptions& options) {
     const Machine machine = options.machine.empty() ? randomMachine() : machineFromText(options.machine);
     ImageFile image(options.image, options.force);
     refuseWhenInUse(options.image);
-    makeDisk(image, options, machine);
+    createDisk(image, options, machine);
     const size_t entries = fillDisk(image, options, machine);
     image.keep();
     std::string sid(machine.sid.begin(), machine.sid.end());

@@ -7,6 +7,8 @@
 #include "companion/machine.h"
 #include "platform/offline/base/unicode.h"
 #include "platform/offline/files/drives.h"
+#include "platform/offline/hive/hive_paths.h"
+#include "platform/offline/system/control_set.h"
 #include "platform/offline/system/environment.h"
 #include "platform/offline/system/hive_files.h"
 #include "platform/offline/system/installation.h"
@@ -48,13 +50,13 @@ struct Looking {
 
 void openVolume(Looking& looking, offline::Disk& disk, const offline::Partition& partition) {
     Problem problem;
-    offline::InstallationVolume place;
-    place.disk = &disk;
-    place.partition = partition;
+    offline::InstallationVolume entry;
+    entry.disk = &disk;
+    entry.partition = partition;
     VolumeSeen seen{offline::diskPath(disk), partition.start, partition.size};
-    seen.opened = looking.good(offline::volumeOpen(disk, partition, place.volume, problem), problem);
+    seen.opened = looking.good(offline::volumeOpen(disk, partition, entry.volume, problem), problem);
     looking.sight.volumes.push_back(std::move(seen));
-    if (place.volume) looking.installation.volumes.push_back(std::move(place));
+    if (entry.volume) looking.installation.volumes.push_back(std::move(entry));
 }
 
 void openDisk(Looking& looking, const std::string& path) {
@@ -73,12 +75,12 @@ void openDisk(Looking& looking, const std::string& path) {
 }
 
 void noteLetters(Looking& looking) {
-    for (const offline::InstallationVolume& place : looking.installation.volumes) {
-        offline::driveSet(place.letter, *place.volume);
+    for (const offline::InstallationVolume& entry : looking.installation.volumes) {
+        offline::driveSet(entry.letter, *entry.volume);
         for (VolumeSeen& seen : looking.sight.volumes) {
             const bool same =
-                seen.disk == offline::diskPath(*place.disk) && seen.start == place.partition.start;
-            if (same) seen.letter = place.letter;
+                seen.disk == offline::diskPath(*entry.disk) && seen.start == entry.partition.start;
+            if (same) seen.letter = entry.letter;
         }
     }
 }
@@ -96,17 +98,17 @@ HiveState stateOf(NTSTATUS status, const HivePtr& hive) {
 /* A hive of the machine. Its path gets the drive's letter later, for that is in one of the hives. */
 HivePtr readMachineHive(Looking& looking, std::u16string_view name, bool needed) {
     Installation& installation = looking.installation;
-    offline::InstallationVolume& place = installation.volumes[installation.systemVolume];
+    offline::InstallationVolume& entry = installation.volumes[installation.systemVolume];
     const std::u16string path = offline::installationHivePath(installation, name);
     Problem problem;
     HivePtr hive;
     std::unique_ptr<offline::HiveStore> store;
-    const NTSTATUS status = offline::installationReadHive(place, path, hive, store, problem);
+    const NTSTATUS status = offline::installationReadHive(entry, path, hive, store, problem);
     HiveSeen seen{offline::toUtf8(path), stateOf(status, hive)};
     offline::FileRef file;
     offline::FileInfo info;
-    if (offline::volumeFind(*place.volume, path, file) >= 0 &&
-        offline::volumeFileInfo(*place.volume, file, info) >= 0) {
+    if (offline::volumeFind(*entry.volume, path, file) >= 0 &&
+        offline::volumeFileInfo(*entry.volume, file, info) >= 0) {
         seen.size = info.size;
     }
     if (hive) seen.version = offline::hiveMinorVersion(*hive);
@@ -190,14 +192,14 @@ void lookAtUserDirectories(Looking& looking, char letter) {
 
 /* From the SYSTEM hive, or without it as for a system volume that nothing is remembered of. */
 char assignLetters(Looking& looking) {
-    offline::InstallationVolume& place = looking.installation.volumes[looking.installation.systemVolume];
+    offline::InstallationVolume& entry = looking.installation.volumes[looking.installation.systemVolume];
     Problem problem;
     if (looking.system) {
         looking.good(offline::lettersAssign(*looking.system, looking.installation, problem), problem);
         noteLetters(looking);
     }
-    if (place.letter == 0) offline::driveSet('C', *place.volume);
-    return place.letter == 0 ? 'C' : place.letter;
+    if (entry.letter == 0) offline::driveSet('C', *entry.volume);
+    return entry.letter == 0 ? 'C' : entry.letter;
 }
 
 void lookAtSam(Looking& looking) {

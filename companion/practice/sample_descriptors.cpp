@@ -37,15 +37,15 @@ constexpr uint8_t inherited = 0x13;
 constexpr uint8_t whenItFails = 0x80;
 constexpr uint8_t always = 0xC0;
 
-void put(Bytes& out, uint64_t number, size_t size) {
+void put(ByteVector& out, uint64_t number, size_t size) {
     for (size_t i = 0; i < size; i++) out.push_back(static_cast<uint8_t>(number >> 8 * i));
 }
 
-void set32(Bytes& out, size_t at, size_t number) {
+void set32(ByteVector& out, size_t at, size_t number) {
     for (size_t i = 0; i < 4; i++) out[at + i] = static_cast<uint8_t>(number >> 8 * i);
 }
 
-void append(Bytes& out, const Bytes& more) {
+void append(ByteVector& out, const ByteVector& more) {
     out.insert(out.end(), more.begin(), more.end());
 }
 
@@ -53,37 +53,37 @@ bool isObject(const Entry& entry) {
     return entry.type >= allowObject && entry.type <= 8;
 }
 
-/* What lies before the SID beside the mask, and what behind it. */
-Bytes objectTypes() {
-    Bytes types;
+/* What lies before the SID beside the mask, and what after it. */
+ByteVector objectTypes() {
+    ByteVector types;
     put(types, 1, 4); /* one type follows: the object's */
     for (uint8_t i = 0; i < 16; i++) types.push_back(static_cast<uint8_t>(0x11 * i));
     return types;
 }
 
-Bytes applicationData(const Entry& entry) {
+ByteVector applicationData(const Entry& entry) {
     if (entry.type != allowCallback && entry.type != denyCallback) return {};
     return {'a', 'r', 't', 'x', 0, 0, 0, 0};
 }
 
-Bytes layOutEntry(const Entry& entry) {
-    Bytes body;
+ByteVector layOutEntry(const Entry& entry) {
+    ByteVector body;
     put(body, entry.mask, 4);
     if (isObject(entry)) append(body, objectTypes());
     append(body, sidBytes(entry.who));
     append(body, applicationData(entry));
-    Bytes out = {entry.type, entry.flags};
+    ByteVector out = {entry.type, entry.flags};
     put(out, body.size() + 4, 2);
     append(out, body);
     return out;
 }
 
-Bytes layOutList(const std::vector<Entry>& entries, size_t freeRoom) {
-    Bytes body;
+ByteVector layOutList(const std::vector<Entry>& entries, size_t freeRoom) {
+    ByteVector body;
     for (const Entry& entry : entries) append(body, layOutEntry(entry));
     body.resize(body.size() + freeRoom);
     const bool objects = std::any_of(entries.begin(), entries.end(), isObject);
-    Bytes out = {static_cast<uint8_t>(objects ? 4 : 2), 0}; /* the list's revision */
+    ByteVector out = {static_cast<uint8_t>(objects ? 4 : 2), 0}; /* the list's revision */
     put(out, body.size() + sizeof(ACL), 2);
     put(out, entries.size(), 2);
     put(out, 0, 2);
@@ -91,35 +91,35 @@ Bytes layOutList(const std::vector<Entry>& entries, size_t freeRoom) {
     return out;
 }
 
-/* Appends a part and notes its place in the header. */
-void putPart(Bytes& out, size_t place, const Bytes& part) {
-    set32(out, place, out.size());
+/* Appends a part and puts its offset into the header. */
+void putPart(ByteVector& out, size_t field, const ByteVector& part) {
+    set32(out, field, out.size());
     append(out, part);
 }
 
 } /* namespace */
 
-Bytes layOut(const Shape& shape) {
+ByteVector layOut(const Shape& shape) {
     uint16_t control = shape.control | SE_SELF_RELATIVE;
     if (shape.dacl) control |= SE_DACL_PRESENT;
     if (shape.sacl) control |= SE_SACL_PRESENT;
-    Bytes out = {SECURITY_DESCRIPTOR_REVISION, 0};
+    ByteVector out = {SECURITY_DESCRIPTOR_REVISION, 0};
     put(out, control, 2);
     out.resize(sizeof(SECURITY_DESCRIPTOR_RELATIVE));
-    constexpr size_t ownerPlace = 4, groupPlace = 8, saclPlace = 12, daclPlace = 16;
-    if (shape.sacl) putPart(out, saclPlace, layOutList(*shape.sacl, 0));
-    if (shape.dacl) putPart(out, daclPlace, layOutList(*shape.dacl, shape.freeRoom));
+    constexpr size_t ownerField = 4, groupField = 8, saclField = 12, daclField = 16;
+    if (shape.sacl) putPart(out, saclField, layOutList(*shape.sacl, 0));
+    if (shape.dacl) putPart(out, daclField, layOutList(*shape.dacl, shape.freeRoom));
     const size_t owner = out.size();
-    if (!shape.owner.empty()) putPart(out, ownerPlace, sidBytes(shape.owner));
+    if (!shape.owner.empty()) putPart(out, ownerField, sidBytes(shape.owner));
     if (shape.ownerIsGroup) {
-        set32(out, groupPlace, owner);
+        set32(out, groupField, owner);
     } else if (!shape.group.empty()) {
-        putPart(out, groupPlace, sidBytes(shape.group));
+        putPart(out, groupField, sidBytes(shape.group));
     }
     return out;
 }
 
-Bytes plainDescriptor(const Rights& rights) {
+ByteVector plainDescriptor(const Rights& rights) {
     return layOut({trustedInstallerSid,
                    systemSid,
                    SE_DACL_AUTO_INHERITED,
@@ -129,7 +129,7 @@ Bytes plainDescriptor(const Rights& rights) {
                    {}});
 }
 
-Bytes samDescriptor() {
+ByteVector samDescriptor() {
     return layOut({administratorsSid,
                    systemSid,
                    SE_DACL_AUTO_INHERITED | SE_DACL_PROTECTED,
@@ -138,7 +138,7 @@ Bytes samDescriptor() {
                    {}});
 }
 
-Bytes profileDescriptor(const Machine& machine, uint32_t rid, const Rights& rights) {
+ByteVector profileDescriptor(const Machine& machine, uint32_t rid, const Rights& rights) {
     const std::u16string owner = machine.account(rid);
     return layOut({owner,
                    machine.account(513),
@@ -149,7 +149,7 @@ Bytes profileDescriptor(const Machine& machine, uint32_t rid, const Rights& righ
                    {}});
 }
 
-Bytes rootDescriptor(const Machine& machine) {
+ByteVector rootDescriptor(const Machine& machine) {
     return layOut({trustedInstallerSid,
                    trustedInstallerSid,
                    SE_DACL_PROTECTED,
@@ -248,8 +248,8 @@ Shape varied(const Machine& machine, const Rights& rights, uint32_t k) {
 
 } /* namespace */
 
-std::vector<Bytes> descriptorVariety(const Machine& machine, const Rights& rights, size_t count) {
-    std::vector<Bytes> all;
+std::vector<ByteVector> descriptorVariety(const Machine& machine, const Rights& rights, size_t count) {
+    std::vector<ByteVector> all;
     for (const Shape& shape : oddShapes(machine, rights)) all.push_back(layOut(shape));
     for (uint32_t k = 0; all.size() < count; k++) all.push_back(layOut(varied(machine, rights, k)));
     all.resize(count);

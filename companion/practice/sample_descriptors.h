@@ -12,7 +12,7 @@
 
 namespace companion {
 
-using Bytes = std::vector<uint8_t>;
+using offline::ByteVector;
 
 /* An entry of a list. who is a SID's text. */
 struct Entry {
@@ -28,11 +28,11 @@ struct Shape {
     std::u16string owner, group; /* empty: none */
     uint16_t control = 0;        /* bits beside those that follow from the parts */
     std::optional<std::vector<Entry>> dacl, sacl;
-    size_t freeRoom = 0;       /* bytes of the DACL behind its entries */
+    size_t freeRoom = 0;       /* bytes of the DACL after its entries */
     bool ownerIsGroup = false; /* one SID in the image serves as both */
 };
 
-Bytes layOut(const Shape& shape);
+ByteVector layOut(const Shape& shape);
 
 /* The access rights that differ between keys and files. */
 struct Rights {
@@ -42,16 +42,16 @@ constexpr Rights keyRights = {0xF003F, 0x20019};
 constexpr Rights fileRights = {0x1F01FF, 0x1200A9};
 
 /* Names no account of the machine. */
-Bytes plainDescriptor(const Rights& rights);
+ByteVector plainDescriptor(const Rights& rights);
 
 /* Lets only the system in, as in the SAM: administrators may read the descriptor and change the list. */
-Bytes samDescriptor();
+ByteVector samDescriptor();
 
 /* What belongs to an account of the machine, as below its profile. */
-Bytes profileDescriptor(const Machine& machine, uint32_t rid, const Rights& rights);
+ByteVector profileDescriptor(const Machine& machine, uint32_t rid, const Rights& rights);
 
 /* Of the root directory. */
-Bytes rootDescriptor(const Machine& machine);
+ByteVector rootDescriptor(const Machine& machine);
 
 /* The shapes that a key or file can have, every kind of entry, list and control bit among them. The last ones
  * are for keys alone: a volume does not take them. */
@@ -59,7 +59,7 @@ std::vector<Shape> oddShapes(const Machine& machine, const Rights& rights);
 std::vector<Shape> oddKeyShapes(const Machine& machine);
 
 /* count different descriptors that name accounts of the machine: first the odd shapes, then varied ones. */
-std::vector<Bytes> descriptorVariety(const Machine& machine, const Rights& rights, size_t count);
+std::vector<ByteVector> descriptorVariety(const Machine& machine, const Rights& rights, size_t count);
 
 } /* namespace companion */
 

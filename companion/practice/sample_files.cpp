@@ -23,14 +23,14 @@ struct Filler {
                       "); check the disk that the image is on"};
     }
 
-    FileRef make(FileRef directory, std::u16string_view name, NewFile kind, const Bytes& descriptor) {
+    FileRef create(FileRef directory, std::u16string_view name, NewFile kind, const ByteVector& descriptor) {
         FileRef file;
         check(offline::volumeCreate(volume, directory, name, kind, descriptor, file), name);
         entries++;
         return file;
     }
 
-    void write(FileRef file, std::u16string_view name, const Bytes& bytes) const {
+    void write(FileRef file, std::u16string_view name, const ByteVector& bytes) const {
         check(offline::volumeWriteFile(volume, file, 0, bytes), name);
     }
 
@@ -43,10 +43,10 @@ struct Filler {
         return directory;
     }
 
-    FileRef makePath(std::u16string_view path, NewFile kind, const Bytes& descriptor) {
+    FileRef makePath(std::u16string_view path, NewFile kind, const ByteVector& descriptor) {
         std::u16string_view name;
         const FileRef directory = parentOf(path, name);
-        return make(directory, name, kind, descriptor);
+        return create(directory, name, kind, descriptor);
     }
 };
 
@@ -86,7 +86,7 @@ const char16_t* const userDirectories[] = {u"Desktop", u"Documents", u"AppData",
                                            u"AppData\\Local\\Temp"};
 
 void makeSystem(Filler& filler, const Machine& machine, const DiskIdentity& disk) {
-    const Bytes plain = plainDescriptor(fileRights);
+    const ByteVector plain = plainDescriptor(fileRights);
     for (const char16_t* path : plainDirectories) filler.makePath(path, NewFile::directory, plain);
     for (const char16_t* path : plainFiles) {
         filler.write(filler.makePath(path, NewFile::file, plain), path, utf16Bytes(path));
@@ -107,7 +107,7 @@ void makeSystem(Filler& filler, const Machine& machine, const DiskIdentity& disk
 
 void makeUser(Filler& filler, const Machine& machine, const User& user) {
     const std::u16string home = std::u16string(u"Users\\") + user.name;
-    const Bytes own = profileDescriptor(machine, user.rid, fileRights);
+    const ByteVector own = profileDescriptor(machine, user.rid, fileRights);
     filler.makePath(home, NewFile::directory, own);
     for (const char16_t* name : userDirectories) {
         filler.makePath(home + u"\\" + name, NewFile::directory, own);
@@ -121,16 +121,16 @@ void makeUser(Filler& filler, const Machine& machine, const User& user) {
 
 constexpr uint32_t depth = 60; /* directories below one another: a path of more than 260 characters */
 
-void makeDepth(Filler& filler, const std::vector<Bytes>& descriptors) {
+void makeDepth(Filler& filler, const std::vector<ByteVector>& descriptors) {
     FileRef at = filler.makePath(u"Users\\bob\\Documents\\deep", NewFile::directory, descriptors[0]);
     for (uint32_t i = 0; i < depth; i++) {
-        const Bytes& descriptor = descriptors[i % descriptors.size()];
-        at = filler.make(at, u"level " + paddedDecimal(i, 2), NewFile::directory, descriptor);
+        const ByteVector& descriptor = descriptors[i % descriptors.size()];
+        at = filler.create(at, u"level " + paddedDecimal(i, 2), NewFile::directory, descriptor);
     }
-    filler.make(at, u"at the bottom.txt", NewFile::file, descriptors[0]);
+    filler.create(at, u"at the bottom.txt", NewFile::file, descriptors[0]);
 }
 
-void makeNames(Filler& filler, const std::vector<Bytes>& descriptors) {
+void makeNames(Filler& filler, const std::vector<ByteVector>& descriptors) {
     const std::u16string names[] = {
         u"Größe und Ärger.txt",
         u"Ключ.txt",
@@ -144,15 +144,15 @@ void makeNames(Filler& filler, const std::vector<Bytes>& descriptors) {
     const FileRef directory =
         filler.makePath(u"Users\\alice\\Documents\\Ünïcode", NewFile::directory, descriptors[0]);
     for (size_t i = 0; i < std::size(names); i++) {
-        filler.make(directory, names[i], NewFile::file, descriptors[i % descriptors.size()]);
+        filler.create(directory, names[i], NewFile::file, descriptors[i % descriptors.size()]);
     }
 }
 
 /* A junction back to where it came from, a file with two names, one that may not be written. */
-void makeOddities(Filler& filler, const std::vector<Bytes>& descriptors) {
+void makeOddities(Filler& filler, const std::vector<ByteVector>& descriptors) {
     const FileRef junction =
         filler.makePath(u"Users\\alice\\My Windows", NewFile::directory, descriptors.front());
-    filler.check(offline::volumeMakeJunction(filler.volume, junction, u"C:\\Windows"), u"My Windows");
+    filler.check(offline::volumeCreateJunction(filler.volume, junction, u"C:\\Windows"), u"My Windows");
     const FileRef linked =
         filler.makePath(u"Users\\alice\\Documents\\one.txt", NewFile::file, descriptors[0]);
     std::u16string_view name;
@@ -166,9 +166,9 @@ void makeOddities(Filler& filler, const std::vector<Bytes>& descriptors) {
                  u"read only.txt");
 }
 
-void makeOrdinary(Filler& filler, const std::vector<Bytes>& descriptors, size_t files) {
+void makeOrdinary(Filler& filler, const std::vector<ByteVector>& descriptors, size_t files) {
     constexpr uint32_t filesInFolder = 20;
-    const Bytes plain = plainDescriptor(fileRights);
+    const ByteVector plain = plainDescriptor(fileRights);
     FileRef documents[std::size(users)];
     for (size_t i = 0; i < std::size(users); i++) {
         std::u16string_view name;
@@ -176,15 +176,16 @@ void makeOrdinary(Filler& filler, const std::vector<Bytes>& descriptors, size_t 
     }
     FileRef folder = offline::rootDirectory;
     for (uint32_t i = 0; i < files; i++) {
-        const Bytes& descriptor = descriptors[i % descriptors.size()];
+        const ByteVector& descriptor = descriptors[i % descriptors.size()];
         const uint32_t number = i / filesInFolder;
         if (i % filesInFolder == 0) {
-            folder = filler.make(documents[number % std::size(users)], u"Folder " + paddedDecimal(number, 4),
-                                 NewFile::directory, descriptors[number % descriptors.size()]);
+            folder =
+                filler.create(documents[number % std::size(users)], u"Folder " + paddedDecimal(number, 4),
+                              NewFile::directory, descriptors[number % descriptors.size()]);
         }
         const std::u16string name = u"file " + paddedDecimal(i % filesInFolder, 2) + u".txt";
-        const FileRef file = filler.make(folder, name, NewFile::file, i % 9 == 0 ? plain : descriptor);
-        if (i % 50 == 0) filler.write(file, name, Bytes(size_t{i} % 5000 + 1, 'x'));
+        const FileRef file = filler.create(folder, name, NewFile::file, i % 9 == 0 ? plain : descriptor);
+        if (i % 50 == 0) filler.write(file, name, ByteVector(size_t{i} % 5000 + 1, 'x'));
     }
 }
 
@@ -193,7 +194,7 @@ void makeOrdinary(Filler& filler, const std::vector<Bytes>& descriptors, size_t 
 size_t fillVolume(offline::Volume& volume, const Machine& machine, const DiskIdentity& disk,
                   const FilesWanted& wanted, const std::string& image) {
     Filler filler{volume, image};
-    const std::vector<Bytes> descriptors = descriptorVariety(machine, fileRights, wanted.descriptors);
+    const std::vector<ByteVector> descriptors = descriptorVariety(machine, fileRights, wanted.descriptors);
     filler.check(offline::volumeSetDescriptor(volume, offline::rootDirectory, rootDescriptor(machine)),
                  u"the root directory");
     makeSystem(filler, machine, disk);

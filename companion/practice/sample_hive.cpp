@@ -19,25 +19,25 @@ void check(NTSTATUS status, std::u16string_view what) {
                   statusText(status) + "); free some memory and try again"};
 }
 
-Bytes descriptorOf(const offline::Hive& hive, offline::Cell key) {
-    const std::span<const uint8_t> stored = offline::hiveKeyDescriptor(hive, key);
+ByteVector descriptorOf(const offline::Hive& hive, offline::Cell key) {
+    const offline::Bytes stored = offline::hiveKeyDescriptor(hive, key);
     return {stored.begin(), stored.end()};
 }
 
 /* The key at a path, made where it is missing. */
 offline::Cell makeKey(offline::Hive& hive, const Key& row) {
     offline::Cell key = offline::hiveRoot(hive);
-    const Bytes classText = utf16Bytes(row.classText);
+    const ByteVector classText = utf16Bytes(row.classText);
     for (std::u16string_view left = row.path; !left.empty();) {
         const size_t end = std::min(left.find(u'\\'), left.size());
         const bool last = end == left.size();
         const offline::Cell parent = key;
         if (offline::hiveFindSubkey(hive, parent, left.substr(0, end), key) < 0) {
-            const Bytes descriptor =
+            const ByteVector descriptor =
                 last && !row.descriptor.empty() ? row.descriptor : descriptorOf(hive, parent);
             const uint16_t flags = last && !row.linkTarget.empty() ? offline::HIVE_KEY_LINK : uint16_t{0};
-            check(offline::hiveCreateSubkey(hive, parent, left.substr(0, end), last ? classText : Bytes(),
-                                            descriptor, flags, madeAt, key),
+            check(offline::hiveCreateSubkey(hive, parent, left.substr(0, end),
+                                            last ? classText : ByteVector(), descriptor, flags, madeAt, key),
                   row.path);
         }
         left.remove_prefix(std::min(end + 1, left.size()));
@@ -47,8 +47,8 @@ offline::Cell makeKey(offline::Hive& hive, const Key& row) {
 
 } /* namespace */
 
-Bytes utf16Bytes(std::u16string_view text) {
-    Bytes bytes(text.size() * sizeof(char16_t));
+ByteVector utf16Bytes(std::u16string_view text) {
+    ByteVector bytes(text.size() * sizeof(char16_t));
     if (!bytes.empty()) memcpy(bytes.data(), text.data(), bytes.size());
     return bytes;
 }
@@ -62,12 +62,12 @@ Value expandText(std::u16string name, std::u16string_view text) {
 }
 
 Value number(std::u16string name, uint32_t number) {
-    Bytes data(sizeof number);
+    ByteVector data(sizeof number);
     memcpy(data.data(), &number, sizeof number);
     return {std::move(name), REG_DWORD, std::move(data)};
 }
 
-Value binary(std::u16string name, Bytes data) {
+Value binary(std::u16string name, ByteVector data) {
     return {std::move(name), REG_BINARY, std::move(data)};
 }
 
@@ -77,7 +77,7 @@ Value textList(std::u16string name, const std::vector<std::u16string>& texts) {
     return {std::move(name), REG_MULTI_SZ, utf16Bytes(all + u'\0')};
 }
 
-Bytes makeHive(const HiveSketch& sketch) {
+ByteVector makeHive(const HiveSketch& sketch) {
     static const std::u16string_view rootName = u"CMI-CreateHive{0E1B0B1D-4C2A-4D0B-9E27-6B5A3C1F2D00}";
     offline::HivePtr hive;
     check(offline::hiveCreate(sketch.minorVersion, rootName, sketch.fileName, sketch.rootDescriptor, hive),
@@ -93,7 +93,7 @@ Bytes makeHive(const HiveSketch& sketch) {
                   row.path);
         }
     }
-    Bytes image = offline::hiveImage(*hive);
+    ByteVector image = offline::hiveImage(*hive);
     if (image.empty()) throw std::bad_alloc();
     return image;
 }

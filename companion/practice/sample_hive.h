@@ -15,7 +15,7 @@ namespace companion {
 struct Value {
     std::u16string name;
     uint32_t type;
-    Bytes data;
+    ByteVector data;
 };
 
 /* A key by its path below the root. Keys on the way that no row has named are made with the descriptor of
@@ -23,7 +23,7 @@ struct Value {
 struct Key {
     std::u16string path;
     std::vector<Value> values = {};
-    Bytes descriptor = {};
+    ByteVector descriptor = {};
     std::u16string classText = {};
     std::u16string linkTarget = {}; /* a symbolic link's */
 };
@@ -35,29 +35,29 @@ using Keys = std::vector<Key>;
 Value text(std::u16string name, std::u16string_view text);       /* REG_SZ, terminated */
 Value expandText(std::u16string name, std::u16string_view text); /* REG_EXPAND_SZ */
 Value number(std::u16string name, uint32_t number);
-Value binary(std::u16string name, Bytes data);
+Value binary(std::u16string name, ByteVector data);
 Value textList(std::u16string name, const std::vector<std::u16string>& texts); /* REG_MULTI_SZ */
 
 /* UTF-16 as it lies in a value, without a terminator. */
-Bytes utf16Bytes(std::u16string_view text);
+ByteVector utf16Bytes(std::u16string_view text);
 
 /* ---- The whole hive ---- */
 
 struct HiveSketch {
     std::u16string_view fileName;
     uint32_t minorVersion;
-    Bytes rootDescriptor;
+    ByteVector rootDescriptor;
     Keys keys;
 };
 
 /* The file's bytes. Throws Failure. */
-Bytes makeHive(const HiveSketch& sketch);
+ByteVector makeHive(const HiveSketch& sketch);
 
 /* ---- The hives of an installation ---- */
 
 /* What the SYSTEM hive remembers of the disk that it lies on; empty when the disk has no partition table. */
 struct DiskIdentity {
-    Bytes mountedName;
+    ByteVector mountedName;
 };
 
 HiveSketch samHive(const Machine& machine);

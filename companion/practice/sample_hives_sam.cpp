@@ -7,17 +7,17 @@
 namespace companion {
 namespace {
 
-void put32(Bytes& out, size_t at, size_t number) {
+void put32(ByteVector& out, size_t at, size_t number) {
     const auto value = static_cast<uint32_t>(number);
     memcpy(&out[at], &value, sizeof value);
 }
 
 /* A value "V": a header of 12 bytes for each part (offset counted from the end of the header, length, one
  * more number), then the parts. */
-Bytes accountValue(const std::vector<Bytes>& parts) {
+ByteVector accountValue(const std::vector<ByteVector>& parts) {
     constexpr size_t partHeader = 12;
     const size_t header = partHeader * parts.size();
-    Bytes out(header);
+    ByteVector out(header);
     for (size_t i = 0; i < parts.size(); i++) {
         put32(out, i * partHeader, out.size() - header);
         put32(out, i * partHeader + 4, parts[i].size());
@@ -28,17 +28,17 @@ Bytes accountValue(const std::vector<Bytes>& parts) {
 }
 
 /* Of a domain: its descriptor, its SID, its name. The SID of the account domain is the machine's. */
-Bytes domainValue(const Bytes& sid, std::u16string_view name) {
+ByteVector domainValue(const ByteVector& sid, std::u16string_view name) {
     return accountValue({samDescriptor(), sid, utf16Bytes(name), {}});
 }
 
-Bytes userValue(const Machine& machine, uint32_t rid, std::u16string_view name) {
-    const Bytes descriptor = layOut({u"S-1-5-32-544",
-                                     u"S-1-5-32-544",
-                                     0,
-                                     {{{ACCESS_ALLOWED_ACE_TYPE, 0, 0xF07FF, u"S-1-5-32-544"},
-                                       {ACCESS_ALLOWED_ACE_TYPE, 0, 0x20044, machine.account(rid)}}},
-                                     {}});
+ByteVector userValue(const Machine& machine, uint32_t rid, std::u16string_view name) {
+    const ByteVector descriptor = layOut({u"S-1-5-32-544",
+                                          u"S-1-5-32-544",
+                                          0,
+                                          {{{ACCESS_ALLOWED_ACE_TYPE, 0, 0xF07FF, u"S-1-5-32-544"},
+                                            {ACCESS_ALLOWED_ACE_TYPE, 0, 0x20044, machine.account(rid)}}},
+                                          {}});
     return accountValue({descriptor, utf16Bytes(name), {}, utf16Bytes(u"Practice account")});
 }
 
@@ -62,14 +62,15 @@ const std::u16string builtin = u"SAM\\Domains\\Builtin\\";
 void addUsers(Keys& keys, const Machine& machine) {
     for (const Account& user : users) {
         keys.push_back({account + u"Users\\" + hexadecimal(user.rid, 8),
-                        {binary(u"F", Bytes(80, static_cast<uint8_t>(user.rid))),
+                        {binary(u"F", ByteVector(80, static_cast<uint8_t>(user.rid))),
                          binary(u"V", userValue(machine, user.rid, user.name))}});
         keys.push_back({account + u"Users\\Names\\" + user.name, {ridValue(user.rid)}});
     }
 }
 
 template <size_t count>
-void addAliases(Keys& keys, const std::u16string& below, const Account (&list)[count], const Bytes& members) {
+void addAliases(Keys& keys, const std::u16string& below, const Account (&list)[count],
+                const ByteVector& members) {
     for (const Account& alias : list) {
         keys.push_back({below + hexadecimal(alias.rid, 8), {binary(u"C", accountValue({members}))}});
         keys.push_back({below + u"Names\\" + alias.name, {ridValue(alias.rid)}});
@@ -79,15 +80,15 @@ void addAliases(Keys& keys, const std::u16string& below, const Account (&list)[c
 } /* namespace */
 
 HiveSketch samHive(const Machine& machine) {
-    const Bytes alice = sidBytes(machine.account(1000));
+    const ByteVector alice = sidBytes(machine.account(1000));
     Keys keys = {
-        {u"SAM", {{u"C", REG_BINARY, Bytes(16, 7)}}, samDescriptor()},
-        {u"SAM\\RXACT", {{u"", REG_NONE, Bytes(12)}}},
+        {u"SAM", {{u"C", REG_BINARY, ByteVector(16, 7)}}, samDescriptor()},
+        {u"SAM\\RXACT", {{u"", REG_NONE, ByteVector(12)}}},
         {u"SAM\\Domains"},
         {u"SAM\\Domains\\Account",
-         {binary(u"F", Bytes(240)), binary(u"V", domainValue(sidBytes(machine.sid), u"PRACTICE"))}},
+         {binary(u"F", ByteVector(240)), binary(u"V", domainValue(sidBytes(machine.sid), u"PRACTICE"))}},
         {u"SAM\\Domains\\Builtin",
-         {binary(u"F", Bytes(240)), binary(u"V", domainValue(sidBytes(u"S-1-5-32"), u"Builtin"))}},
+         {binary(u"F", ByteVector(240)), binary(u"V", domainValue(sidBytes(u"S-1-5-32"), u"Builtin"))}},
     };
     addUsers(keys, machine);
     addAliases(keys, account + u"Groups\\", groups, alice);

@@ -7,23 +7,23 @@ namespace companion {
 namespace {
 
 /* The policy keeps nearly everything in unnamed values of no type. */
-Value plainValue(Bytes data) {
+Value plainValue(ByteVector data) {
     return {u"", REG_NONE, std::move(data)};
 }
 
 /* A counted name: length and room in bytes, the offset of the text, the text. */
-Bytes countedName(std::u16string_view name) {
+ByteVector countedName(std::u16string_view name) {
     const auto size = static_cast<uint8_t>(name.size() * sizeof(char16_t));
-    Bytes out = {size, 0, static_cast<uint8_t>(size + 2), 0, 8, 0, 0, 0};
-    const Bytes text = utf16Bytes(name);
+    ByteVector out = {size, 0, static_cast<uint8_t>(size + 2), 0, 8, 0, 0, 0};
+    const ByteVector text = utf16Bytes(name);
     out.insert(out.end(), text.begin(), text.end());
     out.resize(out.size() + sizeof(char16_t));
     return out;
 }
 
 /* Privileges by number, each with its attributes: a count and a control word before them. */
-Bytes privileges(std::initializer_list<uint8_t> numbers) {
-    Bytes out = {static_cast<uint8_t>(numbers.size()), 0, 0, 0, 0, 0, 0, 0};
+ByteVector privileges(std::initializer_list<uint8_t> numbers) {
+    ByteVector out = {static_cast<uint8_t>(numbers.size()), 0, 0, 0, 0, 0, 0, 0};
     for (const uint8_t number : numbers) {
         const uint8_t one[12] = {number, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
         out.insert(out.end(), one, one + sizeof one);
@@ -50,12 +50,13 @@ HiveSketch securityHive(const Machine& machine) {
         {u"Policy\\PolAcDmS", {plainValue(sidBytes(machine.sid))}},
         {u"Policy\\PolPrDmN", {plainValue(countedName(u"WORKGROUP"))}},
         {u"Policy\\PolPrDmS", {plainValue({})}},
-        {u"Policy\\PolAdtEv", {plainValue(Bytes(24))}},
+        {u"Policy\\PolAdtEv", {plainValue(ByteVector(24))}},
         {u"Policy\\SecDesc", {plainValue(profileDescriptor(machine, 500, keyRights))}},
-        {u"Policy\\Secrets\\DefaultPassword\\CurrVal", {plainValue(Bytes(64, 0x5A))}},
-        {u"Policy\\Secrets\\L$" + machine.sid, {plainValue(Bytes(16, 1))}}, /* the SID is not at the start */
-        {u"Cache", {binary(u"NL$1", Bytes(168)), binary(u"NL$Control", {4, 0, 1, 0, 10, 0, 0, 0})}},
-        {u"RXACT", {plainValue(Bytes(12))}},
+        {u"Policy\\Secrets\\DefaultPassword\\CurrVal", {plainValue(ByteVector(64, 0x5A))}},
+        {u"Policy\\Secrets\\L$" + machine.sid,
+         {plainValue(ByteVector(16, 1))}}, /* the SID is not at the start */
+        {u"Cache", {binary(u"NL$1", ByteVector(168)), binary(u"NL$Control", {4, 0, 1, 0, 10, 0, 0, 0})}},
+        {u"RXACT", {plainValue(ByteVector(12))}},
     };
     for (const char16_t* sid : {u"S-1-5-32-544", u"S-1-5-32-545", u"S-1-5-19", u"S-1-5-20"}) {
         addAccount(keys, sid, machine);

@@ -46,10 +46,10 @@ void addInstaller(Keys& keys, const Machine& machine) {
 
 /* A value of more than one segment, with a SID across the border of the segments and more of them beside it.
  */
-Bytes largeData(const Machine& machine) {
+ByteVector largeData(const Machine& machine) {
     constexpr size_t segment = 16344; /* bytes */
-    Bytes data(3 * segment, 0x15);
-    const Bytes sid = sidBytes(machine.account(1000));
+    ByteVector data(3 * segment, 0x15);
+    const ByteVector sid = sidBytes(machine.account(1000));
     for (const size_t at : {size_t{0}, segment - 10, 2 * segment, data.size() - sid.size()}) {
         std::copy(sid.begin(), sid.end(), data.begin() + static_cast<ptrdiff_t>(at));
     }
@@ -78,7 +78,7 @@ std::vector<Value> explorerValues(const Machine& machine) {
 }
 
 Keys identityKeys(const Machine& machine) {
-    const Bytes descriptor = profileDescriptor(machine, 1000, {1, 1});
+    const ByteVector descriptor = profileDescriptor(machine, 1000, {1, 1});
     return {
         {u"Microsoft\\Windows NT\\CurrentVersion",
          {text(u"ProductName", u"Windows practice system"), text(u"CurrentVersion", u"6.3"),

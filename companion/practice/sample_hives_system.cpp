@@ -27,7 +27,7 @@ void addServices(Keys& keys, const Machine& machine, const std::u16string& set) 
         keys.push_back({path + u"\\Security",
                         {binary(u"Security", profileDescriptor(machine, 1000, {0xF01FF, 0x2018D}))}});
     }
-    Bytes guid(16);
+    ByteVector guid(16);
     for (uint8_t i = 0; i < 16; i++) guid[i] = static_cast<uint8_t>(0xA0 + i);
     keys.push_back({set + u"\\Services\\lanmanserver\\Parameters",
                     {binary(u"Guid", guid), number(u"EnableAuthenticateUserSharing", 0)}});
@@ -53,8 +53,9 @@ void addControlSet(Keys& keys, const Machine& machine, const std::u16string& set
 
 /* The drives that the machine has had, this one among them when its disk can be known again. */
 Key mountedDevices(const DiskIdentity& disk) {
-    const Bytes elsewhere = {0xEF, 0xBE, 0xAD, 0xDE, 0, 0, 0x10, 0, 0, 0, 0, 0}; /* another disk, at 1 MiB */
-    const Bytes cdRom =
+    const ByteVector elsewhere = {0xEF, 0xBE, 0xAD, 0xDE, 0, 0,
+                                  0x10, 0,    0,    0,    0, 0}; /* another disk, at 1 MiB */
+    const ByteVector cdRom =
         utf16Bytes(u"\\??\\IDE#CdRomPractice#4&1&0&0.0.0#{53f5630d-b6bf-11d0-94f2-00a0c91efb8b}");
     Key key{u"MountedDevices", {binary(u"\\DosDevices\\D:", cdRom), binary(u"\\DosDevices\\E:", elsewhere)}};
     if (!disk.mountedName.empty()) {

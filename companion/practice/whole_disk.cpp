@@ -21,13 +21,13 @@ constexpr uint32_t sectorSize = 512;
 constexpr uint32_t tableSectors = gpt::usualEntryCount * gpt::usualEntrySize / sectorSize;
 
 template <typename Number>
-void put(Bytes& bytes, size_t at, Number number) {
+void put(ByteVector& bytes, size_t at, Number number) {
     memcpy(&bytes[at], &number, sizeof number);
 }
 
 /* The 12 bytes that tell the machine's SID from others. */
-Bytes seed(const Machine& machine) {
-    const Bytes sid = sidBytes(machine.sid);
+ByteVector seed(const Machine& machine) {
+    const ByteVector sid = sidBytes(machine.sid);
     return {sid.end() - 12, sid.end()};
 }
 
@@ -38,8 +38,8 @@ uint32_t mbrSignature(const Machine& machine) {
 }
 
 /* A GUID of the form of a random one; number tells those of one machine apart. */
-Bytes guid(const Machine& machine, uint8_t number) {
-    Bytes out = seed(machine);
+ByteVector guid(const Machine& machine, uint8_t number) {
+    ByteVector out = seed(machine);
     out.insert(out.end(), {number, 'd', 'i', 's'});
     out[7] = static_cast<uint8_t>((out[7] & 0x0F) | 0x40);
     out[8] = static_cast<uint8_t>((out[8] & 0x3F) | 0x80);
@@ -47,12 +47,12 @@ Bytes guid(const Machine& machine, uint8_t number) {
 }
 constexpr uint8_t diskNumber = 1, partitionNumber = 2;
 
-uint32_t checksum(std::span<const uint8_t> bytes) {
+uint32_t checksum(offline::Bytes bytes) {
     return static_cast<uint32_t>(crc32_z(0, bytes.data(), bytes.size()));
 }
 
-Bytes mbrSector(uint32_t signature, uint8_t type, uint64_t firstSector, uint64_t sectors) {
-    Bytes sector(sectorSize);
+ByteVector mbrSector(uint32_t signature, uint8_t type, uint64_t firstSector, uint64_t sectors) {
+    ByteVector sector(sectorSize);
     constexpr size_t entry = mbr::entries;
     put(sector, mbr::diskSignature, signature);
     sector[entry + mbr::status] = type == mbr::typeNtfs ? mbr::active : 0; /* the one to start from */
@@ -65,10 +65,10 @@ Bytes mbrSector(uint32_t signature, uint8_t type, uint64_t firstSector, uint64_t
     return sector;
 }
 
-Bytes gptEntries(const Machine& machine, uint64_t firstSector, uint64_t lastSector) {
-    Bytes table(gpt::usualEntryCount * gpt::usualEntrySize);
-    const Bytes own = guid(machine, partitionNumber);
-    const Bytes name = utf16Bytes(u"Basic data partition");
+ByteVector gptEntries(const Machine& machine, uint64_t firstSector, uint64_t lastSector) {
+    ByteVector table(gpt::usualEntryCount * gpt::usualEntrySize);
+    const ByteVector own = guid(machine, partitionNumber);
+    const ByteVector name = utf16Bytes(u"Basic data partition");
     memcpy(&table[gpt::entryType], gpt::basicData.data(), gpt::basicData.size());
     memcpy(&table[gpt::entryGuid], own.data(), own.size());
     put(table, gpt::entryFirst, firstSector);
@@ -77,22 +77,23 @@ Bytes gptEntries(const Machine& machine, uint64_t firstSector, uint64_t lastSect
     return table;
 }
 
-struct GptPlaces {
+struct GptSectors {
     uint64_t header, otherHeader, entries; /* sectors */
 };
 
-Bytes gptHeader(const Machine& machine, const GptPlaces& places, uint64_t diskSectors, const Bytes& entries) {
-    Bytes header(sectorSize);
-    const Bytes own = guid(machine, diskNumber);
+ByteVector gptHeader(const Machine& machine, const GptSectors& at, uint64_t diskSectors,
+                     const ByteVector& entries) {
+    ByteVector header(sectorSize);
+    const ByteVector own = guid(machine, diskNumber);
     memcpy(&header[0], gpt::signature, gpt::signatureSize);
     put(header, gpt::revision, gpt::revision1);
     put(header, gpt::headerLength, uint32_t{gpt::headerSize});
-    put(header, gpt::headerSector, places.header);
-    put(header, gpt::otherHeaderSector, places.otherHeader);
+    put(header, gpt::headerSector, at.header);
+    put(header, gpt::otherHeaderSector, at.otherHeader);
     put(header, gpt::firstUsable, uint64_t{2 + tableSectors});    /* the first sector for partitions */
     put(header, gpt::lastUsable, diskSectors - 2 - tableSectors); /* and the last */
     memcpy(&header[gpt::diskGuid], own.data(), own.size());
-    put(header, gpt::entriesSector, places.entries);
+    put(header, gpt::entriesSector, at.entries);
     put(header, gpt::entryCount, gpt::usualEntryCount);
     put(header, gpt::entrySize, gpt::usualEntrySize);
     put(header, gpt::entriesCrc, checksum(entries));
@@ -103,13 +104,13 @@ Bytes gptHeader(const Machine& machine, const GptPlaces& places, uint64_t diskSe
 void writeGpt(int file, uint64_t size, const Machine& machine, const std::string& image) {
     const uint64_t sectors = size / sectorSize;
     const uint64_t last = sectors - 1;
-    const Bytes entries =
-        gptEntries(machine, partitionStart / sectorSize, (size - behindPartition) / sectorSize - 1);
-    const GptPlaces primary = {1, last, 2}, backup = {last, 1, last - tableSectors};
+    const ByteVector entries =
+        gptEntries(machine, partitionStart / sectorSize, (size - afterPartition) / sectorSize - 1);
+    const GptSectors primary = {1, last, 2}, backup = {last, 1, last - tableSectors};
     writeAll(file, 0, mbrSector(0, mbr::typeProtective, 1, last), image);
-    for (const GptPlaces& places : {primary, backup}) {
-        writeAll(file, places.header * sectorSize, gptHeader(machine, places, sectors, entries), image);
-        writeAll(file, places.entries * sectorSize, entries, image);
+    for (const GptSectors& at : {primary, backup}) {
+        writeAll(file, at.header * sectorSize, gptHeader(machine, at, sectors, entries), image);
+        writeAll(file, at.entries * sectorSize, entries, image);
     }
 }
 
@@ -117,14 +118,14 @@ void writeGpt(int file, uint64_t size, const Machine& machine, const std::string
 
 DiskIdentity diskIdentity(PartitionTable table, const Machine& machine) {
     if (table == PartitionTable::none) return {};
-    Bytes name;
+    ByteVector name;
     if (table == PartitionTable::mbr) {
         name.resize(12);
         put(name, 0, mbrSignature(machine));
         put(name, 4, partitionStart);
     } else {
         static const char tag[] = "DMIO:ID:";
-        const Bytes own = guid(machine, partitionNumber);
+        const ByteVector own = guid(machine, partitionNumber);
         name.assign(tag, tag + 8);
         name.insert(name.end(), own.begin(), own.end());
     }
@@ -134,12 +135,12 @@ DiskIdentity diskIdentity(PartitionTable table, const Machine& machine) {
 void writePartitionTable(int file, uint64_t size, PartitionTable table, const Machine& machine,
                          const std::string& image) {
     if (table == PartitionTable::gpt) return writeGpt(file, size, machine, image);
-    const uint64_t sectors = (size - partitionStart - behindPartition) / sectorSize;
+    const uint64_t sectors = (size - partitionStart - afterPartition) / sectorSize;
     writeAll(file, 0, mbrSector(mbrSignature(machine), mbr::typeNtfs, partitionStart / sectorSize, sectors),
              image);
 }
 
-void writeAll(int file, uint64_t offset, std::span<const uint8_t> bytes, const std::string& image) {
+void writeAll(int file, uint64_t offset, offline::Bytes bytes, const std::string& image) {
     while (!bytes.empty()) {
         const ssize_t written = pwrite(file, bytes.data(), bytes.size(), static_cast<off_t>(offset));
         if (written < 0 && errno == EINTR) continue;

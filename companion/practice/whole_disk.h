@@ -7,23 +7,24 @@
 
 #include "companion/machine.h"
 #include "companion/practice/sample_hive.h"
+#include "platform/offline/base/bytes.h"
 #include "platform/offline/volume/disk.h"
 
 namespace companion {
 
 constexpr uint64_t partitionStart = 1 << 20; /* bytes */
-constexpr uint64_t behindPartition = 1 << 20;
+constexpr uint64_t afterPartition = 1 << 20;
 
-/* How a machine's SYSTEM hive knows its disk; a disk is told from others by its machine. */
+/* How a machine's SYSTEM hive knows its disk; a disk is distinguished by its machine. */
 DiskIdentity diskIdentity(offline::PartitionTable table, const Machine& machine);
 
 /* Writes the table into a disk of this size (bytes, whole MiB), the partition from partitionStart to
- * behindPartition before its end. image is the name for messages. Throws Failure. */
+ * afterPartition before its end. image is the name for messages. Throws Failure. */
 void writePartitionTable(int file, uint64_t size, offline::PartitionTable table, const Machine& machine,
                          const std::string& image);
 
 /* Writes bytes at an offset, all of them. Throws Failure. */
-void writeAll(int file, uint64_t offset, std::span<const uint8_t> bytes, const std::string& image);
+void writeAll(int file, uint64_t offset, offline::Bytes bytes, const std::string& image);
 
 } /* namespace companion */
 

@@ -83,7 +83,7 @@ TEST(Handles, TypesAndReuse) {
     int object = 1;
     std::vector<HANDLE> handles;
     handles.reserve(100);
-    for (int i = 0; i < 100; i++) handles.push_back(handleMake(one, &object));
+    for (int i = 0; i < 100; i++) handles.push_back(handleCreate(one, &object));
     for (const HANDLE handle : handles) {
         EXPECT_EQ(handleObject(handle, one), &object);
         EXPECT_EQ(handleObject(handle, other), nullptr);
@@ -96,10 +96,10 @@ TEST(Handles, TypesAndReuse) {
     EXPECT_EQ(closed, 2);
     EXPECT_EQ(ZwClose(handles[10]), STATUS_INVALID_HANDLE);
     EXPECT_EQ(handleObject(handles[20], one), nullptr);
-    const HANDLE again = handleMake(other, &object);
+    const HANDLE again = handleCreate(other, &object);
     EXPECT_EQ(again, handles[20]);
     EXPECT_EQ(handleObject(again, other), &object);
-    EXPECT_EQ(handleMake(one, &object), handles[10]);
+    EXPECT_EQ(handleCreate(one, &object), handles[10]);
     for (const HANDLE handle : handles) EXPECT_TRUE(handleClose(handle));
     EXPECT_EQ(closed, 102);
     for (const HANDLE bad : {HANDLE{}, INVALID_HANDLE_VALUE, reinterpret_cast<HANDLE>(0x80000002)}) {

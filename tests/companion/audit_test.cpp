@@ -1,24 +1,24 @@
 /* What an audit finds, before and after a run, and what it does with a system that it can't see whole. */
 #include "platform/offline/descriptor/sid_format.h"
 #include "platform/offline/hive/hive.h"
+#include "platform/offline/hive/hive_paths.h"
 #include "platform/offline/security/security.h"
 #include "platform/offline/system/hive_files.h"
-#include "platform/offline/system/machine_hives.h"
 #include "tests/companion/program.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using ByteVector = std::vector<uint8_t>;
 
 const std::string plantedSid = "S-1-5-21-77-88-99";
 const char* const kinds[] = {"files", "keyDescriptors", "keyNames", "values"};
 
-Bytes utf16(std::u16string_view text) {
+ByteVector utf16(std::u16string_view text) {
     const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
     return {bytes, bytes + text.size() * sizeof(char16_t)};
 }
 
-Bytes operator+(Bytes left, const Bytes& right) {
+ByteVector operator+(ByteVector left, const ByteVector& right) {
     left.insert(left.end(), right.begin(), right.end());
     return left;
 }
@@ -91,7 +91,7 @@ TEST_F(AuditTest, TakesNoOtherMachineForThisOne) {
 struct Planted {
     std::u16string key, value;
     uint32_t type;
-    Bytes data;
+    ByteVector data;
     std::string sort; /* "treated", why it is left, or "" for no such SID */
 };
 
@@ -100,17 +100,17 @@ std::vector<Planted> plantedValues() {
     const std::u16string explorer = u"Microsoft\\Windows\\CurrentVersion\\Explorer";
     const std::u16string profiles = u"Microsoft\\Windows NT\\CurrentVersion\\ProfileList";
     const std::u16string text = u"S-1-5-21-77-88-99", account = text + u"-1000";
-    const Bytes end = {0, 0};
-    const Bytes machine = offline::sidFromText(plantedSid);
-    const Bytes user = offline::sidFromText(plantedSid + "-1000");
-    Bytes cut = user, few = user, many = user, old = user;
+    const ByteVector end = {0, 0};
+    const ByteVector machine = offline::sidFromText(plantedSid);
+    const ByteVector user = offline::sidFromText(plantedSid + "-1000");
+    ByteVector cut = user, few = user, many = user, old = user;
     cut.pop_back();
     few[1] = 3;
     many[1] = 16;
     many.resize(8 + 16 * 4);
     old[0] = 2;
     return {
-        {explorer, u"binary", REG_BINARY, Bytes{1, 4, 0} + user, "treated"},
+        {explorer, u"binary", REG_BINARY, ByteVector{1, 4, 0} + user, "treated"},
         {explorer, u"no type", REG_NONE, machine, "treated"},
         {explorer, u"cut", REG_BINARY, cut, ""},
         {explorer, u"few", REG_BINARY, few, ""},
@@ -123,13 +123,13 @@ std::vector<Planted> plantedValues() {
         {explorer, u"middle", REG_SZ, utf16(u"x" + account) + end, "insideText"},
         {explorer, u"list", REG_MULTI_SZ, utf16(u"x") + end + utf16(text) + end + end, "treated"},
         {explorer, u"list, middle", REG_MULTI_SZ, utf16(u"x" + text) + end + end, "insideText"},
-        {explorer, u"unaligned text", REG_BINARY, Bytes{1} + utf16(text), "insideText"},
+        {explorer, u"unaligned text", REG_BINARY, ByteVector{1} + utf16(text), "insideText"},
         {explorer, u"expandable", REG_EXPAND_SZ, utf16(account) + end, "otherValueTypes"},
         {explorer, u"number", REG_DWORD, user, "otherValueTypes"},
         {profiles, u"SECURITY", REG_BINARY, user, "treated"},
         {profiles, u"Other", REG_BINARY, user, "valuesOutside"},
         {u"Practice", u"outside", REG_BINARY, user, "valuesOutside"},
-        {u"Practice", u"of " + account, REG_DWORD, Bytes(4), "valueNames"},
+        {u"Practice", u"of " + account, REG_DWORD, ByteVector(4), "valueNames"},
     };
 }
 

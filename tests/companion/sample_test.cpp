@@ -3,7 +3,7 @@
 #include <set>
 
 #include "platform/offline/hive/hive.h"
-#include "platform/offline/system/machine_hives.h"
+#include "platform/offline/hive/hive_paths.h"
 #include "tests/companion/program.h"
 
 namespace {

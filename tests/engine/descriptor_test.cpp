@@ -5,16 +5,16 @@ using Descriptor = Scripted;
 
 /* What was patched before a failure is all that differs. */
 TEST_F(Descriptor, OnePassOverEachShape) {
-    const Bytes account = derived(oldSid, 500), newAccount = derived(newSid, 500);
+    const ByteVector account = derived(oldSid, 500), newAccount = derived(newSid, 500);
     const std::vector<Ace> empty, others = {{0, administrators}, {1, administrators}};
     const std::vector<Ace> audit = {{2, oldSid}}, newAudit = {{2, newSid}};
     const std::vector<Ace> none = {{0, oldSid}, {0, oldSid}}, all = {{0, newSid}, {0, newSid}};
     const std::vector<Ace> half = {{0, oldSid}, {0, newSid}};
     std::vector<Ace> mixed;
-    for (const uint8_t type : Bytes{0, 5, 1, 9, 4, 3}) mixed.push_back({type, derived(oldSid, type)});
+    for (const uint8_t type : ByteVector{0, 5, 1, 9, 4, 3}) mixed.push_back({type, derived(oldSid, type)});
     std::vector<Ace> newMixed = mixed;
     for (const size_t i : {0u, 2u, 5u}) newMixed[i].sid = derived(newSid, mixed[i].type);
-    Bytes first = account, last = account; /* that miss in their prefix's first and last byte */
+    ByteVector first = account, last = account; /* that miss in their prefix's first and last byte */
     first[2] = last[23] = 1;
     const std::vector<Ace> near = {{0, sid({21, 100, 200})}, {0, first}, {0, last}, {1, account}};
     const std::vector<Ace> newNear = {{0, sid({21, 100, 200})}, {0, first}, {0, last}, {1, newAccount}};
@@ -48,11 +48,11 @@ TEST_F(Descriptor, OnePassOverEachShape) {
     const UNICODE_STRING name = counted(objectName);
     for (const auto& row : rows) {
         SCOPED_TRACE(&row - rows);
-        const Bytes before = image(row.before);
+        const ByteVector before = image(row.before);
         for (const int flag : {0, 1}) {  // the caller's flag is never cleared
             events.clear();
             refusal = row.refusal;
-            Bytes descriptor = before;
+            ByteVector descriptor = before;
             int touched = flag;
             EXPECT_EQ(sidReplaceInSDInternal(descriptor.data(), oldSid.data(), newSid.data(), 24, &name,
                                              row.exact, &touched),

@@ -12,7 +12,7 @@ const WCHAR path[] = u"\\\\?\\c:\\file";
 /* One file, and the codes that its calls give, one a call; 0, and calls beyond the list: what the file gives.
  */
 struct File {
-    Bytes stored;
+    ByteVector stored;
     std::vector<DWORD> reads = {}, writes = {}, seizures = {};
     DWORD needed = 0;                        /* what a 122 in reads reports */
     bool holdsOld = false;                   /* writes don't take hold */
@@ -78,16 +78,16 @@ std::string road() {
     return line.ends_with(" for") ? line.substr(0, line.size() - 4) : line;
 }
 
-Bytes padded(Bytes descriptor, size_t size) {
+ByteVector padded(ByteVector descriptor, size_t size) {
     descriptor.resize(size);
     return descriptor;
 }
 
-const Bytes clean = image({administrators, administrators});
-const Bytes owned = image({oldSid, administrators});
-const Bytes both = image({oldSid, derived(oldSid, 513)});
-const Bytes listed = image({administrators, administrators, std::vector<Ace>{{0, oldSid}, {1, oldSid}}});
-const Bytes large = padded(clean, 600);
+const ByteVector clean = image({administrators, administrators});
+const ByteVector owned = image({oldSid, administrators});
+const ByteVector both = image({oldSid, derived(oldSid, 513)});
+const ByteVector listed = image({administrators, administrators, std::vector<Ace>{{0, oldSid}, {1, oldSid}}});
+const ByteVector large = padded(clean, 600);
 
 } /* namespace */
 

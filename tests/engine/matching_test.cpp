@@ -7,14 +7,14 @@
 namespace {
 
 /* A SID of this many sub-authorities that begins with another; the last ones count up from 1. */
-Bytes longSid(const Bytes& from, uint32_t count) {
-    Bytes bytes = from;
+ByteVector longSid(const ByteVector& from, uint32_t count) {
+    ByteVector bytes = from;
     for (uint32_t rid = 1; bytes[1] != count; rid++) bytes = derived(bytes, rid);
     return bytes;
 }
 
 /* What sidReplaceInData must do, looking at each place in turn. Gives a line for each SID patched. */
-Events replaceSlowly(Bytes* data, const Bytes& old, const Bytes& now, bool exact) {
+Events replaceSlowly(ByteVector* data, const ByteVector& old, const ByteVector& now, bool exact) {
     Events patched;
     for (size_t at = 0; at + old.size() <= data->size();) {
         uint8_t* const place = data->data() + at;
@@ -36,15 +36,15 @@ Events replaceSlowly(Bytes* data, const Bytes& old, const Bytes& now, bool exact
 }
 
 /* Bytes among which SIDs, near misses and anchor bytes are common. */
-Bytes plantedData(std::mt19937* random, const Bytes& old) {
+ByteVector plantedData(std::mt19937* random, const ByteVector& old) {
     const auto below = [&](size_t limit) { return static_cast<uint32_t>((*random)() % limit); };
-    Bytes data;
+    ByteVector data;
     for (uint32_t pieces = below(7); pieces > 0; pieces--) {
-        Bytes piece = old;
+        ByteVector piece = old;
         // clang-format off
         switch (below(9)) {
-            case 0: piece = Bytes(below(9), static_cast<uint8_t>(below(256))); break;
-            case 1: piece = Bytes(below(30), old[old.size() - 4]); break;
+            case 0: piece = ByteVector(below(9), static_cast<uint8_t>(below(256))); break;
+            case 1: piece = ByteVector(below(30), old[old.size() - 4]); break;
             case 2: piece[below(piece.size())] ^= static_cast<uint8_t>(1u << below(8)); break;
             case 3: piece.resize(below(piece.size())); break;
             case 4: (piece += old)[1] = static_cast<uint8_t>(old[1] + below(14)); break;
@@ -64,16 +64,16 @@ using Matching = Scripted;
 
 TEST_F(Matching, RandomDataAsTheSlowSearchHasIt) {
     // The second pair's new SID ends as the old one begins, the third's anchor byte is everywhere in it.
-    const std::pair<Bytes, Bytes> pairs[] = {{oldSid, newSid},
-                                             {sid({21, 4}), sid({21, 0x0201})},
-                                             {sid({21, 0, 0, 0x100}), sid({21, 0, 0, 0x101})}};
+    const std::pair<ByteVector, ByteVector> pairs[] = {{oldSid, newSid},
+                                                       {sid({21, 4}), sid({21, 0x0201})},
+                                                       {sid({21, 0, 0, 0x100}), sid({21, 0, 0, 0x101})}};
     std::mt19937 random(20240601);
     size_t found = 0;
     for (int round = 0; round < 6000; round++) {
         const auto& [old, now] = pairs[round % 3];
         const bool exact = round % 2 != 0;
-        Bytes data = plantedData(&random, old);
-        Bytes expected = data;
+        ByteVector data = plantedData(&random, old);
+        ByteVector expected = data;
         const Events patched = replaceSlowly(&expected, old, now, exact);
         found += patched.size();
         data.shrink_to_fit();

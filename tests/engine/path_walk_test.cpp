@@ -35,7 +35,7 @@ protected:
                                          DWORD, LPDWORD) {
             note("%ws", path);
             if (readError != 0) return failWith(readError);
-            const Bytes bytes = image({administrators, administrators});
+            const ByteVector bytes = image({administrators, administrators});
             memcpy(descriptor, bytes.data(), bytes.size());
             return TRUE;
         };

@@ -159,51 +159,51 @@ void Scripted::TearDown() {
 
 /* ---- SIDs and descriptors ---- */
 
-Bytes& operator+=(Bytes& bytes, const Bytes& more) {
+ByteVector& operator+=(ByteVector& bytes, const ByteVector& more) {
     bytes.insert(bytes.end(), more.begin(), more.end());
     return bytes;
 }
 
-static void _append(Bytes* bytes, uint64_t number, size_t size) {
+static void _append(ByteVector* bytes, uint64_t number, size_t size) {
     for (size_t i = 0; i < size; i++) bytes->push_back(static_cast<uint8_t>(number >> (8 * i)));
 }
 
-Bytes sid(const std::vector<uint32_t>& subAuthorities) {
-    Bytes bytes = {1, static_cast<uint8_t>(subAuthorities.size()), 0, 0, 0, 0, 0, 5};
+ByteVector sid(const std::vector<uint32_t>& subAuthorities) {
+    ByteVector bytes = {1, static_cast<uint8_t>(subAuthorities.size()), 0, 0, 0, 0, 0, 5};
     for (const uint32_t number : subAuthorities) _append(&bytes, number, 4);
     return bytes;
 }
 
-Bytes derived(const Bytes& from, uint32_t rid) {
-    Bytes bytes = from;
+ByteVector derived(const ByteVector& from, uint32_t rid) {
+    ByteVector bytes = from;
     bytes[1]++;
     _append(&bytes, rid, 4);
     return bytes;
 }
 
-static Bytes _list(const std::vector<Ace>& aces) {
-    Bytes bytes;
+static ByteVector _list(const std::vector<Ace>& aces) {
+    ByteVector bytes;
     for (const Ace& ace : aces) {
         _append(&bytes, ace.type, 2);
         _append(&bytes, 8 + ace.sid.size(), 2);
         _append(&bytes, 0x1F01FF, 4);
         bytes += ace.sid;
     }
-    Bytes list = {2, 0};
+    ByteVector list = {2, 0};
     _append(&list, 8 + bytes.size(), 2);
     _append(&list, aces.size(), 4);
     list += bytes;
     return list;
 }
 
-Bytes image(const Parts& parts) {
-    const std::optional<Bytes> dacl = parts.dacl ? std::optional(_list(*parts.dacl)) : std::nullopt;
-    const std::optional<Bytes> sacl = parts.sacl ? std::optional(_list(*parts.sacl)) : std::nullopt;
+ByteVector image(const Parts& parts) {
+    const std::optional<ByteVector> dacl = parts.dacl ? std::optional(_list(*parts.dacl)) : std::nullopt;
+    const std::optional<ByteVector> sacl = parts.sacl ? std::optional(_list(*parts.sacl)) : std::nullopt;
     const unsigned control = SE_SELF_RELATIVE | (dacl ? SE_DACL_PRESENT : 0) | (sacl ? SE_SACL_PRESENT : 0);
-    Bytes head = {1, 0};
-    Bytes body;
+    ByteVector head = {1, 0};
+    ByteVector body;
     _append(&head, control, 2);
-    for (const std::optional<Bytes>* part : {&parts.owner, &parts.group, &sacl, &dacl}) {
+    for (const std::optional<ByteVector>* part : {&parts.owner, &parts.group, &sacl, &dacl}) {
         _append(&head, part->has_value() ? sizeof(SECURITY_DESCRIPTOR_RELATIVE) + body.size() : 0, 4);
         if (part->has_value()) body += part->value();
     }

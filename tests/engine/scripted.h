@@ -13,7 +13,7 @@
 #include "common/memory.h"
 #include "platform/nt.h"
 
-using Bytes = std::vector<uint8_t>;
+using ByteVector = std::vector<uint8_t>;
 using Events = std::vector<std::string>;
 
 /* The tests' answers, by the calls' names. */
@@ -66,27 +66,27 @@ protected:
 
 /* ---- SIDs and descriptors ---- */
 
-Bytes sid(const std::vector<uint32_t>& subAuthorities);
-Bytes derived(const Bytes& from, uint32_t rid);
-Bytes& operator+=(Bytes& bytes, const Bytes& more);
+ByteVector sid(const std::vector<uint32_t>& subAuthorities);
+ByteVector derived(const ByteVector& from, uint32_t rid);
+ByteVector& operator+=(ByteVector& bytes, const ByteVector& more);
 
 /* A pair of machine SIDs, and an account of another issuer. */
-inline const Bytes oldSid = sid({21, 100, 200, 300});
-inline const Bytes newSid = sid({21, 4000000001, 4000000002, 4000000003});
-inline const Bytes administrators = sid({32, 544});
+inline const ByteVector oldSid = sid({21, 100, 200, 300});
+inline const ByteVector newSid = sid({21, 4000000001, 4000000002, 4000000003});
+inline const ByteVector administrators = sid({32, 544});
 
 struct Ace {
     uint8_t type;
-    Bytes sid;
+    ByteVector sid;
 };
 
 /* A descriptor, part by part; an absent part has offset 0. */
 struct Parts {
-    std::optional<Bytes> owner;
-    std::optional<Bytes> group;
+    std::optional<ByteVector> owner;
+    std::optional<ByteVector> group;
     std::optional<std::vector<Ace>> dacl = std::nullopt;
     std::optional<std::vector<Ace>> sacl = std::nullopt;
 };
-Bytes image(const Parts& parts); /* self-relative */
+ByteVector image(const Parts& parts); /* self-relative */
 
 #endif

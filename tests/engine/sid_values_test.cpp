@@ -8,7 +8,7 @@ namespace {
 
 /* The SAM's account value, and what its queries answer. */
 struct Account {
-    Bytes value;
+    ByteVector value;
     DWORD type = REG_BINARY;
     LSTATUS probe = 0;
     LSTATUS read = 0;
@@ -16,8 +16,8 @@ struct Account {
     NTSTATUS open = 0;    /* of the key */
 };
 
-Bytes accountValue(size_t size, uint32_t offset, uint32_t length = 24) {
-    Bytes value(size, 0xAA);
+ByteVector accountValue(size_t size, uint32_t offset, uint32_t length = 24) {
+    ByteVector value(size, 0xAA);
     memcpy(&value[12], &offset, 4);
     memcpy(&value[16], &length, 4);
     const size_t at = size_t{48} + offset;
@@ -26,8 +26,8 @@ Bytes accountValue(size_t size, uint32_t offset, uint32_t length = 24) {
 }
 
 /* With a machine SID of which one byte differs. */
-Bytes accountWith(size_t at, uint8_t byte) {
-    Bytes value = accountValue(72, 0);
+ByteVector accountWith(size_t at, uint8_t byte) {
+    ByteVector value = accountValue(72, 0);
     value[48 + at] = byte;
     return value;
 }
@@ -95,14 +95,14 @@ TEST_F(SidValues, MachineSidFromTheAccountValue) {
         SCOPED_TRACE(row.what);
         events.clear();
         answerFor(row.account);
-        Bytes machine(24, 0xEE);
+        ByteVector machine(24, 0xEE);
         DWORD size = 24;
         EXPECT_EQ(sidGetMachineSID(fakeHandle(0x5A), machine.data(), &size), row.result);
         EXPECT_EQ(size, 24u);
         EXPECT_EQ(shortened(legend), "open, " + row.road);
         EXPECT_TRUE(row.result != 0 || machine == oldSid);
     }
-    Bytes machine(24);
+    ByteVector machine(24);
     DWORD size = 23;
     EXPECT_EQ(sidGetMachineSID(fakeHandle(0x5A), machine.data(), &size), DWORD{ERROR_BUFFER_OVERFLOW});
     answerFor(rows[0].account);
@@ -113,11 +113,11 @@ TEST_F(SidValues, MachineSidFromTheAccountValue) {
 }
 
 TEST_F(SidValues, PairsThatCanBeReplaced) {
-    const Bytes nothing, small = sid({21}), five = derived(newSid, 7);
-    const Bytes revision = {2, 1, 0, 0, 0, 0, 0, 5, 21, 0, 0, 0},
-                authority = {1, 1, 0, 1, 0, 0, 0, 5, 21, 0, 0, 0};
+    const ByteVector nothing, small = sid({21}), five = derived(newSid, 7);
+    const ByteVector revision = {2, 1, 0, 0, 0, 0, 0, 5, 21, 0, 0, 0},
+                     authority = {1, 1, 0, 1, 0, 0, 0, 5, 21, 0, 0, 0};
     const struct {
-        Bytes old, now;
+        ByteVector old, now;
         uint32_t oldSize, nowSize;
         std::string refused; /* empty: a pair */
     } rows[] = {

@@ -10,15 +10,15 @@ const std::string someone = "S-1-5-21-7-7-7-1001";
 struct AccessTest : FilesTest {
     std::u16string path = u"\\\\?\\c:\\dir\\file";
 
-    void fill(const Bytes& directory, const Bytes& file) {
+    void fill(const ByteVector& directory, const ByteVector& file) {
         make(make(rootDirectory, u"dir", NewFile::directory, directory), u"file", NewFile::file, file);
     }
 };
 
 TEST_F(AccessTest, partsAndSizes) {
-    const Bytes stored = makeDescriptor(someone, everything, "S-1-1-0", SE_DACL_PROTECTED);
+    const ByteVector stored = makeDescriptor(someone, everything, "S-1-1-0", SE_DACL_PROTECTED);
     fill(stored, stored);
-    Bytes buffer(stored.size());
+    ByteVector buffer(stored.size());
     DWORD needed = 0;
     const auto size = static_cast<DWORD>(stored.size());
     expectError(ERROR_INSUFFICIENT_BUFFER, !GetFileSecurityW(path.c_str(), 15, nullptr, 0, &needed));
@@ -31,16 +31,16 @@ TEST_F(AccessTest, partsAndSizes) {
     EXPECT_EQ(buffer, stored);
 
     /* A new list only: owner and group stay; request bits are never kept. */
-    const Bytes owner = readDescriptor(path, OWNER_SECURITY_INFORMATION);
+    const ByteVector owner = readDescriptor(path, OWNER_SECURITY_INFORMATION);
     EXPECT_LT(owner.size(), stored.size());
-    Bytes other = makeDescriptor("S-1-5-32-544", 1, someone, SE_DACL_AUTO_INHERIT_REQ);
+    ByteVector other = makeDescriptor("S-1-5-32-544", 1, someone, SE_DACL_AUTO_INHERIT_REQ);
     EXPECT_TRUE(SetFileSecurityW(path.c_str(), DACL_SECURITY_INFORMATION, other.data()));
     EXPECT_EQ(readDescriptor(path, OWNER_SECURITY_INFORMATION), owner);
     EXPECT_TRUE(SetFileSecurityW(path.c_str(), 15, other.data()));
     other[3] &= 0xFE;
     EXPECT_EQ(readDescriptor(path), other);
 
-    Bytes broken = other;
+    ByteVector broken = other;
     broken[20] = 9;  // the revision of the owner
     expectError(ERROR_INVALID_SECURITY_DESCR, !SetFileSecurityW(path.c_str(), 15, broken.data()));
     EXPECT_EQ(readDescriptor(path), other);
@@ -49,7 +49,7 @@ TEST_F(AccessTest, partsAndSizes) {
 }
 
 TEST_F(AccessTest, refusesAndIsSeized) {
-    const Bytes closed = makeDescriptor(someone, everything, someone);
+    const ByteVector closed = makeDescriptor(someone, everything, someone);
     fill(closed, closed);
     setAccessMode(AccessMode::checked);
     enablePrivilege(securityPrivilege);
@@ -68,7 +68,7 @@ TEST_F(AccessTest, refusesAndIsSeized) {
     enablePrivilege(backupPrivilege, 0);
 
     /* The road back: take ownership, then put a list that refuses nothing. */
-    Bytes owner = sidFromText("S-1-5-32-544");
+    ByteVector owner = sidFromText("S-1-5-32-544");
     const auto seize = [&](std::u16string file, SECURITY_INFORMATION information) {
         return SetNamedSecurityInfoW(file.data(), SE_FILE_OBJECT, information, owner.data(), nullptr, nullptr,
                                      nullptr);
@@ -81,11 +81,11 @@ TEST_F(AccessTest, refusesAndIsSeized) {
         EXPECT_NE(GetFileAttributesW(path.c_str()), INVALID_FILE_ATTRIBUTES)
             << "through the directory, then the file";
     }
-    const Bytes seized = readDescriptor(path);
+    const ByteVector seized = readDescriptor(path);
     ASSERT_GE(seized.size(), 20u);
     EXPECT_EQ(seized[2] & SE_DACL_PRESENT, SE_DACL_PRESENT);
     EXPECT_EQ(seized[3] & SE_DACL_PROTECTED >> 8, SE_DACL_PROTECTED >> 8);
-    EXPECT_EQ(Bytes(seized.begin() + 16, seized.begin() + 20), Bytes(4)) << "a null list";
+    EXPECT_EQ(ByteVector(seized.begin() + 16, seized.begin() + 20), ByteVector(4)) << "a null list";
     EXPECT_TRUE(FindClose(list()));
     EXPECT_EQ(seize(path, GROUP_SECURITY_INFORMATION), DWORD{ERROR_INVALID_PARAMETER});
 }

@@ -19,7 +19,7 @@ struct CallsTest : FilesTest {
         file = make(outer, u"one.TXT", NewFile::file);
         for (const char16_t* name : {u"three", u"ÄÖ.txt", u"a.b.txt"}) make(outer, name, NewFile::file);
         const FileRef junction = make(outer, u"junction", NewFile::directory);
-        ASSERT_GE(volumeMakeJunction(*volume, junction, u"C:\\Ä"), 0);
+        ASSERT_GE(volumeCreateJunction(*volume, junction, u"C:\\Ä"), 0);
     }
 
     Names find(const char16_t* pattern) {
@@ -85,7 +85,7 @@ TEST_F(CallsTest, searches) {
         expectError(error, FindFirstFileW(pattern, &record) == INVALID_HANDLE_VALUE);
     }
 
-    ASSERT_GE(volumeWriteFile(*volume, file, 0, Bytes(70000, 1)), 0);
+    ASSERT_GE(volumeWriteFile(*volume, file, 0, ByteVector(70000, 1)), 0);
     ASSERT_GE(volumeSetAttributes(*volume, file, FILE_ATTRIBUTE_HIDDEN), 0);
     EXPECT_EQ(find(u"c:\\Ä\\inner\\..\\ONE.txt"), (Names{u"one.TXT"}));
     EXPECT_EQ(record.dwFileAttributes, FILE_ATTRIBUTE_HIDDEN);

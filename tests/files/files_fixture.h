@@ -17,19 +17,19 @@
 
 namespace offline {
 
-using Bytes = std::vector<uint8_t>;
+using ByteVector = std::vector<uint8_t>;
 
-inline void append32(Bytes& bytes, size_t number) {
+inline void append32(ByteVector& bytes, size_t number) {
     for (size_t i = 0; i < 4; i++) bytes.push_back(static_cast<uint8_t>(number >> (8 * i)));
 }
 
 /* Self-relative: the owner, the same as the group, and a DACL that allows one SID these rights. */
-inline Bytes makeDescriptor(const std::string& owner, ACCESS_MASK rights, const std::string& allowed,
-                            unsigned control = 0) {
-    const Bytes ownerSid = sidFromText(owner);
-    const Bytes sid = sidFromText(allowed);
+inline ByteVector makeDescriptor(const std::string& owner, ACCESS_MASK rights, const std::string& allowed,
+                                 unsigned control = 0) {
+    const ByteVector ownerSid = sidFromText(owner);
+    const ByteVector sid = sidFromText(allowed);
     const size_t list = 20 + 2 * ownerSid.size();
-    Bytes image;
+    ByteVector image;
     append32(image, 1 | (SE_SELF_RELATIVE | SE_DACL_PRESENT | control) << 16);
     for (const size_t offset : {size_t{20}, 20 + ownerSid.size(), size_t{0}, list}) append32(image, offset);
     for (int i = 0; i < 2; i++) image.insert(image.end(), ownerSid.begin(), ownerSid.end());
@@ -41,13 +41,13 @@ inline Bytes makeDescriptor(const std::string& owner, ACCESS_MASK rights, const 
     return image;
 }
 
-inline Bytes numberedDescriptor(size_t number) {
+inline ByteVector numberedDescriptor(size_t number) {
     return makeDescriptor("S-1-5-21-1-2-3-" + std::to_string(number), 0x1F01FF, "S-1-1-0",
                           SE_DACL_AUTO_INHERITED);
 }
 
-inline Bytes readDescriptor(const std::u16string& path, SECURITY_INFORMATION information = 15) {
-    Bytes bytes(65536);
+inline ByteVector readDescriptor(const std::u16string& path, SECURITY_INFORMATION information = 15) {
+    ByteVector bytes(65536);
     DWORD needed = 0;
     if (!GetFileSecurityW(path.c_str(), information, bytes.data(), 65536, &needed)) return {};
     bytes.resize(needed);
@@ -102,7 +102,7 @@ struct FilesTest : testing::Test {
     }
 
     FileRef make(FileRef directory, std::u16string_view name, NewFile kind,
-                 const Bytes& descriptor = numberedDescriptor(0)) {
+                 const ByteVector& descriptor = numberedDescriptor(0)) {
         FileRef file = 0;
         EXPECT_GE(volumeCreate(*volume, directory, name, kind, descriptor, file), 0);
         return file;

@@ -36,10 +36,10 @@ void walk(std::u16string& path, DWORD attributes, const Visit& visit,
 
 struct WalkTest : FilesTest {
     std::u16string root = u"\\\\?\\c:";
-    std::map<std::u16string, Bytes> expected;
+    std::map<std::u16string, ByteVector> expected;
 
     FileRef add(FileRef directory, const std::u16string& path, const std::u16string& name, NewFile kind) {
-        const Bytes descriptor = numberedDescriptor(expected.size() % 7);
+        const ByteVector descriptor = numberedDescriptor(expected.size() % 7);
         expected[path + u"\\" + name] = descriptor;
         return make(directory, name, kind, descriptor);
     }
@@ -86,8 +86,8 @@ struct WalkTest : FilesTest {
     }
 
     void expectWalk() {
-        std::map<std::u16string, Bytes> seen;
-        walk(root, FILE_ATTRIBUTE_DIRECTORY, [&](const std::u16string& path, const Bytes& descriptor) {
+        std::map<std::u16string, ByteVector> seen;
+        walk(root, FILE_ATTRIBUTE_DIRECTORY, [&](const std::u16string& path, const ByteVector& descriptor) {
             EXPECT_TRUE(seen.emplace(path, descriptor).second) << "seen twice";
         });
         EXPECT_EQ(seen.size(), expected.size());
@@ -109,16 +109,16 @@ TEST_F(WalkTest, meetsAndSetsEveryName) {
         path += u"\\same dir Größe";
     }
     const FileRef junction = add(directory, path, u"junction", NewFile::directory);
-    ASSERT_GE(volumeMakeJunction(*volume, junction, u"C:\\same dir Größe"), 0);
+    ASSERT_GE(volumeCreateJunction(*volume, junction, u"C:\\same dir Größe"), 0);
     const FileRef linked = add(directory, path, u"linked", NewFile::file);
     ASSERT_GE(volumeLink(*volume, linked, rootDirectory, u"other name"), 0);
-    Bytes& otherName = expected[root + u"\\other name"];
-    Bytes& linkedName = expected[path + u"\\linked"];
+    ByteVector& otherName = expected[root + u"\\other name"];
+    ByteVector& linkedName = expected[path + u"\\linked"];
     otherName = linkedName;
     expectWalk();
     for (const auto& [name, descriptor] : expected) EXPECT_TRUE(readDescriptor(name) == descriptor);
 
-    walk(root, FILE_ATTRIBUTE_DIRECTORY, [&](const std::u16string& name, Bytes descriptor) {
+    walk(root, FILE_ATTRIBUTE_DIRECTORY, [&](const std::u16string& name, ByteVector descriptor) {
         if (name.size() == 6 || name.ends_with(u"\\linked")) return;
         descriptor[20 + 8 + 4] ^= 0x40;  // a sub-authority of the owner
         descriptor[3] ^= SE_DACL_PROTECTED >> 8;
@@ -151,7 +151,7 @@ TEST_F(WalkTest, entersADirectoryOnce) {
     for (int turn = 0; turn < 2; turn++) {
         size_t seen = 0, refused = 0;
         walk(
-            root, FILE_ATTRIBUTE_DIRECTORY, [&](const std::u16string&, const Bytes&) { seen++; },
+            root, FILE_ATTRIBUTE_DIRECTORY, [&](const std::u16string&, const ByteVector&) { seen++; },
             [&](const std::u16string&) {
                 refused++;
                 EXPECT_EQ(GetLastError(), DWORD{ERROR_FILE_CORRUPT});
@@ -232,7 +232,7 @@ TEST_F(WalkTest, tellsOfWhatItCannotReach) {
         mount(DiskAccess::readOnly);
         size_t seen = 0;
         walk(
-            root, FILE_ATTRIBUTE_DIRECTORY, [&](const std::u16string&, const Bytes&) { seen++; },
+            root, FILE_ATTRIBUTE_DIRECTORY, [&](const std::u16string&, const ByteVector&) { seen++; },
             [](const std::u16string&) {});
         EXPECT_EQ(damage.seen != 0 ? seen : std::min(seen, all - 1), damage.seen != 0 ? damage.seen : seen)
             << damage.what;

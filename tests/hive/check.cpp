@@ -8,14 +8,14 @@
 namespace offline::test {
 namespace {
 
-/* Reads a file by the published layout; every wrong place ends in an exception. */
+/* Reads a file by the published layout; every fault ends in an exception. */
 struct Reader {
-    const Bytes& file;
+    const ByteVector& file;
     std::set<uint32_t> used{};
-    std::map<uint32_t, uint32_t> users{};
+    std::map<uint32_t, uint32_t> refcounts{};
 
-    void want(bool holds, const char* what, size_t place) const {
-        if (!holds) throw std::runtime_error(std::string(what) + " at " + std::to_string(place));
+    void want(bool holds, const char* what, size_t offset) const {
+        if (!holds) throw std::runtime_error(std::string(what) + " at " + std::to_string(offset));
     }
     uint32_t number(size_t at, size_t size) const {
         want(at < file.size() && file.size() - at >= size, "end of file", at);
@@ -35,9 +35,9 @@ struct Reader {
         return 4100 + size_t{cell};
     }
     bool fits(uint32_t cell, size_t length) const { return static_cast<size_t>(-sizeOf(cell)) - 4 >= length; }
-    std::u16string name(size_t at, size_t length, bool latin) const {
+    std::u16string name(size_t at, size_t length, bool compressed) const {
         std::u16string text;
-        const size_t width = latin ? 1 : 2;
+        const size_t width = compressed ? 1 : 2;
         for (size_t i = 0; i < length; i += width) text += static_cast<char16_t>(number(at + i, width));
         return text;
     }
@@ -45,10 +45,10 @@ struct Reader {
     void value(uint32_t cell, uint32_t longestName, uint32_t longestData) {
         const size_t at = use(cell, 20);
         want(u16(at) == 0x6B76 && fits(cell, 20 + u16(at + 2)), "value", cell);
-        const bool latin = (u16(at + 16) & 1) != 0;
-        const std::u16string text = name(at + 20, u16(at + 2), latin);
+        const bool compressed = (u16(at + 16) & 1) != 0;
+        const std::u16string text = name(at + 20, u16(at + 2), compressed);
         const bool wide = std::any_of(text.begin(), text.end(), [](char16_t unit) { return unit > 0xFF; });
-        want(text.empty() || wide != latin, "form of the name", cell);
+        want(text.empty() || wide != compressed, "form of the name", cell);
         const uint32_t size = u32(at + 4), count = (size + 16343) / 16344;
         want(2 * text.size() <= longestName && (size & 0x7FFFFFFF) <= longestData, "longest fields", cell);
         if ((size & 0x80000000) != 0 || size == 0) return;
@@ -78,7 +78,7 @@ struct Reader {
         want(u16(at) == 0x6B6E && fits(cell, 76 + u16(at + 72)), "key", cell);
         want(parent == noCell || u32(at + 16) == parent, "parent", cell);
         if (u16(at + 74) != 0) use(u32(at + 48), u16(at + 74));
-        users[u32(at + 44)]++;
+        refcounts[u32(at + 44)]++;
         const size_t list = values != 0 ? use(u32(at + 40), 4 * values) : 0;
         for (size_t i = 0; i < values; i++) value(u32(list + 4 * i), u32(at + 60), u32(at + 64));
         std::vector<std::pair<uint32_t, uint32_t>> children;
@@ -98,18 +98,18 @@ struct Reader {
     }
 
     void ring(uint32_t first) {
-        std::set<Bytes> seen;
+        std::set<ByteVector> seen;
         uint32_t cell = first;
         do {
             const size_t at = use(cell, 20), length = u32(at + 16);
             want(u16(at) == 0x6B73 && fits(cell, 20 + length), "descriptor", cell);
-            want(u32(at + 12) == users[cell], "count of descriptor", cell);
+            want(u32(at + 12) == refcounts[cell], "count of descriptor", cell);
             want(seen.emplace(&file[at + 20], &file[at + 20] + length).second, "descriptor stored twice",
                  cell);
             want(u32(4100 + u32(at + 4) + 8) == cell, "ring", cell);
             cell = u32(at + 4);
         } while (cell != first);
-        for (const auto& [user, count] : users)
+        for (const auto& [user, count] : refcounts)
             want(used.contains(user), "descriptor outside the ring", user);
     }
 
@@ -137,23 +137,23 @@ struct Reader {
 
 } /* namespace */
 
-uint32_t numberAt(const Bytes& bytes, size_t at) {
+uint32_t numberAt(const ByteVector& bytes, size_t at) {
     return Reader{bytes}.u32(at);
 }
 
-void putNumber(Bytes& bytes, size_t at, uint64_t number, size_t size) {
+void putNumber(ByteVector& bytes, size_t at, uint64_t number, size_t size) {
     for (size_t i = 0; i < size; i++) bytes.at(at + i) = static_cast<uint8_t>(number >> (8 * i));
 }
 
-void seal(Bytes& file) {
+void seal(ByteVector& file) {
     uint32_t sum = 0;
     for (size_t at = 0; at < 508; at += 4) sum ^= numberAt(file, at);
     putNumber(file, 508, sum == 0 || sum == UINT32_MAX ? sum ^ 1 : sum);
 }
 
-std::string faultOf(const Bytes& file) try {
+std::string faultOf(const ByteVector& file) try {
     Reader reader{file};
-    Bytes sealed(file);
+    ByteVector sealed(file);
     seal(sealed);
     reader.want(sealed == file && reader.u32(4) == reader.u32(8), "base block", 0);
     reader.key(reader.u32(36), noCell);
@@ -170,7 +170,7 @@ Values valuesOf(const Hive& hive, Cell key) {
     for (uint32_t i = 0; hiveValue(hive, key, i, value) >= 0; i++) {
         std::u16string name(value.nameLength, u'\0');
         hiveValueName(hive, value, name.data());
-        Bytes data(value.dataLength);
+        ByteVector data(value.dataLength);
         hiveValueData(hive, value, data);
         values.emplace_back(name, value.type, data);
         EXPECT_GE(hiveFindValue(hive, key, name, value), 0);
@@ -207,13 +207,13 @@ std::vector<Cell> keysOf(const Hive& hive) {
     return keys;
 }
 
-Bytes someBytes(std::mt19937& random, size_t length) {
-    Bytes bytes(length);
+ByteVector someBytes(std::mt19937& random, size_t length) {
+    ByteVector bytes(length);
     std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8_t>(random()); });
     return bytes;
 }
 
-Bytes someDescriptor(uint32_t seed) {
+ByteVector someDescriptor(uint32_t seed) {
     std::mt19937 random(seed);
     return someBytes(random, 48 + seed % 7 * 16);
 }
@@ -230,7 +230,7 @@ HivePtr newHive(uint32_t minor) {
     return hive;
 }
 
-HivePtr opened(const Bytes& file) {
+HivePtr opened(const ByteVector& file) {
     HivePtr hive;
     Problem problem;
     EXPECT_GE(hiveOpen(file, hive, problem), 0) << problem.text;
@@ -239,7 +239,7 @@ HivePtr opened(const Bytes& file) {
 
 Cell made(Hive& hive, Cell parent, std::u16string_view name, uint32_t descriptor) {
     Cell child = noCell;
-    const Bytes text(descriptor % 3 * 2, 'c');
+    const ByteVector text(descriptor % 3 * 2, 'c');
     EXPECT_GE(hiveCreateSubkey(hive, parent, name, text, someDescriptor(descriptor), 0, 7, child), 0);
     return child;
 }
@@ -260,7 +260,7 @@ HivePtr variedHive(uint32_t minor) {
     return hive;
 }
 
-bool exercise(const Bytes& file, Bytes* after) {
+bool exercise(const ByteVector& file, ByteVector* after) {
     HivePtr hive;
     Problem problem;
     if (hiveOpen(file, hive, problem) < 0) return !problem.text.empty();
@@ -271,18 +271,18 @@ bool exercise(const Bytes& file, Bytes* after) {
         size_t at = i;
         for (const auto& [name, type, data] : valuesOf(*hive, keys[i])) {
             const size_t length = at % 4 == 0 ? at * 997 % 40000 : data.size();
-            if (at % 4 < 2) hiveSetValue(*hive, keys[i], name, type, Bytes(length, 7), 5);
+            if (at % 4 < 2) hiveSetValue(*hive, keys[i], name, type, ByteVector(length, 7), 5);
             if (at++ % 4 == 2) hiveDeleteValue(*hive, keys[i], name, 6);
         }
         const auto old = hiveKeyDescriptor(*hive, keys[i]);
-        Bytes descriptor(old.begin(), old.end());
+        ByteVector descriptor(old.begin(), old.end());
         descriptor.back() ^= 0x55;
         hiveSetKeyDescriptor(*hive, keys[i], descriptor, 8);
         if (i % 5 == 0) hiveCreateSubkey(*hive, keys[i], u"Übung", {}, someDescriptor(3), 0, 9, child);
-        if (i % 5 == 1) hiveSetValue(*hive, keys[i], u"added", 4, Bytes(4 + i % 3), 7);
+        if (i % 5 == 1) hiveSetValue(*hive, keys[i], u"added", 4, ByteVector(4 + i % 3), 7);
     }
     for (size_t i = keys.size(); i > 0; i -= std::min<size_t>(i, 3)) hiveDeleteKey(*hive, keys[i - 1], 10);
-    const Bytes image = hiveImage(*hive);
+    const ByteVector image = hiveImage(*hive);
     if (after != nullptr) *after = image;
     return hiveOpen(image, hive, problem) >= 0 && !testing::Test::HasFailure();
 }
@@ -293,13 +293,13 @@ std::string sharedFile(const std::string& name) {
     return std::filesystem::exists(path) ? path : "";
 }
 
-std::map<std::string, Bytes> realHives(const std::string& folder) {
-    std::map<std::string, Bytes> hives;
+std::map<std::string, ByteVector> realHives(const std::string& folder) {
+    std::map<std::string, ByteVector> hives;
     const std::string path = sharedFile("hives/" + folder);
     if (path.empty()) return hives;
     for (const auto& entry : std::filesystem::directory_iterator(path)) {
         FILE* pipe = popen(("xz -dc '" + entry.path().string() + "'").c_str(), "r");
-        Bytes& bytes = hives[entry.path().stem().string()];
+        ByteVector& bytes = hives[entry.path().stem().string()];
         for (int byte; (byte = fgetc(pipe)) != EOF;) bytes.push_back(static_cast<uint8_t>(byte));
         pclose(pipe);
     }

@@ -13,20 +13,20 @@
 
 namespace offline::test {
 
-using Bytes = std::vector<uint8_t>;
+using ByteVector = std::vector<uint8_t>;
 
-uint32_t numberAt(const Bytes& bytes, size_t at);
-void putNumber(Bytes& bytes, size_t at, uint64_t number, size_t size = 4);
-void seal(Bytes& file); /* puts in the checksum of the base block */
+uint32_t numberAt(const ByteVector& bytes, size_t at);
+void putNumber(ByteVector& bytes, size_t at, uint64_t number, size_t size = 4);
+void seal(ByteVector& file); /* puts in the checksum of the base block */
 
 /* The first invariant that this file breaks, read without the room's code; empty when it is sound. */
-std::string faultOf(const Bytes& file);
+std::string faultOf(const ByteVector& file);
 
 /* Everything in a key and below it, the values in their order; all of it is looked up by name as well. */
-using Values = std::vector<std::tuple<std::u16string, uint32_t, Bytes>>;
+using Values = std::vector<std::tuple<std::u16string, uint32_t, ByteVector>>;
 struct Content {
     std::u16string name;
-    Bytes classText, descriptor;
+    ByteVector classText, descriptor;
     Values values;
     std::vector<Content> subkeys; /* in order */
 
@@ -36,13 +36,13 @@ Values valuesOf(const Hive& hive, Cell key);
 Content contentOf(const Hive& hive, Cell key = noCell); /* noCell: of the root */
 std::vector<Cell> keysOf(const Hive& hive);             /* parents before their children */
 
-Bytes someBytes(std::mt19937& random, size_t length);
-Bytes someDescriptor(uint32_t seed); /* a run of bytes that differs with the seed */
+ByteVector someBytes(std::mt19937& random, size_t length);
+ByteVector someDescriptor(uint32_t seed); /* a run of bytes that differs with the seed */
 std::u16string digits(size_t number);
 
 /* These give null, or no cell, with a test failure, when it does not work. */
 HivePtr newHive(uint32_t minor);
-HivePtr opened(const Bytes& file);
+HivePtr opened(const ByteVector& file);
 Cell made(Hive& hive, Cell parent, std::u16string_view name, uint32_t descriptor = 1);
 
 /* A small hive with every kind of structure: values of all forms, classes, an ri list, shared descriptors. */
@@ -50,11 +50,11 @@ HivePtr variedHive(uint32_t minor);
 
 /* Opens a file and, when it can be opened, reads all of it, changes things in every key, and opens the
  * result. False when a hive that was opened can't be opened again, or is found broken, after the changes. */
-bool exercise(const Bytes& file, Bytes* after = nullptr);
+bool exercise(const ByteVector& file, ByteVector* after = nullptr);
 
 /* A file in memory that notes every call and fails at one of them. */
 struct RecordingStore : HiveStore {
-    Bytes file;
+    ByteVector file;
     std::string calls; /* g row, b ase block with unequal numbers, B with equal ones, p ages, f lush */
     size_t pageBytes = 0;
     int failAt = -1;
@@ -79,7 +79,7 @@ struct RecordingStore : HiveStore {
 };
 
 /* Real hives of a folder of the shared directory, by name; empty when there is none. */
-std::map<std::string, Bytes> realHives(const std::string& folder);
+std::map<std::string, ByteVector> realHives(const std::string& folder);
 std::string sharedFile(const std::string& name); /* its path, or empty */
 
 } /* namespace offline::test */

@@ -7,7 +7,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace offline;
-    test::Bytes file(data, data + size);
+    test::ByteVector file(data, data + size);
     if (file.size() >= regf::base::size) sealBaseBlock(std::span(file).first(regf::base::size), 1, 1);
     if (!test::exercise(file)) abort();
     return 0;

@@ -27,7 +27,7 @@ constexpr Field<uint32_t> head{firstBin}, nameStart{nk::name};
 Field<uint32_t> entry(size_t index, size_t from = 0) {
     return {from + index * 4};
 }
-uint32_t field(const Bytes& file, Cell cell, Field<uint32_t> which) {
+uint32_t field(const ByteVector& file, Cell cell, Field<uint32_t> which) {
     return numberAt(file, pageSize + cellHeader + cell + which.at);
 }
 Cell childAt(const Hive& hive, uint32_t index) {
@@ -35,13 +35,13 @@ Cell childAt(const Hive& hive, uint32_t index) {
     EXPECT_GE(hiveSubkey(hive, hiveRoot(hive), index, child), 0);
     return child;
 }
-Bytes with(Bytes file, const std::vector<Put>& puts) {
+ByteVector with(ByteVector file, const std::vector<Put>& puts) {
     for (const Put& put : puts) putNumber(file, put.at, put.number, put.size);
     seal(file);
     return file;
 }
 
-void expectRefused(const Bytes& file, const char* text) {
+void expectRefused(const ByteVector& file, const char* text) {
     HivePtr hive;
     Problem problem;
     EXPECT_TRUE(hiveOpen(file, hive, problem) == STATUS_REGISTRY_CORRUPT && hive == nullptr) << text;
@@ -53,7 +53,7 @@ constexpr NTSTATUS sound = STATUS_SUCCESS, dirty = STATUS_REGISTRY_IO_FAILED,
 
 TEST(Broken, EachFaultIsRefusedWithItsText) {
     const HivePtr hive = variedHive(5);
-    const Bytes file = hiveImage(*hive);
+    const ByteVector file = hiveImage(*hive);
     const Cell root = hiveRoot(*hive), alpha = childAt(*hive, 0), beta = childAt(*hive, 1);
     const Cell many = childAt(*hive, 2), index = field(file, many, nk::subkeyList);
     const Cell list = field(file, root, nk::subkeyList), values = field(file, beta, nk::valueList);
@@ -62,7 +62,7 @@ TEST(Broken, EachFaultIsRefusedWithItsText) {
     const Cell segments = field(file, field(file, big, vk::data), db::list);
     const std::pair<const char*, std::vector<Put>> faults[] = {
         // clang-format off
-        {"names another place", {{firstBin, bin::place, 8}}},
+        {"names another place", {{firstBin, bin::offset, 8}}},
         {"the bin at 0x0 has an impossible", {{firstBin, bin::size, 8}}},
         {"impossible size", {{beta, head, 0xFF000000}}},
         {"impossible size", {{beta, head, 0xFFFFF008}}}, /* just beyond its bin */
@@ -108,7 +108,7 @@ TEST(Broken, EachFaultIsRefusedWithItsText) {
     for (const auto& [text, puts] : faults) expectRefused(with(file, puts), text);
 
     /* A wrong count of a descriptor's keys is taken anew. */
-    const HivePtr miscounted = opened(with(file, {{descriptor, sk::users, 1}}));
+    const HivePtr miscounted = opened(with(file, {{descriptor, sk::refcount, 1}}));
     EXPECT_FALSE(hiveChanged(*miscounted));
     ASSERT_GE(hiveSetKeyDescriptor(*miscounted, beta, someDescriptor(77), 1), 0);
     EXPECT_EQ(faultOf(hiveImage(*miscounted)), "");
@@ -118,32 +118,32 @@ TEST(Broken, TooDeepAChainIsRefused) {
     const HivePtr hive = newHive(5);
     Cell end = hiveRoot(*hive), child = noCell;
     for (uint32_t depth = 0; depth < deepestKey; depth++) end = made(*hive, end, u"k");
-    EXPECT_EQ(hiveCreateSubkey(*hive, end, u"k", {}, Bytes(20), 0, 7, child), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(hiveCreateSubkey(*hive, end, u"k", {}, ByteVector(20), 0, 7, child), STATUS_INVALID_PARAMETER);
     EXPECT_NE(opened(hiveImage(*hive)), nullptr);
 
     /* What hangs below another key is hung below the end of the chain. */
     const Cell other = made(*hive, hiveRoot(*hive), u"other");
     child = made(*hive, other, u"child");
-    const Bytes file = hiveImage(*hive);
+    const ByteVector file = hiveImage(*hive);
     const Put list(end, nk::subkeyList, field(file, other, nk::subkeyList)), zero(other, nk::subkeyCount, 0);
     expectRefused(with(file, {zero, list, {end, nk::subkeyCount, 1}, {child, nk::parent, end}}), "too deep");
 }
 
 TEST(Broken, BaseBlockTellsWhatAFileIs) {
-    const Bytes image = hiveImage(*variedHive(4));
+    const ByteVector image = hiveImage(*variedHive(4));
     const size_t size = image.size();
     const auto sized = [&](size_t length) {
-        Bytes file(image);
+        ByteVector file(image);
         file.resize(length, 0xCD);
         return file;
     };
     const auto forged = [&](auto field, uint64_t number) {
         return with(image, {{fileStart, field, number}});
     };
-    Bytes lostSum = image, lostAll = image;
+    ByteVector lostSum = image, lostAll = image;
     lostSum[base::fileName] ^= 1;
     lostAll[base::binsSize.at] ^= 1;
-    const std::pair<NTSTATUS, Bytes> rows[] = {
+    const std::pair<NTSTATUS, ByteVector> rows[] = {
         // clang-format off
         {sound, image}, {sound, sized(size + 12345)},
         {none, {}}, {none, sized(4095)}, {none, forged(base::signature, 'R')},
@@ -160,7 +160,7 @@ TEST(Broken, BaseBlockTellsWhatAFileIs) {
     }
 
     /* The two sums that no checksum may have. */
-    Bytes block(base::size);
+    ByteVector block(base::size);
     sealBaseBlock(block, 5, 5);
     EXPECT_EQ(numberAt(block, base::checksum.at), 1u);
     sealBaseBlock(block, 0xFFFFFFFF, 0);
@@ -170,22 +170,22 @@ TEST(Broken, BaseBlockTellsWhatAFileIs) {
 /* A base block may name fewer bins than there are: they count when the hive is whole with them and only then.
  */
 TEST(Broken, BinsBehindTheStatedEnd) {
-    const Bytes whole = hiveImage(*variedHive(5));
+    const ByteVector whole = hiveImage(*variedHive(5));
     const uint32_t size = numberAt(whole, base::binsSize.at);
     size_t last = 0;
     for (size_t bin = 0; bin < size; bin += numberAt(whole, pageSize + bin + bin::size.at)) last = bin;
     for (const size_t stated : {pageSize, size / 2 & ~size_t{0xFFF}, last}) {
-        const Bytes file = with(whole, {{fileStart, base::binsSize, stated}});
+        const ByteVector file = with(whole, {{fileStart, base::binsSize, stated}});
         EXPECT_EQ(hiveImage(*opened(file)), whole) << stated;
         EXPECT_TRUE(exercise(file));
         /* One that does not follow on the others brings nothing. */
-        for (const auto place : {bin::signature, bin::place, bin::size})
-            expectRefused(with(file, {{firstBin + last, place, 0x40001000}}), "is damaged");
+        for (const auto field : {bin::signature, bin::offset, bin::size})
+            expectRefused(with(file, {{firstBin + last, field, 0x40001000}}), "is damaged");
     }
 
-    /* The same bins behind a hive that is whole without them, and behind one that is broken all the same. */
+    /* The same bins after a hive that is whole without them, and after one that is broken all the same. */
     const HivePtr small = newHive(5);
-    Bytes file = hiveImage(*small);
+    ByteVector file = hiveImage(*small);
     file.insert(file.end(), whole.begin() + static_cast<long>(file.size()), whole.end());
     EXPECT_EQ(hiveImage(*opened(file)), file);
     EXPECT_EQ(contentOf(*opened(file)), contentOf(*small));
@@ -193,11 +193,11 @@ TEST(Broken, BinsBehindTheStatedEnd) {
 }
 
 /* Flips some bytes, in cells' heads and fields rather than anywhere, and sees that what opens stays sound. */
-void mutate(const Bytes& image, uint32_t seed, size_t rounds) {
+void mutate(const ByteVector& image, uint32_t seed, size_t rounds) {
     std::mt19937 random(seed);
     const size_t size = std::min(image.size() - base::size, size_t{numberAt(image, base::binsSize.at)});
     for (size_t round = 0; round < rounds; round++) {
-        Bytes file(image);
+        ByteVector file(image);
         for (size_t flips = 1 + random() % 3; flips > 0; flips--) {
             const size_t at = random() % 8 == 0 ? random() % base::size : base::size + random() % size;
             const uint8_t values[] = {0, 1, 0xFF, 0x7F, 0x80, static_cast<uint8_t>(random()), file[at ^ 8]};
@@ -215,7 +215,7 @@ TEST(Broken, MutatedHivesDoNoHarm) {
         for (uint32_t i = 0; i < 40; i++) {
             const std::u16string name(1, static_cast<char16_t>(i % 2 != 0 ? u'a' + i : u'ж' + i));
             const Cell child = made(*hive, key, name, i % 4);
-            EXPECT_GE(hiveSetValue(*hive, child, name, i, Bytes(i == 5 ? 20000 : i % 9, 0x5A), 1), 0);
+            EXPECT_GE(hiveSetValue(*hive, child, name, i, ByteVector(i == 5 ? 20000 : i % 9, 0x5A), 1), 0);
             if (i % 7 == 3) key = child;
         }
         mutate(hiveImage(*hive), minor, 900);
@@ -248,7 +248,7 @@ TEST(Real, SoundHivesOpenAndStaySoundAndOthersAreRefused) {
             EXPECT_EQ(hiveOpen(image, hive, problem), status) << path << problem.text;
             EXPECT_EQ(problem.text.empty(), status == sound);
             if (hive == nullptr) continue;
-            Bytes changed;
+            ByteVector changed;
             EXPECT_EQ(hiveImage(*hive), image) << path;
             contentOf(*hive);
             if (image.size() > 3000000) continue;

@@ -36,7 +36,7 @@ TEST(Save, WritesChangedPagesInTheRightOrder) {
     EXPECT_EQ(store.calls, "gbfpfBf") << "a hive without changes is not touched";
     EXPECT_EQ(store.file, hiveImage(*hive));
 
-    /* What lies behind the bins stays; a little change writes little. */
+    /* What lies after the bins stays; a little change writes little. */
     const size_t end = store.file.size();
     store.file.resize(end + 8192, 0xAB);
     hive = opened(store.file);
@@ -53,15 +53,15 @@ TEST(Save, WritesChangedPagesInTheRightOrder) {
 }
 
 TEST(Save, FailureAtAnyCallCanBeMadeGood) {
-    const Bytes start = hiveImage(*variedHive(3));
+    const ByteVector start = hiveImage(*variedHive(3));
     bool failed = true;
     for (size_t at = 0; failed; at++) {
         const HivePtr hive = opened(start);
         RecordingStore store;
         store.file = start;
-        store.file.resize(start.size() + 8192, 0xAB); /* the hive grows over what lies behind */
+        store.file.resize(start.size() + 8192, 0xAB); /* the hive grows over what comes after */
         store.failAt = static_cast<int>(at);
-        ASSERT_GE(hiveSetValue(*hive, hiveRoot(*hive), u"large", 3, Bytes(100000, 7), 6), 0);
+        ASSERT_GE(hiveSetValue(*hive, hiveRoot(*hive), u"large", 3, ByteVector(100000, 7), 6), 0);
         failed = hiveSave(*hive, store) < 0;
         EXPECT_EQ(hiveChanged(*hive), failed);
         EXPECT_EQ(failed, store.calls.size() == at + 1) << "nothing is tried after a failure";
@@ -93,7 +93,7 @@ void withoutMemory(Hive& hive, Change change) {
 TEST(Memory, FailureChangesNothing) {
     const HivePtr hive = variedHive(5);
     const Cell root = hiveRoot(*hive);
-    const Bytes large(300000, 1), descriptor = someDescriptor(20), other = someDescriptor(21);
+    const ByteVector large(300000, 1), descriptor = someDescriptor(20), other = someDescriptor(21);
     const std::u16string name(100, u'п');
     Cell child = noCell;
     withoutMemory(*hive, [&] {

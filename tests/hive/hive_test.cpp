@@ -21,12 +21,12 @@ INSTANTIATE_TEST_SUITE_P(All, Versions, testing::Values(3, 4, 5, 6));
 
 TEST_P(Versions, ImageOfVariedHiveIsSoundAndKeepsItsContent) {
     const HivePtr hive = variedHive(GetParam());
-    const Bytes image = hiveImage(*hive);
+    const ByteVector image = hiveImage(*hive);
     EXPECT_EQ(faultOf(image), "");
     const HivePtr again = opened(image);
     EXPECT_TRUE(hiveMinorVersion(*again) == GetParam() && !hiveChanged(*again));
     EXPECT_EQ(contentOf(*again), contentOf(*hive));
-    Bytes after;
+    ByteVector after;
     EXPECT_TRUE(exercise(image, &after));
     EXPECT_EQ(faultOf(after), "");
 }
@@ -39,12 +39,12 @@ TEST_P(Versions, DataGrowsAndShrinksThroughAllForms) {
     for (size_t i = sizes.size(); i > 0; i--) sizes.push_back(sizes[i - 1]);
     for (const size_t size : {16344, 1048576, 4, 200000, 0}) sizes.push_back(size);
     for (const size_t size : sizes) {
-        const Bytes data = someBytes(random, size);
+        const ByteVector data = someBytes(random, size);
         ASSERT_GE(hiveSetValue(*hive, root, u"Data", 3, data, 9), 0);
         EXPECT_EQ(valuesOf(*hive, root).at(0), std::tuple(u"Data", 3u, data));
         HiveValue value{};
         ASSERT_GE(hiveFindValue(*hive, root, u"dATA", value), 0);
-        Bytes start(std::min<size_t>(size, 20000));
+        ByteVector start(std::min<size_t>(size, 20000));
         hiveValueData(*hive, value, start);
         EXPECT_TRUE(std::equal(start.begin(), start.end(), data.begin()));
         ASSERT_EQ(faultOf(hiveImage(*hive)), "") << size;
@@ -65,7 +65,7 @@ TEST_P(Versions, FiveThousandChildrenComeAndGo) {
     const auto below = [](const auto& a, const auto& b) { return compareFolded(a, b) < 0; };
     std::shuffle(names.begin(), names.end(), random);
     for (; !names.empty(); names.pop_back()) {
-        const Bytes image = names.size() % 400 == 200 ? hiveImage(*hive) : Bytes();
+        const ByteVector image = names.size() % 400 == 200 ? hiveImage(*hive) : ByteVector();
         if (!image.empty()) {
             ASSERT_EQ(faultOf(image), "");
             std::vector<std::u16string> sorted(names);
@@ -104,13 +104,13 @@ TEST(Names, FoldAndKeepTheirLetters) {
         std::u16string other(name);
         for (char16_t& unit : other) unit = upcase(unit);
         Cell child = noCell, found = made(*hive, root, name);
-        EXPECT_EQ(hiveCreateSubkey(*hive, root, other, {}, Bytes(20), 0, 7, child),
+        EXPECT_EQ(hiveCreateSubkey(*hive, root, other, {}, ByteVector(20), 0, 7, child),
                   STATUS_OBJECT_NAME_COLLISION);
         EXPECT_TRUE(hiveFindSubkey(*hive, root, other, child) >= 0 && child == found);
         EXPECT_EQ(contentOf(*hive, child).name, name);
-        EXPECT_GE(hiveSetValue(*hive, root, name, 1, Bytes(8, 1), 7), 0);
-        EXPECT_GE(hiveSetValue(*hive, root, other, 2, Bytes(9, 2), 7), 0);
-        EXPECT_EQ(valuesOf(*hive, root).back(), std::tuple(name, 2u, Bytes(9, 2)));
+        EXPECT_GE(hiveSetValue(*hive, root, name, 1, ByteVector(8, 1), 7), 0);
+        EXPECT_GE(hiveSetValue(*hive, root, other, 2, ByteVector(9, 2), 7), 0);
+        EXPECT_EQ(valuesOf(*hive, root).back(), std::tuple(name, 2u, ByteVector(9, 2)));
     }
     EXPECT_EQ(valuesOf(*hive, root).size(), 7u);
     EXPECT_GE(hiveSetValue(*hive, root, longestValue, 1, {}, 7), 0);
@@ -123,12 +123,12 @@ TEST(Keys, RefusalsChangeNothing) {
     const HivePtr hive = newHive(5);
     const Cell root = hiveRoot(*hive), key = made(*hive, root, u"Key");
     const std::u16string tooLong(longestKeyName + 1, u'a');
-    const Bytes one(20), large(65536);
+    const ByteVector one(20), large(65536);
     Cell kept = noCell, child = noCell;
     ASSERT_GE(hiveCreateSubkey(*hive, key, u"Kept", {}, one, HIVE_KEY_NO_DELETE | HIVE_KEY_LINK, 7, kept), 0);
     EXPECT_TRUE(hiveKeyIsLink(*hive, kept) && !hiveKeyIsLink(*hive, key));
-    const Bytes before = hiveImage(*hive);
-    const auto create = [&](std::u16string_view name, const Bytes& text, const Bytes& descriptor,
+    const ByteVector before = hiveImage(*hive);
+    const auto create = [&](std::u16string_view name, const ByteVector& text, const ByteVector& descriptor,
                             uint16_t flags) {
         return hiveCreateSubkey(*hive, root, name, text, descriptor, flags, 9, child);
     };
@@ -164,7 +164,7 @@ TEST(Keys, StampTheTimeAndShareDescriptors) {
     EXPECT_EQ(stamp(hiveSetKeyDescriptor(*hive, root, of(child), 402), root), 402u);
     EXPECT_EQ(of(first).data(), of(root).data());
     EXPECT_EQ(stamp(hiveDeleteKey(*hive, child, 500), second), 500u);
-    EXPECT_EQ(stamp(hiveSetValue(*hive, first, u"", 1, Bytes(3), 600), first), 600u);
+    EXPECT_EQ(stamp(hiveSetValue(*hive, first, u"", 1, ByteVector(3), 600), first), 600u);
     EXPECT_EQ(stamp(hiveDeleteValue(*hive, first, u"", 700), first), 700u);
     EXPECT_EQ(faultOf(hiveImage(*hive)), "");
 }
@@ -180,7 +180,7 @@ struct Random {
         for (char16_t& unit : text) unit = below(2) != 0 ? upcase(unit) : unit;
         return text;
     }
-    Bytes data() {
+    ByteVector data() {
         const size_t longest[] = {5, 100, 3000, 50000};
         return someBytes(engine, below(longest[below(20) == 0 ? 3 : below(3)]));
     }
@@ -213,7 +213,7 @@ void change(Hive& hive, Content& root, Random& random) {
                   taken ? STATUS_OBJECT_NAME_COLLISION : STATUS_SUCCESS);
         if (!taken) key->subkeys.insert(place, fresh);
     } else if (what < 6) {
-        const Bytes data = random.data();
+        const ByteVector data = random.data();
         ASSERT_GE(hiveSetValue(hive, cell, name, seed, data, 1), 0);
         if (!there) values.emplace_back(name, seed, data);
         if (there) *value = {get<0>(*value), seed, data};
@@ -239,7 +239,7 @@ TEST_P(Versions, RandomChangesMatchAModel) {
         change(*hive, root, random);
         if (HasFatalFailure()) return;
         if (step % 500 != 0) continue;
-        const Bytes image = hiveImage(*hive);
+        const ByteVector image = hiveImage(*hive);
         ASSERT_EQ(faultOf(image), "") << step;
         if (step % 1000 == 0) hive = opened(image);
         ASSERT_TRUE(contentOf(*hive) == root) << step;

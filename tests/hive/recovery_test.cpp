@@ -9,7 +9,7 @@ namespace offline::test {
 namespace {
 
 struct Dirty {
-    Bytes hive;
+    ByteVector hive;
     HiveLogs logs;
 };
 
@@ -26,14 +26,14 @@ size_t recoveredKeys(const Dirty& dirty) {
     if (openDirty(dirty, hive) < 0) return 0;
     EXPECT_TRUE(hiveRecovered(*hive));
     EXPECT_FALSE(hiveChanged(*hive));
-    const Bytes image = hiveImage(*hive);
+    const ByteVector image = hiveImage(*hive);
     EXPECT_EQ(faultOf(image), "");
     EXPECT_FALSE(hiveNeedsLogs(image));
     return keysOf(*hive).size();
 }
 
 TEST(Recovery, RealHives) {
-    std::map<std::string, Bytes> files = realHives("dirty");
+    std::map<std::string, ByteVector> files = realHives("dirty");
     if (files.empty()) GTEST_SKIP() << "the shared hives are not here";
     files.merge(realHives("dirty-windows10"));
     files.merge(realHives("dirty-windows7"));
@@ -67,7 +67,7 @@ TEST(Recovery, RealHives) {
 
 uint64_t marvin(const uint8_t* bytes, size_t length) {
     uint32_t low = 0x7A4E55C5, high = 0x82EF4D88;
-    Bytes padded(bytes, bytes + length);
+    ByteVector padded(bytes, bytes + length);
     padded.push_back(0x80);
     padded.resize((padded.size() + 3) / 4 * 4 + 4);
     for (size_t at = 0; at < padded.size(); at += 4) {
@@ -82,14 +82,14 @@ uint64_t marvin(const uint8_t* bytes, size_t length) {
 }
 
 struct Part {
-    size_t place;
-    Bytes bytes;
+    size_t offset;
+    ByteVector bytes;
 };
 
-Bytes entryOf(uint32_t sequence, uint32_t binsSize, const std::vector<Part>& parts) {
-    Bytes entry(40 + 8 * parts.size());
+ByteVector entryOf(uint32_t sequence, uint32_t binsSize, const std::vector<Part>& parts) {
+    ByteVector entry(40 + 8 * parts.size());
     for (size_t i = 0; i < parts.size(); i++) {
-        putNumber(entry, 40 + 8 * i, parts[i].place);
+        putNumber(entry, 40 + 8 * i, parts[i].offset);
         putNumber(entry, 44 + 8 * i, parts[i].bytes.size());
     }
     for (const Part& part : parts) entry.insert(entry.end(), part.bytes.begin(), part.bytes.end());
@@ -101,29 +101,29 @@ Bytes entryOf(uint32_t sequence, uint32_t binsSize, const std::vector<Part>& par
     return entry;
 }
 
-Bytes sealed(Bytes entry) {
+ByteVector sealed(ByteVector entry) {
     putNumber(entry, 24, marvin(entry.data() + 40, entry.size() - 40), 8);
     putNumber(entry, 32, marvin(entry.data(), 32), 8);
     return entry;
 }
 
 /* A log whose base block is the hive's. */
-Bytes logOf(const Bytes& hive, uint32_t sequence, const std::vector<Bytes>& entries) {
-    Bytes log(hive.begin(), hive.begin() + 512);
+ByteVector logOf(const ByteVector& hive, uint32_t sequence, const std::vector<ByteVector>& entries) {
+    ByteVector log(hive.begin(), hive.begin() + 512);
     putNumber(log, 4, sequence);
     putNumber(log, 8, sequence);
     putNumber(log, 28, 6);
     seal(log);
-    for (const Bytes& entry : entries) log.insert(log.end(), entry.begin(), entry.end());
+    for (const ByteVector& entry : entries) log.insert(log.end(), entry.begin(), entry.end());
     return log;
 }
 
 /* What changed from one file to another, page by page. */
-std::vector<Part> changes(const Bytes& from, const Bytes& to) {
+std::vector<Part> changes(const ByteVector& from, const ByteVector& to) {
     std::vector<Part> parts;
     for (size_t page = 4096; page < to.size(); page += 4096) {
-        const auto pageOf = [&](const Bytes& file) { return std::span(file).subspan(page, 4096); };
-        const Bytes now(pageOf(to).begin(), pageOf(to).end());
+        const auto pageOf = [&](const ByteVector& file) { return std::span(file).subspan(page, 4096); };
+        const ByteVector now(pageOf(to).begin(), pageOf(to).end());
         if (page >= from.size() || !std::equal(now.begin(), now.end(), pageOf(from).begin()))
             parts.push_back({page - 4096, now});
     }
@@ -133,13 +133,13 @@ std::vector<Part> changes(const Bytes& from, const Bytes& to) {
 /* A hive that stops at number 10, and its contents before and after two changes that only its logs hold. */
 class ForgedLogs : public testing::Test {
 protected:
-    Bytes base, once, twice;
+    ByteVector base, once, twice;
     uint32_t bins[3];
 
     void SetUp() override {
         const HivePtr hive = variedHive(5);
         base = hiveImage(*hive);
-        ASSERT_EQ(hiveSetValue(*hive, hiveRoot(*hive), u"first", 3, Bytes(100'000), 0), STATUS_SUCCESS);
+        ASSERT_EQ(hiveSetValue(*hive, hiveRoot(*hive), u"first", 3, ByteVector(100'000), 0), STATUS_SUCCESS);
         once = hiveImage(*hive);
         made(*hive, hiveRoot(*hive), u"second");
         twice = hiveImage(*hive);
@@ -162,11 +162,11 @@ protected:
 };
 
 TEST_F(ForgedLogs, WhichEntriesCount) {
-    const Bytes one = sealed(entryOf(10, bins[1], changes(base, once)));
-    const Bytes two = sealed(entryOf(11, bins[2], changes(once, twice)));
-    const Bytes gap = sealed(entryOf(12, bins[2], changes(once, twice)));
-    const Bytes stale = sealed(entryOf(9, bins[1], changes(base, once)));
-    Bytes torn = two, tornHead = two, unsealed = logOf(base, 10, {one});
+    const ByteVector one = sealed(entryOf(10, bins[1], changes(base, once)));
+    const ByteVector two = sealed(entryOf(11, bins[2], changes(once, twice)));
+    const ByteVector gap = sealed(entryOf(12, bins[2], changes(once, twice)));
+    const ByteVector stale = sealed(entryOf(9, bins[1], changes(base, once)));
+    ByteVector torn = two, tornHead = two, unsealed = logOf(base, 10, {one});
     for (uint8_t* byte : {&torn.back(), &tornHead[8], &unsealed[60]}) *byte ^= 1;
     EXPECT_EQ(reached({logOf(base, 10, {one, two}), {}}), 2);
     EXPECT_EQ(reached({logOf(base, 11, {two}), logOf(base, 10, {one})}), 2);
@@ -181,10 +181,10 @@ TEST_F(ForgedLogs, WhichEntriesCount) {
 
 /* The base block is lost; the log has one, and no entry or one that was never finished. */
 TEST_F(ForgedLogs, ABaseBlockFromALogWithoutEntries) {
-    Bytes torn = sealed(entryOf(10, bins[2], changes(once, twice)));
+    ByteVector torn = sealed(entryOf(10, bins[2], changes(once, twice)));
     torn.back() ^= 1;
     for (const HiveLogs& logs : {HiveLogs{logOf(once, 10, {}), {}}, HiveLogs{{}, logOf(once, 10, {torn})}}) {
-        Bytes lost = once;
+        ByteVector lost = once;
         std::fill_n(lost.begin(), 4096, uint8_t{0});
         HivePtr hive;
         ASSERT_EQ(openDirty({lost, logs}, hive), STATUS_SUCCESS);
@@ -196,7 +196,7 @@ TEST_F(ForgedLogs, ABaseBlockFromALogWithoutEntries) {
     /* Of two, the later one: the other is from before the hive grew. */
     for (const HiveLogs& logs : {HiveLogs{logOf(base, 9, {}), logOf(once, 10, {})},
                                  HiveLogs{logOf(once, 10, {}), logOf(base, 9, {})}}) {
-        Bytes lost = once;
+        ByteVector lost = once;
         std::fill_n(lost.begin(), 4096, uint8_t{0});
         HivePtr hive;
         ASSERT_EQ(openDirty({lost, logs}, hive), STATUS_SUCCESS);
@@ -209,13 +209,13 @@ TEST_F(ForgedLogs, EntriesThatReachBeyondTheirBounds) {
         // clang-format off
         {20, 0xFFFFFFFF}, /* parts than there is room to list */
         {44, 0xFFFFF000}, {44, 0}, /* a part longer than the entry, or empty */
-        {40, bins[1]}, {40, 0xFFFFFFFF}, /* behind the bins */
+        {40, bins[1]}, {40, 0xFFFFFFFF}, /* after the bins */
         {16, 0x7FFFF000}, {16, bins[1] + 512}, /* bins that nothing could fill */
         {4, 0}, {4, 0xFFFFFE00},
         // clang-format on
     };
     for (const auto& [at, number] : rows) {
-        Bytes entry = entryOf(10, bins[1], changes(base, once));
+        ByteVector entry = entryOf(10, bins[1], changes(base, once));
         putNumber(entry, at, number);
         EXPECT_EQ(reached({logOf(base, 10, {sealed(entry)}), {}}), 0) << at << ": " << number;
     }
@@ -226,7 +226,7 @@ TEST_F(ForgedLogs, SavedWithTheFirstChange) {
     RecordingStore store;
     store.file = base;
     HivePtr hive;
-    const Bytes log = logOf(base, 10, {sealed(entryOf(10, bins[2], changes(base, twice)))});
+    const ByteVector log = logOf(base, 10, {sealed(entryOf(10, bins[2], changes(base, twice)))});
     ASSERT_EQ(openDirty({base, {log, {}}}, hive), STATUS_SUCCESS);
     ASSERT_EQ(hiveSave(*hive, store), STATUS_SUCCESS);
     EXPECT_EQ(store.calls, "");

@@ -19,7 +19,7 @@ struct Trees : Keys {
 };
 
 TEST_F(Trees, CopyOfEverything) {
-    const Bytes special = systemOnly(), big(100000, 7);
+    const ByteVector special = systemOnly(), big(100000, 7);
     for (const uint32_t flags : {0u, 0u + REG_NO_VALUES, 0u + REG_NO_SECURITY}) {
         clear("from to");
         grow("from to from\\b");
@@ -38,7 +38,7 @@ TEST_F(Trees, CopyOfEverything) {
             ULONG type = 0;
             EXPECT_TRUE(get("to\\a", "", &type) == big && type == 0x12345);
             EXPECT_TRUE(get("to\\a", "none", &type).empty() && type == REG_NONE);
-            EXPECT_EQ(get("to\\a\\x", "v"), Bytes({1, 2, 3, 4}));
+            EXPECT_EQ(get("to\\a\\x", "v"), ByteVector({1, 2, 3, 4}));
             EXPECT_EQ(get("to", "top"), bytesOf(u"1"));
         }
         EXPECT_EQ(descriptor("to\\a") == special, flags != REG_NO_SECURITY);

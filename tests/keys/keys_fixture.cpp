@@ -113,7 +113,7 @@ std::u16string wide(std::string_view text) {
     return {text.begin(), text.end()};
 }
 
-Bytes bytesOf(std::u16string_view text) {
+ByteVector bytesOf(std::u16string_view text) {
     const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
     return {bytes, bytes + text.size() * sizeof(WCHAR)};
 }
@@ -204,15 +204,15 @@ void Keys::clear(const std::string& names) {
     }
 }
 
-void Keys::set(std::string_view path, std::string_view name, ULONG type, const Bytes& data) {
+void Keys::set(std::string_view path, std::string_view name, ULONG type, const ByteVector& data) {
     const std::u16string valueName = wide(name);
     UNICODE_STRING text = counted(valueName);
     void* bytes = const_cast<uint8_t*>(data.data());
     EXPECT_EQ(ZwSetValueKey(at(path), &text, 0, type, bytes, static_cast<ULONG>(data.size())), 0) << path;
 }
 
-Bytes Keys::get(std::string_view path, std::string_view name, ULONG* type) {
-    Bytes data(1 << 21);
+ByteVector Keys::get(std::string_view path, std::string_view name, ULONG* type) {
+    ByteVector data(1 << 21);
     DWORD kind = 0, size = 1 << 21;
     EXPECT_EQ(
         __real_RegQueryValueExW(asHkey(at(path)), wide(name).c_str(), nullptr, &kind, data.data(), &size), 0)
@@ -233,17 +233,17 @@ static Cell _cellOf(const Hive& hive, std::string_view path) {
     return cell;
 }
 
-void Keys::describe(std::string_view path, const Bytes& descriptor) {
+void Keys::describe(std::string_view path, const ByteVector& descriptor) {
     EXPECT_EQ(hiveSetKeyDescriptor(*hive, _cellOf(*hive, path), descriptor, 0), STATUS_SUCCESS);
 }
 
-Bytes Keys::descriptor(std::string_view path) {
+ByteVector Keys::descriptor(std::string_view path) {
     const auto stored = hiveKeyDescriptor(*hive, _cellOf(*hive, path));
     return {stored.begin(), stored.end()};
 }
 
-int Keys::holds(std::string_view path, const Bytes& sid) {
-    const Bytes image = descriptor(path);
+int Keys::holds(std::string_view path, const ByteVector& sid) {
+    const ByteVector image = descriptor(path);
     int found = 0;
     for (auto at = image.begin(); at + 24 <= image.end(); at++)
         found += std::equal(sid.begin(), sid.end(), at) ? 1 : 0;

@@ -32,8 +32,8 @@ extern bool opensNoted; /* opens and their attributes are to be among the events
 
 /* The SIDs of these tests as text, the old one and the new one; of different lengths. */
 extern const std::string oldText, newText;
-std::u16string wide(std::string_view text); /* ASCII */
-Bytes bytesOf(std::u16string_view text);    /* without a terminator */
+std::u16string wide(std::string_view text);   /* ASCII */
+ByteVector bytesOf(std::u16string_view text); /* without a terminator */
 
 struct Keys : RegistryTest {
     void SetUp() override;
@@ -52,11 +52,11 @@ struct Keys : RegistryTest {
     /* Keys by their paths, "OLD" for the old SID, with blanks between; each stands behind its parent. */
     void grow(const std::string& paths);
     void clear(const std::string& names); /* keys below the root, with all that they hold */
-    void set(std::string_view path, std::string_view name, ULONG type, const Bytes& data);
-    Bytes get(std::string_view path, std::string_view name, ULONG* type = nullptr);
-    void describe(std::string_view path, const Bytes& descriptor);
-    Bytes descriptor(std::string_view path);
-    int holds(std::string_view path, const Bytes& sid); /* how often the descriptor does */
+    void set(std::string_view path, std::string_view name, ULONG type, const ByteVector& data);
+    ByteVector get(std::string_view path, std::string_view name, ULONG* type = nullptr);
+    void describe(std::string_view path, const ByteVector& descriptor);
+    ByteVector descriptor(std::string_view path);
+    int holds(std::string_view path, const ByteVector& sid); /* how often the descriptor does */
     std::string classOf(std::string_view path);
     bool there(std::string_view path);
 

@@ -23,17 +23,17 @@ const Legend legend = {
 // clang-format on
 
 struct Open : Keys {
-    const Bytes own = makeDescriptor(administratorsSid, {{2, KEY_ALL_ACCESS, systemSid}});
+    const ByteVector own = makeDescriptor(administratorsSid, {{2, KEY_ALL_ACCESS, systemSid}});
     void SetUp() override {
         Keys::SetUp();
         grow("a");
         describe("a", own);
     }
     /* What can be put back of a key's descriptor. */
-    Bytes restorable(std::string_view path) {
+    ByteVector restorable(std::string_view path) {
         memBuf read = {};
         EXPECT_EQ(regGetKeySec(at(path), REG_SEC_ALL, &read), 0u);
-        Bytes parts(read.data, read.data + read.size);
+        ByteVector parts(read.data, read.data + read.size);
         memBufFree(&read);
         return parts;
     }
@@ -148,7 +148,7 @@ TEST_F(Open, OutcomesOfTheRecovery) {
     // clang-format on
     UNICODE_STRING name = counted(u"a");
     const OBJECT_ATTRIBUTES attributes = regAttributesBelow(at(""), &name);
-    const Bytes parts = restorable("a");
+    const ByteVector parts = restorable("a");
     const Answers platform = answer;
     for (const auto& row : rows) {
         SCOPED_TRACE(&row - rows);
@@ -194,7 +194,7 @@ TEST_F(Open, DescriptorsOfOpenKeys) {
         unsigned before, after;
     } rows[] = {{0, 0}, {0x400, 0x500}, {0x800, 0xA00}, {0xC00, 0xF00}, {0x1100, 0x1100}};
     for (const auto& row : rows) {
-        Bytes made = openToAll();
+        ByteVector made = openToAll();
         const unsigned control = made[2] + 256u * made[3];
         made[3] = static_cast<uint8_t>((control | row.before) >> 8);
         EXPECT_EQ(regSetKeySec(key, REG_SEC_ALL, made.data()), 0u);
@@ -218,10 +218,10 @@ TEST_F(Open, DescriptorsOfOpenKeys) {
  * rewritten. A key that refuses even to be read is treated all the same, but its descriptor can't be put
  * back; without the privilege to take ownership the scan ends there. */
 TEST_F(Open, DescriptorsStay) {
-    const Bytes system = sid({18}), group = derived(oldSid, 513);
+    const ByteVector system = sid({18}), group = derived(oldSid, 513);
     const std::vector<Ace> audit = {{2, oldSid}}, denying = {{1, system}, {0, oldSid}}, shut = {{0, system}};
-    const Bytes refusing = image({administrators, group, denying, audit});
-    const Bytes unreadable = image({system, system, shut, audit});
+    const ByteVector refusing = image({administrators, group, denying, audit});
+    const ByteVector unreadable = image({system, system, shut, audit});
     Legend told = {{"DEBUG regReplaceSIDInValues: Replaced old SID in value  ", ""},
                    {"INFO regReplaceSIDInValues: Found old SID in value  ", "found "},
                    {" (simulation mode)", ""},
@@ -229,7 +229,7 @@ TEST_F(Open, DescriptorsStay) {
                    {"DEBUG _regOpenCreateKey: Finally open a, access=0x2000f", "open"}};
     told.insert(told.end(), legend.begin(), legend.end());
     const struct {
-        const Bytes& descriptor;
+        const ByteVector& descriptor;
         uint32_t flags;
         bool allowed; /* taking ownership */
         bool back;    /* the descriptor */
@@ -247,7 +247,7 @@ TEST_F(Open, DescriptorsStay) {
     for (const auto& row : rows) {
         for (const char* path : {"k\\a", "k\\a\\x"}) set(path, "v", REG_BINARY, oldSid);
         describe("k\\a", row.descriptor);
-        const Bytes before = restorable("k\\a");
+        const ByteVector before = restorable("k\\a");
         const HANDLE key = at("k", 0x10E001F);
         check(true, row.allowed);
         const std::string line = outcome(told, [&] {

@@ -110,9 +110,9 @@ TEST_F(Paths, ServerGuid) {
         refuse(row.faults);
         EXPECT_EQ(outcome(legend, [&] { return lanmanServerReplaceGuid(root); }), row.expected);
         ULONG type = 0;
-        const Bytes guid = get(path, "Guid", &type);
-        const bool written = guid == Bytes(16, 0x5A) && type == REG_BINARY;
-        EXPECT_TRUE(row.expected == "0" ? written : guid == Bytes({1, 2})) << row.expected;
+        const ByteVector guid = get(path, "Guid", &type);
+        const bool written = guid == ByteVector(16, 0x5A) && type == REG_BINARY;
+        EXPECT_TRUE(row.expected == "0" ? written : guid == ByteVector({1, 2})) << row.expected;
     }
 }
 

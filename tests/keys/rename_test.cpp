@@ -140,7 +140,7 @@ TEST_F(Names, TheSameName) {
  * told.
  */
 TEST_F(Names, AnySingleFailure) {
-    const Bytes described = image({oldSid, administrators, std::vector<Ace>{{0, oldSid}}, {}});
+    const ByteVector described = image({oldSid, administrators, std::vector<Ace>{{0, oldSid}}, {}});
     const auto build = [&] {
         clear("k");
         grow("k k\\OLD k\\OLD\\s");
@@ -158,7 +158,7 @@ TEST_F(Names, AnySingleFailure) {
         SCOPED_TRACE(what + ": " + told);
         const std::string left = there(oldKey + "\\s") ? oldKey : newKey;
         for (const std::string& path : {left, left + "\\s"}) {
-            const Bytes value = get(path, "v");
+            const ByteVector value = get(path, "v");
             EXPECT_TRUE(value == bytesOf(wide(oldText)) || value == bytesOf(wide(newText)));
         }
         EXPECT_TRUE(there(oldKey + "\\link") || there(newKey + "\\link"));

@@ -272,7 +272,7 @@ TEST_F(Scan, WriteBack) {
          {{"RegSetKeySecurity", "a", ERROR_INVALID_PARAMETER, 2}}, false},
     };
     // clang-format on
-    const Bytes refusing = makeDescriptor(administratorsSid, {{0, KEY_QUERY_VALUE, administratorsSid}});
+    const ByteVector refusing = makeDescriptor(administratorsSid, {{0, KEY_QUERY_VALUE, administratorsSid}});
     const auto runRefused = [&] {
         grow("p p\\a p\\a\\x");
         describe("p\\a", refusing);

@@ -27,30 +27,30 @@ struct Values : Keys {
 };
 
 const std::u16string oldWide = wide(oldText), newWide = wide(newText), nul(1, u'\0');
-Bytes operator+(Bytes one, const Bytes& other) {
+ByteVector operator+(ByteVector one, const ByteVector& other) {
     one.insert(one.end(), other.begin(), other.end());
     return one;
 }
-Bytes chars(const std::u16string& text) {
+ByteVector chars(const std::u16string& text) {
     return bytesOf(text);
 }
 /* Text that begins with the old SID, and with the new one in its place. */
-Bytes was(const std::u16string& tail = {}) {
+ByteVector was(const std::u16string& tail = {}) {
     return chars(oldWide + tail);
 }
-Bytes is(const std::u16string& tail = {}) {
+ByteVector is(const std::u16string& tail = {}) {
     return chars(newWide + tail);
 }
 
 /* By type and shape, each in prefix mode and in exact mode. */
 TEST_F(Values, TypesAndShapes) {
-    const Bytes noise = {1, 5, 0, 0, 21}, odd = {'z'}, rid9 = derived(oldSid, 9),
-                cut(oldSid.begin() + 1, oldSid.end());
+    const ByteVector noise = {1, 5, 0, 0, 21}, odd = {'z'}, rid9 = derived(oldSid, 9),
+                     cut(oldSid.begin() + 1, oldSid.end());
     const std::u16string other = u"S-1-5-21-1-2-3-4" + nul, most = u"-" + std::u16string(32725, 'y');
     // clang-format off
     const struct {
-        const char* what; ULONG type; Bytes before;
-        std::vector<Bytes> after; /* left alone; or by both modes; or by prefix mode and by exact mode */
+        const char* what; ULONG type; ByteVector before;
+        std::vector<ByteVector> after; /* left alone; or by both modes; or by prefix mode and by exact mode */
     } rows[] = {
         {"nothing", REG_SZ, {}, {}},
         {"the SID", REG_SZ, was(), {is()}},
@@ -65,7 +65,7 @@ TEST_F(Values, TypesAndShapes) {
         {"one character short", REG_SZ, chars(oldWide.substr(0, oldWide.size() - 1)), {}},
         {"odd tail", REG_SZ, was(u"-1") + odd, {is(u"-1") + odd, was(u"-1") + odd}},
         {"half a character behind", REG_SZ, was() + odd, {}},
-        {"half a hyphen behind", REG_SZ, was() + Bytes{'-'}, {}},
+        {"half a hyphen behind", REG_SZ, was() + ByteVector{'-'}, {}},
         {"65,535 afterwards", REG_SZ, was(most) + odd, {is(most) + odd, was(most) + odd}},
         {"65,536 afterwards", REG_SZ, was(most + u"y"), {}},
         {"expandable", REG_EXPAND_SZ, was(u"-1"), {}},
@@ -75,9 +75,9 @@ TEST_F(Values, TypesAndShapes) {
         {"SIDs", REG_BINARY, noise + rid9 + oldSid,
          {noise + derived(newSid, 9) + newSid, noise + rid9 + newSid}},
         {"SIDs of no type", REG_NONE, oldSid + oldSid, {newSid + newSid}},
-        {"65,535", REG_BINARY, Bytes(65511) + oldSid, {Bytes(65511) + newSid}},
-        {"65,536", REG_BINARY, Bytes(65512) + oldSid, {Bytes(65512) + newSid}},
-        {"1 MiB", REG_NONE, oldSid + Bytes(1048528) + oldSid, {newSid + Bytes(1048528) + newSid}},
+        {"65,535", REG_BINARY, ByteVector(65511) + oldSid, {ByteVector(65511) + newSid}},
+        {"65,536", REG_BINARY, ByteVector(65512) + oldSid, {ByteVector(65512) + newSid}},
+        {"1 MiB", REG_NONE, oldSid + ByteVector(1048528) + oldSid, {newSid + ByteVector(1048528) + newSid}},
         {"one byte", REG_MULTI_SZ, odd, {}},
         {"a NUL", REG_MULTI_SZ, chars(nul), {}},
         {"first and third", REG_MULTI_SZ, was(nul + other + oldWide + u"-7" + nul + nul),
@@ -88,13 +88,15 @@ TEST_F(Values, TypesAndShapes) {
         {"odd end", REG_MULTI_SZ, was(nul + oldWide + u"-1") + odd,
          {is(nul + newWide + u"-1") + odd, is(nul + oldWide + u"-1") + odd}},
         {"odd behind a NUL", REG_MULTI_SZ, was(nul) + odd, {is(nul) + odd}},
-        {"200,000 in all", REG_MULTI_SZ, was(nul) + Bytes(200000) + was(nul),
-         {is(nul) + Bytes(200000) + is(nul)}},
+        {"200,000 in all", REG_MULTI_SZ, was(nul) + ByteVector(200000) + was(nul),
+         {is(nul) + ByteVector(200000) + is(nul)}},
     };
     // clang-format on
     for (const auto& row : rows) {
         for (const uint32_t exact : {0u, 0u + SID_EXACT}) {
-            const Bytes expected = row.after.empty() ? row.before : exact ? row.after.back() : row.after[0];
+            const ByteVector expected = row.after.empty() ? row.before
+                                        : exact           ? row.after.back()
+                                                          : row.after[0];
             set("k", "v", row.type, row.before);
             run(SID_REPLACE_VALUES | SID_SIMULATE | exact);
             EXPECT_TRUE(get("k", "v") == row.before) << row.what;
@@ -119,14 +121,14 @@ TEST_F(Values, ShrinkingStrings) {
  * that is told, by its place and its head. */
 TEST_F(Values, StringsTooLong) {
     const std::u16string tail = u"-" + std::u16string(32760, 'y');
-    const Bytes held = was(tail.substr(0, 32727)), foreign = chars(u"x" + oldWide + tail);
+    const ByteVector held = was(tail.substr(0, 32727)), foreign = chars(u"x" + oldWide + tail);
     const auto left = [](const char* bytes) {
         return std::string("WARN regReplaceSIDInValues: Too long a string with the old SID (") + bytes +
                " bytes), left alone in value  \\v: OLD-" + std::string(59, 'y') + "..., ";
     };
     const struct {
         ULONG type;
-        Bytes before, after;
+        ByteVector before, after;
         std::string told;
     } rows[] = {
         {REG_MULTI_SZ, was(tail + nul + oldWide), was(tail + nul + newWide), left("65562") + "v, 0"},
@@ -154,7 +156,7 @@ TEST_F(Values, StringsTooLong) {
 
 /* However many strings a multi-string has, the time grows as its length does. */
 TEST_F(Values, ManyStrings) {
-    Bytes before, after;
+    ByteVector before, after;
     for (int i = 0; i < 80000; i++) {
         before += was(nul);
         after += is(nul);
@@ -167,7 +169,7 @@ TEST_F(Values, ManyStrings) {
     allocationsLeft = 2;  // the string that is rewritten, and the whole value once
     EXPECT_EQ(regReplaceSIDInData(REG_MULTI_SZ, &input, &output, &ctx, &changed), 0u);
     allocationsLeft = -1;
-    EXPECT_TRUE(changed == 1 && Bytes(output.Buffer, output.Buffer + output.Length) == after);
+    EXPECT_TRUE(changed == 1 && ByteVector(output.Buffer, output.Buffer + output.Length) == after);
     sidCtxFree(&ctx);
 }
 
@@ -214,7 +216,7 @@ TEST_F(Values, MessagesAndFailures) {
 
 /* No memory for a value's record, its string or its multi-string: 8, and nothing of it is written. */
 TEST_F(Values, NoMemory) {
-    const Bytes before = was(u"-" + std::u16string(400, 'y') + nul);
+    const ByteVector before = was(u"-" + std::u16string(400, 'y') + nul);
     set("k", "v", REG_MULTI_SZ, before);
     allocationsLeft = 1000;
     run(SID_REPLACE_VALUES | SID_SIMULATE);
@@ -257,7 +259,8 @@ TEST_F(Values, Walk) {
 }
 
 TEST_F(Values, DescriptorsReadAndWritten) {
-    const auto parts = [](const Bytes& owner, const Bytes& group, const Bytes& sid, size_t entries) {
+    const auto parts = [](const ByteVector& owner, const ByteVector& group, const ByteVector& sid,
+                          size_t entries) {
         return image({owner, group, std::vector<Ace>(entries, Ace{0, sid}), std::vector<Ace>{{2, sid}}});
     };
     const auto both = parts(derived(oldSid, 5), derived(oldSid, 6), oldSid, 2);
@@ -267,7 +270,7 @@ TEST_F(Values, DescriptorsReadAndWritten) {
     const std::string failed = "ERROR sidReplaceInKeySD: Failed to replace old SID in key SD , 1359 ";
     // clang-format off
     const struct {
-        Bytes before, after;
+        ByteVector before, after;
         std::string expected; /* messages, code, reads, writes, and how often the success is told */
         std::vector<Fault> faults = {};
         uint32_t flags = 0;

@@ -59,8 +59,8 @@ DWORD __wrap__Z24sidReplaceInSelectedKeysP6HKEY__jPKhjS2_j(HKEY root, uint32_t f
                                                            uint32_t newSize) {
     note("selected %#x", flags);
     EXPECT_TRUE(root == HKEY_LOCAL_MACHINE && oldSize == 24 && newSize == 24);
-    EXPECT_EQ(Bytes(sidOld, sidOld + 24), oldSid);
-    EXPECT_EQ(Bytes(sidNew, sidNew + 24), sid({21, 0x03020100, 0x07060504, 0x0B0A0908}));
+    EXPECT_EQ(ByteVector(sidOld, sidOld + 24), oldSid);
+    EXPECT_EQ(ByteVector(sidNew, sidNew + 24), sid({21, 0x03020100, 0x07060504, 0x0B0A0908}));
     return machine.selected;
 }
 
@@ -178,7 +178,7 @@ protected:
         answer.GetFileSecurityW = [](LPCWSTR path, SECURITY_INFORMATION, PSECURITY_DESCRIPTOR target, DWORD,
                                      LPDWORD) {
             if (path[6] == 0) note("walk %ws", path);
-            const Bytes descriptor = image({administrators, administrators});
+            const ByteVector descriptor = image({administrators, administrators});
             memcpy(target, descriptor.data(), descriptor.size());
             return TRUE;
         };

@@ -4,7 +4,7 @@
 #include "tests/volume/images.h"
 
 using namespace offline;
-using images::Bytes;
+using images::ByteVector;
 using images::descriptor;
 using images::OpenVolume;
 using images::put;
@@ -17,16 +17,16 @@ struct DescriptorTest : images::ImageTest {
         ImageTest::SetUp();
         image = ntfsImage();
     }
-    static FileRef make(OpenVolume& opened, std::u16string_view name, const Bytes& bytes) {
+    static FileRef make(OpenVolume& opened, std::u16string_view name, const ByteVector& bytes) {
         FileRef file = 0;
         EXPECT_EQ(volumeCreate(opened.get(), rootDirectory, name, NewFile::file, bytes, file),
                   STATUS_SUCCESS);
         return file;
     }
-    static Bytes read(OpenVolume& opened, FileRef file) {
+    static ByteVector read(OpenVolume& opened, FileRef file) {
         std::span<const uint8_t> bytes;
         EXPECT_EQ(volumeDescriptor(opened.get(), file, bytes), STATUS_SUCCESS);
-        return Bytes(bytes.begin(), bytes.end());
+        return ByteVector(bytes.begin(), bytes.end());
     }
     void expectSound() const {
         std::string report = images::outputOf("ntfssecaudit -ar " + image);
@@ -34,28 +34,28 @@ struct DescriptorTest : images::ImageTest {
         EXPECT_NE(report.find("No errors were found"), std::string::npos) << report;
     }
     /* Where a file's record lies in the image; its MFT is in one piece. */
-    static size_t recordPlace(const Bytes& bytes, FileRef file) {
+    static size_t recordPlace(const ByteVector& bytes, FileRef file) {
         return images::get<uint64_t>(bytes, 0x30) * bytes[0x0D] * 512 + (file & 0xFFFFFFFF) * 1024;
     }
-    static size_t securityIdPlace(const Bytes& bytes, FileRef file) {
+    static size_t securityIdPlace(const ByteVector& bytes, FileRef file) {
         size_t record = recordPlace(bytes, file);
         return record + images::get<uint16_t>(bytes, record + 20) + 24 + 52;
     }
 };
 
 TEST_F(DescriptorTest, KeptByteForByteAndShared) {
-    std::vector<Bytes> shapes = {descriptor(500)};
+    std::vector<ByteVector> shapes = {descriptor(500)};
     for (int control : {0x9C04, 0x8404, 0x8C14, 0x8004, 0x8804}) {
         shapes.push_back(descriptor(600, static_cast<uint16_t>(control)));
     }
-    Bytes conditional = descriptor(700); /* an entry of a kind that the library knows nothing of */
+    ByteVector conditional = descriptor(700); /* an entry of a kind that the library knows nothing of */
     conditional[72] = 9;
     shapes.push_back(conditional);
-    Bytes noList = descriptor(800, SE_SELF_RELATIVE);
+    ByteVector noList = descriptor(800, SE_SELF_RELATIVE);
     put<uint32_t>(noList, 16, 0);
     noList.resize(64);
     shapes.push_back(noList);
-    Bytes large = descriptor(900); /* 60 KiB: many entries */
+    ByteVector large = descriptor(900); /* 60 KiB: many entries */
     for (size_t i = 1; i < 1600; ++i) large.insert(large.end(), large.begin() + 72, large.begin() + 108);
     put<uint16_t>(large, 66, static_cast<uint16_t>(8 + 1600 * 36));
     put<uint16_t>(large, 68, 1600);
@@ -72,7 +72,7 @@ TEST_F(DescriptorTest, KeptByteForByteAndShared) {
         }
         FileInfo before = {}, after = {};
         for (size_t i = 0; i < files.size(); ++i) {
-            const Bytes& shape = shapes[i % shapes.size()];
+            const ByteVector& shape = shapes[i % shapes.size()];
             ASSERT_EQ(volumeFileInfo(opened.get(), files[i], before), STATUS_SUCCESS);
             ASSERT_EQ(volumeSetDescriptor(opened.get(), files[i], shape), STATUS_SUCCESS) << i;
             EXPECT_EQ(read(opened, files[i]), shape) << i;
@@ -94,30 +94,30 @@ TEST_F(DescriptorTest, KeptByteForByteAndShared) {
 /* What the platform takes and libntfs-3g refuses; and two of one hash. That many large ones fill several
  * blocks of the stream, so that some would cross into a copy. */
 TEST_F(DescriptorTest, EveryValidOneIsStored) {
-    const std::function<void(Bytes&)> unusual[] = {
-        [](Bytes& bytes) { put<uint32_t>(bytes, 4, 0); },                /* no owner */
-        [](Bytes& bytes) { put<uint32_t>(bytes, 8, 0); },                /* no group */
-        [](Bytes& bytes) { bytes[64] = 3; },                             /* revision of the list */
-        [](Bytes& bytes) { put<uint16_t>(bytes, 2, SE_SELF_RELATIVE); }, /* the list's present bit */
-        [](Bytes& bytes) { bytes[81] = 4; }, /* bytes behind the SID of an entry */
-        [](Bytes& bytes) { bytes[49] = 0; }, /* a group without sub-authorities */
-        [](Bytes& bytes) { bytes[81] = 0; }, /* and an entry */
-        [](Bytes& bytes) {
+    const std::function<void(ByteVector&)> unusual[] = {
+        [](ByteVector& bytes) { put<uint32_t>(bytes, 4, 0); },                /* no owner */
+        [](ByteVector& bytes) { put<uint32_t>(bytes, 8, 0); },                /* no group */
+        [](ByteVector& bytes) { bytes[64] = 3; },                             /* revision of the list */
+        [](ByteVector& bytes) { put<uint16_t>(bytes, 2, SE_SELF_RELATIVE); }, /* the list's present bit */
+        [](ByteVector& bytes) { bytes[81] = 4; }, /* bytes behind the SID of an entry */
+        [](ByteVector& bytes) { bytes[49] = 0; }, /* a group without sub-authorities */
+        [](ByteVector& bytes) { bytes[81] = 0; }, /* and an entry */
+        [](ByteVector& bytes) {
             put<uint32_t>(bytes, 32, 0x1001);
             put<uint32_t>(bytes, 36, 0x2000 - 8);
         },
-        [](Bytes& bytes) {
+        [](ByteVector& bytes) {
             put<uint32_t>(bytes, 32, 0x1000);
             put<uint32_t>(bytes, 36, 0x2000);
         },
-        [](Bytes& bytes) { bytes.resize(60'000, 7); },
+        [](ByteVector& bytes) { bytes.resize(60'000, 7); },
     };
-    std::vector<std::pair<FileRef, Bytes>> files;
+    std::vector<std::pair<FileRef, ByteVector>> files;
     {
         OpenVolume opened(image);
         for (uint32_t i = 0; i < 150; ++i) {
             const size_t shape = i % std::size(unusual);
-            Bytes bytes = descriptor(shape == 7 || shape == 8 ? 1000 : 1000 + i);
+            ByteVector bytes = descriptor(shape == 7 || shape == 8 ? 1000 : 1000 + i);
             unusual[shape](bytes);
             char16_t name = static_cast<char16_t>(0x4E00 + i);
             const FileRef file = make(opened, {&name, 1}, descriptor(1));
@@ -138,16 +138,16 @@ TEST_F(DescriptorTest, ChangesOfEveryKindLiveTogether) {
     Volume& volume = opened.get();
     FileRef one = make(opened, u"one", descriptor(1)), two = make(opened, u"two", descriptor(2));
     ASSERT_EQ(volumeSetDescriptor(volume, one, descriptor(2)), STATUS_SUCCESS); /* by id */
-    ASSERT_EQ(volumeWriteFile(volume, one, 0, Bytes(100, 5)), STATUS_SUCCESS);
+    ASSERT_EQ(volumeWriteFile(volume, one, 0, ByteVector(100, 5)), STATUS_SUCCESS);
     ASSERT_EQ(volumeSetDescriptor(volume, one, descriptor(1)), STATUS_SUCCESS);
     ASSERT_EQ(volumeLink(volume, one, rootDirectory, u"three"), STATUS_SUCCESS);
     ASSERT_EQ(volumeSetDescriptor(volume, two, descriptor(1)), STATUS_SUCCESS);
     ASSERT_EQ(volumeSetAttributes(volume, two, FILE_ATTRIBUTE_HIDDEN), STATUS_SUCCESS);
-    ASSERT_EQ(volumeWriteFile(volume, one, 100, Bytes(3000, 6)), STATUS_SUCCESS);
+    ASSERT_EQ(volumeWriteFile(volume, one, 100, ByteVector(3000, 6)), STATUS_SUCCESS);
     auto check = [&](OpenVolume& current) {
         FileRef found = 0;
         FileInfo info = {};
-        Bytes bytes;
+        ByteVector bytes;
         EXPECT_EQ(volumeFind(current.get(), u"three", found), STATUS_SUCCESS);
         EXPECT_EQ(found, one);
         EXPECT_EQ(read(current, one), descriptor(1));
@@ -167,7 +167,7 @@ TEST_F(DescriptorTest, ChangesOfEveryKindLiveTogether) {
 /* mkntfs gives the root an attribute of its own; other metadata is left alone. */
 TEST_F(DescriptorTest, TheRootAndTheMetadata) {
     OpenVolume opened(image);
-    Bytes root = read(opened, rootDirectory);
+    ByteVector root = read(opened, rootDirectory);
     EXPECT_GT(root.size(), 4096u);
     ASSERT_EQ(volumeSetDescriptor(opened.get(), rootDirectory, descriptor(42)), STATUS_SUCCESS);
     EXPECT_EQ(read(opened, rootDirectory), descriptor(42));
@@ -182,25 +182,25 @@ TEST_F(DescriptorTest, TheRootAndTheMetadata) {
 }
 
 TEST_F(DescriptorTest, RefusesWhatIsNoDescriptor) {
-    const std::pair<const char*, std::function<void(Bytes&)>> cases[] = {
-        {"nothing", [](Bytes& bytes) { bytes.clear(); }},
-        {"header cut", [](Bytes& bytes) { bytes.resize(19); }},
-        {"list cut", [](Bytes& bytes) { bytes.resize(100); }},
-        {"revision", [](Bytes& bytes) { bytes[0] = 2; }},
-        {"absolute", [](Bytes& bytes) { put<uint16_t>(bytes, 2, SE_DACL_PRESENT); }},
-        {"owner in the header", [](Bytes& bytes) { put<uint32_t>(bytes, 4, 4); }},
-        {"owner far away", [](Bytes& bytes) { put<uint32_t>(bytes, 4, 0xFFFFFFF0); }},
-        {"owner too long", [](Bytes& bytes) { bytes[21] = 16; }},
-        {"list too long", [](Bytes& bytes) { put<uint16_t>(bytes, 66, 0xFFF0); }},
-        {"too many entries", [](Bytes& bytes) { put<uint16_t>(bytes, 68, 2); }},
-        {"entry of no size", [](Bytes& bytes) { put<uint16_t>(bytes, 74, 0); }},
-        {"entry too long", [](Bytes& bytes) { put<uint16_t>(bytes, 74, 40); }},
-        {"owner across the list", [](Bytes& bytes) { put<uint32_t>(bytes, 4, 80); }},
+    const std::pair<const char*, std::function<void(ByteVector&)>> cases[] = {
+        {"nothing", [](ByteVector& bytes) { bytes.clear(); }},
+        {"header cut", [](ByteVector& bytes) { bytes.resize(19); }},
+        {"list cut", [](ByteVector& bytes) { bytes.resize(100); }},
+        {"revision", [](ByteVector& bytes) { bytes[0] = 2; }},
+        {"absolute", [](ByteVector& bytes) { put<uint16_t>(bytes, 2, SE_DACL_PRESENT); }},
+        {"owner in the header", [](ByteVector& bytes) { put<uint32_t>(bytes, 4, 4); }},
+        {"owner far away", [](ByteVector& bytes) { put<uint32_t>(bytes, 4, 0xFFFFFFF0); }},
+        {"owner too long", [](ByteVector& bytes) { bytes[21] = 16; }},
+        {"list too long", [](ByteVector& bytes) { put<uint16_t>(bytes, 66, 0xFFF0); }},
+        {"too many entries", [](ByteVector& bytes) { put<uint16_t>(bytes, 68, 2); }},
+        {"entry of no size", [](ByteVector& bytes) { put<uint16_t>(bytes, 74, 0); }},
+        {"entry too long", [](ByteVector& bytes) { put<uint16_t>(bytes, 74, 40); }},
+        {"owner across the list", [](ByteVector& bytes) { put<uint32_t>(bytes, 4, 80); }},
     };
     OpenVolume opened(image);
     FileRef file = make(opened, u"file", descriptor(5)), made = 0;
     for (const auto& [name, damage] : cases) {
-        Bytes bytes = descriptor(6);
+        ByteVector bytes = descriptor(6);
         damage(bytes);
         EXPECT_EQ(volumeSetDescriptor(opened.get(), file, bytes), STATUS_INVALID_SECURITY_DESCR) << name;
         EXPECT_EQ(volumeCreate(opened.get(), rootDirectory, u"new", NewFile::file, bytes, made),
@@ -222,25 +222,25 @@ TEST_F(DescriptorTest, TheSecondCopyServes) {
         file = make(opened, u"file", descriptor(3));
         ASSERT_EQ(opened.close(), STATUS_SUCCESS);
     }
-    const Bytes sound = images::readFile(image), stored = descriptor(3);
+    const ByteVector sound = images::readFile(image), stored = descriptor(3);
     const auto first = std::search(sound.begin(), sound.end(), stored.begin(), stored.end());
     const auto second = std::search(first + 1, sound.end(), stored.begin(), stored.end());
     ASSERT_NE(second, sound.end());
-    const auto readsAs = [&](const std::vector<std::pair<long, int>>& blows, const Bytes& expected) {
-        Bytes bytes = sound;
+    const auto readsAs = [&](const std::vector<std::pair<long, int>>& blows, const ByteVector& expected) {
+        ByteVector bytes = sound;
         for (const auto& [at, value] : blows) bytes[static_cast<size_t>(at)] ^= static_cast<uint8_t>(value);
         images::writeFile(image, bytes);
         OpenVolume opened(image, DiskAccess::readOnly);
         std::span<const uint8_t> got;
         const NTSTATUS status = volumeDescriptor(opened.get(), file, got);
         EXPECT_EQ(status, expected.empty() ? STATUS_INVALID_SECURITY_DESCR : STATUS_SUCCESS);
-        EXPECT_EQ(Bytes(got.begin(), got.end()), expected);
+        EXPECT_EQ(ByteVector(got.begin(), got.end()), expected);
     };
     const long a = first - sound.begin(), b = second - sound.begin();
     readsAs({{a + 40, 1}}, stored);               /* a byte of a SID */
     readsAs({{a + 66, 1}, {a + 21, 16}}, stored); /* sizes */
     readsAs({{a + 66, 1}, {b - 16, 1}}, {});      /* and the other copy is one of another id */
-    Bytes both = stored; /* both of them changed: what lies there counts, when it is valid */
+    ByteVector both = stored; /* both of them changed: what lies there counts, when it is valid */
     both[40] ^= 1;
     readsAs({{a + 40, 1}, {b + 40, 1}}, both);
     /* A list that begins inside the SID of an entry, whose numbers would be its header. */
@@ -267,10 +267,10 @@ TEST_F(DescriptorTest, NeverInvented) {
         damaged = make(opened, u"damaged", descriptor(3));
         ASSERT_EQ(opened.close(), STATUS_SUCCESS);
     }
-    Bytes bytes = images::readFile(image);
+    ByteVector bytes = images::readFile(image);
     put<uint32_t>(bytes, securityIdPlace(bytes, dangling), 0x7777);
     put<uint32_t>(bytes, securityIdPlace(bytes, without), 0);
-    const Bytes stored = descriptor(3);
+    const ByteVector stored = descriptor(3);
     size_t copies = 0;
     for (auto at = bytes.begin();; ++at) { /* its two copies in $SDS */
         at = std::search(at, bytes.end(), stored.begin(), stored.end());

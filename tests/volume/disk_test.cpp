@@ -11,7 +11,7 @@
 #include "tests/volume/images.h"
 
 using namespace offline;
-using images::Bytes;
+using images::ByteVector;
 
 namespace {
 
@@ -39,7 +39,7 @@ struct DiskTest : images::ImageTest {
 
 TEST_F(DiskTest, SaysWhatIsWrongWithWhatIsNoDisk) {
     images::writeFile(path("empty"), {});
-    images::writeFile(path("file"), Bytes(512));
+    images::writeFile(path("file"), ByteVector(512));
     ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
     expectRefused(path("missing"), STATUS_NO_SUCH_FILE, "no such file");
     expectRefused(path("file/below"), STATUS_NO_SUCH_FILE, "no such file");
@@ -50,11 +50,11 @@ TEST_F(DiskTest, SaysWhatIsWrongWithWhatIsNoDisk) {
 }
 
 TEST_F(DiskTest, WriteProtectedFilesAreOnlyRead) {
-    Bytes content(5000, 7);
+    ByteVector content(5000, 7);
     images::writeFile(path("disk"), content);
     DiskPtr disk;
     ASSERT_EQ(open(path("disk"), disk, DiskAccess::trial), STATUS_SUCCESS) << problem.text;
-    EXPECT_EQ(diskWrite(*disk, 0, Bytes(10)), STATUS_MEDIA_WRITE_PROTECTED);
+    EXPECT_EQ(diskWrite(*disk, 0, ByteVector(10)), STATUS_MEDIA_WRITE_PROTECTED);
     disk.reset();
     ASSERT_EQ(chmod(path("disk").c_str(), 0444), 0);
     for (const DiskAccess access : {DiskAccess::readWrite, DiskAccess::trial}) {
@@ -62,7 +62,7 @@ TEST_F(DiskTest, WriteProtectedFilesAreOnlyRead) {
         EXPECT_TRUE(problem.text.starts_with(path("disk") + ": it can only be read")) << problem.text;
     }
     ASSERT_EQ(open(path("disk"), disk, DiskAccess::readOnly), STATUS_SUCCESS);
-    EXPECT_EQ(diskWrite(*disk, 0, Bytes(10)), STATUS_MEDIA_WRITE_PROTECTED);
+    EXPECT_EQ(diskWrite(*disk, 0, ByteVector(10)), STATUS_MEDIA_WRITE_PROTECTED);
     EXPECT_EQ(open(path("disk"), disk, DiskAccess::readOnly), STATUS_SUCCESS);
     disk.reset();
     EXPECT_EQ(images::readFile(path("disk")), content);
@@ -90,8 +90,8 @@ TEST_F(DiskTest, WriteProtectedFilesAreOnlyRead) {
 
 /* Names for the same bytes, and for their neighbours; with loop devices where the system lends them. */
 TEST_F(DiskTest, OneDiskIsKnownByAllItsNames) {
-    images::writeFile(path("disk"), Bytes(4 << 20));
-    images::writeFile(path("other"), Bytes(4096));
+    images::writeFile(path("disk"), ByteVector(4 << 20));
+    images::writeFile(path("other"), ByteVector(4096));
     std::filesystem::create_symlink(path("disk"), path("symbolic"));
     std::filesystem::create_hard_link(path("disk"), path("hard"));
     EXPECT_EQ(disksApart({path("disk"), path("other"), path("missing")}, problem), STATUS_SUCCESS);
@@ -119,7 +119,7 @@ TEST_F(DiskTest, OneDiskIsKnownByAllItsNames) {
 }
 
 TEST_F(DiskTest, KeepsOthersAwayAndStaysAwayFromOthers) {
-    images::writeFile(path("disk"), Bytes(4096));
+    images::writeFile(path("disk"), ByteVector(4096));
     {
         DiskPtr first = opened(path("disk"));
         expectRefused(path("disk"), STATUS_SHARING_VIOLATION, "another program is using it");
@@ -145,9 +145,9 @@ TEST_F(DiskTest, KeepsOthersAwayAndStaysAwayFromOthers) {
 }
 
 TEST_F(DiskTest, RefusesRangesBeyondTheEnd) {
-    images::writeFile(path("disk"), Bytes(1000));
+    images::writeFile(path("disk"), ByteVector(1000));
     DiskPtr disk = opened(path("disk"));
-    Bytes ten(10);
+    ByteVector ten(10);
     for (uint64_t offset : {uint64_t{991}, uint64_t{1000}, uint64_t{1001}, UINT64_MAX, UINT64_MAX - 5}) {
         EXPECT_EQ(diskRead(*disk, offset, ten), STATUS_INVALID_PARAMETER) << offset;
         EXPECT_EQ(diskWrite(*disk, offset, ten), STATUS_INVALID_PARAMETER) << offset;
@@ -160,12 +160,12 @@ TEST_F(DiskTest, RefusesRangesBeyondTheEnd) {
 /* More than the cache holds, in pieces of every size and place, against the same bytes kept in memory. */
 TEST_F(DiskTest, CacheReadsWhatWasWritten) {
     constexpr size_t size = 40 * images::mebibyte + 777;
-    Bytes model(size);
+    ByteVector model(size);
     images::writeFile(path("disk"), {});
     std::filesystem::resize_file(path("disk"), size);
     DiskPtr disk = opened(path("disk"));
     std::mt19937 random(1);
-    Bytes piece;
+    ByteVector piece;
     for (int i = 0; i < 6000; ++i) {
         size_t start = random() % size;
         size_t count = std::min<size_t>(size - start, i % 50 == 0 ? random() % 100'000 : random() % 3000);
@@ -189,7 +189,7 @@ TEST_F(DiskTest, HolesStayHoles) {
     images::writeFile(path("disk"), {});
     std::filesystem::resize_file(path("disk"), 64 * images::mebibyte);
     DiskPtr disk = opened(path("disk"));
-    Bytes piece(1024, 1);
+    ByteVector piece(1024, 1);
     for (uint64_t place = 0; place < 64; ++place) {
         ASSERT_EQ(diskRead(*disk, place * images::mebibyte, piece), STATUS_SUCCESS);
     }
@@ -202,9 +202,9 @@ TEST_F(DiskTest, HolesStayHoles) {
 }
 
 TEST_F(DiskTest, AFailedWriteBackIsToldOnceAndTriedAgain) {
-    images::writeFile(path("disk"), Bytes(1 << 16));
+    images::writeFile(path("disk"), ByteVector(1 << 16));
     DiskPtr disk = opened(path("disk"));
-    Bytes piece(1024, 9), back(1024);
+    ByteVector piece(1024, 9), back(1024);
     ASSERT_EQ(diskWrite(*disk, 4096, piece), STATUS_SUCCESS);
     images::failures.pwritesLeft = 0;
     images::failures.pwriteError = ENOSPC;
@@ -222,7 +222,7 @@ TEST_F(DiskTest, NothingIsLostWhenTheDiskIsFullBehindTheCache) {
     std::filesystem::resize_file(path("disk"), 24 * images::mebibyte);
     DiskPtr disk = opened(path("disk"));
     images::failures.pwritesLeft = 3;
-    Bytes piece(1024, 3);
+    ByteVector piece(1024, 3);
     NTSTATUS status = STATUS_SUCCESS;
     uint64_t written = 0;
     for (; status >= 0 && written < 24 * images::mebibyte; written += piece.size()) {
@@ -233,12 +233,12 @@ TEST_F(DiskTest, NothingIsLostWhenTheDiskIsFullBehindTheCache) {
     images::failures = {};
     EXPECT_EQ(diskSync(*disk), STATUS_SUCCESS); /* what was refused on the way waited, and is written now */
     disk.reset();
-    Bytes result = images::readFile(path("disk"));
+    ByteVector result = images::readFile(path("disk"));
     for (uint64_t place = 0; place + 1024 < written; place += 1024) ASSERT_EQ(result[place], 3) << place;
 }
 
 TEST_F(DiskTest, AFailedSyncStaysAnError) {
-    images::writeFile(path("disk"), Bytes(4096));
+    images::writeFile(path("disk"), ByteVector(4096));
     DiskPtr disk = opened(path("disk"));
     images::failures.fdatasyncsLeft = 0;
     EXPECT_EQ(diskSync(*disk), STATUS_IO_DEVICE_ERROR);

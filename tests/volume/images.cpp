@@ -85,13 +85,13 @@ void ImageTest::TearDown() {
     std::filesystem::remove_all(directory);
 }
 
-Bytes ImageTest::ntfs(size_t size, uint64_t startSector) {
+ByteVector ImageTest::ntfs(size_t size, uint64_t startSector) {
     std::string image = path("fresh.img");
     writeFile(image, {});
     std::filesystem::resize_file(image, size);
     std::string made = outputOf("PATH=$PATH:/sbin:/usr/sbin mkntfs -F -Q -q -s 512 -H 255 -S 63 -p " +
                                 std::to_string(startSector) + " " + image);
-    Bytes bytes = readFile(image);
+    ByteVector bytes = readFile(image);
     std::filesystem::remove(image);
     EXPECT_EQ(get<uint64_t>(bytes, 3), 0x202020205346544Eu) << made;
     return bytes;
@@ -102,15 +102,15 @@ std::string ImageTest::ntfsImage() {
     return path("volume.img");
 }
 
-Bytes readFile(const std::string& path) {
+ByteVector readFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
-    Bytes bytes(std::filesystem::file_size(path));
+    ByteVector bytes(std::filesystem::file_size(path));
     EXPECT_TRUE(
         file.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size())).good());
     return bytes;
 }
 
-void writeFile(const std::string& path, const Bytes& bytes) {
+void writeFile(const std::string& path, const ByteVector& bytes) {
     std::filesystem::remove(path); /* a file written over would be put on the medium at once */
     std::ofstream file(path, std::ios::binary);
     file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
@@ -126,12 +126,12 @@ std::string outputOf(const std::string& command) {
     return text;
 }
 
-void putText(Bytes& bytes, size_t offset, std::string_view text) {
+void putText(ByteVector& bytes, size_t offset, std::string_view text) {
     ASSERT_LE(offset + text.size(), bytes.size());
     std::memcpy(bytes.data() + offset, text.data(), text.size());
 }
 
-void putMbr(Bytes& disk, const std::vector<TablePart>& parts) {
+void putMbr(ByteVector& disk, const std::vector<TablePart>& parts) {
     put<uint32_t>(disk, 440, mbrSignature);
     put<uint16_t>(disk, 510, 0xAA55);
     for (size_t i = 0; i < parts.size(); ++i) {
@@ -142,12 +142,12 @@ void putMbr(Bytes& disk, const std::vector<TablePart>& parts) {
     }
 }
 
-void sealGptHeader(Bytes& disk, size_t offset) {
+void sealGptHeader(ByteVector& disk, size_t offset) {
     put<uint32_t>(disk, offset + 16, 0);
     put<uint32_t>(disk, offset + 16, static_cast<uint32_t>(crc32_z(0, disk.data() + offset, 92)));
 }
 
-static void putGptCopy(Bytes& disk, size_t sectorSize, uint64_t header, uint64_t array,
+static void putGptCopy(ByteVector& disk, size_t sectorSize, uint64_t header, uint64_t array,
                        const std::vector<TablePart>& parts) {
     for (size_t i = 0; i < parts.size(); ++i) {
         size_t entry = array * sectorSize + 128 * i;
@@ -169,7 +169,7 @@ static void putGptCopy(Bytes& disk, size_t sectorSize, uint64_t header, uint64_t
     sealGptHeader(disk, at);
 }
 
-void putGpt(Bytes& disk, size_t sectorSize, const std::vector<TablePart>& parts) {
+void putGpt(ByteVector& disk, size_t sectorSize, const std::vector<TablePart>& parts) {
     putMbr(disk, {{1, 0xFFFFFFFF, 0xEE}});
     uint64_t sectors = disk.size() / sectorSize, arraySectors = 128 * 128 / sectorSize;
     putGptCopy(disk, sectorSize, 1, 2, parts);
@@ -189,8 +189,8 @@ NTSTATUS OpenVolume::close() {
     return status;
 }
 
-Bytes descriptor(uint32_t number, uint16_t control) {
-    Bytes bytes(20 + 28 + 16 + 44);
+ByteVector descriptor(uint32_t number, uint16_t control) {
+    ByteVector bytes(20 + 28 + 16 + 44);
     bytes[0] = 1;
     put(bytes, 2, control);
     put<uint32_t>(bytes, 4, 20);  /* owner */

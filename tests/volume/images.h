@@ -13,7 +13,7 @@
 
 namespace images {
 
-using Bytes = std::vector<uint8_t>;
+using ByteVector = std::vector<uint8_t>;
 constexpr size_t mebibyte = 1024 * 1024;
 
 /* A directory of its own for each test, removed with everything in it. */
@@ -33,39 +33,39 @@ struct ImageTest : testing::Test {
     std::string path(const std::string& name) const { return directory + "/" + name; }
 
     /* The bytes of a freshly made NTFS volume that starts at an offset of its disk. */
-    Bytes ntfs(size_t size = 4 * mebibyte, uint64_t startSector = 0);
+    ByteVector ntfs(size_t size = 4 * mebibyte, uint64_t startSector = 0);
     /* The path of a raw image with a fresh volume. */
     std::string ntfsImage();
 };
 
-Bytes readFile(const std::string& path);
-void writeFile(const std::string& path, const Bytes& bytes);
+ByteVector readFile(const std::string& path);
+void writeFile(const std::string& path, const ByteVector& bytes);
 std::string outputOf(const std::string& command); /* standard output and error */
 
 /* Little-endian numbers. */
 template <class Number>
-void put(Bytes& bytes, size_t offset, Number value) {
+void put(ByteVector& bytes, size_t offset, Number value) {
     for (size_t i = 0; i < sizeof value; ++i) {
         bytes.at(offset + i) = static_cast<uint8_t>(static_cast<uint64_t>(value) >> (8 * i));
     }
 }
 template <class Number>
-Number get(const Bytes& bytes, size_t offset) {
+Number get(const ByteVector& bytes, size_t offset) {
     uint64_t value = 0;
     for (size_t i = 0; i < sizeof(Number); ++i) value |= uint64_t{bytes.at(offset + i)} << (8 * i);
     return static_cast<Number>(value);
 }
-void putText(Bytes& bytes, size_t offset, std::string_view text);
+void putText(ByteVector& bytes, size_t offset, std::string_view text);
 
 struct TablePart {
     uint64_t start, count; /* sectors */
     uint8_t type = 0x07;   /* mbr */
 };
 constexpr uint32_t mbrSignature = 0x12345678;
-void putMbr(Bytes& disk, const std::vector<TablePart>& parts);
+void putMbr(ByteVector& disk, const std::vector<TablePart>& parts);
 /* Protective MBR, primary and backup table; partition i has GUID bytes i + 1. */
-void putGpt(Bytes& disk, size_t sectorSize, const std::vector<TablePart>& parts);
-void sealGptHeader(Bytes& disk, size_t offset);
+void putGpt(ByteVector& disk, size_t sectorSize, const std::vector<TablePart>& parts);
+void sealGptHeader(ByteVector& disk, size_t offset);
 
 /* An open volume on a raw image. */
 struct OpenVolume {
@@ -79,7 +79,7 @@ struct OpenVolume {
 };
 
 /* A self-relative descriptor whose owner and only entry are distinguished by the number. */
-Bytes descriptor(uint32_t number, uint16_t control = SE_SELF_RELATIVE | SE_DACL_PRESENT);
+ByteVector descriptor(uint32_t number, uint16_t control = SE_SELF_RELATIVE | SE_DACL_PRESENT);
 
 /* The calls of the system that fail from now on: those after the first so many. */
 struct Failures {

@@ -4,7 +4,7 @@
 #include "tests/volume/images.h"
 
 using namespace offline;
-using images::Bytes;
+using images::ByteVector;
 using images::put;
 using images::putText;
 
@@ -16,33 +16,33 @@ struct PartitionTest : images::ImageTest {
     Problem problem;
     std::vector<Partition> partitions;
 
-    NTSTATUS search(const Bytes& bytes) {
+    NTSTATUS search(const ByteVector& bytes) {
         images::writeFile(path("disk"), bytes);
         DiskPtr disk;
         problem = {};
         NTSTATUS status = diskOpen(path("disk"), DiskAccess::readOnly, disk, problem);
         return status < 0 ? status : diskPartitions(*disk, partitions, problem);
     }
-    void expectRefused(const Bytes& bytes, NTSTATUS status, const std::string& words) {
+    void expectRefused(const ByteVector& bytes, NTSTATUS status, const std::string& words) {
         EXPECT_EQ(search(bytes), status) << words;
         EXPECT_TRUE(partitions.empty());
         EXPECT_TRUE(problem.text.starts_with(path("disk") + ": ")) << problem.text;
         EXPECT_NE(problem.text.find(words), std::string::npos) << problem.text;
     }
-    static void place(Bytes& disk, const Bytes& volume, uint64_t sector, size_t sectorSize = 512) {
+    static void place(ByteVector& disk, const ByteVector& volume, uint64_t sector, size_t sectorSize = 512) {
         std::copy(volume.begin(), volume.end(),
                   disk.begin() + static_cast<std::ptrdiff_t>(sector * sectorSize));
     }
-    Bytes small() { return ntfs(4 * images::mebibyte, 2048); }
+    ByteVector small() { return ntfs(4 * images::mebibyte, 2048); }
 };
 
 TEST_F(PartitionTest, Mbr) {
-    Bytes volume = small(), disk(16 * images::mebibyte);
+    ByteVector volume = small(), disk(16 * images::mebibyte);
     /* An active primary one, a FAT one, and two logical ones, the second of which holds NTFS. */
     images::putMbr(disk, {{2048, volumeSectors, 0x07}, {11000, 100, 0x0C}, {12000, 19000, 0x0F}});
     disk[446] = 0x80;
     putText(disk, 11000 * 512 + 82, "FAT32   ");
-    Bytes table(512);
+    ByteVector table(512);
     images::putMbr(table, {{10, 50, 0x83}, {100, 18000, 0x05}});
     place(disk, table, 12000);
     table.assign(512, 0);
@@ -68,7 +68,7 @@ TEST_F(PartitionTest, Mbr) {
     opened.reset();
     EXPECT_EQ(images::readFile(path("disk")), disk);
 
-    Bytes broken = disk;
+    ByteVector broken = disk;
     put<uint32_t>(broken, 12100 * 512 + 446 + 16 + 8, 100); /* the chain's end leads to itself */
     put<uint32_t>(broken, 12100 * 512 + 446 + 16 + 12, 100);
     broken[12100 * 512 + 446 + 16 + 4] = 0x05;
@@ -91,22 +91,23 @@ TEST_F(PartitionTest, Mbr) {
 }
 
 TEST_F(PartitionTest, Gpt) {
-    Bytes volume = small();
+    ByteVector volume = small();
     for (size_t sectorSize : {size_t{512}, size_t{4096}}) {
-        Bytes disk(16 * images::mebibyte);
+        ByteVector disk(16 * images::mebibyte);
         uint64_t start = images::mebibyte / sectorSize, count = volume.size() / sectorSize;
         images::putGpt(disk, sectorSize, {{40, 8}, {start, count}});
         place(disk, volume, start, sectorSize);
-        auto expectFound = [&](const Bytes& bytes) {
+        auto expectFound = [&](const ByteVector& bytes) {
             ASSERT_EQ(search(bytes), STATUS_SUCCESS) << problem.text;
             ASSERT_EQ(partitions.size(), 1u);
             EXPECT_EQ(partitions[0].start, images::mebibyte);
             EXPECT_EQ(partitions[0].size, volume.size());
             EXPECT_EQ(partitions[0].table, PartitionTable::gpt);
-            EXPECT_EQ(Bytes(partitions[0].gptPartition, partitions[0].gptPartition + 16), Bytes(16, 2));
+            EXPECT_EQ(ByteVector(partitions[0].gptPartition, partitions[0].gptPartition + 16),
+                      ByteVector(16, 2));
         };
         expectFound(disk);
-        Bytes damaged = disk;
+        ByteVector damaged = disk;
         damaged[2 * sectorSize + 5] ^= 1; /* the primary entries */
         expectFound(damaged);
         damaged[damaged.size() - sectorSize + 24] ^= 1; /* the backup header */
@@ -126,16 +127,16 @@ TEST_F(PartitionTest, Gpt) {
             expectRefused(damaged, STATUS_DISK_CORRUPT_ERROR, "neither its GPT nor the backup");
         }
     }
-    Bytes bare(images::mebibyte);
+    ByteVector bare(images::mebibyte);
     images::putMbr(bare, {{1, 0xFFFFFFFF, 0xEE}});
     expectRefused(bare, STATUS_DISK_CORRUPT_ERROR, "neither its GPT nor the backup");
 }
 
 TEST_F(PartitionTest, WhatIsNotForUs) {
-    Bytes raw = ntfs(2 * images::mebibyte), disk(images::mebibyte);
+    ByteVector raw = ntfs(2 * images::mebibyte), disk(images::mebibyte);
     putText(disk, 0, "Just some text, and nothing else.\n");
     expectRefused(disk, STATUS_UNRECOGNIZED_VOLUME, "it holds no NTFS volume and no partition table");
-    expectRefused(Bytes(100, 'x'), STATUS_UNRECOGNIZED_VOLUME, "it holds no NTFS volume");
+    expectRefused(ByteVector(100, 'x'), STATUS_UNRECOGNIZED_VOLUME, "it holds no NTFS volume");
     struct {
         size_t offset;
         const char* signature;
@@ -148,30 +149,30 @@ TEST_F(PartitionTest, WhatIsNotForUs) {
         {3, "ReFS", STATUS_NOT_SUPPORTED, "ReFS"},
     };
     for (const auto& one : cases) {
-        Bytes partition(images::mebibyte);
+        ByteVector partition(images::mebibyte);
         put<uint16_t>(partition, 510, 0xAA55);
         putText(partition, one.offset, one.signature);
         expectRefused(partition, one.status, one.words);
-        Bytes whole(4 * images::mebibyte);
+        ByteVector whole(4 * images::mebibyte);
         images::putMbr(whole, {{2048, 2048, 0x07}});
         place(whole, partition, 2048);
         expectRefused(whole, one.status, one.words);
     }
-    Bytes qcow(images::mebibyte);
+    ByteVector qcow(images::mebibyte);
     putText(qcow, 0, "QFI\xFB");
     expectRefused(qcow, STATUS_NOT_SUPPORTED, "qemu-img convert");
-    Bytes unformatted(4 * images::mebibyte);
+    ByteVector unformatted(4 * images::mebibyte);
     images::putMbr(unformatted, {{2048, 2048, 0x07}});
     expectRefused(unformatted, STATUS_UNRECOGNIZED_VOLUME, "partition 1 is meant for one");
 }
 
 TEST_F(PartitionTest, DamagedVolumes) {
-    Bytes raw = ntfs(2 * images::mebibyte);
+    ByteVector raw = ntfs(2 * images::mebibyte);
     ASSERT_EQ(search(raw), STATUS_SUCCESS) << problem.text;
     ASSERT_EQ(partitions.size(), 1u);
     EXPECT_EQ(partitions[0].table, PartitionTable::none);
     EXPECT_EQ(partitions[0].size, raw.size());
-    Bytes damaged = raw;
+    ByteVector damaged = raw;
     damaged.resize(raw.size() - 4096);
     expectRefused(damaged, STATUS_DISK_CORRUPT_ERROR, "truncated");
     damaged = raw;
@@ -187,15 +188,15 @@ TEST_F(PartitionTest, DamagedVolumes) {
 /* Whatever a table says: no crash, and only partitions that lie on the disk. */
 TEST_F(PartitionTest, MutatedTables) {
     std::mt19937 random(20);
-    Bytes boot = ntfs(2 * images::mebibyte);
+    ByteVector boot = ntfs(2 * images::mebibyte);
     boot.resize(512);
     put<uint64_t>(boot, 0x28, 20);
     put<uint64_t>(boot, 0x30, 1);
     put<uint64_t>(boot, 0x38, 1);
     boot[0x0D] = 1;
-    Bytes mbr(64 * 1024), gpt(64 * 1024);
+    ByteVector mbr(64 * 1024), gpt(64 * 1024);
     images::putMbr(mbr, {{8, 24, 0x07}, {40, 80, 0x05}});
-    Bytes table(512);
+    ByteVector table(512);
     images::putMbr(table, {{2, 24, 0x07}, {40, 30, 0x05}});
     place(mbr, table, 40);
     place(mbr, table, 80);
@@ -207,7 +208,7 @@ TEST_F(PartitionTest, MutatedTables) {
     int found = 0;
     for (int i = 0; i < 1500; ++i) {
         bool isGpt = i % 2 == 0;
-        Bytes disk = isGpt ? gpt : mbr;
+        ByteVector disk = isGpt ? gpt : mbr;
         for (auto changes = 1 + random() % 3; changes > 0; --changes) {
             size_t area = isGpt ? (random() % 2 == 0 ? 512 + random() % 92 : 1024 + random() % 256)
                                 : (random() % 3 == 0 ? 40 * 512 : 0) + 440 + random() % 72;

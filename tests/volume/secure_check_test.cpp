@@ -2,14 +2,14 @@
 #include "tests/volume/images.h"
 
 using namespace offline;
-using images::Bytes;
+using images::ByteVector;
 using images::descriptor;
 using images::OpenVolume;
 
 namespace {
 
 struct SecureIndexes : images::ImageTest {
-    Bytes sound;
+    ByteVector sound;
     std::vector<size_t> blocks; /* where those of the two indexes lie */
 
     void SetUp() override {
@@ -34,7 +34,7 @@ struct SecureIndexes : images::ImageTest {
     }
 
     /* What opening says of the volume as it is here. */
-    std::string verdict(const Bytes& image) const {
+    std::string verdict(const ByteVector& image) const {
         images::writeFile(path("tried.img"), image);
         const OpenVolume opened(path("tried.img"));
         return opened.volume != nullptr ? "sound" : opened.problem.text;
@@ -62,7 +62,7 @@ TEST_F(SecureIndexes, EveryDamageIsRefusedBeforeAChange) {
         const size_t entry = block + 24 + images::get<uint32_t>(sound, block + 24);
         const bool inner = (sound[block + 36] & 1) != 0;
         for (const Damage& damage : damages) {
-            Bytes image = sound;
+            ByteVector image = sound;
             const uint64_t value = damage.at == 12 && inner ? 0 : damage.value;
             for (size_t i = 0; i < damage.size; i++) {
                 image[entry + damage.at + i] = static_cast<uint8_t>(value >> (8 * i));
@@ -76,7 +76,7 @@ TEST_F(SecureIndexes, EveryDamageIsRefusedBeforeAChange) {
                                            {28, 0x7FFFFFF8},
                                            {32, 0x7FFFFFF8},
                                            {32, images::get<uint32_t>(sound, block + 28)}}) {
-            Bytes image = sound;
+            ByteVector image = sound;
             images::put<uint32_t>(image, block + field, value);
             EXPECT_NE(verdict(image), "sound") << field;
         }
@@ -93,7 +93,7 @@ TEST_F(SecureIndexes, TheRootsAndTheBitmaps) {
         const size_t value = at + images::get<uint16_t>(sound, at + 20);
         if (type == 0xB0) {
             ++bitmaps;
-            Bytes image = sound;
+            ByteVector image = sound;
             image[value] &= 0xFE;
             EXPECT_NE(verdict(image), "sound");
         }
@@ -101,7 +101,7 @@ TEST_F(SecureIndexes, TheRootsAndTheBitmaps) {
         ++roots;
         for (const auto& [field, number] :
              {std::pair<size_t, uint32_t>{0, 0x30}, {4, 1}, {8, 100}, {24, 0x1000}}) {
-            Bytes image = sound;
+            ByteVector image = sound;
             images::put<uint32_t>(image, value + field, number);
             EXPECT_NE(verdict(image), "sound") << field;
         }
@@ -114,7 +114,7 @@ TEST_F(SecureIndexes, TheStreamHasToAgree) {
     const size_t entry = blocks[0] + 24 + images::get<uint32_t>(sound, blocks[0] + 24);
     const size_t data = entry + images::get<uint16_t>(sound, entry);
     for (const size_t field : {size_t{0}, size_t{4}, size_t{8}, size_t{16}}) { /* hash, id, place, length */
-        Bytes image = sound;
+        ByteVector image = sound;
         image[data + field] ^= 1;
         EXPECT_NE(verdict(image).find("index of security descriptors"), std::string::npos) << field;
         const OpenVolume looked(path("tried.img"), DiskAccess::readOnly);
@@ -126,7 +126,7 @@ TEST_F(SecureIndexes, TheStreamHasToAgree) {
         const size_t first = block + 24 + images::get<uint32_t>(sound, block + 24);
         if (images::get<uint16_t>(sound, first) != 20 || (sound[block + 36] & 1) != 0) continue;
         ++leaves;
-        Bytes image = sound;
+        ByteVector image = sound;
         image[first + 12] |= 2; /* the node ends before it */
         EXPECT_NE(verdict(image).find("index of security descriptors"), std::string::npos);
     }

@@ -9,7 +9,7 @@ extern "C" void __lsan_disable() __attribute__((weak));
 extern "C" void __lsan_enable() __attribute__((weak));
 
 using namespace offline;
-using images::Bytes;
+using images::ByteVector;
 using images::descriptor;
 using images::OpenVolume;
 
@@ -25,7 +25,7 @@ struct TroubleTest : images::ImageTest {
 };
 
 /* The places of a volume's flags, in the MFT and in its mirror. */
-std::vector<size_t> flagPlaces(const Bytes& image) {
+std::vector<size_t> flagPlaces(const ByteVector& image) {
     const size_t cluster = image[0x0D] * size_t{512};
     std::vector<size_t> places;
     for (size_t start : {size_t{0x30}, size_t{0x38}}) {
@@ -38,7 +38,7 @@ std::vector<size_t> flagPlaces(const Bytes& image) {
 }
 
 TEST_F(TroubleTest, FlagsWithoutANameSurviveAChange) {
-    Bytes image = ntfs();
+    ByteVector image = ntfs();
     for (size_t place : flagPlaces(image)) images::put<uint16_t>(image, place, 0x0180);
     images::writeFile(path("volume.img"), image);
     OpenVolume opened(path("volume.img"));
@@ -55,9 +55,9 @@ TEST_F(TroubleTest, FlagsWithoutANameSurviveAChange) {
 TEST_F(TroubleTest, AFailedChangeKeepsNoOtherFromTheMedium) {
     OpenVolume opened(ntfsImage());
     const FileRef small = make(opened, u"small"), large = make(opened, u"large");
-    ASSERT_EQ(volumeWriteFile(opened.get(), small, 0, Bytes(10'000, 's')), STATUS_SUCCESS);
-    ASSERT_EQ(volumeWriteFile(opened.get(), large, 0, Bytes(8 * images::mebibyte)), STATUS_DISK_FULL);
-    ASSERT_EQ(volumeWriteFile(opened.get(), small, 0, Bytes(10'000, 't')), STATUS_SUCCESS);
+    ASSERT_EQ(volumeWriteFile(opened.get(), small, 0, ByteVector(10'000, 's')), STATUS_SUCCESS);
+    ASSERT_EQ(volumeWriteFile(opened.get(), large, 0, ByteVector(8 * images::mebibyte)), STATUS_DISK_FULL);
+    ASSERT_EQ(volumeWriteFile(opened.get(), small, 0, ByteVector(10'000, 't')), STATUS_SUCCESS);
     EXPECT_EQ(volumeFlush(opened.get()), STATUS_SUCCESS);
     /* It is told all the same, and the mark stays. */
     EXPECT_LT(opened.close(), 0);
@@ -65,7 +65,7 @@ TEST_F(TroubleTest, AFailedChangeKeepsNoOtherFromTheMedium) {
 }
 
 /* The places of a file's MFT record, by the name that is in it. */
-size_t recordPlace(const Bytes& image, std::u16string_view name) {
+size_t recordPlace(const ByteVector& image, std::u16string_view name) {
     const std::string_view wanted(reinterpret_cast<const char*>(name.data()), name.size() * 2);
     const std::string_view all(reinterpret_cast<const char*>(image.data()), image.size());
     for (size_t at = 0; at + 1024 <= image.size(); at += 1024) {
@@ -95,7 +95,8 @@ struct Use {
             if (good(volumeFileInfo(volume, file, info))) right &= info.size == 100'000;
             if (good(volumeDescriptor(volume, file, stored)))
                 right &= std::ranges::equal(stored, descriptor(7));
-            if (good(volumeReadFile(volume, file, 1 << 20, bytes))) right &= bytes == Bytes(100'000, 'x');
+            if (good(volumeReadFile(volume, file, 1 << 20, bytes)))
+                right &= bytes == ByteVector(100'000, 'x');
         }
         FileRef none = 0;
         const NTSTATUS missing = volumeFind(volume, u"file 7777", none);
@@ -116,7 +117,7 @@ TEST_F(TroubleTest, ARefusedReadIsNamedAndRemembered) {
         for (uint32_t i = 0; i < 20; ++i) {
             const auto name = u"file " + std::u16string(i < 10 ? 1 : 2, char16_t(u'0' + i % 10));
             ASSERT_GE(volumeCreate(opened.get(), deep, name, NewFile::file, descriptor(i), file), 0);
-            ASSERT_GE(volumeWriteFile(opened.get(), file, 0, Bytes(100'000, 'x')), 0);
+            ASSERT_GE(volumeWriteFile(opened.get(), file, 0, ByteVector(100'000, 'x')), 0);
         }
         ASSERT_EQ(opened.close(), STATUS_SUCCESS);
     }
@@ -169,7 +170,7 @@ TEST_F(TroubleTest, DamageIsRememberedOnceForAFile) {
         }
         ASSERT_EQ(opened.close(), STATUS_SUCCESS);
     }
-    Bytes image = images::readFile(path("volume.img"));
+    ByteVector image = images::readFile(path("volume.img"));
     images::putText(image, recordPlace(image, u"broken") + 510,
                     "??"); /* where the update sequence is checked */
     size_t blocks =
@@ -211,7 +212,7 @@ TEST_F(TroubleTest, ADiskThatBecomesShorterIsADevicesError) {
     {
         OpenVolume opened(ntfsImage());
         file = make(opened, u"file");
-        ASSERT_EQ(volumeWriteFile(opened.get(), file, 0, Bytes(1 << 20, 'x')), STATUS_SUCCESS);
+        ASSERT_EQ(volumeWriteFile(opened.get(), file, 0, ByteVector(1 << 20, 'x')), STATUS_SUCCESS);
         ASSERT_EQ(opened.close(), STATUS_SUCCESS);
     }
     OpenVolume opened(path("volume.img"));
@@ -222,13 +223,13 @@ TEST_F(TroubleTest, ADiskThatBecomesShorterIsADevicesError) {
     Problem problem;
     EXPECT_EQ(diskReadWhole(*opened.disk, problem), STATUS_IO_DEVICE_ERROR);
     EXPECT_NE(problem.text.find("became shorter"), std::string::npos) << problem.text;
-    EXPECT_LT(volumeWriteFile(opened.get(), file, 0, Bytes(1 << 20, 'y')), 0);
+    EXPECT_LT(volumeWriteFile(opened.get(), file, 0, ByteVector(1 << 20, 'y')), 0);
     EXPECT_LT(opened.close(), 0);
     EXPECT_EQ(std::filesystem::file_size(path("volume.img")), 64u * 1024);
 }
 
 TEST_F(TroubleTest, AnotherFileSystemsRemainsDoNotHideATable) {
-    Bytes disk(8 * images::mebibyte), volume = ntfs(4 * images::mebibyte, 2048);
+    ByteVector disk(8 * images::mebibyte), volume = ntfs(4 * images::mebibyte, 2048);
     std::copy(volume.begin(), volume.end(), disk.begin() + images::mebibyte);
     images::putText(disk, 0x438, "\x53\xEF"); /* ext was on the whole disk once */
     auto search = [&](std::vector<Partition>& partitions) {

@@ -5,7 +5,7 @@
 #include "tests/volume/images.h"
 
 using namespace offline;
-using images::Bytes;
+using images::ByteVector;
 using images::descriptor;
 using images::OpenVolume;
 
@@ -14,7 +14,7 @@ namespace {
 struct VolumeTest : images::ImageTest {
     void expectRefused(const std::string& image, NTSTATUS status, const std::string& words) {
         for (DiskAccess access : {DiskAccess::readWrite, DiskAccess::readOnly}) {
-            Bytes before = images::readFile(image);
+            ByteVector before = images::readFile(image);
             OpenVolume opened(image, access);
             EXPECT_EQ(opened.volume, nullptr);
             EXPECT_EQ(opened.problem.status, status) << words;
@@ -40,7 +40,7 @@ struct VolumeTest : images::ImageTest {
 };
 
 /* A journal in use: the restart page that Windows leaves while the volume is mounted, as published. */
-void markJournalInUse(Bytes& image, size_t journal) {
+void markJournalInUse(ByteVector& image, size_t journal) {
     using images::put;
     constexpr size_t area = 48, clients = 48;
     for (size_t page : {journal, journal + 4096}) {
@@ -71,7 +71,7 @@ void markJournalInUse(Bytes& image, size_t journal) {
 }
 
 TEST_F(VolumeTest, RefusesWhatMustNotBeWritten) {
-    Bytes fresh = ntfs();
+    ByteVector fresh = ntfs();
     std::string image = path("volume.img");
     auto made = [&](auto change) {
         images::writeFile(image, fresh);
@@ -80,7 +80,7 @@ TEST_F(VolumeTest, RefusesWhatMustNotBeWritten) {
     for (const char* signature : {"hibr", "HIBR"}) {
         made([&] {
             OpenVolume opened(image);
-            Bytes hibernation(8192);
+            ByteVector hibernation(8192);
             images::putText(hibernation, 0, signature);
             FileRef file = make(opened, u"hiberfil.sys");
             ASSERT_EQ(volumeWriteFile(opened.get(), file, 0, hibernation), STATUS_SUCCESS);
@@ -96,8 +96,8 @@ TEST_F(VolumeTest, RefusesWhatMustNotBeWritten) {
     EXPECT_NE(images::outputOf("ntfsinfo -fm " + image).find("Volume Flags: 0x0001 DIRTY"),
               std::string::npos);
     made([&] {
-        Bytes inUse = fresh;
-        const Bytes unused(64 * 1024, 0xFF);
+        ByteVector inUse = fresh;
+        const ByteVector unused(64 * 1024, 0xFF);
         auto journal = std::search(inUse.begin(), inUse.end(), unused.begin(), unused.end());
         ASSERT_NE(journal, inUse.end());
         markJournalInUse(inUse, static_cast<size_t>(journal - inUse.begin()));
@@ -105,7 +105,7 @@ TEST_F(VolumeTest, RefusesWhatMustNotBeWritten) {
     });
     expectRefused(image, STATUS_DISK_CORRUPT_ERROR, "journal");
     made([&] { /* the first record of the MFT, and its mirror */
-               Bytes damaged = fresh;
+               ByteVector damaged = fresh;
                size_t cluster = damaged[0x0D] * size_t{512};
                damaged[images::get<uint64_t>(damaged, 0x30) * cluster] = 'X';
                damaged[images::get<uint64_t>(damaged, 0x38) * cluster] = 'X';
@@ -122,7 +122,7 @@ TEST_F(VolumeTest, LookingChangesNothing) {
         make(opened, u"directory", NewFile::directory);
         ASSERT_EQ(opened.close(), STATUS_SUCCESS);
     }
-    Bytes before = images::readFile(image);
+    ByteVector before = images::readFile(image);
     for (DiskAccess access : {DiskAccess::readWrite, DiskAccess::readOnly}) {
         for (bool orderly : {true, false}) {
             images::failures = {};
@@ -152,7 +152,7 @@ TEST_F(VolumeTest, AReadOnlyDiskIsNeverChanged) {
         make(opened, u"file");
         ASSERT_EQ(opened.close(), STATUS_SUCCESS);
     }
-    Bytes before = images::readFile(image);
+    ByteVector before = images::readFile(image);
     OpenVolume opened(image, DiskAccess::readOnly);
     Volume& volume = opened.get();
     FileRef file = 0, made = 0;
@@ -161,10 +161,10 @@ TEST_F(VolumeTest, AReadOnlyDiskIsNeverChanged) {
     EXPECT_FALSE(volumeRefusedChange(volume));
     EXPECT_EQ(volumeSetDescriptor(volume, file, descriptor(7)), STATUS_MEDIA_WRITE_PROTECTED);
     EXPECT_TRUE(volumeRefusedChange(volume));
-    EXPECT_EQ(volumeWriteFile(volume, file, 0, Bytes(1)), STATUS_MEDIA_WRITE_PROTECTED);
+    EXPECT_EQ(volumeWriteFile(volume, file, 0, ByteVector(1)), STATUS_MEDIA_WRITE_PROTECTED);
     EXPECT_EQ(volumeSetAttributes(volume, file, 1), STATUS_MEDIA_WRITE_PROTECTED);
     EXPECT_EQ(volumeLink(volume, file, rootDirectory, u"other"), STATUS_MEDIA_WRITE_PROTECTED);
-    EXPECT_EQ(volumeMakeJunction(volume, file, u"C:\\x"), STATUS_MEDIA_WRITE_PROTECTED);
+    EXPECT_EQ(volumeCreateJunction(volume, file, u"C:\\x"), STATUS_MEDIA_WRITE_PROTECTED);
     EXPECT_EQ(volumeCreate(volume, rootDirectory, u"new", NewFile::file, descriptor(1), made),
               STATUS_MEDIA_WRITE_PROTECTED);
     EXPECT_EQ(opened.close(), STATUS_SUCCESS);
@@ -172,7 +172,7 @@ TEST_F(VolumeTest, AReadOnlyDiskIsNeverChanged) {
 }
 
 /* Whether the $Volume record has the dirty mark. */
-bool marked(const Bytes& image) {
+bool marked(const ByteVector& image) {
     size_t record = images::get<uint64_t>(image, 0x30) * image[0x0D] * 512 + size_t{3} * 1024;
     size_t at = record + images::get<uint16_t>(image, record + 20);
     while (images::get<uint32_t>(image, at) < 0x70) at += images::get<uint32_t>(image, at + 4);
@@ -188,7 +188,7 @@ TEST_F(VolumeTest, AnInterruptedChangeLeavesAMark) {
         for (char16_t letter = u'a'; letter <= u'z'; ++letter) make(opened, {&letter, 1});
         ASSERT_EQ(opened.close(), STATUS_SUCCESS);
     }
-    const Bytes before = images::readFile(image);
+    const ByteVector before = images::readFile(image);
     auto change = [&](long writes) {
         images::writeFile(image, before);
         images::failures = {};
@@ -205,14 +205,14 @@ TEST_F(VolumeTest, AnInterruptedChangeLeavesAMark) {
     };
     ASSERT_EQ(change(-1), STATUS_SUCCESS);
     const auto calls = images::failures.calls;
-    const Bytes after = images::readFile(image);
+    const ByteVector after = images::readFile(image);
     const long writes =
         std::count_if(calls.begin(), calls.end(), [](const auto& call) { return call.first == 'w'; });
     ASSERT_GT(writes, 4);
     for (long left = 0; left < writes; ++left) {
         EXPECT_LT(change(left), 0) << left;
         images::failures = {};
-        Bytes result = images::readFile(image);
+        ByteVector result = images::readFile(image);
         if (result == before || result == after) continue;
         bool atMark = left < 2 || left == writes - 1; /* between the mark and its mirror */
         EXPECT_TRUE(marked(result) || atMark) << left;
@@ -315,8 +315,8 @@ TEST_F(VolumeTest, LinksJunctionsAttributes) {
     EXPECT_EQ(volumeFind(volume, u"folder\\second name", found), STATUS_SUCCESS);
     EXPECT_EQ(found, file);
     EXPECT_EQ(names(opened, folder), std::vector<std::u16string>{u"second name"});
-    EXPECT_EQ(volumeMakeJunction(volume, folder, u"C:\\Windows"), STATUS_ACCESS_DENIED); /* not empty */
-    ASSERT_EQ(volumeMakeJunction(volume, junction, u"C:\\Windows"), STATUS_SUCCESS);
+    EXPECT_EQ(volumeCreateJunction(volume, folder, u"C:\\Windows"), STATUS_ACCESS_DENIED); /* not empty */
+    ASSERT_EQ(volumeCreateJunction(volume, junction, u"C:\\Windows"), STATUS_SUCCESS);
     EXPECT_EQ(volumeFind(volume, u"junction\\system32", found), STATUS_OBJECT_PATH_NOT_FOUND);
     ASSERT_EQ(volumeSetAttributes(volume, file, FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_DIRECTORY),
               STATUS_SUCCESS);
@@ -345,7 +345,7 @@ TEST_F(VolumeTest, Contents) {
     OpenVolume opened(image);
     Volume& volume = opened.get();
     FileRef file = make(opened, u"file");
-    Bytes model, read;
+    ByteVector model, read;
     /* In the record, grown out of it, written within, grown further, behind a gap. */
     struct {
         uint64_t offset;
@@ -353,7 +353,7 @@ TEST_F(VolumeTest, Contents) {
     } const writes[] = {{0, 100}, {50, 200}, {100, 5000}, {4000, 300'000}, {10, 5}, {400'000, 1000}};
     uint8_t value = 0;
     for (const auto& write : writes) {
-        Bytes bytes(write.count, ++value);
+        ByteVector bytes(write.count, ++value);
         model.resize(std::max<size_t>(model.size(), write.offset + write.count));
         std::copy(bytes.begin(), bytes.end(), model.begin() + static_cast<std::ptrdiff_t>(write.offset));
         ASSERT_EQ(volumeWriteFile(volume, file, write.offset, bytes), STATUS_SUCCESS);
@@ -367,7 +367,7 @@ TEST_F(VolumeTest, Contents) {
     EXPECT_LT(volumeReadFile(volume, rootDirectory, 1000, read), 0);
     EXPECT_EQ(volumeWriteFile(volume, 0, 0, model), STATUS_ACCESS_DENIED); /* $MFT */
     FileRef full = make(opened, u"full");
-    EXPECT_EQ(volumeWriteFile(volume, full, 0, Bytes(16 * images::mebibyte)), STATUS_DISK_FULL);
+    EXPECT_EQ(volumeWriteFile(volume, full, 0, ByteVector(16 * images::mebibyte)), STATUS_DISK_FULL);
     opened.volume.reset();
     opened.disk.reset();
     images::outputOf("(ntfscat -f " + image + " /file >" + path("copy") + ")");
@@ -385,7 +385,7 @@ TEST_F(VolumeTest, DamagedMetadata) {
         }
         ASSERT_EQ(opened.close(), STATUS_SUCCESS);
     }
-    const Bytes sound = images::readFile(image);
+    const ByteVector sound = images::readFile(image);
     std::vector<size_t> places;
     for (size_t at = 0; at < sound.size(); at += 1024) {
         bool metadata = std::memcmp(&sound[at], "FILE", 4) == 0 || std::memcmp(&sound[at], "INDX", 4) == 0;
@@ -394,7 +394,7 @@ TEST_F(VolumeTest, DamagedMetadata) {
     std::mt19937 random(7);
     size_t seen = 0;
     for (int i = 0; i < 120; ++i) {
-        Bytes bytes = sound;
+        ByteVector bytes = sound;
         for (int change = 0; change < 6; ++change) {
             bytes[places[random() % places.size()] + random() % 512] = static_cast<uint8_t>(random());
         }

@@ -8,12 +8,14 @@
 #include <cstdint>
 #include <cstring>
 #include <span>
+#include <vector>
 
 namespace offline {
 
 static_assert(std::endian::native == std::endian::little, "structures on the disk are read as they lie");
 
-using Bytes = std::span<const uint8_t>;
+using Bytes = std::span<const uint8_t>;  /* a view of what somebody else owns */
+using ByteVector = std::vector<uint8_t>; /* owned */
 
 /* The count bytes at the offset, or an empty span when they do not all lie inside. Every offset and length
  * that comes from a disk goes through here. */
@@ -22,7 +24,7 @@ inline Bytes checkedSpan(Bytes bytes, uint64_t offset, uint64_t count) {
     return bytes.subspan(static_cast<size_t>(offset), static_cast<size_t>(count));
 }
 
-/* The number behind a pointer, at any alignment. */
+/* The number at an address of any alignment. */
 template <class Number>
 Number loadNumber(const void* at) {
     Number number;

@@ -20,7 +20,7 @@ HandleSlot* slotOf(HANDLE handle) {
 
 } /* namespace */
 
-HANDLE handleMake(const HandleType& type, void* object) {
+HANDLE handleCreate(const HandleType& type, void* object) {
     HandleTable& handles = session().handles;
     size_t index = handles.firstFree;
     if (index == SIZE_MAX) {

@@ -28,9 +28,9 @@ struct HandleTable {
 
 /* A new handle on the object, which the handle owns from then on; null when there is no memory for it, and
  * then the object stays the caller's. */
-HANDLE handleMake(const HandleType& type, void* object);
+HANDLE handleCreate(const HandleType& type, void* object);
 
-/* The object behind a handle of this type, or null. */
+/* The object of a handle of this type, or null. */
 void* handleObject(HANDLE handle, const HandleType& type);
 
 /* Closes a handle of any type. False when it is not open. */

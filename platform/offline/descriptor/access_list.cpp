@@ -8,13 +8,13 @@ namespace {
 constexpr uint8_t lowestRevision = 2;
 constexpr uint8_t highestRevision = 4;
 
-/* Types 5 to 8, 11, 12, 15 and 16 carry flags behind the mask and up to two types of objects before the SID.
+/* Types 5 to 8, 11, 12, 15 and 16 carry flags after the mask and up to two types of objects before the SID.
  */
 bool isObjectAce(uint8_t type) {
     return (type >= 5 && type <= 8) || type == 11 || type == 12 || type == 15 || type == 16;
 }
 
-/* The others up to 20 have the SID behind the mask, but for type 4, which names two accounts. */
+/* The others up to 20 have the SID after the mask, but for type 4, which names two accounts. */
 bool isPlainAce(uint8_t type) {
     return type <= 20 && type != 4 && !isObjectAce(type);
 }

@@ -23,9 +23,9 @@ struct DescriptorParts {
 
 /* Checks a self-relative image completely: revision, offsets (multiples of 4), SIDs, lists, entries and, in
  * those of the types 0 to 3, their SIDs. Owner and group may be one SID, and the lists one list; otherwise no
- * part may lie across another. So of all bytes behind the first two of a SID none belongs to a header, a
+ * part may lie across another. So of all bytes after the first two of a SID none belongs to a header, a
  * size, a count or another SID's first two, and whatever is written over them leaves the image valid.
- * Bytes behind the last part are allowed; the length is that up to the end of the last part. */
+ * Bytes after the last part are allowed; the length is that up to the end of the last part. */
 bool partsOfImage(Bytes image, DescriptorParts& parts, size_t& length);
 bool descriptorValid(Bytes image);
 

@@ -18,7 +18,7 @@ uint64_t authorityOf(Bytes sid) {
     return authority;
 }
 
-/* Takes "-" and a number off the head of the text: decimal, or hexadecimal behind "0x". */
+/* Takes "-" and a number off the head of the text: decimal, or hexadecimal after "0x". */
 bool takeNumber(const char*& text, uint64_t highest, uint64_t& number) {
     if (*text++ != '-') return false;
     const int base = text[0] == '0' && (text[1] == 'x' || text[1] == 'X') ? 16 : 10;

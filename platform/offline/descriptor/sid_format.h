@@ -2,9 +2,10 @@
 #ifndef QUILLET_OFFLINE_DESCRIPTOR_SID_FORMAT_H
 #define QUILLET_OFFLINE_DESCRIPTOR_SID_FORMAT_H
 
+#include "platform/offline/base/bytes.h"
+
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <string>
 #include <vector>
 
@@ -19,7 +20,7 @@ constexpr size_t longestSid = sidHead + mostSubAuthorities * 4; /* bytes */
 
 /* Bytes of the SID at the head of the span; 0 when it is not whole or not valid (revision 1, at most 15
  * sub-authorities). */
-size_t sidLength(std::span<const uint8_t> sid);
+size_t sidLength(Bytes sid);
 
 /* "S-1-", an authority of at most 14 characters, and "-4294967295" for each sub-authority. */
 constexpr size_t longestSidText = 4 + 14 + mostSubAuthorities * 11;
@@ -28,10 +29,10 @@ struct SidText {
 };
 
 /* The text of the SID at the head of the span as the platform writes it: its length, 0 when it is no SID. */
-size_t formatSid(std::span<const uint8_t> sid, SidText& text);
+size_t formatSid(Bytes sid, SidText& text);
 
 /* "S-1-5-…"; empty when it is no SID. And back; empty when it is no SID's text. */
-std::string sidToText(std::span<const uint8_t> sid);
+std::string sidToText(Bytes sid);
 std::vector<uint8_t> sidFromText(const std::string& text);
 
 } /* namespace offline */

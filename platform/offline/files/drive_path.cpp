@@ -39,7 +39,7 @@ void appendComponent(std::u16string& path, std::u16string_view component, bool l
     path += component;
 }
 
-/* The platform's rules for what stands behind "C:". */
+/* The platform's rules for what follows "C:". */
 void normalise(std::u16string_view rest, std::u16string& path) {
     path.clear();
     while (!rest.empty()) {

@@ -30,7 +30,7 @@ NTSTATUS pathText(LPCWSTR path, std::u16string_view& text);
 /* Whether the path begins with "\\?\" or "\??\" and so is taken as it stands. */
 bool pathLiteral(std::u16string_view path);
 
-/* Takes a path apart. Behind a literal prefix nothing is changed and the components are not looked at;
+/* Takes a path apart. After a literal prefix nothing is changed and the components are not looked at;
  * otherwise the platform's normalisation: either slash, "." and ".." resolved, trailing dots and spaces
  * dropped. Throws bad_alloc. Statuses as driveFind. */
 NTSTATUS parseDrivePath(std::u16string_view path, DrivePath& parsed);

@@ -24,7 +24,7 @@ Volume* driveVolume(char16_t letter);
  * answer with ERROR_INVALID_HANDLE. */
 void drivesReset();
 
-/* A Windows path ("C:\x", "\\?\C:\x", "\??\C:\x") to its volume and file. Behind "\\?\" and "\??\" it is
+/* A Windows path ("C:\x", "\\?\C:\x", "\??\C:\x") to its volume and file. After "\\?\" and "\??\" it is
  * taken as it stands; otherwise either slash will do and the path is normalised. Statuses as volumeFind;
  * STATUS_OBJECT_PATH_SYNTAX_BAD for a path that names no drive, STATUS_OBJECT_PATH_NOT_FOUND for a letter
  * without a volume, STATUS_OBJECT_NAME_INVALID for a component that no file can have and for a file's path

@@ -12,10 +12,10 @@ constexpr uint64_t recordOf(FileRef file) {
 
 } /* namespace */
 
-bool enterOnce(const Volume& volume, FileRef directory, const EntryPlace& by) {
-    const EntryPlace place = {recordOf(by.directory), by.index};
-    const auto [found, first] = filesState().entered.try_emplace({&volume, recordOf(directory)}, place);
-    return first || found->second == place;
+bool enterOnce(const Volume& volume, FileRef directory, const EntryRef& by) {
+    const EntryRef entry = {recordOf(by.directory), by.index};
+    const auto [found, first] = filesState().entered.try_emplace({&volume, recordOf(directory)}, entry);
+    return first || found->second == entry;
 }
 
 void enteredForget() {

@@ -14,10 +14,10 @@
 namespace offline {
 
 /* An entry of a directory that leads to another. */
-struct EntryPlace {
+struct EntryRef {
     FileRef directory = 0;
     size_t index = SIZE_MAX; /* into its listing; SIZE_MAX: where a walk begins */
-    bool operator==(const EntryPlace&) const = default;
+    bool operator==(const EntryRef&) const = default;
 };
 
 struct DirectoryRecord {
@@ -33,11 +33,11 @@ struct DirectoryRecordHash {
 };
 
 /* By which entry each directory was entered. */
-using EnteredDirectories = std::unordered_map<DirectoryRecord, EntryPlace, DirectoryRecordHash>;
+using EnteredDirectories = std::unordered_map<DirectoryRecord, EntryRef, DirectoryRecordHash>;
 
 /* Whether the directory is entered for the first time since enteredForget, or by the same entry again. May
  * throw std::bad_alloc; takes some 60 bytes for each directory. */
-bool enterOnce(const Volume& volume, FileRef directory, const EntryPlace& by);
+bool enterOnce(const Volume& volume, FileRef directory, const EntryRef& by);
 
 void enteredForget();
 

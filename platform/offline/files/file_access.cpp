@@ -1,14 +1,12 @@
 #include "platform/offline/files/file_access.h"
 
-#include <span>
-
 #include "platform/offline/security/security.h"
 
 namespace offline {
 
 NTSTATUS fileAccess(Volume& volume, FileRef file, ACCESS_MASK desired) {
     if (accessMode() == AccessMode::unrefused || privilegeEnabled(backupPrivilege)) return STATUS_SUCCESS;
-    std::span<const uint8_t> descriptor;
+    Bytes descriptor;
     const NTSTATUS status = volumeDescriptor(volume, file, descriptor);
     if (status < 0) return status;
     ACCESS_MASK granted = 0;

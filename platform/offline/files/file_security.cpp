@@ -1,7 +1,6 @@
 /* Reading and setting the descriptors of files, by path. */
 #include <cstring>
 #include <new>
-#include <span>
 #include <vector>
 
 #include "platform/offline/base/guarded.h"
@@ -19,7 +18,7 @@ constexpr SECURITY_INFORMATION allParts = OWNER_SECURITY_INFORMATION | GROUP_SEC
 struct Target {
     Volume* volume = nullptr;
     FileRef file = 0;
-    std::span<const uint8_t> stored;
+    Bytes stored;
 };
 
 /* The file at a path with its descriptor, opened for these rights. */
@@ -39,7 +38,7 @@ NTSTATUS queryDescriptor(LPCWSTR path, SECURITY_INFORMATION information, PSECURI
     Target target;
     NTSTATUS status = openTarget(path, accessToQuery(information), target);
     if (status < 0) return status;
-    std::span<const uint8_t> answer = target.stored;
+    Bytes answer = target.stored;
     if (information != allParts) {
         std::vector<uint8_t>& image = filesState().descriptor;
         status = descriptorQuery(target.stored, information, image);

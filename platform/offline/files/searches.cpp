@@ -25,7 +25,7 @@ namespace {
 /* Listings larger than this are given back at the end of their search, smaller ones serve the next search. */
 constexpr size_t entriesKept = 4096;
 
-/* ---- Making and giving back ---- */
+/* ---- Creating and giving back ---- */
 
 /* Takes a search that has room already, if there is one. The caller has it listed as open by enlist. */
 std::unique_ptr<Search> takeSearch() {
@@ -49,9 +49,9 @@ void keepSearch(std::unique_ptr<Search> search) {
 
 void closeSearch(void* object) {
     std::unique_ptr<Search> search(static_cast<Search*>(object));
-    const auto place =
+    const auto it =
         std::find(filesState().openSearches.rbegin(), filesState().openSearches.rend(), search.get());
-    if (place != filesState().openSearches.rend()) filesState().openSearches.erase(std::next(place).base());
+    if (it != filesState().openSearches.rend()) filesState().openSearches.erase(std::next(it).base());
     if (search->volume != nullptr) keepSearch(std::move(search));
 }
 
@@ -59,7 +59,7 @@ const HandleType searchType = {closeSearch};
 
 NTSTATUS enlist(std::unique_ptr<Search> search, HANDLE& handle) {
     filesState().openSearches.push_back(search.get());
-    handle = handleMake(searchType, search.get());
+    handle = handleCreate(searchType, search.get());
     if (handle == nullptr) {
         filesState().openSearches.pop_back();
         return STATUS_NO_MEMORY;
@@ -81,9 +81,8 @@ bool searchKnows(const Search& search, const Volume& volume, std::u16string_view
 
 /* The search that delivered the name last, or null. */
 const Search* deliveredBy(const Volume& volume, std::u16string_view relative) {
-    for (auto place = filesState().openSearches.rbegin(); place != filesState().openSearches.rend();
-         ++place) {
-        if (searchKnows(**place, volume, relative)) return *place;
+    for (auto it = filesState().openSearches.rbegin(); it != filesState().openSearches.rend(); ++it) {
+        if (searchKnows(**it, volume, relative)) return *it;
     }
     return nullptr;
 }
@@ -92,7 +91,7 @@ const Search* deliveredBy(const Volume& volume, std::u16string_view relative) {
  * above delivered; who asks for a directory by a path of his own is always let in. */
 bool mayEnter(const Search& search) {
     if (filesState().openSearches.empty()) enteredForget();
-    EntryPlace by;
+    EntryRef by;
     if (!filesState().openSearches.empty() && !search.directory.empty()) {
         const Search* const above = deliveredBy(*search.volume, search.directory);
         if (above == nullptr) return true;

@@ -22,7 +22,7 @@ struct VolumeHandle {
 
 const HandleType volumeHandleType = {[](void* object) { delete static_cast<VolumeHandle*>(object); }};
 
-/* "\\?\C:" or "\\.\C:", nothing before or behind it. */
+/* "\\?\C:" or "\\.\C:", nothing before or after it. */
 bool namesVolume(std::u16string_view path) {
     return path.size() == 6 && (path.starts_with(u"\\\\?\\") || path.starts_with(u"\\\\.\\")) &&
            isDriveLetter(path[4]) && path[5] == u':';
@@ -42,7 +42,7 @@ NTSTATUS openVolume(LPCWSTR path, DWORD access, DWORD disposition, HANDLE& handl
     if (mayWrite && volumeReadOnly(*volume)) return STATUS_MEDIA_WRITE_PROTECTED;
     std::unique_ptr<VolumeHandle> object(new (std::nothrow) VolumeHandle{volume, filesState().era, mayWrite});
     if (object == nullptr) return STATUS_NO_MEMORY;
-    handle = handleMake(volumeHandleType, object.get());
+    handle = handleCreate(volumeHandleType, object.get());
     if (handle == nullptr) return STATUS_NO_MEMORY;
     static_cast<void>(object.release());  // the handle owns it
     return STATUS_SUCCESS;

@@ -8,7 +8,7 @@ namespace {
 using namespace regf;
 
 /* The exclusive or of all words before it. Two results stand for "no checksum" and are never stored. */
-uint32_t checksumOf(std::span<const uint8_t> block) {
+uint32_t checksumOf(Bytes block) {
     uint32_t sum = 0;
     for (size_t at = 0; at < base::checksum.at; at += sizeof sum) sum ^= load<uint32_t>(block.data() + at);
     if (sum == 0) return 1;
@@ -19,7 +19,7 @@ const char* const notShutDown =
     "is dirty: it was not shut down, and no log file beside it holds what is missing; start the system once "
     "and shut it down cleanly, then try again";
 
-NTSTATUS checkKind(std::span<const uint8_t> file, Problem& problem) {
+NTSTATUS checkKind(Bytes file, Problem& problem) {
     if (file.size() < base::size || get(file, base::signature) != base::magic) {
         return refuse(problem, STATUS_NOT_REGISTRY_FILE, "is no registry hive");
     }
@@ -35,14 +35,14 @@ NTSTATUS checkKind(std::span<const uint8_t> file, Problem& problem) {
 }
 
 /* A file that the platform has written is whole pages long and holds all its bins. */
-bool binsFit(std::span<const uint8_t> file) {
+bool binsFit(Bytes file) {
     const uint32_t size = get(file, base::binsSize);
     return size != 0 && size % pageSize == 0 && size <= largestBins && size <= file.size() - base::size;
 }
 
 } /* namespace */
 
-NTSTATUS checkBaseBlock(std::span<const uint8_t> file, Problem& problem) {
+NTSTATUS checkBaseBlock(Bytes file, Problem& problem) {
     if (const NTSTATUS status = checkKind(file, problem); status < 0) return status;
 
     if (!baseBlockSealed(file)) {
@@ -63,16 +63,16 @@ NTSTATUS checkBaseBlock(std::span<const uint8_t> file, Problem& problem) {
     return STATUS_SUCCESS;
 }
 
-bool baseBlockSealed(std::span<const uint8_t> block) {
+bool baseBlockSealed(Bytes block) {
     return checksumOf(block) == get(block, base::checksum);
 }
 
-bool baseBlockDirty(std::span<const uint8_t> file) {
+bool baseBlockDirty(Bytes file) {
     return file.size() >= base::size &&
            (!baseBlockSealed(file) || get(file, base::primarySequence) != get(file, base::secondarySequence));
 }
 
-void makeBaseBlock(std::span<uint8_t> block, uint32_t minor, std::u16string_view fileName) {
+void createBaseBlock(std::span<uint8_t> block, uint32_t minor, std::u16string_view fileName) {
     set(block, base::signature, base::magic);
     set(block, base::major, 1);
     set(block, base::minor, minor);

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "platform/nt.h"
+#include "platform/offline/base/bytes.h"
 #include "platform/offline/base/problem.h"
 
 namespace offline {
@@ -14,17 +15,17 @@ namespace offline {
 /* What the base block of this file says about it: success, and then its fields can be relied on and the bins
  * lie in the file; STATUS_NOT_REGISTRY_FILE; STATUS_REGISTRY_CORRUPT; or STATUS_REGISTRY_IO_FAILED for a hive
  * that was not shut down, which only its log files make whole. */
-NTSTATUS checkBaseBlock(std::span<const uint8_t> file, Problem& problem);
+NTSTATUS checkBaseBlock(Bytes file, Problem& problem);
 
 /* Whether the checksum over the first sector is right; of a log's base block too. The bytes must hold it. */
-bool baseBlockSealed(std::span<const uint8_t> block);
+bool baseBlockSealed(Bytes block);
 
 /* Whether the file was not shut down, as far as its base block tells, or has lost its base block: log files
  * may make it whole. */
-bool baseBlockDirty(std::span<const uint8_t> file);
+bool baseBlockDirty(Bytes file);
 
 /* Fills a base block of zeros for a hive without bins. */
-void makeBaseBlock(std::span<uint8_t> block, uint32_t minor, std::u16string_view fileName);
+void createBaseBlock(std::span<uint8_t> block, uint32_t minor, std::u16string_view fileName);
 
 /* Puts in both sequence numbers and the checksum over all. */
 void sealBaseBlock(std::span<uint8_t> block, uint32_t primary, uint32_t secondary);

@@ -27,7 +27,7 @@ void setCellHead(Hive& hive, Cell cell, int32_t size) {
 }
 
 uint32_t binEnd(const Hive& hive, uint32_t bin) {
-    return bin + get(std::span<const uint8_t>(hive.bytes).subspan(pageSize + bin), bin::size);
+    return bin + get(Bytes(hive.bytes).subspan(pageSize + bin), bin::size);
 }
 
 /* A free cell that can't be entered for want of memory stays free in the file, and is found when it is next
@@ -55,22 +55,22 @@ Cell cellBefore(const Hive& hive, Cell cell) {
 
 /* A new bin at the end that is one free cell, which is not entered among the free ones. */
 Cell addBin(Hive& hive, uint32_t size) {
-    const uint32_t place = hive.binsSize;
-    const size_t end = pageSize + place + size;
+    const uint32_t offset = hive.binsSize;
+    const size_t end = pageSize + offset + size;
     if (hive.bytes.size() < end) hive.bytes.resize(end);
-    hive.binsSize = place + size;
+    hive.binsSize = offset + size;
     hive.starts.words.resize(hive.binsSize / 512);
     hive.keys.words.resize(hive.binsSize / 512);
     hive.dirtyPages.resize(hive.binsSize / pageSize, 0);
-    hive.pageBin.resize(hive.binsSize / pageSize, place);
+    hive.pageBin.resize(hive.binsSize / pageSize, offset);
 
-    const std::span<uint8_t> bytes(hive.bytes.data() + pageSize + place, size);
+    const std::span<uint8_t> bytes(hive.bytes.data() + pageSize + offset, size);
     std::fill(bytes.begin(), bytes.end(), uint8_t{0});
     set(bytes, bin::signature, bin::magic);
-    set(bytes, bin::place, place);
+    set(bytes, bin::offset, offset);
     set(bytes, bin::size, size);
-    touch(hive, place, size);
-    const Cell cell = place + bin::headerSize;
+    touch(hive, offset, size);
+    const Cell cell = offset + bin::headerSize;
     hive.starts.set(cell);
     setCellHead(hive, cell, static_cast<int32_t>(size - bin::headerSize));
     return cell;

@@ -40,7 +40,7 @@ Cell resizeBig(Hive& hive, Cell big, uint32_t had, uint32_t wanted) {
     return big;
 }
 
-void fillBig(Hive& hive, Cell big, std::span<const uint8_t> data) {
+void fillBig(Hive& hive, Cell big, Bytes data) {
     for (size_t i = 0; !data.empty(); i++) {
         const size_t length = std::min<size_t>(data.size(), db::segmentSize);
         const std::span<uint8_t> segment =
@@ -50,7 +50,7 @@ void fillBig(Hive& hive, Cell big, std::span<const uint8_t> data) {
     }
 }
 
-StoredData storeCell(Hive& hive, const StoredData& old, std::span<const uint8_t> data) {
+StoredData storeCell(Hive& hive, const StoredData& old, Bytes data) {
     StoredData stored{static_cast<uint32_t>(data.size()), old.where};
     const bool fits =
         dataForm(hive, old.size) == DataForm::cell && cellData(hive, old.where).size() >= data.size();
@@ -64,7 +64,7 @@ StoredData storeCell(Hive& hive, const StoredData& old, std::span<const uint8_t>
     return stored;
 }
 
-StoredData storeBig(Hive& hive, const StoredData& old, std::span<const uint8_t> data) {
+StoredData storeBig(Hive& hive, const StoredData& old, Bytes data) {
     const uint32_t length = static_cast<uint32_t>(data.size());
     const bool wasBig = dataForm(hive, old.size) == DataForm::big;
     const Cell big =
@@ -102,7 +102,7 @@ void readData(const Hive& hive, const StoredData& stored, std::span<uint8_t> out
             std::copy_n(cellData(hive, stored.where).begin(), out.size(), out.begin());
             break;
         case DataForm::big: {
-            const std::span<const uint8_t> list = cellData(hive, segmentList(hive, stored.where));
+            const Bytes list = cellData(hive, segmentList(hive, stored.where));
             for (size_t i = 0; !out.empty(); i++) {
                 const size_t length = std::min<size_t>(out.size(), db::segmentSize);
                 std::copy_n(cellData(hive, entryAt(list, 0, i)).begin(), length, out.begin());
@@ -121,7 +121,7 @@ uint64_t dataGrowth(const Hive& hive, size_t length) {
            segmentsOf(size) * growthFor(db::segmentSize);
 }
 
-StoredData replaceData(Hive& hive, const StoredData& stored, std::span<const uint8_t> data) {
+StoredData replaceData(Hive& hive, const StoredData& stored, Bytes data) {
     if (data.size() <= vk::longestInline) {
         StoredData inlined{static_cast<uint32_t>(data.size()) | vk::inlineData, 0};
         std::copy(data.begin(), data.end(), reinterpret_cast<uint8_t*>(&inlined.where));

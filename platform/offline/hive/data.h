@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <span>
 
+#include "platform/offline/base/bytes.h"
 #include "platform/offline/hive/image.h"
 
 namespace offline {
@@ -33,7 +34,7 @@ uint64_t dataGrowth(const Hive& hive, size_t length);
 
 /* Stores data in place of what is stored, in the same cells as far as they serve. Needs that room made
  * before. */
-StoredData replaceData(Hive& hive, const StoredData& stored, std::span<const uint8_t> data);
+StoredData replaceData(Hive& hive, const StoredData& stored, Bytes data);
 
 void releaseData(Hive& hive, const StoredData& stored);
 

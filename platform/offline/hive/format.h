@@ -1,10 +1,12 @@
 /* The layout of a hive file, shared by everything that reads and everything that writes it.
  *
- * The file is a base block of 4096 bytes and behind it the bins, each a multiple of 4096 bytes; cells tile a
- * bin behind its header. Places in the bins are counted from the first bin. All numbers are little-endian.
- * Offsets of fields are in bytes of the structure's data, which for a cell begins behind the cell's size. */
+ * The file is a base block of 4096 bytes and after it the bins, each a multiple of 4096 bytes; cells tile a
+ * bin after its header. Offsets in the bins are counted from the first bin. All numbers are little-endian.
+ * Offsets of fields are in bytes of the structure's data, which for a cell begins after the cell's size. */
 #ifndef QUILLET_OFFLINE_HIVE_FORMAT_H
 #define QUILLET_OFFLINE_HIVE_FORMAT_H
+
+#include "platform/offline/base/bytes.h"
 
 #include <bit>
 #include <cstddef>
@@ -31,7 +33,7 @@ T load(const uint8_t* bytes) {
 }
 
 template <class T>
-T get(std::span<const uint8_t> data, Field<T> field) {
+T get(Bytes data, Field<T> field) {
     return load<T>(data.data() + field.at);
 }
 
@@ -43,7 +45,7 @@ void set(std::span<uint8_t> data, Field<T> field, std::type_identity_t<T> value)
 constexpr size_t pageSize = 4096;
 constexpr uint32_t cellGrain = 8;                /* cells lie on and are multiples of this */
 constexpr uint32_t cellHeader = sizeof(int32_t); /* its size, itself included; negative when allocated */
-constexpr uint32_t largestBins = 0x7FFFF000;     /* bit 31 of a cell's place means volatile storage */
+constexpr uint32_t largestBins = 0x7FFFF000;     /* bit 31 of a cell's offset means volatile storage */
 
 namespace base {
 constexpr uint32_t magic = 0x66676572; /* "regf" */
@@ -66,7 +68,7 @@ constexpr size_t size = pageSize;
 } /* namespace base */
 
 /* Log files begin with the first sector of a base block. The form since Windows 8.1 goes on with entries,
- * each a multiple of a sector, with the places and sizes of parts of the bins and then the parts; both its
+ * each a multiple of a sector, with the offsets and sizes of parts of the bins and then the parts; both its
  * hashes are Marvin32. The form before it holds one bit for each sector of the bins, and then the sectors
  * whose bit is set. */
 namespace log {
@@ -81,21 +83,21 @@ constexpr Field<uint32_t> flags{8};
 constexpr Field<uint32_t> sequence{12};
 constexpr Field<uint32_t> binsSize{16};
 constexpr Field<uint32_t> count{20};
-constexpr Field<uint64_t> bodyHash{24}; /* of everything behind the header */
+constexpr Field<uint64_t> bodyHash{24}; /* of everything after the header */
 constexpr Field<uint64_t> headHash{32}; /* of what is before it */
 constexpr size_t header = 40;
-constexpr Field<uint32_t> partPlace{0}; /* a part, as the list behind the header names it */
+constexpr Field<uint32_t> partOffset{0}; /* a part, as the list after the header names it */
 constexpr Field<uint32_t> partSize{4};
 constexpr size_t partEntry = 8;
 
-constexpr uint32_t dirtyMagic = 0x54524944; /* "DIRT", behind the base block of an old one */
+constexpr uint32_t dirtyMagic = 0x54524944; /* "DIRT", after the base block of an old one */
 constexpr size_t bits = sectorSize + 4;
 } /* namespace log */
 
 namespace bin {
 constexpr uint32_t magic = 0x6E696268; /* "hbin" */
 constexpr Field<uint32_t> signature{0};
-constexpr Field<uint32_t> place{4};
+constexpr Field<uint32_t> offset{4};
 constexpr Field<uint32_t> size{8};
 constexpr Field<uint64_t> lastWrite{20}; /* of the hive, in the first bin alone */
 constexpr uint32_t headerSize = 32;
@@ -103,7 +105,7 @@ constexpr uint32_t headerSize = 32;
 
 namespace nk { /* a key */
 constexpr uint16_t magic = 0x6B6E;
-constexpr uint16_t latinName = 0x20;
+constexpr uint16_t compressedName = 0x20;
 constexpr uint16_t predefinedHandle = 0x40; /* the value count is a handle, and there are no values */
 constexpr Field<uint16_t> signature{0};
 constexpr Field<uint16_t> flags{2};
@@ -127,7 +129,7 @@ constexpr size_t name = 76;
 
 namespace vk { /* a value */
 constexpr uint16_t magic = 0x6B76;
-constexpr uint16_t latinName = 1;
+constexpr uint16_t compressedName = 1;
 constexpr uint32_t inlineData = 0x80000000; /* of dataSize: at most 4 bytes, held in the field data itself */
 constexpr size_t longestInline = 4;
 constexpr Field<uint16_t> signature{0};
@@ -146,7 +148,7 @@ constexpr uint32_t segmentCell = 16352; /* the cell fills a bin of its own, what
 constexpr uint32_t firstMinor = 4;
 constexpr Field<uint16_t> signature{0};
 constexpr Field<uint16_t> count{2};
-constexpr Field<uint32_t> list{4}; /* the cell of the segments' places */
+constexpr Field<uint32_t> list{4}; /* the cell of the segments' offsets */
 constexpr size_t size = 12;
 } /* namespace db */
 
@@ -155,12 +157,12 @@ constexpr uint16_t magic = 0x6B73;
 constexpr Field<uint16_t> signature{0};
 constexpr Field<uint32_t> next{4};
 constexpr Field<uint32_t> previous{8};
-constexpr Field<uint32_t> users{12}; /* the number of keys that use it */
+constexpr Field<uint32_t> refcount{12}; /* of the keys that have it */
 constexpr Field<uint32_t> length{16};
 constexpr size_t descriptor = 20;
 } /* namespace sk */
 
-namespace list { /* of subkeys; an "ri" holds the places of leaves, never of another "ri" */
+namespace list { /* of subkeys; an "ri" holds the offsets of leaves, never of another "ri" */
 constexpr uint16_t li = 0x696C;
 constexpr uint16_t lf = 0x666C; /* each entry with the name's first four characters */
 constexpr uint16_t lh = 0x686C; /* each entry with the name's hash */

@@ -21,21 +21,22 @@ std::span<uint8_t> baseBlock(Hive& hive) {
 }
 
 /* How far bins follow each other in the file, whatever the base block says. */
-uint32_t binsInFile(std::span<const uint8_t> file) {
-    const std::span<const uint8_t> bins = file.subspan(base::size);
-    size_t place = 0;
-    while (bins.size() - place >= bin::headerSize) {
-        const std::span<const uint8_t> header = bins.subspan(place, bin::headerSize);
+uint32_t binsInFile(Bytes file) {
+    const Bytes bins = file.subspan(base::size);
+    size_t offset = 0;
+    while (bins.size() - offset >= bin::headerSize) {
+        const Bytes header = bins.subspan(offset, bin::headerSize);
         const uint32_t size = get(header, bin::size);
-        const bool follows = get(header, bin::signature) == bin::magic && get(header, bin::place) == place &&
-                             size != 0 && size % pageSize == 0 && size <= bins.size() - place;
-        if (!follows || place + size > largestBins) break;
-        place += size;
+        const bool follows = get(header, bin::signature) == bin::magic &&
+                             get(header, bin::offset) == offset && size != 0 && size % pageSize == 0 &&
+                             size <= bins.size() - offset;
+        if (!follows || offset + size > largestBins) break;
+        offset += size;
     }
-    return static_cast<uint32_t>(place);
+    return static_cast<uint32_t>(offset);
 }
 
-/* A base block may tell of fewer bins than there are. Bins behind its end are mostly remnants; they count
+/* A base block may count fewer bins than there are. Bins after its end are mostly remnants; they count
  * only when the hive is not whole without them, and is with them. */
 NTSTATUS validateBins(Hive& hive, Problem& problem) {
     const NTSTATUS status = validate(hive, problem);
@@ -51,8 +52,8 @@ NTSTATUS validateBins(Hive& hive, Problem& problem) {
 /* What was taken from the logs is in no page of the file yet. */
 void noteRecovered(Hive& hive, bool recovered, const std::vector<RecoveredPart>& parts) {
     for (const RecoveredPart& part : parts) {
-        const size_t behind = std::min<size_t>(size_t{part.place} + part.size, hive.binsSize);
-        for (size_t page = part.place / pageSize; page * pageSize < behind; page++) hive.dirtyPages[page] = 1;
+        const size_t end = std::min<size_t>(size_t{part.offset} + part.size, hive.binsSize);
+        for (size_t page = part.offset / pageSize; page * pageSize < end; page++) hive.dirtyPages[page] = 1;
     }
     hive.recovered = recovered;
 }
@@ -64,7 +65,7 @@ NTSTATUS open(std::vector<uint8_t>&& bytes, const HiveLogs& logs, HivePtr& hive,
     const bool recovered = baseBlockDirty(bytes) && applyLogs(bytes, logs, parts);
     if (const NTSTATUS status = checkBaseBlock(bytes, problem); status < 0) return status;
     opened->bytes = std::move(bytes);
-    const std::span<const uint8_t> block = baseBlock(*opened);
+    const Bytes block = baseBlock(*opened);
     opened->binsSize = get(block, base::binsSize);
     opened->minor = get(block, base::minor);
     opened->root = get(block, base::root);
@@ -74,13 +75,13 @@ NTSTATUS open(std::vector<uint8_t>&& bytes, const HiveLogs& logs, HivePtr& hive,
     return STATUS_SUCCESS;
 }
 
-NTSTATUS create(uint32_t minor, std::u16string_view rootName, std::u16string_view fileName,
-                std::span<const uint8_t> descriptor, HivePtr& hive) {
+NTSTATUS create(uint32_t minor, std::u16string_view rootName, std::u16string_view fileName, Bytes descriptor,
+                HivePtr& hive) {
     HivePtr made(new Hive);
     const NewKey root{rootName, {}, findDescriptor(*made, descriptor), HIVE_KEY_ROOT | HIVE_KEY_NO_DELETE};
     made->minor = minor;
     made->bytes.resize(base::size);
-    makeBaseBlock(baseBlock(*made), minor, fileName);
+    createBaseBlock(baseBlock(*made), minor, fileName);
     if (const NTSTATUS status = makeRoom(*made, newKeyGrowth(root)); status < 0) return status;
     made->root = storeKey(*made, noCell, root, 0);
     set(baseBlock(*made), base::root, made->root);
@@ -89,7 +90,7 @@ NTSTATUS create(uint32_t minor, std::u16string_view rootName, std::u16string_vie
 }
 
 uint32_t primarySequence(const Hive& hive) {
-    return get(std::span<const uint8_t>(hive.bytes), base::primarySequence);
+    return get(Bytes(hive.bytes), base::primarySequence);
 }
 
 /* Writes the base block with these sequence numbers and waits until it is on the medium. */
@@ -108,8 +109,7 @@ NTSTATUS writePages(const Hive& hive, HiveStore& store) {
     while (first != end) {
         const auto last = std::find(first, end, uint8_t{0});
         const size_t offset = pageSize * (1 + static_cast<size_t>(first - hive.dirtyPages.begin()));
-        const std::span<const uint8_t> run(hive.bytes.data() + offset,
-                                           pageSize * static_cast<size_t>(last - first));
+        const Bytes run(hive.bytes.data() + offset, pageSize * static_cast<size_t>(last - first));
         if (const NTSTATUS status = store.write(offset, run); status < 0) return status;
         first = std::find(last, end, uint8_t{1});
     }
@@ -122,7 +122,7 @@ void HiveDeleter::operator()(Hive* hive) const {
     delete hive;
 }
 
-bool hiveNeedsLogs(std::span<const uint8_t> bytes) {
+bool hiveNeedsLogs(Bytes bytes) {
     return baseBlockDirty(bytes);
 }
 
@@ -142,7 +142,7 @@ bool hiveRecovered(const Hive& hive) {
 }
 
 NTSTATUS hiveCreate(uint32_t minor, std::u16string_view rootName, std::u16string_view fileName,
-                    std::span<const uint8_t> descriptor, HivePtr& hive) {
+                    Bytes descriptor, HivePtr& hive) {
     if (minor < 3 || minor > 6 || rootName.empty() || rootName.size() > longestKeyName ||
         !validDescriptor(descriptor)) {
         return STATUS_INVALID_PARAMETER;

@@ -1,7 +1,7 @@
 /* One registry hive in memory: the platform's "regf" file format, versions 1.3 to 1.6.
  *
  * A hive is read whole, validated whole, changed in memory and saved page by page. Keys are named by the
- * place of their cell, which stays the same as long as the key lives. Spans and views into a hive are good
+ * offset of their cell, which stays the same as long as the key lives. Spans and views into a hive are good
  * until its next change; a hive is used by one thread at a time, for reading too. Names are UTF-16 without a
  * terminator, compared by the platform's folding; lengths of names are in characters, of everything else in
  * bytes. No function throws. */
@@ -17,13 +17,14 @@
 #include <vector>
 
 #include "platform/nt.h"
+#include "platform/offline/base/bytes.h"
 #include "platform/offline/base/problem.h"
 
 namespace offline {
 
 struct Hive;
 
-/* The place of a cell, counted from the first bin (file offset 4096). */
+/* The offset of a cell in bytes, counted from the first bin (file offset 4096). */
 using Cell = uint32_t;
 constexpr Cell noCell = 0xFFFFFFFF;
 
@@ -46,11 +47,11 @@ struct HiveLogs {
 };
 
 /* Whether these bytes of a hive file want the logs to be whole. */
-bool hiveNeedsLogs(std::span<const uint8_t> bytes);
+bool hiveNeedsLogs(Bytes bytes);
 
 /* Takes the bytes of a hive file and validates everything that can be reached from the root: one choke point,
  * after which the functions below rely on the structure. Names in the problem are left to the caller: its
- * text says what is wrong with "the hive", in a form that stands behind "NAME: " ("is damaged: the key cell
+ * text says what is wrong with "the hive", in a form that follows "NAME: " ("is damaged: the key cell
  * at 0x1a20 …"). Fails with STATUS_NOT_REGISTRY_FILE (no hive at all), STATUS_REGISTRY_CORRUPT (a broken one)
  * or STATUS_REGISTRY_IO_FAILED (a dirty one that the logs do not make whole). What comes from the logs is
  * saved together with the first change. */
@@ -63,7 +64,7 @@ bool hiveRecovered(const Hive& hive);
 /* A new, empty hive of version 1.minor (3 to 6) whose root key has this name and self-relative descriptor.
  * fileName goes into the base block (its last 31 characters). */
 NTSTATUS hiveCreate(uint32_t minor, std::u16string_view rootName, std::u16string_view fileName,
-                    std::span<const uint8_t> descriptor, HivePtr& hive);
+                    Bytes descriptor, HivePtr& hive);
 
 /* Where a hive is saved. Offsets and sizes are in bytes of the hive file; a negative status ends the save. */
 struct HiveStore {
@@ -71,7 +72,7 @@ struct HiveStore {
 
     /* Asked before the hive is changed in memory: negative when nothing of it could be saved. */
     virtual NTSTATUS beginChange() { return STATUS_SUCCESS; }
-    virtual NTSTATUS write(uint64_t offset, std::span<const uint8_t> bytes) = 0;
+    virtual NTSTATUS write(uint64_t offset, Bytes bytes) = 0;
     virtual NTSTATUS grow(uint64_t size) = 0; /* the file is to have at least this many bytes */
     virtual NTSTATUS flush() = 0;             /* on the medium when it returns */
 };
@@ -115,12 +116,12 @@ bool hiveKeyIsLink(const Hive& hive, Cell key);
 size_t hiveKeyName(const Hive& hive, Cell key, char16_t* name);
 
 /* The class text's bytes; empty when the key has none. */
-std::span<const uint8_t> hiveKeyClass(const Hive& hive, Cell key);
+Bytes hiveKeyClass(const Hive& hive, Cell key);
 
 /* The key's self-relative descriptor, exactly as stored. */
-std::span<const uint8_t> hiveKeyDescriptor(const Hive& hive, Cell key);
+Bytes hiveKeyDescriptor(const Hive& hive, Cell key);
 
-/* The child at an index, in the order of the folded names. STATUS_NO_MORE_ENTRIES behind the last. */
+/* The child at an index, in the order of the folded names. STATUS_NO_MORE_ENTRIES after the last. */
 NTSTATUS hiveSubkey(const Hive& hive, Cell key, uint32_t index, Cell& child);
 
 /* The child of this name. STATUS_OBJECT_NAME_NOT_FOUND when there is none. */
@@ -132,9 +133,8 @@ NTSTATUS hiveFindSubkey(const Hive& hive, Cell key, std::u16string_view name, Ce
  * STATUS_OBJECT_NAME_COLLISION when the name is taken, STATUS_INVALID_PARAMETER for a name that is empty, too
  * long or holds a backslash and for a child below deepestKey, STATUS_NO_MEMORY or
  * STATUS_INSUFFICIENT_RESOURCES when there is no room. A failure changes nothing. */
-NTSTATUS hiveCreateSubkey(Hive& hive, Cell parent, std::u16string_view name,
-                          std::span<const uint8_t> classText, std::span<const uint8_t> descriptor,
-                          uint16_t flags, uint64_t time, Cell& child);
+NTSTATUS hiveCreateSubkey(Hive& hive, Cell parent, std::u16string_view name, Bytes classText,
+                          Bytes descriptor, uint16_t flags, uint64_t time, Cell& child);
 
 /* Deletes a key without children, its values with it, and gives back every cell. STATUS_CANNOT_DELETE for a
  * key with children, the root and a key marked so. */
@@ -143,7 +143,7 @@ NTSTATUS hiveDeleteKey(Hive& hive, Cell key, uint64_t time);
 /* Gives the key this self-relative descriptor (at most 65,535 bytes), stored byte for byte and
  * shared as by hiveCreateSubkey. STATUS_INVALID_PARAMETER for an empty or longer one. A failure changes
  * nothing. */
-NTSTATUS hiveSetKeyDescriptor(Hive& hive, Cell key, std::span<const uint8_t> descriptor, uint64_t time);
+NTSTATUS hiveSetKeyDescriptor(Hive& hive, Cell key, Bytes descriptor, uint64_t time);
 
 /* ---- Values ---- */
 
@@ -154,7 +154,8 @@ struct HiveValue {
     uint16_t nameLength; /* characters */
 };
 
-/* The value at an index, in the order in which the values were made. STATUS_NO_MORE_ENTRIES behind the last.
+/* The value at an index, in the order in which the values were created. STATUS_NO_MORE_ENTRIES after the
+ * last.
  */
 NTSTATUS hiveValue(const Hive& hive, Cell key, uint32_t index, HiveValue& value);
 
@@ -167,12 +168,12 @@ void hiveValueName(const Hive& hive, const HiveValue& value, char16_t* name);
 /* Copies the value's data from its start: as many bytes as out holds, at most value.dataLength. */
 void hiveValueData(const Hive& hive, const HiveValue& value, std::span<uint8_t> out);
 
-/* Sets or makes a value; STATUS_INVALID_PARAMETER for a name that is too long, data of more than
+/* Sets or creates a value; STATUS_INVALID_PARAMETER for a name that is too long, data of more than
  * 1,071,104,040 bytes and a predefined-handle key. A value that exists keeps its name's letters and its place
  * in the order. Data of more than 16344 bytes becomes big data where the hive's version has it. The data must
  * not lie in the hive. A failure changes nothing. */
-NTSTATUS hiveSetValue(Hive& hive, Cell key, std::u16string_view name, uint32_t type,
-                      std::span<const uint8_t> data, uint64_t time);
+NTSTATUS hiveSetValue(Hive& hive, Cell key, std::u16string_view name, uint32_t type, Bytes data,
+                      uint64_t time);
 
 /* STATUS_OBJECT_NAME_NOT_FOUND when there is none. */
 NTSTATUS hiveDeleteValue(Hive& hive, Cell key, std::u16string_view name, uint64_t time);

@@ -1,4 +1,4 @@
-/* A hive in memory and the one place where the place of a cell becomes memory. */
+/* A hive in memory and the one place where a cell's offset becomes memory. */
 #ifndef QUILLET_OFFLINE_HIVE_IMAGE_H
 #define QUILLET_OFFLINE_HIVE_IMAGE_H
 
@@ -11,12 +11,13 @@
 #include <utility>
 #include <vector>
 
+#include "platform/offline/base/bytes.h"
 #include "platform/offline/hive/format.h"
 #include "platform/offline/hive/hive.h"
 
 namespace offline {
 
-/* One bit for every place where a cell can begin. */
+/* One bit for every offset at which a cell can begin. */
 struct CellBits {
     std::vector<uint64_t> words;
 
@@ -43,7 +44,7 @@ struct SubkeyMemory {
 };
 
 struct Hive {
-    std::vector<uint8_t> bytes; /* the file: base block, bins, and what lies behind them */
+    std::vector<uint8_t> bytes; /* the file: base block, bins, and what lies after them */
     uint32_t binsSize = 0;
     uint32_t minor = 0;
     Cell root = noCell;
@@ -54,8 +55,8 @@ struct Hive {
 
     CellBits starts;                               /* cells, free or not */
     CellBits keys;                                 /* keys that can be reached from the root */
-    std::vector<uint32_t> pageBin;                 /* for each page of the bins the place of its bin */
-    std::set<std::pair<uint32_t, Cell>> freeCells; /* size and place */
+    std::vector<uint32_t> pageBin;                 /* for each page of the bins the offset of its bin */
+    std::set<std::pair<uint32_t, Cell>> freeCells; /* size and offset */
 
     std::unordered_map<uint64_t, Cell> descriptors; /* by the hash of their bytes */
 
@@ -64,9 +65,9 @@ struct Hive {
     mutable SubkeyMemory lastSubkey;
 };
 
-/* The data of an allocated cell, behind its size; empty when there is no such cell. Every place that comes
+/* The data of an allocated cell, after its size; empty when there is no such cell. Every offset that comes
  * from the file or from a caller passes here. */
-inline std::span<const uint8_t> cellData(const Hive& hive, Cell cell) {
+inline Bytes cellData(const Hive& hive, Cell cell) {
     if (cell >= hive.binsSize || cell % regf::cellGrain != 0 || !hive.starts.test(cell)) return {};
     const uint8_t* at = hive.bytes.data() + regf::pageSize + cell;
     const int32_t size = regf::load<int32_t>(at);
@@ -75,15 +76,15 @@ inline std::span<const uint8_t> cellData(const Hive& hive, Cell cell) {
 }
 
 /* Marks bytes of the bins as to be saved. */
-inline void touch(Hive& hive, uint32_t place, size_t length) {
-    const size_t last = (place + length - 1) / regf::pageSize;
-    for (size_t page = place / regf::pageSize; page <= last; page++) hive.dirtyPages[page] = 1;
+inline void touch(Hive& hive, uint32_t offset, size_t length) {
+    const size_t last = (offset + length - 1) / regf::pageSize;
+    for (size_t page = offset / regf::pageSize; page <= last; page++) hive.dirtyPages[page] = 1;
     hive.changed = true;
 }
 
 /* The same data to be written to; all of it counts as changed. */
 inline std::span<uint8_t> changeCell(Hive& hive, Cell cell) {
-    const std::span<const uint8_t> data = cellData(hive, cell);
+    const Bytes data = cellData(hive, cell);
     if (data.empty()) return {};
     touch(hive, cell, data.size() + regf::cellHeader);
     return {const_cast<uint8_t*>(data.data()), data.size()};
@@ -93,8 +94,8 @@ inline bool isKey(const Hive& hive, Cell cell) {
     return cell < hive.binsSize && cell % regf::cellGrain == 0 && hive.keys.test(cell);
 }
 
-/* The place at an index of a cell that holds an array of places, which begins at an offset. */
-inline Cell entryAt(std::span<const uint8_t> data, size_t offset, size_t index) {
+/* The offset at an index of a cell's array of offsets; the array begins at an offset in the cell. */
+inline Cell entryAt(Bytes data, size_t offset, size_t index) {
     return regf::load<Cell>(data.data() + offset + index * sizeof(Cell));
 }
 inline void setEntry(std::span<uint8_t> data, size_t offset, size_t index, Cell cell) {

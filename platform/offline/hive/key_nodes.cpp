@@ -1,4 +1,4 @@
-/* Keys: reading, making and deleting them, and their descriptors. */
+/* Keys: reading, creating and deleting them, and their descriptors. */
 #include <algorithm>
 
 #include "platform/offline/base/guarded.h"
@@ -16,7 +16,7 @@ namespace {
 using namespace regf;
 
 /* The key's subkey list, or noCell when it has no subkeys: a list that such a key names means nothing. */
-Cell listOf(std::span<const uint8_t> key) {
+Cell listOf(Bytes key) {
     return get(key, nk::subkeyCount) == 0 ? noCell : get(key, nk::subkeyList);
 }
 
@@ -34,7 +34,7 @@ bool tooDeep(const Hive& hive, Cell parent) {
     return depth > deepestKey;
 }
 
-Cell storeClass(Hive& hive, std::span<const uint8_t> classText) {
+Cell storeClass(Hive& hive, Bytes classText) {
     if (classText.empty()) return noCell;
     const Cell cell = allocateCell(hive, classText.size());
     std::copy(classText.begin(), classText.end(), changeCell(hive, cell).begin());
@@ -42,9 +42,8 @@ Cell storeClass(Hive& hive, std::span<const uint8_t> classText) {
 }
 
 /* Enters the new child in its parent, whose lists of subkeys and longest lengths follow. */
-void adopt(Hive& hive, Cell parent, const SubkeyPlace& place, Cell child, const NewKey& fresh,
-           uint64_t time) {
-    const Cell list = insertSubkey(hive, listOf(cellData(hive, parent)), place, child);
+void adopt(Hive& hive, Cell parent, const SubkeySlot& slot, Cell child, const NewKey& fresh, uint64_t time) {
+    const Cell list = insertSubkey(hive, listOf(cellData(hive, parent)), slot, child);
     const std::span<uint8_t> key = changeCell(hive, parent);
     const uint16_t nameSize = static_cast<uint16_t>(2 * fresh.name.size());
     const uint32_t classSize = static_cast<uint32_t>(fresh.classText.size());
@@ -55,8 +54,8 @@ void adopt(Hive& hive, Cell parent, const SubkeyPlace& place, Cell child, const 
     set(key, nk::lastWrite, time);
 }
 
-void abandon(Hive& hive, Cell parent, const SubkeyPlace& place, uint64_t time) {
-    const Cell list = removeSubkey(hive, listOf(cellData(hive, parent)), place);
+void abandon(Hive& hive, Cell parent, const SubkeySlot& slot, uint64_t time) {
+    const Cell list = removeSubkey(hive, listOf(cellData(hive, parent)), slot);
     const std::span<uint8_t> key = changeCell(hive, parent);
     set(key, nk::subkeyList, list);
     set(key, nk::subkeyCount, get(key, nk::subkeyCount) - 1);
@@ -68,12 +67,12 @@ void abandon(Hive& hive, Cell parent, const SubkeyPlace& place, uint64_t time) {
 
 NTSTATUS createSubkey(Hive& hive, Cell parent, const NewKey& fresh, uint64_t time, Cell& child) {
     const Cell list = listOf(cellData(hive, parent));
-    const SubkeyPlace place = findSubkey(hive, list, fresh.name);
-    if (place.found) return STATUS_OBJECT_NAME_COLLISION;
-    const uint64_t growth = newKeyGrowth(fresh) + insertGrowth(hive, list, place);
+    const SubkeySlot slot = findSubkey(hive, list, fresh.name);
+    if (slot.found) return STATUS_OBJECT_NAME_COLLISION;
+    const uint64_t growth = newKeyGrowth(fresh) + insertGrowth(hive, list, slot);
     if (const NTSTATUS status = makeRoom(hive, growth); status < 0) return status;
     child = storeKey(hive, parent, fresh, time);
-    adopt(hive, parent, place, child, fresh, time);
+    adopt(hive, parent, slot, child, fresh, time);
     return STATUS_SUCCESS;
 }
 
@@ -97,7 +96,7 @@ Cell storeKey(Hive& hive, Cell parent, const NewKey& fresh, uint64_t time) {
     }
     const Cell classCell = storeClass(hive, fresh.classText);
     const std::span<uint8_t> key = changeCell(hive, cell);
-    const uint16_t form = fitsLatin(fresh.name) ? nk::latinName : 0;
+    const uint16_t form = compressible(fresh.name) ? nk::compressedName : 0;
     set(key, nk::signature, nk::magic);
     set(key, nk::flags, static_cast<uint16_t>(fresh.flags | form));
     set(key, nk::lastWrite, time);
@@ -126,7 +125,7 @@ bool hiveKeyIsLink(const Hive& hive, Cell key) {
 
 NTSTATUS hiveKey(const Hive& hive, Cell key, HiveKey& info) {
     if (!isKey(hive, key)) return STATUS_REGISTRY_CORRUPT;
-    const std::span<const uint8_t> data = cellData(hive, key);
+    const Bytes data = cellData(hive, key);
     info.flags = get(data, nk::flags);
     info.lastWrite = get(data, nk::lastWrite);
     info.parent = key == hive.root ? noCell : get(data, nk::parent);
@@ -144,22 +143,22 @@ size_t hiveKeyName(const Hive& hive, Cell key, char16_t* name) {
     return stored.length();
 }
 
-std::span<const uint8_t> hiveKeyClass(const Hive& hive, Cell key) {
+Bytes hiveKeyClass(const Hive& hive, Cell key) {
     if (!isKey(hive, key)) return {};
-    const std::span<const uint8_t> data = cellData(hive, key);
+    const Bytes data = cellData(hive, key);
     const uint16_t length = get(data, nk::classLength);
     if (length == 0) return {};
     return cellData(hive, get(data, nk::classCell)).first(length);
 }
 
-std::span<const uint8_t> hiveKeyDescriptor(const Hive& hive, Cell key) {
+Bytes hiveKeyDescriptor(const Hive& hive, Cell key) {
     if (!isKey(hive, key)) return {};
     return descriptorIn(hive, get(cellData(hive, key), nk::descriptor));
 }
 
 NTSTATUS hiveSubkey(const Hive& hive, Cell key, uint32_t index, Cell& child) {
     if (!isKey(hive, key)) return STATUS_REGISTRY_CORRUPT;
-    const std::span<const uint8_t> data = cellData(hive, key);
+    const Bytes data = cellData(hive, key);
     if (index >= get(data, nk::subkeyCount)) return STATUS_NO_MORE_ENTRIES;
     child = subkeyAt(hive, get(data, nk::subkeyList), index);
     hive.lastSubkey = {hive.generation, key, child};
@@ -174,17 +173,16 @@ NTSTATUS hiveFindSubkey(const Hive& hive, Cell key, std::u16string_view name, Ce
         child = last.child;
         return STATUS_SUCCESS;
     }
-    const SubkeyPlace place = findSubkey(hive, listOf(cellData(hive, key)), name);
-    if (!place.found) return STATUS_OBJECT_NAME_NOT_FOUND;
-    child = place.child;
+    const SubkeySlot slot = findSubkey(hive, listOf(cellData(hive, key)), name);
+    if (!slot.found) return STATUS_OBJECT_NAME_NOT_FOUND;
+    child = slot.child;
     return STATUS_SUCCESS;
 }
 
 /* ---- Changing ---- */
 
-NTSTATUS hiveCreateSubkey(Hive& hive, Cell parent, std::u16string_view name,
-                          std::span<const uint8_t> classText, std::span<const uint8_t> descriptor,
-                          uint16_t flags, uint64_t time, Cell& child) {
+NTSTATUS hiveCreateSubkey(Hive& hive, Cell parent, std::u16string_view name, Bytes classText,
+                          Bytes descriptor, uint16_t flags, uint64_t time, Cell& child) {
     constexpr uint16_t allowed = HIVE_KEY_LINK | HIVE_KEY_NO_DELETE;
     if (!isKey(hive, parent)) return STATUS_REGISTRY_CORRUPT;
     if (!validName(name) || classText.size() > UINT16_MAX || (flags & ~allowed) != 0 ||
@@ -197,7 +195,7 @@ NTSTATUS hiveCreateSubkey(Hive& hive, Cell parent, std::u16string_view name,
 
 NTSTATUS hiveDeleteKey(Hive& hive, Cell key, uint64_t time) {
     if (!isKey(hive, key)) return STATUS_REGISTRY_CORRUPT;
-    const std::span<const uint8_t> data = cellData(hive, key);
+    const Bytes data = cellData(hive, key);
     constexpr uint16_t kept = HIVE_KEY_ROOT | HIVE_KEY_NO_DELETE;
     if (key == hive.root || (get(data, nk::flags) & kept) != 0 || get(data, nk::subkeyCount) != 0) {
         return STATUS_CANNOT_DELETE;
@@ -205,18 +203,18 @@ NTSTATUS hiveDeleteKey(Hive& hive, Cell key, uint64_t time) {
     const Cell parent = get(data, nk::parent);
     char16_t name[longestKeyName];
     const size_t length = hiveKeyName(hive, key, name);
-    const SubkeyPlace place = findSubkey(hive, listOf(cellData(hive, parent)), {name, length});
+    const SubkeySlot slot = findSubkey(hive, listOf(cellData(hive, parent)), {name, length});
 
     releaseValues(hive, key);
     if (get(data, nk::classLength) != 0) releaseCell(hive, get(data, nk::classCell));
     dropDescriptor(hive, get(data, nk::descriptor));
-    abandon(hive, parent, place, time);
+    abandon(hive, parent, slot, time);
     hive.keys.clear(key);
     releaseCell(hive, key);
     return STATUS_SUCCESS;
 }
 
-NTSTATUS hiveSetKeyDescriptor(Hive& hive, Cell key, std::span<const uint8_t> descriptor, uint64_t time) {
+NTSTATUS hiveSetKeyDescriptor(Hive& hive, Cell key, Bytes descriptor, uint64_t time) {
     if (!isKey(hive, key)) return STATUS_REGISTRY_CORRUPT;
     if (!validDescriptor(descriptor)) return STATUS_INVALID_PARAMETER;
     return guarded([&] {

@@ -1,11 +1,11 @@
-/* What making a key is made of, for a new hive's root and for a new subkey. */
+/* What a new key consists of, for a new hive's root and for a new subkey. */
 #ifndef QUILLET_OFFLINE_HIVE_KEY_NODES_H
 #define QUILLET_OFFLINE_HIVE_KEY_NODES_H
 
 #include <cstdint>
-#include <span>
 #include <string_view>
 
+#include "platform/offline/base/bytes.h"
 #include "platform/offline/hive/image.h"
 #include "platform/offline/hive/security_cells.h"
 
@@ -13,12 +13,12 @@ namespace offline {
 
 struct NewKey {
     std::u16string_view name;
-    std::span<const uint8_t> classText;
+    Bytes classText;
     DescriptorUse descriptor;
     uint16_t flags = 0; /* but for the form of the name */
 };
 
-inline bool validDescriptor(std::span<const uint8_t> descriptor) {
+inline bool validDescriptor(Bytes descriptor) {
     return !descriptor.empty() && descriptor.size() <= longestDescriptor;
 }
 
@@ -30,7 +30,7 @@ uint64_t newKeyGrowth(const NewKey& fresh);
 Cell storeKey(Hive& hive, Cell parent, const NewKey& fresh, uint64_t time);
 
 /* How many values the key in this data has. */
-uint32_t valueCount(std::span<const uint8_t> key);
+uint32_t valueCount(Bytes key);
 
 /* Gives back all values of a key that is going away. */
 void releaseValues(Hive& hive, Cell key);

@@ -13,13 +13,13 @@ char16_t fold(char16_t unit) {
 }
 
 /* Units of a name as they are stored: how, is decided once and not for each of them. */
-struct LatinUnits {
-    std::span<const uint8_t> bytes;
+struct CompressedUnits {
+    Bytes bytes;
     size_t size() const { return bytes.size(); }
     char16_t operator[](size_t i) const { return bytes[i]; }
 };
 struct WideUnits {
-    std::span<const uint8_t> bytes;
+    Bytes bytes;
     size_t size() const { return bytes.size() / sizeof(char16_t); }
     char16_t operator[](size_t i) const { return regf::load<char16_t>(bytes.data() + i * sizeof(char16_t)); }
 };
@@ -39,8 +39,8 @@ int compareUnits(const Left& left, const Right& right) {
 
 template <class Right>
 int compareStored(const StoredName& left, const Right& right) {
-    return left.latin ? compareUnits(LatinUnits{left.bytes}, right)
-                      : compareUnits(WideUnits{left.bytes}, right);
+    return left.compressed ? compareUnits(CompressedUnits{left.bytes}, right)
+                           : compareUnits(WideUnits{left.bytes}, right);
 }
 
 template <class Units>
@@ -53,8 +53,8 @@ uint32_t hashUnits(const Units& units) {
 } /* namespace */
 
 int compareNames(const StoredName& left, const StoredName& right) {
-    return right.latin ? compareStored(left, LatinUnits{right.bytes})
-                       : compareStored(left, WideUnits{right.bytes});
+    return right.compressed ? compareStored(left, CompressedUnits{right.bytes})
+                            : compareStored(left, WideUnits{right.bytes});
 }
 
 int compareNames(const StoredName& left, std::u16string_view right) {
@@ -62,7 +62,7 @@ int compareNames(const StoredName& left, std::u16string_view right) {
 }
 
 uint32_t nameHash(const StoredName& name) {
-    return name.latin ? hashUnits(LatinUnits{name.bytes}) : hashUnits(WideUnits{name.bytes});
+    return name.compressed ? hashUnits(CompressedUnits{name.bytes}) : hashUnits(WideUnits{name.bytes});
 }
 
 uint32_t nameHint(const StoredName& name) {
@@ -75,23 +75,23 @@ uint32_t nameHint(const StoredName& name) {
 }
 
 void copyName(const StoredName& name, char16_t* out) {
-    if (name.latin) {
+    if (name.compressed) {
         std::copy(name.bytes.begin(), name.bytes.end(), out);
     } else if (!name.bytes.empty()) {
         memcpy(out, name.bytes.data(), name.length() * sizeof(char16_t));
     }
 }
 
-bool fitsLatin(std::u16string_view name) {
+bool compressible(std::u16string_view name) {
     return std::all_of(name.begin(), name.end(), [](char16_t unit) { return unit <= 0xFF; });
 }
 
 size_t storedSize(std::u16string_view name) {
-    return fitsLatin(name) ? name.size() : name.size() * sizeof(char16_t);
+    return compressible(name) ? name.size() : name.size() * sizeof(char16_t);
 }
 
 void storeName(std::u16string_view name, uint8_t* out) {
-    if (fitsLatin(name)) {
+    if (compressible(name)) {
         std::transform(name.begin(), name.end(), out,
                        [](char16_t unit) { return static_cast<uint8_t>(unit); });
     } else {

@@ -13,7 +13,7 @@ namespace offline {
 
 /* A part of the bins that was taken from a log, in bytes from the first bin. */
 struct RecoveredPart {
-    uint32_t place;
+    uint32_t offset;
     uint32_t size;
 };
 

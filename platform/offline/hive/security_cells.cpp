@@ -11,7 +11,7 @@ namespace {
 
 using namespace regf;
 
-uint64_t hashOf(std::span<const uint8_t> bytes) {
+uint64_t hashOf(Bytes bytes) {
     const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
     return std::hash<std::string_view>()(text);
 }
@@ -33,8 +33,8 @@ void enterRing(Hive& hive, Cell cell) {
     linkRing(hive, cell, next);
 }
 
-void setUsers(Hive& hive, Cell cell, uint32_t users) {
-    set(changeCell(hive, cell), sk::users, users);
+void setRefcount(Hive& hive, Cell cell, uint32_t refcount) {
+    set(changeCell(hive, cell), sk::refcount, refcount);
 }
 
 } /* namespace */
@@ -43,16 +43,16 @@ void noteDescriptor(Hive& hive, Cell cell) {
     hive.descriptors.try_emplace(hashOf(descriptorIn(hive, cell)), cell);
 }
 
-std::span<const uint8_t> descriptorIn(const Hive& hive, Cell cell) {
-    const std::span<const uint8_t> data = cellData(hive, cell);
+Bytes descriptorIn(const Hive& hive, Cell cell) {
+    const Bytes data = cellData(hive, cell);
     return data.subspan(sk::descriptor, get(data, sk::length));
 }
 
-DescriptorUse findDescriptor(const Hive& hive, std::span<const uint8_t> bytes) {
+DescriptorUse findDescriptor(const Hive& hive, Bytes bytes) {
     DescriptorUse use{bytes, hashOf(bytes), noCell};
     const auto found = hive.descriptors.find(use.hash);
     if (found == hive.descriptors.end()) return use;
-    const std::span<const uint8_t> there = descriptorIn(hive, found->second);
+    const Bytes there = descriptorIn(hive, found->second);
     if (std::equal(there.begin(), there.end(), bytes.begin(), bytes.end())) use.cell = found->second;
     return use;
 }
@@ -63,7 +63,7 @@ uint64_t descriptorGrowth(const DescriptorUse& use) {
 
 Cell takeDescriptor(Hive& hive, const DescriptorUse& use) {
     if (use.cell != noCell) {
-        setUsers(hive, use.cell, get(cellData(hive, use.cell), sk::users) + 1);
+        setRefcount(hive, use.cell, get(cellData(hive, use.cell), sk::refcount) + 1);
         return use.cell;
     }
     const auto [entry, entered] = hive.descriptors.try_emplace(use.hash, noCell);
@@ -71,7 +71,7 @@ Cell takeDescriptor(Hive& hive, const DescriptorUse& use) {
     if (entered) entry->second = cell;
     const std::span<uint8_t> data = changeCell(hive, cell);
     set(data, sk::signature, sk::magic);
-    set(data, sk::users, 1);
+    set(data, sk::refcount, 1);
     set(data, sk::length, static_cast<uint32_t>(use.bytes.size()));
     memcpy(data.data() + sk::descriptor, use.bytes.data(), use.bytes.size());
     enterRing(hive, cell);
@@ -79,9 +79,9 @@ Cell takeDescriptor(Hive& hive, const DescriptorUse& use) {
 }
 
 void dropDescriptor(Hive& hive, Cell cell) {
-    const uint32_t users = get(cellData(hive, cell), sk::users);
-    if (users > 1) {
-        setUsers(hive, cell, users - 1);
+    const uint32_t refcount = get(cellData(hive, cell), sk::refcount);
+    if (refcount > 1) {
+        setRefcount(hive, cell, refcount - 1);
         return;
     }
     const auto found = hive.descriptors.find(hashOf(descriptorIn(hive, cell)));

@@ -3,8 +3,8 @@
 #define QUILLET_OFFLINE_HIVE_SECURITY_CELLS_H
 
 #include <cstdint>
-#include <span>
 
+#include "platform/offline/base/bytes.h"
 #include "platform/offline/hive/image.h"
 
 namespace offline {
@@ -15,16 +15,16 @@ constexpr size_t longestDescriptor = 65535; /* bytes */
 void noteDescriptor(Hive& hive, Cell cell);
 
 /* The self-relative descriptor in an sk cell. */
-std::span<const uint8_t> descriptorIn(const Hive& hive, Cell cell);
+Bytes descriptorIn(const Hive& hive, Cell cell);
 
 /* A descriptor that a key is about to use. */
 struct DescriptorUse {
-    std::span<const uint8_t> bytes;
+    Bytes bytes;
     uint64_t hash = 0;
     Cell cell = noCell; /* the one to share, if there is one */
 };
 
-DescriptorUse findDescriptor(const Hive& hive, std::span<const uint8_t> bytes);
+DescriptorUse findDescriptor(const Hive& hive, Bytes bytes);
 
 /* The room that takeDescriptor needs. */
 uint64_t descriptorGrowth(const DescriptorUse& use);

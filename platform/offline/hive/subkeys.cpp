@@ -22,7 +22,7 @@ bool isIndex(const Hive& hive, Cell list) {
     return get(cellData(hive, list), list::signature) == list::ri;
 }
 
-uint32_t countOf(std::span<const uint8_t> data) {
+uint32_t countOf(Bytes data) {
     return get(data, list::count);
 }
 
@@ -84,7 +84,7 @@ Cell enlarge(Hive& hive, Cell old, size_t entrySize) {
     return cell;
 }
 
-bool hasRoom(std::span<const uint8_t> data, size_t entrySize) {
+bool hasRoom(Bytes data, size_t entrySize) {
     return list::entries + (countOf(data) + 1) * entrySize <= data.size();
 }
 
@@ -170,7 +170,7 @@ Cell tidyIndex(Hive& hive, Cell index, uint32_t number, bool emptied) {
 
 } /* namespace */
 
-Leaf readLeaf(std::span<const uint8_t> data) {
+Leaf readLeaf(Bytes data) {
     Leaf leaf;
     if (data.size() < list::entries) return leaf;
     leaf.data = data;
@@ -181,30 +181,30 @@ Leaf readLeaf(std::span<const uint8_t> data) {
     return leaf;
 }
 
-SubkeyPlace findSubkey(const Hive& hive, Cell list, std::u16string_view name) {
-    SubkeyPlace place;
-    if (list == noCell) return place;
-    place.leaf = list;
+SubkeySlot findSubkey(const Hive& hive, Cell list, std::u16string_view name) {
+    SubkeySlot slot;
+    if (list == noCell) return slot;
+    slot.leaf = list;
     if (isIndex(hive, list)) {
-        const std::span<const uint8_t> index = cellData(hive, list);
-        const uint32_t last = countOf(index) - 1; /* what lies behind all leaves belongs into the last */
-        place.leafNumber = firstNot(last, [&](uint32_t i) {
+        const Bytes index = cellData(hive, list);
+        const uint32_t last = countOf(index) - 1; /* what comes after all leaves belongs in the last */
+        slot.leafNumber = firstNot(last, [&](uint32_t i) {
             const Leaf leaf = leafAt(hive, entryAt(index, list::entries, i));
             return childBelow(hive, leaf, leaf.count - 1, name);
         });
-        place.leaf = entryAt(index, list::entries, place.leafNumber);
+        slot.leaf = entryAt(index, list::entries, slot.leafNumber);
     }
-    const Leaf leaf = leafAt(hive, place.leaf);
-    place.position = firstNot(leaf.count, [&](uint32_t i) { return childBelow(hive, leaf, i, name); });
-    if (place.position < leaf.count) {
-        place.child = leaf.child(place.position);
-        place.found = compareNames(keyName(cellData(hive, place.child)), name) == 0;
+    const Leaf leaf = leafAt(hive, slot.leaf);
+    slot.position = firstNot(leaf.count, [&](uint32_t i) { return childBelow(hive, leaf, i, name); });
+    if (slot.position < leaf.count) {
+        slot.child = leaf.child(slot.position);
+        slot.found = compareNames(keyName(cellData(hive, slot.child)), name) == 0;
     }
-    return place;
+    return slot;
 }
 
 Cell subkeyAt(const Hive& hive, Cell list, uint32_t index) {
-    const std::span<const uint8_t> data = cellData(hive, list);
+    const Bytes data = cellData(hive, list);
     if (get(data, list::signature) != list::ri) return readLeaf(data).child(index);
 
     LeafMemory& memory = hive.lastLeaf;
@@ -220,69 +220,69 @@ Cell subkeyAt(const Hive& hive, Cell list, uint32_t index) {
     return leafAt(hive, memory.leaf).child(index - memory.first);
 }
 
-uint64_t insertGrowth(const Hive& hive, Cell list, const SubkeyPlace& place) {
+uint64_t insertGrowth(const Hive& hive, Cell list, const SubkeySlot& slot) {
     if (list == noCell) return growthFor(listSize(list::hintedEntry, 1));
-    const Leaf leaf = leafAt(hive, place.leaf);
+    const Leaf leaf = leafAt(hive, slot.leaf);
     const uint32_t leaves = isIndex(hive, list) ? countOf(cellData(hive, list)) : 1;
     if (leaves == mostEntries) return noGrowth;
     return 2 * growthFor(listSize(leaf.entrySize, leaf.count + 1)) +
            growthFor(listSize(list::plainEntry, leaves + 1));
 }
 
-Cell insertSubkey(Hive& hive, Cell list, SubkeyPlace place, Cell child) {
+Cell insertSubkey(Hive& hive, Cell list, SubkeySlot slot, Cell child) {
     hive.generation++;
     if (list == noCell) {
         const bool hashed = hive.minor >= list::firstHashedMinor;
-        list = place.leaf = newList(hive, hashed ? list::lh : list::lf, list::hintedEntry, 1);
+        list = slot.leaf = newList(hive, hashed ? list::lh : list::lf, list::hintedEntry, 1);
     }
     bool indexed = isIndex(hive, list);
-    if (leafAt(hive, place.leaf).kind == list::lf && leafAt(hive, place.leaf).count >= list::largestLf &&
+    if (leafAt(hive, slot.leaf).kind == list::lf && leafAt(hive, slot.leaf).count >= list::largestLf &&
         !indexed) {
-        list = place.leaf = withoutHints(hive, list);
-    } else if (leafAt(hive, place.leaf).count >= list::largestLeaf) {
-        const Cell right = splitLeaf(hive, place.leaf);
+        list = slot.leaf = withoutHints(hive, list);
+    } else if (leafAt(hive, slot.leaf).count >= list::largestLeaf) {
+        const Cell right = splitLeaf(hive, slot.leaf);
         list =
-            indexed ? insertIntoIndex(hive, list, place.leafNumber + 1, right) : newIndex(hive, list, right);
+            indexed ? insertIntoIndex(hive, list, slot.leafNumber + 1, right) : newIndex(hive, list, right);
         indexed = true;
-        const uint32_t kept = leafAt(hive, place.leaf).count;
-        if (place.position > kept) {
-            place.leaf = right;
-            place.leafNumber++;
-            place.position -= kept;
+        const uint32_t kept = leafAt(hive, slot.leaf).count;
+        if (slot.position > kept) {
+            slot.leaf = right;
+            slot.leafNumber++;
+            slot.position -= kept;
         }
     }
-    const size_t entrySize = leafAt(hive, place.leaf).entrySize;
-    if (!hasRoom(cellData(hive, place.leaf), entrySize)) {
-        place.leaf = enlarge(hive, place.leaf, entrySize);
+    const size_t entrySize = leafAt(hive, slot.leaf).entrySize;
+    if (!hasRoom(cellData(hive, slot.leaf), entrySize)) {
+        slot.leaf = enlarge(hive, slot.leaf, entrySize);
         if (indexed) {
-            setEntry(changeCell(hive, list), list::entries, place.leafNumber, place.leaf);
+            setEntry(changeCell(hive, list), list::entries, slot.leafNumber, slot.leaf);
         } else {
-            list = place.leaf;
+            list = slot.leaf;
         }
     }
-    uint8_t* entry = openEntry(changeCell(hive, place.leaf), entrySize, place.position);
+    uint8_t* entry = openEntry(changeCell(hive, slot.leaf), entrySize, slot.position);
     memcpy(entry, &child, sizeof child);
     if (entrySize == list::hintedEntry) {
         const StoredName name = keyName(cellData(hive, child));
-        const uint32_t hint = leafAt(hive, place.leaf).kind == list::lh ? nameHash(name) : nameHint(name);
+        const uint32_t hint = leafAt(hive, slot.leaf).kind == list::lh ? nameHash(name) : nameHint(name);
         memcpy(entry + sizeof child, &hint, sizeof hint);
     }
     return list;
 }
 
-Cell removeSubkey(Hive& hive, Cell list, const SubkeyPlace& place) {
+Cell removeSubkey(Hive& hive, Cell list, const SubkeySlot& slot) {
     hive.generation++;
-    const size_t entrySize = leafAt(hive, place.leaf).entrySize;
+    const size_t entrySize = leafAt(hive, slot.leaf).entrySize;
     const bool indexed = isIndex(hive, list);
-    closeEntry(changeCell(hive, place.leaf), entrySize, place.position);
-    const uint32_t count = leafAt(hive, place.leaf).count;
+    closeEntry(changeCell(hive, slot.leaf), entrySize, slot.position);
+    const uint32_t count = leafAt(hive, slot.leaf).count;
     if (count == 0) {
-        releaseCell(hive, place.leaf);
+        releaseCell(hive, slot.leaf);
     } else {
         const size_t wanted = listSize(entrySize, count);
-        if (cellData(hive, place.leaf).size() > 2 * wanted + 64) shrinkCell(hive, place.leaf, wanted);
+        if (cellData(hive, slot.leaf).size() > 2 * wanted + 64) shrinkCell(hive, slot.leaf, wanted);
     }
-    if (indexed) return tidyIndex(hive, list, place.leafNumber, count == 0);
+    if (indexed) return tidyIndex(hive, list, slot.leafNumber, count == 0);
     return count == 0 ? noCell : list;
 }
 

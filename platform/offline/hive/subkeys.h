@@ -4,15 +4,15 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <string_view>
 
+#include "platform/offline/base/bytes.h"
 #include "platform/offline/hive/image.h"
 
 namespace offline {
 
 struct Leaf {
-    std::span<const uint8_t> data;
+    Bytes data;
     uint16_t kind = 0; /* li, lf or lh; of anything else there is no more to know */
     uint32_t count = 0;
     size_t entrySize = 0; /* bytes */
@@ -23,10 +23,10 @@ struct Leaf {
 };
 
 /* What a list's cell says; its entries must be counted against the cell before they are read. */
-Leaf readLeaf(std::span<const uint8_t> data);
+Leaf readLeaf(Bytes data);
 
 /* Where a subkey of some name is, or would be. */
-struct SubkeyPlace {
+struct SubkeySlot {
     bool found = false;
     Cell child = noCell;
     Cell leaf = noCell;
@@ -35,17 +35,17 @@ struct SubkeyPlace {
 };
 
 /* list is the list's cell, or noCell for the list of a key without subkeys. */
-SubkeyPlace findSubkey(const Hive& hive, Cell list, std::u16string_view name);
+SubkeySlot findSubkey(const Hive& hive, Cell list, std::u16string_view name);
 
 /* The subkey at an index below the list's count. */
 Cell subkeyAt(const Hive& hive, Cell list, uint32_t index);
 
-/* The room that inserting at this place needs. */
-uint64_t insertGrowth(const Hive& hive, Cell list, const SubkeyPlace& place);
+/* The room that inserting in this slot needs. */
+uint64_t insertGrowth(const Hive& hive, Cell list, const SubkeySlot& slot);
 
 /* Insert needs that room made before. Both give the list's cell as it is from then on. */
-Cell insertSubkey(Hive& hive, Cell list, SubkeyPlace place, Cell child);
-Cell removeSubkey(Hive& hive, Cell list, const SubkeyPlace& place);
+Cell insertSubkey(Hive& hive, Cell list, SubkeySlot slot, Cell child);
+Cell removeSubkey(Hive& hive, Cell list, const SubkeySlot& slot);
 
 } /* namespace offline */
 

@@ -15,7 +15,6 @@ namespace offline {
 namespace {
 
 using namespace regf;
-using Data = std::span<const uint8_t>;
 
 struct Pending { /* a key whose subkeys are still to be looked at */
     Cell key;
@@ -25,15 +24,15 @@ struct Pending { /* a key whose subkeys are still to be looked at */
 struct Check {
     Hive& hive;
     Problem& problem;
-    CellBits used;                            /* by what can be reached */
-    std::unordered_map<Cell, uint32_t> users; /* of each descriptor of the ring */
+    CellBits used;                                /* by what can be reached */
+    std::unordered_map<Cell, uint32_t> refcounts; /* of each descriptor of the ring */
     std::vector<Pending> pending;
 };
 
-/* "is damaged: the key at 0x1a20 is too short"; the place is the one in the bins. */
-bool fault(Check& check, const char* what, uint32_t place, const char* how) {
+/* "is damaged: the key at 0x1a20 is too short"; the offset is the one in the bins. */
+bool fault(Check& check, const char* what, uint32_t offset, const char* how) {
     char number[16];
-    snprintf(number, sizeof number, "0x%" PRIx32, place);
+    snprintf(number, sizeof number, "0x%" PRIx32, offset);
     refuse(check.problem, STATUS_REGISTRY_CORRUPT,
            std::string("is damaged: the ") + what + " at " + number + " " + how);
     return false;
@@ -59,25 +58,25 @@ bool checkCells(Check& check, uint32_t bin, uint32_t size) {
 
 bool checkBins(Check& check) {
     Hive& hive = check.hive;
-    const Data bins = Data(hive.bytes).subspan(pageSize, hive.binsSize);
-    for (uint32_t place = 0; place < hive.binsSize;) {
-        const Data header = bins.subspan(place, bin::headerSize);
-        if (get(header, bin::signature) != bin::magic) return fault(check, "bin", place, "is missing");
-        if (get(header, bin::place) != place) return fault(check, "bin", place, "names another place");
+    const Bytes bins = Bytes(hive.bytes).subspan(pageSize, hive.binsSize);
+    for (uint32_t offset = 0; offset < hive.binsSize;) {
+        const Bytes header = bins.subspan(offset, bin::headerSize);
+        if (get(header, bin::signature) != bin::magic) return fault(check, "bin", offset, "is missing");
+        if (get(header, bin::offset) != offset) return fault(check, "bin", offset, "names another place");
         const uint32_t size = get(header, bin::size);
-        if (size == 0 || size % pageSize != 0 || size > hive.binsSize - place) {
-            return fault(check, "bin", place, "has an impossible size");
+        if (size == 0 || size % pageSize != 0 || size > hive.binsSize - offset) {
+            return fault(check, "bin", offset, "has an impossible size");
         }
-        std::fill_n(hive.pageBin.begin() + place / pageSize, size / pageSize, place);
-        if (!checkCells(check, place, size)) return false;
-        place += size;
+        std::fill_n(hive.pageBin.begin() + offset / pageSize, size / pageSize, offset);
+        if (!checkCells(check, offset, size)) return false;
+        offset += size;
     }
     return true;
 }
 
 /* The data of a cell that nothing else uses; empty, with a fault, when there is none of this length. */
-Data claim(Check& check, const char* what, Cell cell, size_t length) {
-    const Data data = cellData(check.hive, cell);
+Bytes claim(Check& check, const char* what, Cell cell, size_t length) {
+    const Bytes data = cellData(check.hive, cell);
     if (data.empty()) {
         fault(check, what, cell, "lies in no allocated cell");
         return {};
@@ -98,13 +97,13 @@ Data claim(Check& check, const char* what, Cell cell, size_t length) {
 
 bool checkRing(Check& check) {
     const Hive& hive = check.hive;
-    const Data root = cellData(hive, hive.root);
+    const Bytes root = cellData(hive, hive.root);
     if (root.size() < nk::name || get(root, nk::signature) != nk::magic)
         return fault(check, "root key", hive.root, "is missing");
     const Cell first = get(root, nk::descriptor);
     Cell cell = first;
     do {
-        const Data data = claim(check, "security descriptor", cell, sk::descriptor);
+        const Bytes data = claim(check, "security descriptor", cell, sk::descriptor);
         if (data.empty()) return false;
         if (get(data, sk::signature) != sk::magic)
             return fault(check, "security descriptor", cell, "is none");
@@ -112,11 +111,11 @@ bool checkRing(Check& check) {
             return fault(check, "security descriptor", cell, "does not fit its cell");
         }
         const Cell next = get(data, sk::next);
-        const Data neighbour = cellData(hive, next);
+        const Bytes neighbour = cellData(hive, next);
         if (neighbour.size() < sk::descriptor || get(neighbour, sk::previous) != cell) {
             return fault(check, "security descriptor", cell, "breaks the ring of descriptors");
         }
-        check.users.emplace(cell, 0);
+        check.refcounts.emplace(cell, 0);
         noteDescriptor(check.hive, cell);
         cell = next;
     } while (cell != first);
@@ -124,22 +123,22 @@ bool checkRing(Check& check) {
 }
 
 /* In memory only: a page that is not changed otherwise is not saved for it. */
-void correctUsers(Check& check) {
-    for (const auto& [cell, users] : check.users) {
+void correctRefcounts(Check& check) {
+    for (const auto& [cell, refcount] : check.refcounts) {
         const size_t at = pageSize + cell + cellHeader;
-        set(std::span<uint8_t>(check.hive.bytes).subspan(at, sk::descriptor), sk::users, users);
+        set(std::span<uint8_t>(check.hive.bytes).subspan(at, sk::descriptor), sk::refcount, refcount);
     }
 }
 
 /* ---- Values ---- */
 
 bool checkBigData(Check& check, Cell cell, uint32_t length) {
-    const Data big = claim(check, "big data", cell, db::size);
+    const Bytes big = claim(check, "big data", cell, db::size);
     if (big.empty()) return false;
     const uint32_t count = segmentsOf(length);
     if (get(big, db::signature) != db::magic) return fault(check, "big data", cell, "is none");
     if (get(big, db::count) != count) return fault(check, "big data", cell, "has a wrong number of segments");
-    const Data list = claim(check, "segment list", get(big, db::list), count * sizeof(Cell));
+    const Bytes list = claim(check, "segment list", get(big, db::list), count * sizeof(Cell));
     if (list.empty()) return false;
     for (uint32_t i = 0; i < count; i++) {
         const uint32_t here = std::min(length - i * db::segmentSize, db::segmentSize);
@@ -149,14 +148,14 @@ bool checkBigData(Check& check, Cell cell, uint32_t length) {
 }
 
 bool checkValue(Check& check, Cell cell) {
-    const Data value = claim(check, "value", cell, vk::name);
+    const Bytes value = claim(check, "value", cell, vk::name);
     if (value.empty()) return false;
     if (get(value, vk::signature) != vk::magic) return fault(check, "value", cell, "is none");
     const uint32_t nameLength = get(value, vk::nameLength);
     if (nameLength > value.size() - vk::name)
         return fault(check, "name of the value", cell, "does not fit its cell");
     const StoredName name = valueName(value);
-    if (!name.latin && nameLength % sizeof(char16_t) != 0) {
+    if (!name.compressed && nameLength % sizeof(char16_t) != 0) {
         return fault(check, "name of the value", cell, "ends within a character");
     }
     if (name.length() > longestValueName) return fault(check, "name of the value", cell, "is too long");
@@ -177,10 +176,10 @@ bool checkValue(Check& check, Cell cell) {
     return false;
 }
 
-bool checkValues(Check& check, Data key) {
+bool checkValues(Check& check, Bytes key) {
     const uint32_t count = get(key, nk::valueCount);
     if (count == 0 || (get(key, nk::flags) & nk::predefinedHandle) != 0) return true;
-    const Data list = claim(check, "value list", get(key, nk::valueList), size_t{count} * sizeof(Cell));
+    const Bytes list = claim(check, "value list", get(key, nk::valueList), size_t{count} * sizeof(Cell));
     if (list.empty()) return false;
     for (uint32_t i = 0; i < count; i++) {
         if (!checkValue(check, entryAt(list, 0, i))) return false;
@@ -190,11 +189,11 @@ bool checkValues(Check& check, Data key) {
 
 /* ---- Keys ---- */
 
-bool checkName(Check& check, Cell cell, Data key) {
+bool checkName(Check& check, Cell cell, Bytes key) {
     const uint32_t bytes = get(key, nk::nameLength);
     if (bytes > key.size() - nk::name) return fault(check, "name of the key", cell, "does not fit its cell");
     const StoredName name = keyName(key);
-    if (!name.latin && bytes % sizeof(char16_t) != 0) {
+    if (!name.compressed && bytes % sizeof(char16_t) != 0) {
         return fault(check, "name of the key", cell, "ends within a character");
     }
     if (name.length() > longestKeyName) return fault(check, "name of the key", cell, "is too long");
@@ -208,7 +207,7 @@ bool checkName(Check& check, Cell cell, Data key) {
 
 /* Everything about a key but its subkeys, which are looked at later. */
 bool checkKey(Check& check, Cell cell, Cell parent, uint32_t depth) {
-    const Data key = claim(check, "key", cell, nk::name);
+    const Bytes key = claim(check, "key", cell, nk::name);
     if (key.empty()) return false;
     if (get(key, nk::signature) != nk::magic) return fault(check, "key", cell, "is none");
     const bool isRoot = (get(key, nk::flags) & HIVE_KEY_ROOT) != 0;
@@ -222,8 +221,8 @@ bool checkKey(Check& check, Cell cell, Cell parent, uint32_t depth) {
         length != 0 && claim(check, "class", get(key, nk::classCell), length).empty()) {
         return false;
     }
-    const auto descriptor = check.users.find(get(key, nk::descriptor));
-    if (descriptor == check.users.end()) return fault(check, "key", cell, "has no security descriptor");
+    const auto descriptor = check.refcounts.find(get(key, nk::descriptor));
+    if (descriptor == check.refcounts.end()) return fault(check, "key", cell, "has no security descriptor");
     descriptor->second++;
     check.hive.keys.set(cell);
     if (get(key, nk::subkeyCount) != 0) check.pending.push_back({cell, depth});
@@ -264,10 +263,10 @@ bool checkLeaf(Check& check, ListState& state, Cell cell) {
 }
 
 bool checkSubkeys(Check& check, Pending which) {
-    const Data key = cellData(check.hive, which.key);
+    const Bytes key = cellData(check.hive, which.key);
     const Cell list = get(key, nk::subkeyList);
     ListState state{which.key, which.depth, {}};
-    const Data data = cellData(check.hive, list);
+    const Bytes data = cellData(check.hive, list);
     if (data.empty()) return fault(check, "subkey list", list, "lies in no allocated cell");
     if (get(data, list::signature) != list::ri) {
         if (!checkLeaf(check, state, list)) return false;
@@ -291,7 +290,7 @@ bool checkAll(Check& check) {
         check.pending.pop_back();
         if (!checkSubkeys(check, next)) return false;
     }
-    correctUsers(check);
+    correctRefcounts(check);
     return true;
 }
 

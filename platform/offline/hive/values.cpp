@@ -16,13 +16,13 @@ using namespace regf;
 constexpr uint32_t notThere = UINT32_MAX;
 constexpr uint32_t mostValues = UINT32_MAX / sizeof(Cell) / 2;
 
-Cell valueCell(const Hive& hive, std::span<const uint8_t> key, uint32_t index) {
+Cell valueCell(const Hive& hive, Bytes key, uint32_t index) {
     return entryAt(cellData(hive, get(key, nk::valueList)), 0, index);
 }
 
 /* The value's index in its key's list, or notThere. */
 uint32_t findValue(const Hive& hive, Cell key, std::u16string_view name) {
-    const std::span<const uint8_t> data = cellData(hive, key);
+    const Bytes data = cellData(hive, key);
     const uint32_t count = valueCount(data);
     for (uint32_t i = 0; i < count; i++) {
         const StoredName stored = valueName(cellData(hive, valueCell(hive, data, i)));
@@ -31,19 +31,19 @@ uint32_t findValue(const Hive& hive, Cell key, std::u16string_view name) {
     return notThere;
 }
 
-StoredData storedData(std::span<const uint8_t> value) {
+StoredData storedData(Bytes value) {
     return {get(value, vk::dataSize), get(value, vk::data)};
 }
 
 void readValue(const Hive& hive, Cell cell, HiveValue& value) {
-    const std::span<const uint8_t> data = cellData(hive, cell);
+    const Bytes data = cellData(hive, cell);
     value = {cell, get(data, vk::type), dataLength(storedData(data)),
              static_cast<uint16_t>(valueName(data).length())};
 }
 
 /* The cell of a value that a caller names; empty when there is none. */
-std::span<const uint8_t> valueAt(const Hive& hive, const HiveValue& value) {
-    const std::span<const uint8_t> data = cellData(hive, value.cell);
+Bytes valueAt(const Hive& hive, const HiveValue& value) {
+    const Bytes data = cellData(hive, value.cell);
     if (data.size() < vk::name || get(data, vk::signature) != vk::magic) return {};
     return data;
 }
@@ -62,7 +62,7 @@ size_t listSize(uint32_t count) {
 }
 
 /* The room that one more entry in the key's list of values needs. */
-uint64_t listGrowth(const Hive& hive, std::span<const uint8_t> key) {
+uint64_t listGrowth(const Hive& hive, Bytes key) {
     const uint32_t count = valueCount(key);
     if (count != 0 && cellData(hive, get(key, nk::valueList)).size() >= (count + 1) * sizeof(Cell)) return 0;
     return growthFor(listSize(count + 1));
@@ -85,7 +85,7 @@ void appendValue(Hive& hive, Cell key, Cell value) {
     set(data, nk::valueCount, count + 1);
 }
 
-void putData(Hive& hive, Cell cell, uint32_t type, std::span<const uint8_t> data) {
+void putData(Hive& hive, Cell cell, uint32_t type, Bytes data) {
     const StoredData stored = replaceData(hive, storedData(cellData(hive, cell)), data);
     const std::span<uint8_t> value = changeCell(hive, cell);
     set(value, vk::dataSize, stored.size);
@@ -99,14 +99,13 @@ Cell newValue(Hive& hive, std::u16string_view name) {
     set(value, vk::signature, vk::magic);
     set(value, vk::nameLength, static_cast<uint16_t>(storedSize(name)));
     /* The platform marks no form on a name that is not there. */
-    set(value, vk::flags, !name.empty() && fitsLatin(name) ? vk::latinName : 0);
+    set(value, vk::flags, !name.empty() && compressible(name) ? vk::compressedName : 0);
     storeName(name, value.data() + vk::name);
     return cell;
 }
 
-NTSTATUS setValue(Hive& hive, Cell key, std::u16string_view name, uint32_t type,
-                  std::span<const uint8_t> data) {
-    const std::span<const uint8_t> node = cellData(hive, key);
+NTSTATUS setValue(Hive& hive, Cell key, std::u16string_view name, uint32_t type, Bytes data) {
+    const Bytes node = cellData(hive, key);
     const uint32_t index = findValue(hive, key, name);
     uint64_t growth = dataGrowth(hive, data.size());
     if (index == notThere) growth += growthFor(vk::name + storedSize(name)) + listGrowth(hive, node);
@@ -141,12 +140,12 @@ bool isPredefined(const Hive& hive, Cell key) {
 
 } /* namespace */
 
-uint32_t valueCount(std::span<const uint8_t> key) {
+uint32_t valueCount(Bytes key) {
     return (get(key, nk::flags) & nk::predefinedHandle) != 0 ? 0 : get(key, nk::valueCount);
 }
 
 void releaseValues(Hive& hive, Cell key) {
-    const std::span<const uint8_t> data = cellData(hive, key);
+    const Bytes data = cellData(hive, key);
     const uint32_t count = valueCount(data);
     for (uint32_t i = 0; i < count; i++) {
         const Cell cell = valueCell(hive, data, i);
@@ -158,7 +157,7 @@ void releaseValues(Hive& hive, Cell key) {
 
 NTSTATUS hiveValue(const Hive& hive, Cell key, uint32_t index, HiveValue& value) {
     if (!isKey(hive, key)) return STATUS_REGISTRY_CORRUPT;
-    const std::span<const uint8_t> data = cellData(hive, key);
+    const Bytes data = cellData(hive, key);
     if (index >= valueCount(data)) return STATUS_NO_MORE_ENTRIES;
     readValue(hive, valueCell(hive, data, index), value);
     return STATUS_SUCCESS;
@@ -173,17 +172,17 @@ NTSTATUS hiveFindValue(const Hive& hive, Cell key, std::u16string_view name, Hiv
 }
 
 void hiveValueName(const Hive& hive, const HiveValue& value, char16_t* name) {
-    const std::span<const uint8_t> data = valueAt(hive, value);
+    const Bytes data = valueAt(hive, value);
     if (!data.empty()) copyName(valueName(data), name);
 }
 
 void hiveValueData(const Hive& hive, const HiveValue& value, std::span<uint8_t> out) {
-    const std::span<const uint8_t> data = valueAt(hive, value);
+    const Bytes data = valueAt(hive, value);
     if (!data.empty()) readData(hive, storedData(data), out);
 }
 
-NTSTATUS hiveSetValue(Hive& hive, Cell key, std::u16string_view name, uint32_t type,
-                      std::span<const uint8_t> data, uint64_t time) {
+NTSTATUS hiveSetValue(Hive& hive, Cell key, std::u16string_view name, uint32_t type, Bytes data,
+                      uint64_t time) {
     if (!isKey(hive, key)) return STATUS_REGISTRY_CORRUPT;
     if (name.size() > longestValueName || data.size() > longestData || isPredefined(hive, key)) {
         return STATUS_INVALID_PARAMETER;

@@ -13,7 +13,7 @@ bool comesBefore(const Attached& one, Cell parent, std::u16string_view name) {
 }
 
 /* How many stored children come before the name, and whether one has it. */
-NTSTATUS storedBefore(const Place& parent, std::u16string_view name, uint32_t& count, bool& hidden) {
+NTSTATUS storedBefore(const KeyRef& parent, std::u16string_view name, uint32_t& count, bool& hidden) {
     HiveKey info;
     NTSTATUS status = hiveKey(*parent.mount->hive, parent.cell, info);
     if (status < 0) return status;
@@ -39,7 +39,7 @@ NTSTATUS storedBefore(const Place& parent, std::u16string_view name, uint32_t& c
 
 } /* namespace */
 
-std::span<const Attached> attachedBelow(const Place& parent) {
+std::span<const Attached> attachedBelow(const KeyRef& parent) {
     const std::vector<Attached>& all = parent.mount->attached;
     if (all.empty()) return {};
     const auto first = std::lower_bound(all.begin(), all.end(), parent.cell,
@@ -49,7 +49,7 @@ std::span<const Attached> attachedBelow(const Place& parent) {
     return {first, last};
 }
 
-NTSTATUS findAttached(const Place& parent, std::u16string_view name, Place& child) {
+NTSTATUS findAttached(const KeyRef& parent, std::u16string_view name, KeyRef& child) {
     for (const Attached& one : attachedBelow(parent)) {
         if (!equalFolded(one.name, name)) continue;
         child = one.child;
@@ -58,14 +58,14 @@ NTSTATUS findAttached(const Place& parent, std::u16string_view name, Place& chil
     return STATUS_OBJECT_NAME_NOT_FOUND;
 }
 
-void attach(const Place& parent, std::u16string_view name, const Place& child) {
+void attach(const KeyRef& parent, std::u16string_view name, const KeyRef& child) {
     std::vector<Attached>& all = parent.mount->attached;
-    const auto behind = [&](const Attached& one) { return !comesBefore(one, parent.cell, name); };
-    all.insert(std::find_if(all.begin(), all.end(), behind),
+    const auto after = [&](const Attached& one) { return !comesBefore(one, parent.cell, name); };
+    all.insert(std::find_if(all.begin(), all.end(), after),
                Attached{parent.cell, std::u16string(name), child});
 }
 
-NTSTATUS childAmongAttached(const Place& parent, uint32_t& index, const Attached*& found) {
+NTSTATUS childAmongAttached(const KeyRef& parent, uint32_t& index, const Attached*& found) {
     found = nullptr;
     uint32_t stored = 0; /* stored children passed, hidden ones too */
     uint32_t shown = 0;  /* children passed */

@@ -13,7 +13,7 @@ namespace offline {
 namespace {
 
 /* The key in memory that is to hold a mount, and the last component of its path. */
-NTSTATUS mountPoint(std::u16string_view path, Place& parent, std::u16string_view& name) {
+NTSTATUS mountPoint(std::u16string_view path, KeyRef& parent, std::u16string_view& name) {
     std::u16string_view rest;
     NTSTATUS status = belowRegistry(path, rest);
     if (status < 0) return status;
@@ -30,8 +30,8 @@ NTSTATUS mountPoint(std::u16string_view path, Place& parent, std::u16string_view
 
 } /* namespace */
 
-NTSTATUS addMount(const Place& parent, std::unique_ptr<Mount> mount) {
-    Place taken;
+NTSTATUS addMount(const KeyRef& parent, std::unique_ptr<Mount> mount) {
+    KeyRef taken;
     if (findChild(parent, mount->name, taken) >= 0) return STATUS_OBJECT_NAME_COLLISION;
     mount->root = hiveRoot(*mount->hive);
     tree().mounts.reserve(tree().mounts.size() + 1);
@@ -40,8 +40,8 @@ NTSTATUS addMount(const Place& parent, std::unique_ptr<Mount> mount) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS beginChange(const Place& place) {
-    HiveStore* const store = place.mount->store.get();
+NTSTATUS beginChange(const KeyRef& ref) {
+    HiveStore* const store = ref.mount->store.get();
     return store == nullptr ? STATUS_SUCCESS : store->beginChange();
 }
 
@@ -60,7 +60,7 @@ void removeMount(Mount* mount) {
 
 NTSTATUS registryMount(std::u16string_view path, HivePtr hive, std::unique_ptr<HiveStore> store) {
     return guarded([&] {
-        Place parent;
+        KeyRef parent;
         std::u16string_view name;
         const NTSTATUS status = mountPoint(path, parent, name);
         if (status < 0) return status;

@@ -11,10 +11,10 @@ namespace offline {
 
 /* Hangs a hive below a key in memory, under its own name. STATUS_OBJECT_NAME_COLLISION when that is taken;
  * the mount is gone then. May throw std::bad_alloc. */
-NTSTATUS addMount(const Place& parent, std::unique_ptr<Mount> mount);
+NTSTATUS addMount(const KeyRef& parent, std::unique_ptr<Mount> mount);
 
-/* Whether the place's hive may be changed: STATUS_MEDIA_WRITE_PROTECTED where its file can only be read. */
-NTSTATUS beginChange(const Place& place);
+/* Whether the key's hive may be changed: STATUS_MEDIA_WRITE_PROTECTED where its file can only be read. */
+NTSTATUS beginChange(const KeyRef& ref);
 
 /* Writes the mount's changes back; nothing to do for one that is never saved. */
 NTSTATUS saveMount(Mount& mount);

@@ -15,14 +15,14 @@ namespace offline {
 namespace {
 
 /* A link key holds its target and nothing else. */
-NTSTATUS checkLinkValue(const Place& key, std::u16string_view name, ULONG type) {
+NTSTATUS checkLinkValue(const KeyRef& key, std::u16string_view name, ULONG type) {
     HiveKey info;
     const NTSTATUS status = hiveKey(*key.mount->hive, key.cell, info);
     if (status < 0 || (info.flags & HIVE_KEY_LINK) == 0) return status;
     return type == REG_LINK && equalFolded(name, linkValueName) ? STATUS_SUCCESS : STATUS_ACCESS_DENIED;
 }
 
-NTSTATUS deletePlace(const Place& key) {
+NTSTATUS deleteKeyRef(const KeyRef& key) {
     if (!attachedBelow(key).empty()) return STATUS_CANNOT_DELETE;
     if (isMemoryLink(key)) {
         markDeleted(key);
@@ -37,7 +37,7 @@ NTSTATUS deletePlace(const Place& key) {
 
 } /* namespace */
 
-NTSTATUS setValue(const Place& key, std::u16string_view name, ULONG type, const void* data, size_t size) {
+NTSTATUS setValue(const KeyRef& key, std::u16string_view name, ULONG type, const void* data, size_t size) {
     if (name.size() > longestValueName || (data == nullptr && size != 0)) return STATUS_INVALID_PARAMETER;
     NTSTATUS status = checkLinkValue(key, name, type);
     if (status >= 0) status = beginChange(key);
@@ -50,19 +50,19 @@ NTSTATUS setValue(const Place& key, std::u16string_view name, ULONG type, const 
 
 NTSTATUS ZwSetValueKey(HANDLE key, PUNICODE_STRING name, ULONG /* titleIndex */, ULONG type, PVOID data,
                        ULONG size) {
-    offline::Place place;
-    const NTSTATUS status = offline::useKey(key, KEY_SET_VALUE, place);
-    return status < 0 ? status : offline::setValue(place, offline::view(name), type, data, size);
+    offline::KeyRef ref;
+    const NTSTATUS status = offline::useKey(key, KEY_SET_VALUE, ref);
+    return status < 0 ? status : offline::setValue(ref, offline::view(name), type, data, size);
 }
 
 NTSTATUS ZwDeleteKey(HANDLE key) {
-    offline::Place place;
-    const NTSTATUS status = offline::useKey(key, DELETE, place);
-    return status < 0 ? status : offline::deletePlace(place);
+    offline::KeyRef ref;
+    const NTSTATUS status = offline::useKey(key, DELETE, ref);
+    return status < 0 ? status : offline::deleteKeyRef(ref);
 }
 
 NTSTATUS ZwFlushKey(HANDLE key) {
-    offline::Place place;
-    const NTSTATUS status = offline::useKey(key, 0, place);
-    return status < 0 ? status : offline::saveMount(*place.mount);
+    offline::KeyRef ref;
+    const NTSTATUS status = offline::useKey(key, 0, ref);
+    return status < 0 ? status : offline::saveMount(*ref.mount);
 }

@@ -10,8 +10,8 @@
 
 namespace offline {
 
-/* Sets or makes a value; size in bytes. STATUS_ACCESS_DENIED on a link key for anything but its target. */
-NTSTATUS setValue(const Place& key, std::u16string_view name, ULONG type, const void* data, size_t size);
+/* Sets or creates a value; size in bytes. STATUS_ACCESS_DENIED on a link key for anything but its target. */
+NTSTATUS setValue(const KeyRef& key, std::u16string_view name, ULONG type, const void* data, size_t size);
 
 } /* namespace offline */
 

@@ -14,8 +14,8 @@ namespace {
 
 constexpr ULONG nowhere = 0xFFFFFFFF; /* the offset of a part that the record doesn't have */
 
-/* Parts behind a name begin at the next multiple of four. */
-size_t behindName(size_t nameAt, size_t nameBytes) {
+/* Parts after a name begin at the next multiple of four. */
+size_t afterName(size_t nameAt, size_t nameBytes) {
     return (nameAt + nameBytes + 3) & ~size_t{3};
 }
 
@@ -55,10 +55,10 @@ NTSTATUS writeBasic(const KeyFacts& key, const QueryBuffer& out) {
     return status;
 }
 
-NTSTATUS writeNode(const Place& place, const KeyFacts& key, const QueryBuffer& out) {
+NTSTATUS writeNode(const KeyRef& ref, const KeyFacts& key, const QueryBuffer& out) {
     constexpr size_t nameAt = offsetof(KEY_NODE_INFORMATION, Name);
-    const auto classText = hiveKeyClass(*place.mount->hive, place.cell);
-    const size_t classAt = behindName(nameAt, key.nameBytes);
+    const auto classText = hiveKeyClass(*ref.mount->hive, ref.cell);
+    const size_t classAt = afterName(nameAt, key.nameBytes);
     KEY_NODE_INFORMATION fixed{};
     fixed.LastWriteTime.QuadPart = static_cast<LONGLONG>(key.info.lastWrite);
     fixed.ClassOffset = classText.empty() ? nowhere : static_cast<ULONG>(classAt);
@@ -76,7 +76,7 @@ NTSTATUS writeNode(const Place& place, const KeyFacts& key, const QueryBuffer& o
 NTSTATUS writeFull(const Hive& hive, const HiveValue& value, const QueryBuffer& out) {
     constexpr size_t nameAt = offsetof(KEY_VALUE_FULL_INFORMATION, Name);
     const size_t nameBytes = value.nameLength * sizeof(char16_t);
-    const size_t dataAt = behindName(nameAt, nameBytes);
+    const size_t dataAt = afterName(nameAt, nameBytes);
     KEY_VALUE_FULL_INFORMATION fixed{};
     fixed.Type = value.type;
     fixed.DataOffset = value.dataLength == 0 ? nowhere : static_cast<ULONG>(dataAt);
@@ -107,7 +107,7 @@ NTSTATUS writePartial(const Hive& hive, const HiveValue& value, const QueryBuffe
 
 } /* namespace */
 
-NTSTATUS writeKeyFlags(const Place& key, const QueryBuffer& out) {
+NTSTATUS writeKeyFlags(const KeyRef& key, const QueryBuffer& out) {
     HiveKey info;
     const NTSTATUS found = hiveKey(*key.mount->hive, key.cell, info);
     if (found < 0) return found;
@@ -118,7 +118,7 @@ NTSTATUS writeKeyFlags(const Place& key, const QueryBuffer& out) {
     return status;
 }
 
-NTSTATUS writeKeyRecord(const Place& key, KEY_INFORMATION_CLASS infoClass, const QueryBuffer& out) {
+NTSTATUS writeKeyRecord(const KeyRef& key, KEY_INFORMATION_CLASS infoClass, const QueryBuffer& out) {
     KeyFacts facts;
     const NTSTATUS status = hiveKey(*key.mount->hive, key.cell, facts.info);
     if (status < 0) return status;

@@ -19,8 +19,8 @@ struct QueryBuffer {
 /* Each gives STATUS_BUFFER_TOO_SMALL when the buffer doesn't hold the record's fixed part,
  * STATUS_BUFFER_OVERFLOW when it holds that and not all of the rest, STATUS_INVALID_PARAMETER for a class of
  * records that isn't known. */
-NTSTATUS writeKeyFlags(const Place& key, const QueryBuffer& out);
-NTSTATUS writeKeyRecord(const Place& key, KEY_INFORMATION_CLASS infoClass, const QueryBuffer& out);
+NTSTATUS writeKeyFlags(const KeyRef& key, const QueryBuffer& out);
+NTSTATUS writeKeyRecord(const KeyRef& key, KEY_INFORMATION_CLASS infoClass, const QueryBuffer& out);
 NTSTATUS writeValueRecord(const Hive& hive, const HiveValue& value, KEY_VALUE_INFORMATION_CLASS infoClass,
                           const QueryBuffer& out);
 

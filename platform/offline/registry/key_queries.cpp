@@ -7,21 +7,21 @@
 namespace offline {
 namespace {
 
-/* The key behind the handle, when the caller's buffer can be used. */
-NTSTATUS queriedKey(HANDLE handle, ACCESS_MASK needed, const QueryBuffer& out, Place& place) {
+/* The handle's key, when the caller's buffer can be used. */
+NTSTATUS queriedKey(HANDLE handle, ACCESS_MASK needed, const QueryBuffer& out, KeyRef& ref) {
     if (out.total == nullptr || (out.bytes == nullptr && out.size != 0)) return STATUS_INVALID_PARAMETER;
-    return useKey(handle, needed, place);
+    return useKey(handle, needed, ref);
 }
 
 /* The record of the value that find(hive, key's cell, value) finds. */
 template <class Find>
 NTSTATUS queryValue(HANDLE key, KEY_VALUE_INFORMATION_CLASS infoClass, const QueryBuffer& out, Find find) {
-    Place place;
-    NTSTATUS status = queriedKey(key, KEY_QUERY_VALUE, out, place);
+    KeyRef ref;
+    NTSTATUS status = queriedKey(key, KEY_QUERY_VALUE, out, ref);
     if (status < 0) return status;
-    const Hive& hive = *place.mount->hive;
+    const Hive& hive = *ref.mount->hive;
     HiveValue value;
-    status = find(hive, place.cell, value);
+    status = find(hive, ref.cell, value);
     return status < 0 ? status : writeValueRecord(hive, value, infoClass, out);
 }
 
@@ -31,20 +31,20 @@ NTSTATUS queryValue(HANDLE key, KEY_VALUE_INFORMATION_CLASS infoClass, const Que
 NTSTATUS ZwQueryKey(HANDLE key, KEY_INFORMATION_CLASS infoClass, PVOID buffer, ULONG size,
                     PULONG resultLength) {
     const offline::QueryBuffer out{buffer, size, resultLength};
-    offline::Place place;
-    const NTSTATUS status = offline::queriedKey(key, KEY_QUERY_VALUE, out, place);
+    offline::KeyRef ref;
+    const NTSTATUS status = offline::queriedKey(key, KEY_QUERY_VALUE, out, ref);
     if (status < 0) return status;
-    return infoClass == KeyFlagsInformation ? offline::writeKeyFlags(place, out)
-                                            : offline::writeKeyRecord(place, infoClass, out);
+    return infoClass == KeyFlagsInformation ? offline::writeKeyFlags(ref, out)
+                                            : offline::writeKeyRecord(ref, infoClass, out);
 }
 
 NTSTATUS ZwEnumerateKey(HANDLE key, ULONG index, KEY_INFORMATION_CLASS infoClass, PVOID buffer, ULONG size,
                         PULONG resultLength) {
     const offline::QueryBuffer out{buffer, size, resultLength};
-    offline::Place place;
-    NTSTATUS status = offline::queriedKey(key, KEY_ENUMERATE_SUB_KEYS, out, place);
-    if (status >= 0) status = offline::childAt(place, index, place);
-    return status < 0 ? status : offline::writeKeyRecord(place, infoClass, out);
+    offline::KeyRef ref;
+    NTSTATUS status = offline::queriedKey(key, KEY_ENUMERATE_SUB_KEYS, out, ref);
+    if (status >= 0) status = offline::childAt(ref, index, ref);
+    return status < 0 ? status : offline::writeKeyRecord(ref, infoClass, out);
 }
 
 NTSTATUS ZwQueryValueKey(HANDLE key, PUNICODE_STRING name, KEY_VALUE_INFORMATION_CLASS infoClass,

@@ -1,7 +1,6 @@
 /* RegGetKeySecurity and RegSetKeySecurity. */
 #include <cstdint>
 #include <cstring>
-#include <span>
 #include <vector>
 
 #include "platform/offline/base/guarded.h"
@@ -13,16 +12,16 @@
 namespace offline {
 namespace {
 
-std::span<const uint8_t> storedDescriptor(const Place& key) {
+Bytes storedDescriptor(const KeyRef& key) {
     return hiveKeyDescriptor(*key.mount->hive, key.cell);
 }
 
 NTSTATUS getSecurity(HKEY key, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR descriptor,
                      DWORD& size) {
-    Place place;
+    KeyRef ref;
     std::vector<uint8_t>& image = registryState().descriptor;
-    NTSTATUS status = useRegKey(key, accessToQuery(information), place);
-    if (status >= 0) status = descriptorQuery(storedDescriptor(place), information, image);
+    NTSTATUS status = useRegKey(key, accessToQuery(information), ref);
+    if (status >= 0) status = descriptorQuery(storedDescriptor(ref), information, image);
     if (status < 0) return status;
     const DWORD room = size;
     size = static_cast<DWORD>(image.size());
@@ -34,12 +33,12 @@ NTSTATUS getSecurity(HKEY key, SECURITY_INFORMATION information, PSECURITY_DESCR
 /* A stored descriptor that is not valid is refused by the security room, unless the given one takes its place
  * whole: nothing is built upon it. */
 NTSTATUS setSecurity(HKEY key, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR descriptor) {
-    Place place;
+    KeyRef ref;
     std::vector<uint8_t> image;
-    NTSTATUS status = useRegKey(key, accessToSet(information), place);
-    if (status >= 0) status = descriptorSet(storedDescriptor(place), information, descriptor, image);
-    if (status >= 0) status = beginChange(place);
-    return status < 0 ? status : hiveSetKeyDescriptor(*place.mount->hive, place.cell, image, timeNow());
+    NTSTATUS status = useRegKey(key, accessToSet(information), ref);
+    if (status >= 0) status = descriptorSet(storedDescriptor(ref), information, descriptor, image);
+    if (status >= 0) status = beginChange(ref);
+    return status < 0 ? status : hiveSetKeyDescriptor(*ref.mount->hive, ref.cell, image, timeNow());
 }
 
 } /* namespace */

@@ -12,11 +12,12 @@ namespace offline {
 namespace {
 
 /* A link key of this name in the links' own hive, with the descriptor of the key that it is to hang below. */
-NTSTATUS makeLinkKey(const Place& parent, std::u16string_view name, std::u16string_view target, Cell& link) {
+NTSTATUS createLinkKey(const KeyRef& parent, std::u16string_view name, std::u16string_view target,
+                       Cell& link) {
     Mount& links = *tree().links;
     const auto stored = hiveKeyDescriptor(*parent.mount->hive, parent.cell);
     const std::vector<uint8_t> descriptor(stored.begin(), stored.end());
-    const std::string number = std::to_string(tree().linksMade++);
+    const std::string number = std::to_string(tree().linksCreated++);
     const uint64_t time = timeNow();
     Cell holder = noCell;
     NTSTATUS status = hiveCreateSubkey(*links.hive, links.root, std::u16string(number.begin(), number.end()),
@@ -41,19 +42,19 @@ NTSTATUS addLink(std::u16string_view path, std::u16string_view target) {
     const size_t nameAt = rest.find_last_of(u'\\') + 1;
     const std::u16string_view name = rest.substr(nameAt);
     if (name.empty() || name.size() > longestKeyName) return STATUS_INVALID_PARAMETER;
-    Place root;
+    KeyRef root;
     status = namespaceRoot(root);
     if (status < 0) return status;
     Resolved parent;
     status = resolvePath(root, rest.substr(0, nameAt), false, parent);
     if (status < 0) return status;
-    Place taken;
-    if (findAttached(parent.place, name, taken) >= 0) return STATUS_OBJECT_NAME_COLLISION;
+    KeyRef taken;
+    if (findAttached(parent.key, name, taken) >= 0) return STATUS_OBJECT_NAME_COLLISION;
     Cell link = noCell;
-    status = makeLinkKey(parent.place, name, target, link);
+    status = createLinkKey(parent.key, name, target, link);
     if (status < 0) return status;
     status = guarded([&] {
-        attach(parent.place, name, {tree().links.get(), link});
+        attach(parent.key, name, {tree().links.get(), link});
         return STATUS_SUCCESS;
     });
     if (status < 0) deleteLinkKey(link);
@@ -62,15 +63,15 @@ NTSTATUS addLink(std::u16string_view path, std::u16string_view target) {
 
 } /* namespace */
 
-bool isMemoryLink(const Place& place) {
-    return place.mount == tree().links.get();
+bool isMemoryLink(const KeyRef& ref) {
+    return ref.mount == tree().links.get();
 }
 
-void removeLink(const Place& place) {
-    const auto isIt = [&](const Attached& one) { return one.child == place; };
+void removeLink(const KeyRef& ref) {
+    const auto isIt = [&](const Attached& one) { return one.child == ref; };
     std::erase_if(tree().keys->attached, isIt);
     for (const std::unique_ptr<Mount>& mount : tree().mounts) std::erase_if(mount->attached, isIt);
-    deleteLinkKey(place.cell);
+    deleteLinkKey(ref.cell);
 }
 
 void deleteLinkKey(Cell link) {

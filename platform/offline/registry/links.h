@@ -6,10 +6,10 @@
 
 namespace offline {
 
-bool isMemoryLink(const Place& place);
+bool isMemoryLink(const KeyRef& ref);
 
-/* Takes the link in memory at this place out of the tree. */
-void removeLink(const Place& place);
+/* Takes this link in memory out of the tree. */
+void removeLink(const KeyRef& ref);
 
 /* Gives back the cells of a link that hangs nowhere any more. */
 void deleteLinkKey(Cell link);

@@ -16,7 +16,7 @@ namespace offline {
 namespace {
 
 /* The key below which a hive is mounted: Machine or User, by its predefined handle or an open one. */
-NTSTATUS mountParent(HKEY root, LPCWSTR name, Place& parent) {
+NTSTATUS mountParent(HKEY root, LPCWSTR name, KeyRef& parent) {
     const std::u16string_view text = name == nullptr ? std::u16string_view() : name;
     if (text.empty() || text.size() > longestKeyName || text.find(u'\\') != text.npos)
         return STATUS_INVALID_PARAMETER;
@@ -27,7 +27,7 @@ NTSTATUS mountParent(HKEY root, LPCWSTR name, Place& parent) {
 }
 
 NTSTATUS loadHive(HKEY root, LPCWSTR name, LPCWSTR file) {
-    Place parent;
+    KeyRef parent;
     NTSTATUS status = systemNeeded();
     if (status >= 0) status = mountParent(root, name, parent);
     if (status < 0) return status;
@@ -50,17 +50,17 @@ bool anyOpen(const Mount& mount) {
 }
 
 NTSTATUS unloadHive(HKEY root, LPCWSTR name) {
-    Place parent;
+    KeyRef parent;
     NTSTATUS status = systemNeeded();
     if (status >= 0) status = mountParent(root, name, parent);
     if (status < 0) return status;
     if (!privilegeEnabled(restorePrivilege)) return STATUS_PRIVILEGE_NOT_HELD;
-    Place place;
-    status = findChild(parent, name, place);
+    KeyRef ref;
+    status = findChild(parent, name, ref);
     if (status < 0) return status;
-    if (!place.mount->loaded || anyOpen(*place.mount)) return STATUS_ACCESS_DENIED;
-    status = saveMount(*place.mount);
-    if (status >= 0) removeMount(place.mount);
+    if (!ref.mount->loaded || anyOpen(*ref.mount)) return STATUS_ACCESS_DENIED;
+    status = saveMount(*ref.mount);
+    if (status >= 0) removeMount(ref.mount);
     return status;
 }
 

@@ -25,7 +25,7 @@ constexpr std::array<uint8_t, 120> namespaceDescriptor = {
 // clang-format on
 
 /* A hive in memory, not yet part of the tree. */
-NTSTATUS makeMemoryHive(std::u16string_view rootName, std::unique_ptr<Mount>& mount) {
+NTSTATUS createMemoryHive(std::u16string_view rootName, std::unique_ptr<Mount>& mount) {
     auto made = std::make_unique<Mount>();
     made->name = rootName;
     const NTSTATUS status = hiveCreate(5, rootName, {}, namespaceDescriptor, made->hive);
@@ -37,9 +37,9 @@ NTSTATUS makeMemoryHive(std::u16string_view rootName, std::unique_ptr<Mount>& mo
 
 NTSTATUS makeNamespace() {
     Namespace made;
-    NTSTATUS status = makeMemoryHive(u"REGISTRY", made.keys);
+    NTSTATUS status = createMemoryHive(u"REGISTRY", made.keys);
     if (status < 0) return status;
-    status = makeMemoryHive(u"LINKS", made.links);
+    status = createMemoryHive(u"LINKS", made.links);
     if (status < 0) return status;
     Hive& keys = *made.keys->hive;
     status = hiveCreateSubkey(keys, made.keys->root, u"MACHINE", {}, namespaceDescriptor, HIVE_KEY_NO_DELETE,
@@ -58,7 +58,7 @@ Namespace& tree() {
     return registryState().tree;
 }
 
-NTSTATUS namespaceRoot(Place& root) {
+NTSTATUS namespaceRoot(KeyRef& root) {
     if (tree().keys == nullptr) {
         const NTSTATUS status = guarded(makeNamespace);
         if (status < 0) return status;
@@ -67,20 +67,20 @@ NTSTATUS namespaceRoot(Place& root) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS predefinedKey(HKEY key, Place& place) {
+NTSTATUS predefinedKey(HKEY key, KeyRef& ref) {
     if (key != HKEY_LOCAL_MACHINE && key != HKEY_USERS) return STATUS_INVALID_HANDLE;
-    const NTSTATUS status = namespaceRoot(place);
+    const NTSTATUS status = namespaceRoot(ref);
     if (status < 0) return status;
-    place.cell = key == HKEY_LOCAL_MACHINE ? tree().machine : tree().user;
+    ref.cell = key == HKEY_LOCAL_MACHINE ? tree().machine : tree().user;
     return STATUS_SUCCESS;
 }
 
-bool isNamespaceKey(const Place& place) {
-    return place.mount == tree().keys.get();
+bool isNamespaceKey(const KeyRef& ref) {
+    return ref.mount == tree().keys.get();
 }
 
-NTSTATUS findChild(const Place& parent, std::u16string_view name, Place& child) {
-    Place found{parent.mount, noCell};
+NTSTATUS findChild(const KeyRef& parent, std::u16string_view name, KeyRef& child) {
+    KeyRef found{parent.mount, noCell};
     if (parent.mount->attached.empty() || findAttached(parent, name, found) < 0) {
         const NTSTATUS status = hiveFindSubkey(*parent.mount->hive, parent.cell, name, found.cell);
         if (status < 0) return status;
@@ -89,7 +89,7 @@ NTSTATUS findChild(const Place& parent, std::u16string_view name, Place& child) 
     return STATUS_SUCCESS;
 }
 
-NTSTATUS childAt(const Place& parent, uint32_t index, Place& child) {
+NTSTATUS childAt(const KeyRef& parent, uint32_t index, KeyRef& child) {
     if (!parent.mount->attached.empty()) {
         const Attached* found = nullptr;
         const NTSTATUS status = childAmongAttached(parent, index, found);
@@ -99,16 +99,16 @@ NTSTATUS childAt(const Place& parent, uint32_t index, Place& child) {
             return STATUS_SUCCESS;
         }
     }
-    Place stored{parent.mount, noCell};
+    KeyRef stored{parent.mount, noCell};
     const NTSTATUS status = hiveSubkey(*parent.mount->hive, parent.cell, index, stored.cell);
     if (status < 0) return status;
     child = stored;
     return STATUS_SUCCESS;
 }
 
-size_t keyName(const Place& place, char16_t* name) {
-    if (place.cell != place.mount->root) return hiveKeyName(*place.mount->hive, place.cell, name);
-    return place.mount->name.copy(name, longestKeyName);
+size_t keyName(const KeyRef& ref, char16_t* name) {
+    if (ref.cell != ref.mount->root) return hiveKeyName(*ref.mount->hive, ref.cell, name);
+    return ref.mount->name.copy(name, longestKeyName);
 }
 
 uint64_t timeNow() {

@@ -18,13 +18,13 @@ namespace offline {
 
 struct Mount;
 
-/* Where a key is. */
-struct Place {
+/* A key: the hive that holds it, and its cell there. */
+struct KeyRef {
     Mount* mount = nullptr;
     Cell cell = noCell;
 };
 
-inline bool operator==(const Place& left, const Place& right) {
+inline bool operator==(const KeyRef& left, const KeyRef& right) {
     return left.mount == right.mount && left.cell == right.cell;
 }
 
@@ -32,7 +32,7 @@ inline bool operator==(const Place& left, const Place& right) {
 struct Attached {
     Cell parent; /* in the mount that holds this record */
     std::u16string name;
-    Place child;
+    KeyRef child;
 };
 
 struct Mount {
@@ -50,7 +50,7 @@ struct Namespace {
     Cell machine = noCell;
     Cell user = noCell;
     std::unique_ptr<Mount> links; /* each link in memory is the only child of a numbered child of this root */
-    uint32_t linksMade = 0;
+    uint32_t linksCreated = 0;
     std::vector<std::unique_ptr<Mount>> mounts;
 };
 
@@ -58,22 +58,22 @@ struct Namespace {
 Namespace& tree();
 
 /* \Registry. */
-NTSTATUS namespaceRoot(Place& root);
+NTSTATUS namespaceRoot(KeyRef& root);
 
 /* The key that HKEY_LOCAL_MACHINE or HKEY_USERS stands for. STATUS_INVALID_HANDLE for any other handle. */
-NTSTATUS predefinedKey(HKEY key, Place& place);
+NTSTATUS predefinedKey(HKEY key, KeyRef& ref);
 
 /* Whether the key is one of those in memory that hold the mount points. */
-bool isNamespaceKey(const Place& place);
+bool isNamespaceKey(const KeyRef& ref);
 
 /* The child of this name. STATUS_OBJECT_NAME_NOT_FOUND when there is none. */
-NTSTATUS findChild(const Place& parent, std::u16string_view name, Place& child);
+NTSTATUS findChild(const KeyRef& parent, std::u16string_view name, KeyRef& child);
 
-/* The child at an index, in folded order. STATUS_NO_MORE_ENTRIES behind the last. */
-NTSTATUS childAt(const Place& parent, uint32_t index, Place& child);
+/* The child at an index, in folded order. STATUS_NO_MORE_ENTRIES after the last. */
+NTSTATUS childAt(const KeyRef& parent, uint32_t index, KeyRef& child);
 
 /* Copies the key's name, at most longestKeyName characters, and gives its length in characters. */
-size_t keyName(const Place& place, char16_t* name);
+size_t keyName(const KeyRef& ref, char16_t* name);
 
 /* The time for a change: 100 ns since 1601. */
 uint64_t timeNow();

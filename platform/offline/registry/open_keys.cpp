@@ -14,7 +14,7 @@ namespace offline {
 
 /* What all handles on one key share. */
 struct OpenKey {
-    Place place; /* the mount is null when the key has been deleted */
+    KeyRef ref; /* the mount is null when the key has been deleted */
     size_t handles = 0;
     OpenKey* next = nullptr; /* in its bucket */
 };
@@ -28,40 +28,40 @@ struct KeyHandle {
 };
 
 /* Only a few keys are open at a time. */
-OpenKey** bucketOf(const Place& place) {
+OpenKey** bucketOf(const KeyRef& ref) {
     auto& buckets = registryState().openKeys;
-    const uint64_t mixed = (reinterpret_cast<uintptr_t>(place.mount) ^ place.cell) * 0x9E3779B97F4A7C15;
+    const uint64_t mixed = (reinterpret_cast<uintptr_t>(ref.mount) ^ ref.cell) * 0x9E3779B97F4A7C15;
     return &buckets[(mixed >> 32) % buckets.size()];
 }
 
-/* The link of the chain that points to the key of this place, or the null one at its end. */
-OpenKey** linkTo(const Place& place) {
-    OpenKey** link = bucketOf(place);
-    while (*link != nullptr && !((*link)->place == place)) link = &(*link)->next;
+/* The link of the chain that points to the open key, or the null one at its end. */
+OpenKey** linkTo(const KeyRef& ref) {
+    OpenKey** link = bucketOf(ref);
+    while (*link != nullptr && !((*link)->ref == ref)) link = &(*link)->next;
     return link;
 }
 
 void takeOut(OpenKey** link) {
     OpenKey* key = *link;
     *link = key->next;
-    key->place.mount->openKeys--;
-    key->place.mount = nullptr;
+    key->ref.mount->openKeys--;
+    key->ref.mount = nullptr;
 }
 
-/* The key object of a place, which the table holds from then on; it has no handle yet when it is new. */
-OpenKey& keyAt(const Place& place) {
-    OpenKey** link = linkTo(place);
+/* The object of an open key, which the table holds from then on; it has no handle yet when it is new. */
+OpenKey& keyAt(const KeyRef& ref) {
+    OpenKey** link = linkTo(ref);
     if (*link != nullptr) return **link;
     auto made = std::make_unique<OpenKey>();
-    made->place = place;
-    place.mount->openKeys++;
+    made->ref = ref;
+    ref.mount->openKeys++;
     *link = made.get();
     return *made.release();
 }
 
 void release(OpenKey* key) {
     if (--key->handles > 0) return;
-    if (key->place.mount != nullptr) takeOut(linkTo(key->place));
+    if (key->ref.mount != nullptr) takeOut(linkTo(key->ref));
     delete key;
 }
 
@@ -75,13 +75,13 @@ const HandleType keyType = {closeKey};
 
 } /* namespace */
 
-NTSTATUS openHandle(const Place& place, ACCESS_MASK granted, HANDLE& handle) {
+NTSTATUS openHandle(const KeyRef& ref, ACCESS_MASK granted, HANDLE& handle) {
     return guarded([&] {
         auto made = std::make_unique<KeyHandle>(KeyHandle{nullptr, granted});
-        OpenKey& key = keyAt(place);
+        OpenKey& key = keyAt(ref);
         key.handles++;
         made->key = &key;
-        HANDLE fresh = handleMake(keyType, made.get());
+        HANDLE fresh = handleCreate(keyType, made.get());
         if (fresh == nullptr) {
             release(&key);
             return STATUS_NO_MEMORY;
@@ -92,31 +92,31 @@ NTSTATUS openHandle(const Place& place, ACCESS_MASK granted, HANDLE& handle) {
     });
 }
 
-NTSTATUS useKey(HANDLE handle, ACCESS_MASK needed, Place& place) {
+NTSTATUS useKey(HANDLE handle, ACCESS_MASK needed, KeyRef& ref) {
     const auto* object = static_cast<const KeyHandle*>(handleObject(handle, keyType));
     if (object == nullptr) return STATUS_INVALID_HANDLE;
     if ((object->granted & needed) != needed) return STATUS_ACCESS_DENIED;
-    if (object->key->place.mount == nullptr) return STATUS_KEY_DELETED;
-    place = object->key->place;
+    if (object->key->ref.mount == nullptr) return STATUS_KEY_DELETED;
+    ref = object->key->ref;
     return STATUS_SUCCESS;
 }
 
-NTSTATUS useRegKey(HKEY key, ACCESS_MASK needed, Place& place) {
-    if (key != HKEY_LOCAL_MACHINE && key != HKEY_USERS) return useKey(key, needed, place);
+NTSTATUS useRegKey(HKEY key, ACCESS_MASK needed, KeyRef& ref) {
+    if (key != HKEY_LOCAL_MACHINE && key != HKEY_USERS) return useKey(key, needed, ref);
     NTSTATUS status = systemNeeded();
     if (status < 0) return status;
-    status = predefinedKey(key, place);
+    status = predefinedKey(key, ref);
     if (status < 0 || needed == 0) return status;
     ACCESS_MASK granted = 0;
-    return accessCheck(hiveKeyDescriptor(*place.mount->hive, place.cell), needed, keyMapping, granted);
+    return accessCheck(hiveKeyDescriptor(*ref.mount->hive, ref.cell), needed, keyMapping, granted);
 }
 
-bool isOpen(const Place& place) {
-    return *linkTo(place) != nullptr;
+bool isOpen(const KeyRef& ref) {
+    return *linkTo(ref) != nullptr;
 }
 
-void markDeleted(const Place& place) {
-    OpenKey** link = linkTo(place);
+void markDeleted(const KeyRef& ref) {
+    OpenKey** link = linkTo(ref);
     if (*link != nullptr) takeOut(link);
 }
 

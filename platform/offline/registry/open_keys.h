@@ -9,20 +9,20 @@
 namespace offline {
 
 /* A new handle on the key. STATUS_NO_MEMORY leaves nothing open. */
-NTSTATUS openHandle(const Place& place, ACCESS_MASK granted, HANDLE& handle);
+NTSTATUS openHandle(const KeyRef& ref, ACCESS_MASK granted, HANDLE& handle);
 
-/* The key behind a handle that is to be used with these rights: STATUS_INVALID_HANDLE, STATUS_ACCESS_DENIED
+/* The key of a handle that is to be used with these rights: STATUS_INVALID_HANDLE, STATUS_ACCESS_DENIED
  * when the handle lacks one of them, STATUS_KEY_DELETED. */
-NTSTATUS useKey(HANDLE handle, ACCESS_MASK needed, Place& place);
+NTSTATUS useKey(HANDLE handle, ACCESS_MASK needed, KeyRef& ref);
 
 /* The same for the Win32 calls, which take predefined handles too: those are good for what the key's
  * descriptor lets the token do. */
-NTSTATUS useRegKey(HKEY key, ACCESS_MASK needed, Place& place);
+NTSTATUS useRegKey(HKEY key, ACCESS_MASK needed, KeyRef& ref);
 
-bool isOpen(const Place& place);
+bool isOpen(const KeyRef& ref);
 
 /* Every handle on the key answers STATUS_KEY_DELETED from now on. */
-void markDeleted(const Place& place);
+void markDeleted(const KeyRef& ref);
 
 /* The same for every open key; their mounts are about to go. */
 void forgetOpenKeys();

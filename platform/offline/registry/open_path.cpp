@@ -1,7 +1,6 @@
 /* ZwOpenKey and ZwCreateKey. */
 #include "platform/offline/registry/open_path.h"
 
-#include <span>
 #include <vector>
 
 #include "platform/offline/base/guarded.h"
@@ -21,7 +20,7 @@ constexpr ACCESS_MASK viewBits = 0x300;
 constexpr ACCESS_MASK genericBits = GENERIC_READ | GENERIC_WRITE | GENERIC_EXECUTE | GENERIC_ALL;
 
 /* Where the path of the attributes starts, and the path from there. */
-NTSTATUS objectPath(const OBJECT_ATTRIBUTES* attributes, Place& from, std::u16string_view& path) {
+NTSTATUS objectPath(const OBJECT_ATTRIBUTES* attributes, KeyRef& from, std::u16string_view& path) {
     if (attributes == nullptr || attributes->Length != sizeof(OBJECT_ATTRIBUTES))
         return STATUS_INVALID_PARAMETER;
     const UNICODE_STRING* name = attributes->ObjectName;
@@ -37,11 +36,11 @@ NTSTATUS objectPath(const OBJECT_ATTRIBUTES* attributes, Place& from, std::u16st
     return !path.empty() && path[0] == u'\\' ? STATUS_OBJECT_PATH_SYNTAX_BAD : STATUS_SUCCESS;
 }
 
-std::span<const uint8_t> descriptorOf(const Place& place) {
-    return hiveKeyDescriptor(*place.mount->hive, place.cell);
+Bytes descriptorOf(const KeyRef& ref) {
+    return hiveKeyDescriptor(*ref.mount->hive, ref.cell);
 }
 
-/* Who makes a key gets the rights that he asks for, whatever the key's descriptor grants; only the right to
+/* Who creates a key gets the rights that he asks for, whatever the key's descriptor grants; only the right to
  * audit lists hangs on its privilege. */
 NTSTATUS creatorAccess(ACCESS_MASK access, ACCESS_MASK& granted) {
     if ((access & ACCESS_SYSTEM_SECURITY) != 0 && !privilegeEnabled(securityPrivilege)) {
@@ -55,20 +54,20 @@ NTSTATUS creatorAccess(ACCESS_MASK access, ACCESS_MASK& granted) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS openPlace(const Place& place, ACCESS_MASK access, HANDLE& handle) {
+NTSTATUS openKeyRef(const KeyRef& ref, ACCESS_MASK access, HANDLE& handle) {
     ACCESS_MASK granted = 0;
-    const NTSTATUS status = accessCheck(descriptorOf(place), access & ~viewBits, keyMapping, granted);
-    return status < 0 ? status : openHandle(place, granted, handle);
+    const NTSTATUS status = accessCheck(descriptorOf(ref), access & ~viewBits, keyMapping, granted);
+    return status < 0 ? status : openHandle(ref, granted, handle);
 }
 
 struct NewKey {
     std::u16string_view name;
-    std::span<const uint8_t> classText;
+    Bytes classText;
     bool link;
 };
 
-/* Makes a key that is missing and opens it. */
-NTSTATUS createBelow(const Place& parent, const NewKey& key, ACCESS_MASK access, HANDLE& handle) {
+/* Creates a key that is missing and opens it. */
+NTSTATUS createBelow(const KeyRef& parent, const NewKey& key, ACCESS_MASK access, HANDLE& handle) {
     if (isNamespaceKey(parent)) return STATUS_ACCESS_DENIED;
     const ACCESS_MASK needed = KEY_CREATE_SUB_KEY | (key.link ? KEY_CREATE_LINK : 0);
     ACCESS_MASK granted = 0;
@@ -81,13 +80,13 @@ NTSTATUS createBelow(const Place& parent, const NewKey& key, ACCESS_MASK access,
     if (status >= 0) status = beginChange(parent);
     if (status < 0) return status;
     Hive& hive = *parent.mount->hive;
-    Place made{parent.mount, noCell};
+    KeyRef created{parent.mount, noCell};
     const uint16_t flags = key.link ? HIVE_KEY_LINK : 0;
-    status =
-        hiveCreateSubkey(hive, parent.cell, key.name, key.classText, descriptor, flags, timeNow(), made.cell);
+    status = hiveCreateSubkey(hive, parent.cell, key.name, key.classText, descriptor, flags, timeNow(),
+                              created.cell);
     if (status < 0) return status;
-    status = openHandle(made, granted, handle);
-    if (status < 0) hiveDeleteKey(hive, made.cell, timeNow());
+    status = openHandle(created, granted, handle);
+    if (status < 0) hiveDeleteKey(hive, created.cell, timeNow());
     return status;
 }
 
@@ -101,7 +100,7 @@ NTSTATUS checkOptions(const OBJECT_ATTRIBUTES& attributes, const UNICODE_STRING*
 
 NTSTATUS createKey(ACCESS_MASK access, const OBJECT_ATTRIBUTES* attributes, const UNICODE_STRING* className,
                    ULONG options, HANDLE& handle, ULONG& disposition) {
-    Place from;
+    KeyRef from;
     std::u16string_view path;
     NTSTATUS status = objectPath(attributes, from, path);
     if (status >= 0) status = checkOptions(*attributes, className, options);
@@ -111,7 +110,7 @@ NTSTATUS createKey(ACCESS_MASK access, const OBJECT_ATTRIBUTES* attributes, cons
     status = resolvePath(from, path, link || (attributes->Attributes & OBJ_OPENLINK) != 0, found);
     if (status >= 0) {
         disposition = REG_OPENED_EXISTING_KEY;
-        return link ? STATUS_OBJECT_NAME_COLLISION : openPlace(found.place, access, handle);
+        return link ? STATUS_OBJECT_NAME_COLLISION : openKeyRef(found.key, access, handle);
     }
     if (status != STATUS_OBJECT_NAME_NOT_FOUND || found.leaf.empty()) return status;
     disposition = REG_CREATED_NEW_KEY;
@@ -119,16 +118,16 @@ NTSTATUS createKey(ACCESS_MASK access, const OBJECT_ATTRIBUTES* attributes, cons
     if (className != nullptr) {
         key.classText = {reinterpret_cast<const uint8_t*>(className->Buffer), className->Length};
     }
-    return createBelow(found.place, key, access, handle);
+    return createBelow(found.key, key, access, handle);
 }
 
 } /* namespace */
 
-NTSTATUS openPath(const Place& from, std::u16string_view path, bool openLink, ACCESS_MASK access,
+NTSTATUS openPath(const KeyRef& from, std::u16string_view path, bool openLink, ACCESS_MASK access,
                   HANDLE& handle) {
     Resolved found;
     const NTSTATUS status = resolvePath(from, path, openLink, found);
-    return status < 0 ? status : openPlace(found.place, access, handle);
+    return status < 0 ? status : openKeyRef(found.key, access, handle);
 }
 
 } /* namespace offline */
@@ -138,7 +137,7 @@ NTSTATUS ZwOpenKey(PHANDLE key, ACCESS_MASK access, POBJECT_ATTRIBUTES attribute
         NTSTATUS status = offline::systemNeeded();
         if (status < 0) return status;
         if (key == nullptr) return STATUS_INVALID_PARAMETER;
-        offline::Place from;
+        offline::KeyRef from;
         std::u16string_view path;
         status = offline::objectPath(attributes, from, path);
         if (status < 0) return status;

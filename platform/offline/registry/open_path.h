@@ -11,7 +11,7 @@ namespace offline {
 
 /* Opens the key at a path below another. openLink: a link that is the last component is opened itself. May
  * throw std::bad_alloc. */
-NTSTATUS openPath(const Place& from, std::u16string_view path, bool openLink, ACCESS_MASK access,
+NTSTATUS openPath(const KeyRef& from, std::u16string_view path, bool openLink, ACCESS_MASK access,
                   HANDLE& handle);
 
 } /* namespace offline */

@@ -23,8 +23,8 @@ namespace offline {
  * is no key in memory. */
 NTSTATUS registryMount(std::u16string_view path, HivePtr hive, std::unique_ptr<HiveStore> store);
 
-/* Makes a symbolic link that lives in memory and is never stored: at a path below a mounted hive or a key in
- * memory, to a target such as "\Registry\Machine\SYSTEM\ControlSet001", which need not be there. It is
+/* Creates a symbolic link that lives in memory and is never stored: at a path below a mounted hive or a key
+ * in memory, to a target such as "\Registry\Machine\SYSTEM\ControlSet001", which need not be there. It is
  * enumerated among the stored children of its parent and hides a stored child of its own name. Its descriptor
  * is its parent's. It goes with the hive that it hangs in, or when it is deleted.
  * STATUS_OBJECT_NAME_COLLISION when a mount point or a link in memory has the name. */

@@ -16,7 +16,8 @@ struct OpenKey; /* keys.cpp */
 
 struct RegistryState {
     Namespace tree;
-    std::array<OpenKey*, 4096> openKeys = {}; /* the keys that are open and not deleted, in chains by place */
+    std::array<OpenKey*, 4096> openKeys =
+        {}; /* the keys that are open and not deleted, in chains by KeyRef */
     HiveLoader hiveLoader = nullptr;
 
     /* Kept from call to call: a sweep asks for every key's descriptor, and names of values are too large for

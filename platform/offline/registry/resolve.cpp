@@ -13,7 +13,7 @@ namespace {
 constexpr size_t longestTarget = UINT16_MAX / sizeof(char16_t);
 
 /* What a link key leads to. STATUS_OBJECT_NAME_NOT_FOUND when its value is no path in the registry. */
-NTSTATUS linkTarget(const Place& link, std::u16string& target) {
+NTSTATUS linkTarget(const KeyRef& link, std::u16string& target) {
     const Hive& hive = *link.mount->hive;
     HiveValue value;
     if (hiveFindValue(hive, link.cell, linkValueName, value) < 0 || value.type != REG_LINK) {
@@ -27,24 +27,24 @@ NTSTATUS linkTarget(const Place& link, std::u16string& target) {
 }
 
 /* Replaces what has been walked, up to and including a link, by the link's target. */
-NTSTATUS followLink(const Place& link, std::u16string_view& rest, Resolved& result) {
+NTSTATUS followLink(const KeyRef& link, std::u16string_view& rest, Resolved& result) {
     std::u16string path;
     NTSTATUS status = linkTarget(link, path);
     if (status < 0) return status;
     if (!rest.empty()) path.append(u"\\").append(rest);
     result.path = std::move(path);
     if (belowRegistry(result.path, rest) < 0) return STATUS_OBJECT_NAME_NOT_FOUND;
-    return namespaceRoot(result.place);
+    return namespaceRoot(result.key);
 }
 
 } /* namespace */
 
-NTSTATUS resolvePath(const Place& from, std::u16string_view path, bool openLink, Resolved& result) {
+NTSTATUS resolvePath(const KeyRef& from, std::u16string_view path, bool openLink, Resolved& result) {
     size_t links = 0;
     std::u16string_view rest = path;
-    result.place = from;
+    result.key = from;
     for (;;) {
-        const Place& here = result.place;
+        const KeyRef& here = result.key;
         if (hiveKeyIsLink(*here.mount->hive, here.cell) && !(openLink && rest.empty())) {
             if (++links > longestLinkChain) return STATUS_OBJECT_PATH_INVALID;
             const NTSTATUS status = followLink(here, rest, result);
@@ -54,7 +54,7 @@ NTSTATUS resolvePath(const Place& from, std::u16string_view path, bool openLink,
         const std::u16string_view name = takeComponent(rest);
         if (name.empty()) return STATUS_SUCCESS;
         if (name.size() > longestKeyName) return STATUS_INVALID_PARAMETER;
-        const NTSTATUS status = findChild(here, name, result.place);
+        const NTSTATUS status = findChild(here, name, result.key);
         if (status < 0) {
             if (status == STATUS_OBJECT_NAME_NOT_FOUND && rest.empty()) result.leaf = name;
             return status;

@@ -16,7 +16,7 @@ constexpr size_t longestLinkChain = 32;
 
 /* Where a path leads. The leaf may point into the path that was resolved, which must live as long. */
 struct Resolved {
-    Place place; /* the key, or the last one reached when the rest is missing */
+    KeyRef key; /* the key, or the last one reached when the rest is missing */
     std::u16string_view
         leaf; /* after STATUS_OBJECT_NAME_NOT_FOUND: the last component when only that is missing */
     std::u16string path; /* what a link has turned the path into */
@@ -27,14 +27,14 @@ struct Resolved {
  * missing key and a dangling link, STATUS_INVALID_PARAMETER for a component of more than longestKeyName
  * characters, STATUS_OBJECT_PATH_INVALID for a loop of links. May throw std::bad_alloc when there are links.
  */
-NTSTATUS resolvePath(const Place& from, std::u16string_view path, bool openLink, Resolved& result);
+NTSTATUS resolvePath(const KeyRef& from, std::u16string_view path, bool openLink, Resolved& result);
 
-/* The rest of an absolute path behind "\Registry". STATUS_OBJECT_PATH_SYNTAX_BAD when it doesn't begin with a
+/* The rest of an absolute path after "\Registry". STATUS_OBJECT_PATH_SYNTAX_BAD when it doesn't begin with a
  * backslash, STATUS_OBJECT_TYPE_MISMATCH for the backslash alone, STATUS_OBJECT_NAME_NOT_FOUND for another
  * beginning. */
 NTSTATUS belowRegistry(std::u16string_view path, std::u16string_view& rest);
 
-/* Takes the first component off a path, and the backslashes before and behind it; empty when there is none.
+/* Takes the first component off a path, and the backslashes before and after it; empty when there is none.
  */
 std::u16string_view takeComponent(std::u16string_view& path);
 

@@ -1,7 +1,6 @@
 /* RegOpenKeyExW, RegCloseKey, RegEnumKeyExW, RegQueryValueExW, RegSetValueExW. */
 #include <cstddef>
 #include <cstring>
-#include <span>
 #include <string_view>
 
 #include "platform/offline/base/guarded.h"
@@ -24,7 +23,7 @@ LSTATUS codeOf(NTSTATUS status) {
 }
 
 NTSTATUS openRegKey(HKEY root, std::u16string_view path, bool openLink, REGSAM access, HKEY& key) {
-    Place from;
+    KeyRef from;
     NTSTATUS status = useRegKey(root, 0, from);
     if (status < 0) return status;
     if (!path.empty() && path[0] == u'\\') return STATUS_OBJECT_PATH_INVALID;
@@ -43,8 +42,8 @@ NTSTATUS copyText(std::u16string_view text, LPWSTR out, LPDWORD capacity) {
     return STATUS_SUCCESS;
 }
 
-/* The same for a class, whose bytes may be of odd number and lie at any place. */
-NTSTATUS copyClass(std::span<const uint8_t> bytes, LPWSTR out, LPDWORD capacity) {
+/* The same for a class, whose bytes may be of odd number and lie at any address. */
+NTSTATUS copyClass(Bytes bytes, LPWSTR out, LPDWORD capacity) {
     const size_t length = bytes.size() / sizeof(WCHAR);
     if (out != nullptr) {
         if (length >= *capacity) return STATUS_BUFFER_OVERFLOW;
@@ -68,7 +67,7 @@ void endText(DWORD type, BYTE* data, size_t size, size_t room) {
     if (!ended) memset(data + size, 0, unit);
 }
 
-NTSTATUS readValue(const Place& key, std::u16string_view name, LPDWORD type, BYTE* data, LPDWORD size) {
+NTSTATUS readValue(const KeyRef& key, std::u16string_view name, LPDWORD type, BYTE* data, LPDWORD size) {
     const Hive& hive = *key.mount->hive;
     HiveValue value;
     const NTSTATUS status = hiveFindValue(hive, key.cell, name, value);
@@ -106,16 +105,16 @@ LSTATUS RegEnumKeyExW(HKEY key, DWORD index, LPWSTR name, LPDWORD nameLength, LP
     using namespace offline;
     if (name == nullptr || nameLength == nullptr || reserved != nullptr) return ERROR_INVALID_PARAMETER;
     if (className != nullptr && classLength == nullptr) return ERROR_INVALID_PARAMETER;
-    Place place;
-    NTSTATUS status = useRegKey(key, KEY_ENUMERATE_SUB_KEYS, place);
-    if (status >= 0) status = childAt(place, index, place);
+    KeyRef ref;
+    NTSTATUS status = useRegKey(key, KEY_ENUMERATE_SUB_KEYS, ref);
+    if (status >= 0) status = childAt(ref, index, ref);
     HiveKey info;
-    if (status >= 0) status = hiveKey(*place.mount->hive, place.cell, info);
+    if (status >= 0) status = hiveKey(*ref.mount->hive, ref.cell, info);
     if (status < 0) return codeOf(status);
     char16_t text[longestKeyName];
-    status = copyText({text, keyName(place, text)}, name, nameLength);
+    status = copyText({text, keyName(ref, text)}, name, nameLength);
     if (status >= 0 && classLength != nullptr) {
-        status = copyClass(hiveKeyClass(*place.mount->hive, place.cell), className, classLength);
+        status = copyClass(hiveKeyClass(*ref.mount->hive, ref.cell), className, classLength);
     }
     if (lastWrite != nullptr) {
         *lastWrite = {static_cast<DWORD>(info.lastWrite), static_cast<DWORD>(info.lastWrite >> 32)};
@@ -125,16 +124,16 @@ LSTATUS RegEnumKeyExW(HKEY key, DWORD index, LPWSTR name, LPDWORD nameLength, LP
 
 LSTATUS RegQueryValueExW(HKEY key, LPCWSTR name, LPDWORD reserved, LPDWORD type, BYTE* data, LPDWORD size) {
     if (reserved != nullptr || (data != nullptr && size == nullptr)) return ERROR_INVALID_PARAMETER;
-    offline::Place place;
-    NTSTATUS status = offline::useRegKey(key, KEY_QUERY_VALUE, place);
-    if (status >= 0) status = offline::readValue(place, offline::textOf(name), type, data, size);
+    offline::KeyRef ref;
+    NTSTATUS status = offline::useRegKey(key, KEY_QUERY_VALUE, ref);
+    if (status >= 0) status = offline::readValue(ref, offline::textOf(name), type, data, size);
     return offline::codeOf(status);
 }
 
 LSTATUS RegSetValueExW(HKEY key, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* data, DWORD size) {
     if (reserved != 0) return ERROR_INVALID_PARAMETER;
-    offline::Place place;
-    NTSTATUS status = offline::useRegKey(key, KEY_SET_VALUE, place);
-    if (status >= 0) status = offline::setValue(place, offline::textOf(name), type, data, size);
+    offline::KeyRef ref;
+    NTSTATUS status = offline::useRegKey(key, KEY_SET_VALUE, ref);
+    if (status >= 0) status = offline::setValue(ref, offline::textOf(name), type, data, size);
     return offline::codeOf(status);
 }

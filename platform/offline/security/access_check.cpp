@@ -36,7 +36,7 @@ bool isInheritOnly(Bytes ace) {
     return (aceFlags(ace) & inheritOnlyAce) != 0;
 }
 
-/* An entry on the owner's rights takes the place of those that an owner has by itself. */
+/* An entry on the owner's rights replaces those that an owner has by itself. */
 bool ownerRightsListed(Bytes dacl) {
     bool listed = false;
     (void)forEachAce(dacl, [&](Bytes ace) {

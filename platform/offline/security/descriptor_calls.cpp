@@ -19,68 +19,68 @@ uint16_t controlOf(PSECURITY_DESCRIPTOR descriptor) {
 }
 
 /* Where each form has a part, and the control bits that speak of it. */
-struct PartPlace {
+struct PartLayout {
     size_t inAbsolute;
     size_t inImage;
     uint16_t present; /* 0 for owner and group, which are there when they are named */
     uint16_t defaulted;
 };
-constexpr PartPlace ownerPlace = {offsetof(SECURITY_DESCRIPTOR, Owner),
-                                  offsetof(SECURITY_DESCRIPTOR_RELATIVE, Owner), 0, SE_OWNER_DEFAULTED};
-constexpr PartPlace groupPlace = {offsetof(SECURITY_DESCRIPTOR, Group),
-                                  offsetof(SECURITY_DESCRIPTOR_RELATIVE, Group), 0, SE_GROUP_DEFAULTED};
-constexpr PartPlace saclPlace = {offsetof(SECURITY_DESCRIPTOR, Sacl),
-                                 offsetof(SECURITY_DESCRIPTOR_RELATIVE, Sacl), SE_SACL_PRESENT,
-                                 SE_SACL_DEFAULTED};
-constexpr PartPlace daclPlace = {offsetof(SECURITY_DESCRIPTOR, Dacl),
-                                 offsetof(SECURITY_DESCRIPTOR_RELATIVE, Dacl), SE_DACL_PRESENT,
-                                 SE_DACL_DEFAULTED};
+constexpr PartLayout ownerLayout = {offsetof(SECURITY_DESCRIPTOR, Owner),
+                                    offsetof(SECURITY_DESCRIPTOR_RELATIVE, Owner), 0, SE_OWNER_DEFAULTED};
+constexpr PartLayout groupLayout = {offsetof(SECURITY_DESCRIPTOR, Group),
+                                    offsetof(SECURITY_DESCRIPTOR_RELATIVE, Group), 0, SE_GROUP_DEFAULTED};
+constexpr PartLayout saclLayout = {offsetof(SECURITY_DESCRIPTOR, Sacl),
+                                   offsetof(SECURITY_DESCRIPTOR_RELATIVE, Sacl), SE_SACL_PRESENT,
+                                   SE_SACL_DEFAULTED};
+constexpr PartLayout daclLayout = {offsetof(SECURITY_DESCRIPTOR, Dacl),
+                                   offsetof(SECURITY_DESCRIPTOR_RELATIVE, Dacl), SE_DACL_PRESENT,
+                                   SE_DACL_DEFAULTED};
 
 /* The part itself, in the image, or where an absolute descriptor has it; null when it isn't there. */
 template <typename Part>
-NTSTATUS getPart(PSECURITY_DESCRIPTOR descriptor, const PartPlace& place, LPBOOL present, Part** part,
+NTSTATUS getPart(PSECURITY_DESCRIPTOR descriptor, const PartLayout& layout, LPBOOL present, Part** part,
                  LPBOOL defaulted) {
     if (!revisionKnown(descriptor)) return STATUS_INVALID_SECURITY_DESCR;
     if (part == nullptr || defaulted == nullptr) return STATUS_INVALID_PARAMETER;
     const uint16_t control = controlOf(descriptor);
-    const bool there = place.present == 0 || (control & place.present) != 0;
+    const bool there = layout.present == 0 || (control & layout.present) != 0;
     void* found = nullptr;
     if (there && (control & SE_SELF_RELATIVE) != 0) {
-        const DWORD offset = loadNumber<uint32_t>(bytesOf(descriptor) + place.inImage);
+        const DWORD offset = loadNumber<uint32_t>(bytesOf(descriptor) + layout.inImage);
         if (offset != 0 && (offset < sizeof(SECURITY_DESCRIPTOR_RELATIVE) || offset >= largestDescriptor)) {
             return STATUS_INVALID_SECURITY_DESCR;
         }
         if (offset != 0) found = bytesOf(descriptor) + offset;
     } else if (there) {
-        memcpy(&found, bytesOf(descriptor) + place.inAbsolute, sizeof found);
+        memcpy(&found, bytesOf(descriptor) + layout.inAbsolute, sizeof found);
     }
     if (present != nullptr) *present = there ? TRUE : FALSE;
     *part = static_cast<Part*>(found);
-    *defaulted = there && (control & place.defaulted) != 0 ? TRUE : FALSE;
+    *defaulted = there && (control & layout.defaulted) != 0 ? TRUE : FALSE;
     return STATUS_SUCCESS;
 }
 
 /* Only absolute descriptors can be given parts: a self-relative one has no room for them. */
-NTSTATUS setPart(PSECURITY_DESCRIPTOR descriptor, const PartPlace& place, bool present, const void* part,
+NTSTATUS setPart(PSECURITY_DESCRIPTOR descriptor, const PartLayout& layout, bool present, const void* part,
                  bool defaulted) {
     if (!revisionKnown(descriptor) || (controlOf(descriptor) & SE_SELF_RELATIVE) != 0) {
         return STATUS_INVALID_SECURITY_DESCR;
     }
     uint32_t control = controlOf(descriptor);
-    control &= ~(uint32_t{place.present} | place.defaulted);
-    if (present) control |= place.present;
-    if (present && defaulted) control |= place.defaulted;
+    control &= ~(uint32_t{layout.present} | layout.defaulted);
+    if (present) control |= layout.present;
+    if (present && defaulted) control |= layout.defaulted;
     const auto word = static_cast<uint16_t>(control);
     const void* const pointer = present ? part : nullptr;
     memcpy(bytesOf(descriptor) + offsetof(SECURITY_DESCRIPTOR, Control), &word, sizeof word);
-    memcpy(bytesOf(descriptor) + place.inAbsolute, &pointer, sizeof pointer);
+    memcpy(bytesOf(descriptor) + layout.inAbsolute, &pointer, sizeof pointer);
     return STATUS_SUCCESS;
 }
 
-NTSTATUS getList(PSECURITY_DESCRIPTOR descriptor, const PartPlace& place, LPBOOL present, PACL* acl,
+NTSTATUS getList(PSECURITY_DESCRIPTOR descriptor, const PartLayout& layout, LPBOOL present, PACL* acl,
                  LPBOOL defaulted) {
     if (present == nullptr) return STATUS_INVALID_PARAMETER;
-    return getPart(descriptor, place, present, acl, defaulted);
+    return getPart(descriptor, layout, present, acl, defaulted);
 }
 
 } /* namespace */
@@ -98,30 +98,32 @@ BOOL InitializeSecurityDescriptor(PSECURITY_DESCRIPTOR descriptor, DWORD revisio
 
 BOOL SetSecurityDescriptorOwner(PSECURITY_DESCRIPTOR descriptor, PSID owner, BOOL defaulted) {
     return offline::booleanResult(
-        offline::setPart(descriptor, offline::ownerPlace, true, owner, defaulted != FALSE));
+        offline::setPart(descriptor, offline::ownerLayout, true, owner, defaulted != FALSE));
 }
 
 BOOL SetSecurityDescriptorDacl(PSECURITY_DESCRIPTOR descriptor, BOOL present, PACL dacl, BOOL defaulted) {
     return offline::booleanResult(
-        offline::setPart(descriptor, offline::daclPlace, present != FALSE, dacl, defaulted != FALSE));
+        offline::setPart(descriptor, offline::daclLayout, present != FALSE, dacl, defaulted != FALSE));
 }
 
 BOOL GetSecurityDescriptorOwner(PSECURITY_DESCRIPTOR descriptor, PSID* owner, LPBOOL defaulted) {
     return offline::booleanResult(
-        offline::getPart(descriptor, offline::ownerPlace, nullptr, owner, defaulted));
+        offline::getPart(descriptor, offline::ownerLayout, nullptr, owner, defaulted));
 }
 
 BOOL GetSecurityDescriptorGroup(PSECURITY_DESCRIPTOR descriptor, PSID* group, LPBOOL defaulted) {
     return offline::booleanResult(
-        offline::getPart(descriptor, offline::groupPlace, nullptr, group, defaulted));
+        offline::getPart(descriptor, offline::groupLayout, nullptr, group, defaulted));
 }
 
 BOOL GetSecurityDescriptorDacl(PSECURITY_DESCRIPTOR descriptor, LPBOOL present, PACL* dacl,
                                LPBOOL defaulted) {
-    return offline::booleanResult(offline::getList(descriptor, offline::daclPlace, present, dacl, defaulted));
+    return offline::booleanResult(
+        offline::getList(descriptor, offline::daclLayout, present, dacl, defaulted));
 }
 
 BOOL GetSecurityDescriptorSacl(PSECURITY_DESCRIPTOR descriptor, LPBOOL present, PACL* sacl,
                                LPBOOL defaulted) {
-    return offline::booleanResult(offline::getList(descriptor, offline::saclPlace, present, sacl, defaulted));
+    return offline::booleanResult(
+        offline::getList(descriptor, offline::saclLayout, present, sacl, defaulted));
 }

@@ -14,7 +14,7 @@ namespace {
 constexpr uint8_t inheritFlags =
     objectInheritAce | containerInheritAce | noPropagateInheritAce | inheritOnlyAce;
 
-/* A list in the making. */
+/* A list that is being built. */
 struct NewAcl {
     std::vector<uint8_t> bytes;
     size_t count = 0;
@@ -31,7 +31,7 @@ void appendAce(NewAcl& acl, Bytes ace, uint8_t flags) {
 }
 
 /* The entry as it holds for the child itself: generic rights are those of its kind of object, and the creator
- * is who makes it. */
+ * is who creates it. */
 std::vector<uint8_t> effectiveAce(Bytes ace, const GenericMapping& mapping) {
     std::vector<uint8_t> effective(ace.begin(), ace.end());
     const Bytes sid = aceSid(ace);
@@ -43,8 +43,8 @@ std::vector<uint8_t> effectiveAce(Bytes ace, const GenericMapping& mapping) {
 
     const Bytes creator = owner ? currentToken().owner : currentToken().primaryGroup;
     const auto at = effective.begin() + (sid.data() - ace.data());
-    const auto behind = effective.erase(at, at + static_cast<ptrdiff_t>(sid.size()));
-    effective.insert(behind, creator.begin(), creator.end());
+    const auto after = effective.erase(at, at + static_cast<ptrdiff_t>(sid.size()));
+    effective.insert(after, creator.begin(), creator.end());
     const auto size = static_cast<uint16_t>(effective.size());
     memcpy(&effective[offsetof(ACE_HEADER, AceSize)], &size, sizeof size);
     return effective;

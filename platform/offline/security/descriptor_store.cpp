@@ -35,7 +35,7 @@ constexpr PartRule partRules[] = {
      &DescriptorParts::sacl},
 };
 
-/* Puts the named parts of one descriptor, with their control bits, in the place of another's. */
+/* Puts the named parts of one descriptor, with their control bits, in place of another's. */
 void takeParts(DescriptorParts& target, const DescriptorParts& source, SECURITY_INFORMATION information) {
     for (const PartRule& rule : partRules) {
         if ((information & rule.bit) == 0) continue;
@@ -75,7 +75,7 @@ NTSTATUS ownersAllowed(const DescriptorParts& old, const DescriptorParts& fresh,
 }
 
 /* What a pointer of an absolute descriptor leads to. */
-bool partBehind(const void* pointer, size_t largest, size_t (*lengthOf)(Bytes), Bytes& part) {
+bool partAt(const void* pointer, size_t largest, size_t (*lengthOf)(Bytes), Bytes& part) {
     if (pointer == nullptr) return true;
     const Bytes memory = {static_cast<const uint8_t*>(pointer), largest};
     part = memory.first(lengthOf(memory));
@@ -99,10 +99,10 @@ bool partsOfGiven(const void* given, DescriptorParts& parts, size_t& length) {
     parts.control = absolute.Control;
     const bool sacl = (parts.control & SE_SACL_PRESENT) != 0;
     const bool dacl = (parts.control & SE_DACL_PRESENT) != 0;
-    return partBehind(absolute.Owner, longestSid, sidLength, parts.owner) &&
-           partBehind(absolute.Group, longestSid, sidLength, parts.group) &&
-           (!sacl || partBehind(absolute.Sacl, UINT16_MAX, aclLength, parts.sacl)) &&
-           (!dacl || partBehind(absolute.Dacl, UINT16_MAX, aclLength, parts.dacl));
+    return partAt(absolute.Owner, longestSid, sidLength, parts.owner) &&
+           partAt(absolute.Group, longestSid, sidLength, parts.group) &&
+           (!sacl || partAt(absolute.Sacl, UINT16_MAX, aclLength, parts.sacl)) &&
+           (!dacl || partAt(absolute.Dacl, UINT16_MAX, aclLength, parts.dacl));
 }
 
 /* A list whose present bit is not set counts for nothing, wherever its field says that it lies, and is not

@@ -4,10 +4,10 @@
 #define QUILLET_OFFLINE_SECURITY_SECURITY_H
 
 #include <cstdint>
-#include <span>
 #include <vector>
 
 #include "platform/nt.h"
+#include "platform/offline/base/bytes.h"
 
 namespace offline {
 
@@ -50,7 +50,7 @@ ACCESS_MASK mapGeneric(ACCESS_MASK mask, const GenericMapping& mapping);
  * is asked for. Entries for one type of object and entries with a condition allow nothing, but deny. When
  * checked, asking for nothing is refused, and a descriptor that is not valid gives
  * STATUS_INVALID_SECURITY_DESCR. */
-NTSTATUS accessCheck(std::span<const uint8_t> descriptor, ACCESS_MASK desired, const GenericMapping& mapping,
+NTSTATUS accessCheck(Bytes descriptor, ACCESS_MASK desired, const GenericMapping& mapping,
                      ACCESS_MASK& granted);
 
 /* The rights that reading or setting these parts of a descriptor takes. */
@@ -61,24 +61,22 @@ ACCESS_MASK accessToSet(SECURITY_INFORMATION information);
 
 /* The parts of a stored descriptor that the mask names, as a self-relative image. With all four parts asked
  * for this is the stored image, byte for byte. */
-NTSTATUS descriptorQuery(std::span<const uint8_t> stored, SECURITY_INFORMATION information,
-                         std::vector<uint8_t>& image);
+NTSTATUS descriptorQuery(Bytes stored, SECURITY_INFORMATION information, std::vector<uint8_t>& image);
 
 /* What is stored when a caller sets a descriptor, absolute or self-relative, over a stored one: the parts
  * that the mask names from the new, the others from the old. A self-relative one of which all four parts are
- * set is taken byte for byte, but for the place of a list that is not present. Control bits that say how a
+ * set is taken byte for byte, but for the offset of a list that is not present. Control bits that say how a
  * list came about (protected, auto-inherited) travel with it; request bits are never stored;
  * PROTECTED_DACL_SECURITY_INFORMATION and the three bits below it protect or unprotect the list that is set.
  * The new owner must be one that the token may name (STATUS_INVALID_OWNER; any with the restore privilege
  * enabled, and any or none in unrefused mode). The image may be the vector that holds the stored one. On
  * failure it is left as it was. */
-NTSTATUS descriptorSet(std::span<const uint8_t> stored, SECURITY_INFORMATION information,
-                       PSECURITY_DESCRIPTOR given, std::vector<uint8_t>& image);
+NTSTATUS descriptorSet(Bytes stored, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR given,
+                       std::vector<uint8_t>& image);
 
 /* The descriptor of a new container below one with this descriptor: inheritable entries inherited, owner and
  * group of the token. */
-NTSTATUS descriptorForChild(std::span<const uint8_t> parent, const GenericMapping& mapping,
-                            std::vector<uint8_t>& image);
+NTSTATUS descriptorForChild(Bytes parent, const GenericMapping& mapping, std::vector<uint8_t>& image);
 
 } /* namespace offline */
 

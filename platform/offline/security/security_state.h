@@ -29,7 +29,7 @@ struct TokenState {
 };
 
 /* The walk of a caller who asks for one entry after the other, in either direction. The entry that was given
- * last is known by its place and by the sizes that led there; from it only the next or the one before is
+ * last is known by its address and by the sizes that led there; from it only the next or the one before is
  * taken, and only while the list's header and the sizes of both say the same as when they were walked over.
  * Everything else, the first question about a list included, is answered by walking from the list's start,
  * which asking for the list's size begins anew. What SIDs and masks were written in between does not matter,

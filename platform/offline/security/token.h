@@ -11,8 +11,8 @@ namespace offline {
 
 struct Token {
     Bytes user;
-    Bytes owner;        /* of what it makes */
-    Bytes primaryGroup; /* of what it makes */
+    Bytes owner;        /* of what it creates */
+    Bytes primaryGroup; /* of what it creates */
     std::span<const Bytes> groups;
 };
 

@@ -29,7 +29,7 @@ NTSTATUS openToken(HANDLE process, DWORD access, PHANDLE token) {
     if ((access & MAXIMUM_ALLOWED) != 0) access = (access & ~MAXIMUM_ALLOWED) | tokenMapping.all;
     auto* object = new (std::nothrow) TokenHandle{mapGeneric(access, tokenMapping)};
     if (object == nullptr) return STATUS_NO_MEMORY;
-    *token = handleMake(tokenType, object);
+    *token = handleCreate(tokenType, object);
     if (*token != nullptr) return STATUS_SUCCESS;
     delete object;
     return STATUS_NO_MEMORY;
@@ -41,17 +41,17 @@ NTSTATUS tokenAccess(HANDLE token, ACCESS_MASK needed) {
     return (handle->granted & needed) == needed ? STATUS_SUCCESS : STATUS_ACCESS_DENIED;
 }
 
-/* The record in the caller's buffer, of which the first field points to the SID behind it; what follows that
+/* The record in the caller's buffer, of which the first field points to the SID after it; what follows that
  * pointer in it is 0. */
 NTSTATUS sidRecord(Bytes sid, size_t recordSize, void* buffer, DWORD size, LPDWORD resultLength) {
     *resultLength = static_cast<DWORD>(recordSize + sid.size());
     if (size < *resultLength) return STATUS_BUFFER_TOO_SMALL;
     if (buffer == nullptr) return STATUS_ACCESS_VIOLATION;
     auto* bytes = static_cast<uint8_t*>(buffer);
-    uint8_t* const behind = bytes + recordSize;
+    uint8_t* const after = bytes + recordSize;
     memset(bytes, 0, recordSize);
-    memcpy(bytes, &behind, sizeof behind);
-    memcpy(behind, sid.data(), sid.size());
+    memcpy(bytes, &after, sizeof after);
+    memcpy(after, sid.data(), sid.size());
     return STATUS_SUCCESS;
 }
 

@@ -10,7 +10,8 @@
 #include "platform/offline/base/status.h"
 #include "platform/offline/base/system_needed.h"
 #include "platform/offline/base/unicode.h"
-#include "platform/offline/system/machine_hives.h"
+#include "platform/offline/hive/hive_paths.h"
+#include "platform/offline/system/control_set.h"
 #include "platform/offline/system/system_state.h"
 
 namespace offline {

@@ -31,7 +31,7 @@ struct VolumeHiveStore final : HiveStore {
         return volumeReadOnly(volume) ? volumeWriteFile(volume, file, 0, {}) : STATUS_SUCCESS;
     }
 
-    NTSTATUS write(uint64_t offset, std::span<const uint8_t> bytes) override {
+    NTSTATUS write(uint64_t offset, Bytes bytes) override {
         return volumeWriteFile(volume, file, offset, bytes);
     }
 
@@ -130,17 +130,17 @@ NTSTATUS readHiveFile(Volume& volume, FileRef file, const std::string& name, Hiv
     return guarded([&] { return readHive(volume, file, name, hive, store, problem, findBeside); });
 }
 
-NTSTATUS installationReadHive(InstallationVolume& place, std::u16string_view path, HivePtr& hive,
+NTSTATUS installationReadHive(InstallationVolume& entry, std::u16string_view path, HivePtr& hive,
                               std::unique_ptr<HiveStore>& store, Problem& problem) {
     return guarded([&] {
-        const std::string name = installationFileName(place, path);
+        const std::string name = installationFileName(entry, path);
         FileRef file;
-        const NTSTATUS status = volumeFind(*place.volume, path, file);
+        const NTSTATUS status = volumeFind(*entry.volume, path, file);
         if (status < 0) return refuseFile(status, name, problem);
         const auto findBeside = [&](std::u16string_view ending, FileRef& beside) {
-            return volumeFind(*place.volume, std::u16string(path).append(ending), beside);
+            return volumeFind(*entry.volume, std::u16string(path).append(ending), beside);
         };
-        return readHive(*place.volume, file, name, hive, store, problem, findBeside);
+        return readHive(*entry.volume, file, name, hive, store, problem, findBeside);
     });
 }
 

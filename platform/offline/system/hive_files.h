@@ -18,14 +18,14 @@ namespace offline {
  * the store that saves it. The problem names the file. A missing file is STATUS_OBJECT_NAME_NOT_FOUND or
  * STATUS_OBJECT_PATH_NOT_FOUND; a file whose hive is open already is STATUS_SHARING_VIOLATION, until the
  * store of that hive is gone. */
-NTSTATUS installationReadHive(InstallationVolume& place, std::u16string_view path, HivePtr& hive,
+NTSTATUS installationReadHive(InstallationVolume& entry, std::u16string_view path, HivePtr& hive,
                               std::unique_ptr<HiveStore>& store, Problem& problem);
 
 /* The same by a Windows path over the drive letters; the problem names that. Statuses as driveFind. */
 NTSTATUS driveReadHive(std::u16string_view path, HivePtr& hive, std::unique_ptr<HiveStore>& store,
                        Problem& problem);
 
-/* Finds the file whose path is the hive file's with an ending behind it. */
+/* Finds the file whose path is the hive file's with an ending after it. */
 using FindBeside = std::function<NTSTATUS(std::u16string_view ending, FileRef& file)>;
 
 /* The same for a file by its reference; name is its name for a person. Without findBeside no logs are looked

@@ -12,7 +12,7 @@ namespace {
 const std::u16string_view windowsDirectories[] = {u"Windows", u"WINNT"};
 const std::u16string_view configDirectory = u"\\System32\\config";
 
-/* A volume is told from all others by its serial number and the place of its $MFT. Two that have them in
+/* A volume is told from all others by its serial number and the offset of its $MFT. Two that have them in
  * common are one, or a copy of one, and a machine does not run with both. */
 NTSTATUS refuseTwins(const Disk& disk, const Partition& partition, const Installation& installation,
                      Problem& problem) {
@@ -34,12 +34,12 @@ NTSTATUS openVolumes(Disk& disk, Installation& installation, Problem& problem) {
     std::vector<Partition> partitions;
     NTSTATUS status = diskPartitions(disk, partitions, problem);
     for (size_t i = 0; i < partitions.size() && status >= 0; i++) {
-        InstallationVolume place;
-        place.disk = &disk;
-        place.partition = partitions[i];
+        InstallationVolume entry;
+        entry.disk = &disk;
+        entry.partition = partitions[i];
         status = refuseTwins(disk, partitions[i], installation, problem);
-        if (status >= 0) status = volumeOpen(disk, partitions[i], place.volume, problem);
-        if (status >= 0) installation.volumes.push_back(std::move(place));
+        if (status >= 0) status = volumeOpen(disk, partitions[i], entry.volume, problem);
+        if (status >= 0) installation.volumes.push_back(std::move(entry));
     }
     return status;
 }
@@ -85,15 +85,15 @@ NTSTATUS installationFindWindows(Installation& installation, Problem& problem) {
         for (const std::u16string_view directory : windowsDirectories) {
             const std::u16string config = std::u16string(directory).append(configDirectory);
             FileRef file;
-            const InstallationVolume& place = installation.volumes[i];
-            const NTSTATUS status = volumeFind(*place.volume, config, file);
+            const InstallationVolume& entry = installation.volumes[i];
+            const NTSTATUS status = volumeFind(*entry.volume, config, file);
             if (status == STATUS_OBJECT_NAME_NOT_FOUND || status == STATUS_OBJECT_PATH_NOT_FOUND) continue;
             if (status < 0) { /* another volume's Windows may not be the one that was meant */
                 const char* const advice = status == STATUS_FILE_CORRUPT_ERROR
                                                ? "repair the volume (chkdsk /f) first"
                                                : "check the medium, or work on a copy of it";
                 return refuse(problem, status,
-                              installationFileName(place, config) + " can't be looked for; " + advice);
+                              installationFileName(entry, config) + " can't be looked for; " + advice);
             }
             installation.systemVolume = i;
             installation.directory = directory;
@@ -111,18 +111,18 @@ std::u16string installationHivePath(const Installation& installation, std::u16st
     return std::u16string(installation.directory).append(configDirectory).append(u"\\").append(name);
 }
 
-std::string installationFileName(const InstallationVolume& place, std::u16string_view path) {
-    return diskPath(*place.disk) + ": " + toUtf8(path);
+std::string installationFileName(const InstallationVolume& entry, std::u16string_view path) {
+    return diskPath(*entry.disk) + ": " + toUtf8(path);
 }
 
 NTSTATUS installationClose(Installation& installation, Problem& problem) {
     NTSTATUS first = STATUS_SUCCESS;
-    for (InstallationVolume& place : installation.volumes) {
-        const std::string name = diskPath(*place.disk);
-        const NTSTATUS status = volumeClose(std::move(place.volume));
+    for (InstallationVolume& entry : installation.volumes) {
+        const std::string name = diskPath(*entry.disk);
+        const NTSTATUS status = volumeClose(std::move(entry.volume));
         if (status < 0 && first >= 0) {
             first = refuse(problem, status,
-                           name + ": not everything could be written" + diskWriteReason(*place.disk) +
+                           name + ": not everything could be written" + diskWriteReason(*entry.disk) +
                                ", so the volume stays marked dirty; check the disk and run chkdsk on it, or "
                                "go back to a "
                                "copy");

@@ -41,7 +41,7 @@ NTSTATUS installationFindWindows(Installation& installation, Problem& problem);
 std::u16string installationHivePath(const Installation& installation, std::u16string_view name);
 
 /* A file's name for a person: "DISK: PATH". */
-std::string installationFileName(const InstallationVolume& place, std::u16string_view path);
+std::string installationFileName(const InstallationVolume& entry, std::u16string_view path);
 
 /* Closes the volumes, writing what is left and taking dirty marks away; the disks stay open. All are tried;
  * the problem tells the first failure. */

@@ -27,7 +27,7 @@ char letterOf(std::u16string_view name) {
     return letter >= u'A' && letter <= u'Z' ? static_cast<char>(letter) : '\0';
 }
 
-bool namesPartition(std::span<const uint8_t> data, const Partition& partition) {
+bool namesPartition(Bytes data, const Partition& partition) {
     if (partition.table == PartitionTable::mbr && data.size() == mbrNameSize) {
         uint32_t signature;
         uint64_t start;
@@ -42,11 +42,11 @@ bool namesPartition(std::span<const uint8_t> data, const Partition& partition) {
 
 struct Letters {
     std::array<bool, 26> taken = {};
-    bool take(InstallationVolume& place, char letter) {
+    bool take(InstallationVolume& entry, char letter) {
         bool& mine = taken[static_cast<size_t>(letter - 'A')];
         if (mine) return false;
         mine = true;
-        place.letter = letter;
+        entry.letter = letter;
         return true;
     }
 };
@@ -62,17 +62,17 @@ void takeRemembered(const Hive& system, Installation& installation, Letters& let
         uint8_t data[gptNameSize];
         if (letter == 0 || value.dataLength > sizeof data) continue;
         hiveValueData(system, value, data);
-        for (InstallationVolume& place : installation.volumes) {
-            if (place.letter == 0 && namesPartition({data, value.dataLength}, place.partition)) {
-                letters.take(place, letter);
+        for (InstallationVolume& entry : installation.volumes) {
+            if (entry.letter == 0 && namesPartition({data, value.dataLength}, entry.partition)) {
+                letters.take(entry, letter);
             }
         }
     }
 }
 
-bool takeNext(InstallationVolume& place, Letters& letters) {
+bool takeNext(InstallationVolume& entry, Letters& letters) {
     for (char letter = 'C'; letter <= 'Z'; letter++) {
-        if (letters.take(place, letter)) return true;
+        if (letters.take(entry, letter)) return true;
     }
     return false;
 }
@@ -85,8 +85,8 @@ NTSTATUS lettersAssign(const Hive& system, Installation& installation, Problem& 
         takeRemembered(system, installation, letters);
         InstallationVolume& systemVolume = installation.volumes[installation.systemVolume];
         bool enough = systemVolume.letter != 0 || takeNext(systemVolume, letters);
-        for (InstallationVolume& place : installation.volumes) {
-            if (place.letter == 0) enough = takeNext(place, letters) && enough;
+        for (InstallationVolume& entry : installation.volumes) {
+            if (entry.letter == 0) enough = takeNext(entry, letters) && enough;
         }
         if (enough) return STATUS_SUCCESS;
         return refuse(

@@ -7,7 +7,9 @@
 
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/base/unicode.h"
+#include "platform/offline/hive/hive_paths.h"
 #include "platform/offline/registry/registry.h"
+#include "platform/offline/system/control_set.h"
 #include "platform/offline/system/environment.h"
 #include "platform/offline/system/hive_files.h"
 #include "platform/offline/system/letters.h"
@@ -51,11 +53,11 @@ const std::u16string_view profileList = u"Microsoft\\Windows NT\\CurrentVersion\
 const std::u16string_view serviceAccounts[] = {u"S-1-5-19", u"S-1-5-20"};
 
 /* Mounts the hive file at a path of the system volume as a user's; where there is no such file, nothing. */
-NTSTATUS mountUserHive(InstallationVolume& place, const std::u16string& path, std::u16string_view name,
+NTSTATUS mountUserHive(InstallationVolume& entry, const std::u16string& path, std::u16string_view name,
                        bool& mounted, Problem& problem) {
     LoadedHive loaded;
     mounted = false;
-    NTSTATUS status = installationReadHive(place, path, loaded.hive, loaded.store, problem);
+    NTSTATUS status = installationReadHive(entry, path, loaded.hive, loaded.store, problem);
     if (status == STATUS_OBJECT_NAME_NOT_FOUND || status == STATUS_OBJECT_PATH_NOT_FOUND) {
         problem = {};
         return STATUS_SUCCESS;
@@ -86,13 +88,13 @@ std::array<std::u16string, std::size(serviceAccounts)> serviceProfiles(const Hiv
 NTSTATUS mountUsers(Installation& installation,
                     const std::array<std::u16string, std::size(serviceAccounts)>& profiles,
                     Problem& problem) {
-    InstallationVolume& place = installation.volumes[installation.systemVolume];
+    InstallationVolume& entry = installation.volumes[installation.systemVolume];
     const std::u16string defaultPath = installationHivePath(installation, u"DEFAULT");
     bool hasDefault = false, has = false;
-    NTSTATUS status = mountUserHive(place, defaultPath, u".DEFAULT", hasDefault, problem);
+    NTSTATUS status = mountUserHive(entry, defaultPath, u".DEFAULT", hasDefault, problem);
     for (size_t i = 0; i < std::size(serviceAccounts) && status >= 0; i++) {
         if (!profiles[i].empty())
-            status = mountUserHive(place, profiles[i], serviceAccounts[i], has, problem);
+            status = mountUserHive(entry, profiles[i], serviceAccounts[i], has, problem);
     }
     if (status < 0 || !hasDefault) return status;
     status = registryAddLink(u"\\Registry\\User\\S-1-5-18", u"\\Registry\\User\\.DEFAULT");
@@ -115,14 +117,14 @@ struct MachineHiveName {
 const MachineHiveName hiveNames[machineHiveCount] = {
     {u"SYSTEM", u"Select"}, {u"SOFTWARE", u"Microsoft"}, {u"SAM", u"SAM"}, {u"SECURITY", u"Policy"}};
 
-NTSTATUS readMachineHive(InstallationVolume& place, const std::u16string& path,
+NTSTATUS readMachineHive(InstallationVolume& entry, const std::u16string& path,
                          std::u16string_view expectedKey, LoadedHive& loaded, Problem& problem) {
-    const NTSTATUS status = installationReadHive(place, path, loaded.hive, loaded.store, problem);
+    const NTSTATUS status = installationReadHive(entry, path, loaded.hive, loaded.store, problem);
     if (status < 0) return status;
     Cell key;
     if (hiveFindSubkey(*loaded.hive, hiveRoot(*loaded.hive), expectedKey, key) >= 0) return STATUS_SUCCESS;
     return refuse(problem, STATUS_OBJECT_NAME_NOT_FOUND,
-                  installationFileName(place, path) +
+                  installationFileName(entry, path) +
                       " is not the hive that its name says (it has no key \"" + toUtf8(expectedKey) +
                       "\"); restore the file from a copy of this machine");
 }
@@ -138,21 +140,21 @@ NTSTATUS refuseControlSet(const Installation& installation, Problem& problem) {
 
 /* All are read before anything is done with one, so that a refusal leaves nothing half set up. */
 NTSTATUS mountAll(Installation& installation, Problem& problem) {
-    InstallationVolume& place = installation.volumes[installation.systemVolume];
+    InstallationVolume& entry = installation.volumes[installation.systemVolume];
     LoadedHive loaded[machineHiveCount];
     for (size_t i = 0; i < machineHiveCount; i++) {
         const std::u16string path = installationHivePath(installation, hiveNames[i].name);
-        const NTSTATUS status = readMachineHive(place, path, hiveNames[i].key, loaded[i], problem);
+        const NTSTATUS status = readMachineHive(entry, path, hiveNames[i].key, loaded[i], problem);
         if (status < 0) return status;
     }
     const uint32_t controlSet = currentControlSet(*loaded[systemHive].hive);
     if (controlSet == 0) return refuseControlSet(installation, problem);
     NTSTATUS status = lettersAssign(*loaded[systemHive].hive, installation, problem);
     if (status < 0) return status;
-    status = environmentLoad(*loaded[systemHive].hive, *loaded[softwareHive].hive, place.letter,
+    status = environmentLoad(*loaded[systemHive].hive, *loaded[softwareHive].hive, entry.letter,
                              installation.directory);
     if (status < 0) return refuse(problem, status, "out of memory");
-    const auto profiles = serviceProfiles(*loaded[softwareHive].hive, place.letter);
+    const auto profiles = serviceProfiles(*loaded[softwareHive].hive, entry.letter);
     for (size_t i = 0; i < machineHiveCount && status >= 0; i++) {
         status = mountMachineHive(hiveNames[i].name, std::move(loaded[i]), problem);
     }
@@ -186,49 +188,6 @@ NTSTATUS machineHivesSave(const Installation& installation, Problem& problem) {
 bool isServiceAccount(std::u16string_view sid) {
     return std::find(std::begin(serviceAccounts), std::end(serviceAccounts), sid) !=
            std::end(serviceAccounts);
-}
-
-NTSTATUS hiveFindPath(const Hive& hive, std::u16string_view path, Cell& key) {
-    key = hiveRoot(hive);
-    while (!path.empty()) {
-        const size_t end = std::min(path.find(u'\\'), path.size());
-        const NTSTATUS status = hiveFindSubkey(hive, key, path.substr(0, end), key);
-        if (status < 0) return status;
-        path.remove_prefix(std::min(end + 1, path.size()));
-    }
-    return STATUS_SUCCESS;
-}
-
-uint32_t currentControlSet(const Hive& system) {
-    Cell key;
-    HiveValue value;
-    if (hiveFindPath(system, u"Select", key) < 0 || hiveFindValue(system, key, u"Current", value) < 0)
-        return 0;
-    uint8_t data[4];
-    if (value.type != REG_DWORD || value.dataLength != sizeof data) return 0;
-    hiveValueData(system, value, data);
-    uint32_t number;
-    memcpy(&number, data, sizeof number);
-    return number <= 999 ? number : 0;
-}
-
-std::u16string hiveText(const Hive& hive, std::u16string_view path, std::u16string_view name) {
-    Cell key;
-    HiveValue value;
-    if (hiveFindPath(hive, path, key) < 0 || hiveFindValue(hive, key, name, value) < 0) return {};
-    return hiveValueText(hive, value);
-}
-
-std::u16string hiveValueText(const Hive& hive, const HiveValue& value) {
-    constexpr uint32_t longest = 65534; /* bytes */
-    if ((value.type != REG_SZ && value.type != REG_EXPAND_SZ) || value.dataLength > longest) return {};
-    return guardedOr(std::u16string(), [&] {
-        std::vector<uint8_t> data(value.dataLength);
-        hiveValueData(hive, value, data);
-        std::u16string text(data.size() / sizeof(char16_t), u'\0');
-        memcpy(text.data(), data.data(), text.size() * sizeof(char16_t));
-        return text.substr(0, text.find(u'\0'));
-    });
 }
 
 } /* namespace offline */

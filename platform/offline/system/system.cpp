@@ -50,15 +50,15 @@ NTSTATUS openParts(const std::vector<std::string>& paths, DiskAccess access, Pro
     if (status >= 0) status = installationFindWindows(*systemState().installation, problem);
     if (status >= 0) status = machineHivesMount(*systemState().installation, problem);
     if (status < 0) return status;
-    for (const InstallationVolume& place : systemState().installation->volumes)
-        driveSet(place.letter, *place.volume);
+    for (const InstallationVolume& entry : systemState().installation->volumes)
+        driveSet(entry.letter, *entry.volume);
     return STATUS_SUCCESS;
 }
 
 /* A disk that can only be read, of which a change was asked for. */
 const InstallationVolume* refusedChange() {
-    for (const InstallationVolume& place : systemState().installation->volumes) {
-        if (volumeRefusedChange(*place.volume)) return &place;
+    for (const InstallationVolume& entry : systemState().installation->volumes) {
+        if (volumeRefusedChange(*entry.volume)) return &entry;
     }
     return nullptr;
 }
@@ -115,10 +115,10 @@ NTSTATUS systemOpen(const std::vector<std::string>& paths, DiskAccess access, Pr
 NTSTATUS systemClose(Problem& problem) {
     if (!systemState().installation) return STATUS_SUCCESS;
     NTSTATUS first = machineHivesSave(*systemState().installation, problem);
-    if (const InstallationVolume* place = refusedChange(); place != nullptr && first >= 0) {
+    if (const InstallationVolume* entry = refusedChange(); entry != nullptr && first >= 0) {
         first =
             refuse(problem, STATUS_MEDIA_WRITE_PROTECTED,
-                   diskPath(*place->disk) +
+                   diskPath(*entry->disk) +
                        " can only be read, so changes to it were refused; make it writable and run again");
     }
     registryReset();

@@ -29,7 +29,7 @@ NTSTATUS statusOfErrno(int error) {
     }
 }
 
-/* error: of the call that failed; 0: the file became shorter behind our back. */
+/* error: of the call that failed; 0: the file became shorter meanwhile. */
 NTSTATUS refused(Disk& disk, uint64_t offset, int error) {
     disk.refusal = error;
     disk.refusalOffset = offset;
@@ -52,7 +52,7 @@ NTSTATUS writeRefused(Disk& disk, uint64_t offset, int error) {
     return refused(disk, offset, error);
 }
 
-/* A write behind a file's end would make it longer, with zeros where its contents were. */
+/* A write beyond a file's end would make it longer, with zeros where its contents were. */
 bool becameShorter(const Disk& disk) {
     struct stat info = {};
     return fstat(disk.file, &info) == 0 && S_ISREG(info.st_mode) &&
@@ -139,8 +139,8 @@ NTSTATUS loadUnits(Disk& disk, CacheBlock& block, UnitMask units) {
  * for one long write costs less than several short ones. */
 UnitMask unitsToWrite(const CacheBlock& block) {
     const auto first = static_cast<uint32_t>(std::countr_zero(block.dirty));
-    const auto behind = static_cast<uint32_t>(std::bit_width(block.dirty));
-    const uint32_t between = (1u << behind) - (1u << first);
+    const auto end = static_cast<uint32_t>(std::bit_width(block.dirty));
+    const uint32_t between = (1u << end) - (1u << first);
     return static_cast<UnitMask>(block.valid & between);
 }
 
@@ -165,21 +165,21 @@ NTSTATUS writeBack(Disk& disk, CacheBlock& block) {
     return block.dirty == 0 ? STATUS_SUCCESS : status;
 }
 
-/* A place for one more block: a new one, or one that has not been used for a while. A block that can't be
+/* Room for one more block: a new one, or one that has not been used for a while. A block that can't be
  * written back keeps its place, so that nothing is lost before diskSync has tried again. */
-NTSTATUS makeRoom(Disk& disk, uint32_t& place) {
+NTSTATUS makeRoom(Disk& disk, uint32_t& index) {
     if (disk.blocks.size() < cacheBlocks) {
         CacheBlock block;
         block.bytes = std::make_unique<uint8_t[]>(cacheBlockSize);
-        place = static_cast<uint32_t>(disk.blocks.size());
+        index = static_cast<uint32_t>(disk.blocks.size());
         disk.blocks.push_back(std::move(block));
         return STATUS_SUCCESS;
     }
     NTSTATUS status = STATUS_IO_DEVICE_ERROR;
     for (size_t turn = 0; turn < 2 * cacheBlocks; ++turn) {
-        place = disk.hand;
+        index = disk.hand;
         disk.hand = (disk.hand + 1) % cacheBlocks;
-        CacheBlock& block = disk.blocks[place];
+        CacheBlock& block = disk.blocks[index];
         if (block.used) {
             block.used = false;
             continue;
@@ -204,18 +204,18 @@ NTSTATUS findBlock(Disk& disk, uint64_t number, CacheBlock*& block) {
         block->used = true;
         return STATUS_SUCCESS;
     }
-    uint32_t place = 0;
+    uint32_t index = 0;
     auto found = disk.blockIndex.find(number);
     if (found != disk.blockIndex.end()) {
-        place = found->second;
+        index = found->second;
     } else {
-        NTSTATUS status = makeRoom(disk, place);
+        NTSTATUS status = makeRoom(disk, index);
         if (status < 0) return status;
-        disk.blockIndex.emplace(number, place);
-        disk.blocks[place].number = number;
+        disk.blockIndex.emplace(number, index);
+        disk.blocks[index].number = number;
     }
-    disk.lastBlock = place;
-    block = &disk.blocks[place];
+    disk.lastBlock = index;
+    block = &disk.blocks[index];
     block->used = true;
     return STATUS_SUCCESS;
 }
@@ -285,7 +285,7 @@ NTSTATUS diskRead(Disk& disk, uint64_t offset, std::span<uint8_t> bytes) {
     });
 }
 
-NTSTATUS diskWrite(Disk& disk, uint64_t offset, std::span<const uint8_t> bytes) {
+NTSTATUS diskWrite(Disk& disk, uint64_t offset, Bytes bytes) {
     return guarded([&]() -> NTSTATUS {
         if (disk.readOnly) return STATUS_MEDIA_WRITE_PROTECTED;
         if (!onDisk(disk, offset, bytes.size())) return STATUS_INVALID_PARAMETER;
@@ -314,13 +314,13 @@ NTSTATUS diskSync(Disk& disk) {
         if (disk.readOnly) return STATUS_SUCCESS;
         NTSTATUS status = STATUS_SUCCESS; /* a block that could not be written before waits here still */
         std::vector<uint32_t> dirty;
-        for (uint32_t place = 0; place < disk.blocks.size(); ++place) {
-            if (disk.blocks[place].dirty != 0) dirty.push_back(place);
+        for (uint32_t index = 0; index < disk.blocks.size(); ++index) {
+            if (disk.blocks[index].dirty != 0) dirty.push_back(index);
         }
         std::sort(dirty.begin(), dirty.end(),
                   [&](uint32_t a, uint32_t b) { return disk.blocks[a].number < disk.blocks[b].number; });
-        for (uint32_t place : dirty) {
-            NTSTATUS written = writeBack(disk, disk.blocks[place]);
+        for (uint32_t index : dirty) {
+            NTSTATUS written = writeBack(disk, disk.blocks[index]);
             if (written < 0) status = written;
         }
         if (fdatasync(disk.file) != 0) {

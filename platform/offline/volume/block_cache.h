@@ -2,7 +2,7 @@
  * everyone uses diskRead, diskWrite and diskSync.
  *
  * NTFS is read and written in records of 1 KiB. A block is first read only where it was touched; when the
- * touches go on behind each other, the rest is read at once, so that walking in the order of the disk costs
+ * touches follow each other, the rest is read at once, so that walking in the order of the disk costs
  * two calls for each block, and jumping about costs no more than what is asked for. */
 #ifndef QUILLET_OFFLINE_VOLUME_BLOCK_CACHE_H
 #define QUILLET_OFFLINE_VOLUME_BLOCK_CACHE_H
@@ -44,8 +44,8 @@ struct Disk {
     bool forChanges = false;
 
     std::vector<CacheBlock> blocks;
-    std::unordered_map<uint64_t, uint32_t> blockIndex; /* block number to its place in blocks */
-    uint32_t lastBlock = 0;                            /* place of the block found last */
+    std::unordered_map<uint64_t, uint32_t> blockIndex; /* block number to its index in blocks */
+    uint32_t lastBlock = 0;                            /* index of the block found last */
     uint32_t hand = 0;
 
     DiskTrouble trouble;

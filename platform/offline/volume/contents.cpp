@@ -46,15 +46,15 @@ void reserveRoom(std::vector<uint8_t>& bytes, size_t size) {
 
 /* Lengthens the buffer as it goes, so that what is cleared and read over lies in the processor's caches. */
 NTSTATUS readData(Volume& volume, ntfs3g::ntfs_attr* data, size_t size, std::vector<uint8_t>& bytes) {
-    for (size_t place = 0; place < size;) {
-        size_t count = std::min(chunk, size - place);
-        bytes.resize(place + count);
+    for (size_t offset = 0; offset < size;) {
+        size_t count = std::min(chunk, size - offset);
+        bytes.resize(offset + count);
         errno = 0;
         allowReads(volume, readsOfACall);
-        int64_t done = ntfs3g::ntfs_attr_pread(data, static_cast<int64_t>(place), static_cast<int64_t>(count),
-                                               bytes.data() + place);
+        int64_t done = ntfs3g::ntfs_attr_pread(data, static_cast<int64_t>(offset),
+                                               static_cast<int64_t>(count), bytes.data() + offset);
         if (done <= 0 || volume.device.failed) return libraryStatus(volume, errno);
-        place += static_cast<size_t>(done);
+        offset += static_cast<size_t>(done);
     }
     return STATUS_SUCCESS;
 }
@@ -94,7 +94,7 @@ NTSTATUS volumeReadFile(Volume& volume, FileRef file, uint64_t limit, std::vecto
     });
 }
 
-NTSTATUS volumeWriteFile(Volume& volume, FileRef file, uint64_t offset, std::span<const uint8_t> bytes) {
+NTSTATUS volumeWriteFile(Volume& volume, FileRef file, uint64_t offset, Bytes bytes) {
     return guarded([&]() -> NTSTATUS {
         if (isMetadata(file)) return STATUS_ACCESS_DENIED;
         if (offset > INT64_MAX - bytes.size()) return STATUS_INVALID_PARAMETER;

@@ -13,7 +13,7 @@ struct Signature {
     Contents contents;
 };
 
-/* Boot sectors name their file system at offset 3 as a rule, FAT further on; the rest have places of their
+/* Boot sectors name their file system at offset 3 as a rule, FAT further on; the rest have offsets of their
  * own. */
 const Signature signatures[] = {
     {3, "NTFS    "sv, {ContentsKind::ntfs, "NTFS"}},
@@ -41,8 +41,8 @@ constexpr uint64_t largestVolume = uint64_t{1} << 62; /* bytes; keeps sums of si
 
 Contents recogniseContents(Bytes head) {
     for (const Signature& signature : signatures) {
-        Bytes place = checkedSpan(head, signature.offset, signature.bytes.size());
-        if (!place.empty() && std::memcmp(place.data(), signature.bytes.data(), place.size()) == 0) {
+        Bytes found = checkedSpan(head, signature.offset, signature.bytes.size());
+        if (!found.empty() && std::memcmp(found.data(), signature.bytes.data(), found.size()) == 0) {
             return signature.contents;
         }
     }

@@ -28,7 +28,7 @@ Contents recogniseContents(Bytes head);
 /* A boot sector's first 512 bytes as an NTFS one. Structure: the BIOS parameter block as NTFS uses it. */
 struct NtfsBootSector {
     uint32_t sectorSize = 0; /* bytes */
-    uint64_t volumeSize = 0; /* bytes; the backup boot sector behind them is not counted */
+    uint64_t volumeSize = 0; /* bytes; the backup boot sector after them is not counted */
     uint64_t serial = 0;
     uint64_t mftStart = 0; /* cluster */
 };

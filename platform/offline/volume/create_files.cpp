@@ -1,4 +1,4 @@
-/* Making files, directories, links and junctions. */
+/* Creating files, directories, links and junctions. */
 #include "platform/offline/volume/open_volume.h"
 /* before everything else */
 #include <cerrno>
@@ -70,7 +70,7 @@ std::vector<uint8_t> junctionData(std::u16string_view target) {
 } /* namespace */
 
 NTSTATUS volumeCreate(Volume& volume, FileRef directory, std::u16string_view name, NewFile kind,
-                      std::span<const uint8_t> descriptor, FileRef& file) {
+                      Bytes descriptor, FileRef& file) {
     return guarded([&]() -> NTSTATUS {
         if (!descriptorValid(descriptor)) return STATUS_INVALID_SECURITY_DESCR;
         Inode parent(volume), made(volume);
@@ -115,7 +115,7 @@ NTSTATUS volumeLink(Volume& volume, FileRef file, FileRef directory, std::u16str
     });
 }
 
-NTSTATUS volumeMakeJunction(Volume& volume, FileRef directory, std::u16string_view target) {
+NTSTATUS volumeCreateJunction(Volume& volume, FileRef directory, std::u16string_view target) {
     return guarded([&]() -> NTSTATUS {
         if (recordNumberOf(directory) < firstOrdinaryRecord) return STATUS_ACCESS_DENIED;
         if (target.empty() || target.size() > 4000) return STATUS_OBJECT_NAME_INVALID;

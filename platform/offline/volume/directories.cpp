@@ -109,7 +109,7 @@ NTSTATUS lookUpAs(Volume& volume, Inode& directory, std::u16string_view name, bo
                                                       : libraryStatus(volume, error);
 }
 
-/* The next component of a path; the path becomes what lies behind it. */
+/* The next component of a path; the path becomes what comes after it. */
 std::u16string_view takeComponent(std::u16string_view& path) {
     size_t end = std::min(path.find(u'\\'), path.size());
     std::u16string_view component = path.substr(0, end);

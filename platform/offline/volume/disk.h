@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/offline/base/bytes.h"
 #include "platform/offline/base/problem.h"
 
 namespace offline {
@@ -45,7 +46,7 @@ bool diskWritable(const Disk& disk);
 
 /* Offsets and sizes in bytes. A range that does not lie on the disk is STATUS_INVALID_PARAMETER. */
 NTSTATUS diskRead(Disk& disk, uint64_t offset, std::span<uint8_t> bytes);
-NTSTATUS diskWrite(Disk& disk, uint64_t offset, std::span<const uint8_t> bytes);
+NTSTATUS diskWrite(Disk& disk, uint64_t offset, Bytes bytes);
 
 /* Everything that was written is on the medium when it returns. */
 NTSTATUS diskSync(Disk& disk);
@@ -80,7 +81,7 @@ NTSTATUS diskReadWhole(const Disk& disk, Problem& problem);
 
 enum class PartitionTable { none, mbr, gpt };
 
-/* A volume's place on its disk, and what the installation's MountedDevices knows it by. */
+/* Where a volume lies on its disk, and what the installation's MountedDevices knows it by. */
 struct Partition {
     uint64_t start = 0;                /* bytes */
     uint64_t size = 0;                 /* bytes */

@@ -68,10 +68,10 @@ std::string deviceName(const std::string& sysfs) {
 bool askLoopDevice(const std::string& name, dev_t device, loop_info64& info) {
     const int file = aboveStandard(open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat opened = {};
-    const bool told = file >= 0 && fstat(file, &opened) == 0 && S_ISBLK(opened.st_mode) &&
-                      opened.st_rdev == device && ioctl(file, LOOP_GET_STATUS64, &info) == 0;
+    const bool known = file >= 0 && fstat(file, &opened) == 0 && S_ISBLK(opened.st_mode) &&
+                       opened.st_rdev == device && ioctl(file, LOOP_GET_STATUS64, &info) == 0;
     if (file >= 0) close(file);
-    return told;
+    return known;
 }
 
 /* One step down. False at the bottom, whose key is then set. */

@@ -58,7 +58,7 @@ NTSTATUS readOwnDescriptor(Inode& file, std::vector<uint8_t>& descriptor) {
 /* Whether changing the id in the file's record is all that is needed. A file without an id may have a
  * descriptor of its own in a further record. */
 bool goesById(const FileRecord& record) {
-    return record.securityIdPlace != 0 && !record.ownDescriptor &&
+    return record.securityIdOffset != 0 && !record.ownDescriptor &&
            (record.securityId != 0 || record.complete);
 }
 
@@ -115,7 +115,7 @@ NTSTATUS securityIdOf(Volume& volume, Bytes descriptor, uint32_t& id) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS volumeDescriptor(Volume& volume, FileRef file, std::span<const uint8_t>& descriptor) {
+NTSTATUS volumeDescriptor(Volume& volume, FileRef file, Bytes& descriptor) {
     return guarded([&]() -> NTSTATUS {
         descriptor = {};
         NTSTATUS status = loadRecord(volume, file);
@@ -131,7 +131,7 @@ NTSTATUS volumeDescriptor(Volume& volume, FileRef file, std::span<const uint8_t>
     });
 }
 
-NTSTATUS volumeSetDescriptor(Volume& volume, FileRef file, std::span<const uint8_t> descriptor) {
+NTSTATUS volumeSetDescriptor(Volume& volume, FileRef file, Bytes descriptor) {
     return guarded([&]() -> NTSTATUS {
         if (isMetadata(file)) return STATUS_ACCESS_DENIED;
         if (!descriptorValid(descriptor)) return STATUS_INVALID_SECURITY_DESCR;

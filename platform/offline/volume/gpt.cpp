@@ -35,17 +35,17 @@ struct Header {
 };
 
 /* The header in a sector. Its own checksum is computed with the checksum's field as zero. */
-TableState readHeader(Disk& disk, uint64_t place, uint32_t sectorSize, Header& header) {
+TableState readHeader(Disk& disk, uint64_t lba, uint32_t sectorSize, Header& header) {
     std::array<uint8_t, 4096> buffer;
-    if (place >= diskSize(disk) / sectorSize) return TableState::absent;
+    if (lba >= diskSize(disk) / sectorSize) return TableState::absent;
     std::span<uint8_t> sector = std::span(buffer).first(sectorSize);
-    if (diskRead(disk, place * sectorSize, sector) < 0) return TableState::unreadable;
+    if (diskRead(disk, lba * sectorSize, sector) < 0) return TableState::unreadable;
     if (std::memcmp(sector.data(), gpt::signature, gpt::signatureSize) != 0) return TableState::absent;
     uint32_t size = numberAt<uint32_t>(sector, gpt::headerLength);
     uint32_t crc = numberAt<uint32_t>(sector, gpt::headerCrc);
     if (size < gpt::headerSize || size > sectorSize) return TableState::damaged;
     std::memset(sector.data() + gpt::headerCrc, 0, sizeof crc);
-    if (checksum(sector.first(size)) != crc || numberAt<uint64_t>(sector, gpt::headerSector) != place)
+    if (checksum(sector.first(size)) != crc || numberAt<uint64_t>(sector, gpt::headerSector) != lba)
         return TableState::damaged;
     header.entriesStart = numberAt<uint64_t>(sector, gpt::entriesSector);
     header.entryCount = numberAt<uint32_t>(sector, gpt::entryCount);
@@ -77,10 +77,10 @@ TableEntry makeEntry(Bytes entry, uint32_t sectorSize, unsigned number, bool& so
     return found;
 }
 
-/* The table whose header lies in the sector place. */
-TableState readTable(Disk& disk, uint64_t place, uint32_t sectorSize, std::vector<TableEntry>& entries) {
+/* The table whose header lies in the sector lba. */
+TableState readTable(Disk& disk, uint64_t lba, uint32_t sectorSize, std::vector<TableEntry>& entries) {
     Header header;
-    TableState state = readHeader(disk, place, sectorSize, header);
+    TableState state = readHeader(disk, lba, sectorSize, header);
     if (state != TableState::good) return state;
     uint64_t size = uint64_t{header.entryCount} * header.entrySize;
     uint64_t sectors = diskSize(disk) / sectorSize;
@@ -109,8 +109,8 @@ TableState readGpt(Disk& disk, std::vector<TableEntry>& entries, std::string& fa
     for (uint32_t sectorSize : {512u, 4096u}) {
         uint64_t sectors = diskSize(disk) / sectorSize;
         if (sectors < 3) continue;
-        for (uint64_t place : {uint64_t{1}, sectors - 1}) {
-            TableState state = readTable(disk, place, sectorSize, entries);
+        for (uint64_t lba : {uint64_t{1}, sectors - 1}) {
+            TableState state = readTable(disk, lba, sectorSize, entries);
             if (state == TableState::good) return state;
             if (state == TableState::unreadable) return state;
             if (state == TableState::damaged) worst = state;

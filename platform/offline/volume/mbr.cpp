@@ -60,7 +60,7 @@ struct Reader {
         entries.push_back(found);
     }
 
-    /* Each table of the chain holds a logical partition, counted from that table, and the place of the next
+    /* Each table of the chain holds a logical partition, counted from that table, and the start of the next
      * table, counted from the extended partition's start. */
     TableState chain(const Entry& extended, std::string& fault) {
         uint64_t table = extended.start;

@@ -23,7 +23,7 @@ constexpr uint32_t attributeBits = 0x0FFFFFFF;
 struct Attribute {
     uint32_t type;
     bool resident, named;
-    Bytes header; /* with the value behind it */
+    Bytes header; /* with the value after it */
     Bytes value;
 };
 
@@ -57,7 +57,7 @@ bool takeStandardInformation(const Attribute& attribute, Bytes record, FileRecor
     if (value.size() >= standardInformationV3) {
         size_t offset = offsetof(STANDARD_INFORMATION, security_id);
         file.securityId = numberAt<uint32_t>(value, offset);
-        file.securityIdPlace = static_cast<size_t>(value.data() - record.data()) + offset;
+        file.securityIdOffset = static_cast<size_t>(value.data() - record.data()) + offset;
     }
     return true;
 }
@@ -221,7 +221,7 @@ bool recordNamed(const Volume& volume, FileRef directory, std::u16string_view na
 
 NTSTATUS writeSecurityId(Volume& volume, uint32_t id) {
     uint64_t number = volume.recordNumber;
-    std::memcpy(volume.recordBytes.data() + volume.record.securityIdPlace, &id, sizeof id);
+    std::memcpy(volume.recordBytes.data() + volume.record.securityIdOffset, &id, sizeof id);
     volume.record.securityId = id;
     /* The library may keep a copy of the record from an earlier use, which must not come back. */
     ntfs3g::ntfs_inode_invalidate(volume.ntfs, number);

@@ -34,12 +34,12 @@ extern ntfs3g::ntfs_device_operations volumeDeviceOperations;
 /* What an MFT record says, taken from the record as it lies on the disk. */
 struct FileRecord {
     bool directory = false;
-    bool ownDescriptor = false; /* an attribute of its own holds the descriptor */
-    bool complete = false;      /* size and tag are not in further records */
-    bool reparseData = false;   /* an attribute that makes a reparse point of it, in this record */
-    bool tagMissing = false;    /* the reparse data must be read for the tag */
-    uint32_t securityId = 0;    /* 0: none, or the record has no room for one */
-    size_t securityIdPlace = 0; /* bytes from the record's start */
+    bool ownDescriptor = false;  /* an attribute of its own holds the descriptor */
+    bool complete = false;       /* size and tag are not in further records */
+    bool reparseData = false;    /* an attribute that makes a reparse point of it, in this record */
+    bool tagMissing = false;     /* the reparse data must be read for the tag */
+    uint32_t securityId = 0;     /* 0: none, or the record has no room for one */
+    size_t securityIdOffset = 0; /* bytes from the record's start */
     FileInfo info = {};
 };
 
@@ -74,7 +74,7 @@ struct Volume {
     std::vector<uint8_t> lastDescriptor; /* of a file without a security id */
 
     uint64_t nextSecurityId = 0;    /* 0: not known yet */
-    uint64_t securityStreamEnd = 0; /* bytes, behind the last descriptor; valid with the id */
+    uint64_t securityStreamEnd = 0; /* bytes, after the last descriptor; valid with the id */
 };
 
 inline uint64_t recordNumberOf(FileRef file) {

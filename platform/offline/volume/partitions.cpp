@@ -40,24 +40,24 @@ NTSTATUS readHead(Search& search, uint64_t start, uint64_t size, Head& head) {
 }
 
 /* NTFS keeps a copy of its boot sector in the last sector of its partition. */
-NTSTATUS findBackupBootSector(Search& search, const Partition& place, bool& found) {
+NTSTATUS findBackupBootSector(Search& search, const Partition& partition, bool& found) {
     found = false;
     for (uint32_t sectorSize : {512u, 4096u}) {
         std::array<uint8_t, 512> sector;
         NtfsBootSector boot;
-        if (place.size < sectorSize) continue;
-        uint64_t last = place.start + place.size - sectorSize;
+        if (partition.size < sectorSize) continue;
+        uint64_t last = partition.start + partition.size - sectorSize;
         if (diskRead(search.disk, last, sector) < 0) return search.unreadable();
         if (ntfsBootSector(sector, boot)) found = true;
     }
     return STATUS_SUCCESS;
 }
 
-/* What lies at a place that is known to be on the disk. name: of the place, for messages. */
-NTSTATUS probe(Search& search, const Partition& place, bool forNtfs, const std::string& name) {
+/* What lies in a partition that is known to be on the disk. name: of the partition, for messages. */
+NTSTATUS probe(Search& search, const Partition& partition, bool forNtfs, const std::string& name) {
     const std::string& path = diskPath(search.disk);
     Head head;
-    NTSTATUS status = readHead(search, place.start, place.size, head);
+    NTSTATUS status = readHead(search, partition.start, partition.size, head);
     if (status < 0) return status;
     Contents contents = recogniseContents(head.bytes());
     NtfsBootSector boot;
@@ -72,12 +72,12 @@ NTSTATUS probe(Search& search, const Partition& place, bool forNtfs, const std::
                 path + ": " + name + " is a ReFS volume, which is not supported; use a disk with NTFS");
         case ContentsKind::ntfs:
             if (!ntfsBootSector(head.bytes(), boot)) break;
-            if (boot.volumeSize > place.size) {
+            if (boot.volumeSize > partition.size) {
                 return search.damaged(name + " is truncated: its NTFS volume has " +
                                       std::to_string(boot.volumeSize) + " bytes, and " +
-                                      std::to_string(place.size) + " are there; get a complete image");
+                                      std::to_string(partition.size) + " are there; get a complete image");
             }
-            search.partitions.push_back(place);
+            search.partitions.push_back(partition);
             search.partitions.back().serial = boot.serial;
             search.partitions.back().mftStart = boot.mftStart;
             return STATUS_SUCCESS;
@@ -90,7 +90,7 @@ NTSTATUS probe(Search& search, const Partition& place, bool forNtfs, const std::
     }
     bool backup = false;
     if (forNtfs || contents.kind == ContentsKind::ntfs) {
-        status = findBackupBootSector(search, place, backup);
+        status = findBackupBootSector(search, partition, backup);
         if (status < 0) return status;
     }
     if (backup) {
@@ -109,8 +109,9 @@ NTSTATUS probe(Search& search, const Partition& place, bool forNtfs, const std::
 NTSTATUS probeTable(Search& search, const std::vector<TableEntry>& entries) {
     for (const TableEntry& entry : entries) {
         std::string name = "partition " + std::to_string(entry.number);
-        const Partition& place = entry.partition;
-        if (place.start >= diskSize(search.disk) || place.size > diskSize(search.disk) - place.start) {
+        const Partition& partition = entry.partition;
+        if (partition.start >= diskSize(search.disk) ||
+            partition.size > diskSize(search.disk) - partition.start) {
             return search.damaged(
                 name + " reaches beyond the disk's end; the image is truncated or the table is damaged");
         }
@@ -119,7 +120,7 @@ NTSTATUS probeTable(Search& search, const std::vector<TableEntry>& entries) {
                           diskPath(search.disk) +
                               ": it is a dynamic disk, which is not supported; convert it to a basic one");
         }
-        NTSTATUS status = probe(search, place, entry.forNtfs, name);
+        NTSTATUS status = probe(search, partition, entry.forNtfs, name);
         if (status < 0) return status;
     }
     return STATUS_SUCCESS;

@@ -27,29 +27,28 @@ bool inBitmap(const SecureIndex& index, std::u16string_view name, const std::set
 }
 
 /* Where each id's descriptor lies; ids ascend. */
-using Places = std::vector<std::pair<uint32_t, uint64_t>>;
+using StoredIds = std::vector<std::pair<uint32_t, uint64_t>>;
 
-bool hasPlace(const Places& places, const StoredPlace& place) {
-    return std::binary_search(places.begin(), places.end(), std::pair{place.id, place.offset});
+bool isStored(const StoredIds& stored, const SdsEntry& sds) {
+    return std::binary_search(stored.begin(), stored.end(), std::pair{sds.id, sds.offset});
 }
 
 /* Every entry leads to a descriptor in the stream, whose header says the same. Whoever has an id goes by the
  * index of ids, so that an id that only the other one knows would be worth nothing to a file. */
 bool indexSound(const SecureIndex& index, std::u16string_view name, ntfs3g::ntfs_attr* stream,
-                Places& places) {
+                StoredIds& stored) {
     const auto all = static_cast<uint64_t>(stream->data_size);
     std::set<uint64_t> blocks;
     bool agree = true;
     const bool whole = visitEntries(
         index, 0,
-        [&](const StoredPlace& place) {
+        [&](const SdsEntry& sds) {
             uint8_t header[storedHeader];
-            agree = place.length > storedHeader && place.offset <= all &&
-                    place.length <= all - place.offset && readAttribute(stream, place.offset, header) &&
-                    storedPlace(header) == place;
+            agree = sds.length > storedHeader && sds.offset <= all && sds.length <= all - sds.offset &&
+                    readAttribute(stream, sds.offset, header) && sdsEntry(header) == sds;
             if (!index.byHash()) {
-                places.emplace_back(place.id, place.offset);
-            } else if (!hasPlace(places, place)) {
+                stored.emplace_back(sds.id, sds.offset);
+            } else if (!isStored(stored, sds)) {
                 agree = false;
             }
             return agree;
@@ -65,9 +64,9 @@ bool secureIndexesSound(Volume& volume) {
     if (volume.ntfs->secure_ni == nullptr) return false; /* the library could not open it */
     const AttributePtr stream = openSecure(volume, ntfs3g::AT_DATA, u"$SDS");
     SecureIndex byHash, byId;
-    Places places;
-    return stream != nullptr && openById(volume, byId) && indexSound(byId, u"$SII", stream.get(), places) &&
-           openByHash(volume, byHash) && indexSound(byHash, u"$SDH", stream.get(), places);
+    StoredIds stored;
+    return stream != nullptr && openById(volume, byId) && indexSound(byId, u"$SII", stream.get(), stored) &&
+           openByHash(volume, byHash) && indexSound(byHash, u"$SDH", stream.get(), stored);
 }
 
 } /* namespace offline */

@@ -1,4 +1,4 @@
-/* The volume's file of descriptors, $Secure: the stream $SDS holds each descriptor once, behind a header, and
+/* The volume's file of descriptors, $Secure: the stream $SDS holds each descriptor once, after a header, and
  * a copy of both further on; the index $SII leads there from a descriptor's id, $SDH from its hash.
  * Structure: NTFS 3. Private to this room. */
 #ifndef QUILLET_OFFLINE_VOLUME_SECURE_FILE_H
@@ -29,16 +29,16 @@ bool readAttribute(ntfs3g::ntfs_attr* attribute, uint64_t offset, std::span<uint
 /* ---- The indexes ---- */
 
 /* What both indexes say of a descriptor, and the header before it in the stream as well, bit for bit. */
-struct StoredPlace {
+struct SdsEntry {
     uint32_t hash;
     uint32_t id;
     uint64_t offset; /* bytes, of the header */
     uint32_t length; /* bytes, the header's included */
-    bool operator==(const StoredPlace&) const = default;
+    bool operator==(const SdsEntry&) const = default;
 };
 constexpr size_t storedHeader = 20; /* bytes that it takes on the disk */
 
-StoredPlace storedPlace(Bytes header);
+SdsEntry sdsEntry(Bytes header);
 inline uint64_t keyById(uint32_t id) {
     return id;
 }
@@ -52,7 +52,7 @@ struct SecureIndex {
     std::vector<uint8_t> root; /* its node, from the node's header on */
     AttributePtr blocks;       /* null: all is in the root */
     uint32_t blockSize = 0;    /* bytes */
-    unsigned blockShift = 0;   /* of a block's number, to its place in bytes */
+    unsigned blockShift = 0;   /* of a block's number, to its offset in bytes */
     size_t keySize = 0;        /* bytes: an id, or a hash and an id */
     bool byHash() const { return keySize == 8; }
 };
@@ -64,7 +64,7 @@ bool openByHash(Volume& volume, SecureIndex& index);
 /* Calls visit with each entry whose key is not below the first one, in the order of the keys, until it
  * answers false. Every node on the way is checked whole before it is used; enter is asked before a block is
  * read and may refuse it. False when a node is damaged or could not be read, or the keys do not ascend. */
-using VisitEntry = std::function<bool(const StoredPlace&)>;
+using VisitEntry = std::function<bool(const SdsEntry&)>;
 using EnterBlock = std::function<bool(uint64_t number)>;
 bool visitEntries(const SecureIndex& index, uint64_t first, const VisitEntry& visit,
                   const EnterBlock& enter = {});

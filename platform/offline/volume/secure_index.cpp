@@ -13,7 +13,7 @@ constexpr int deepest = 16; /* levels of blocks */
 struct Entry {
     bool end; /* the last of a node, which has neither key nor data */
     uint64_t key;
-    StoredPlace place;
+    SdsEntry sds;
     uint64_t subnode; /* valid in an inner node */
 };
 
@@ -31,14 +31,14 @@ bool takeContent(const SecureIndex& index, Bytes entry, size_t end, Entry& taken
         dataAt > end || end - dataAt < storedHeader) {
         return false;
     }
-    taken.place = storedPlace(entry.subspan(dataAt, storedHeader));
+    taken.sds = sdsEntry(entry.subspan(dataAt, storedHeader));
     const uint32_t first = numberAt<uint32_t>(entry, entryHeader);
     if (!index.byHash()) {
         taken.key = keyById(first);
-        return first == taken.place.id;
+        return first == taken.sds.id;
     }
     taken.key = keyByHash(first, numberAt<uint32_t>(entry, entryHeader + 4));
-    return taken.key == keyByHash(taken.place.hash, taken.place.id);
+    return taken.key == keyByHash(taken.sds.hash, taken.sds.id);
 }
 
 bool takeEntry(const SecureIndex& index, Bytes entry, bool inner, Entry& taken) {
@@ -117,7 +117,7 @@ bool walkNode(Walk& walk, const Node& node, int depth) {
         if (walk.any && entry.key <= walk.last) return false;
         walk.last = entry.key;
         walk.any = true;
-        walk.stopped = !walk.visit(entry.place);
+        walk.stopped = !walk.visit(entry.sds);
         if (walk.stopped) return true;
     }
     return true;
@@ -157,7 +157,7 @@ bool readAttribute(ntfs3g::ntfs_attr* attribute, uint64_t offset, std::span<uint
            ntfs3g::ntfs_attr_pread(attribute, static_cast<int64_t>(offset), size, bytes.data()) == size;
 }
 
-StoredPlace storedPlace(Bytes header) {
+SdsEntry sdsEntry(Bytes header) {
     return {numberAt<uint32_t>(header, 0), numberAt<uint32_t>(header, 4), numberAt<uint64_t>(header, 8),
             numberAt<uint32_t>(header, 16)};
 }

@@ -32,41 +32,41 @@ enum class Copy { unreadable, doubtful, good };
 
 /* One of the two copies. It is good when its header is what the index says and its bytes have the hash that
  * stands there; without the hash it is doubtful, and serves when the other copy is no better. */
-Copy readCopy(ntfs3g::ntfs_attr* stream, const StoredPlace& place, uint64_t offset,
+Copy readCopy(ntfs3g::ntfs_attr* stream, const SdsEntry& sds, uint64_t offset,
               std::vector<uint8_t>& descriptor) {
     uint8_t header[storedHeader];
-    if (!readAttribute(stream, offset, header) || storedPlace(header) != place) {
+    if (!readAttribute(stream, offset, header) || sdsEntry(header) != sds) {
         return Copy::unreadable;
     }
-    descriptor.resize(place.length - storedHeader);
+    descriptor.resize(sds.length - storedHeader);
     if (!readAttribute(stream, offset + storedHeader, descriptor)) return Copy::unreadable;
-    return hashOf(descriptor) == place.hash ? Copy::good : Copy::doubtful;
+    return hashOf(descriptor) == sds.hash ? Copy::good : Copy::doubtful;
 }
 
 /* Whether either copy could be read. */
-bool readPlace(ntfs3g::ntfs_attr* stream, const StoredPlace& place, std::vector<uint8_t>& descriptor) {
-    if (place.length <= storedHeader || place.length > storedHeader + largestDescriptor) return false;
-    const Copy first = readCopy(stream, place, place.offset, descriptor);
+bool readEntry(ntfs3g::ntfs_attr* stream, const SdsEntry& sds, std::vector<uint8_t>& descriptor) {
+    if (sds.length <= storedHeader || sds.length > storedHeader + largestDescriptor) return false;
+    const Copy first = readCopy(stream, sds, sds.offset, descriptor);
     if (first == Copy::good) return true;
     std::vector<uint8_t> other;
-    const Copy second = place.offset > UINT64_MAX - streamBlock
+    const Copy second = sds.offset > UINT64_MAX - streamBlock
                             ? Copy::unreadable
-                            : readCopy(stream, place, place.offset + streamBlock, other);
+                            : readCopy(stream, sds, sds.offset + streamBlock, other);
     if (second > first) descriptor = std::move(other);
     return std::max(first, second) != Copy::unreadable;
 }
 
-/* What the stream holds at a place is the same as these bytes. */
-bool holds(ntfs3g::ntfs_attr* stream, const StoredPlace& place, Bytes descriptor) {
+/* What the stream holds there is the same as these bytes. */
+bool holds(ntfs3g::ntfs_attr* stream, const SdsEntry& sds, Bytes descriptor) {
     std::vector<uint8_t> stored;
-    return readPlace(stream, place, stored) && sameBytes(stored, descriptor);
+    return readEntry(stream, sds, stored) && sameBytes(stored, descriptor);
 }
 
 /* The entry of an id, or none. False when the index can't be followed. */
-bool findById(Volume& volume, uint32_t id, std::optional<StoredPlace>& found) {
+bool findById(Volume& volume, uint32_t id, std::optional<SdsEntry>& found) {
     SecureIndex index;
-    return openById(volume, index) && visitEntries(index, keyById(id), [&](const StoredPlace& place) {
-               if (place.id == id) found = place;
+    return openById(volume, index) && visitEntries(index, keyById(id), [&](const SdsEntry& sds) {
+               if (sds.id == id) found = sds;
                return false;
            });
 }
@@ -79,18 +79,18 @@ NTSTATUS findEqual(Volume& volume, ntfs3g::ntfs_attr* stream, uint32_t hash, Byt
     SecureIndex index;
     int compared = 0;
     const bool followed =
-        openByHash(volume, index) && visitEntries(index, keyByHash(hash, 0), [&](const StoredPlace& place) {
-            if (place.hash != hash || compared == mostCompared) return false;
-            if (place.length != storedHeader + descriptor.size()) return true;
+        openByHash(volume, index) && visitEntries(index, keyByHash(hash, 0), [&](const SdsEntry& sds) {
+            if (sds.hash != hash || compared == mostCompared) return false;
+            if (sds.length != storedHeader + descriptor.size()) return true;
             ++compared;
-            if (holds(stream, place, descriptor)) id = place.id;
+            if (holds(stream, sds, descriptor)) id = sds.id;
             return id == 0;
         });
     return followed ? STATUS_SUCCESS : unreadable(volume, STATUS_FILE_CORRUPT_ERROR);
 }
 
-/* Where the next one may lie: behind the end of all others, in a block that is no copy, and in one piece. */
-uint64_t placeBehind(uint64_t end, uint64_t length) {
+/* Where the next one may lie: after the end of all others, in a block that is no copy, and in one piece. */
+uint64_t offsetAfter(uint64_t end, uint64_t length) {
     uint64_t offset = (end + streamGrain - 1) / streamGrain * streamGrain;
     if (offset / streamBlock % 2 != 0) offset = (offset / streamBlock + 1) * streamBlock;
     if (offset % streamBlock + length > streamBlock) offset = (offset / streamBlock + 2) * streamBlock;
@@ -103,9 +103,9 @@ NTSTATUS findEnd(Volume& volume) {
     SecureIndex index;
     uint32_t highest = firstId - 1;
     uint64_t end = 0;
-    const bool followed = openById(volume, index) && visitEntries(index, 0, [&](const StoredPlace& place) {
-                              highest = std::max(highest, place.id);
-                              end = std::max(end, place.offset + place.length);
+    const bool followed = openById(volume, index) && visitEntries(index, 0, [&](const SdsEntry& sds) {
+                              highest = std::max(highest, sds.id);
+                              end = std::max(end, sds.offset + sds.length);
                               return true;
                           });
     if (!followed) return unreadable(volume, STATUS_FILE_CORRUPT_ERROR);
@@ -118,22 +118,22 @@ void put(std::vector<uint8_t>& bytes, uint64_t number, size_t size) {
     for (size_t i = 0; i < size; ++i) bytes.push_back(static_cast<uint8_t>(number >> (8 * i)));
 }
 
-void putPlace(std::vector<uint8_t>& bytes, const StoredPlace& place) {
-    put(bytes, place.hash, 4);
-    put(bytes, place.id, 4);
-    put(bytes, place.offset, 8);
-    put(bytes, place.length, 4);
+void putHeader(std::vector<uint8_t>& bytes, const SdsEntry& sds) {
+    put(bytes, sds.hash, 4);
+    put(bytes, sds.id, 4);
+    put(bytes, sds.offset, 8);
+    put(bytes, sds.length, 4);
 }
 
 /* Into both copies, and the stream's new size onto the disk: all that the entries will rely on. */
-bool writeStream(Volume& volume, ntfs3g::ntfs_attr* stream, const StoredPlace& place, Bytes descriptor) {
+bool writeStream(Volume& volume, ntfs3g::ntfs_attr* stream, const SdsEntry& sds, Bytes descriptor) {
     std::vector<uint8_t> bytes;
-    bytes.reserve(place.length + streamGrain);
-    putPlace(bytes, place);
+    bytes.reserve(sds.length + streamGrain);
+    putHeader(bytes, sds);
     bytes.insert(bytes.end(), descriptor.begin(), descriptor.end());
     bytes.resize((bytes.size() + streamGrain - 1) / streamGrain * streamGrain);
     const auto size = static_cast<int64_t>(bytes.size());
-    for (const uint64_t offset : {place.offset, place.offset + streamBlock}) {
+    for (const uint64_t offset : {sds.offset, sds.offset + streamBlock}) {
         errno = 0;
         if (ntfs3g::ntfs_attr_pwrite(stream, static_cast<int64_t>(offset), size, bytes.data()) != size) {
             return false;
@@ -143,7 +143,7 @@ bool writeStream(Volume& volume, ntfs3g::ntfs_attr* stream, const StoredPlace& p
 }
 
 /* An entry as both indexes have it: where its data lies, key, data, and what fills it up. */
-bool addEntry(ntfs3g::ntfs_index_context* context, const StoredPlace& place, bool byHash) {
+bool addEntry(ntfs3g::ntfs_index_context* context, const SdsEntry& sds, bool byHash) {
     constexpr size_t header = 16;
     constexpr uint32_t filler = 0x00490049;
     const size_t keySize = byHash ? 8 : 4;
@@ -154,9 +154,9 @@ bool addEntry(ntfs3g::ntfs_index_context* context, const StoredPlace& place, boo
     put(entry, header + keySize + storedHeader + (byHash ? 4 : 0), 2);
     put(entry, keySize, 2);
     put(entry, 0, 4);
-    if (byHash) put(entry, place.hash, 4);
-    put(entry, place.id, 4);
-    putPlace(entry, place);
+    if (byHash) put(entry, sds.hash, 4);
+    put(entry, sds.id, 4);
+    putHeader(entry, sds);
     if (byHash) put(entry, filler, 4);
     errno = 0;
     ntfs3g::ntfs_index_ctx_reinit(context);
@@ -168,27 +168,26 @@ bool addEntry(ntfs3g::ntfs_index_context* context, const StoredPlace& place, boo
     return added;
 }
 
-/* The library tells of no block that it could not write: so what it wrote is looked for. */
-bool leadsTo(const SecureIndex& index, uint64_t key, const StoredPlace& place) {
+/* The library reports no block that it could not write: so what it wrote is looked for. */
+bool leadsTo(const SecureIndex& index, uint64_t key, const SdsEntry& sds) {
     bool found = false;
     return visitEntries(index, key,
-                        [&](const StoredPlace& there) {
-                            found = there == place;
+                        [&](const SdsEntry& there) {
+                            found = there == sds;
                             return false;
                         }) &&
            found;
 }
 
-bool addEntries(Volume& volume, const StoredPlace& place) {
-    if (!addEntry(volume.ntfs->secure_xsii, place, false) ||
-        !addEntry(volume.ntfs->secure_xsdh, place, true) ||
+bool addEntries(Volume& volume, const SdsEntry& sds) {
+    if (!addEntry(volume.ntfs->secure_xsii, sds, false) || !addEntry(volume.ntfs->secure_xsdh, sds, true) ||
         ntfs3g::ntfs_inode_sync(volume.ntfs->secure_ni) != 0) {
         return false;
     }
     SecureIndex byId, byHash;
     errno = 0;
-    return openById(volume, byId) && leadsTo(byId, keyById(place.id), place) && openByHash(volume, byHash) &&
-           leadsTo(byHash, keyByHash(place.hash, place.id), place);
+    return openById(volume, byId) && leadsTo(byId, keyById(sds.id), sds) && openByHash(volume, byHash) &&
+           leadsTo(byHash, keyByHash(sds.hash, sds.id), sds);
 }
 
 NTSTATUS store(Volume& volume, ntfs3g::ntfs_attr* stream, uint32_t hash, Bytes descriptor, uint32_t& id) {
@@ -199,19 +198,18 @@ NTSTATUS store(Volume& volume, ntfs3g::ntfs_attr* stream, uint32_t hash, Bytes d
         return STATUS_DISK_FULL;
     }
     const auto length = static_cast<uint32_t>(storedHeader + descriptor.size());
-    const StoredPlace place = {hash, static_cast<uint32_t>(volume.nextSecurityId),
-                               placeBehind(volume.securityStreamEnd, length), length};
+    const SdsEntry sds = {hash, static_cast<uint32_t>(volume.nextSecurityId),
+                          offsetAfter(volume.securityStreamEnd, length), length};
     allowReads(volume, readsOfACall);
-    if (!writeStream(volume, stream, place, descriptor) || !addEntries(volume, place) ||
-        volume.device.failed) {
+    if (!writeStream(volume, stream, sds, descriptor) || !addEntries(volume, sds) || volume.device.failed) {
         status = libraryStatus(volume, errno);
         volume.failed = true;
         volume.nextSecurityId = 0; /* whatever came of it, it is found out before the next one */
         return status;
     }
-    volume.nextSecurityId = uint64_t{place.id} + 1;
-    volume.securityStreamEnd = place.offset + place.length;
-    id = place.id;
+    volume.nextSecurityId = uint64_t{sds.id} + 1;
+    volume.securityStreamEnd = sds.offset + sds.length;
+    id = sds.id;
     return STATUS_SUCCESS;
 }
 
@@ -227,10 +225,10 @@ NTSTATUS readStored(Volume& volume, uint32_t id, std::vector<uint8_t>& descripto
     volume.device.failed = false;
     allowReads(volume, readsOfACall);
     errno = 0;
-    std::optional<StoredPlace> place;
+    std::optional<SdsEntry> sds;
     const AttributePtr stream = openSecure(volume, ntfs3g::AT_DATA, u"$SDS");
-    const bool read = stream != nullptr && findById(volume, id, place) && place &&
-                      readPlace(stream.get(), *place, descriptor);
+    const bool read =
+        stream != nullptr && findById(volume, id, sds) && sds && readEntry(stream.get(), *sds, descriptor);
     if (!read) return unreadable(volume, STATUS_INVALID_SECURITY_DESCR);
     return descriptorValid(descriptor) ? STATUS_SUCCESS : STATUS_INVALID_SECURITY_DESCR;
 }

@@ -9,11 +9,11 @@
 
 #include <cstdint>
 #include <memory>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "platform/offline/base/bytes.h"
 #include "platform/offline/base/problem.h"
 #include "platform/offline/volume/disk.h"
 
@@ -39,8 +39,8 @@ NTSTATUS volumeOpen(Disk& disk, const Partition& partition, VolumePtr& volume, P
  * stays. */
 NTSTATUS volumeClose(VolumePtr volume);
 
-/* Everything on the medium; the dirty mark stays. A change that failed before is not told again: a file's
- * failure must not keep another from being written whole. volumeClose tells it. */
+/* Everything on the medium; the dirty mark stays. A change that failed before is not reported again: a file's
+ * failure must not keep another from being written whole. volumeClose reports it. */
 NTSTATUS volumeFlush(Volume& volume);
 
 bool volumeReadOnly(const Volume& volume);
@@ -103,12 +103,12 @@ NTSTATUS volumeEntryInfo(Volume& volume, FileRef directory, const DirectoryListi
 /* The file's self-relative descriptor, byte for byte as stored and valid by every bound; read once for each
  * security id. The span is good until the next call with this volume. A descriptor that is missing or invalid
  * is STATUS_INVALID_SECURITY_DESCR, never an invented one; STATUS_IO_DEVICE_ERROR where the disk refused. */
-NTSTATUS volumeDescriptor(Volume& volume, FileRef file, std::span<const uint8_t>& descriptor);
+NTSTATUS volumeDescriptor(Volume& volume, FileRef file, Bytes& descriptor);
 
 /* Stores the descriptor byte for byte as given; equal ones are stored once and shared.
  * STATUS_INVALID_SECURITY_DESCR when it is not valid, STATUS_ACCESS_DENIED for the volume's own metadata
  * files. The file's times stay as they are. */
-NTSTATUS volumeSetDescriptor(Volume& volume, FileRef file, std::span<const uint8_t> descriptor);
+NTSTATUS volumeSetDescriptor(Volume& volume, FileRef file, Bytes descriptor);
 
 /* ---- Contents ---- */
 
@@ -117,23 +117,23 @@ NTSTATUS volumeSetDescriptor(Volume& volume, FileRef file, std::span<const uint8
  * points (whose data is elsewhere), STATUS_ACCESS_DENIED for directories. */
 NTSTATUS volumeReadFile(Volume& volume, FileRef file, uint64_t limit, std::vector<uint8_t>& bytes);
 
-/* Writes into the unnamed data at an offset, in place; what lies behind its end is added. */
-NTSTATUS volumeWriteFile(Volume& volume, FileRef file, uint64_t offset, std::span<const uint8_t> bytes);
+/* Writes into the unnamed data at an offset, in place; what lies beyond its end is added. */
+NTSTATUS volumeWriteFile(Volume& volume, FileRef file, uint64_t offset, Bytes bytes);
 
-/* ---- Making (practice systems and tests) ---- */
+/* ---- Creating (practice systems and tests) ---- */
 
 enum class NewFile { file, directory };
 
 /* STATUS_OBJECT_NAME_COLLISION, STATUS_OBJECT_NAME_INVALID, STATUS_DISK_FULL. The new file has this
  * descriptor. */
 NTSTATUS volumeCreate(Volume& volume, FileRef directory, std::u16string_view name, NewFile kind,
-                      std::span<const uint8_t> descriptor, FileRef& file);
+                      Bytes descriptor, FileRef& file);
 
 /* A further name for a file. */
 NTSTATUS volumeLink(Volume& volume, FileRef file, FileRef directory, std::u16string_view name);
 
 /* Makes an empty directory a junction to a path such as "C:\Windows". */
-NTSTATUS volumeMakeJunction(Volume& volume, FileRef directory, std::u16string_view target);
+NTSTATUS volumeCreateJunction(Volume& volume, FileRef directory, std::u16string_view target);
 
 /* Sets the FILE_ATTRIBUTE_ bits read-only, hidden, system and archive. */
 NTSTATUS volumeSetAttributes(Volume& volume, FileRef file, uint32_t attributes);

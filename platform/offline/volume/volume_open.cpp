@@ -121,11 +121,11 @@ bool syncMetadata(const Volume& volume) {
 
 /* The library's own call for this drops the flags that it has no name for. */
 bool setFlags(Volume& volume, uint16_t flags) {
-    constexpr size_t place = offsetof(ntfs3g::VOLUME_INFORMATION, flags);
+    constexpr size_t offset = offsetof(ntfs3g::VOLUME_INFORMATION, flags);
     ntfs3g::ntfs_inode* inode = volume.ntfs->vol_ni;
     ntfs3g::ntfs_attr* information = ntfs3g::ntfs_attr_open(inode, ntfs3g::AT_VOLUME_INFORMATION, nullptr, 0);
     if (information == nullptr) return false;
-    bool written = ntfs3g::ntfs_attr_pwrite(information, place, sizeof flags, &flags) == sizeof flags;
+    bool written = ntfs3g::ntfs_attr_pwrite(information, offset, sizeof flags, &flags) == sizeof flags;
     ntfs3g::ntfs_attr_close(information);
     if (!written || ntfs3g::ntfs_inode_sync(inode) != 0) return false;
     volume.ntfs->flags = static_cast<ntfs3g::VOLUME_FLAGS>(flags);
