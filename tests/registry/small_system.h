@@ -16,6 +16,7 @@
 #include "platform/offline/descriptor/sid_format.h"
 #include "platform/offline/registry/registry.h"
 #include "platform/offline/security/security.h"
+#include "tests/support/privileges.h"
 
 namespace offline {
 
@@ -192,14 +193,6 @@ inline std::string nameOf(HANDLE key) {
     ULONG length = 0;
     if (ZwQueryKey(key, KeyBasicInformation, record, sizeof record, &length) < 0) return "?";
     return toUtf8({record->Name, record->NameLength / sizeof(WCHAR)});
-}
-
-inline void enablePrivilege(uint32_t luid) {
-    HANDLE token = nullptr;
-    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token));
-    TOKEN_PRIVILEGES state = {1, {{{luid, 0}, SE_PRIVILEGE_ENABLED}}};
-    EXPECT_TRUE(AdjustTokenPrivileges(token, FALSE, &state, sizeof state, nullptr, nullptr));
-    CloseHandle(token);
 }
 
 } /* namespace offline */
