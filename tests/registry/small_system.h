@@ -173,7 +173,7 @@ inline NTSTATUS tryOpen(std::u16string_view path, const KeyCall& call = {}) {
     return status;
 }
 
-/* The name of a key's child as ZwEnumerateKey gives it, "" behind the last. */
+/* The name of a key's child as ZwEnumerateKey gives it, "" after the last. */
 inline std::string childOf(HANDLE key, ULONG index) {
     KEY_BASIC_INFORMATION record[32];
     ULONG length = 0;
@@ -181,7 +181,7 @@ inline std::string childOf(HANDLE key, ULONG index) {
     return toUtf8({record->Name, record->NameLength / sizeof(WCHAR)});
 }
 
-/* All of them, each with a blank behind it. */
+/* All of them, each with a blank after it. */
 inline std::string children(HANDLE key) {
     std::string names;
     for (ULONG i = 0; !childOf(key, i).empty(); i++) names += childOf(key, i) + " ";
