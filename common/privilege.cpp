@@ -5,7 +5,7 @@
 #include "common/log.h"
 
 /* Enables or disables it in an open token. The adjusting call reports success even where it assigned nothing,
- * so the last error alone tells the outcome. */
+ * so the last error alone says what came of it. */
 static DWORD _modifyInToken(HANDLE token, const WCHAR* name, int enable) {
     TOKEN_PRIVILEGES state;
     state.PrivilegeCount = 1;

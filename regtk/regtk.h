@@ -22,7 +22,41 @@ enum : uint32_t {
     REG_NO_OPENIF = 0x2000000 /* OBJ_OPENIF goes out cleared */
 };
 
+/* The statuses by which a query reports that its buffer is too small. The scan, the copy and the queries for
+ * links take a mismatch of lengths for one as well; where values are rewritten, it is a failure. */
+inline bool regIsTooSmall(NTSTATUS status) {
+    return status == STATUS_BUFFER_OVERFLOW || status == STATUS_BUFFER_TOO_SMALL;
+}
+inline bool regIsTooSmallOrMismatch(NTSTATUS status) {
+    return regIsTooSmall(status) || status == STATUS_INFO_LENGTH_MISMATCH;
+}
+
+/* Whether the handle is in the predefined range: such a key stands for a handle of its own and is no real
+ * key.
+ */
+inline bool regIsPredefined(HANDLE handle) {
+    constexpr ULONG_PTR range = 0xFFFFFFFF80000000;
+    return (reinterpret_cast<ULONG_PTR>(handle) & range) == range;
+}
+
 /* ---- regtk_open ---- */
+
+/* A counted string over text of this many bytes, which must outlive it. */
+inline UNICODE_STRING regCounted(const WCHAR* text, ULONG bytes) {
+    UNICODE_STRING counted;
+    counted.Length = static_cast<USHORT>(bytes);
+    counted.MaximumLength = counted.Length;
+    counted.Buffer = const_cast<WCHAR*>(text);
+    return counted;
+}
+
+/* The class in a key's record, which must outlive it; empty when the key has none, whatever the offset says.
+ */
+inline UNICODE_STRING regClassOf(const KEY_NODE_INFORMATION* record) {
+    if (record->ClassLength == 0) return regCounted(nullptr, 0);
+    const uint8_t* const text = reinterpret_cast<const uint8_t*>(record) + record->ClassOffset;
+    return regCounted(reinterpret_cast<const WCHAR*>(text), record->ClassLength);
+}
 
 /* What a key of this name below a root is opened with: as itself, a link too. name must outlive the record.
  */

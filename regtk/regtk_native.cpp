@@ -12,11 +12,6 @@ static constexpr uint32_t _scanRoom = 512;          // first size of info and of
 static constexpr uint32_t _flagsOfTrees = 0xFFFFF;  // what of the flag word reaches a tree operation
 static const char _scanning[] = "_regScanImpl";     // what the helpers of the scan report as
 
-static bool _isTooSmall(NTSTATUS status) {
-    return status == STATUS_BUFFER_TOO_SMALL || status == STATUS_BUFFER_OVERFLOW ||
-           status == STATUS_INFO_LENGTH_MISMATCH;
-}
-
 /* What all levels of one scan share. */
 struct _scan {
     regScanCallback callback;
@@ -40,21 +35,13 @@ static const KEY_NODE_INFORMATION* _node(const _scan* scan) {
     return reinterpret_cast<const KEY_NODE_INFORMATION*>(scan->info.data);
 }
 
-static UNICODE_STRING _countedName(const WCHAR* name, ULONG bytes) {
-    UNICODE_STRING counted;
-    counted.Length = static_cast<USHORT>(bytes);
-    counted.MaximumLength = counted.Length;
-    counted.Buffer = const_cast<WCHAR*>(name);
-    return counted;
-}
-
 /* The next child's basic record into info. */
 static NTSTATUS _enumerateChild(_scan* scan, HANDLE key, ULONG index) {
     for (;;) {
         ULONG length = 24;
         const NTSTATUS status =
             ZwEnumerateKey(key, index, KeyBasicInformation, scan->info.data, scan->info.size, &length);
-        if (!_isTooSmall(status)) return status;
+        if (!regIsTooSmallOrMismatch(status)) return status;
         if (!memBufResize(&scan->info, length)) return STATUS_NO_MEMORY;
     }
 }
@@ -65,7 +52,7 @@ static NTSTATUS _queryChild(_scan* scan, HANDLE child) {
         ULONG length = 32;
         const NTSTATUS status =
             ZwQueryKey(child, KeyNodeInformation, scan->info.data, scan->info.size, &length);
-        if (!_isTooSmall(status)) return status;
+        if (!regIsTooSmallOrMismatch(status)) return status;
         if (!memBufResize(&scan->info, length)) return STATUS_NO_MEMORY;
     }
 }
@@ -99,7 +86,7 @@ static NTSTATUS _appendChild(_scan* scan, _scanChild* child, const UNICODE_STRIN
         }
     }
     static const WCHAR backslash[] = TEXT("\\");
-    const UNICODE_STRING separator = _countedName(backslash, sizeof(WCHAR));
+    const UNICODE_STRING separator = regCounted(backslash, sizeof(WCHAR));
     if (child->savedLength != 0) RtlAppendUnicodeStringToString(&scan->path, &separator);
     RtlAppendUnicodeStringToString(&scan->path, name);
     child->appendedLength = scan->path.Length;
@@ -180,7 +167,7 @@ static NTSTATUS _callAndDescend(_scan* scan, HANDLE parent, uint64_t scope, _sca
             return STATUS_UNSUCCESSFUL;
         default: {
             const KEY_NODE_INFORMATION* const record = _node(scan);
-            const UNICODE_STRING name = _countedName(record->Name, record->NameLength);
+            const UNICODE_STRING name = regCounted(record->Name, record->NameLength);
             OMBRA_LOG_AS(_scanning, OMBRA_ERROR, "callback on %wZ returned unexpected code %d", &name,
                          child->lastResult);
             return STATUS_INTERNAL_ERROR;
@@ -192,19 +179,13 @@ static NTSTATUS _callAndDescend(_scan* scan, HANDLE parent, uint64_t scope, _sca
 static NTSTATUS _treatChild(_scan* scan, HANDLE parent, uint64_t scope, _scanChild* child, int32_t depth,
                             NTSTATUS status) {
     const KEY_NODE_INFORMATION* const record = _node(scan);
-    const UNICODE_STRING name = _countedName(record->Name, record->NameLength);
+    const UNICODE_STRING name = regCounted(record->Name, record->NameLength);
     const NTSTATUS appended = _appendChild(scan, child, &name);
     if (appended < 0) return appended;
     status = _callAndDescend(scan, parent, scope, child, depth, status);
     if (child->subscope[0] == 0 && child->subscope[1] == 0) return status;
     OMBRA_LOG_AS(_scanning, OMBRA_ERROR, "subscope is not cleaned");
     return STATUS_INTERNAL_ERROR;
-}
-
-/* The predefined range: a key that stands for a handle of its own and is no real key. */
-static bool _isPredefined(HANDLE handle) {
-    constexpr ULONG_PTR range = 0xFFFFFFFF80000000;
-    return (reinterpret_cast<ULONG_PTR>(handle) & range) == range;
 }
 
 /* Names a child that is passed over in the path, for what is to be said of its descriptor. */
@@ -216,7 +197,7 @@ static NTSTATUS _appendPassedOver(_scan* scan, _scanChild* child, const UNICODE_
 /* The open child whose enumerated name this is. */
 static NTSTATUS _scanOpenChild(_scan* scan, HANDLE key, uint64_t scope, int32_t depth, _scanChild* child,
                                const UNICODE_STRING* name) {
-    if (_isPredefined(child->handle)) {
+    if (regIsPredefined(child->handle)) {
         const NTSTATUS status = _appendPassedOver(scan, child, name);
         if (child->saved != nullptr) _reportLost(_calledAs(scan, child, name));  // no key to put it back on
         return status;
@@ -243,7 +224,7 @@ static NTSTATUS _scanOneChild(_scan* scan, HANDLE key, uint64_t scope, int32_t d
     WCHAR nameText[256];  // names have at most 255 characters; the query overwrites info
     const ULONG nameBytes = basic->NameLength < sizeof nameText ? basic->NameLength : ULONG{sizeof nameText};
     memcpy(nameText, basic->Name, nameBytes);
-    UNICODE_STRING name = _countedName(nameText, nameBytes);
+    UNICODE_STRING name = regCounted(nameText, nameBytes);
     const OBJECT_ATTRIBUTES attributes = regAttributesBelow(key, &name);
     const ACCESS_MASK access =
         (scan->flags & REG_SCAN_LIGHT) != 0
@@ -312,13 +293,13 @@ static NTSTATUS _deleteAndReport(HANDLE key, const char* function, ombraLevel le
     return status;
 }
 
-/* Opens a child for its deletion before the descent, and deletes it behind it. A link is deleted as itself,
+/* Opens a child for its deletion before the descent, and deletes it after that. A link is deleted as itself,
  * never what it leads to. */
 static uint32_t regScanDeleteCallback(HANDLE parent, const UNICODE_STRING* path,
                                       const KEY_NODE_INFORMATION* record, uint64_t, uint64_t* subscope, void*,
                                       int32_t, uint32_t flags) {
     if (record != nullptr) {
-        UNICODE_STRING name = _countedName(record->Name, record->NameLength);
+        UNICODE_STRING name = regCounted(record->Name, record->NameLength);
         const OBJECT_ATTRIBUTES attributes = regAttributesBelow(parent, &name);
         HANDLE key = nullptr;
         if (regNtOpenKey(&key, DELETE, &attributes, flags) < 0) return SCAN_FAIL;
@@ -381,16 +362,10 @@ struct regCopyCtx {
     int32_t flushCountdown;
 };
 
-static UNICODE_STRING _classOf(const KEY_NODE_INFORMATION* record) {
-    const uint8_t* const text = reinterpret_cast<const uint8_t*>(record) + record->ClassOffset;
-    return record->ClassLength == 0 ? _countedName(nullptr, 0)
-                                    : _countedName(reinterpret_cast<const WCHAR*>(text), record->ClassLength);
-}
-
 static NTSTATUS _copyOneValue(HANDLE target, const memBuf* buffer) {
     const KEY_VALUE_FULL_INFORMATION* const record =
         reinterpret_cast<const KEY_VALUE_FULL_INFORMATION*>(buffer->data);
-    UNICODE_STRING name = _countedName(record->Name, record->NameLength);
+    UNICODE_STRING name = regCounted(record->Name, record->NameLength);
     // Without data the offset means nothing.
     uint8_t* const data = buffer->data + (record->DataLength == 0 ? 0 : record->DataOffset);
     const NTSTATUS status =
@@ -407,7 +382,7 @@ static NTSTATUS _regCopyKValues(HANDLE target, HANDLE source, memBuf* buffer) {
         ULONG length = 24;
         NTSTATUS status =
             ZwEnumerateValueKey(source, index, KeyValueFullInformation, buffer->data, buffer->size, &length);
-        if (_isTooSmall(status)) {
+        if (regIsTooSmallOrMismatch(status)) {
             if (!memBufResize(buffer, length)) return STATUS_NO_MEMORY;
             continue;
         }
@@ -423,10 +398,10 @@ static NTSTATUS _regCopyKValues(HANDLE target, HANDLE source, memBuf* buffer) {
 }
 
 static UNICODE_STRING _linkValueName() {
-    return _countedName(_linkValueText, sizeof _linkValueText - sizeof(WCHAR));
+    return regCounted(_linkValueText, sizeof _linkValueText - sizeof(WCHAR));
 }
 
-/* A platform that does not tell the flags of keys. */
+/* A platform that does not report the flags of keys. */
 static bool _isUnknownClass(NTSTATUS status) {
     return status == STATUS_INVALID_PARAMETER || status == STATUS_INVALID_INFO_CLASS ||
            status == STATUS_NOT_IMPLEMENTED || status == STATUS_NOT_SUPPORTED;
@@ -440,7 +415,7 @@ static NTSTATUS _queryLinkValue(HANDLE key, int* isLink) {
     const NTSTATUS status =
         ZwQueryValueKey(key, &valueName, KeyValuePartialInformation, &record, sizeof record, &length);
     *isLink = (status >= 0 || status == STATUS_BUFFER_OVERFLOW) && record.Type == REG_LINK ? 1 : 0;
-    const bool answered = _isTooSmall(status) || status == STATUS_OBJECT_NAME_NOT_FOUND;
+    const bool answered = regIsTooSmallOrMismatch(status) || status == STATUS_OBJECT_NAME_NOT_FOUND;
     return answered ? STATUS_SUCCESS : status;
 }
 
@@ -450,8 +425,9 @@ NTSTATUS regQueryIsLink(HANDLE key, int* isLink) {
     const char* call = "ZwQueryKey";
     NTSTATUS status = ZwQueryKey(key, KeyFlagsInformation, &flags, sizeof flags, &length);
     *isLink = (flags.KeyFlags & REG_FLAG_LINK) != 0 ? 1 : 0;
-    const bool untold = status >= 0 ? length < sizeof flags : _isUnknownClass(status) || _isTooSmall(status);
-    if (untold) {
+    const bool unanswered =
+        status >= 0 ? length < sizeof flags : _isUnknownClass(status) || regIsTooSmallOrMismatch(status);
+    if (unanswered) {
         call = "ZwQueryValueKey";
         status = _queryLinkValue(key, isLink);
     }
@@ -484,13 +460,14 @@ enum : uint32_t { LINK_DONE = SCAN_NEXT, LINK_NONE = 1, LINK_AGAIN = SCAN_RESTAR
 
 static const char _linkStep[] = "_regScanLinksCallbackImpl";  // what its helpers report as
 
-/* The open child's link value into the buffer, with room for a terminator behind it. */
+/* The open child's link value into the buffer, with room for a terminator after it. */
 static uint32_t _readLinkOf(HANDLE child, const UNICODE_STRING* name, memBuf* buffer, bool* hasTarget) {
     UNICODE_STRING valueName = _linkValueName();
     NTSTATUS status;
     ULONG length = 16;
-    while (_isTooSmall(status = ZwQueryValueKey(child, &valueName, KeyValuePartialInformation, buffer->data,
-                                                buffer->size <= 2 ? 0 : buffer->size - 2, &length))) {
+    while (regIsTooSmallOrMismatch(
+        status = ZwQueryValueKey(child, &valueName, KeyValuePartialInformation, buffer->data,
+                                 buffer->size <= 2 ? 0 : buffer->size - 2, &length))) {
         if (length > UINT32_MAX - 2 || !memBufResize(buffer, length + 2)) return LINK_FAILED;
     }
     if (status < 0 && status != STATUS_OBJECT_NAME_NOT_FOUND) {
@@ -551,7 +528,7 @@ static uint32_t _replaceLink(HANDLE source, const OBJECT_ATTRIBUTES* attributes,
                              const KEY_NODE_INFORMATION* record, const WCHAR* target, regCopyCtx* copy,
                              uint32_t flags) {
     if (_regKeyDelete(attributes, flags | REG_IGNORE_MISSING) < 0) return LINK_FAILED;
-    const UNICODE_STRING className = _classOf(record);
+    const UNICODE_STRING className = regClassOf(record);
     if (_regLinkCreate(attributes, record->TitleIndex, &className, target, flags) < 0) return LINK_FAILED;
     if ((flags & REG_NO_SECURITY) == 0) _copyLinkSec(source, attributes, &copy->buffer, flags);
     return LINK_DONE;
@@ -559,7 +536,7 @@ static uint32_t _replaceLink(HANDLE source, const OBJECT_ATTRIBUTES* attributes,
 
 static uint32_t _regScanLinksCallbackImpl(HANDLE source, HANDLE target, const KEY_NODE_INFORMATION* record,
                                           regCopyCtx* copy, uint32_t flags) {
-    UNICODE_STRING name = _countedName(record->Name, record->NameLength);
+    UNICODE_STRING name = regCounted(record->Name, record->NameLength);
     bool hasTarget = false;
     const uint32_t found = _readLink(source, &name, &copy->buffer, flags, &hasTarget);
     if (found != LINK_DONE || copy->linkMap == nullptr) return found;
@@ -593,7 +570,7 @@ static NTSTATUS _openTarget(HANDLE parent, const KEY_NODE_INFORMATION* record, U
     OBJECT_ATTRIBUTES attributes = regAttributesBelow(parent, name);
     attributes.Attributes = OBJ_CASE_INSENSITIVE | OBJ_OPENIF;
     if ((flags & REG_IGNORE_MISSING) != 0) return regNtOpenKey(target, access, &attributes, flags);
-    const UNICODE_STRING className = _classOf(record);
+    const UNICODE_STRING className = regClassOf(record);
     return regNtCreateKey(target, access, &attributes, record->TitleIndex, &className, 0, flags);
 }
 
@@ -608,7 +585,7 @@ static uint32_t _copyChild(HANDLE parent, HANDLE targetParent, const KEY_NODE_IN
                            uint64_t* subscope, regCopyCtx* copy, uint32_t flags) {
     const uint32_t link = _regScanLinksCallbackImpl(parent, targetParent, record, copy, flags);
     if (link != LINK_NONE) return link;
-    UNICODE_STRING name = _countedName(record->Name, record->NameLength);
+    UNICODE_STRING name = regCounted(record->Name, record->NameLength);
     HANDLE source = nullptr;
     HANDLE target = nullptr;
     NTSTATUS status = _openSource(parent, &name, flags, &source);

@@ -18,11 +18,6 @@ static const regPredefinedKey regPredefinedKeys[] = {
     {0, {0, 0, nullptr}},
 };
 
-static bool _isPredefined(HANDLE handle) {
-    constexpr ULONG_PTR range = 0xFFFFFFFF80000000;
-    return (reinterpret_cast<ULONG_PTR>(handle) & range) == range;
-}
-
 static bool _isMissing(NTSTATUS status) {
     return status == STATUS_OBJECT_PATH_NOT_FOUND || status == STATUS_OBJECT_NAME_NOT_FOUND;
 }
@@ -157,7 +152,7 @@ static NTSTATUS _regOpenCreateKey(HANDLE* key, ACCESS_MASK access, const OBJECT_
                                   uint32_t flags, memBuf* secBuf, void** savedSec) {
     OBJECT_ATTRIBUTES own = *attributes;
     if (savedSec != nullptr) *savedSec = nullptr;
-    const bool predefined = _isPredefined(own.RootDirectory);
+    const bool predefined = regIsPredefined(own.RootDirectory);
     if (predefined) {
         const NTSTATUS status = _regOpenPredefinedKey(&own.RootDirectory, attributes->RootDirectory);
         if (status < 0) return status;

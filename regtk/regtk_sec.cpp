@@ -19,12 +19,12 @@ DWORD regGetKeySec(HANDLE key, SECURITY_INFORMATION information, memBuf* secBuf)
 }
 
 DWORD regSetKeySec(HANDLE key, SECURITY_INFORMATION information, void* descriptor) {
-    uint8_t* const place = static_cast<uint8_t*>(descriptor) + offsetof(SECURITY_DESCRIPTOR, Control);
+    uint8_t* const field = static_cast<uint8_t*>(descriptor) + offsetof(SECURITY_DESCRIPTOR, Control);
     SECURITY_DESCRIPTOR_CONTROL control;
-    memcpy(&control, place, sizeof control);
+    memcpy(&control, field, sizeof control);
     if ((control & SE_DACL_AUTO_INHERITED) != 0) control |= SE_DACL_AUTO_INHERIT_REQ;
     if ((control & SE_SACL_AUTO_INHERITED) != 0) control |= SE_SACL_AUTO_INHERIT_REQ;
-    memcpy(place, &control, sizeof control);
+    memcpy(field, &control, sizeof control);
     const LSTATUS error = RegSetKeySecurity(static_cast<HKEY>(key), information, descriptor);
     if (error != ERROR_SUCCESS) {
         OMBRA_LOG(OMBRA_ERROR, "Win API call %hs returned %d", "RegSetKeySecurity", error);

@@ -6,7 +6,6 @@
 #include "common/log.h"
 #include "regtk/regtk.h"
 #include "sidchng/sid.h"
-#include "sidchng/sidchng.h"
 
 /* ---- Data by its type ---- */
 
@@ -63,7 +62,7 @@ static uint32_t _stringLength(const uint8_t* text, uint32_t length) {
     return at + 2 <= length ? at : length;
 }
 
-/* The strings of a multi-string, one after the other, empty ones and those behind them too. */
+/* The strings of a multi-string, one after the other, empty ones and those after them too. */
 struct _strings {
     const regData* data;
     uint32_t inOff;   // of the string at hand
@@ -154,10 +153,6 @@ DWORD regReplaceSIDInData(uint32_t type, const regData* input, regData* output, 
 
 /* ---- Values ---- */
 
-static bool _isTooSmall(NTSTATUS status) {
-    return status == STATUS_BUFFER_OVERFLOW || status == STATUS_BUFFER_TOO_SMALL;
-}
-
 /* A value whose record is in queryBuf. */
 struct _value {
     const char* function;  // the operation that treats it, for the messages
@@ -173,7 +168,7 @@ static DWORD _failed(const _value* value, const char* call, NTSTATUS status, con
     return RtlNtStatusToDosError(status);
 }
 
-/* FNV-1a; the step behind the text is that of no byte, so that two texts can't run together. */
+/* FNV-1a; the step after the text is that of no byte, so that two texts can't run together. */
 static uint64_t _mark(uint64_t mark, const UNICODE_STRING* text) {
     constexpr uint64_t prime = 1099511628211u;
     const uint8_t* const bytes = reinterpret_cast<const uint8_t*>(text->Buffer);
@@ -181,15 +176,15 @@ static uint64_t _mark(uint64_t mark, const UNICODE_STRING* text) {
     return (mark ^ 0x100) * prime;
 }
 
-/* Whether this value is told of for the first time, as far back as the context remembers: a walk comes by a
+/* Whether this value is warned of for the first time, as far back as the context remembers: a walk comes by a
  * key again whenever a sibling is renamed. */
 static bool _isNews(const UNICODE_STRING* keyName, const UNICODE_STRING* valueName, sidCtx* ctx) {
     constexpr uint64_t start = 14695981039346656037u;
     const uint64_t mark = _mark(_mark(start, keyName), valueName);
-    for (const uint64_t told : ctx->told) {
-        if (told == mark) return false;
+    for (const uint64_t warned : ctx->warned) {
+        if (warned == mark) return false;
     }
-    ctx->told[ctx->toldNext++ % SID_TOLD] = mark;
+    ctx->warned[ctx->warnedNext++ % SID_WARNED] = mark;
     return true;
 }
 
@@ -243,8 +238,8 @@ static DWORD regReplaceSIDInValue(HANDLE key, const UNICODE_STRING* keyName, con
     memBuf* const buffer = &ctx->queryBuf;
     NTSTATUS status;
     ULONG length = 0;
-    while (_isTooSmall(status = ZwQueryValueKey(key, &value.name, KeyValuePartialInformation, buffer->data,
-                                                buffer->size, &length))) {
+    while (regIsTooSmall(status = ZwQueryValueKey(key, &value.name, KeyValuePartialInformation, buffer->data,
+                                                  buffer->size, &length))) {
         if (!memBufResize(buffer, length)) return ERROR_NOT_ENOUGH_MEMORY;
     }
     if (status == STATUS_OBJECT_NAME_NOT_FOUND && ignoreMissing) return 0;
@@ -262,8 +257,8 @@ static DWORD regReplaceSIDInValues(HANDLE key, const UNICODE_STRING* keyName, si
     for (ULONG index = 0;; index++) {
         NTSTATUS status;
         ULONG length = 0;
-        while (_isTooSmall(status = ZwEnumerateValueKey(key, index, KeyValueFullInformation, buffer->data,
-                                                        buffer->size, &length))) {
+        while (regIsTooSmall(status = ZwEnumerateValueKey(key, index, KeyValueFullInformation, buffer->data,
+                                                          buffer->size, &length))) {
             if (!memBufResize(buffer, length)) return ERROR_NOT_ENOUGH_MEMORY;
         }
         if (status == STATUS_NO_MORE_ENTRIES) return 0;
@@ -276,9 +271,7 @@ static DWORD regReplaceSIDInValues(HANDLE key, const UNICODE_STRING* keyName, si
             reinterpret_cast<KEY_VALUE_FULL_INFORMATION*>(buffer->data);
         _value value = {};
         value.function = __func__;
-        value.name.Length = static_cast<USHORT>(record->NameLength);
-        value.name.MaximumLength = value.name.Length;
-        value.name.Buffer = record->Name;
+        value.name = regCounted(record->Name, record->NameLength);
         value.titleIndex = record->TitleIndex;
         value.type = record->Type;
         value.data = {record->DataLength, buffer->data + (record->DataLength == 0 ? 0 : record->DataOffset)};
@@ -314,16 +307,6 @@ DWORD regReplaceSIDInKey(HANDLE key, const UNICODE_STRING* name, sidCtx* ctx) {
 
 /* ---- Renaming ---- */
 
-static UNICODE_STRING _className(const KEY_NODE_INFORMATION* record) {
-    UNICODE_STRING text = {};
-    if (record->ClassLength == 0) return text;
-    text.Length = static_cast<USHORT>(record->ClassLength);
-    text.MaximumLength = text.Length;
-    const uint8_t* const place = reinterpret_cast<const uint8_t*>(record) + record->ClassOffset;
-    text.Buffer = reinterpret_cast<WCHAR*>(const_cast<uint8_t*>(place));
-    return text;
-}
-
 /* Links below a renamed key lead where they led. */
 static uint32_t _keepLink(const WCHAR*, memBuf*, void*) {
     return LINK_MAP_SAME;
@@ -348,7 +331,7 @@ static NTSTATUS _openOld(_rename* rename) {
  * none. */
 static NTSTATUS _createNew(_rename* rename) {
     const OBJECT_ATTRIBUTES attributes = regAttributesBelow(rename->parent, &rename->newName);
-    const UNICODE_STRING className = _className(rename->record);
+    const UNICODE_STRING className = regClassOf(rename->record);
     int isLink = 0;
     const NTSTATUS status = regQueryIsLink(rename->oldKey, &isLink);
     if (status < 0) return status;
@@ -413,15 +396,10 @@ static int _treatName(HANDLE parent, const UNICODE_STRING* path, const KEY_NODE_
 static constexpr ACCESS_MASK _treatAccess =
     ACCESS_SYSTEM_SECURITY | WRITE_OWNER | WRITE_DAC | READ_CONTROL | KEY_QUERY_VALUE | KEY_SET_VALUE;
 
-/* Treats one key below the start key. What fails is noted in the context and passed over. */
-static uint32_t regReplaceSIDCallback(HANDLE parent, const UNICODE_STRING* path,
-                                      const KEY_NODE_INFORMATION* record, uint64_t, uint64_t*, void* data,
-                                      int32_t, uint32_t) {
+uint32_t regReplaceSIDCallback(HANDLE parent, const UNICODE_STRING* path, const KEY_NODE_INFORMATION* record,
+                               uint64_t, uint64_t*, void* data, int32_t, uint32_t) {
     sidCtx* const ctx = static_cast<sidCtx*>(data);
-    UNICODE_STRING name;
-    name.Length = static_cast<USHORT>(record->NameLength);
-    name.MaximumLength = name.Length;
-    name.Buffer = const_cast<WCHAR*>(record->Name);
+    UNICODE_STRING name = regCounted(record->Name, record->NameLength);
     const bool names = (ctx->flags & SID_REPLACE_NAMES) != 0;
     if (names && _treatName(parent, path, record, &name, ctx)) return SCAN_RESTART;
     const OBJECT_ATTRIBUTES attributes = regAttributesBelow(parent, &name);
@@ -435,22 +413,4 @@ static uint32_t regReplaceSIDCallback(HANDLE parent, const UNICODE_STRING* path,
     if (error != 0) ctx->lastError = error;
     ZwClose(key);
     return SCAN_DESCEND;
-}
-
-DWORD sidReplaceInKey(HANDLE key, uint32_t flags, const WCHAR* const* valueNames, const uint8_t* sidOld,
-                      uint32_t sidOldSize, const uint8_t* sidNew, uint32_t sidNewSize) {
-    if (!sidCheckPair(sidOld, sidOldSize, sidNew, sidNewSize)) return ERROR_INVALID_PARAMETER;
-    sidCtx ctx;
-    DWORD error = sidCtxInit(&ctx, sidOld, sidNew, sidNewSize, flags, valueNames);
-    if (error != 0) return error;
-    WCHAR nothing[] = TEXT("");
-    const UNICODE_STRING noName = {0, 0, nothing};
-    error = regReplaceSIDInKey(key, &noName, &ctx);
-    if ((flags & SID_RECURSIVE) != 0) {
-        ctx.lastError =
-            error;  // logged where it was met; one bad key does not end a walk, nor show in its result
-        error = regScan(key, regReplaceSIDCallback, 0, &ctx, REG_TAKE_OWNERSHIP);
-    }
-    sidCtxFree(&ctx);
-    return error;
 }

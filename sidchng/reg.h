@@ -30,4 +30,9 @@ DWORD regReplaceSIDInKey(HANDLE key, const UNICODE_STRING* name, sidCtx* ctx);
 DWORD regRenameKey(HANDLE parent, const KEY_NODE_INFORMATION* record, const UNICODE_STRING* name,
                    const UNICODE_STRING* newName, memBuf* secBuf);
 
+/* A callback of regScan whose data is a context: renames and treats one key below the start key as the
+ * context's flags say. What fails is noted in the context and passed over. */
+uint32_t regReplaceSIDCallback(HANDLE parent, const UNICODE_STRING* path, const KEY_NODE_INFORMATION* record,
+                               uint64_t scope, uint64_t* subscope, void* data, int32_t depth, uint32_t flags);
+
 #endif

@@ -24,15 +24,15 @@ static const uint8_t _ntAuthority[SID_AUTHORITY_SIZE] = {0, 0, 0, 0, 0, 5};
 static constexpr uint32_t _accountSubAuthority =
     21;  // the first one of every SID that a machine or domain issues
 
-/* The value "V" of the SAM's account key: a header, then a variable area. The machine SID's place is in the
+/* The value "V" of the SAM's account key: a header, then a variable area. The machine SID's offset is in the
  * header. */
 enum : uint32_t { SAM_SID_OFFSET_AT = 12, SAM_SID_LENGTH_AT = 16, SAM_VARIABLE_AT = 48 };
 static const WCHAR _accountKey[] = TEXT("Domains\\Account");
 static const WCHAR _accountValue[] = TEXT("V");
 
-static uint32_t _read32(const uint8_t* place) {
+static uint32_t _read32(const uint8_t* bytes) {
     uint32_t number;
-    memcpy(&number, place, sizeof number);  // both platforms are little-endian, as the formats are
+    memcpy(&number, bytes, sizeof number);  // both platforms are little-endian, as the formats are
     return number;
 }
 
@@ -162,7 +162,7 @@ int sidCheckPair(const uint8_t* sidOld, uint32_t sidOldSize, const uint8_t* sidN
 
 /* ---- Matching and patching ---- */
 
-/* What prefix mode compares and overwrites: all behind the count. */
+/* What prefix mode compares and overwrites: all after the count. */
 static bool _samePrefix(const uint8_t* sid, const uint8_t* sidOld, uint32_t size) {
     return memcmp(sid + SID_AUTHORITY_AT, sidOld + SID_AUTHORITY_AT, size - SID_AUTHORITY_AT) == 0;
 }
@@ -200,7 +200,7 @@ int sidReplaceInData(uint8_t* data, uint32_t length, const uint8_t* sidOld, cons
     if (length < size) return 0;
     const uint32_t anchor = 4 + 4u * sidOld[SID_COUNT_AT];
     const uint8_t anchorByte = sidOld[anchor];
-    uint8_t* const end = data + anchor + (length - size) + 1;  // behind the last place of an anchor
+    uint8_t* const end = data + anchor + (length - size) + 1;  // beyond the last offset of an anchor
     uint8_t* at = data + anchor;
     int result = 0;
     while (at < end) {
@@ -271,7 +271,7 @@ struct _patch {
     const UNICODE_STRING* name;
 };
 
-enum : uint32_t { ACE_SID_AT = 8 };  // behind the header and the access mask
+enum : uint32_t { ACE_SID_AT = 8 };  // after the header and the access mask
 
 /* Reports a failed call under the name of the operation that made it; gives the last error. */
 static DWORD _failedFor(const char* function, const char* call, const UNICODE_STRING* name) {
@@ -354,11 +354,12 @@ static constexpr SECURITY_INFORMATION _wholeDescriptor =
 static constexpr uint32_t _growthRoom = 256;  // bytes beyond what a read asks for
 static constexpr int _mostWrites = 2;         // what an owner and a group that both match take
 
-/* The operation, under whose name its helpers report. */
-static const char _replacing[] = "sidReplaceInFileSD";
+/* The operations, under whose names their helpers report. */
+static const char _replacingInFile[] = "sidReplaceInFileSD";
+static const char _replacingInKey[] = "sidReplaceInKeySD";
 
 static DWORD _failedForFile(const char* call, DWORD error, const WCHAR* path) {
-    OMBRA_LOG_AS(_replacing, OMBRA_ERROR, "Win API call %hs returned %d for %ws", call, error, path);
+    OMBRA_LOG_AS(_replacingInFile, OMBRA_ERROR, "Win API call %hs returned %d for %ws", call, error, path);
     return error;
 }
 
@@ -373,7 +374,7 @@ static DWORD _readFileSD(const WCHAR* path, int simulate, memBuf* buffer) {
         DWORD needed = 0;
         DWORD error = _getFileSecurity(path, buffer, &needed);
         if (error == ERROR_ACCESS_DENIED && !simulate && takeFileOwnership(path) == 0) {
-            OMBRA_LOG_AS(_replacing, OMBRA_WARN, "Original security attributes lost for %ws", path);
+            OMBRA_LOG_AS(_replacingInFile, OMBRA_WARN, "Original security attributes lost for %ws", path);
             error = _getFileSecurity(path, buffer, &needed);
         }
         if (error == 0) return 0;
@@ -395,7 +396,7 @@ static DWORD _writeFileSD(const WCHAR* path, const memBuf* buffer) {
     DWORD error = _setFileSecurity(path, buffer);
     if (error == ERROR_ACCESS_DENIED && takeFileOwnership(path) == 0) error = _setFileSecurity(path, buffer);
     if (error != 0) return _failedForFile("SetFileSecurity", error, path);
-    OMBRA_LOG_AS(_replacing, OMBRA_DEBUG, "Replaced old SID in file SD %ws", path);
+    OMBRA_LOG_AS(_replacingInFile, OMBRA_DEBUG, "Replaced old SID in file SD %ws", path);
     return 0;
 }
 
@@ -408,28 +409,6 @@ static UNICODE_STRING _counted(const WCHAR* path) {
     counted.MaximumLength = counted.Length;
     counted.Buffer = const_cast<WCHAR*>(path);
     return counted;
-}
-
-DWORD sidReplaceInFileSD(const WCHAR* path, const uint8_t* sidOld, const uint8_t* sidNew, uint32_t size,
-                         int exact, int simulate, memBuf* buffer) {
-    const UNICODE_STRING name = _counted(path);
-    for (int writes = 0;;) {
-        int touched = 0;
-        DWORD error = _readFileSD(path, simulate, buffer);
-        if (error == 0)
-            error = sidReplaceInSDInternal(buffer->data, sidOld, sidNew, size, &name, exact, &touched);
-        if (error != 0 || !touched) return error;
-        if (simulate) {
-            OMBRA_LOG(OMBRA_INFO, "Found old SID in file SD %ws (simulation mode)", path);
-            return 0;
-        }
-        if (++writes > _mostWrites) {
-            OMBRA_LOG(OMBRA_ERROR, "Failed to replace old SID in file SD %ws", path);
-            return ERROR_INTERNAL_ERROR;
-        }
-        error = _writeFileSD(path, buffer);
-        if (error != 0) return error;
-    }
 }
 
 /* ---- Descriptors of keys ---- */
@@ -449,28 +428,71 @@ DWORD sidQueryKeySD(HANDLE key, const UNICODE_STRING* name, memBuf* buffer) {
     }
 }
 
-DWORD sidReplaceInKeySD(HANDLE key, const UNICODE_STRING* name, const uint8_t* sidOld, const uint8_t* sidNew,
-                        uint32_t size, int exact, int simulate, memBuf* buffer) {
+static DWORD _writeKeySD(HANDLE key, const UNICODE_STRING* name, const memBuf* buffer) {
+    const LSTATUS error = RegSetKeySecurity(static_cast<HKEY>(key), _wholeDescriptor, buffer->data);
+    if (error != ERROR_SUCCESS) {
+        OMBRA_LOG_AS(_replacingInKey, OMBRA_ERROR, "Win API call %hs returned %d for %wZ",
+                     "RegSetKeySecurity", error, name);
+        return static_cast<DWORD>(error);
+    }
+    OMBRA_LOG_AS(_replacingInKey, OMBRA_DEBUG, "Replaced old SID in key SD %wZ", name);
+    return 0;
+}
+
+/* ---- Reading, patching and writing ---- */
+
+/* An object whose descriptor is patched: a file or directory by its path, or an open key. */
+struct _object {
+    const WCHAR* path;  // null for a key
+    HANDLE key;
+    const UNICODE_STRING* name;
+    int simulate;
+};
+
+/* Reports of two lines the one for this kind of object; both take its name. */
+static void _report(const _object* object, ombraLevel level, const char* ofFile, const char* ofKey) {
+    if (object->path != nullptr) {
+        OMBRA_LOG_AS(_replacingInFile, level, ofFile, object->path);
+    } else {
+        OMBRA_LOG_AS(_replacingInKey, level, ofKey, object->name);
+    }
+}
+
+/* Reads, patches and writes until a reading finds nothing left to patch. */
+static DWORD _replaceInSD(const _object* object, const uint8_t* sidOld, const uint8_t* sidNew, uint32_t size,
+                          int exact, memBuf* buffer) {
     for (int writes = 0;;) {
         int touched = 0;
-        DWORD error = sidQueryKeySD(key, name, buffer);
+        DWORD error = object->path != nullptr ? _readFileSD(object->path, object->simulate, buffer)
+                                              : sidQueryKeySD(object->key, object->name, buffer);
         if (error == 0)
-            error = sidReplaceInSDInternal(buffer->data, sidOld, sidNew, size, name, exact, &touched);
+            error = sidReplaceInSDInternal(buffer->data, sidOld, sidNew, size, object->name, exact, &touched);
         if (error != 0 || !touched) return error;
-        if (simulate) {
-            OMBRA_LOG(OMBRA_INFO, "Found old SID in key SD %wZ (simulation mode)", name);
+        if (object->simulate) {
+            _report(object, OMBRA_INFO, "Found old SID in file SD %ws (simulation mode)",
+                    "Found old SID in key SD %wZ (simulation mode)");
             return 0;
         }
         if (++writes > _mostWrites) {
-            OMBRA_LOG(OMBRA_ERROR, "Failed to replace old SID in key SD %wZ", name);
+            _report(object, OMBRA_ERROR, "Failed to replace old SID in file SD %ws",
+                    "Failed to replace old SID in key SD %wZ");
             return ERROR_INTERNAL_ERROR;
         }
-        const LSTATUS written = RegSetKeySecurity(static_cast<HKEY>(key), _wholeDescriptor, buffer->data);
-        if (written != ERROR_SUCCESS) {
-            OMBRA_LOG(OMBRA_ERROR, "Win API call %hs returned %d for %wZ", "RegSetKeySecurity", written,
-                      name);
-            return static_cast<DWORD>(written);
-        }
-        OMBRA_LOG(OMBRA_DEBUG, "Replaced old SID in key SD %wZ", name);
+        error = object->path != nullptr ? _writeFileSD(object->path, buffer)
+                                        : _writeKeySD(object->key, object->name, buffer);
+        if (error != 0) return error;
     }
+}
+
+DWORD sidReplaceInFileSD(const WCHAR* path, const uint8_t* sidOld, const uint8_t* sidNew, uint32_t size,
+                         int exact, int simulate, memBuf* buffer) {
+    const UNICODE_STRING name = _counted(path);
+    const _object file = {path, nullptr, &name, simulate};
+    return _replaceInSD(&file, sidOld, sidNew, size, exact, buffer);
+}
+
+DWORD sidReplaceInKeySD(HANDLE key, const UNICODE_STRING* name, const uint8_t* sidOld, const uint8_t* sidNew,
+                        uint32_t size, int exact, int simulate, memBuf* buffer) {
+    const _object object = {nullptr, key, name, simulate};
+    return _replaceInSD(&object, sidOld, sidNew, size, exact, buffer);
 }

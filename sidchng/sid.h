@@ -6,7 +6,7 @@
  *
  * Old and new SID have the same number of sub-authorities (sidCheckPair), so that a binary replacement
  * changes no size; size is that of each of them in bytes. In prefix mode the old SID and every SID that
- * begins with it match, and what stands behind the old SID's last sub-authority stays; in exact mode (exact
+ * begins with it match, and what follows the old SID's last sub-authority stays; in exact mode (exact
  * non-zero) the old SID alone matches. */
 #ifndef QUILLET_SIDCHNG_SID_H
 #define QUILLET_SIDCHNG_SID_H
@@ -42,7 +42,7 @@ int sidReplace(uint8_t* target, const uint8_t* sidOld, const uint8_t* sidNew, ui
 int sidReplaceInData(uint8_t* data, uint32_t length, const uint8_t* sidOld, const uint8_t* sidNew,
                      uint32_t size, int exact);
 
-/* 1 when text of this many bytes is the text form of the old SID, or, in prefix mode, goes on behind it with
+/* 1 when text of this many bytes is the text form of the old SID, or, in prefix mode, goes on after it with
  * a hyphen; else 0. */
 int sidMatchesText(const void* text, uint32_t length, const UNICODE_STRING* oldText, int exact);
 
@@ -56,7 +56,7 @@ DWORD sidReplaceInName(const UNICODE_STRING* name, UNICODE_STRING* result, const
 /* ---- Descriptors ---- */
 
 /* Patches the SIDs of one self-relative descriptor image in place: those of its lists' plain entries (types 0
- * to 3), its owner, or, where the owner does not match, its group; a group behind a matching owner takes a
+ * to 3), its owner, or, where the owner does not match, its group; a group beside a matching owner takes a
  * second pass. *touched becomes 1 when something was patched (it is never cleared). name is the object's, for
  * the messages. A Win32 code; after a failure the image must not be written back. */
 DWORD sidReplaceInSDInternal(void* descriptor, const uint8_t* sidOld, const uint8_t* sidNew, uint32_t size,

@@ -5,13 +5,14 @@
 #include "common/log.h"
 #include "common/wide.h"
 #include "regtk/regtk.h"
+#include "sidchng/reg.h"
 #include "sidchng/sid.h"
 
 /* ---- Seizing a file ---- */
 
 static const char _seizing[] = "takeFileOwnership";  // what its helpers report as
 
-/* The token's owner SID; *ownerRecord is filled with the record and the SID behind it. */
+/* The token's owner SID; *ownerRecord is filled with the record and the SID after it. */
 static DWORD _readTokenOwner(HANDLE token, uint8_t* ownerRecord, DWORD size, PSID* owner) {
     DWORD needed = size;
     if (!GetTokenInformation(token, TokenOwner, ownerRecord, size, &needed)) {
@@ -185,6 +186,26 @@ DWORD sidReplaceInPath(const WCHAR* path, uint32_t flags, const uint8_t* sidOld,
     }
     memBufFree(&walk.path);
     memBufFree(&walk.descriptor);
+    return error;
+}
+
+/* ---- Keys ---- */
+
+DWORD sidReplaceInKey(HANDLE key, uint32_t flags, const WCHAR* const* valueNames, const uint8_t* sidOld,
+                      uint32_t sidOldSize, const uint8_t* sidNew, uint32_t sidNewSize) {
+    if (!sidCheckPair(sidOld, sidOldSize, sidNew, sidNewSize)) return ERROR_INVALID_PARAMETER;
+    sidCtx ctx;
+    DWORD error = sidCtxInit(&ctx, sidOld, sidNew, sidNewSize, flags, valueNames);
+    if (error != 0) return error;
+    WCHAR nothing[] = TEXT("");
+    const UNICODE_STRING noName = {0, 0, nothing};
+    error = regReplaceSIDInKey(key, &noName, &ctx);
+    if ((flags & SID_RECURSIVE) != 0) {
+        ctx.lastError =
+            error;  // logged where it was met; one bad key does not end a walk, nor show in its result
+        error = regScan(key, regReplaceSIDCallback, 0, &ctx, REG_TAKE_OWNERSHIP);
+    }
+    sidCtxFree(&ctx);
     return error;
 }
 

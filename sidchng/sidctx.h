@@ -6,7 +6,7 @@
 #include "platform/nt.h"
 #include "sidchng/sidflags.h"
 
-constexpr uint32_t SID_TOLD = 32; /* values that the context remembers to have told of */
+constexpr uint32_t SID_WARNED = 32; /* values that the context remembers to have warned of */
 
 struct sidCtx {
     const uint8_t* sidOld; /* the SIDs and the list are the caller's and must outlive the context */
@@ -20,8 +20,8 @@ struct sidCtx {
     memBuf stringBuf;               /* a rewritten string */
     memBuf multiSzBuf;              /* a multi-string that is being assembled */
     DWORD lastError;                /* the last failure noted during the walk, 0 while there is none */
-    uint64_t told[SID_TOLD];        /* marks of the last values that were left alone with a word */
-    uint32_t toldNext;              /* how many there were in all */
+    uint64_t warned[SID_WARNED];    /* marks of the last values that were left alone with a warning */
+    uint32_t warnedNext;            /* how many there were in all */
 };
 
 /* Fills the context. A Win32 code; after a failure nothing is left to release. */

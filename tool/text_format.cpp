@@ -105,7 +105,7 @@ struct _directive {
     char conversion;
 };
 
-/* Reads the directive behind a "%"; gives the place behind it. */
+/* Reads the directive after a "%"; gives what follows it. */
 static const char* _readDirective(const char* format, _directive* directive) {
     *directive = {};
     for (; *format == '#' || *format == '0'; format++) {

@@ -26,7 +26,7 @@ void addText(textOutput* output, const char* format, ...);
 void addTextV(textOutput* output, const char* format, va_list arguments);
 
 /* Writes the text and releases its memory. On Windows a line ends in "\r\n", and the stream is standard
- * output or standard error. Elsewhere ferror tells of the stream whether all that was written got there. */
+ * output or standard error. Elsewhere ferror says of the stream whether all that was written got there. */
 void endText(textOutput* output);
 
 /* All of that for one format. */

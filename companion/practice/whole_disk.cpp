@@ -25,7 +25,7 @@ void put(ByteVector& bytes, size_t at, Number number) {
     memcpy(&bytes[at], &number, sizeof number);
 }
 
-/* The 12 bytes that tell the machine's SID from others. */
+/* The 12 bytes by which the machine's SID differs from others. */
 ByteVector seed(const Machine& machine) {
     const ByteVector sid = sidBytes(machine.sid);
     return {sid.end() - 12, sid.end()};
@@ -37,7 +37,7 @@ uint32_t mbrSignature(const Machine& machine) {
     return signature | 1; /* 0 is none */
 }
 
-/* A GUID of the form of a random one; number tells those of one machine apart. */
+/* A GUID of the form of a random one; number keeps those of one machine apart. */
 ByteVector guid(const Machine& machine, uint8_t number) {
     ByteVector out = seed(machine);
     out.insert(out.end(), {number, 'd', 'i', 's'});

@@ -61,7 +61,7 @@ struct AuditTest : ProgramTest {
 };
 
 /* The same places are left by a run, and every other one gets the new SID. */
-TEST_F(AuditTest, FindsBeforeARunWhatIsGoneBehindIt) {
+TEST_F(AuditTest, FindsBeforeARunWhatIsGoneAfterIt) {
     const std::string before = audit({"a.img", "--json"}, 1).out;
     ASSERT_EQ(quilletOffline({"run", "a.img", "--", "-q"}).status, 0);
     const std::string after = audit({"a.img", "--json", "--sid", practiceSid}, 0).out;

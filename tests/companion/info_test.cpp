@@ -100,13 +100,13 @@ TEST_F(Info, BelievesNoOffsetInTheAccounts) {
     const auto found = std::search(original.begin(), original.end(), std::begin(sid), std::end(sid));
     ASSERT_NE(found, original.end());
     /* the header lies before the descriptor, whose size is the SID's offset */
-    const auto place = static_cast<size_t>(found - original.begin());
+    const auto sidOffset = static_cast<size_t>(found - original.begin());
     size_t header = 0;
-    for (size_t at = place - 48; at > 4096 && header == 0; at -= 4) {
+    for (size_t at = sidOffset - 48; at > 4096 && header == 0; at -= 4) {
         uint32_t offset, length;
         memcpy(&offset, &original[at + 12], 4);
         memcpy(&length, &original[at + 16], 4);
-        if (length == 24 && at + 48 + offset == place) header = at;
+        if (length == 24 && at + 48 + offset == sidOffset) header = at;
     }
     ASSERT_NE(header, 0u);
     for (const auto& [at, number] : {std::pair<size_t, uint32_t>{header + 12, 0xFFFFFFF0},
@@ -114,7 +114,7 @@ TEST_F(Info, BelievesNoOffsetInTheAccounts) {
                                      {header + 12, 0},
                                      {header + 16, 0xFFFFFFFF},
                                      {header + 16, 28},
-                                     {place, 0x0F01}}) {
+                                     {sidOffset, 0x0F01}}) {
         std::vector<uint8_t> bytes = original;
         memcpy(&bytes[at], &number, sizeof number);
         OpenImage open(image, offline::DiskAccess::readWrite);

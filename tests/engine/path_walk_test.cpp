@@ -152,13 +152,13 @@ TEST_F(PathWalk, WholeTreeInOrder) {
     EXPECT_EQ(events.size(), 2u);
 }
 
-TEST_F(PathWalk, DepthEndsBehind256) {
+TEST_F(PathWalk, DepthEndsAfter256) {
     const std::u16string deepest = chain(256, u"d");
     EXPECT_EQ(walk(u"c:", SID_RECURSIVE | SID_REPLACE_SD), 0u);
     EXPECT_EQ(events.size(), 257u);
     for (const DWORD attributes : {file, directory}) {
         tree[deepest] = {{u"x", attributes}, {u"y", file}};
-        tree[u"\\\\?\\c:"] = {{u"d", directory}, {u"behind", file}};
+        tree[u"\\\\?\\c:"] = {{u"d", directory}, {u"after", file}};
         EXPECT_EQ(walk(u"c:", SID_RECURSIVE | SID_REPLACE_SD), DWORD{ERROR_INTERNAL_ERROR});
         ASSERT_EQ(events.size(), 259u);
         EXPECT_EQ(events[257], narrow(deepest + u"\\x"));
@@ -171,11 +171,11 @@ TEST_F(PathWalk, LongPathsKeepTheirParents) {
     const std::u16string name(255, u'n');
     std::u16string path = chain(30, name);
     Events expected;
-    while (path.size() > 6) {  // each directory has a file behind the next directory
+    while (path.size() > 6) {  // each directory has a file after the next directory
         expected.insert(expected.begin(), narrow(path));
         path.resize(path.rfind(u'\\'));
-        tree[path].push_back({u"behind", file});
-        expected.push_back(narrow(path + u"\\behind"));
+        tree[path].push_back({u"after", file});
+        expected.push_back(narrow(path + u"\\after"));
     }
     expected.insert(expected.begin(), "\\\\?\\c:");
     EXPECT_EQ(walk(u"c:", SID_RECURSIVE | SID_REPLACE_SD), 0u);

@@ -69,7 +69,7 @@ TEST_F(SidValues, MachineSidFromTheAccountValue) {
     // clang-format off
     const struct {
         const char* what; Account account; DWORD result;
-        std::string road; /* behind the opening of the key */
+        std::string road; /* after the opening of the key */
     } rows[] = {
         {"SID up to the last byte", {accountValue(72, 0)}, 0, "probe, read 72, close"},
         {"probe answered with 234", {accountValue(80, 8), REG_BINARY, 234}, 0, "probe, read 80, close"},

@@ -14,6 +14,7 @@
 #include "platform/offline/descriptor/sid_format.h"
 #include "platform/offline/files/drives.h"
 #include "platform/offline/security/security.h"
+#include "tests/support/privileges.h"
 
 namespace offline {
 
@@ -52,13 +53,6 @@ inline ByteVector readDescriptor(const std::u16string& path, SECURITY_INFORMATIO
     if (!GetFileSecurityW(path.c_str(), information, bytes.data(), 65536, &needed)) return {};
     bytes.resize(needed);
     return bytes;
-}
-
-inline void enablePrivilege(DWORD privilege, DWORD attributes = SE_PRIVILEGE_ENABLED) {
-    HANDLE token = nullptr;
-    TOKEN_PRIVILEGES privileges = {1, {{{privilege, 0}, attributes}}};
-    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, &token));
-    EXPECT_TRUE(AdjustTokenPrivileges(token, FALSE, &privileges, 0, nullptr, nullptr) && CloseHandle(token));
 }
 
 /* A call failed, and with this last error. */

@@ -169,7 +169,7 @@ TEST(Broken, BaseBlockTellsWhatAFileIs) {
 
 /* A base block may name fewer bins than there are: they count when the hive is whole with them and only then.
  */
-TEST(Broken, BinsBehindTheStatedEnd) {
+TEST(Broken, BinsAfterTheStatedEnd) {
     const ByteVector whole = hiveImage(*variedHive(5));
     const uint32_t size = numberAt(whole, base::binsSize.at);
     size_t last = 0;

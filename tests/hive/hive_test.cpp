@@ -86,12 +86,12 @@ TEST_P(Versions, FiveThousandChildrenComeAndGo) {
 }
 
 TEST_P(Versions, FullLeafIsSplitWhereverTheNewKeyGoes) {
-    for (const size_t place : {0u, 504u, 505u, 506u, 507u, 1011u}) {
+    for (const size_t index : {0u, 504u, 505u, 506u, 507u, 1011u}) {
         const HivePtr hive = newHive(GetParam());
         for (size_t i = 0; i < 1012; i++) made(*hive, hiveRoot(*hive), digits(10000 + i));
-        made(*hive, hiveRoot(*hive), digits(10000 + place) + u"a");
-        ASSERT_EQ(faultOf(hiveImage(*hive)), "") << place;
-        EXPECT_EQ(childNames(*hive).at(place + 1), digits(10000 + place) + u"a");
+        made(*hive, hiveRoot(*hive), digits(10000 + index) + u"a");
+        ASSERT_EQ(faultOf(hiveImage(*hive)), "") << index;
+        EXPECT_EQ(childNames(*hive).at(index + 1), digits(10000 + index) + u"a");
     }
 }
 
@@ -200,18 +200,18 @@ void change(Hive& hive, Content& root, Random& random) {
     const auto seed = static_cast<uint32_t>(random.below(9));
     const std::u16string name = random.name();
     const auto isValue = [&](const auto& one) { return equalFolded(get<0>(one), name); };
-    const auto isBehind = [&](const Content& one) { return compareFolded(one.name, name) >= 0; };
+    const auto isAfter = [&](const Content& one) { return compareFolded(one.name, name) >= 0; };
     auto& values = key->values;
     const auto value = std::find_if(values.begin(), values.end(), isValue);
     const bool there = value != values.end();
     if (what < 3) {
-        const auto place = std::find_if(key->subkeys.begin(), key->subkeys.end(), isBehind);
-        const bool taken = place != key->subkeys.end() && equalFolded(place->name, name);
+        const auto next = std::find_if(key->subkeys.begin(), key->subkeys.end(), isAfter);
+        const bool taken = next != key->subkeys.end() && equalFolded(next->name, name);
         Cell child = noCell;
         const Content fresh{name, random.data(), someDescriptor(seed), {}, {}};
         ASSERT_EQ(hiveCreateSubkey(hive, cell, name, fresh.classText, fresh.descriptor, 0, 1, child),
                   taken ? STATUS_OBJECT_NAME_COLLISION : STATUS_SUCCESS);
-        if (!taken) key->subkeys.insert(place, fresh);
+        if (!taken) key->subkeys.insert(next, fresh);
     } else if (what < 6) {
         const ByteVector data = random.data();
         ASSERT_GE(hiveSetValue(hive, cell, name, seed, data, 1), 0);

@@ -177,7 +177,7 @@ void Keys::mount(const std::u16string& name) {
 
 HANDLE Keys::make(const std::u16string& path) {
     HANDLE key = nullptr;
-    for (size_t end = path.find(u'\\', 18); end != path.npos;) {  // behind the machine's root
+    for (size_t end = path.find(u'\\', 18); end != path.npos;) {  // after the machine's root
         end = path.find(u'\\', end + 1);
         EXPECT_EQ(createKey(key, path.substr(0, end), {}), STATUS_SUCCESS) << toUtf8(path);
         handles.push_back(key);

@@ -49,7 +49,7 @@ struct Keys : RegistryTest {
     static void mount(const std::u16string& name);
     HANDLE make(const std::u16string& path);
 
-    /* Keys by their paths, "OLD" for the old SID, with blanks between; each stands behind its parent. */
+    /* Keys by their paths, "OLD" for the old SID, with blanks between; each stands after its parent. */
     void grow(const std::string& paths);
     void clear(const std::string& names); /* keys below the root, with all that they hold */
     void set(std::string_view path, std::string_view name, ULONG type, const ByteVector& data);
@@ -60,7 +60,7 @@ struct Keys : RegistryTest {
     std::string classOf(std::string_view path);
     bool there(std::string_view path);
 
-    /* Everything below a key in the order of the enumeration: "a(x y) b()"; "@" behind a link. */
+    /* Everything below a key in the order of the enumeration: "a(x y) b()"; "@" after a link. */
     std::string tree(std::string_view path);
 
     /* What an operation logs, but for single SIDs and descriptors, and its code: "line, line, code". It must

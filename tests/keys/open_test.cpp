@@ -112,7 +112,7 @@ TEST_F(Open, OutcomesOfTheRecovery) {
         /* of the opens: READ_CONTROL, WRITE_OWNER, WRITE_DAC, the second attempt, both WRITEs */
         std::vector<NTSTATUS> opens; bool saves;
         Fate fate;         /* the old descriptor's; "put" also where it was not taken */
-        std::string lines; /* behind the first attempt's */
+        std::string lines; /* after the first attempt's */
         uint32_t flags = 0; std::vector<Fault> faults = {}; const char* refused = ""; int token = 0;
     } rows[] = {
         {{}, !saves, put, "taking, open, 0"},

@@ -50,13 +50,13 @@ TEST_F(Paths, Tables) {
     }
 }
 
-/* The built-in table: its places below a machine that has them all. */
+/* The built-in table: its keys below a machine that has them all. */
 TEST_F(Paths, Selected) {
     const struct {
         const char16_t* path; /* from the hive's name on */
         const char* name;
         bool values, names;
-    } places[] = {
+    } rows[] = {
         {u"SECURITY\\Policy", "any", true, true},
         {u"SECURITY\\SAM\\Domains", "any", true, true},
         {u"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", "any", false, true},
@@ -70,18 +70,18 @@ TEST_F(Paths, Selected) {
     };
     const std::u16string machine = u"\\Registry\\Machine\\", oldWide = wide(oldText);
     for (const char16_t* name : {u"SECURITY", u"SOFTWARE", u"SYSTEM"}) mount(name);
-    for (const auto& place : places) {
-        const HANDLE key = make(machine + place.path + u"\\sub\\" + oldWide);
-        EXPECT_GE(setText(key, wide(place.name), REG_SZ, oldWide), 0);
+    for (const auto& row : rows) {
+        const HANDLE key = make(machine + row.path + u"\\sub\\" + oldWide);
+        EXPECT_GE(setText(key, wide(row.name), REG_SZ, oldWide), 0);
     }
     EXPECT_EQ(sidReplaceInSelectedKeys(HKEY_LOCAL_MACHINE, 0, oldSid.data(), 24, newSid.data(), 24), 0u);
-    for (const auto& place : places) {
-        const HANDLE key = open(machine + place.path + u"\\sub\\" + wide(place.names ? newText : oldText));
+    for (const auto& row : rows) {
+        const HANDLE key = open(machine + row.path + u"\\sub\\" + wide(row.names ? newText : oldText));
         WCHAR data[64] = {};
         DWORD size = sizeof data;
-        RegQueryValueExW(asHkey(key), wide(place.name).c_str(), nullptr, nullptr,
-                         reinterpret_cast<BYTE*>(data), &size);
-        EXPECT_EQ(data, wide(place.values ? newText : oldText)) << toUtf8(place.path) << " " << place.name;
+        RegQueryValueExW(asHkey(key), wide(row.name).c_str(), nullptr, nullptr, reinterpret_cast<BYTE*>(data),
+                         &size);
+        EXPECT_EQ(data, wide(row.values ? newText : oldText)) << toUtf8(row.path) << " " << row.name;
     }
 }
 

@@ -180,7 +180,7 @@ TEST_F(Names, AnySingleFailure) {
         for (const LONG code :
              {native ? LONG{STATUS_UNSUCCESSFUL} : 31, native ? LONG{STATUS_ACCESS_DENIED} : 5}) {
             int made = 0;
-            const int first = std::string_view(call) == "ZwOpenKey" ? 1 : 0;  // behind the test's own
+            const int first = std::string_view(call) == "ZwOpenKey" ? 1 : 0;  // after the test's own
             for (int after = first; after == first || after < made; after++) {
                 build();
                 refuse({{call, "", code, after, 1}});

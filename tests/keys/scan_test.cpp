@@ -161,7 +161,7 @@ TEST_F(Scan, PredefinedHandle) {
     EXPECT_EQ(callsMade["ZwClose"], 2);  // of "b" and of the scanned key
 }
 
-TEST_F(Scan, NoMemoryAtAnyPlace) {
+TEST_F(Scan, NoMemoryAtAnyStep) {
     const std::string name(200, 'n');
     grow("a a\\" + name + " a\\" + name + "\\" + name + " b");
     allocationsLeft = 1000;
@@ -171,7 +171,7 @@ TEST_F(Scan, NoMemoryAtAnyPlace) {
     for (int i = 0; i < needed; i++) {
         allocationsLeft = i;
         EXPECT_EQ(scan(), 8u) << i;
-        const std::string line = events.back();  // of the memory layer, or a post-call behind it
+        const std::string line = events.back();  // of the memory layer, or a post-call after it
         EXPECT_TRUE(line[0] == '-' || line.starts_with("ERROR ombra")) << line;
     }
 }

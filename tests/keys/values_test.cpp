@@ -57,15 +57,15 @@ TEST_F(Values, TypesAndShapes) {
         {"terminated", REG_SZ, was(nul), {}},
         {"with a tail", REG_SZ, was(u"-1001_Classes" + nul),
          {is(u"-1001_Classes" + nul), was(u"-1001_Classes" + nul)}},
-        {"a hyphen behind", REG_SZ, was(u"-"), {is(u"-"), was(u"-")}},
+        {"a hyphen after", REG_SZ, was(u"-"), {is(u"-"), was(u"-")}},
         {"another number", REG_SZ, was(u"0-1"), {}},
         {"another tail", REG_SZ, was(u"_Classes"), {}},
         {"not at the head", REG_SZ, chars(u" " + oldWide), {}},
         {"another case", REG_SZ, chars(u"s" + oldWide.substr(1)), {}},
         {"one character short", REG_SZ, chars(oldWide.substr(0, oldWide.size() - 1)), {}},
         {"odd tail", REG_SZ, was(u"-1") + odd, {is(u"-1") + odd, was(u"-1") + odd}},
-        {"half a character behind", REG_SZ, was() + odd, {}},
-        {"half a hyphen behind", REG_SZ, was() + ByteVector{'-'}, {}},
+        {"half a character after", REG_SZ, was() + odd, {}},
+        {"half a hyphen after", REG_SZ, was() + ByteVector{'-'}, {}},
         {"65,535 afterwards", REG_SZ, was(most) + odd, {is(most) + odd, was(most) + odd}},
         {"65,536 afterwards", REG_SZ, was(most + u"y"), {}},
         {"expandable", REG_EXPAND_SZ, was(u"-1"), {}},
@@ -82,12 +82,12 @@ TEST_F(Values, TypesAndShapes) {
         {"a NUL", REG_MULTI_SZ, chars(nul), {}},
         {"first and third", REG_MULTI_SZ, was(nul + other + oldWide + u"-7" + nul + nul),
          {is(nul + other + newWide + u"-7" + nul + nul), is(nul + other + oldWide + u"-7" + nul + nul)}},
-        {"behind an empty one", REG_MULTI_SZ, chars(nul + nul + oldWide + nul + oldWide + nul),
+        {"after an empty one", REG_MULTI_SZ, chars(nul + nul + oldWide + nul + oldWide + nul),
          {chars(nul + nul + newWide + nul + newWide + nul)}},
         {"unended", REG_MULTI_SZ, chars(u"a" + nul + oldWide), {chars(u"a" + nul + newWide)}},
         {"odd end", REG_MULTI_SZ, was(nul + oldWide + u"-1") + odd,
          {is(nul + newWide + u"-1") + odd, is(nul + oldWide + u"-1") + odd}},
-        {"odd behind a NUL", REG_MULTI_SZ, was(nul) + odd, {is(nul) + odd}},
+        {"odd after a NUL", REG_MULTI_SZ, was(nul) + odd, {is(nul) + odd}},
         {"200,000 in all", REG_MULTI_SZ, was(nul) + ByteVector(200000) + was(nul),
          {is(nul) + ByteVector(200000) + is(nul)}},
     };
@@ -118,7 +118,7 @@ TEST_F(Values, ShrinkingStrings) {
 }
 
 /* A string that no counted string can hold is left; its neighbours are treated. Where it holds the old SID
- * that is told, by its place and its head. */
+ * that is reported, by its path and its head. */
 TEST_F(Values, StringsTooLong) {
     const std::u16string tail = u"-" + std::u16string(32760, 'y');
     const ByteVector held = was(tail.substr(0, 32727)), foreign = chars(u"x" + oldWide + tail);
@@ -232,7 +232,7 @@ TEST_F(Values, NoMemory) {
     EXPECT_EQ(get("k", "v"), before);
 }
 
-/* The walk goes on behind a failing key, whose subtree is treated as well; the result is the scan's. */
+/* The walk goes on after a failing key, whose subtree is treated as well; the result is the scan's. */
 TEST_F(Values, Walk) {
     const struct {
         Fault fault;

@@ -16,6 +16,7 @@
 #include "platform/offline/descriptor/sid_format.h"
 #include "platform/offline/registry/registry.h"
 #include "platform/offline/security/security.h"
+#include "tests/support/privileges.h"
 
 namespace offline {
 
@@ -172,7 +173,7 @@ inline NTSTATUS tryOpen(std::u16string_view path, const KeyCall& call = {}) {
     return status;
 }
 
-/* The name of a key's child as ZwEnumerateKey gives it, "" behind the last. */
+/* The name of a key's child as ZwEnumerateKey gives it, "" after the last. */
 inline std::string childOf(HANDLE key, ULONG index) {
     KEY_BASIC_INFORMATION record[32];
     ULONG length = 0;
@@ -180,7 +181,7 @@ inline std::string childOf(HANDLE key, ULONG index) {
     return toUtf8({record->Name, record->NameLength / sizeof(WCHAR)});
 }
 
-/* All of them, each with a blank behind it. */
+/* All of them, each with a blank after it. */
 inline std::string children(HANDLE key) {
     std::string names;
     for (ULONG i = 0; !childOf(key, i).empty(); i++) names += childOf(key, i) + " ";
@@ -192,14 +193,6 @@ inline std::string nameOf(HANDLE key) {
     ULONG length = 0;
     if (ZwQueryKey(key, KeyBasicInformation, record, sizeof record, &length) < 0) return "?";
     return toUtf8({record->Name, record->NameLength / sizeof(WCHAR)});
-}
-
-inline void enablePrivilege(uint32_t luid) {
-    HANDLE token = nullptr;
-    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token));
-    TOKEN_PRIVILEGES state = {1, {{{luid, 0}, SE_PRIVILEGE_ENABLED}}};
-    EXPECT_TRUE(AdjustTokenPrivileges(token, FALSE, &state, sizeof state, nullptr, nullptr));
-    CloseHandle(token);
 }
 
 } /* namespace offline */

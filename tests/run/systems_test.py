@@ -61,7 +61,7 @@ class RealSystems(ImageCase):
         open_to_all = sum(control & 4 and dacl == 0 for key in keys for control, dacl in [struct.unpack_from("<H12xI", key, 2)])
         self.assertEqual(open_to_all - 107, 123)  # renamed keys that refused, and what is below them
         kept = sum(descriptors.sid(machine)[2:24] in key for key in keys)
-        self.assertEqual(kept, 22)  # keys that refused, with their own descriptor again, and what lies behind one that can't be taken
+        self.assertEqual(kept, 22)  # keys that refused, with their own descriptor again, and what lies below one that can't be taken
         said = subprocess.run([auditor, image, after], capture_output=True, text=True).stdout
         faults = re.findall(r"^(\S.*): (\d+)$", said, re.M)  # the one more is the owner of the key that can't be taken
         self.assertEqual(faults, [("file descriptor", "7"), ("key descriptor", str(open_to_all + kept + 1))], said)

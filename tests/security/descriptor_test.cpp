@@ -91,14 +91,14 @@ TEST(Descriptor, EntriesOfALongListInAnyOrder) {
     std::vector<Image> entries;
     for (uint32_t i = 0; i < 2500; i++)
         entries.push_back(i % 3 == 0 ? Image{99, 0, 4, 0} : ace(0, 0, i, i % 3 == 1 ? users : everyone));
-    std::vector<size_t> places = {8};
-    for (const Image& one : entries) places.push_back(places.back() + one.size());
+    std::vector<size_t> offsets = {8};
+    for (const Image& one : entries) offsets.push_back(offsets.back() + one.size());
     const Exact bytes(acl(entries));
     auto* const list = reinterpret_cast<PACL>(bytes.bytes.get());
     const auto expectEntry = [&](size_t index) {
         LPVOID found = nullptr;
         ASSERT_TRUE(GetAce(list, static_cast<DWORD>(index), &found)) << index;
-        ASSERT_EQ(found, bytes.bytes.get() + places[index]) << index;
+        ASSERT_EQ(found, bytes.bytes.get() + offsets[index]) << index;
         if (entries[index].size() > 12) memset(static_cast<uint8_t*>(found) + 16, 0xFF, 4);
     };
     for (size_t i = 0; i < entries.size(); i++) expectEntry(i);
@@ -113,9 +113,9 @@ TEST(Descriptor, EntriesOfALongListInAnyOrder) {
     }
     // Another list at the same address, with the same header: two entries that changed places.
     expectEntry(4);
-    memcpy(&bytes.bytes[places[3]], entries[4].data(), entries[4].size());
-    memcpy(&bytes.bytes[places[3] + entries[4].size()], entries[3].data(), entries[3].size());
-    places[4] = places[3] + entries[4].size();
+    memcpy(&bytes.bytes[offsets[3]], entries[4].data(), entries[4].size());
+    memcpy(&bytes.bytes[offsets[3] + entries[4].size()], entries[3].data(), entries[3].size());
+    offsets[4] = offsets[3] + entries[4].size();
     expectEntry(3);
     expectEntry(4);
     expectEntry(5);
@@ -299,11 +299,11 @@ TEST(Hostile, OneRuleEach) {
         // clang-format off
         {"revision", {{0, 2}}}, {"not self-relative", {{3, 0}}}, {"sub-authorities", {{21, 16}}},
         {"owner inside the header", {{4, 12}, {12, 1}}}, {"owner off by two", {{4, off}}},
-        {"owner behind the end", {{5, 1}}}, {"owner across the group", {{21, 6}}},
+        {"owner beyond the end", {{5, 1}}}, {"owner across the group", {{21, 6}}},
         {"owner inside the list", {{4, list + 16}}}, {"group is the list", {{8, list}}},
         {"audits in an entry of the list", {{3, 0x80}, {2, 0x14}, {12, list + 20}, {list + 20, 2}, {list + 22, 8}}},
         {"list revision below", {{list, 1}}}, {"list revision above", {{list, 5}}},
-        {"list behind the end", {{list + 2, 0xFF}}}, {"list below its header", {{list + 2, 4}}},
+        {"list beyond the end", {{list + 2, 0xFF}}}, {"list below its header", {{list + 2, 4}}},
         {"one entry too many", {{list + 4, 3}}}, {"entry of no size", {{list + 10, 0}}},
         {"entry of an odd size", {{list + 8 + 24 + 2, 26}}}, {"entry below its SID", {{list + 10, 12}}},
         {"SID beyond its entry", {{list + 17, 15}}},

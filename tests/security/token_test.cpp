@@ -54,7 +54,7 @@ struct TokenTest : testing::Test {
     ~TokenTest() override { CloseHandle(token); }
 };
 
-TEST_F(TokenTest, RecordsPointBehindThemselves) {
+TEST_F(TokenTest, RecordsPointPastThemselves) {
     const std::tuple<AccessMode, TOKEN_INFORMATION_CLASS, DWORD, std::string> rows[] = {
         {AccessMode::checked, TokenUser, 44, self},
         {AccessMode::checked, TokenOwner, 24, admins},

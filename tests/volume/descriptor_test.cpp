@@ -34,11 +34,11 @@ struct DescriptorTest : images::ImageTest {
         EXPECT_NE(report.find("No errors were found"), std::string::npos) << report;
     }
     /* Where a file's record lies in the image; its MFT is in one piece. */
-    static size_t recordPlace(const ByteVector& bytes, FileRef file) {
+    static size_t recordOffset(const ByteVector& bytes, FileRef file) {
         return images::get<uint64_t>(bytes, 0x30) * bytes[0x0D] * 512 + (file & 0xFFFFFFFF) * 1024;
     }
-    static size_t securityIdPlace(const ByteVector& bytes, FileRef file) {
-        size_t record = recordPlace(bytes, file);
+    static size_t securityIdOffset(const ByteVector& bytes, FileRef file) {
+        size_t record = recordOffset(bytes, file);
         return record + images::get<uint16_t>(bytes, record + 20) + 24 + 52;
     }
 };
@@ -60,7 +60,7 @@ TEST_F(DescriptorTest, KeptByteForByteAndShared) {
     put<uint16_t>(large, 66, static_cast<uint16_t>(8 + 1600 * 36));
     put<uint16_t>(large, 68, 1600);
     shapes.push_back(large);
-    shapes.push_back(descriptor(950)); /* bytes behind the last part */
+    shapes.push_back(descriptor(950)); /* bytes after the last part */
     shapes.back().resize(shapes.back().size() + 8, 0x5A);
 
     std::vector<FileRef> files;
@@ -99,7 +99,7 @@ TEST_F(DescriptorTest, EveryValidOneIsStored) {
         [](ByteVector& bytes) { put<uint32_t>(bytes, 8, 0); },                /* no group */
         [](ByteVector& bytes) { bytes[64] = 3; },                             /* revision of the list */
         [](ByteVector& bytes) { put<uint16_t>(bytes, 2, SE_SELF_RELATIVE); }, /* the list's present bit */
-        [](ByteVector& bytes) { bytes[81] = 4; }, /* bytes behind the SID of an entry */
+        [](ByteVector& bytes) { bytes[81] = 4; }, /* bytes after the SID of an entry */
         [](ByteVector& bytes) { bytes[49] = 0; }, /* a group without sub-authorities */
         [](ByteVector& bytes) { bytes[81] = 0; }, /* and an entry */
         [](ByteVector& bytes) {
@@ -268,8 +268,8 @@ TEST_F(DescriptorTest, NeverInvented) {
         ASSERT_EQ(opened.close(), STATUS_SUCCESS);
     }
     ByteVector bytes = images::readFile(image);
-    put<uint32_t>(bytes, securityIdPlace(bytes, dangling), 0x7777);
-    put<uint32_t>(bytes, securityIdPlace(bytes, without), 0);
+    put<uint32_t>(bytes, securityIdOffset(bytes, dangling), 0x7777);
+    put<uint32_t>(bytes, securityIdOffset(bytes, without), 0);
     const ByteVector stored = descriptor(3);
     size_t copies = 0;
     for (auto at = bytes.begin();; ++at) { /* its two copies in $SDS */

@@ -157,7 +157,7 @@ TEST_F(DiskTest, RefusesRangesBeyondTheEnd) {
     EXPECT_EQ(std::filesystem::file_size(path("disk")), 1000u);
 }
 
-/* More than the cache holds, in pieces of every size and place, against the same bytes kept in memory. */
+/* More than the cache holds, in pieces of every size and offset, against the same bytes kept in memory. */
 TEST_F(DiskTest, CacheReadsWhatWasWritten) {
     constexpr size_t size = 40 * images::mebibyte + 777;
     ByteVector model(size);
@@ -190,8 +190,8 @@ TEST_F(DiskTest, HolesStayHoles) {
     std::filesystem::resize_file(path("disk"), 64 * images::mebibyte);
     DiskPtr disk = opened(path("disk"));
     ByteVector piece(1024, 1);
-    for (uint64_t place = 0; place < 64; ++place) {
-        ASSERT_EQ(diskRead(*disk, place * images::mebibyte, piece), STATUS_SUCCESS);
+    for (uint64_t index = 0; index < 64; ++index) {
+        ASSERT_EQ(diskRead(*disk, index * images::mebibyte, piece), STATUS_SUCCESS);
     }
     piece.assign(1024, 1);
     ASSERT_EQ(diskWrite(*disk, 5 * images::mebibyte, piece), STATUS_SUCCESS);
@@ -217,7 +217,7 @@ TEST_F(DiskTest, AFailedWriteBackIsToldOnceAndTriedAgain) {
     EXPECT_EQ(images::readFile(path("disk"))[4096], 9);
 }
 
-TEST_F(DiskTest, NothingIsLostWhenTheDiskIsFullBehindTheCache) {
+TEST_F(DiskTest, NothingIsLostWhenTheDiskIsFullBelowTheCache) {
     images::writeFile(path("disk"), {});
     std::filesystem::resize_file(path("disk"), 24 * images::mebibyte);
     DiskPtr disk = opened(path("disk"));
@@ -234,7 +234,7 @@ TEST_F(DiskTest, NothingIsLostWhenTheDiskIsFullBehindTheCache) {
     EXPECT_EQ(diskSync(*disk), STATUS_SUCCESS); /* what was refused on the way waited, and is written now */
     disk.reset();
     ByteVector result = images::readFile(path("disk"));
-    for (uint64_t place = 0; place + 1024 < written; place += 1024) ASSERT_EQ(result[place], 3) << place;
+    for (uint64_t at = 0; at + 1024 < written; at += 1024) ASSERT_EQ(result[at], 3) << at;
 }
 
 TEST_F(DiskTest, AFailedSyncStaysAnError) {

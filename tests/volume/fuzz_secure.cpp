@@ -23,7 +23,7 @@ constexpr uint32_t files = 250;
 int device = -1;
 std::string path;
 Image sound;
-std::vector<size_t> targets; /* the places that blows fall upon */
+std::vector<size_t> targets; /* the offsets that are struck */
 
 void demand(bool fulfilled) {
     if (!fulfilled) std::abort();

@@ -52,7 +52,7 @@ TEST_F(SecureIndexes, EveryDamageIsRefusedBeforeAChange) {
     };
     // clang-format off
     const Damage damages[] = {
-        {"data before the key", 0, 4, 2}, {"data behind the entry", 0, 4000, 2}, {"data too long", 2, 2048, 2},
+        {"data before the key", 0, 4, 2}, {"data after the entry", 0, 4000, 2}, {"data too long", 2, 2048, 2},
         {"entry without a size", 8, 0, 2}, {"entry of an odd size", 8, 41, 2}, {"entry beyond the node", 8, 0xFFF8, 2},
         {"key of another size", 10, 12, 2}, {"a subnode where there is none, or none", 12, 1, 1},
         {"the key above the next", 16, 0xFFFFFFFF, 4},
@@ -113,7 +113,7 @@ TEST_F(SecureIndexes, TheRootsAndTheBitmaps) {
 TEST_F(SecureIndexes, TheStreamHasToAgree) {
     const size_t entry = blocks[0] + 24 + images::get<uint32_t>(sound, blocks[0] + 24);
     const size_t data = entry + images::get<uint16_t>(sound, entry);
-    for (const size_t field : {size_t{0}, size_t{4}, size_t{8}, size_t{16}}) { /* hash, id, place, length */
+    for (const size_t field : {size_t{0}, size_t{4}, size_t{8}, size_t{16}}) { /* hash, id, offset, length */
         ByteVector image = sound;
         image[data + field] ^= 1;
         EXPECT_NE(verdict(image).find("index of security descriptors"), std::string::npos) << field;

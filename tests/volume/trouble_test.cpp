@@ -24,32 +24,32 @@ struct TroubleTest : images::ImageTest {
     }
 };
 
-/* The places of a volume's flags, in the MFT and in its mirror. */
-std::vector<size_t> flagPlaces(const ByteVector& image) {
+/* The offsets of a volume's flags, in the MFT and in its mirror. */
+std::vector<size_t> flagOffsets(const ByteVector& image) {
     const size_t cluster = image[0x0D] * size_t{512};
-    std::vector<size_t> places;
+    std::vector<size_t> offsets;
     for (size_t start : {size_t{0x30}, size_t{0x38}}) {
         const size_t record = images::get<uint64_t>(image, start) * cluster + size_t{3} * 1024;
         size_t at = record + images::get<uint16_t>(image, record + 20);
         while (images::get<uint32_t>(image, at) != 0x70) at += images::get<uint32_t>(image, at + 4);
-        places.push_back(at + images::get<uint16_t>(image, at + 20) + 10);
+        offsets.push_back(at + images::get<uint16_t>(image, at + 20) + 10);
     }
-    return places;
+    return offsets;
 }
 
 TEST_F(TroubleTest, FlagsWithoutANameSurviveAChange) {
     ByteVector image = ntfs();
-    for (size_t place : flagPlaces(image)) images::put<uint16_t>(image, place, 0x0180);
+    for (size_t offset : flagOffsets(image)) images::put<uint16_t>(image, offset, 0x0180);
     images::writeFile(path("volume.img"), image);
     OpenVolume opened(path("volume.img"));
     ASSERT_NE(opened.volume, nullptr) << opened.problem.text;
     make(opened, u"file");
     ASSERT_EQ(volumeFlush(opened.get()), STATUS_SUCCESS);
     image = images::readFile(path("volume.img"));
-    for (size_t place : flagPlaces(image)) EXPECT_EQ(images::get<uint16_t>(image, place), 0x0181);
+    for (size_t offset : flagOffsets(image)) EXPECT_EQ(images::get<uint16_t>(image, offset), 0x0181);
     ASSERT_EQ(opened.close(), STATUS_SUCCESS);
     image = images::readFile(path("volume.img"));
-    for (size_t place : flagPlaces(image)) EXPECT_EQ(images::get<uint16_t>(image, place), 0x0180);
+    for (size_t offset : flagOffsets(image)) EXPECT_EQ(images::get<uint16_t>(image, offset), 0x0180);
 }
 
 TEST_F(TroubleTest, AFailedChangeKeepsNoOtherFromTheMedium) {
@@ -64,8 +64,8 @@ TEST_F(TroubleTest, AFailedChangeKeepsNoOtherFromTheMedium) {
     EXPECT_NE(images::outputOf("ntfsinfo -fm " + path("volume.img")).find("0x0001 DIRTY"), std::string::npos);
 }
 
-/* The places of a file's MFT record, by the name that is in it. */
-size_t recordPlace(const ByteVector& image, std::u16string_view name) {
+/* The offset of a file's MFT record, by the name that is in it. */
+size_t recordOffset(const ByteVector& image, std::u16string_view name) {
     const std::string_view wanted(reinterpret_cast<const char*>(name.data()), name.size() * 2);
     const std::string_view all(reinterpret_cast<const char*>(image.data()), image.size());
     for (size_t at = 0; at + 1024 <= image.size(); at += 1024) {
@@ -171,10 +171,10 @@ TEST_F(TroubleTest, DamageIsRememberedOnceForAFile) {
         ASSERT_EQ(opened.close(), STATUS_SUCCESS);
     }
     ByteVector image = images::readFile(path("volume.img"));
-    images::putText(image, recordPlace(image, u"broken") + 510,
+    images::putText(image, recordOffset(image, u"broken") + 510,
                     "??"); /* where the update sequence is checked */
     size_t blocks =
-        recordPlace(image, u"headless"); /* the attribute that says where the index's blocks are */
+        recordOffset(image, u"headless"); /* the attribute that says where the index's blocks are */
     ASSERT_NE(blocks, 0u);
     blocks += images::get<uint16_t>(image, blocks + 20);
     while (images::get<uint32_t>(image, blocks) != 0xA0) blocks += images::get<uint32_t>(image, blocks + 4);

@@ -346,7 +346,7 @@ TEST_F(VolumeTest, Contents) {
     Volume& volume = opened.get();
     FileRef file = make(opened, u"file");
     ByteVector model, read;
-    /* In the record, grown out of it, written within, grown further, behind a gap. */
+    /* In the record, grown out of it, written within, grown further, after a gap. */
     struct {
         uint64_t offset;
         size_t count;
@@ -386,17 +386,17 @@ TEST_F(VolumeTest, DamagedMetadata) {
         ASSERT_EQ(opened.close(), STATUS_SUCCESS);
     }
     const ByteVector sound = images::readFile(image);
-    std::vector<size_t> places;
+    std::vector<size_t> offsets;
     for (size_t at = 0; at < sound.size(); at += 1024) {
         bool metadata = std::memcmp(&sound[at], "FILE", 4) == 0 || std::memcmp(&sound[at], "INDX", 4) == 0;
-        if (metadata) places.push_back(at);
+        if (metadata) offsets.push_back(at);
     }
     std::mt19937 random(7);
     size_t seen = 0;
     for (int i = 0; i < 120; ++i) {
         ByteVector bytes = sound;
         for (int change = 0; change < 6; ++change) {
-            bytes[places[random() % places.size()] + random() % 512] = static_cast<uint8_t>(random());
+            bytes[offsets[random() % offsets.size()] + random() % 512] = static_cast<uint8_t>(random());
         }
         images::writeFile(image, bytes);
         OpenVolume opened(image);

@@ -20,7 +20,7 @@ NTSTATUS checkBaseBlock(Bytes file, Problem& problem);
 /* Whether the checksum over the first sector is right; of a log's base block too. The bytes must hold it. */
 bool baseBlockSealed(Bytes block);
 
-/* Whether the file was not shut down, as far as its base block tells, or has lost its base block: log files
+/* Whether the file was not shut down, as far as its base block says, or has lost its base block: log files
  * may make it whole. */
 bool baseBlockDirty(Bytes file);
 

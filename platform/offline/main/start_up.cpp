@@ -36,14 +36,14 @@ int endSystem(int status) {
     return status != 0 || failure >= 0 ? status : static_cast<int>(RtlNtStatusToDosError(failure));
 }
 
-/* Lines that were lost are told when everything else is done: no run stops half-way for them. */
+/* Lines that were lost are reported when everything else is done: no run stops half-way for them. */
 int endStreams(int status) {
     if (offline::standardStreamsWritten()) return status;
     say("not every line could be written; check where standard output and standard error lead to");
     return status != 0 ? status : ERROR_WRITE_FAULT;
 }
 
-/* A process has 8 bits for its status. What does not fit is told in full, and is never 0; that -1 is 255
+/* A process has 8 bits for its status. What does not fit is printed in full, and is never 0; that -1 is 255
  * everyone knows. */
 int exitStatus(int status) {
     if (status >= 0 && status <= 255) return status;
@@ -64,7 +64,7 @@ int run(int argc, char** argv) {
     for (std::u16string& text : texts) arguments.push_back(text.data());
     arguments.push_back(nullptr);
     signal(SIGPIPE, SIG_IGN); /* a reader that has gone must not end a run half-way */
-    signal(SIGXFSZ, SIG_IGN); /* nor a limit on files' sizes: the write fails, and that is told */
+    signal(SIGXFSZ, SIG_IGN); /* nor a limit on files' sizes: the write fails, and that is reported */
     const offline::Session session;
     offline::systemStart();
     const int status = wmain(argc, arguments.data(), nullptr);

@@ -47,7 +47,7 @@ bool ownerRightsListed(Bytes dacl) {
 }
 
 bool speaksOfToken(Bytes sid, AceEffect effect, bool isOwner) {
-    if (sid.empty()) return effect == AceEffect::deny;  // whom it denies can't be told
+    if (sid.empty()) return effect == AceEffect::deny;  // whom it denies is not known
     return tokenHas(sid) || (isOwner && sameBytes(sid, ownerRightsSid));
 }
 

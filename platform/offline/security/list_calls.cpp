@@ -6,7 +6,7 @@
 namespace offline {
 namespace {
 
-/* A caller's list, of which only its own header tells the size. */
+/* A caller's list, of which only its own header has the size. */
 Bytes givenAcl(const ACL* acl) {
     if (acl == nullptr) return {};
     return aclHead({reinterpret_cast<const uint8_t*>(acl), UINT16_MAX});

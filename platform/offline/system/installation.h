@@ -44,7 +44,7 @@ std::u16string installationHivePath(const Installation& installation, std::u16st
 std::string installationFileName(const InstallationVolume& entry, std::u16string_view path);
 
 /* Closes the volumes, writing what is left and taking dirty marks away; the disks stay open. All are tried;
- * the problem tells the first failure. */
+ * the problem is the first failure. */
 NTSTATUS installationClose(Installation& installation, Problem& problem);
 
 /* Refuses when something of the disks could not be read since they were opened; as diskReadWhole, in one line

@@ -22,7 +22,8 @@ std::string offline::restartAsked() {
     });
 }
 
-/* Nothing is running, so there is nothing to do now; what was asked for is told when the disks are closed. */
+/* Nothing is running, so there is nothing to do now; what was asked for is reported when the disks are
+ * closed. */
 BOOL InitiateSystemShutdownW(LPWSTR, LPWSTR, DWORD, BOOL, BOOL reboot) {
     if (!offline::privilegeEnabled(offline::shutdownPrivilege)) {
         SetLastError(ERROR_ACCESS_DENIED);

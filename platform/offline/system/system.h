@@ -16,11 +16,11 @@ namespace offline {
 void systemStart();
 
 /* Opens an installation for the platform's calls. What has to be refused is refused here, before a byte is
- * written; a trial tells whether a run could start. */
+ * written; a trial says whether a run could start. */
 NTSTATUS systemOpen(const std::vector<std::string>& paths, DiskAccess access, Problem& problem);
 
 /* Saves the hives, writes everything to the medium, takes dirty marks away and closes. All is tried; the
- * problem tells the first failure. Changes that were refused because the disks were opened for reading are a
+ * problem is the first failure. Changes that were refused because the disks were opened for reading are a
  * failure as well (STATUS_MEDIA_WRITE_PROTECTED). Nothing to do, and success, when nothing is open. */
 NTSTATUS systemClose(Problem& problem);
 

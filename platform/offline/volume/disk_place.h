@@ -21,7 +21,7 @@ struct DiskPlace {
     std::vector<dev_t> devices; /* the devices passed on the way down, the disk's own first */
 };
 
-/* The place of an open file or of one that was found by stat. What the system does not tell ends the way
+/* Where an open file, or one that was found by stat, lies. What the system does not say ends the way
  * down. May throw std::bad_alloc. */
 DiskPlace diskPlaceOf(const struct stat& info);
 

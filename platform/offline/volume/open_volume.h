@@ -103,8 +103,9 @@ void beginCall(Volume& volume, FileRef file);
  * medium. */
 NTSTATUS beginChange(Volume& volume);
 
-/* The one place that tells a device's error from damage: the status of a call of the library that failed and
- * set errno, or of our own look at a structure (error 0). Damage is remembered, once for a file in a row. */
+/* The one place that keeps a device's error apart from damage: the status of a call of the library that
+ * failed and set errno, or of our own look at a structure (error 0). Damage is remembered, once for a file in
+ * a row. */
 NTSTATUS libraryStatus(Volume& volume, int error);
 
 /* ---- Records ---- */
@@ -167,7 +168,7 @@ struct Inode {
 /* ---- Descriptors ---- */
 
 /* Whether the volume's indexes of descriptors, and the stream that they point into, are whole and agree. When
- * false, volume.device.failed says whether the disk refused to tell. May throw std::bad_alloc. */
+ * false, volume.device.failed says whether the disk could not be read. May throw std::bad_alloc. */
 bool secureIndexesSound(Volume& volume);
 
 /* The id under which files share this valid descriptor; it is stored when it is new. May throw

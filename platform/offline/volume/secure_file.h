@@ -76,7 +76,7 @@ bool visitEntries(const SecureIndex& index, uint64_t first, const VisitEntry& vi
 NTSTATUS unreadable(const Volume& volume, NTSTATUS otherwise);
 
 /* The descriptor under an id, valid. STATUS_INVALID_SECURITY_DESCR when there is none or it is not valid;
- * STATUS_IO_DEVICE_ERROR when the disk refused to tell. May throw std::bad_alloc. */
+ * STATUS_IO_DEVICE_ERROR when the disk could not be read. May throw std::bad_alloc. */
 NTSTATUS readStored(Volume& volume, uint32_t id, std::vector<uint8_t>& descriptor);
 
 /* The id of an equal descriptor, which is stored when there is none yet: first the descriptor, then the

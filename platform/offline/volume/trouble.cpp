@@ -1,4 +1,4 @@
-/* What of a disk could not be read, for the one line that tells it. */
+/* What of a disk could not be read, for the one line that reports it. */
 #include <cstring>
 
 #include "platform/offline/base/guarded.h"
