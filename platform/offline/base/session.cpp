@@ -1,16 +1,11 @@
 #include "platform/offline/base/session.h"
 
-#include <cassert>
-
 namespace offline {
-namespace {
 
-Session* current = nullptr;
+Session* currentSession = nullptr;
 
-} /* namespace */
-
-Session::Session() : before(current) {
-    current = this;
+Session::Session() : before(currentSession) {
+    currentSession = this;
 }
 
 Session::~Session() {
@@ -19,12 +14,7 @@ Session::~Session() {
         if (room.object != nullptr) room.destroy(room.object);
         room = {};
     }
-    current = before;
-}
-
-Session& session() {
-    assert(current != nullptr);
-    return *current;
+    currentSession = before;
 }
 
 } /* namespace offline */

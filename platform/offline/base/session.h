@@ -6,6 +6,7 @@
 #define QUILLET_OFFLINE_BASE_SESSION_H
 
 #include <array>
+#include <cassert>
 #include <cstddef>
 
 #include "platform/nt.h"
@@ -45,15 +46,19 @@ private:
     Session* const before;
 };
 
-/* The current session; there must be one. */
-Session& session();
+/* The current session, which Session itself sets; there must be one. */
+extern Session* currentSession;
+inline Session& session() {
+    assert(currentSession != nullptr);
+    return *currentSession;
+}
 
 /* The current session's state of a room, made at the first call: may throw bad_alloc then. State is the same
  * type for a room at every call. */
 template <typename State>
 State& roomState(StatefulRoom room) {
     RoomState& state = session().rooms[static_cast<size_t>(room)];
-    if (state.object == nullptr) {
+    if (state.object == nullptr) [[unlikely]] {
         state = {new State, [](void* object) { delete static_cast<State*>(object); }};
     }
     return *static_cast<State*>(state.object);

@@ -36,14 +36,12 @@ NTSTATUS aclInformation(const ACL* given, LPVOID information, DWORD size, ACL_IN
     return STATUS_SUCCESS;
 }
 
-bool walkHolds(Bytes acl, const ACL* given) {
-    const EntryWalk& entryWalk = securityState().entryWalk;
+bool walkHolds(const EntryWalk& entryWalk, Bytes acl, const ACL* given) {
     return entryWalk.list == given && memcmp(entryWalk.head, acl.data(), sizeof entryWalk.head) == 0;
 }
 
 /* The entry's neighbour, from where the walk stands; empty when it must be walked to. */
-Bytes stepTo(Bytes acl, size_t index) {
-    EntryWalk& entryWalk = securityState().entryWalk;
+Bytes stepTo(EntryWalk& entryWalk, Bytes acl, size_t index) {
     const size_t here = entryWalk.offsets[entryWalk.index];
     if (index == entryWalk.index) return aceAt(acl, here);
     if (index == entryWalk.index + 1) {
@@ -58,8 +56,7 @@ Bytes stepTo(Bytes acl, size_t index) {
     return before + ace.size() == here ? ace : Bytes{};
 }
 
-Bytes walkTo(Bytes acl, const ACL* given, size_t index) {
-    EntryWalk& entryWalk = securityState().entryWalk;
+Bytes walkTo(EntryWalk& entryWalk, Bytes acl, const ACL* given, size_t index) {
     entryWalk.list = nullptr;
     size_t offset = sizeof(ACL);
     for (size_t i = 0;; i++) {
@@ -80,10 +77,11 @@ NTSTATUS aceByIndex(const ACL* given, DWORD index, LPVOID* found) {
     const Bytes acl = givenAcl(given);
     if (acl.empty()) return STATUS_INVALID_ACL;
     if (index >= aceCount(acl) || found == nullptr) return STATUS_INVALID_PARAMETER;
-    Bytes ace = walkHolds(acl, given) ? stepTo(acl, index) : Bytes{};
-    if (ace.empty()) ace = walkTo(acl, given, index);
+    EntryWalk& entryWalk = securityState().entryWalk;
+    Bytes ace = walkHolds(entryWalk, acl, given) ? stepTo(entryWalk, acl, index) : Bytes{};
+    if (ace.empty()) ace = walkTo(entryWalk, acl, given, index);
     if (ace.empty() || !aceValid(ace)) return STATUS_INVALID_ACL;
-    securityState().entryWalk.index = index;
+    entryWalk.index = index;
     *found = const_cast<uint8_t*>(ace.data());
     return STATUS_SUCCESS;
 }
