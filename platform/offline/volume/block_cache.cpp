@@ -124,13 +124,22 @@ NTSTATUS readUnits(Disk& disk, CacheBlock& block, UnitMask units) {
     return status;
 }
 
+/* Whether the last unit of the block before this one is there. */
+bool blockBeforeEnds(const Disk& disk, const CacheBlock& block) {
+    if (block.number == 0) return false;
+    const auto before = disk.blockIndex.find(block.number - 1);
+    return before != disk.blockIndex.end() &&
+           (disk.blocks[before->second].valid >> (cacheUnitsPerBlock - 1) & 1) != 0;
+}
+
 /* Makes the units hold what lies on the disk. What can't be read beyond them is not missed here. */
 NTSTATUS loadUnits(Disk& disk, CacheBlock& block, UnitMask units) {
     const auto missingOf = [&](UnitMask wanted) {
         return static_cast<UnitMask>(wanted & ~static_cast<uint32_t>(block.valid));
     };
     if (missingOf(units) == 0) return STATUS_SUCCESS;
-    bool goesOn = (block.valid << 1 & missingOf(units)) != 0;
+    const bool goesOn = (block.valid << 1 & missingOf(units)) != 0 ||
+                        ((missingOf(units) & 1) != 0 && blockBeforeEnds(disk, block));
     if (goesOn && readUnits(disk, block, missingOf(unitsOnDisk(disk, block))) >= 0) return STATUS_SUCCESS;
     return readUnits(disk, block, missingOf(units)) >= 0 ? STATUS_SUCCESS : readRefused(disk);
 }

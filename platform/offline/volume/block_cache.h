@@ -3,7 +3,7 @@
  *
  * NTFS is read and written in records of 1 KiB. A block is first read only where it was touched; when the
  * touches follow each other, the rest is read at once, so that walking in the order of the disk costs
- * two calls for each block, and jumping about costs no more than what is asked for. */
+ * one call for each block, and jumping about costs no more than what is asked for. */
 #ifndef QUILLET_OFFLINE_VOLUME_BLOCK_CACHE_H
 #define QUILLET_OFFLINE_VOLUME_BLOCK_CACHE_H
 
