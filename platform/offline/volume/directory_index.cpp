@@ -14,11 +14,11 @@ constexpr uint8_t innerNode = 1;
 constexpr uint16_t hasSubnode = 1, isEnd = 2;
 
 struct DirectoryIndex {
-    const Inode& directory;
+    Inode& directory;
     uint32_t blockSize = 0;  /* bytes */
     unsigned blockShift = 0; /* of a block's number, to its place in bytes */
     AttributePtr blocks = {};
-    std::vector<uint8_t> used = {}; /* a bit for each block, by its place */
+    std::vector<uint8_t>& used; /* a bit for each block, by its number */
 };
 
 AttributePtr openPart(const DirectoryIndex& index, ntfs3g::ATTR_TYPES type) {
@@ -59,7 +59,8 @@ bool subnodesUsed(const DirectoryIndex& index, Bytes node) {
 
 /* Each block that is in use, whether it was read as it should, and what it leads to. */
 bool blocksLeadToUsed(const DirectoryIndex& index) {
-    std::vector<uint8_t> block(index.blockSize);
+    std::vector<uint8_t>& block = index.directory.volume.indexBlock;
+    block.resize(index.blockSize);
     const auto count = static_cast<uint64_t>(index.blocks->data_size) / index.blockSize;
     for (uint64_t bit = 0; bit < count && bit / 8 < index.used.size(); ++bit) {
         if ((index.used[bit / 8] >> (bit % 8) & 1) == 0) continue;
@@ -79,12 +80,13 @@ bool blocksLeadToUsed(const DirectoryIndex& index) {
 } /* namespace */
 
 bool indexBlocksInUse(Inode& directory) {
-    DirectoryIndex index{directory};
+    DirectoryIndex index{.directory = directory, .used = directory.volume.indexBitmap};
     const AttributePtr root = openPart(index, ntfs3g::AT_INDEX_ROOT);
     const auto most = static_cast<int64_t>(directory.volume.ntfs->mft_record_size);
     if (!root || root->data_size < static_cast<int64_t>(rootHeader + nodeHeader) || root->data_size > most)
         return false;
-    std::vector<uint8_t> bytes(static_cast<size_t>(root->data_size));
+    std::vector<uint8_t>& bytes = directory.volume.indexRoot;
+    bytes.resize(static_cast<size_t>(root->data_size));
     if (!readAttribute(root.get(), 0, bytes)) return false;
     const Bytes node = Bytes(bytes).subspan(rootHeader);
     if (!isInner(node)) return true; /* there are no blocks */

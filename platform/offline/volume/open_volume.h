@@ -70,7 +70,10 @@ struct Volume {
      * descriptors were stored here, by their bytes. */
     std::unordered_map<uint32_t, std::vector<uint8_t>> descriptors;
     std::unordered_map<std::string, uint32_t, BytesHash, std::equal_to<>> storedIds;
-    size_t descriptorBytes = 0;          /* kept in both */
+    size_t descriptorBytes = 0; /* kept in both */
+    /* Kept from directory to directory. */
+    std::vector<uint8_t> indexRoot, indexBlock, indexBitmap;
+
     std::vector<uint8_t> lastDescriptor; /* of a file without a security id */
 
     uint64_t nextSecurityId = 0;    /* 0: not known yet */
