@@ -24,6 +24,7 @@ bool isDots(const ntfs3g::ntfschar* name, int length) {
 int addEntry(void* context, const ntfs3g::ntfschar* name, const int length, const int nameType, const int64_t,
              const ntfs3g::MFT_REF file, const unsigned kind) noexcept {
     auto& listing = *static_cast<Listing*>(context);
+    if (length <= 0) listing.strayed = true;
     if (length <= 0 || isDots(name, length)) return 0;
     if (recordNumberOf(file) < firstOrdinaryRecord) {
         if (recordNumberOf(listing.directory) != rootDirectory || name[0] != u'$') listing.strayed = true;
