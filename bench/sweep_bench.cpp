@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "common/privilege.h"
+#include "platform/offline/base/session.h"
 #include "platform/offline/hive/hive.h"
 #include "platform/offline/registry/registry.h"
 #include "platform/offline/security/security.h"
@@ -15,6 +16,8 @@
 #include "sidchng/sidchng.h"
 
 namespace {
+
+const offline::Session session;
 
 const uint8_t oldSid[SID_MACHINE_SIZE] = {1, 4, 0, 0, 0, 0, 0, 5, 21, 0, 0, 0,
                                           1, 1, 1, 1, 2, 2, 2, 2, 3,  3, 3, 3};
