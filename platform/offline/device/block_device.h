@@ -1,0 +1,53 @@
+/* A block device: bytes by offset, and a flush. Its kinds stack: a file or a device of the system at the
+ * bottom, an overlay over it, in tests memory and a device that fails on purpose. Each kind is one file and
+ * knows nothing of the others; who uses one can't tell which it is. No function throws. */
+#ifndef QUILLET_OFFLINE_DEVICE_BLOCK_DEVICE_H
+#define QUILLET_OFFLINE_DEVICE_BLOCK_DEVICE_H
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "platform/offline/base/bytes.h"
+
+namespace offline {
+
+/* Why a device refused: an errno, or 0 when it did what was asked. */
+using DeviceError = int;
+/* The device ends before the bytes that were asked for: it became shorter since it was opened. */
+constexpr DeviceError deviceShrank = -1;
+
+struct BlockDevice {
+    BlockDevice() = default;
+    virtual ~BlockDevice() = default;
+    BlockDevice(const BlockDevice&) = delete;
+    BlockDevice& operator=(const BlockDevice&) = delete;
+
+    virtual const std::string& name() const = 0; /* for messages, UTF-8 as the user gave it */
+    virtual uint64_t size() const = 0;           /* bytes; the same as long as the device is open */
+    virtual uint32_t sectorSize() const = 0;     /* bytes, 512 or 4096: what it writes whole or not at all */
+    virtual bool readOnly() const = 0;
+
+    /* Offsets and sizes are in bytes and need no alignment; the range lies on the device. A call that fails
+     * leaves the bytes that it was to read, or the range that it was to write, undefined. */
+    [[nodiscard]] virtual DeviceError read(uint64_t offset, std::span<uint8_t> bytes) = 0;
+    [[nodiscard]] virtual DeviceError write(uint64_t offset, Bytes bytes) = 0;
+
+    /* What was written before is on the medium when it succeeds. After a failure nobody knows what is: the
+     * device goes on refusing to flush. */
+    [[nodiscard]] virtual DeviceError flush() = 0;
+
+    /* How many bytes from the offset on, count at most, read as zeros because nothing is stored for them; 0
+     * when something is, or when it can't be told. */
+    virtual uint64_t holeAt(uint64_t offset, uint64_t count) = 0;
+
+    /* Writes zeros, and gives back the room of what they cover where it can. */
+    [[nodiscard]] virtual DeviceError zero(uint64_t offset, uint64_t count) = 0;
+};
+
+using BlockDevicePtr = std::unique_ptr<BlockDevice>;
+
+} /* namespace offline */
+
+#endif
