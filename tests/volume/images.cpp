@@ -1,10 +1,8 @@
 #include "tests/volume/images.h"
 
-#include <sys/types.h>
 #include <zlib.h>
 
 #include <array>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -13,65 +11,9 @@
 
 #include "platform/offline/volume/partition_layout.h"
 
-extern "C" {
-ssize_t __real_pread(int file, void* bytes, size_t count, off_t offset);
-ssize_t __real_pwrite(int file, const void* bytes, size_t count, off_t offset);
-int __real_fdatasync(int file);
-
-ssize_t __wrap_pread(int file, void* bytes, size_t count, off_t offset) {
-    images::Failures& failures = images::failures;
-    if (failures.preadsLeft == 0) {
-        if (failures.once) failures.preadsLeft = -1;
-        failures.refused = true;
-        errno = EIO;
-        return -1;
-    }
-    if (failures.preadsLeft > 0) --failures.preadsLeft;
-    return __real_pread(file, bytes, count, offset);
-}
-
-ssize_t __wrap_pwrite(int file, const void* bytes, size_t count, off_t offset) {
-    images::Failures& failures = images::failures;
-    if (failures.pwritesLeft == 0) {
-        errno = failures.pwriteError;
-        return -1;
-    }
-    if (failures.pwritesLeft > 0) --failures.pwritesLeft;
-    failures.calls.emplace_back('w', offset);
-    return __real_pwrite(file, bytes, count, offset);
-}
-
-int __wrap_fdatasync(int file) {
-    images::Failures& failures = images::failures;
-    if (failures.fdatasyncsLeft == 0) {
-        errno = EIO;
-        return -1;
-    }
-    if (failures.fdatasyncsLeft > 0) --failures.fdatasyncsLeft;
-    failures.calls.emplace_back('s', 0);
-    return __real_fdatasync(file);
-}
-}
-
 namespace images {
 
-LoopDevice::LoopDevice(const std::string& file, uint64_t offset, uint64_t size) {
-    const std::string command = "losetup -f --show -o " + std::to_string(offset) +
-                                (size == 0 ? "" : " --sizelimit " + std::to_string(size)) + " '" + file +
-                                "' 2>/dev/null";
-    FILE* const said = popen(("PATH=$PATH:/usr/sbin:/sbin " + command).c_str(), "r");
-    std::array<char, 64> line = {};
-    if (fgets(line.data(), line.size(), said) != nullptr)
-        name.assign(line.data(), strcspn(line.data(), "\n"));
-    pclose(said);
-}
-
-LoopDevice::~LoopDevice() {
-    if (name.empty() || system(("PATH=$PATH:/usr/sbin:/sbin losetup -d " + name).c_str()) == 0) return;
-    ADD_FAILURE() << name << " can't be given back";
-}
-
-Failures failures;
+offline::Faults failures;
 
 void ImageTest::SetUp() {
     std::string pattern = (std::filesystem::temp_directory_path() / "quillet-volume-XXXXXX").string();
@@ -178,7 +120,10 @@ void putGpt(ByteVector& disk, size_t sectorSize, const std::vector<TablePart>& p
 
 OpenVolume::OpenVolume(const std::string& path, offline::DiskAccess access) {
     std::vector<offline::Partition> partitions;
-    if (offline::diskOpen(path, access, disk, problem) < 0) return;
+    offline::BlockDevicePtr file;
+    if (offline::fileDeviceOpen(path, access, file, problem) < 0) return;
+    file = std::make_unique<offline::FaultDevice>(std::move(file), failures);
+    if (offline::diskOver(std::move(file), access, disk) < 0) return;
     if (offline::diskPartitions(*disk, partitions, problem) < 0) return;
     offline::volumeOpen(*disk, partitions.at(0), volume, problem);
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/offline/volume/volume.h"
+#include "tests/support/fault_device.h"
 
 namespace images {
 
@@ -17,15 +18,6 @@ using ByteVector = std::vector<uint8_t>;
 constexpr size_t mebibyte = 1024 * 1024;
 
 /* A directory of its own for each test, removed with everything in it. */
-/* A loop device over a part of a file, until the end; without a name where the system lends none. */
-struct LoopDevice {
-    std::string name;
-    LoopDevice(const std::string& file, uint64_t offset, uint64_t size);
-    ~LoopDevice();
-    LoopDevice(const LoopDevice&) = delete;
-    LoopDevice& operator=(const LoopDevice&) = delete;
-};
-
 struct ImageTest : testing::Test {
     std::string directory;
     void SetUp() override;
@@ -67,6 +59,9 @@ void putMbr(ByteVector& disk, const std::vector<TablePart>& parts);
 void putGpt(ByteVector& disk, size_t sectorSize, const std::vector<TablePart>& parts);
 void sealGptHeader(ByteVector& disk, size_t offset);
 
+/* What the devices of open volumes refuse from now on, and what they were asked. */
+extern offline::Faults failures;
+
 /* An open volume on a raw image. */
 struct OpenVolume {
     offline::DiskPtr disk;
@@ -80,16 +75,6 @@ struct OpenVolume {
 
 /* A self-relative descriptor whose owner and only entry are distinguished by the number. */
 ByteVector descriptor(uint32_t number, uint16_t control = SE_SELF_RELATIVE | SE_DACL_PRESENT);
-
-/* The calls of the system that fail from now on: those after the first so many. */
-struct Failures {
-    long preadsLeft = -1, pwritesLeft = -1, fdatasyncsLeft = -1; /* negative: all succeed */
-    bool once = false;                                           /* only the first of those fails */
-    bool refused = false;                                        /* a read was */
-    int pwriteError = 5;
-    std::vector<std::pair<char, long>> calls; /* 'w' and its offset, 's' */
-};
-extern Failures failures;
 
 } /* namespace images */
 

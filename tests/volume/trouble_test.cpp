@@ -125,7 +125,7 @@ TEST_F(TroubleTest, ARefusedReadIsNamedAndRemembered) {
         size_t refusals = 0, passed = 0, served = 0;
         for (long turn = 0;; ++turn) {
             images::failures = {};
-            images::failures.preadsLeft = turn;
+            images::failures.readsLeft = turn;
             images::failures.once = once;
             if (__lsan_disable != nullptr) __lsan_disable();
             OpenVolume opened(path("volume.img"), DiskAccess::readOnly);

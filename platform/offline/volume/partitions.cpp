@@ -4,8 +4,8 @@
 
 #include "platform/offline/base/bytes.h"
 #include "platform/offline/base/guarded.h"
-#include "platform/offline/volume/block_cache.h"
 #include "platform/offline/volume/contents_kind.h"
+#include "platform/offline/volume/open_disk.h"
 #include "platform/offline/volume/partition_table.h"
 
 namespace offline {
@@ -170,7 +170,7 @@ NTSTATUS findVolumes(Search& search) {
     if (contents.kind == ContentsKind::unknown || leftOver) {
         std::vector<TableEntry> entries;
         std::string fault;
-        TableState mbr = readMbr(search.disk, head.bytes(), search.disk.sectorSize, entries, fault);
+        TableState mbr = readMbr(search.disk, head.bytes(), search.disk.device->sectorSize(), entries, fault);
         TableState state = mbr;
         if (mbr == TableState::protective || (mbr == TableState::absent && !leftOver))
             state = readGpt(search.disk, entries, fault);

@@ -1,4 +1,4 @@
-#include "platform/offline/volume/disk_place.h"
+#include "platform/offline/device/disk_place.h"
 
 #include <dirent.h>
 #include <fcntl.h>

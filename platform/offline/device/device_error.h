@@ -1,0 +1,20 @@
+/* What a device's refusal means to those above. */
+#ifndef QUILLET_OFFLINE_DEVICE_DEVICE_ERROR_H
+#define QUILLET_OFFLINE_DEVICE_DEVICE_ERROR_H
+
+#include <string>
+
+#include "platform/nt.h"
+#include "platform/offline/device/block_device.h"
+
+namespace offline {
+
+/* A full disk and one that takes no writes have statuses of their own. */
+NTSTATUS deviceStatus(DeviceError error);
+
+/* For a message: "File too large". May throw std::bad_alloc. */
+std::string deviceErrorText(DeviceError error);
+
+} /* namespace offline */
+
+#endif
