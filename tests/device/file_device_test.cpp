@@ -94,6 +94,7 @@ TEST_F(FileDeviceTest, WriteProtectedFilesAreOnlyRead) {
     BlockDevicePtr disk;
     ASSERT_EQ(open(path("disk"), disk, DiskAccess::trial), STATUS_SUCCESS) << problem.text;
     EXPECT_EQ(disk->write(0, ByteVector(10)), EROFS);
+    EXPECT_TRUE(disk->writable());
     disk.reset();
     ASSERT_EQ(chmod(path("disk").c_str(), 0444), 0);
     for (const DiskAccess access : {DiskAccess::readWrite, DiskAccess::trial}) {
@@ -101,6 +102,7 @@ TEST_F(FileDeviceTest, WriteProtectedFilesAreOnlyRead) {
         EXPECT_TRUE(problem.text.starts_with(path("disk") + ": it can only be read")) << problem.text;
     }
     ASSERT_EQ(open(path("disk"), disk, DiskAccess::readOnly), STATUS_SUCCESS);
+    EXPECT_FALSE(disk->writable());
     EXPECT_EQ(disk->write(0, ByteVector(10)), EROFS);
     EXPECT_EQ(open(path("disk"), disk, DiskAccess::readOnly), STATUS_SUCCESS);
     EXPECT_EQ(disk->zero(0, 10), EROFS);
@@ -182,6 +184,23 @@ TEST_F(FileDeviceTest, KeepsOthersAwayAndStaysAwayFromOthers) {
     expectRefused(path("disk"), STATUS_SHARING_VIOLATION, "another program is using it");
     close(other);
     EXPECT_NE(opened(path("disk")), nullptr);
+}
+
+/* Mounted where the system lends that. */
+TEST_F(FileDeviceTest, AMountedFileIsRefusedUnderAllItsNames) {
+    make("disk", {});
+    std::filesystem::resize_file(path("disk"), 4 << 20);
+    std::filesystem::create_hard_link(path("disk"), path("hard"));
+    std::filesystem::create_directory(path("mount"));
+    const std::string command =
+        "PATH=$PATH:/usr/sbin:/sbin; cd " + directory +
+        "; mkntfs -F -Q -q disk >/dev/null 2>&1 && ntfs-3g -o ro disk mount 2>/dev/null";
+    if (system(command.c_str()) != 0) GTEST_SKIP() << "no mounts";
+    for (const std::string name : {"disk", "hard"}) {
+        expectRefused(path(name), STATUS_SHARING_VIOLATION, "it is mounted; unmount it");
+    }
+    EXPECT_EQ(system(("umount " + path("mount")).c_str()), 0);
+    EXPECT_NE(opened(path("hard")), nullptr);
 }
 
 /* All that changes or reads, at any offset and of any size, against the same bytes kept in memory; on a loop
