@@ -172,6 +172,8 @@ TEST_F(FileDeviceTest, KeepsOthersAwayAndStaysAwayFromOthers) {
     EXPECT_EQ(open(path("disk"), one, DiskAccess::readOnly), STATUS_SUCCESS);
     EXPECT_EQ(open(path("disk"), two, DiskAccess::readOnly), STATUS_SUCCESS);
     expectRefused(path("disk"), STATUS_SHARING_VIOLATION, "another program is using it");
+    BlockDevicePtr trial;
+    EXPECT_EQ(open(path("disk"), trial, DiskAccess::trial), STATUS_SHARING_VIOLATION);
     one.reset();
     two.reset();
     /* As a virtual machine does it: a few bytes only. */
@@ -199,6 +201,7 @@ TEST_F(FileDeviceTest, AMountedFileIsRefusedUnderAllItsNames) {
     for (const std::string name : {"disk", "hard"}) {
         expectRefused(path(name), STATUS_SHARING_VIOLATION, "it is mounted; unmount it");
     }
+    EXPECT_NE(opened(make("other", ByteVector(512))), nullptr);
     EXPECT_EQ(system(("umount " + path("mount")).c_str()), 0);
     EXPECT_NE(opened(path("hard")), nullptr);
 }
