@@ -1,5 +1,6 @@
 /* Which units of a device were changed, and in which slot the contents of each are kept. A sorted index in
- * leaves: it costs 8 bytes for each unit, 16 where the leaves have just been split, at no time more than 24. */
+ * leaves: it costs 8 bytes for each unit, 16 where the leaves have just been split, at no time more than 24.
+ */
 #ifndef QUILLET_OFFLINE_DEVICE_CHANGED_UNITS_H
 #define QUILLET_OFFLINE_DEVICE_CHANGED_UNITS_H
 

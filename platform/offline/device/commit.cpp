@@ -1,6 +1,8 @@
 #include <sys/random.h>
 #include <time.h>
 
+#include <cerrno>
+
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/device/gather.h"
 #include "platform/offline/device/playback.h"
@@ -17,11 +19,10 @@ struct Commit {
     const UndoChoice& undo;
     CommitReport& report;
     Problem& problem;
-    JournalHead head;
-    JournalWriter writer;
-    JournalReader reader;
-    std::string journal; /* paths */
-    std::string undoPath, undoCopy;
+    JournalHead head = {};
+    JournalWriter writer = {};
+    JournalReader reader = {};
+    std::string journal = {}, undoPath = {}, undoCopy = {}; /* paths */
 
     NTSTATUS begin(std::span<const DirtyMark> marks);
     NTSTATUS checkMarks();
@@ -29,7 +30,7 @@ struct Commit {
     NTSTATUS secure();
     NTSTATUS apply();
     NTSTATUS takeBack(const Problem& cause);
-    void abandon();
+    NTSTATUS abandon(NTSTATUS status);
 
 private:
     NTSTATUS writerStatus();
@@ -44,7 +45,8 @@ private:
 NTSTATUS Commit::begin(std::span<const DirtyMark> marks) {
     journal = journalPath(disks[0].place);
     if (getrandom(head.id.data(), head.id.size(), 0) != static_cast<ssize_t>(head.id.size())) {
-        return refuse(problem, STATUS_UNSUCCESSFUL, "the system gives no random numbers; nothing was changed");
+        return refuse(problem, STATUS_UNSUCCESSFUL,
+                      "the system gives no random numbers; nothing was changed");
     }
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -71,15 +73,23 @@ NTSTATUS Commit::checkMarks() {
         const uint64_t length = mark.bytes.size();
         bool usable = mark.disk < head.disks.size() && length != 0 && length % journal::tornAt == 0 &&
                       mark.offset % journal::tornAt == 0 && mark.offset >= journal::identityBytes &&
-                      length <= head.disks[mark.disk].size && mark.offset <= head.disks[mark.disk].size - length;
+                      length <= head.disks[mark.disk].size &&
+                      mark.offset <= head.disks[mark.disk].size - length;
         there.resize(length);
         usable = usable && disks[mark.disk].device->read(mark.offset, there) == 0 && there != mark.bytes;
         if (!usable) {
-            return refuse(problem, STATUS_INVALID_PARAMETER,
-                          disks[0].device->name() + ": a volume's dirty mark can't be set; nothing was changed");
+            return refuse(
+                problem, STATUS_INVALID_PARAMETER,
+                disks[0].device->name() + ": a volume's dirty mark can't be set; nothing was changed");
         }
     }
     return STATUS_SUCCESS;
+}
+
+NTSTATUS refuseUndo(const std::string& path, int error, Problem& problem) {
+    return refuse(problem, statusOfDevice(error),
+                  path + ": the undo file can't be made there (" + reasonOf(error) +
+                      "); name another place for it; nothing was changed");
 }
 
 NTSTATUS Commit::chooseUndo() {
@@ -92,8 +102,7 @@ NTSTATUS Commit::chooseUndo() {
     undoPath = undo.path;
     JournalFile there;
     const int error = there.open(files, undoPath);
-    return error == ENOENT ? STATUS_SUCCESS
-                           : refuseJournal(undoPath, "the undo file can't be made", error == 0 ? EEXIST : error, problem);
+    return error == ENOENT ? STATUS_SUCCESS : refuseUndo(undoPath, error == 0 ? EEXIST : error, problem);
 }
 
 NTSTATUS Commit::refuseNoRoom() {
@@ -103,7 +112,8 @@ NTSTATUS Commit::refuseNoRoom() {
     if (files.room(disks[0].place.directory, bytes, fileSystem) == 0) {
         text += ", " + std::to_string(bytes) + " are free there";
     }
-    return refuse(problem, STATUS_DISK_FULL, text + " (" + reasonOf(writer.error) + "); make room; nothing was changed");
+    return refuse(problem, STATUS_DISK_FULL,
+                  text + " (" + reasonOf(writer.error) + "); make room; nothing was changed");
 }
 
 NTSTATUS Commit::writerStatus() {
@@ -115,7 +125,7 @@ NTSTATUS Commit::writerStatus() {
 NTSTATUS Commit::copyUndo() {
     const std::string copy = undoPath + ".part";
     const int error = copyFile(files, journal, copy);
-    if (error != 0) return refuseJournal(copy, "the undo file can't be written", error, problem);
+    if (error != 0) return refuseUndo(copy, error, problem);
     undoCopy = copy;
     return STATUS_SUCCESS;
 }
@@ -141,13 +151,16 @@ NTSTATUS Commit::secure() {
     return apart ? copyUndo() : STATUS_SUCCESS;
 }
 
-/* (8): nothing of it stays. */
-void Commit::abandon() {
+/* (8): nothing of it stays. Where the journal does, the next recovery has to come before the disk is used. */
+NTSTATUS Commit::abandon(NTSTATUS status) {
     if (!undoCopy.empty()) files.remove(undoCopy);
-    if (writer.begun && files.remove(journal) == 0) {
-        static_cast<void>(files.flushDirectory(directoryOf(journal)));
-    }
+    int error = writer.created ? files.remove(journal) : 0;
+    if (error == 0 && writer.created) error = files.flushDirectory(directoryOf(journal));
     removePointers(files, head);
+    if (error == 0) return status;
+    return refuse(problem, status,
+                  problem.text + "; " + journal + " can't be removed (" + reasonOf(error) +
+                      "): run `quillet-offline undo` before the disk is used");
 }
 
 /* ---- From the first write on ---- */
@@ -164,7 +177,7 @@ NTSTATUS Commit::endJournal() {
     if (!undoPath.empty() && undoCopy.empty()) {
         error = files.rename(journal, undoPath);
         if (error != EXDEV) {
-            return error == 0 ? STATUS_SUCCESS : refuseJournal(undoPath, "the undo file can't be made", error, problem);
+            return error == 0 ? STATUS_SUCCESS : refuseUndo(undoPath, error, problem);
         }
         const NTSTATUS status = copyUndo(); /* one file system, but not one mount */
         if (status < 0) return status;
@@ -200,23 +213,26 @@ NTSTATUS Commit::apply() {
     return status < 0 ? status : end();
 }
 
-/* After a failure, by what a recovery would do (7). What the disks hold need not be looked at: nobody else had them
- * in between. */
+/* After a failure, by what a recovery would do (7). What the disks hold need not be looked at: nobody else
+ * had them in between. */
 NTSTATUS Commit::takeBack(const Problem& cause) {
     Problem second;
-    NTSTATUS status = guardedRefusing(
-        second, [&] { return playJournal(reader, inOrder(disks), Contents::before, second); });
+    bool oldBytesBack = false;
+    const NTSTATUS status = guardedRefusing(
+        second, [&] { return takeBackJournal(files, reader, inOrder(disks), oldBytesBack, second); });
     std::string text = cause.text;
     const std::string unchanged = "; nothing was changed";
     if (text.ends_with(unchanged)) text.resize(text.size() - unchanged.size());
-    if (status < 0) {
+    if (status < 0 && !oldBytesBack) {
         return refuse(problem, cause.status,
                       text + "; the disk is left half changed, for the old bytes can't be put back either (" +
                           second.text + "): keep " + journal +
                           " and run `quillet-offline undo` on it when the medium is sound");
     }
-    abandon();
-    return refuse(problem, cause.status, text + "; what had been written was taken back" + unchanged);
+    text += "; what had been written was taken back" + unchanged;
+    if (status < 0) text += "; " + second.text;
+    if (!undoCopy.empty()) files.remove(undoCopy);
+    return refuse(problem, cause.status, text);
 }
 
 NTSTATUS commitAll(Commit& commit, std::span<const DirtyMark> marks) {
@@ -224,12 +240,12 @@ NTSTATUS commitAll(Commit& commit, std::span<const DirtyMark> marks) {
     if (status >= 0) status = commit.chooseUndo();
     if (status < 0) return status;
     status = guardedRefusing(commit.problem, [&]() -> NTSTATUS {
-        const NTSTATUS gathered =
-            gatherStretches(commit.files, commit.journal, commit.head, commit.disks, commit.writer, commit.problem);
+        const NTSTATUS gathered = gatherStretches(commit.files, commit.journal, commit.head, commit.disks,
+                                                  commit.writer, commit.problem);
         return gathered < 0 || !commit.writer.begun ? gathered : commit.secure();
     });
-    if (status < 0) commit.abandon();
-    if (status < 0 || !commit.writer.begun) return status;
+    if (status < 0) return commit.abandon(status);
+    if (!commit.writer.begun) return status;
     status = guardedRefusing(commit.problem, [&] { return commit.apply(); });
     if (status < 0 && !commit.report.committed) return commit.takeBack(Problem(commit.problem));
     commit.report.stretches = commit.writer.stretches;

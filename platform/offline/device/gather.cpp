@@ -7,8 +7,8 @@
 namespace offline {
 namespace {
 
-/* What a file system gives back at the least: a change in a hole takes a block of this size from it, so that the
- * whole block is journalled as a hole and can become one again. */
+/* What a file system gives back at the least: a change in a hole takes a block of this size from it, so that
+ * the whole block is journalled as a hole and can become one again. */
 constexpr uint64_t blockSize = 4096;
 constexpr uint64_t windowSize = journal::piece::maxStretch;
 constexpr uint64_t readThrough = 32 * blockSize; /* unchanged bytes, rather than reading twice */
@@ -22,8 +22,8 @@ struct Gathering {
     bool onlyLook = true; /* whether anything differs */
     bool found = false;
     size_t disk = 0;
-    ByteVector before, after; /* of the window */
-    ChangedStretch grown;     /* the stretch in hand, in the window */
+    ByteVector before = {}, after = {}; /* of the window */
+    ChangedStretch grown = {};          /* the stretch in hand, in the window */
 
     NTSTATUS gatherAll();
     NTSTATUS addMarked();
@@ -100,8 +100,9 @@ NTSTATUS Gathering::compareBlock(uint64_t start, uint64_t offset, uint64_t end) 
     if (!differs(start, offset, end)) return STATUS_SUCCESS;
     if (offset < journal::identityBytes) {
         return refuse(problem, STATUS_INVALID_PARAMETER,
-                      disks[disk].device->name() + ": its beginning would change, by which its journal knows it; "
-                                                   "nothing was changed");
+                      disks[disk].device->name() +
+                          ": its beginning would change, by which its journal knows it; "
+                          "nothing was changed");
     }
     found = true;
     if (onlyLook) return STATUS_SUCCESS;

@@ -1,5 +1,5 @@
-/* What a commit has to write: the stretches of the disks that differ from what the overlays hold. Private to this
- * room. May throw std::bad_alloc. */
+/* What a commit has to write: the stretches of the disks that differ from what the overlays hold. Private to
+ * this room. May throw std::bad_alloc. */
 #ifndef QUILLET_OFFLINE_DEVICE_GATHER_H
 #define QUILLET_OFFLINE_DEVICE_GATHER_H
 
@@ -8,9 +8,9 @@
 
 namespace offline {
 
-/* Begins the journal with the first stretch that differs, and gives it all of them and those of the marks; leaves
- * it unbegun when nothing differs. Fails for what can't be read; the journal's own error is the caller's to
- * ask for. */
+/* Begins the journal with the first stretch that differs, and gives it all of them and those of the marks;
+ * leaves it unbegun when nothing differs. Fails for what can't be read; the journal's own error is the
+ * caller's to ask for. */
 NTSTATUS gatherStretches(JournalFiles& files, const std::string& path, const JournalHead& head,
                          std::span<const TransactionDisk> disks, JournalWriter& journal, Problem& problem);
 

@@ -16,14 +16,14 @@
  * Piece: magic (4), disk (4), flags (4: 1 marked, 2 compressed), stretches (4), plain length (4), stored
  * length (4), checksum of the piece with zero in this place (8), the stored bytes. The plain ones: for each
  * stretch offset (8), length (4), flags (4: 1 a hole); then for all stretches the checksum (8) of what will
- * replace each 512 bytes; then for all that are no hole what they held. A medium writes 512 bytes whole or not
- * at all, so that after any interruption each holds the old bytes, or the new, or the mark's.
+ * replace each 512 bytes; then for all that are no hole what they held. A medium writes 512 bytes whole or
+ * not at all, so that after any interruption each holds the old bytes, or the new, or the mark's.
  *
  * Closing: magic (8), id (16), length of head and pieces (8), number of stretches (8), their bytes (8),
  * checksum of head and pieces (8), checksum of this record with zero in this place (8); zeros.
  *
- * A pointer is a head alone, of kind pointer, with the id of the journal; its one disk is the one that it lies
- * beside, but the path is the journal's. */
+ * A pointer is a head alone, of kind pointer, with the id of the journal; its one disk is the one that it
+ * lies beside, but the path is the journal's. */
 #ifndef QUILLET_OFFLINE_DEVICE_JOURNAL_FORMAT_H
 #define QUILLET_OFFLINE_DEVICE_JOURNAL_FORMAT_H
 
@@ -69,7 +69,8 @@ struct MarkedRange {
 std::vector<MarkedRange> markedRanges(const JournalHead& head);
 
 /* The range that overlaps these bytes of the disk; null when none does. */
-const MarkedRange* markedIn(const std::vector<MarkedRange>& ranges, size_t disk, uint64_t start, uint64_t end);
+const MarkedRange* markedIn(const std::vector<MarkedRange>& ranges, size_t disk, uint64_t start,
+                            uint64_t end);
 
 ByteVector encodedHead(const JournalHead& head);
 
@@ -102,7 +103,8 @@ constexpr uint32_t hole = 1;
 } /* namespace stretch */
 
 namespace closing {
-constexpr size_t id = 8, length = 24, stretches = 32, bytes = 40, sumOfAll = 48, sum = 56, used = 64, size = 512;
+constexpr size_t id = 8, length = 24, stretches = 32, bytes = 40, sumOfAll = 48, sum = 56, used = 64,
+                 size = 512;
 } /* namespace closing */
 
 inline uint64_t roundUp(uint64_t value, uint64_t unit) {

@@ -27,7 +27,8 @@ std::vector<MarkedRange> markedRanges(const JournalHead& head) {
     return ranges;
 }
 
-const MarkedRange* markedIn(const std::vector<MarkedRange>& ranges, size_t disk, uint64_t start, uint64_t end) {
+const MarkedRange* markedIn(const std::vector<MarkedRange>& ranges, size_t disk, uint64_t start,
+                            uint64_t end) {
     for (const MarkedRange& range : ranges) {
         if (range.disk == disk && range.start < end && start < range.end) return &range;
     }

@@ -21,9 +21,12 @@ std::string realPath(const std::string& path) {
 std::string escaped(const std::string& path) {
     std::string name;
     for (const char character : path) {
-        if (character == '/') name += "%2F";
-        else if (character == '%') name += "%25";
-        else name += character;
+        if (character == '/')
+            name += "%2F";
+        else if (character == '%')
+            name += "%25";
+        else
+            name += character;
     }
     return name;
 }
@@ -38,8 +41,9 @@ NTSTATUS stateDirectory(JournalPlace& place, Problem& problem) {
     if (const char* const chosen = getenv("QUILLET_JOURNAL"); chosen != nullptr && chosen[0] != '\0') {
         place.directory = realPath(chosen);
         if (!place.directory.empty()) return STATUS_SUCCESS;
-        return refuse(problem, STATUS_OBJECT_NAME_NOT_FOUND,
-                      std::string(chosen) + ": QUILLET_JOURNAL has to name a directory (" + reasonOf(errno) + ")");
+        return refuse(
+            problem, STATUS_OBJECT_NAME_NOT_FOUND,
+            std::string(chosen) + ": QUILLET_JOURNAL has to name a directory (" + reasonOf(errno) + ")");
     }
     place.ofOurOwn = true;
     if (geteuid() == 0) {
@@ -73,7 +77,8 @@ int highestUndo(JournalFiles& files, const JournalPlace& place, uint32_t& highes
     std::vector<std::string> names;
     const int error = files.names(place.directory, names);
     if (error != 0) return error;
-    for (const std::string& name : names) highest = std::max(highest, undoNumber(name, place.name + undoEnding));
+    for (const std::string& name : names)
+        highest = std::max(highest, undoNumber(name, place.name + undoEnding));
     return 0;
 }
 

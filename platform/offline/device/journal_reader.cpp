@@ -115,8 +115,8 @@ bool JournalReader::parseBody(Bytes body, uint32_t disks, uint32_t marks) {
     return true;
 }
 
-/* The closing record is one sector at the end: after a power cut it is there whole or not at all, and what bears
- * traces of one has been damaged since. */
+/* The closing record is one sector at the end: after a power cut it is there whole or not at all, and what
+ * bears traces of one has been damaged since. */
 JournalState JournalReader::readClosing() {
     if (file.size < closing::size || file.size % tornAt != 0) return JournalState::unfinished;
     ByteVector record(closing::size);
@@ -175,7 +175,8 @@ int JournalReader::readPiece(Progress& progress) {
 /* Whether it lies on its disk, behind the one before, in the class where it belongs. */
 bool JournalReader::stretchFits(const JournalStretch& stretch, Progress& progress) const {
     const uint64_t size = head.disks[stretch.disk].size;
-    if (stretch.length == 0 || stretch.length > piece::maxStretch || stretch.offset % tornAt != 0) return false;
+    if (stretch.length == 0 || stretch.length > piece::maxStretch || stretch.offset % tornAt != 0)
+        return false;
     if (stretch.length > size || stretch.offset > size - stretch.length) return false;
     const uint64_t end = stretch.offset + stretch.length;
     if (stretch.length % tornAt != 0 && end != size) return false;

@@ -14,8 +14,8 @@ namespace offline {
 
 enum class JournalState {
     none,
-    unfinished,   /* without its closing record */
-    whole,        /* head and closing record are; the pieces are checked as they are read */
+    unfinished, /* without its closing record */
+    whole,      /* head and closing record are; the pieces are checked as they are read */
     pointer,
     damaged,      /* it has or had a closing record, and is not as it was written */
     otherVersion, /* of the format */

@@ -32,6 +32,7 @@ void JournalWriter::begin(JournalFiles& files, const std::string& path, const Jo
     begun = true;
     id = head.id;
     error = file.create(files, path);
+    created = error == 0;
     const ByteVector bytesOfHead = encodedHead(head);
     sum.add(bytesOfHead);
     append(bytesOfHead);
@@ -39,7 +40,8 @@ void JournalWriter::begin(JournalFiles& files, const std::string& path, const Jo
 
 void JournalWriter::add(const ChangedStretch& stretch) {
     const size_t length512 = sectorsOf(stretch.before.size());
-    const size_t more = stretch::size + length512 * sizeof(uint64_t) + (stretch.hole ? 0 : stretch.before.size());
+    const size_t more =
+        stretch::size + length512 * sizeof(uint64_t) + (stretch.hole ? 0 : stretch.before.size());
     const bool other = stretch.disk != disk || stretch.marked != marked;
     if (other || table.size() + sums.size() + images.size() + more > piece::maxPlain) endPiece();
     disk = stretch.disk;
@@ -48,7 +50,8 @@ void JournalWriter::add(const ChangedStretch& stretch) {
     offline::append(table, static_cast<uint32_t>(stretch.before.size()));
     offline::append(table, stretch.hole ? stretch::hole : 0u);
     for (size_t at = 0; at < stretch.after.size(); at += tornAt) {
-        offline::append(sums, checksum(stretch.after.subspan(at, std::min(stretch.after.size() - at, size_t{tornAt}))));
+        offline::append(
+            sums, checksum(stretch.after.subspan(at, std::min(stretch.after.size() - at, size_t{tornAt}))));
     }
     if (!stretch.hole) offline::append(images, stretch.before);
     ++inPiece;

@@ -32,8 +32,9 @@ struct JournalWriter {
     void close();
 
     bool begun = false;
+    bool created = false; /* the file is ours */
     int error = 0;
-    uint64_t length = 0;                /* bytes of the file so far, or that it would have */
+    uint64_t length = 0;               /* bytes of the file so far, or that it would have */
     uint64_t stretches = 0, bytes = 0; /* of the disks */
 
 private:

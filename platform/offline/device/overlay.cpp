@@ -24,8 +24,8 @@ DeviceError Overlay::patch(uint64_t offset, std::span<uint8_t> bytes) const {
         const uint64_t start = std::max(unit * unitSize, offset);
         if (start - offset >= bytes.size()) break;
         const uint64_t end = std::min<uint64_t>((unit + 1) * unitSize, offset + bytes.size());
-        const DeviceError error = store.read(index.slotOf(unit), start % unitSize,
-                                             bytes.subspan(start - offset, end - start));
+        const DeviceError error =
+            store.read(index.slotOf(unit), start % unitSize, bytes.subspan(start - offset, end - start));
         if (error != 0) return error;
     }
     return 0;

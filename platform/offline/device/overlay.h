@@ -20,7 +20,8 @@ struct Overlay final : BlockDevice {
     uint64_t size() const override { return below.size(); }
     uint32_t sectorSize() const override { return below.sectorSize(); }
 
-    /* Never: it takes writes over a device that can only be read as well, so that a run can be planned there. */
+    /* Never: it takes writes over a device that can only be read as well, so that a run can be planned there.
+     */
     bool readOnly() const override { return false; }
 
     /* A unit that was written whole is not read below. */
@@ -45,7 +46,7 @@ struct Overlay final : BlockDevice {
     DeviceError patch(uint64_t offset, std::span<uint8_t> bytes) const;
 
     uint64_t changedUnits() const { return index.count(); }
-    size_t indexMemory() const { return index.memory(); }             /* bytes */
+    size_t indexMemory() const { return index.memory(); }            /* bytes */
     const std::string& directory() const { return store.directory; } /* of the temporary file, for messages */
 
 private:

@@ -2,13 +2,15 @@
 
 #include <algorithm>
 
+#include "platform/offline/device/pointers.h"
 #include "platform/offline/device/reasons.h"
 
 namespace offline {
 namespace {
 
 NTSTATUS refuseDevice(const TransactionDisk& disk, const char* what, DeviceError error, Problem& problem) {
-    return refuse(problem, statusOfDevice(error), disk.device->name() + ": " + what + " (" + reasonOf(error) + ")");
+    return refuse(problem, statusOfDevice(error),
+                  disk.device->name() + ": " + what + " (" + reasonOf(error) + ")");
 }
 
 /* ---- Which disks ---- */
@@ -66,9 +68,10 @@ NTSTATUS matchDisks(const JournalReader& journal, std::span<const TransactionDis
             const NTSTATUS status = sameDisk(wanted[index], disk, same, problem);
             if (status < 0) return status;
             if (!same) {
-                return refuse(problem, STATUS_FILE_CORRUPT_ERROR,
-                              journal.path + ": it belongs to another disk than " + disk.device->name() +
-                                  ", which has another size or beginning; put that disk back, or move the file away");
+                return refuse(
+                    problem, STATUS_FILE_CORRUPT_ERROR,
+                    journal.path + ": it belongs to another disk than " + disk.device->name() +
+                        ", which has another size or beginning; put that disk back, or move the file away");
             }
             disks[index] = &disk;
         }
@@ -121,8 +124,9 @@ NTSTATUS Playback::freshBytes(const TransactionDisk& disk, const JournalStretch&
         const Bytes bytes = left.first(std::min<size_t>(left.size(), journal::tornAt));
         if (checksum(bytes) != stretch.sumAt(sector)) {
             return refuse(problem, STATUS_IO_DEVICE_ERROR,
-                          disk.overlay->directory() + ": the temporary file there does not hold what was written to it; "
-                                                      "check that medium");
+                          disk.overlay->directory() +
+                              ": the temporary file there does not hold what was written to it; "
+                              "check that medium");
         }
         left = left.subspan(bytes.size());
     }
@@ -142,8 +146,8 @@ NTSTATUS Playback::putStretch(const JournalStretch& stretch) {
 }
 
 NTSTATUS Playback::putPart(JournalPart part) {
-    const NTSTATUS status =
-        journal.forStretches(part, [&](const JournalStretch& stretch) { return putStretch(stretch); }, problem);
+    const NTSTATUS status = journal.forStretches(
+        part, [&](const JournalStretch& stretch) { return putStretch(stretch); }, problem);
     return status < 0 ? status : flushWritten();
 }
 
@@ -169,6 +173,30 @@ NTSTATUS playJournal(JournalReader& journal, const JournalDisks& disks, Contents
     if (status >= 0) status = playback.putPart(JournalPart::unmarked);
     if (status >= 0) status = playback.putPart(JournalPart::marked);
     return status;
+}
+
+JournalHead located(const JournalReader& journal, const JournalDisks& disks) {
+    JournalHead head = journal.head;
+    for (size_t index = 0; index < disks.size(); ++index)
+        head.disks[index].path = journalPath(disks[index]->place);
+    return head;
+}
+
+NTSTATUS takeBackJournal(JournalFiles& files, JournalReader& journal, const JournalDisks& disks,
+                         bool& oldBytesBack, Problem& problem) {
+    oldBytesBack = false;
+    const NTSTATUS status = playJournal(journal, disks, Contents::before, problem);
+    if (status < 0) return status;
+    oldBytesBack = true;
+    int error = files.remove(journal.path);
+    if (error == 0) error = files.flushDirectory(directoryOf(journal.path));
+    if (error != 0) {
+        return refuse(problem, statusOfDevice(error),
+                      journal.path + ": the old bytes are back, but the journal can't be removed (" +
+                          reasonOf(error) + "); run `quillet-offline undo` before the disk is used");
+    }
+    removePointers(files, located(journal, disks));
+    return STATUS_SUCCESS;
 }
 
 /* ---- Looking ---- */

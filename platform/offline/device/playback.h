@@ -14,8 +14,8 @@ using JournalDisks = std::vector<const TransactionDisk*>;
 /* The digest that a disk is known by. */
 DeviceError identityOf(BlockDevice& device, Digest& identity);
 
-/* Finds the journal's disks among those given: by their journals' places, else by their identities, for images
- * may have been moved. Refused: one that is missing, or that is not what it was. */
+/* Finds the journal's disks among those given: by their journals' places, else by their identities, for
+ * images may have been moved. Refused: one that is missing, or that is not what it was. */
 NTSTATUS matchDisks(const JournalReader& journal, std::span<const TransactionDisk> given, JournalDisks& disks,
                     Problem& problem);
 
@@ -25,13 +25,21 @@ enum class Contents { before, after };
 /* Writes every stretch, in the order of (4). */
 NTSTATUS playJournal(JournalReader& journal, const JournalDisks& disks, Contents contents, Problem& problem);
 
+/* (7) without the looking: the old bytes go back, the journal is removed durably, then the pointers to it.
+ * oldBytesBack tells of a failure whether only the journal is still there. */
+NTSTATUS takeBackJournal(JournalFiles& files, JournalReader& journal, const JournalDisks& disks,
+                         bool& oldBytesBack, Problem& problem);
+
+/* The head with the paths of the journals where the disks lie now. */
+JournalHead located(const JournalReader& journal, const JournalDisks& disks);
+
 /* What a disk holds that it should not. */
 struct Differences {
     uint64_t stretches = 0, bytes = 0; /* of whole sectors */
 };
 
-/* Looks at each sector of each stretch: it has to hold what the run wrote, and where a commit may have been cut
- * off (anyState) the old bytes or a mark's will do. Checks all of the journal on the way. */
+/* Looks at each sector of each stretch: it has to hold what the run wrote, and where a commit may have been
+ * cut off (anyState) the old bytes or a mark's will do. Checks all of the journal on the way. */
 NTSTATUS compareDisks(JournalReader& journal, const JournalDisks& disks, bool anyState, Differences& found,
                       Problem& problem);
 

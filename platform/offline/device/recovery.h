@@ -10,10 +10,11 @@ struct RecoveryReport {
     std::vector<std::string> takenBack; /* journals of cut-off commits whose old bytes are back */
 };
 
-/* Before anything else is done with the disks of a system; what is no journal of theirs is left alone. Refused,
- * with one line, and nothing written: a journal that is damaged, of another disk or version, or whose disks are
- * not all here; a disk that holds neither old nor new bytes somewhere; a pointer whose journal is out of reach. A
- * failure while the old bytes go back leaves the journal, and the next recovery begins again. */
+/* Before anything else is done with the disks of a system; what is no journal of theirs is left alone.
+ * Refused, with one line, and nothing written: a journal that is damaged, of another disk or version, or
+ * whose disks are not all here; a disk that holds neither old nor new bytes somewhere; a pointer whose
+ * journal is out of reach. A failure while the old bytes go back leaves the journal, and the next recovery
+ * begins again. */
 NTSTATUS recoverDisks(JournalFiles& files, std::span<const TransactionDisk> disks, RecoveryReport& report,
                       Problem& problem);
 

@@ -55,15 +55,13 @@ struct SystemJournalFiles final : JournalFiles {
     }
 
     int write(int file, uint64_t offset, Bytes bytes, size_t& done) override {
-        return transferred(done, [&] {
-            return pwrite(file, bytes.data(), bytes.size(), static_cast<off_t>(offset));
-        });
+        return transferred(
+            done, [&] { return pwrite(file, bytes.data(), bytes.size(), static_cast<off_t>(offset)); });
     }
 
     int read(int file, uint64_t offset, std::span<uint8_t> bytes, size_t& done) override {
-        return transferred(done, [&] {
-            return pread(file, bytes.data(), bytes.size(), static_cast<off_t>(offset));
-        });
+        return transferred(
+            done, [&] { return pread(file, bytes.data(), bytes.size(), static_cast<off_t>(offset)); });
     }
 
     int flush(int file) override { return fsync(file) == 0 ? 0 : errno; }
