@@ -29,7 +29,7 @@ struct Commit {
     NTSTATUS chooseUndo();
     NTSTATUS secure();
     NTSTATUS apply();
-    NTSTATUS takeBack(const Problem& cause);
+    NTSTATUS takeBack(Problem cause);
     NTSTATUS abandon(NTSTATUS status);
 
 private:
@@ -46,7 +46,7 @@ NTSTATUS Commit::begin(std::span<const DirtyMark> marks) {
     journal = journalPath(disks[0].place);
     if (getrandom(head.id.data(), head.id.size(), 0) != static_cast<ssize_t>(head.id.size())) {
         return refuse(problem, STATUS_UNSUCCESSFUL,
-                      "the system gives no random numbers; nothing was changed");
+                      "the system gives no random numbers");
     }
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -58,7 +58,7 @@ NTSTATUS Commit::begin(std::span<const DirtyMark> marks) {
         if (error != 0) {
             return refuse(problem, statusOfDevice(error),
                           disk.device->name() + ": the changes can't be committed (" + reasonOf(error) +
-                              "); nothing was changed");
+                              ")");
         }
         head.disks.push_back(std::move(known));
     }
@@ -80,7 +80,7 @@ NTSTATUS Commit::checkMarks() {
         if (!usable) {
             return refuse(
                 problem, STATUS_INVALID_PARAMETER,
-                disks[0].device->name() + ": a volume's dirty mark can't be set; nothing was changed");
+                disks[0].device->name() + ": a volume's dirty mark can't be set");
         }
     }
     return STATUS_SUCCESS;
@@ -89,7 +89,7 @@ NTSTATUS Commit::checkMarks() {
 NTSTATUS refuseUndo(const std::string& path, int error, Problem& problem) {
     return refuse(problem, statusOfDevice(error),
                   path + ": the undo file can't be made there (" + reasonOf(error) +
-                      "); name another place for it; nothing was changed");
+                      "); name another place for it");
 }
 
 NTSTATUS Commit::chooseUndo() {
@@ -113,7 +113,7 @@ NTSTATUS Commit::refuseNoRoom() {
         text += ", " + std::to_string(bytes) + " are free there";
     }
     return refuse(problem, STATUS_DISK_FULL,
-                  text + " (" + reasonOf(writer.error) + "); make room; nothing was changed");
+                  text + " (" + reasonOf(writer.error) + "); make room");
 }
 
 NTSTATUS Commit::writerStatus() {
@@ -157,6 +157,7 @@ NTSTATUS Commit::abandon(NTSTATUS status) {
     int error = writer.created ? files.remove(journal) : 0;
     if (error == 0 && writer.created) error = files.flushDirectory(directoryOf(journal));
     removePointers(files, head);
+    problem.text += "; nothing was changed";
     if (error == 0) return status;
     return refuse(problem, status,
                   problem.text + "; " + journal + " can't be removed (" + reasonOf(error) +
@@ -215,21 +216,19 @@ NTSTATUS Commit::apply() {
 
 /* After a failure, by what a recovery would do (7). What the disks hold need not be looked at: nobody else
  * had them in between. */
-NTSTATUS Commit::takeBack(const Problem& cause) {
+NTSTATUS Commit::takeBack(Problem cause) {
     Problem second;
     bool oldBytesBack = false;
     const NTSTATUS status = guardedRefusing(
         second, [&] { return takeBackJournal(files, reader, inOrder(disks), oldBytesBack, second); });
     std::string text = cause.text;
-    const std::string unchanged = "; nothing was changed";
-    if (text.ends_with(unchanged)) text.resize(text.size() - unchanged.size());
     if (status < 0 && !oldBytesBack) {
         return refuse(problem, cause.status,
                       text + "; the disk is left half changed, for the old bytes can't be put back either (" +
                           second.text + "): keep " + journal +
                           " and run `quillet-offline undo` on it when the medium is sound");
     }
-    text += "; what had been written was taken back" + unchanged;
+    text += "; all that had been written was taken back, nothing was changed";
     if (status < 0) text += "; " + second.text;
     if (!undoCopy.empty()) files.remove(undoCopy);
     return refuse(problem, cause.status, text);
@@ -238,7 +237,7 @@ NTSTATUS Commit::takeBack(const Problem& cause) {
 NTSTATUS commitAll(Commit& commit, std::span<const DirtyMark> marks) {
     NTSTATUS status = commit.begin(marks);
     if (status >= 0) status = commit.chooseUndo();
-    if (status < 0) return status;
+    if (status < 0) return commit.abandon(status);
     status = guardedRefusing(commit.problem, [&]() -> NTSTATUS {
         const NTSTATUS gathered = gatherStretches(commit.files, commit.journal, commit.head, commit.disks,
                                                   commit.writer, commit.problem);
@@ -247,7 +246,7 @@ NTSTATUS commitAll(Commit& commit, std::span<const DirtyMark> marks) {
     if (status < 0) return commit.abandon(status);
     if (!commit.writer.begun) return status;
     status = guardedRefusing(commit.problem, [&] { return commit.apply(); });
-    if (status < 0 && !commit.report.committed) return commit.takeBack(Problem(commit.problem));
+    if (status < 0 && !commit.report.committed) return commit.takeBack(std::move(commit.problem));
     commit.report.stretches = commit.writer.stretches;
     commit.report.bytes = commit.writer.bytes;
     commit.report.journalLength = commit.writer.length;

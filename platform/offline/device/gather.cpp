@@ -52,14 +52,14 @@ NTSTATUS Gathering::load(uint64_t start, uint64_t end) {
     if (error != 0) {
         return refuse(problem, statusOfDevice(error),
                       one.device->name() + ": what is to be changed there can't be read (" + reasonOf(error) +
-                          "); nothing was changed");
+                          ")");
     }
     after = before;
     error = one.overlay->patch(start, after);
     if (error == 0) return STATUS_SUCCESS;
     return refuse(problem, statusOfDevice(error),
                   one.overlay->directory() + ": the temporary file there can't be read (" + reasonOf(error) +
-                      "); nothing was changed");
+                      ")");
 }
 
 /* ---- The marked stretches ---- */
@@ -101,8 +101,7 @@ NTSTATUS Gathering::compareBlock(uint64_t start, uint64_t offset, uint64_t end) 
     if (offset < journal::identityBytes) {
         return refuse(problem, STATUS_INVALID_PARAMETER,
                       disks[disk].device->name() +
-                          ": its beginning would change, by which its journal knows it; "
-                          "nothing was changed");
+                          ": its beginning would change, by which its journal knows it");
     }
     found = true;
     if (onlyLook) return STATUS_SUCCESS;
@@ -141,7 +140,8 @@ NTSTATUS Gathering::gatherUnits(uint64_t start, uint64_t end) {
     return STATUS_SUCCESS;
 }
 
-/* Where the disk's next window ends: whole blocks, neighbours joined, not much between them. */
+/* Where the disk's next window ends, on the disk or beyond it: whole blocks, neighbours joined, not much between
+ * them. */
 uint64_t windowEnd(const TransactionDisk& disk, uint64_t start) {
     uint64_t end = start + blockSize, changed = 0;
     while (disk.overlay->nextChanged(end, changed) && changed < end + readThrough) {
@@ -149,7 +149,7 @@ uint64_t windowEnd(const TransactionDisk& disk, uint64_t start) {
         if (further - start > windowSize) break;
         end = further;
     }
-    return std::min(end, disk.device->size());
+    return end;
 }
 
 NTSTATUS Gathering::gatherDisk() {
@@ -157,8 +157,9 @@ NTSTATUS Gathering::gatherDisk() {
     while (!enough() && disks[disk].overlay->nextChanged(from, changed)) {
         const uint64_t start = changed - changed % blockSize;
         from = windowEnd(disks[disk], start);
-        NTSTATUS status = load(start, from);
-        status = status < 0 ? gatherUnits(start, from) : compareWindow(start);
+        const uint64_t end = std::min(from, disks[disk].device->size());
+        NTSTATUS status = load(start, end);
+        status = status < 0 ? gatherUnits(start, end) : compareWindow(start);
         if (status < 0) return status;
     }
     return STATUS_SUCCESS;

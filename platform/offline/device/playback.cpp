@@ -114,10 +114,12 @@ NTSTATUS Playback::put(const TransactionDisk& disk, size_t index, uint64_t offse
     return error == 0 ? STATUS_SUCCESS : refuseDevice(disk, "it can't be written", error, problem);
 }
 
-/* What the overlay holds, if it is still what was journalled. */
+/* What is to be written, if the overlay still holds what was journalled. Not from below: a marked unit bears
+ * its mark there by now. */
 NTSTATUS Playback::freshBytes(const TransactionDisk& disk, const JournalStretch& stretch) {
+    fresh.assign(stretch.before.begin(), stretch.before.end());
     fresh.resize(stretch.length);
-    const DeviceError error = disk.overlay->read(stretch.offset, fresh);
+    const DeviceError error = disk.overlay->patch(stretch.offset, fresh);
     if (error != 0) return refuseDevice(disk, "what was to be written can't be read back", error, problem);
     Bytes left = fresh;
     for (size_t sector = 0; !left.empty(); ++sector) {

@@ -10,11 +10,10 @@ NTSTATUS refuseJournal(const std::string& path, const char* what, int error, Pro
     if (error == EEXIST) {
         return refuse(problem, STATUS_OBJECT_NAME_COLLISION,
                       path +
-                          ": a commit that was cut off is in the way; run `quillet-offline undo` first; "
-                          "nothing was changed");
+                          ": a commit that was cut off is in the way; run `quillet-offline undo` first");
     }
     return refuse(problem, statusOfDevice(error),
-                  path + ": " + what + " (" + reasonOf(error) + "); nothing was changed");
+                  path + ": " + what + " (" + reasonOf(error) + ")");
 }
 
 NTSTATUS writePointers(JournalFiles& files, const JournalHead& head, Problem& problem) {

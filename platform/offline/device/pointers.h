@@ -24,7 +24,7 @@ enum class PointerState {
 };
 PointerState followPointer(JournalFiles& files, const JournalReader& pointer);
 
-/* "/a.img.quillet-journal: the journal can't be written (No space left on device); nothing was changed" */
+/* "/a.img.quillet-journal: the journal can't be written (No space left on device)" */
 NTSTATUS refuseJournal(const std::string& path, const char* what, int error, Problem& problem);
 
 } /* namespace offline */

@@ -56,7 +56,7 @@ NTSTATUS Undo::open(const std::string& path, bool& found) {
         return refuseJournal(path, "the undo file can't be read", file.error, problem);
     }
     return refuse(problem, STATUS_FILE_CORRUPT_ERROR,
-                  path + ": it is no whole undo file of this version of quillet; nothing was changed");
+                  path + ": it is no whole undo file of this version of quillet");
 }
 
 /* All disks are here, can be written, and hold what the run wrote. */
@@ -74,7 +74,7 @@ NTSTATUS Undo::check() {
     return refuse(problem, STATUS_FILE_CORRUPT_ERROR,
                   file.path + ": the disk has moved on since that run: " + std::to_string(found.stretches) +
                       " of " + std::to_string(file.stretches) + " stretches differ from what it wrote (" +
-                      std::to_string(found.bytes) + " bytes); nothing was changed");
+                      std::to_string(found.bytes) + " bytes)");
 }
 
 /* From another file system a copy takes the place. */
@@ -121,17 +121,21 @@ NTSTATUS Undo::play() {
 }
 
 UndoOutcome undoGuarded(Undo& undo, const std::string& wanted) {
+    RecoveryReport& recovered = undo.report.recovery;
+    if (recoverDisks(undo.files, undo.given, recovered, undo.problem) < 0) return UndoOutcome::refused;
+    if (!recovered.takenBack.empty()) return UndoOutcome::done;
     bool found = false;
     std::string path = wanted;
-    NTSTATUS status = recoverDisks(undo.files, undo.given, undo.report.recovery, undo.problem);
-    if (status >= 0 && !undo.report.recovery.takenBack.empty()) return UndoOutcome::done;
-    if (status >= 0 && path.empty()) status = undo.findLatest(path);
+    NTSTATUS status = path.empty() ? undo.findLatest(path) : STATUS_SUCCESS;
     if (status >= 0 && !path.empty()) status = undo.open(path, found);
     if (status >= 0 && !found) return UndoOutcome::nothing;
     if (status >= 0) status = undo.check();
     if (status >= 0) status = undo.becomeJournal();
-    if (status >= 0) status = undo.play();
-    if (status < 0) return UndoOutcome::refused;
+    if (status < 0) {
+        undo.problem.text += "; nothing was changed";
+        return UndoOutcome::refused;
+    }
+    if (undo.play() < 0) return UndoOutcome::refused;
     undo.report.undoPath = path;
     undo.report.stretches = undo.file.stretches;
     undo.report.bytes = undo.file.bytes;
