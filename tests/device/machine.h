@@ -120,8 +120,8 @@ struct MachineDisk final : BlockDevice {
     }
 };
 
-/* Names are kept when their directory was flushed; directories are there as long as nobody hides them. What lies
- * below /other is another file system. */
+/* Names are kept when their directory was flushed; directories are there as long as nobody hides them. What
+ * lies below /other is another file system. */
 struct MachineFiles final : JournalFiles {
     explicit MachineFiles(Machine& of) : machine(of) {}
     using File = std::shared_ptr<Medium>;
@@ -133,7 +133,8 @@ struct MachineFiles final : JournalFiles {
     std::map<std::string, File> now, kept;
     std::vector<Change> pending;
     std::vector<File> opened;
-    std::string hidden; /* a directory that is out of reach */
+    uint64_t roomLeft = UINT64_MAX;
+    std::string hidden;    /* a directory that is out of reach */
     bool oneMount = false; /* /other says that it is the same file system, and is not */
 
     static bool elsewhere(const std::string& path) { return path.starts_with("/other"); }
@@ -164,8 +165,11 @@ struct MachineFiles final : JournalFiles {
     }
     int write(int file, uint64_t offset, Bytes bytes, size_t& done) override {
         if (const int error = machine.call()) return error;
+        if (roomLeft == 0) return ENOSPC;
+        bytes = bytes.first(std::min<uint64_t>(bytes.size(), roomLeft));
         done = machine.below(4) == 0 ? 1 + machine.below(bytes.size()) : bytes.size(); /* short at times */
         opened[static_cast<size_t>(file)]->write(offset, bytes.first(done));
+        roomLeft -= done;
         return 0;
     }
     int read(int file, uint64_t offset, std::span<uint8_t> bytes, size_t& done) override {
@@ -183,7 +187,9 @@ struct MachineFiles final : JournalFiles {
     void close(int) override {}
     int flushDirectory(const std::string& directory) override {
         if (const int error = machine.call()) return error;
-        const auto in = [&](const std::string& path) { return !path.empty() && directoryOf(path) == directory; };
+        const auto in = [&](const std::string& path) {
+            return !path.empty() && directoryOf(path) == directory;
+        };
         std::erase_if(pending, [&](const Change& made) {
             if (!in(made.gone) && !in(made.made)) return false;
             apply(kept, made);
@@ -231,7 +237,8 @@ struct MachineFiles final : JournalFiles {
         opened.clear();
     }
     bool anyEnding(const std::string& ending) const {
-        return std::any_of(now.begin(), now.end(), [&](const auto& entry) { return entry.first.ends_with(ending); });
+        return std::any_of(now.begin(), now.end(),
+                           [&](const auto& entry) { return entry.first.ends_with(ending); });
     }
 };
 

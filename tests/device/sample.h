@@ -53,13 +53,16 @@ struct Sample {
             before.push_back(disk.medium.now);
             for (uint64_t offset : {uint64_t{8192}, 9216 + machine.below(3) * 512}) {
                 const auto from = before[number].begin() + static_cast<std::ptrdiff_t>(offset);
-                marks.push_back({number, offset, ByteVector(from, from + 512 * (1 + static_cast<int>(machine.below(2))))});
+                marks.push_back({number, offset,
+                                 ByteVector(from, from + 512 * (1 + static_cast<int>(machine.below(2))))});
                 marks.back().bytes[70] ^= 1;
                 if (machine.below(2) == 0) write(number, offset + 200, 30);
             }
             for (uint64_t count = machine.below(40); count > 0; --count) {
                 const uint64_t offset = 8192 + machine.below(disk.size() - 8192);
-                write(number, offset, std::min(machine.below(machine.below(4) == 0 ? 20000 : 1024) + 1, disk.size() - offset));
+                write(
+                    number, offset,
+                    std::min(machine.below(machine.below(4) == 0 ? 20000 : 1024) + 1, disk.size() - offset));
             }
             after.push_back(ByteVector(disk.size()));
             static_cast<void>(overlays.size());
@@ -90,10 +93,28 @@ struct Sample {
         problem = {};
         return undoLatest(files, system, undo.path, taken, problem);
     }
+    /* Whether every disk that is half changed bears its marks, for those who open it without us. */
+    bool warns() const {
+        for (size_t number = 0; number < system.size(); ++number) {
+            const MachineDisk& disk = *static_cast<MachineDisk*>(system[number].device);
+            bool marked = true;
+            std::vector<ByteVector> kinds = {disk.medium.now, before[number], after[number]};
+            for (const DirtyMark& mark : marks) {
+                if (mark.disk != number) continue;
+                const Bytes there = Bytes(disk.medium.now).subspan(mark.offset, mark.bytes.size());
+                marked = marked && sameBytes(there, mark.bytes);
+                for (ByteVector& kind : kinds) Medium::put(kind, mark.offset / 1024 * 1024, ByteVector(2048));
+            }
+            if (!marked && kinds[0] != kinds[1] && kinds[0] != kinds[2]) return false;
+        }
+        return true;
+    }
     /* The power goes, at the latest now, and comes back. */
     void reboot() {
         const uint64_t style = machine.below(4);
-        const auto isKept = [&] { return style == 0 ? false : style == 1 ? true : machine.below(style * 2) == 0; };
+        const auto isKept = [&] {
+            return style == 0 ? false : style == 1 ? true : machine.below(style * 2) == 0;
+        };
         for (MachineDisk& disk : disks) {
             disk.medium.cut(isKept);
             disk.flushRefused = false;
@@ -107,15 +128,20 @@ struct Sample {
     }
     bool holds(const std::vector<ByteVector>& wanted) const {
         size_t number = 0;
-        return std::all_of(disks.begin(), disks.end(), [&](const MachineDisk& disk) { return disk.medium.now == wanted[number++]; });
+        return std::all_of(disks.begin(), disks.end(),
+                           [&](const MachineDisk& disk) { return disk.medium.now == wanted[number++]; });
     }
     /* Bit for bit, its holes too. */
     bool isOld() const {
         size_t number = 0;
-        return holds(before) && std::all_of(disks.begin(), disks.end(), [&](const MachineDisk& disk) { return disk.holes == holes[number++]; });
+        return holds(before) && std::all_of(disks.begin(), disks.end(), [&](const MachineDisk& disk) {
+                   return disk.holes == holes[number++];
+               });
     }
     bool isNew() const { return holds(after); }
-    bool undoThere() const { return files.anyEnding("undo") || files.anyEnding("mine") || files.anyEnding(".part"); }
+    bool undoThere() const {
+        return files.anyEnding("undo") || files.anyEnding("mine") || files.anyEnding(".part");
+    }
 };
 
 } /* namespace offline::test */

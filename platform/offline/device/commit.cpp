@@ -45,8 +45,7 @@ private:
 NTSTATUS Commit::begin(std::span<const DirtyMark> marks) {
     journal = journalPath(disks[0].place);
     if (getrandom(head.id.data(), head.id.size(), 0) != static_cast<ssize_t>(head.id.size())) {
-        return refuse(problem, STATUS_UNSUCCESSFUL,
-                      "the system gives no random numbers");
+        return refuse(problem, STATUS_UNSUCCESSFUL, "the system gives no random numbers");
     }
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -57,8 +56,7 @@ NTSTATUS Commit::begin(std::span<const DirtyMark> marks) {
         if (error == 0) error = disk.overlay->flush(); /* whether it lost something */
         if (error != 0) {
             return refuse(problem, statusOfDevice(error),
-                          disk.device->name() + ": the changes can't be committed (" + reasonOf(error) +
-                              ")");
+                          disk.device->name() + ": the changes can't be committed (" + reasonOf(error) + ")");
         }
         head.disks.push_back(std::move(known));
     }
@@ -78,18 +76,17 @@ NTSTATUS Commit::checkMarks() {
         there.resize(length);
         usable = usable && disks[mark.disk].device->read(mark.offset, there) == 0 && there != mark.bytes;
         if (!usable) {
-            return refuse(
-                problem, STATUS_INVALID_PARAMETER,
-                disks[0].device->name() + ": a volume's dirty mark can't be set");
+            return refuse(problem, STATUS_INVALID_PARAMETER,
+                          disks[0].device->name() + ": a volume's dirty mark can't be set");
         }
     }
     return STATUS_SUCCESS;
 }
 
 NTSTATUS refuseUndo(const std::string& path, int error, Problem& problem) {
-    return refuse(problem, statusOfDevice(error),
-                  path + ": the undo file can't be made there (" + reasonOf(error) +
-                      "); name another place for it");
+    return refuse(
+        problem, statusOfDevice(error),
+        path + ": the undo file can't be made there (" + reasonOf(error) + "); name another place for it");
 }
 
 NTSTATUS Commit::chooseUndo() {
@@ -108,12 +105,11 @@ NTSTATUS Commit::chooseUndo() {
 NTSTATUS Commit::refuseNoRoom() {
     uint64_t bytes = 0, fileSystem = 0;
     std::string text = journal + ": there is no room for the journal: it needs " +
-                       std::to_string(writer.length + journal::closing::size) + " bytes";
+                       std::to_string(writer.fullLength()) + " bytes";
     if (files.room(disks[0].place.directory, bytes, fileSystem) == 0) {
         text += ", " + std::to_string(bytes) + " are free there";
     }
-    return refuse(problem, STATUS_DISK_FULL,
-                  text + " (" + reasonOf(writer.error) + "); make room");
+    return refuse(problem, STATUS_DISK_FULL, text + " (" + reasonOf(writer.error) + "); make room");
 }
 
 NTSTATUS Commit::writerStatus() {
@@ -125,7 +121,11 @@ NTSTATUS Commit::writerStatus() {
 NTSTATUS Commit::copyUndo() {
     const std::string copy = undoPath + ".part";
     const int error = copyFile(files, journal, copy);
-    if (error != 0) return refuseUndo(copy, error, problem);
+    if (error != 0) {
+        const NTSTATUS status = refuseUndo(undoPath, error, problem);
+        if (noRoom(error)) problem.text += "; it needs " + std::to_string(writer.length) + " bytes";
+        return status;
+    }
     undoCopy = copy;
     return STATUS_SUCCESS;
 }

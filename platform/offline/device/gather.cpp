@@ -50,16 +50,16 @@ NTSTATUS Gathering::load(uint64_t start, uint64_t end) {
     const TransactionDisk& one = disks[disk];
     DeviceError error = one.device->read(start, before);
     if (error != 0) {
-        return refuse(problem, statusOfDevice(error),
-                      one.device->name() + ": what is to be changed there can't be read (" + reasonOf(error) +
-                          ")");
+        return refuse(
+            problem, statusOfDevice(error),
+            one.device->name() + ": what is to be changed there can't be read (" + reasonOf(error) + ")");
     }
     after = before;
     error = one.overlay->patch(start, after);
     if (error == 0) return STATUS_SUCCESS;
-    return refuse(problem, statusOfDevice(error),
-                  one.overlay->directory() + ": the temporary file there can't be read (" + reasonOf(error) +
-                      ")");
+    return refuse(
+        problem, statusOfDevice(error),
+        one.overlay->directory() + ": the temporary file there can't be read (" + reasonOf(error) + ")");
 }
 
 /* ---- The marked stretches ---- */
@@ -99,9 +99,9 @@ void Gathering::grow(uint64_t start, uint64_t offset, uint64_t end, bool hole) {
 NTSTATUS Gathering::compareBlock(uint64_t start, uint64_t offset, uint64_t end) {
     if (!differs(start, offset, end)) return STATUS_SUCCESS;
     if (offset < journal::identityBytes) {
-        return refuse(problem, STATUS_INVALID_PARAMETER,
-                      disks[disk].device->name() +
-                          ": its beginning would change, by which its journal knows it");
+        return refuse(
+            problem, STATUS_INVALID_PARAMETER,
+            disks[disk].device->name() + ": its beginning would change, by which its journal knows it");
     }
     found = true;
     if (onlyLook) return STATUS_SUCCESS;
@@ -140,8 +140,8 @@ NTSTATUS Gathering::gatherUnits(uint64_t start, uint64_t end) {
     return STATUS_SUCCESS;
 }
 
-/* Where the disk's next window ends, on the disk or beyond it: whole blocks, neighbours joined, not much between
- * them. */
+/* Where the disk's next window ends, on the disk or beyond it: whole blocks, neighbours joined, not much
+ * between them. */
 uint64_t windowEnd(const TransactionDisk& disk, uint64_t start) {
     uint64_t end = start + blockSize, changed = 0;
     while (disk.overlay->nextChanged(end, changed) && changed < end + readThrough) {

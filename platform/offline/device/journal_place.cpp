@@ -110,9 +110,12 @@ NTSTATUS makeJournalDirectory(const JournalPlace& place, Problem& problem) {
         for (size_t end = 0; end != std::string::npos;) {
             end = place.directory.find('/', end + 1);
             const std::string part = place.directory.substr(0, end);
-            if (mkdir(part.c_str(), S_IRWXU) == 0 || errno == EEXIST) continue;
-            return refuse(problem, statusOfDevice(errno),
-                          part + ": the directory for the journal can't be made (" + reasonOf(errno) +
+            int error = mkdir(part.c_str(), S_IRWXU) == 0 ? 0 : errno;
+            if (error == EEXIST) continue;
+            if (error == 0) error = systemJournalFiles().flushDirectory(directoryOf(part));
+            if (error == 0) continue;
+            return refuse(problem, statusOfDevice(error),
+                          part + ": the directory for the journal can't be made (" + reasonOf(error) +
                               "); set QUILLET_JOURNAL to one");
         }
         return STATUS_SUCCESS;

@@ -37,6 +37,9 @@ struct JournalWriter {
     uint64_t length = 0;               /* bytes of the file so far, or that it would have */
     uint64_t stretches = 0, bytes = 0; /* of the disks */
 
+    /* The file's length with its closing record, when the pieces have been ended. */
+    uint64_t fullLength() const { return journal::roundUp(length, journal::tornAt) + journal::closing::size; }
+
 private:
     JournalFile file;
     std::array<uint8_t, 16> id = {};

@@ -89,6 +89,15 @@ NTSTATUS matchDisks(const JournalReader& journal, std::span<const TransactionDis
     return STATUS_SUCCESS;
 }
 
+NTSTATUS refuseReadOnly(const JournalDisks& disks, Problem& problem) {
+    for (const TransactionDisk* const disk : disks) {
+        if (!disk->device->readOnly()) continue;
+        return refuse(problem, STATUS_MEDIA_WRITE_PROTECTED,
+                      disk->device->name() + ": it can only be read; make it writable first");
+    }
+    return STATUS_SUCCESS;
+}
+
 /* ---- Writing ---- */
 
 namespace {

@@ -19,6 +19,9 @@ DeviceError identityOf(BlockDevice& device, Digest& identity);
 NTSTATUS matchDisks(const JournalReader& journal, std::span<const TransactionDisk> given, JournalDisks& disks,
                     Problem& problem);
 
+/* For what has to be written. */
+NTSTATUS refuseReadOnly(const JournalDisks& disks, Problem& problem);
+
 /* before: what was there; after: what the overlays hold, which has to be what the journal expects. */
 enum class Contents { before, after };
 

@@ -9,11 +9,9 @@ namespace offline {
 NTSTATUS refuseJournal(const std::string& path, const char* what, int error, Problem& problem) {
     if (error == EEXIST) {
         return refuse(problem, STATUS_OBJECT_NAME_COLLISION,
-                      path +
-                          ": a commit that was cut off is in the way; run `quillet-offline undo` first");
+                      path + ": a commit that was cut off is in the way; run `quillet-offline undo` first");
     }
-    return refuse(problem, statusOfDevice(error),
-                  path + ": " + what + " (" + reasonOf(error) + ")");
+    return refuse(problem, statusOfDevice(error), path + ": " + what + " (" + reasonOf(error) + ")");
 }
 
 NTSTATUS writePointers(JournalFiles& files, const JournalHead& head, Problem& problem) {

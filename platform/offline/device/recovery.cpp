@@ -1,6 +1,7 @@
 #include "platform/offline/device/recovery.h"
 
 #include <algorithm>
+#include <cerrno>
 
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/device/playback.h"
@@ -17,6 +18,12 @@ NTSTATUS refuseState(const JournalReader& journal, JournalState state, Problem& 
                           journal.path +
                               ": another version of quillet made this journal; put the disk right with that");
         case JournalState::unreadable:
+            if (journal.error == EPERM) {
+                return refuse(problem, STATUS_ACCESS_DENIED,
+                              journal.path +
+                                  ": another user may have written this journal; if it is to be trusted, "
+                                  "make it your own with mode 0600, else remove it");
+            }
             return refuse(problem, statusOfDevice(journal.error),
                           journal.path + ": the journal can't be read (" + reasonOf(journal.error) +
                               "); the disk is not touched without it");
@@ -59,6 +66,7 @@ NTSTATUS takeBack(JournalFiles& files, JournalReader& journal, std::span<const T
     JournalDisks disks;
     Differences found;
     NTSTATUS status = matchDisks(journal, given, disks, problem);
+    if (status >= 0) status = refuseReadOnly(disks, problem);
     if (status >= 0) status = compareDisks(journal, disks, true, found, problem);
     if (status < 0) return status;
     if (found.stretches > 0) {

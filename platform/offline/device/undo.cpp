@@ -62,12 +62,8 @@ NTSTATUS Undo::open(const std::string& path, bool& found) {
 /* All disks are here, can be written, and hold what the run wrote. */
 NTSTATUS Undo::check() {
     NTSTATUS status = matchDisks(file, given, disks, problem);
+    if (status >= 0) status = refuseReadOnly(disks, problem);
     if (status < 0) return status;
-    for (const TransactionDisk* const disk : disks) {
-        if (!disk->device->readOnly()) continue;
-        return refuse(problem, STATUS_MEDIA_WRITE_PROTECTED,
-                      disk->device->name() + ": it can only be read; make it writable first");
-    }
     Differences found;
     status = compareDisks(file, disks, false, found, problem);
     if (status < 0 || found.stretches == 0) return status;
