@@ -28,7 +28,7 @@ struct Sample {
         change();
     }
     void addDisk(size_t number) {
-        const uint64_t size = 128 * 1024 + machine.below(64) * 1024 + machine.below(2) * 512;
+        const uint64_t size = 64 * 1024 + machine.below(32) * 1024 + machine.below(2) * 512;
         ByteVector bytes(size);
         std::vector<bool> hole(1 << 10);
         for (uint64_t at = 0; at < size; at += 4096) {

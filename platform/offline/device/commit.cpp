@@ -97,17 +97,20 @@ NTSTATUS Commit::chooseUndo() {
         return refuseJournal(disks[0].place.directory, "the directory can't be read", error, problem);
     }
     undoPath = undo.path;
-    JournalFile there;
-    const int error = there.open(files, undoPath);
-    return error == ENOENT ? STATUS_SUCCESS : refuseUndo(undoPath, error == 0 ? EEXIST : error, problem);
+    JournalFile trial;
+    int error = trial.open(files, undoPath);
+    if (error == 0) return refuseUndo(undoPath, EEXIST, problem);
+    if (error == ENOENT) error = trial.create(files, undoPath + ".part");
+    if (error == 0 || error == EEXIST) error = files.remove(undoPath + ".part");
+    return error == 0 ? STATUS_SUCCESS : refuseUndo(undoPath, error, problem);
 }
 
 NTSTATUS Commit::refuseNoRoom() {
     uint64_t bytes = 0, fileSystem = 0;
     std::string text = journal + ": there is no room for the journal: it needs " +
                        std::to_string(writer.fullLength()) + " bytes";
-    if (files.room(disks[0].place.directory, bytes, fileSystem) == 0) {
-        text += ", " + std::to_string(bytes) + " are free there";
+    if (writer.error == ENOSPC && files.room(disks[0].place.directory, bytes, fileSystem) == 0) {
+        text += ", " + std::to_string(bytes + writer.written) + " are free there";
     }
     return refuse(problem, STATUS_DISK_FULL, text + " (" + reasonOf(writer.error) + "); make room");
 }
@@ -189,14 +192,14 @@ NTSTATUS Commit::endJournal() {
 
 /* The directories that the end is to be durable in. */
 NTSTATUS Commit::end() {
+    report.undoPath = undoPath;
     const NTSTATUS status = endJournal();
     if (status < 0) return status;
     report.committed = true;
-    report.undoPath = undoPath;
     int error = 0;
     if (!undoCopy.empty()) {
         error = files.flushDirectory(directoryOf(journal));
-        if (error == 0 && files.rename(undoCopy, undoPath) != 0) report.undoPath = undoCopy;
+        if (error == 0 && files.rename(undoCopy, undoPath) != 0) report.undoPath.swap(undoCopy);
     }
     if (error == 0 && !undoPath.empty()) error = files.flushDirectory(directoryOf(undoPath));
     if (error == 0) error = files.flushDirectory(directoryOf(journal));
@@ -246,7 +249,10 @@ NTSTATUS commitAll(Commit& commit, std::span<const DirtyMark> marks) {
     if (status < 0) return commit.abandon(status);
     if (!commit.writer.begun) return status;
     status = guardedRefusing(commit.problem, [&] { return commit.apply(); });
-    if (status < 0 && !commit.report.committed) return commit.takeBack(std::move(commit.problem));
+    if (!commit.report.committed) {
+        commit.report.undoPath.clear();
+        return commit.takeBack(std::move(commit.problem));
+    }
     commit.report.stretches = commit.writer.stretches;
     commit.report.bytes = commit.writer.bytes;
     commit.report.journalLength = commit.writer.length;

@@ -23,9 +23,10 @@ void append(ByteVector& bytes, Bytes more) {
 
 } /* namespace */
 
-void JournalWriter::append(Bytes written) {
-    if (error == 0) error = file.write(length, written);
-    length += written.size();
+void JournalWriter::append(Bytes more) {
+    if (error == 0) error = file.write(length, more);
+    if (error == 0) written += more.size();
+    length += more.size();
 }
 
 void JournalWriter::begin(JournalFiles& files, const std::string& path, const JournalHead& head) {

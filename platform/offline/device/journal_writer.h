@@ -35,6 +35,7 @@ struct JournalWriter {
     bool created = false; /* the file is ours */
     int error = 0;
     uint64_t length = 0;               /* bytes of the file so far, or that it would have */
+    uint64_t written = 0;              /* of them, before the first error */
     uint64_t stretches = 0, bytes = 0; /* of the disks */
 
     /* The file's length with its closing record, when the pieces have been ended. */
@@ -49,7 +50,7 @@ private:
     uint32_t inPiece = 0;
     ByteVector table, sums, images, packed, whole;
 
-    void append(Bytes written);
+    void append(Bytes more);
     void endPiece();
 };
 
