@@ -93,10 +93,15 @@ struct Sample {
         problem = {};
         return undoLatest(files, system, undo.path, taken, problem);
     }
-    /* Whether every disk that is half changed bears its marks, for those who open it without us. */
-    bool warns() const {
+    /* Whether every disk of a system that is half changed leads to the journal, and is marked where it is
+     * half changed itself, for those who open it without us. */
+    bool warns() {
+        std::string journal;
+        const bool half = !holds(before) && !isNew();
         for (size_t number = 0; number < system.size(); ++number) {
             const MachineDisk& disk = *static_cast<MachineDisk*>(system[number].device);
+            if (half && commitStateOf(files, system[number].place, journal) != CommitState::cutOff)
+                return false;
             bool marked = true;
             std::vector<ByteVector> kinds = {disk.medium.now, before[number], after[number]};
             for (const DirtyMark& mark : marks) {

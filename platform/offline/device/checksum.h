@@ -24,7 +24,7 @@ struct RunningChecksum {
 
 private:
     struct Free {
-        void operator()(XXH3_state_s* state) const;
+        void operator()(XXH3_state_s* freed) const;
     };
     std::unique_ptr<XXH3_state_s, Free> state;
 };

@@ -29,7 +29,7 @@ struct Commit {
     NTSTATUS chooseUndo();
     NTSTATUS secure();
     NTSTATUS apply();
-    NTSTATUS takeBack(Problem cause);
+    NTSTATUS takeBack(const Problem& cause);
     NTSTATUS abandon(NTSTATUS status);
 
 private:
@@ -219,7 +219,7 @@ NTSTATUS Commit::apply() {
 
 /* After a failure, by what a recovery would do (7). What the disks hold need not be looked at: nobody else
  * had them in between. */
-NTSTATUS Commit::takeBack(Problem cause) {
+NTSTATUS Commit::takeBack(const Problem& cause) {
     Problem second;
     bool oldBytesBack = false;
     const NTSTATUS status = guardedRefusing(
@@ -251,7 +251,8 @@ NTSTATUS commitAll(Commit& commit, std::span<const DirtyMark> marks) {
     status = guardedRefusing(commit.problem, [&] { return commit.apply(); });
     if (!commit.report.committed) {
         commit.report.undoPath.clear();
-        return commit.takeBack(std::move(commit.problem));
+        const Problem cause = std::move(commit.problem);
+        return commit.takeBack(cause);
     }
     commit.report.stretches = commit.writer.stretches;
     commit.report.bytes = commit.writer.bytes;

@@ -14,7 +14,7 @@ constexpr size_t overlayMemory = size_t{32} << 20; /* bytes of contents that are
 
 struct Overlay final : BlockDevice {
     /* The device below has to outlive it. The temporary file lies in the directory. */
-    Overlay(BlockDevice& below, std::string directory, size_t memory = overlayMemory);
+    Overlay(BlockDevice& device, std::string inDirectory, size_t memory = overlayMemory);
 
     const std::string& name() const override { return below.name(); }
     uint64_t size() const override { return below.size(); }

@@ -136,19 +136,19 @@ NTSTATUS recoverDisks(JournalFiles& files, std::span<const TransactionDisk> disk
     });
 }
 
-CommitState commitStateOf(JournalFiles& files, const JournalPlace& place, std::string& path) {
+CommitState commitStateOf(JournalFiles& files, const JournalPlace& place, std::string& journal) {
     return guardedOr(CommitState::forRefusal, [&]() -> CommitState {
-        path = journalPath(place);
-        JournalReader journal;
-        switch (journal.open(files, path)) {
+        journal = journalPath(place);
+        JournalReader reader;
+        switch (reader.open(files, journal)) {
             case JournalState::none:
             case JournalState::unfinished:
                 return CommitState::settled;
             case JournalState::whole:
                 return CommitState::cutOff;
             case JournalState::pointer: {
-                path = journal.head.disks[0].path;
-                const PointerState state = followPointer(files, journal);
+                journal = reader.head.disks[0].path;
+                const PointerState state = followPointer(files, reader);
                 if (state == PointerState::stale) return CommitState::settled;
                 return state == PointerState::live ? CommitState::cutOff : CommitState::forRefusal;
             }
