@@ -8,7 +8,7 @@
 
 namespace offline {
 
-/* Begins the journal with the first stretch that differs, and gives it all of them and those of the marks;
+/* (2): begins the journal when something differs, and gives it what does and the stretches of the marks;
  * leaves it unbegun when nothing differs. Fails for what can't be read; the journal's own error is the
  * caller's to ask for. */
 NTSTATUS gatherStretches(JournalFiles& files, const std::string& path, const JournalHead& head,

@@ -40,9 +40,9 @@ void JournalWriter::begin(JournalFiles& files, const std::string& path, const Jo
 }
 
 void JournalWriter::add(const ChangedStretch& stretch) {
-    const size_t length512 = sectorsOf(stretch.before.size());
+    const size_t sectors = sectorsOf(stretch.before.size());
     const size_t more =
-        stretch::size + length512 * sizeof(uint64_t) + (stretch.hole ? 0 : stretch.before.size());
+        stretch::size + sectors * sizeof(uint64_t) + (stretch.hole ? 0 : stretch.before.size());
     const bool other = stretch.disk != disk || stretch.marked != marked;
     if (other || table.size() + sums.size() + images.size() + more > piece::maxPlain) endPiece();
     disk = stretch.disk;

@@ -1,5 +1,5 @@
-/* A device over another one: what was written to it, else what lies below. It never writes below; whether and
- * how its contents get there is the transaction's matter (transaction.h). Contents beyond 32 MiB go to an
+/* A device over another one: what was written to it, else what lies below. It never writes below (1); whether
+ * and how its contents get there is the transaction's matter (transaction.h). Contents beyond 32 MiB go to an
  * unnamed temporary file. */
 #ifndef QUILLET_OFFLINE_DEVICE_OVERLAY_H
 #define QUILLET_OFFLINE_DEVICE_OVERLAY_H

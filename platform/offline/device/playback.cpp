@@ -129,7 +129,11 @@ NTSTATUS Playback::freshBytes(const TransactionDisk& disk, const JournalStretch&
     fresh.assign(stretch.before.begin(), stretch.before.end());
     fresh.resize(stretch.length);
     const DeviceError error = disk.overlay->patch(stretch.offset, fresh);
-    if (error != 0) return refuseDevice(disk, "what was to be written can't be read back", error, problem);
+    if (error != 0) {
+        return refuse(
+            problem, statusOfDevice(error),
+            disk.overlay->directory() + ": the temporary file there can't be read (" + reasonOf(error) + ")");
+    }
     Bytes left = fresh;
     for (size_t sector = 0; !left.empty(); ++sector) {
         const Bytes bytes = left.first(std::min<size_t>(left.size(), journal::tornAt));
@@ -188,8 +192,9 @@ NTSTATUS playJournal(JournalReader& journal, const JournalDisks& disks, Contents
 
 JournalHead located(const JournalReader& journal, const JournalDisks& disks) {
     JournalHead head = journal.head;
-    for (size_t index = 0; index < disks.size(); ++index)
+    for (size_t index = 0; index < disks.size(); ++index) {
         head.disks[index].path = journalPath(disks[index]->place);
+    }
     return head;
 }
 

@@ -36,8 +36,9 @@ NTSTATUS Undo::findLatest(std::string& path) {
         std::string here;
         const int error = latestUndoPath(files, disk.place, here);
         if (error == ENOENT) continue; /* no directory yet */
-        if (error != 0)
+        if (error != 0) {
             return refuseJournal(disk.place.directory, "the directory can't be read", error, problem);
+        }
         if (here.empty()) continue;
         JournalReader reader;
         reader.open(files, here);
@@ -79,7 +80,7 @@ NTSTATUS Undo::takePlace(const std::string& journal) {
     if (error == EXDEV) {
         const std::string copy = journal + ".part";
         error = copyFile(files, file.path, copy);
-        if (error == 0) error = files.rename(copy, journal);
+        if (error == 0 && (error = files.rename(copy, journal)) != 0) files.remove(copy);
         if (error == 0) original = file.path;
     }
     if (error != 0) return refuseJournal(journal, "the undo file can't become the journal", error, problem);
@@ -106,7 +107,8 @@ NTSTATUS Undo::becomeJournal() {
 
 NTSTATUS Undo::play() {
     bool oldBytesBack = false;
-    const NTSTATUS status = takeBackJournal(files, file, disks, oldBytesBack, problem);
+    const NTSTATUS status =
+        guardedRefusing(problem, [&] { return takeBackJournal(files, file, disks, oldBytesBack, problem); });
     if (status < 0 && !oldBytesBack) {
         return refuse(problem, status,
                       problem.text + "; the disk is half taken back: keep " + file.path +
