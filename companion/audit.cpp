@@ -133,7 +133,7 @@ void takeSid(AuditOptions& options) {
     if (!options.sid.empty() && !isMachineSid(offline::sidFromText(options.sid))) refuseSid(options.sid);
 }
 
-int finish(const std::vector<std::string>& problems, bool found) {
+int finish(const Problems& problems, bool found) {
     fflush(stdout);
     for (const std::string& problem : problems) say(problem);
     if (!problems.empty()) return exitFailed;
@@ -144,14 +144,18 @@ int finish(const std::vector<std::string>& problems, bool found) {
 
 int audit(AuditOptions options) {
     takeSid(options);
-    const Sight sight = look(options.images);
-    const std::string sid = options.sid.empty() ? sight.machineSid : options.sid;
+    Opened opened;
+    Problems problems;
+    openDisks(options.images, opened, problems);
+    readInstallation(opened, problems);
+    const std::string sid = options.sid.empty() ? opened.machineSid : options.sid;
     if (sid.empty()) {
+        noteUnread(opened, problems);
         if (options.json) printf("{\"sid\":null}\n");
-        return finish(sight.problems, false);
+        return finish(problems, false);
     }
     Audit audit{wantedSid(offline::sidFromText(sid)), {}};
-    audit.problems = sight.problems;
+    audit.problems = std::move(problems);
     JsonWriter json;
     json.open('{');
     json.put("sid", sid);
@@ -161,7 +165,7 @@ int audit(AuditOptions options) {
     } else if (options.all) {
         audit.found = printFinding;
     }
-    auditInstallation(sight, audit);
+    auditInstallation(opened, audit);
     if (options.json) {
         if (options.all) json.close(']');
         write(json, audit);
