@@ -104,14 +104,18 @@ TEST_F(VolumeTest, RefusesWhatMustNotBeWritten) {
         images::writeFile(image, inUse);
     });
     expectRefused(image, STATUS_DISK_CORRUPT_ERROR, "journal");
-    made([&] { /* the first record of the MFT, and its mirror */
-               ByteVector damaged = fresh;
-               size_t cluster = damaged[0x0D] * size_t{512};
-               damaged[images::get<uint64_t>(damaged, 0x30) * cluster] = 'X';
-               damaged[images::get<uint64_t>(damaged, 0x38) * cluster] = 'X';
-               images::writeFile(image, damaged);
-    });
-    expectRefused(image, STATUS_DISK_CORRUPT_ERROR, "damaged");
+    for (const size_t record : {0, 2}) { /* the MFT's own and the journal's: nothing is in them */
+        made([&] {
+            ByteVector damaged = fresh;
+            const size_t cluster = damaged[0x0D] * size_t{512};
+            for (const size_t start : {0x30, 0x38}) { /* of the MFT, and of its mirror */
+                const size_t at = images::get<uint64_t>(damaged, start) * cluster + record * 1024;
+                images::put<uint16_t>(damaged, at + 20, images::get<uint16_t>(damaged, at + 24) - 8);
+            }
+            images::writeFile(image, damaged);
+        });
+        expectRefused(image, STATUS_DISK_CORRUPT_ERROR, "damaged");
+    }
 }
 
 TEST_F(VolumeTest, LookingChangesNothing) {

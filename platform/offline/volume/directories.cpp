@@ -101,7 +101,7 @@ NTSTATUS lookUpAs(Volume& volume, Inode& directory, std::u16string_view name, bo
     int error = errno;
     NVolSetCaseSensitive(volume.ntfs);
     allowReads(volume, readsOfACall);
-    if (volume.device.failed) return STATUS_IO_DEVICE_ERROR;
+    if (volume.device.failed < 0) return volume.device.failed;
     if (found != UINT64_MAX) {
         file = found;
         return STATUS_SUCCESS;

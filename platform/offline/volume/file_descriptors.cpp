@@ -91,10 +91,7 @@ NTSTATUS setIdThroughLibrary(Volume& volume, FileRef file, uint32_t id) {
     Inode inode(volume);
     NTSTATUS status = inode.open(file);
     if (status < 0) return status;
-    if (!setIdOfInode(inode, id)) {
-        status = libraryStatus(volume, errno);
-        volume.failed = true;
-    }
+    if (!setIdOfInode(inode, id)) status = changeFailed(volume, libraryStatus(volume, errno));
     const NTSTATUS closed = inode.close();
     return status < 0 ? status : closed;
 }

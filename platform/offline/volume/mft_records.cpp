@@ -228,8 +228,7 @@ NTSTATUS writeSecurityId(Volume& volume, uint32_t id) {
     auto* record = reinterpret_cast<MFT_RECORD*>(volume.recordBytes.data());
     if (ntfs3g::ntfs_mft_records_write(volume.ntfs, number, 1, record) == 0) return STATUS_SUCCESS;
     forgetRecord(volume);
-    volume.failed = true;
-    return libraryStatus(volume, errno);
+    return changeFailed(volume, libraryStatus(volume, errno));
 }
 
 } /* namespace offline */

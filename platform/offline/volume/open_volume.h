@@ -24,7 +24,8 @@ struct VolumeDevice {
     uint64_t size = 0;  /* bytes */
     int64_t position = 0;
     bool mayWrite = false; /* not before the dirty mark is being set */
-    bool failed = false;   /* the disk refused a read or write of this call (see beginCall) */
+    NTSTATUS failed =
+        STATUS_SUCCESS; /* of the first read or write of this call (see beginCall) that failed */
     uint64_t writes = 0;
     uint64_t readsLeft = 0; /* see allowReads */
 };
@@ -54,8 +55,8 @@ struct Volume {
     ntfs3g::ntfs_volume* ntfs = nullptr;
     bool readOnly = true;
     bool refusedChange = false;
-    bool marked = false; /* this volume set the dirty mark */
-    bool failed = false; /* a change did not succeed whole: the mark stays */
+    bool marked = false;                     /* this volume set the dirty mark */
+    NTSTATUS changeFailure = STATUS_SUCCESS; /* of the first change that did not succeed whole */
 
     /* The record looked at last. It is what lies on the disk: whoever changes the file otherwise forgets it.
      */
@@ -105,6 +106,12 @@ void beginCall(Volume& volume, FileRef file);
 /* Before any change: refuses on a volume that can only be read; the first time, puts the dirty mark on the
  * medium. */
 NTSTATUS beginChange(Volume& volume);
+
+/* Notes that a change did not succeed whole, for this reason, and gives that back: the mark then stays. */
+inline NTSTATUS changeFailed(Volume& volume, NTSTATUS status) {
+    if (volume.changeFailure >= 0) volume.changeFailure = status;
+    return status;
+}
 
 /* The one place that keeps a device's error apart from damage: the status of a call of the library that
  * failed and set errno, or of our own look at a structure (error 0). Damage is remembered, once for a file in
@@ -170,9 +177,9 @@ struct Inode {
 
 /* ---- Descriptors ---- */
 
-/* Whether the volume's indexes of descriptors, and the stream that they point into, are whole and agree. When
- * false, volume.device.failed says whether the disk could not be read. May throw std::bad_alloc. */
-bool secureIndexesSound(Volume& volume);
+/* Whether the volume's indexes of descriptors, and the stream that they point into, are whole and agree:
+ * STATUS_FILE_CORRUPT_ERROR when they are not, or why that can't be said. May throw std::bad_alloc. */
+NTSTATUS checkSecureIndexes(Volume& volume);
 
 /* The id under which files share this valid descriptor; it is stored when it is new. May throw
  * std::bad_alloc. */

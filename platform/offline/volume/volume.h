@@ -36,7 +36,7 @@ NTSTATUS volumeOpen(Disk& disk, const Partition& partition, VolumePtr& volume, P
 
 /* Writes everything, then takes the dirty mark away, if it was this volume that set it. The volume is closed
  * whatever the status says; a negative one means that not all is known to be on the medium, and the mark
- * stays. */
+ * stays: the status of what failed first. */
 NTSTATUS volumeClose(VolumePtr volume);
 
 /* Everything on the medium; the dirty mark stays. A change that failed before is not reported again: a file's
@@ -47,6 +47,9 @@ bool volumeReadOnly(const Volume& volume);
 
 /* True when a change was refused because the volume can only be read. */
 bool volumeRefusedChange(const Volume& volume);
+
+/* Why the volume's disk refused its first write; see diskWriteReason. */
+std::string volumeWriteReason(const Volume& volume);
 
 /* Remembers a file or directory that can't be used for damage; the volume does so itself for what it sees. */
 void volumeNoteDamage(Volume& volume, FileRef file);
