@@ -3,6 +3,7 @@
 
 #include <vector>
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/base/handles.h"
 #include "platform/offline/base/status.h"
 #include "platform/offline/base/system_needed.h"
@@ -155,6 +156,16 @@ TEST(CountedStrings, Limits) {
     EXPECT_EQ(view(&target), u"abca");
     source.Length = 0;
     EXPECT_EQ(RtlAppendUnicodeStringToString(&target, &source), STATUS_SUCCESS);
+}
+
+TEST(Guarded, MemoryIsSaidOnceByWhoKnowsMost) {
+    Problem problem;
+    const auto named = [&] { return refuse(problem, STATUS_NO_MEMORY, "SYSTEM does not fit"); };
+    EXPECT_EQ(guardedRefusing(problem, named), STATUS_NO_MEMORY);
+    EXPECT_EQ(problem.text, "SYSTEM does not fit");
+    problem = {};
+    EXPECT_EQ(guardedRefusing(problem, []() -> NTSTATUS { throw std::bad_alloc(); }), STATUS_NO_MEMORY);
+    EXPECT_EQ(problem.text, "out of memory");
 }
 
 int opened = 0;

@@ -87,11 +87,12 @@ TEST_F(MountTest, SavingReachesTheStoreAndFailuresTheCaller) {
     ASSERT_EQ(setText(key, u"v", REG_SZ, u"data"), STATUS_SUCCESS);
     store.failure = STATUS_MEDIA_WRITE_PROTECTED;
     EXPECT_EQ(ZwFlushKey(key), STATUS_MEDIA_WRITE_PROTECTED);
-    EXPECT_EQ(registrySaveAll(), STATUS_MEDIA_WRITE_PROTECTED);
+    std::vector<const HiveStore*> failed;
+    EXPECT_EQ(registrySaveAll(failed), STATUS_MEDIA_WRITE_PROTECTED);
     store.failure = STATUS_SUCCESS;
     EXPECT_EQ(ZwFlushKey(open(u"key", {.access = KEY_NOTIFY})), STATUS_SUCCESS); /* any handle will do */
     const size_t writes = store.writes;
-    EXPECT_EQ(registrySaveAll(), STATUS_SUCCESS);
+    EXPECT_EQ(registrySaveAll(failed), STATUS_SUCCESS);
     EXPECT_EQ(store.writes, writes); /* nothing has changed since */
     EXPECT_EQ(store.file, hiveImage(*hive));
 }

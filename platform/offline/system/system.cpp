@@ -114,7 +114,7 @@ NTSTATUS systemOpen(const std::vector<std::string>& paths, DiskAccess access, Pr
 
 NTSTATUS systemClose(Problem& problem) {
     if (!systemState().installation) return STATUS_SUCCESS;
-    NTSTATUS first = machineHivesSave(*systemState().installation, problem);
+    NTSTATUS first = machineHivesSave(problem);
     if (const InstallationVolume* entry = refusedChange(); entry != nullptr && first >= 0) {
         first =
             refuse(problem, STATUS_MEDIA_WRITE_PROTECTED,
