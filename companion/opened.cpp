@@ -37,7 +37,7 @@ void openVolume(offline::Disk& disk, const offline::Partition& partition, Opened
         found.index = volumes.size();
         volumes.push_back(std::move(entry));
     }
-    opened.found.push_back(std::move(found));
+    opened.found.push_back(found);
 }
 
 void openDisk(const std::string& path, Opened& opened, Problems& problems) {

@@ -8,24 +8,8 @@
 
 namespace {
 
-struct Info : ProgramTest {
-    std::string image;
-
-    void SetUp() override {
-        image = path("a.img");
-        ASSERT_EQ(
-            quilletOffline({"sample", "a.img", "--machine", practiceSid, "--files", "0", "--size", "32M"})
-                .status,
-            0);
-    }
-
-    /* Looks at the image, which must be left as it is. */
-    Outcome look() const {
-        const std::string before = contentsOf(image);
-        Outcome outcome = quilletOffline({"info", "a.img"});
-        EXPECT_TRUE(contentsOf(image) == before);
-        return outcome;
-    }
+struct Info : PracticeTest {
+    Outcome info() const { return look({"info", "a.img"}); }
 };
 
 /* The line of the output that ends in or contains a text. */
@@ -57,7 +41,7 @@ TEST_F(Info, ShowsTheRestBesideABrokenHive) {
     open.write(configDirectory + u"SOFTWARE", 4096, {'x'}); /* no bins */
     open.write(u"Users\\bob\\NTUSER.DAT", 4096 + 32, {1});  /* no cells */
     open.close();
-    const Outcome outcome = look();
+    const Outcome outcome = info();
     EXPECT_EQ(outcome.status, 2);
     EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 3) << outcome.err;
     for (const std::string name : {"config\\SECURITY", "config\\SOFTWARE", "bob\\NTUSER.DAT"}) {
@@ -81,7 +65,7 @@ TEST_F(Info, TellsDirtyHivesAndMissingOnes) {
     open.write(u"Users\\bob\\NTUSER.DAT", 0, {'x'});
     open.write(u"Windows\\ServiceProfiles\\LocalService\\NTUSER.DAT", 0, {'x'});
     open.close();
-    const Outcome outcome = look();
+    const Outcome outcome = info();
     EXPECT_EQ(outcome.status, 2);
     EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 3) << outcome.err;
     /* A run leaves a user's hive as it is, but does not start without that of a service. */
@@ -120,7 +104,7 @@ TEST_F(Info, BelievesNoOffsetInTheAccounts) {
         OpenImage open(image, offline::DiskAccess::readWrite);
         open.write(sam, 0, bytes);
         open.close();
-        const Outcome outcome = look();
+        const Outcome outcome = info();
         EXPECT_EQ(outcome.status, 2);
         EXPECT_TRUE(isOneLine(outcome.err)) << outcome.err;
         EXPECT_NE(lineWith(outcome.out, "machine SID").find("unknown"), std::string::npos) << outcome.out;
@@ -132,7 +116,7 @@ TEST_F(Info, ShowsARefusedVolumeOfADisk) {
         OpenImage open(image, offline::DiskAccess::readWrite);
         open.write(u"Windows\\win.ini", 0, {'x'}); /* and never closed: it stays marked dirty */
     }
-    const Outcome outcome = look();
+    const Outcome outcome = info();
     EXPECT_EQ(outcome.status, 2);
     EXPECT_TRUE(isOneLine(outcome.err)) << outcome.err;
     EXPECT_NE(lineWith(outcome.out, "volume").find("can't be used"), std::string::npos) << outcome.out;
@@ -196,7 +180,7 @@ TEST_F(Info, EnvironmentStringsThatNameEachOtherTakeNoMemory) {
     OpenImage open(image, offline::DiskAccess::readWrite);
     open.write(path, 0, store.bytes);
     open.close();
-    EXPECT_EQ(look().status, 0);
+    EXPECT_EQ(info().status, 0);
     rusage usage = {};
     ASSERT_EQ(getrusage(RUSAGE_CHILDREN, &usage), 0);
     EXPECT_LT(usage.ru_maxrss, 600 * 1024) << "KiB"; /* sanitizers take most of it */
