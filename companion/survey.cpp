@@ -180,7 +180,8 @@ void lookAtUserDirectories(Looking& looking, char letter) {
     if (offline::volumeList(volume, users, listing) < 0) return;
     for (const offline::DirectoryEntry& entry : listing.entries) {
         offline::FileRef hive;
-        if (!entry.directory || offline::volumeLookUp(volume, entry.file, u"NTUSER.DAT", hive) < 0) continue;
+        if (!entry.directory || entry.reparse) continue;
+        if (offline::volumeLookUp(volume, entry.file, u"NTUSER.DAT", hive) < 0) continue;
         const std::u16string name(listing.name(entry));
         std::u16string hivePath = {static_cast<char16_t>(letter), u':'};
         hivePath.append(u"\\Users\\").append(name).append(u"\\NTUSER.DAT");

@@ -213,6 +213,7 @@ TEST_F(WalkTest, tellsOfWhatItCannotReach) {
         {"an entry leads to the volume's own metadata", file, 9 | 9ULL << 48, directory, none, 0, 0, all - 1, 0, directory},
         {"a name that begins with a terminator", file, none, directory, none, 0, 16 + 66, all - 1, 'f', file},
         {"an entry without a name", file, none, directory, none, 0, 16 + 64, all - 1, 4, directory},
+        {"an entry that leads to a block, where there is none below", file, none, directory, none, 0, 12, all, 1, directory},
         {"a short name without a long one", file, none, directory, none, 0, 16 + 65, all, 2, 0},
         {"a reparse point without data", none, none, none, directory, 0x10, 24 + 33, all, 0x04, 0},
         {"a block without an update sequence", within, none, large, none, 0, entryBlock + 6, all, 1, large},

@@ -329,7 +329,7 @@ TEST_F(VolumeTest, LinksJunctionsAttributes) {
     EXPECT_EQ(info.reparseTag, 0xA0000003u);
     ASSERT_EQ(volumeList(volume, rootDirectory, listing), STATUS_SUCCESS);
     for (const DirectoryEntry& entry : listing.entries) {
-        EXPECT_EQ(entry.directory, entry.file == folder);
+        EXPECT_EQ(entry.directory, entry.file == folder || entry.file == junction);
         EXPECT_EQ(entry.reparse, entry.file == junction);
     }
     ASSERT_EQ(volumeFileInfo(volume, file, info), STATUS_SUCCESS);

@@ -122,13 +122,12 @@ void fillRecord(std::u16string_view name, const FileInfo& info, WIN32_FIND_DATAW
 }
 
 /* An entry whose own record can't be read is delivered with what the directory knows of it: the walk then
- * meets the trouble under the entry's name. */
+ * meets the trouble under the entry's name, and below it where the directory has it for one too. */
 FileInfo entryInfo(const Search& search, const DirectoryEntry& entry) {
     FileInfo info = {};
     if (volumeEntryInfo(*search.volume, search.directoryFile, search.listing, entry, info) >= 0) return info;
     info = {};
     if (entry.directory) info.attributes |= FILE_ATTRIBUTE_DIRECTORY;
-    if (entry.reparse) info.attributes |= FILE_ATTRIBUTE_REPARSE_POINT;
     return info;
 }
 

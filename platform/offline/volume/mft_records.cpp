@@ -19,33 +19,6 @@ constexpr size_t residentHeader = 24, nonResidentHeader = 64;
 /* On-disk bits that are not attributes of the file: what kinds of indexes it has. */
 constexpr uint32_t attributeBits = 0x0FFFFFFF;
 
-/* One attribute: a resident one's value, or none. */
-struct Attribute {
-    uint32_t type;
-    bool resident, named;
-    Bytes header; /* with the value after it */
-    Bytes value;
-};
-
-/* The attribute at an offset in the used part of a record; false at a header or value that does not lie
- * inside. */
-bool attributeAt(Bytes used, size_t offset, Attribute& attribute) {
-    Bytes rest = checkedSpan(used, offset, used.size() - offset);
-    if (rest.size() < residentHeader) return false;
-    attribute.type = numberAt<uint32_t>(rest, offsetof(ATTR_RECORD, type));
-    uint32_t length = numberAt<uint32_t>(rest, offsetof(ATTR_RECORD, length));
-    attribute.resident = rest[offsetof(ATTR_RECORD, non_resident)] == 0;
-    attribute.named = rest[offsetof(ATTR_RECORD, name_length)] != 0;
-    attribute.header = checkedSpan(rest, 0, length);
-    attribute.value = {};
-    if (length % 8 != 0 || attribute.header.size() < residentHeader) return false;
-    if (!attribute.resident) return length >= nonResidentHeader;
-    uint32_t valueLength = numberAt<uint32_t>(rest, offsetof(ATTR_RECORD, value_length));
-    uint16_t valueOffset = numberAt<uint16_t>(rest, offsetof(ATTR_RECORD, value_offset));
-    attribute.value = checkedSpan(attribute.header, valueOffset, valueLength);
-    return attribute.value.size() == valueLength;
-}
-
 bool takeStandardInformation(const Attribute& attribute, Bytes record, FileRecord& file) {
     if (!attribute.resident || attribute.value.size() < standardInformationV1) return false;
     Bytes value = attribute.value;
@@ -181,6 +154,23 @@ bool isName(Bytes value, FileRef directory, std::u16string_view name) {
 }
 
 } /* namespace */
+
+bool attributeAt(Bytes used, size_t offset, Attribute& attribute) {
+    Bytes rest = checkedSpan(used, offset, used.size() - offset);
+    if (rest.size() < residentHeader) return false;
+    attribute.type = numberAt<uint32_t>(rest, offsetof(ATTR_RECORD, type));
+    uint32_t length = numberAt<uint32_t>(rest, offsetof(ATTR_RECORD, length));
+    attribute.resident = rest[offsetof(ATTR_RECORD, non_resident)] == 0;
+    attribute.named = rest[offsetof(ATTR_RECORD, name_length)] != 0;
+    attribute.header = checkedSpan(rest, 0, length);
+    attribute.value = {};
+    if (length % 8 != 0 || attribute.header.size() < residentHeader) return false;
+    if (!attribute.resident) return length >= nonResidentHeader;
+    uint32_t valueLength = numberAt<uint32_t>(rest, offsetof(ATTR_RECORD, value_length));
+    uint16_t valueOffset = numberAt<uint16_t>(rest, offsetof(ATTR_RECORD, value_offset));
+    attribute.value = checkedSpan(attribute.header, valueOffset, valueLength);
+    return attribute.value.size() == valueLength;
+}
 
 NTSTATUS loadRecord(Volume& volume, FileRef file) {
     uint64_t number = recordNumberOf(file);

@@ -72,7 +72,7 @@ struct Volume {
     std::unordered_map<std::string, uint32_t, BytesHash, std::equal_to<>> storedIds;
     size_t descriptorBytes = 0; /* kept in both */
     /* Kept from directory to directory. */
-    std::vector<uint8_t> indexRoot, indexBlock, indexBitmap;
+    std::vector<uint8_t> indexBlock, indexBitmap;
 
     std::vector<uint8_t> lastDescriptor; /* of a file without a security id */
 
@@ -121,6 +121,18 @@ inline bool updateSequenceFits(Bytes record, size_t header, size_t contents) {
     const size_t at = numberAt<uint16_t>(record, 4), count = numberAt<uint16_t>(record, 6);
     return count == record.size() / sector + 1 && at % 2 == 0 && at >= header && at + 2 * count <= contents;
 }
+
+/* One attribute of a record. */
+struct Attribute {
+    uint32_t type;
+    bool resident, named;
+    Bytes header; /* with the value after it */
+    Bytes value;  /* of a resident one */
+};
+
+/* The attribute at an offset in the used part of a record; false at a header or value that does not lie
+ * inside. */
+bool attributeAt(Bytes used, size_t offset, Attribute& attribute);
 
 /* Fills volume.record with the file's. STATUS_FILE_CORRUPT_ERROR when it is no record of a file in use. */
 NTSTATUS loadRecord(Volume& volume, FileRef file);
@@ -179,11 +191,6 @@ bool secureIndexesSound(Volume& volume);
 NTSTATUS securityIdOf(Volume& volume, Bytes descriptor, uint32_t& id);
 
 /* ---- Names ---- */
-
-/* Whether every block that the open directory's index leads to is one that its bitmap says is in use, and has
- * its update sequence: the library lists what is in use, as it lies on the disk, and leaves out the rest
- * without a word. May throw std::bad_alloc. */
-bool indexBlocksInUse(Inode& directory);
 
 inline const ntfs3g::ntfschar* libraryName(std::u16string_view name) {
     return reinterpret_cast<const ntfs3g::ntfschar*>(name.data());

@@ -75,7 +75,7 @@ struct DirectoryEntry {
     FileRef file;
     uint32_t nameStart;  /* characters, into DirectoryListing::names */
     uint16_t nameLength; /* characters */
-    bool directory;      /* as the directory's index has it; a reparse point is none */
+    bool directory;      /* as the index of the directory has it; a reparse point may be one as well */
     bool reparse;
 };
 struct DirectoryListing {
