@@ -156,10 +156,11 @@ TEST_F(TroubleTest, ARefusedReadIsNamedAndRemembered) {
 }
 
 TEST_F(TroubleTest, DamageIsRememberedOnceForAFile) {
-    FileRef file = 0, headless = 0;
+    FileRef file = 0, beyond = 0, headless = 0;
     {
         OpenVolume opened(ntfsImage());
         file = make(opened, u"broken");
+        beyond = make(opened, u"beyond");
         ASSERT_GE(volumeCreate(opened.get(), rootDirectory, u"headless", NewFile::directory, descriptor(1),
                                headless),
                   0);
@@ -173,6 +174,9 @@ TEST_F(TroubleTest, DamageIsRememberedOnceForAFile) {
     ByteVector image = images::readFile(path("volume.img"));
     images::putText(image, recordOffset(image, u"broken") + 510,
                     "??"); /* where the update sequence is checked */
+    /* An update sequence at the end of its record, and attributes that would leave it room there. */
+    images::put<uint16_t>(image, recordOffset(image, u"beyond") + 4, 1022);
+    images::put<uint16_t>(image, recordOffset(image, u"beyond") + 20, 0xFFF8);
     size_t blocks =
         recordOffset(image, u"headless"); /* the attribute that says where the index's blocks are */
     ASSERT_NE(blocks, 0u);
@@ -197,12 +201,13 @@ TEST_F(TroubleTest, DamageIsRememberedOnceForAFile) {
             std::to_string(file & 0xFFFFFFFF)),
         std::string::npos)
         << problem.text;
+    EXPECT_EQ(volumeFileInfo(opened.get(), beyond, info), STATUS_FILE_CORRUPT_ERROR);
     /* An index without its blocks is no empty one. */
     DirectoryListing listing;
     FileRef found = 0;
     EXPECT_EQ(volumeList(opened.get(), headless, listing), STATUS_FILE_CORRUPT_ERROR);
     EXPECT_EQ(volumeLookUp(opened.get(), headless, u"no such file", found), STATUS_FILE_CORRUPT_ERROR);
-    EXPECT_EQ(diskTrouble(*opened.disk).damaged, 2u);
+    EXPECT_EQ(diskTrouble(*opened.disk).damaged, 3u);
 }
 
 /* Another program cuts the image off while it is in use: nothing is read as zeros, and no write makes it

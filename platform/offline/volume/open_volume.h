@@ -5,6 +5,7 @@
 
 #include "platform/offline/volume/ntfs3g.h"
 /* before everything else */
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -40,6 +41,7 @@ struct FileRecord {
     bool tagMissing = false;     /* the reparse data must be read for the tag */
     uint32_t securityId = 0;     /* 0: none, or the record has no room for one */
     size_t securityIdOffset = 0; /* bytes from the record's start */
+    size_t firstName = 0;        /* the same, of the first attribute with a name; 0: none */
     FileInfo info = {};
 };
 
@@ -119,7 +121,8 @@ NTSTATUS libraryStatus(Volume& volume, int error);
 inline bool updateSequenceFits(Bytes record, size_t header, size_t contents) {
     constexpr size_t sector = 512;
     const size_t at = numberAt<uint16_t>(record, 4), count = numberAt<uint16_t>(record, 6);
-    return count == record.size() / sector + 1 && at % 2 == 0 && at >= header && at + 2 * count <= contents;
+    return count == record.size() / sector + 1 && at % 2 == 0 && at >= header &&
+           at + 2 * count <= std::min(contents, record.size());
 }
 
 /* One attribute of a record. */
