@@ -1,5 +1,7 @@
 #include <algorithm>
+#include <cstdlib>
 #include <functional>
+#include <new>
 
 #include "tests/volume/images.h"
 
@@ -8,6 +10,23 @@ using images::ByteVector;
 using images::descriptor;
 using images::OpenVolume;
 using images::put;
+
+namespace {
+/* Counts down with every allocation while it is not negative; the one at 0 fails. */
+long allocationsLeft = -1;
+} /* namespace */
+
+[[gnu::noinline]] void* operator new(size_t size) {
+    if (allocationsLeft >= 0 && allocationsLeft-- == 0) throw std::bad_alloc();
+    if (void* const block = malloc(size)) return block;
+    throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* block) noexcept {
+    free(block);
+}
+[[gnu::noinline]] void operator delete(void* block, size_t) noexcept {
+    free(block);
+}
 
 namespace {
 
@@ -130,6 +149,24 @@ TEST_F(DescriptorTest, EveryValidOneIsStored) {
     OpenVolume opened(image);
     ASSERT_NE(opened.volume, nullptr) << opened.problem.text;
     for (const auto& [file, bytes] : files) EXPECT_EQ(read(opened, file), bytes);
+}
+
+/* What was begun counts as a failed change, and what is stored next does not overwrite it. */
+TEST_F(DescriptorTest, MemoryMayRunOutWhileOneIsStored) {
+    OpenVolume opened(image);
+    const FileRef file = make(opened, u"file", descriptor(1));
+    NTSTATUS status = STATUS_NO_MEMORY;
+    for (uint32_t i = 0; status == STATUS_NO_MEMORY; ++i) {
+        const ByteVector bytes = descriptor(3000 + i), next = descriptor(5000 + i);
+        allocationsLeft = i;
+        status = volumeSetDescriptor(opened.get(), file, bytes);
+        allocationsLeft = -1;
+        ASSERT_EQ(volumeSetDescriptor(opened.get(), file, next), STATUS_SUCCESS) << i;
+    }
+    EXPECT_EQ(status, STATUS_SUCCESS);
+    EXPECT_EQ(opened.close(), STATUS_IO_DEVICE_ERROR);
+    const std::string report = images::outputOf("ntfssecaudit -a " + image);
+    EXPECT_NE(report.find("No errors were found"), std::string::npos) << report;
 }
 
 /* The library's copy of a file and the record that is changed here must not undo each other. */

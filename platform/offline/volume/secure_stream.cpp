@@ -201,8 +201,12 @@ NTSTATUS store(Volume& volume, ntfs3g::ntfs_attr* stream, uint32_t hash, Bytes d
     const SdsEntry sds = {hash, static_cast<uint32_t>(volume.nextSecurityId),
                           offsetAfter(volume.securityStreamEnd, length), length};
     allowReads(volume, readsOfACall);
-    if (!writeStream(volume, stream, sds, descriptor) || !addEntries(volume, sds) || volume.device.failed) {
-        status = libraryStatus(volume, errno);
+    status = guarded([&] {
+        const bool stored =
+            writeStream(volume, stream, sds, descriptor) && addEntries(volume, sds) && !volume.device.failed;
+        return stored ? STATUS_SUCCESS : libraryStatus(volume, errno);
+    });
+    if (status < 0) { /* for want of memory in the middle, too */
         volume.failed = true;
         volume.nextSecurityId = 0; /* whatever came of it, it is found out before the next one */
         return status;
