@@ -65,7 +65,7 @@ int run(int argc, char** argv) {
     arguments.push_back(nullptr);
     signal(SIGPIPE, SIG_IGN); /* a reader that has gone must not end a run half-way */
     signal(SIGXFSZ, SIG_IGN); /* nor a limit on files' sizes: the write fails, and that is reported */
-    const offline::Session session;
+    offline::Session session;
     offline::systemStart();
     const int status = wmain(argc, arguments.data(), nullptr);
     return exitStatus(endStreams(endSystem(status)));
@@ -74,7 +74,7 @@ int run(int argc, char** argv) {
 } /* namespace */
 
 int main(int argc, char** argv) {
-    int status = 255;
+    int status = ERROR_NOT_ENOUGH_MEMORY;
     const NTSTATUS ended = offline::guarded([&] {
         if (offline::standardStreamsOpen()) {
             status = run(argc, argv);

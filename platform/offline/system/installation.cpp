@@ -115,18 +115,24 @@ std::string installationFileName(const InstallationVolume& entry, std::u16string
     return diskPath(*entry.disk) + ": " + toUtf8(path);
 }
 
+namespace {
+
+NTSTATUS refuseUnwritten(const Disk& disk, NTSTATUS status, Problem& problem) {
+    return guardedRefusing(problem, [&] {
+        return refuse(problem, status,
+                      diskPath(disk) + ": not everything could be written" + diskWriteReason(disk) +
+                          ", so the volume stays marked dirty; check the disk and run chkdsk on it, or go "
+                          "back to a copy");
+    });
+}
+
+} /* namespace */
+
 NTSTATUS installationClose(Installation& installation, Problem& problem) {
     NTSTATUS first = STATUS_SUCCESS;
     for (InstallationVolume& entry : installation.volumes) {
-        const std::string name = diskPath(*entry.disk);
         const NTSTATUS status = volumeClose(std::move(entry.volume));
-        if (status < 0 && first >= 0) {
-            first = refuse(problem, status,
-                           name + ": not everything could be written" + diskWriteReason(*entry.disk) +
-                               ", so the volume stays marked dirty; check the disk and run chkdsk on it, or "
-                               "go back to a "
-                               "copy");
-        }
+        if (status < 0 && first >= 0) first = refuseUnwritten(*entry.disk, status, problem);
     }
     installation.volumes.clear();
     return first;

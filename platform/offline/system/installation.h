@@ -43,8 +43,8 @@ std::u16string installationHivePath(const Installation& installation, std::u16st
 /* A file's name for a person: "DISK: PATH". */
 std::string installationFileName(const InstallationVolume& entry, std::u16string_view path);
 
-/* Closes the volumes, writing what is left and taking dirty marks away; the disks stay open. All are tried;
- * the problem is the first failure. */
+/* Closes the volumes, writing what is left and taking dirty marks away; the disks stay open. All are tried,
+ * also without memory; the problem is the first failure. */
 NTSTATUS installationClose(Installation& installation, Problem& problem);
 
 /* Refuses when something of the disks could not be read since they were opened; as diskReadWhole, in one line

@@ -180,9 +180,11 @@ NTSTATUS machineHivesSave(const Installation& installation, Problem& problem) {
             ? "there is no room for it; go back to a copy and make room, on the volume "
               "and where the image lies"
             : "check the disk, or go back to a copy";
-    return refuse(
-        problem, status,
-        diskPath(disk) + ": the registry could not be written back" + diskWriteReason(disk) + "; " + advice);
+    return guardedRefusing(problem, [&] {
+        return refuse(problem, status,
+                      diskPath(disk) + ": the registry could not be written back" + diskWriteReason(disk) +
+                          "; " + advice);
+    });
 }
 
 bool isServiceAccount(std::u16string_view sid) {

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <optional>
+#include <utility>
 
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/base/system_needed.h"
@@ -26,11 +26,11 @@ bool accessIsKnown(const char* access) {
            strcmp(access, "unrefused") == 0;
 }
 
-NTSTATUS openFromEnvironment() {
+NTSTATUS openByVariables(Problem& problem) {
     const char* access = getenv(accessVariable);
     if (!accessIsKnown(access)) {
         return refuse(
-            systemState().openingProblem, STATUS_INVALID_PARAMETER,
+            problem, STATUS_INVALID_PARAMETER,
             std::string("QUILLET_ACCESS is \"") + access + "\"; set it to unrefused or checked, or unset it");
     }
     const char* text = getenv(systemVariable);
@@ -38,11 +38,17 @@ NTSTATUS openFromEnvironment() {
     if (disks.empty()) {
         const bool set = text != nullptr && *text != 0;
         return refuse(
-            systemState().openingProblem, STATUS_OBJECT_NAME_NOT_FOUND,
+            problem, STATUS_OBJECT_NAME_NOT_FOUND,
             std::string("QUILLET_SYSTEM ") + (set ? "names no disk" : "is not set") +
                 "; set it to the disk that Windows is installed on (an image file or a block device)");
     }
-    return systemOpen(disks, DiskAccess::readWrite, systemState().openingProblem);
+    return systemOpen(disks, DiskAccess::readWrite, problem);
+}
+
+NTSTATUS openFromEnvironment() {
+    Problem& problem = systemState().openingProblem;
+    problem = {};
+    return guardedRefusing(problem, [&] { return openByVariables(problem); });
 }
 
 NTSTATUS openParts(const std::vector<std::string>& paths, DiskAccess access, Problem& problem) {
@@ -55,12 +61,31 @@ NTSTATUS openParts(const std::vector<std::string>& paths, DiskAccess access, Pro
     return STATUS_SUCCESS;
 }
 
-/* A disk that can only be read, of which a change was asked for. */
-const InstallationVolume* refusedChange() {
+/* Lets go of what was opened so far. Nothing was changed, so that closing has nothing to add. */
+void abandonOpening() {
+    static_cast<void>(guarded([] {
+        registryReset();
+        drivesReset();
+        environmentReset();
+        Problem closing;
+        if (systemState().installation) installationClose(*systemState().installation, closing);
+        systemState().installation.reset();
+        return STATUS_SUCCESS;
+    }));
+}
+
+/* Refuses where a change was asked for of a disk that can only be read. */
+NTSTATUS refuseRefusedChange(Problem& problem) {
     for (const InstallationVolume& entry : systemState().installation->volumes) {
-        if (volumeRefusedChange(*entry.volume)) return &entry;
+        if (!volumeRefusedChange(*entry.volume)) continue;
+        return guardedRefusing(problem, [&] {
+            return refuse(
+                problem, STATUS_MEDIA_WRITE_PROTECTED,
+                diskPath(*entry.disk) +
+                    " can only be read, so changes to it were refused; make it writable and run again");
+        });
     }
-    return nullptr;
+    return STATUS_SUCCESS;
 }
 
 /* Whatever was begun was written whole, so this is no matter of the dirty mark: it is work that is left. */
@@ -102,36 +127,26 @@ NTSTATUS systemOpen(const std::vector<std::string>& paths, DiskAccess access, Pr
         systemState().installation.emplace();
         return openParts(paths, access, problem);
     });
-    if (status >= 0) return status;
-    Problem closing; /* nothing was changed, so closing has nothing to add */
-    registryReset();
-    drivesReset();
-    environmentReset();
-    installationClose(*systemState().installation, closing);
-    systemState().installation.reset();
+    if (status < 0) abandonOpening();
     return status;
 }
 
 NTSTATUS systemClose(Problem& problem) {
     if (!systemState().installation) return STATUS_SUCCESS;
     NTSTATUS first = machineHivesSave(*systemState().installation, problem);
-    if (const InstallationVolume* entry = refusedChange(); entry != nullptr && first >= 0) {
-        first =
-            refuse(problem, STATUS_MEDIA_WRITE_PROTECTED,
-                   diskPath(*entry->disk) +
-                       " can only be read, so changes to it were refused; make it writable and run again");
-    }
+    if (first >= 0) first = refuseRefusedChange(problem);
     registryReset();
     drivesReset();
     environmentReset();
     Problem closing;
     const NTSTATUS status = installationClose(*systemState().installation, closing);
     if (status < 0 && first >= 0) {
-        problem = closing;
+        problem = std::move(closing);
         first = status;
     }
     noteUnread();
     systemState().installation.reset();
+    systemState().restartAsked = Restart::none;
     systemForget();
     return first;
 }
