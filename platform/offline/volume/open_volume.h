@@ -113,7 +113,7 @@ NTSTATUS libraryStatus(Volume& volume, int error);
 
 /* ---- Records ---- */
 
-/* Whether the update sequence, which guards each sector of a record or an index block, lies behind its header
+/* Whether the update sequence, which guards each sector of a record or an index block, lies after its header
  * and before its contents. The library passes over one that does not, and gives what lies on the disk as it
  * is. */
 inline bool updateSequenceFits(Bytes record, size_t header, size_t contents) {
