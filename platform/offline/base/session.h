@@ -64,6 +64,11 @@ State& roomState(StatefulRoom room) {
     return *static_cast<State*>(state.object);
 }
 
+/* Whether the room has a state yet: to forget what is not there, none is made, for that takes memory. */
+inline bool hasRoomState(StatefulRoom room) {
+    return session().rooms[static_cast<size_t>(room)].object != nullptr;
+}
+
 } /* namespace offline */
 
 #endif

@@ -7,6 +7,7 @@
 #include "platform/offline/registry/links.h"
 #include "platform/offline/registry/open_keys.h"
 #include "platform/offline/registry/registry.h"
+#include "platform/offline/registry/registry_state.h"
 #include "platform/offline/registry/resolve.h"
 
 namespace offline {
@@ -83,6 +84,7 @@ NTSTATUS registrySaveAll() {
 }
 
 void registryReset() {
+    if (!hasRoomState(StatefulRoom::registry)) return;
     forgetOpenKeys();
     tree() = Namespace();
 }
