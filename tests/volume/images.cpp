@@ -12,6 +12,7 @@
 #include <fstream>
 
 #include "platform/offline/volume/partition_layout.h"
+#include "tests/security/shapes.h"
 
 extern "C" {
 ssize_t __real_pread(int file, void* bytes, size_t count, off_t offset);
@@ -37,7 +38,7 @@ ssize_t __wrap_pwrite(int file, const void* bytes, size_t count, off_t offset) {
         return -1;
     }
     if (failures.pwritesLeft > 0) --failures.pwritesLeft;
-    failures.calls.emplace_back('w', offset);
+    failures.calls += 'w';
     return __real_pwrite(file, bytes, count, offset);
 }
 
@@ -48,7 +49,7 @@ int __wrap_fdatasync(int file) {
         return -1;
     }
     if (failures.fdatasyncsLeft > 0) --failures.fdatasyncsLeft;
-    failures.calls.emplace_back('s', 0);
+    failures.calls += 's';
     return __real_fdatasync(file);
 }
 }
@@ -176,6 +177,30 @@ void putGpt(ByteVector& disk, size_t sectorSize, const std::vector<TablePart>& p
     putGptCopy(disk, sectorSize, sectors - 1, sectors - 1 - arraySectors, parts);
 }
 
+size_t recordAt(const ByteVector& image, FileRef file, size_t mft) {
+    return get<uint64_t>(image, mft) * image[0x0D] * 512 + (file & UINT32_MAX) * 1024;
+}
+
+size_t attributeAt(const ByteVector& image, FileRef file, uint32_t type, size_t mft) {
+    size_t at = recordAt(image, file, mft);
+    at += get<uint16_t>(image, at + 20);
+    while (get<uint32_t>(image, at) < type) at += get<uint32_t>(image, at + 4);
+    EXPECT_EQ(get<uint32_t>(image, at), type);
+    return at;
+}
+
+size_t valueAt(const ByteVector& image, FileRef file, uint32_t type, size_t mft) {
+    const size_t at = attributeAt(image, file, type, mft);
+    return at + get<uint16_t>(image, at + 20);
+}
+
+ByteVector descriptor(uint32_t number, uint16_t control) {
+    const std::string who = "S-1-5-21-1-2-3-" + std::to_string(number);
+    ByteVector bytes = ::descriptor(who, admins, {}, acl({ace(0, 0, 0x1F01FF, who)}));
+    put(bytes, 2, control);
+    return bytes;
+}
+
 OpenVolume::OpenVolume(const std::string& path, offline::DiskAccess access) {
     std::vector<offline::Partition> partitions;
     if (offline::diskOpen(path, access, disk, problem) < 0) return;
@@ -189,33 +214,39 @@ NTSTATUS OpenVolume::close() {
     return status;
 }
 
-ByteVector descriptor(uint32_t number, uint16_t control) {
-    ByteVector bytes(20 + 28 + 16 + 44);
-    bytes[0] = 1;
-    put(bytes, 2, control);
-    put<uint32_t>(bytes, 4, 20);  /* owner */
-    put<uint32_t>(bytes, 8, 48);  /* group */
-    put<uint32_t>(bytes, 16, 64); /* dacl */
-    auto putSid = [&](size_t at) {
-        const uint32_t parts[5] = {21, 1, 2, 3, number};
-        bytes[at] = 1;
-        bytes[at + 1] = 5;
-        bytes[at + 7] = 5;
-        for (size_t i = 0; i < 5; ++i) put<uint32_t>(bytes, at + 8 + 4 * i, parts[i]);
-    };
-    putSid(20);
-    bytes[48] = 1; /* S-1-5-32-544 */
-    bytes[49] = 2;
-    bytes[55] = 5;
-    put<uint32_t>(bytes, 56, 32);
-    put<uint32_t>(bytes, 60, 544);
-    bytes[64] = 2;
-    put<uint16_t>(bytes, 66, 44);
-    put<uint16_t>(bytes, 68, 1);
-    put<uint16_t>(bytes, 74, 36);
-    put<uint32_t>(bytes, 76, 0x1F01FF);
-    putSid(80);
-    return bytes;
+FileRef OpenVolume::make(const std::u16string& name, const ByteVector& descriptor, FileRef directory,
+                         offline::NewFile kind) {
+    FileRef file = 0;
+    EXPECT_EQ(offline::volumeCreate(*volume, directory, name, kind, descriptor, file), STATUS_SUCCESS);
+    return file;
+}
+
+FileRef OpenVolume::makeDirectory(const std::u16string& name, FileRef directory) {
+    return make(name, descriptor(1), directory, offline::NewFile::directory);
+}
+
+FileRef OpenVolume::fill(FileRef directory, unsigned count) {
+    FileRef last = 0;
+    for (unsigned i = 0; i < count; ++i) {
+        const std::u16string name =
+            u"a rather long name of a file " + std::u16string(1, char16_t(0x4E00 + i));
+        last = make(name, descriptor(1), directory);
+    }
+    return last;
+}
+
+ByteVector OpenVolume::read(FileRef file) {
+    offline::Bytes bytes;
+    EXPECT_EQ(offline::volumeDescriptor(*volume, file, bytes), STATUS_SUCCESS);
+    return {bytes.begin(), bytes.end()};
+}
+
+std::vector<std::u16string> OpenVolume::names(FileRef directory) {
+    offline::DirectoryListing listing;
+    EXPECT_EQ(offline::volumeList(*volume, directory, listing), STATUS_SUCCESS);
+    std::vector<std::u16string> result;
+    for (const offline::DirectoryEntry& entry : listing.entries) result.emplace_back(listing.name(entry));
+    return result;
 }
 
 } /* namespace images */
