@@ -36,6 +36,7 @@ TEST(Text, BadBytesAreReplacedOneByOne) {
         EXPECT_EQ(toUtf16(bad), std::u16string(bad.size(), 0xFFFD));
     }
     EXPECT_EQ(toUtf8(u"\xD800"s), "\uFFFD");
+    EXPECT_EQ(toUtf8(std::u16string_view(u"\xD800\xDC00", 1)), "\uFFFD");
     EXPECT_EQ(toUtf8(u"x\xDC00y"s), "x\uFFFDy");
     EXPECT_EQ(toUtf8(u"\xD800\xD800\xDC00"s), "\uFFFD\xF0\x90\x80\x80");
 }
@@ -147,6 +148,7 @@ TEST(CountedStrings, Limits) {
     UNICODE_STRING source = {6, 6, const_cast<PWSTR>(u"abc")};
     EXPECT_EQ(RtlAppendUnicodeStringToString(&target, &source), STATUS_SUCCESS);
     EXPECT_EQ(std::u16string(buffer.data()), u"abc") << "terminated while there is room";
+    source.Length = 4;
     EXPECT_EQ(RtlAppendUnicodeStringToString(&target, &source), STATUS_BUFFER_TOO_SMALL);
     EXPECT_EQ(target.Length, 6);
     source.Length = 2;

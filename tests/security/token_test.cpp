@@ -41,6 +41,7 @@ TEST(Sid, CallsTakeExactlyTheSidsOwnBytes) {
 
     longest[1] = 16;
     longest.resize(8 + 16 * 4);
+    EXPECT_EQ(sidToText(longest), "");
     for (const Image& bad : {Image{2, 1, 0, 0, 0, 0, 0, 5, 1, 0, 0, 0}, Image{1, 16}, longest}) {
         LPSTR none = nullptr;
         EXPECT_FALSE(ConvertSidToStringSidA(Exact(bad).bytes.get(), &none));
@@ -135,6 +136,9 @@ TEST_F(TokenTest, Refuses) {
     EXPECT_FALSE(GetTokenInformation(adjustOnly, TokenUser, nullptr, 0, &length));
     EXPECT_EQ(GetLastError(), 5u);
     EXPECT_EQ(adjust(query, {{backupPrivilege, 2}}), 5u);
+    TOKEN_PRIVILEGES previous = {};
+    EXPECT_FALSE(AdjustTokenPrivileges(adjustOnly, TRUE, nullptr, sizeof previous, &previous, &length));
+    EXPECT_EQ(GetLastError(), 5u);
     CloseHandle(query);
     CloseHandle(adjustOnly);
     EXPECT_EQ(adjust(query, {{backupPrivilege, 2}}), 6u) << "closed";

@@ -33,10 +33,10 @@ struct SecureIndexes : images::ImageTest {
     size_t firstEntry(size_t block) const { return block + 24 + get<uint32_t>(sound, block + 24); }
     bool inner(size_t block) const { return (sound[block + 36] & 1) != 0; }
 
-    /* What opening for changes says of the volume. */
+    /* What opening for changes would say of the volume. */
     std::string verdict(const ByteVector& image) const {
         images::writeFile(path("tried.img"), image);
-        const OpenVolume opened(path("tried.img"));
+        const OpenVolume opened(path("tried.img"), DiskAccess::trial);
         return opened.volume != nullptr ? "sound" : opened.problem.text;
     }
     void expectRefused(size_t at, uint64_t value, size_t size, const std::string& what) const {
