@@ -10,8 +10,8 @@ struct AccessTest : FilesTest {
     std::u16string path = u"\\\\?\\c:\\dir\\file";
 
     void fill(const Image& stored) {
-        const FileRef directory = volume->make(u"dir", stored, rootDirectory, NewFile::directory);
-        volume->make(u"file", stored, directory);
+        const FileRef folder = volume->make(u"dir", stored, rootDirectory, NewFile::directory);
+        volume->make(u"file", stored, folder);
     }
     /* A list of one entry; the owner is the group as well. */
     static Image allowing(const std::string& owner, ACCESS_MASK rights, const std::string& who,

@@ -34,11 +34,11 @@ void walk(std::u16string& path, DWORD attributes, const Visit& visit,
 
 /* Where the entry of a directory lies that names a file: its reference, 8 bytes of sizes, and the parent's
  * record at the head of the name. */
-size_t entryPlace(const Image& bytes, FileRef named, FileRef directory) {
+size_t entryPlace(const Image& bytes, FileRef named, FileRef folder) {
     constexpr uint64_t record = 0xFFFFFFFFFFFF;
     for (size_t at = 0; at + 24 <= bytes.size(); at += 8) {
         if (loadNumber<FileRef>(&bytes[at]) == named &&
-            ((loadNumber<FileRef>(&bytes[at + 16]) ^ directory) & record) == 0)
+            ((loadNumber<FileRef>(&bytes[at + 16]) ^ folder) & record) == 0)
             return at;
     }
     ADD_FAILURE() << named;
@@ -49,10 +49,10 @@ struct WalkTest : FilesTest {
     std::u16string root = u"\\\\?\\c:";
     std::map<std::u16string, Image> expected;
 
-    FileRef add(FileRef directory, const std::u16string& path, const std::u16string& name, NewFile kind) {
+    FileRef add(FileRef folder, const std::u16string& path, const std::u16string& name, NewFile kind) {
         const Image stored = images::descriptor(static_cast<uint32_t>(expected.size() % 7));
         expected[path + u"\\" + name] = stored;
-        return volume->make(name, stored, directory, kind);
+        return volume->make(name, stored, folder, kind);
     }
     void expectWalk() {
         std::map<std::u16string, Image> seen;
@@ -68,18 +68,18 @@ struct WalkTest : FilesTest {
  * and one file under two names. */
 TEST_F(WalkTest, meetsAndSetsEveryName) {
     std::u16string path = root;
-    FileRef directory = rootDirectory;
+    FileRef folder = rootDirectory;
     expected[root] = readDescriptor(root);
     for (unsigned depth = 0; depth < 60; depth++) {
-        add(directory, path, u"same", NewFile::file);
-        add(directory, path, {u'x', 0xD800, u'y'}, NewFile::file);
-        add(directory, path, {u'x', 0xDC00}, NewFile::directory);
-        directory = add(directory, path, u"same dir Größe", NewFile::directory);
+        add(folder, path, u"same", NewFile::file);
+        add(folder, path, {u'x', 0xD800, u'y'}, NewFile::file);
+        add(folder, path, {u'x', 0xDC00}, NewFile::directory);
+        folder = add(folder, path, u"same dir Größe", NewFile::directory);
         path += u"\\same dir Größe";
     }
-    const FileRef junction = add(directory, path, u"junction", NewFile::directory);
+    const FileRef junction = add(folder, path, u"junction", NewFile::directory);
     ASSERT_GE(volumeCreateJunction(*volume, junction, u"C:\\same dir Größe"), 0);
-    const FileRef linked = add(directory, path, u"linked", NewFile::file);
+    const FileRef linked = add(folder, path, u"linked", NewFile::file);
     ASSERT_GE(volumeLink(*volume, linked, rootDirectory, u"other name"), 0);
     Image& otherName = expected[root + u"\\other name"];
     Image& linkedName = expected[path + u"\\linked"];
@@ -104,10 +104,10 @@ TEST_F(WalkTest, meetsAndSetsEveryName) {
 /* Damage by which a file is out of reach, though nothing that is met has anything wrong with it; and what
  * looks like such and is none. */
 TEST_F(WalkTest, tellsOfWhatItCannotReach) {
-    const FileRef directory = volume->makeDirectory(u"directory");
-    const FileRef below = volume->makeDirectory(u"below", directory);
-    const FileRef file = volume->make(u"file", images::descriptor(1), directory);
-    const FileRef same = volume->make(u"other", images::descriptor(1), directory);
+    const FileRef folder = volume->makeDirectory(u"directory");
+    const FileRef below = volume->makeDirectory(u"below", folder);
+    const FileRef file = volume->make(u"file", images::descriptor(1), folder);
+    const FileRef same = volume->make(u"other", images::descriptor(1), folder);
     const FileRef far = volume->make(u"file");
     const FileRef linked = volume->make(u"linked", images::descriptor(1), below);
     ASSERT_GE(volumeLink(*volume, linked, below, u"link"), 0);
@@ -117,7 +117,7 @@ TEST_F(WalkTest, tellsOfWhatItCannotReach) {
     const Image sound = images::readFile(image);
     constexpr size_t all = 9 + 200, some = SIZE_MAX; /* places that the walk meets */
     constexpr FileRef secureFile = 9 | 9ULL << 48;
-    const size_t entry = entryPlace(sound, file, directory), name = entry + 16;
+    const size_t entry = entryPlace(sound, file, folder), name = entry + 16;
     const size_t block = entryPlace(sound, within, large) / 4096 * 4096;
     struct Damage {
         const char* what;
@@ -131,15 +131,15 @@ TEST_F(WalkTest, tellsOfWhatItCannotReach) {
     const Damage damages[] = {
         {.what = "nothing"},
         {.what = "a directory's entry leads to a file",
-         .at = entryPlace(sound, below, directory),
+         .at = entryPlace(sound, below, folder),
          .leadsTo = file,
          .seen = all - 2,
          .told = file},
         {.what = "a directory's entry leads back up",
-         .at = entryPlace(sound, below, directory),
-         .leadsTo = directory,
+         .at = entryPlace(sound, below, folder),
+         .leadsTo = folder,
          .seen = all - 2,
-         .told = directory,
+         .told = folder,
          .refused = 1},
         {.what = "a file's entry leads to a directory",
          .at = entry,
@@ -152,20 +152,20 @@ TEST_F(WalkTest, tellsOfWhatItCannotReach) {
          .at = entry,
          .leadsTo = secureFile,
          .seen = all - 1,
-         .told = directory},
+         .told = folder},
         {.what = "a name that begins with a terminator",
          .at = name + 66,
          .bits = 'f',
          .seen = all - 1,
          .told = file},
-        {.what = "an entry without a name", .at = name + 64, .bits = 4, .seen = all - 1, .told = directory},
+        {.what = "an entry without a name", .at = name + 64, .bits = 4, .seen = all - 1, .told = folder},
         {.what = "a short name without a long one", .at = name + 65, .bits = 2},
         {.what = "a short name beside a long one",
          .at = entryPlace(sound, linked, below) + 16 + 65,
          .bits = 2,
          .seen = all - 1},
         {.what = "a reparse point without data",
-         .at = images::valueAt(sound, directory, 0x10) + 33,
+         .at = images::valueAt(sound, folder, 0x10) + 33,
          .bits = 0x04},
         {.what = "a block without an update sequence", .at = block + 6, .bits = 1, .told = large},
         {.what = "blocks that are in use but free by the bitmap",
