@@ -136,22 +136,30 @@ TEST(Descriptor, SetKeepsWhatIsNotNamed) {
     setAccessMode(AccessMode::unrefused);
     const Image stored = descriptor(stranger, users, audits, oldDacl, 0x3C01);
     Image given = descriptor(admins, everyone, {}, newDacl, 0x4708), image;
-    const std::tuple<SECURITY_INFORMATION, std::string, std::string, Image, Image, uint16_t> rows[] = {
-        // clang-format off
-        {1, admins, users, audits, oldDacl, 0xBC14},
-        {4, stranger, users, audits, newDacl, 0xAC1D},
-        {0x80000004, stranger, users, audits, newDacl, 0xBC1D},
-        {7, admins, everyone, audits, newDacl, 0xAC1C},
-        {8, stranger, users, {}, oldDacl, 0x9405},
-        {0x4000000F, admins, everyone, {}, newDacl, 0xE40C},
-        {0xF, admins, everyone, {}, newDacl, 0xC40C},
-        // clang-format on
+    struct {
+        SECURITY_INFORMATION parts;
+        uint16_t control;
+        std::string owner = stranger, group = users;
+        Image sacl = audits, dacl = oldDacl;
+    } const rows[] = {
+        {.parts = 1, .control = 0xBC14, .owner = admins},
+        {.parts = 4, .control = 0xAC1D, .dacl = newDacl},
+        {.parts = 0x80000004, .control = 0xBC1D, .dacl = newDacl},
+        {.parts = 7, .control = 0xAC1C, .owner = admins, .group = everyone, .dacl = newDacl},
+        {.parts = 8, .control = 0x9405, .sacl = {}},
+        {.parts = 0x4000000F,
+         .control = 0xE40C,
+         .owner = admins,
+         .group = everyone,
+         .sacl = {},
+         .dacl = newDacl},
+        {.parts = 0xF, .control = 0xC40C, .owner = admins, .group = everyone, .sacl = {}, .dacl = newDacl},
     };
-    for (const auto& [parts, owner, groupSid, sacl, dacl, control] : rows) {
-        SCOPED_TRACE(parts);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.parts);
         image = stored;
-        ASSERT_EQ(descriptorSet(image, parts, Exact(given).bytes.get(), image), STATUS_SUCCESS);
-        expectParts(image, owner, groupSid, sacl, dacl, control);
+        ASSERT_EQ(descriptorSet(image, row.parts, Exact(given).bytes.get(), image), STATUS_SUCCESS);
+        expectParts(image, row.owner, row.group, row.sacl, row.dacl, row.control);
     }
     given[3] = 0xC4;  // without the request bits
     EXPECT_EQ(image, given) << "byte for byte";

@@ -87,20 +87,21 @@ void ImageTest::TearDown() {
 }
 
 ByteVector ImageTest::ntfs(size_t size, uint64_t startSector) {
-    std::string image = path("fresh.img");
-    writeFile(image, {});
-    std::filesystem::resize_file(image, size);
-    std::string made = outputOf("PATH=$PATH:/sbin:/usr/sbin mkntfs -F -Q -q -s 512 -H 255 -S 63 -p " +
-                                std::to_string(startSector) + " " + image);
-    ByteVector bytes = readFile(image);
-    std::filesystem::remove(image);
-    EXPECT_EQ(get<uint64_t>(bytes, 3), 0x202020205346544Eu) << made;
-    return bytes;
+    makeNtfs(path("fresh.img"), size, startSector);
+    return readFile(path("fresh.img"));
 }
 
 std::string ImageTest::ntfsImage() {
-    writeFile(path("volume.img"), ntfs());
+    makeNtfs(path("volume.img"), 4 * mebibyte);
     return path("volume.img");
+}
+
+void makeNtfs(const std::string& image, size_t size, uint64_t startSector) {
+    writeFile(image, {});
+    std::filesystem::resize_file(image, size);
+    const std::string made = outputOf("PATH=$PATH:/sbin:/usr/sbin mkntfs -F -Q -q -s 512 -H 255 -S 63 -p " +
+                                      std::to_string(startSector) + " " + image);
+    EXPECT_EQ(get<uint64_t>(readFile(image), 3), 0x202020205346544Eu) << made;
 }
 
 ByteVector readFile(const std::string& path) {

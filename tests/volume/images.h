@@ -39,6 +39,8 @@ struct ImageTest : testing::Test {
     std::string ntfsImage();
 };
 
+/* Makes the file anew, with a fresh NTFS volume that starts at a sector of its disk. */
+void makeNtfs(const std::string& image, size_t size, uint64_t startSector = 0);
 ByteVector readFile(const std::string& path);
 void writeFile(const std::string& path, const ByteVector& bytes);
 std::string outputOf(const std::string& command); /* standard output and error */

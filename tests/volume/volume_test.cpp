@@ -320,7 +320,6 @@ TEST_F(VolumeTest, RefusesWhatIsNotThereOrMayNotBe) {
     ASSERT_EQ(volumeWriteFile(volume, file, 0, ByteVector(100)), STATUS_SUCCESS);
     EXPECT_EQ(volumeReadFile(volume, file, 99, read), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(volumeReadFile(volume, rootDirectory, 1000, read), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(opened.close(), STATUS_IO_DEVICE_ERROR); /* for what did not fit */
 }
 
 TEST_F(VolumeTest, ADamagedRecordIsRefused) {
