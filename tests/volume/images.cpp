@@ -14,41 +14,38 @@
 #include "platform/offline/volume/partition_layout.h"
 #include "tests/security/shapes.h"
 
+using images::failures;
+
+/* Whether this call is one that fails; counts those that succeed before it. */
+static bool refused(long& left, int error) {
+    if (left == 0) {
+        errno = error;
+        return true;
+    }
+    if (left > 0) --left;
+    return false;
+}
+
 extern "C" {
 ssize_t __real_pread(int file, void* bytes, size_t count, off_t offset);
 ssize_t __real_pwrite(int file, const void* bytes, size_t count, off_t offset);
 int __real_fdatasync(int file);
 
 ssize_t __wrap_pread(int file, void* bytes, size_t count, off_t offset) {
-    images::Failures& failures = images::failures;
-    if (failures.preadsLeft == 0) {
-        if (failures.once) failures.preadsLeft = -1;
-        failures.refused = true;
-        errno = EIO;
-        return -1;
-    }
-    if (failures.preadsLeft > 0) --failures.preadsLeft;
-    return __real_pread(file, bytes, count, offset);
+    if (!refused(failures.preadsLeft, EIO)) return __real_pread(file, bytes, count, offset);
+    if (failures.once) failures.preadsLeft = -1;
+    failures.refused = true;
+    return -1;
 }
 
 ssize_t __wrap_pwrite(int file, const void* bytes, size_t count, off_t offset) {
-    images::Failures& failures = images::failures;
-    if (failures.pwritesLeft == 0) {
-        errno = failures.pwriteError;
-        return -1;
-    }
-    if (failures.pwritesLeft > 0) --failures.pwritesLeft;
+    if (refused(failures.pwritesLeft, failures.pwriteError)) return -1;
     failures.calls += 'w';
     return __real_pwrite(file, bytes, count, offset);
 }
 
 int __wrap_fdatasync(int file) {
-    images::Failures& failures = images::failures;
-    if (failures.fdatasyncsLeft == 0) {
-        errno = EIO;
-        return -1;
-    }
-    if (failures.fdatasyncsLeft > 0) --failures.fdatasyncsLeft;
+    if (refused(failures.fdatasyncsLeft, EIO)) return -1;
     failures.calls += 's';
     return __real_fdatasync(file);
 }
@@ -57,14 +54,10 @@ int __wrap_fdatasync(int file) {
 namespace images {
 
 LoopDevice::LoopDevice(const std::string& file, uint64_t offset, uint64_t size) {
-    const std::string command = "losetup -f --show -o " + std::to_string(offset) +
-                                (size == 0 ? "" : " --sizelimit " + std::to_string(size)) + " '" + file +
-                                "' 2>/dev/null";
-    FILE* const said = popen(("PATH=$PATH:/usr/sbin:/sbin " + command).c_str(), "r");
-    std::array<char, 64> line = {};
-    if (fgets(line.data(), line.size(), said) != nullptr)
-        name.assign(line.data(), strcspn(line.data(), "\n"));
-    pclose(said);
+    name =
+        outputOf("(PATH=$PATH:/usr/sbin:/sbin losetup -f --show -o " + std::to_string(offset) +
+                 (size == 0 ? "" : " --sizelimit " + std::to_string(size)) + " '" + file + "' 2>/dev/null)");
+    if (!name.empty()) name.pop_back(); /* the end of the line */
 }
 
 LoopDevice::~LoopDevice() {

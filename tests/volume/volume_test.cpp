@@ -155,6 +155,7 @@ TEST_F(VolumeTest, AnInterruptedChangeLeavesAMark) {
             status = volumeFind(opened, {&letter, 1}, file);
             if (status >= 0) status = volumeSetDescriptor(opened, file, descriptor(letter));
         }
+        EXPECT_EQ(diskWriteReason(*opened.disk), status < 0 ? " (Input/output error)" : "");
         NTSTATUS closed = opened.close();
         return status < 0 ? status : closed;
     };
