@@ -312,9 +312,11 @@ TEST_F(VolumeTest, RefusesWhatIsNotThereOrMayNotBe) {
 
     FileInfo info = {};
     ByteVector read;
-    for (FileRef stale : {FileRef{1} << 40, file + (FileRef{1} << 48), FileRef{60}}) {
-        EXPECT_EQ(volumeFileInfo(volume, file, info), STATUS_SUCCESS);
-        EXPECT_EQ(volumeFileInfo(volume, stale, info), STATUS_FILE_CORRUPT_ERROR) << stale;
+    for (FileRef last : {file, full}) { /* the record at hand is the stale one's, or another */
+        for (FileRef stale : {FileRef{1} << 40, file + (FileRef{1} << 48), FileRef{60}}) {
+            EXPECT_EQ(volumeFileInfo(volume, last, info), STATUS_SUCCESS);
+            EXPECT_EQ(volumeFileInfo(volume, stale, info), STATUS_FILE_CORRUPT_ERROR) << stale;
+        }
     }
     EXPECT_EQ(volumeWriteFile(volume, full, 0, ByteVector(16 * images::mebibyte)), STATUS_DISK_FULL);
     EXPECT_EQ(volumeWriteFile(volume, 0, 0, read), STATUS_ACCESS_DENIED); /* $MFT */
@@ -339,7 +341,7 @@ TEST_F(VolumeTest, ADamagedRecordIsRefused) {
     } damages[] = {
         {.what = "no mark", .at = record, .value = 0},
         {.what = "no update sequence", .at = record + 4, .value = 3 << 16},
-        {.what = "update sequence in the attributes", .at = record + 4, .value = 3 << 16 | 80},
+        {.what = "update sequence too long", .at = record + 4, .value = 4 << 16 | 48},
         {.what = "attributes beyond what is used", .at = record + 20, .value = 1 << 16 | 0x3F8},
         {.what = "deleted", .at = record + 20, .value = 56},
         {.what = "more used than there is", .at = record + 24, .value = 0x7FFFFFFF},
