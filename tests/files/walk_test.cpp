@@ -104,10 +104,10 @@ TEST_F(WalkTest, meetsAndSetsEveryName) {
 /* Damage by which a file is out of reach, though nothing that is met has anything wrong with it; and what
  * looks like such and is none. */
 TEST_F(WalkTest, tellsOfWhatItCannotReach) {
-    const FileRef folder = volume->makeDirectory(u"directory");
-    const FileRef below = volume->makeDirectory(u"below", folder);
-    const FileRef file = volume->make(u"file", images::descriptor(1), folder);
-    const FileRef same = volume->make(u"other", images::descriptor(1), folder);
+    const FileRef parent = volume->makeDirectory(u"directory");
+    const FileRef below = volume->makeDirectory(u"below", parent);
+    const FileRef file = volume->make(u"file", images::descriptor(1), parent);
+    const FileRef same = volume->make(u"other", images::descriptor(1), parent);
     const FileRef far = volume->make(u"file");
     const FileRef linked = volume->make(u"linked", images::descriptor(1), below);
     ASSERT_GE(volumeLink(*volume, linked, below, u"link"), 0);
@@ -117,8 +117,12 @@ TEST_F(WalkTest, tellsOfWhatItCannotReach) {
     const Image sound = images::readFile(image);
     constexpr size_t all = 9 + 200, some = SIZE_MAX; /* places that the walk meets */
     constexpr FileRef secureFile = 9 | 9ULL << 48;
-    const size_t entry = entryPlace(sound, file, folder), name = entry + 16;
+    const size_t belowEntry = entryPlace(sound, below, parent), fileEntry = entryPlace(sound, file, parent);
+    const size_t name = fileEntry + 16, linkName = entryPlace(sound, linked, below) + 16;
     const size_t block = entryPlace(sound, within, large) / 4096 * 4096;
+    const size_t blocksInUse = images::valueAt(sound, large, 0xB0);
+    const size_t attributes = images::valueAt(sound, parent, 0x10) + 32;
+    const size_t sectorEnd = images::recordAt(sound, below) + 510;
     struct Damage {
         const char* what;
         size_t at = 0;       /* bytes */
@@ -130,51 +134,21 @@ TEST_F(WalkTest, tellsOfWhatItCannotReach) {
     };
     const Damage damages[] = {
         {.what = "nothing"},
-        {.what = "a directory's entry leads to a file",
-         .at = entryPlace(sound, below, folder),
-         .leadsTo = file,
-         .seen = all - 2,
-         .told = file},
-        {.what = "a directory's entry leads back up",
-         .at = entryPlace(sound, below, folder),
-         .leadsTo = folder,
-         .seen = all - 2,
-         .told = folder,
-         .refused = 1},
-        {.what = "a file's entry leads to a directory",
-         .at = entry,
-         .leadsTo = below,
-         .told = below,
-         .refused = 1},
-        {.what = "an entry leads to a file of another name", .at = entry, .leadsTo = same, .told = same},
-        {.what = "an entry leads to a file of another directory", .at = entry, .leadsTo = far, .told = far},
-        {.what = "an entry leads to the volume's own metadata",
-         .at = entry,
-         .leadsTo = secureFile,
-         .seen = all - 1,
-         .told = folder},
-        {.what = "a name that begins with a terminator",
-         .at = name + 66,
-         .bits = 'f',
-         .seen = all - 1,
-         .told = file},
-        {.what = "an entry without a name", .at = name + 64, .bits = 4, .seen = all - 1, .told = folder},
+        {.what = "to a file", .at = belowEntry, .leadsTo = file, .seen = all - 2, .told = file},
+        {.what = "up", .at = belowEntry, .leadsTo = parent, .seen = all - 2, .told = parent, .refused = 1},
+        {.what = "to a directory", .at = fileEntry, .leadsTo = below, .told = below, .refused = 1},
+        {.what = "to a file of another name", .at = fileEntry, .leadsTo = same, .told = same},
+        {.what = "to a file of another directory", .at = fileEntry, .leadsTo = far, .told = far},
+        {.what = "to metadata", .at = fileEntry, .leadsTo = secureFile, .seen = all - 1, .told = parent},
+        {.what = "a terminator in a name", .at = name + 66, .bits = 'f', .seen = all - 1, .told = file},
+        {.what = "an entry without a name", .at = name + 64, .bits = 4, .seen = all - 1, .told = parent},
         {.what = "a short name without a long one", .at = name + 65, .bits = 2},
-        {.what = "a short name beside a long one",
-         .at = entryPlace(sound, linked, below) + 16 + 65,
-         .bits = 2,
-         .seen = all - 1},
-        {.what = "a reparse point without data",
-         .at = images::valueAt(sound, folder, 0x10) + 33,
-         .bits = 0x04},
+        {.what = "a short name beside a long one", .at = linkName + 65, .bits = 2, .seen = all - 1},
+        {.what = "a reparse point without data", .at = attributes + 1, .bits = 0x04},
         {.what = "a block without an update sequence", .at = block + 6, .bits = 1, .told = large},
-        {.what = "blocks that are in use but free by the bitmap",
-         .at = images::valueAt(sound, large, 0xB0),
-         .bits = 1,
-         .seen = some,
-         .told = large},
-        {.what = "a directory that can't be read",
-         .at = images::recordAt(sound, below) + 510,
+        {.what = "blocks in use, but free", .at = blocksInUse, .bits = 1, .seen = some, .told = large},
+        {.what = "an unreadable record",
+         .at = sectorEnd,
          .bits = 1,
          .seen = all - 2,
          .told = below,
