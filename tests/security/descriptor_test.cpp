@@ -4,7 +4,7 @@
 
 #include <random>
 
-#include "tests/security/shapes.h"
+#include "tests/support/descriptors.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 /* SIDs and the token. */
 #include <gtest/gtest.h>
 
-#include "tests/security/shapes.h"
+#include "tests/support/descriptors.h"
 
 namespace {
 

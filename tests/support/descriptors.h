@@ -1,6 +1,6 @@
 /* Lists and descriptors laid out by hand for the tests, and everything that a caller does with them. */
-#ifndef QUILLET_TESTS_SECURITY_SHAPES_H
-#define QUILLET_TESTS_SECURITY_SHAPES_H
+#ifndef QUILLET_TESTS_SUPPORT_DESCRIPTORS_H
+#define QUILLET_TESTS_SUPPORT_DESCRIPTORS_H
 
 #include <cstring>
 #include <memory>
