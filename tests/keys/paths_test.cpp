@@ -1,10 +1,10 @@
 /* Tables of paths, and the file server's GUID. */
-#include "tests/keys/keys_fixture.h"
+#include "tests/support/small_system.h"
 
 namespace offline {
 namespace {
 
-struct Paths : Keys {};
+struct Paths : PrivilegedSystem {};
 
 TEST_F(Paths, Tables) {
     const WCHAR* const only[] = {u"w", nullptr};
@@ -37,11 +37,13 @@ TEST_F(Paths, Tables) {
         }
         std::vector<sidKeyPath> table = row.table;
         table.push_back(end);
-        refuse(row.faults);
-        EXPECT_EQ(sidReplaceInKeyPaths(HKEY_LOCAL_MACHINE, row.flags, table.data(), oldSid.data(), 24,
-                                       newSid.data(), row.newSize),
-                  row.result);
-        refuse({});
+        faults = row.faults;
+        const std::string told = outcome({}, [&] {
+            return sidReplaceInKeyPaths(HKEY_LOCAL_MACHINE, row.flags, table.data(), oldSid.data(), 24,
+                                        newSid.data(), row.newSize);
+        });
+        EXPECT_TRUE((", " + told).ends_with(", " + std::to_string(row.result))) << told;
+        faults.clear();
         std::string written;
         for (const std::string key : {"a", "b"}) {
             for (const char* name : {"v", "w"}) written += get(key, name) == newSid ? key + name + " " : "";
@@ -53,35 +55,38 @@ TEST_F(Paths, Tables) {
 /* The built-in table: its keys below a machine that has them all. */
 TEST_F(Paths, Selected) {
     const struct {
-        const char16_t* path; /* from the hive's name on */
+        const char* path; /* from the hive's name on */
         const char* name;
         bool values, names;
     } rows[] = {
-        {u"SECURITY\\Policy", "any", true, true},
-        {u"SECURITY\\SAM\\Domains", "any", true, true},
-        {u"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", "any", false, true},
-        {u"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", "Sid", true, true},
-        {u"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", "Security", true, true},
-        {u"SOFTWARE\\Microsoft\\Windows\\CurrentVersion", "any", true, true},
-        {u"SYSTEM\\CurrentControlSet\\Services", "any", true, false},
-        {u"SOFTWARE\\Classes\\AppID", "any", false, false},
-        {u"SOFTWARE\\Classes\\AppID", "AccessPermission", true, false},
-        {u"SOFTWARE\\Classes\\AppID", "LaunchPermission", true, false},
+        {"SECURITY\\Policy", "any", true, true},
+        {"SECURITY\\SAM\\Domains", "any", true, true},
+        {"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", "any", false, true},
+        {"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", "Sid", true, true},
+        {"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", "Security", true, true},
+        {"SOFTWARE\\Microsoft\\Windows\\CurrentVersion", "any", true, true},
+        {"SYSTEM\\CurrentControlSet\\Services", "any", true, false},
+        {"SOFTWARE\\Classes\\AppID", "any", false, false},
+        {"SOFTWARE\\Classes\\AppID", "AccessPermission", true, false},
+        {"SOFTWARE\\Classes\\AppID", "LaunchPermission", true, false},
     };
-    const std::u16string machine = u"\\Registry\\Machine\\", oldWide = wide(oldText);
+    const std::string machine = "\\Registry\\Machine\\";
     for (const char16_t* name : {u"SECURITY", u"SOFTWARE", u"SYSTEM"}) mount(name);
     for (const auto& row : rows) {
-        const HANDLE key = make(machine + row.path + u"\\sub\\" + oldWide);
-        EXPECT_GE(setText(key, wide(row.name), REG_SZ, oldWide), 0);
+        growWith(machine + row.path + "\\sub\\OLD");
+        set(machine + row.path + "\\sub\\OLD", row.name, REG_SZ, bytesOf(wide("OLD")));
     }
-    EXPECT_EQ(sidReplaceInSelectedKeys(HKEY_LOCAL_MACHINE, 0, oldSid.data(), 24, newSid.data(), 24), 0u);
+    EXPECT_EQ(outcome({},
+                      [] {
+                          return sidReplaceInSelectedKeys(HKEY_LOCAL_MACHINE, 0, oldSid.data(), 24,
+                                                          newSid.data(), 24);
+                      })
+                  .back(),
+              '0');
     for (const auto& row : rows) {
-        const HANDLE key = open(machine + row.path + u"\\sub\\" + wide(row.names ? newText : oldText));
-        WCHAR data[64] = {};
-        DWORD size = sizeof data;
-        RegQueryValueExW(asHkey(key), wide(row.name).c_str(), nullptr, nullptr, reinterpret_cast<BYTE*>(data),
-                         &size);
-        EXPECT_EQ(data, wide(row.values ? newText : oldText)) << toUtf8(row.path) << " " << row.name;
+        const ByteVector value =
+            get(machine + row.path + (row.names ? "\\sub\\NEW" : "\\sub\\OLD"), row.name);
+        EXPECT_EQ(value, bytesOf(wide(row.values ? "NEW" : "OLD"))) << row.path << " " << row.name;
     }
 }
 
@@ -89,25 +94,23 @@ TEST_F(Paths, ServerGuid) {
     const std::string path = "SYSTEM\\CurrentControlSet\\Services\\lanmanserver\\Parameters";
     const Legend legend = {{"ERROR lanmanServerReplaceGuid: Win API call", "!"}, {path, "PATH"}};
     const struct {
-        RPC_STATUS uuid;
-        std::vector<Fault> faults;
+        Fault fault;
         std::string expected;
     } rows[] = {
-        {0, {}, "0"},
-        {RPC_S_UUID_LOCAL_ONLY, {}, "0"},
-        {14, {}, "! UuidCreate returned 14, 14"},
-        {0, {{"RegOpenKeyExW", "", 2}}, "! RegOpenKeyEx returned 2 for PATH, 2"},
-        {0, {{"RegSetValueExW", "", 5}}, "! RegSetValueEx returned 5 for PATH\\Guid, 5"},
+        {{"none"}, "0"},
+        {{"UuidCreate", "", 14}, "! UuidCreate returned 14, 14"},
+        {{"RegOpenKeyExW", "", 2}, "! RegOpenKeyEx returned 2 for PATH, 2"},
+        {{"RegSetValueExW", "", 5}, "! RegSetValueEx returned 5 for PATH\\Guid, 5"},
     };
-    make(full(wide(path)));
+    growWith(path);
     const HKEY root = asHkey(at(""));
     for (const auto& row : rows) {
         set(path, "Guid", REG_SZ, {1, 2});
         answer.UuidCreate = [&](UUID* uuid) {
             memset(uuid, 0x5A, sizeof *uuid);
-            return row.uuid;
+            return RPC_STATUS{RPC_S_UUID_LOCAL_ONLY};
         };
-        refuse(row.faults);
+        faults = {row.fault};
         EXPECT_EQ(outcome(legend, [&] { return lanmanServerReplaceGuid(root); }), row.expected);
         ULONG type = 0;
         const ByteVector guid = get(path, "Guid", &type);

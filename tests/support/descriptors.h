@@ -61,6 +61,19 @@ inline Image descriptor(const std::string& owner, const std::string& groupSid, c
     return head;
 }
 
+/* The same as the platform lays it out, the list of rights first, with Local System as the group. */
+inline Image makeDescriptor(const std::string& owner, const std::vector<Image>& rights) {
+    const Image dacl = acl(rights), ownerSid = offline::sidFromText(owner);
+    Image image = {1, 0};
+    put(image, SE_SELF_RELATIVE | SE_DACL_PRESENT, 2);
+    put(image, 20 + dacl.size(), 4);
+    put(image, 20 + dacl.size() + ownerSid.size(), 4);
+    put(image, 0, 4);
+    put(image, 20, 4);
+    for (const Image& part : {dacl, ownerSid, offline::sidFromText(localSystem)}) put(image, part);
+    return image;
+}
+
 /* Exactly as many bytes as there are, so that the sanitizer sees every read and write outside. */
 struct Exact {
     std::unique_ptr<uint8_t[]> bytes;
