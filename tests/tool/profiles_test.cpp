@@ -43,15 +43,18 @@ TEST_F(Sweep, Subkeys) {
         std::string expected;
         const char* treated;
     } rows[] = {
-        {{"none"}, all, "a a\\x b c "},
-        {{"ZwOpenKey", "b", STATUS_ACCESS_DENIED}, "in ROOT\\a in ROOT\\c ||0", "a a\\x c "},
-        {{"RegEnumKeyExW", "", ERROR_MORE_DATA, 1}, "in ROOT\\a |RegEnumKeyEx(ROOT, 1) 234 |0", "a a\\x "},
-        {{"RegGetKeySecurity", "a", ERROR_ACCESS_DENIED}, all, "a\\x b c "},
+        {{"none"}, all, "a a\\x a\\x\\y b c "},
+        {{"ZwOpenKey", "x", STATUS_UNSUCCESSFUL, 1, 1}, all, "a a\\x\\y b c "},
+        {{"ZwOpenKey", "b", STATUS_ACCESS_DENIED}, "in ROOT\\a in ROOT\\c ||0", "a a\\x a\\x\\y c "},
+        {{"RegEnumKeyExW", "", ERROR_MORE_DATA, 1},
+         "in ROOT\\a |RegEnumKeyEx(ROOT, 1) 234 |0",
+         "a a\\x a\\x\\y "},
+        {{"RegGetKeySecurity", "a", ERROR_ACCESS_DENIED}, all, "a\\x a\\x\\y b c "},
         {{"ZwEnumerateKey", "a", STATUS_UNSUCCESSFUL}, all, "a b c "},
     };
-    const std::vector<std::string> paths = {"a", "a\\x", "b", "c"};
+    const std::vector<std::string> paths = {"a", "a\\x", "a\\x\\y", "b", "c"};
     const HKEY root = asHkey(at(""));
-    grow("a a\\x b c");
+    grow("a a\\x a\\x\\y b c");
     for (const auto& row : rows) {
         for (const std::string& path : paths) describe(path, allOf(oldText));
         faults = {row.fault};

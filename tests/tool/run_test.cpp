@@ -70,7 +70,7 @@ struct Run : SmallSystem {
         drives.files[u"C:\\p"] = {};
         answer.UuidCreate = [](UUID* made) {
             memcpy(made, uuid.data(), sizeof *made);
-            return RPC_STATUS{0};
+            return RPC_STATUS{RPC_S_UUID_LOCAL_ONLY};
         };
         answer.InitiateSystemShutdownW = [](LPWSTR name, LPWSTR message, DWORD timeout, BOOL force,
                                             BOOL reboot) {
@@ -93,7 +93,8 @@ struct Run : SmallSystem {
         };
         std::string all;
         if (get(policy, "old") == bytesOf(toUtf16(sidToText(randomSid)))) all += "selected ";
-        if (get(server, "Guid") == uuid) all += "guid ";
+        ULONG type = 0;
+        if (get(server, "Guid", &type) == uuid && type == REG_BINARY) all += "guid ";
         if (holdsNew(descriptorOf(""))) all += "machine ";
         if (holdsNew(hiveKeyDescriptor(*users, hiveRoot(*users)))) all += "users ";
         if (holdsNew(profile.file)) all += "profile ";
@@ -119,20 +120,25 @@ struct Run : SmallSystem {
         const Legend err = {{" failed with code", ""}, {"\\\\?\\", ""}, {"sidReplaceInPath", "walk"}};
         const Legend road = {{"\\\\?\\", ""}, {"read 512 c:, ", ""}, {"read 512 c:", ""}, {"write c:, ", ""}, {"attributes C:\\p, ", ""}, {"volume c:, flush", "c"}};
         // clang-format on
-        Outcome outcome = {status, shortened(out, lines(testing::internal::GetCapturedStdout(), false)),
-                           shortened(err, lines(testing::internal::GetCapturedStderr(), true)), ""};
+        Outcome outcome = {status, shortened(out, lines(testing::internal::GetCapturedStdout())),
+                           shortened(err, lines(testing::internal::GetCapturedStderr())), ""};
         EXPECT_EQ(openHandles(), before);
         outcome.done = shortened(road);
         beginWatching();
         outcome.done = done() + outcome.done;
         return outcome;
     }
-    /* Without the log, if that is asked for. */
-    static Events lines(const std::string& text, bool unlogged) {
+    /* Of the log "! function" for each failure. */
+    static Events lines(const std::string& text) {
         Events found;
         std::istringstream stream(text);
-        for (std::string line; std::getline(stream, line);)
-            if (!unlogged || line.find(" [") != 8) found.push_back(line);
+        for (std::string line; std::getline(stream, line);) {
+            const size_t function = line.find("] ") + 2;
+            if (line.find(" [") != 8)
+                found.push_back(line);
+            else if (line.starts_with("ERROR"))
+                found.push_back("! " + line.substr(function, line.find(' ', function) - function));
+        }
         return found;
     }
 
@@ -145,7 +151,7 @@ const Fault restartRefused = {"InitiateSystemShutdownW", "", 1314}, unopened = {
 Fault notHeld(const char* privilege) {
     return {"LookupPrivilegeValueW", privilege, 1313};
 }
-Fault late(const char* call, LONG code, int after = 0) {
+Fault failing(const char* call, LONG code, int after = 0) {
     return {call, "", code, after};
 }
 
@@ -165,28 +171,31 @@ TEST_F(Run, EveryWayARunCanEnd) {
         {u"-h", 0, "usage", "", ""},
         {u"-bx", -1, "usage", "invalid option: -bx", ""},
         {u"xf", -1, "usage", "invalid option: xf", ""},
-        {u"", -1, "", "", "", {late("OpenProcessToken", silently)}},
-        {u"", -1, "", "", "", {notHeld("SeBackupPrivilege")}},
-        {u"-b", -1, "", "", "", {notHeld("SeShutdownPrivilege")}},
-        {u"", 2, "", "", "", {{"ZwOpenKey", "SAM", STATUS_OBJECT_NAME_NOT_FOUND}}},
-        {u"", 2, "", "", "", {late("RegQueryValueExW", 2)}},
-        {u"", 14, "", "", "", {late("UuidCreate", 14)}},
-        {u"-q", 1337, "", texts + "1337", "", {late("ConvertSidToStringSidA", 1337)}},
-        {u"", 1359, "", texts + "1359", "", {late("ConvertSidToStringSidA", silently, 1)}},
-        {u"-f", 2, "SIDs, selected", "", "", {{"ZwOpenKey", "Policy", STATUS_OBJECT_NAME_NOT_FOUND}}},
-        {u"-r", 2, "fast", "", "selected ", {late("RegOpenKeyExW", 2)}},
+        {u"", -1, "", "! ombraModifyPrivilege", "", {failing("OpenProcessToken", silently)}},
+        {u"", -1, "", "! ombraModifyPrivilege", "", {notHeld("SeBackupPrivilege")}},
+        {u"-b", -1, "", "! ombraModifyPrivilege", "", {notHeld("SeShutdownPrivilege")}},
+        {u"", 2, "", "! _doOpenCreateKey", "", {{"ZwOpenKey", "SAM", STATUS_OBJECT_NAME_NOT_FOUND}}},
+        {u"", 2, "", "! sidGetMachineSID", "", {failing("RegQueryValueExW", 2)}},
+        {u"", 14, "", "! sidCreateRandom", "", {failing("UuidCreate", 14)}},
+        {u"-q", 1337, "", texts + "1337", "", {failing("ConvertSidToStringSidA", 1337)}},
+        {u"", 1359, "", texts + "1359", "", {failing("ConvertSidToStringSidA", silently, 1)}},
+        {u"-f", 2, "SIDs, selected", "! _doOpenCreateKey", "", {{"ZwOpenKey", "Policy", STATUS_OBJECT_NAME_NOT_FOUND}}},
+        {u"-f", 0, "fast, c:, done", "! regReplaceSIDInValues", "guid c: c", {{"ZwSetValueKey", "Policy", STATUS_ACCESS_DENIED}}},
+        {u"-r", 2, "fast", "! lanmanServerReplaceGuid", "selected ", {failing("RegOpenKeyExW", 2)}},
+        {u"-r", 5, "fast", "! lanmanServerReplaceGuid", "selected ", {failing("RegSetValueExW", 5)}},
+        {u"-r", 14, "fast", "! lanmanServerReplaceGuid", "selected ", {failing("UuidCreate", 14, 1)}},
         {u"-f", 0, "fast, c:, done", "CreateFileW(c:) 32", fast, {unopened}},
-        {u"-fq", 0, "", "FlushFileBuffers(c:) 1117", fast + "volume c:", {late("FlushFileBuffers", 1117)}},
+        {u"-fq", 0, "", "FlushFileBuffers(c:) 1117", fast + "volume c:", {failing("FlushFileBuffers", 1117)}},
         /* restart */
         {u"-fsb", 0, "fast, c:, done", "", "guid c"},
         {u"-frb", 0, "fast, c:, done", "", most + ", reboot"},
         {u"-fqr", 0, "", "", most + ", power off"},
-        {u"-fqr", 1359, "", "OpenProcessToken() 1359", most, {late("OpenProcessToken", silently, 4)}},
+        {u"-fqr", 1359, "", "OpenProcessToken() 1359", most, {failing("OpenProcessToken", silently, 4)}},
         {u"-fqr", 1313, "", "LookupPrivilegeValue() 1313", most, {notHeld("SeShutdownPrivilege")}},
-        {u"-fqr", 6, "", "AdjustTokenPrivileges() 6", most, {late("AdjustTokenPrivileges", 6, 4)}},
+        {u"-fqr", 6, "", "AdjustTokenPrivileges() 6", most, {failing("AdjustTokenPrivileges", 6, 4)}},
         {u"-fqr", 0, "", "InitiateSystemShutdown() 1314", most + ", sleep 5000, shutdown 2", {restartRefused}},
         {u"-fqb", STATUS_PRIVILEGE_NOT_HELD, "", "InitiateSystemShutdown() 1314, ZwShutdownSystem() C0000061",
-         most + ", sleep 5000", {restartRefused, late("ZwShutdownSystem", STATUS_PRIVILEGE_NOT_HELD)}},
+         most + ", sleep 5000", {restartRefused, failing("ZwShutdownSystem", STATUS_PRIVILEGE_NOT_HELD)}},
     };
     // clang-format on
     for (const auto& row : rows) {
@@ -229,7 +238,7 @@ TEST_F(Run, Drives) {
     const Outcome outcome = run(u"-fr");
     EXPECT_EQ(outcome.status, 1359);
     EXPECT_EQ(outcome.out, "fast, a:, c:, e:, z:");
-    EXPECT_EQ(outcome.err, "walk(c:) 1359, walk(e:) 8");
+    EXPECT_EQ(outcome.err, "! walkImpl, walk(c:) 1359, ! ombraRealloc, walk(e:) 8");
     EXPECT_NE(outcome.done.find("volume e:, flush, read 512 z:, volume z:, flush, power off"),
               std::string::npos);
 }
