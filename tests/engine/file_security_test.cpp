@@ -37,41 +37,43 @@ const Legend legend = {
     {"INFO sidReplaceInFileSD: Found old SID in file SD (simulation mode)", "found"},
     {"ERROR sidReplaceInFileSD: Failed to replace old SID in file SD", "! limit"},
     {"ERROR sidReplaceInFileSD: ", "! "}, {"ERROR sidReplaceInSDInternal: ", "! "}, {" returned", ""},
-    {" for,", ","}, {"write", "w"}, {"read ", "r"}};
+    {" for,", ","}, {"GetFileSecurity", "reading"}, {"SetFileSecurity", "writing"},
+    {"SetNamedSecurityInfo", "setting"}, {"GetSecurityDescriptorDacl", "list"}, {"OpenProcessToken", "token"},
+    {"GetTokenInformation", "asking"}, {"write", "w"}, {"read ", "r"}};
 // clang-format on
 
 TEST_F(FileSecurity, EveryRoadThroughReadingAndWriting) {
     // clang-format off
     const struct {
-        ByteVector stored; std::vector<Fault> refused; std::string expected;
+        ByteVector stored; std::vector<Fault> refused = {}; std::string expected;
         int simulate = 0; DWORD reported = 0; bool keepsOld = false; int allocations = -1;
     } rows[] = {
         {clean, {}, "r512, 0"},
         {listed, {}, "r512, w, done, r512, 0"},
         {both, {}, "r512, w, done, r512, w, done, r512, 0"},
-        {.stored = owned, .refused = {}, .expected = "r512, w, done, r512, w, done, r512, ! limit, 1359", .keepsOld = true},
+        {.stored = owned, .expected = "r512, w, done, r512, w, done, r512, ! limit, 1359", .keepsOld = true},
         {both, {}, "r512, found, 0", 1},
-        {owned, {reading(2)}, "! GetFileSecurity 2, 2"},
-        {owned, {reading(silently)}, "! GetFileSecurity 1359, 1359"},
-        {both, {writing(19, 1)}, "r512, w, done, r512, ! SetFileSecurity 19, 19"},
-        {owned, {token("GetSecurityDescriptorDacl", silently)}, "r512, ! GetSecurityDescriptorDacl 1359, 1359"},
+        {owned, {reading(2)}, "! reading 2, 2"},
+        {owned, {reading(silently)}, "! reading 1359, 1359"},
+        {both, {writing(19, 1)}, "r512, w, done, r512, ! writing 19, 19"},
+        {owned, {token("GetSecurityDescriptorDacl", silently)}, "r512, ! list 1359, 1359"},
         /* growth */
         {large, {}, "r512, r820, 0"},
-        {owned, {}, "r512, ! GetFileSecurity 122, 122", 0, 512},
-        {owned, {}, "r512, ! GetFileSecurity 122, 122", 0, 0xFFFFFF80},
-        {.stored = large, .refused = {}, .expected = "r512, no memory, 8", .allocations = 0},
+        {owned, {}, "r512, ! reading 122, 122", 0, 512},
+        {owned, {}, "r512, ! reading 122, 122", 0, 0xFFFFFF80},
+        {.stored = large, .expected = "r512, no memory, 8", .allocations = 0},
         /* refused reads */
         {owned, {reading(5)}, "seize, lost, r512, w, done, r512, 0"},
-        {owned, {reading(5), reading(32)}, "seize, lost, ! GetFileSecurity 32, 32"},
-        {owned, {reading(5), seizing(1307, 1)}, "take, owner, ! SetNamedSecurityInfo 1307, ! GetFileSecurity 5, 5"},
-        {clean, {reading(5), seizing(1307)}, "take, ! SetNamedSecurityInfo 1307, list, lost, r512, 0"},
-        {owned, {reading(5)}, "! GetFileSecurity 5, 5", 1},
-        {owned, {reading(5), token("OpenProcessToken", silently)}, "! OpenProcessToken 1359, ! GetFileSecurity 5, 5"},
-        {owned, {reading(5), token("GetTokenInformation", 998)}, "! GetTokenInformation 998, ! GetFileSecurity 5, 5"},
+        {owned, {reading(5), reading(32)}, "seize, lost, ! reading 32, 32"},
+        {owned, {reading(5), seizing(1307, 1)}, "take, owner, ! setting 1307, ! reading 5, 5"},
+        {clean, {reading(5), seizing(1307)}, "take, ! setting 1307, list, lost, r512, 0"},
+        {owned, {reading(5)}, "! reading 5, 5", 1},
+        {owned, {reading(5), token("OpenProcessToken", silently)}, "! token 1359, ! reading 5, 5"},
+        {owned, {reading(5), token("GetTokenInformation", 998)}, "! asking 998, ! reading 5, 5"},
         /* refused writes */
         {owned, {writing(5)}, "r512, seize, w, done, r512, 0"},
-        {owned, {writing(5), writing(112)}, "r512, seize, ! SetFileSecurity 112, 112"},
-        {owned, {writing(5), seizing(1307, 1)}, "r512, take, owner, ! SetNamedSecurityInfo 1307, ! SetFileSecurity 5, 5"},
+        {owned, {writing(5), writing(112)}, "r512, seize, ! writing 112, 112"},
+        {owned, {writing(5), seizing(1307, 1)}, "r512, take, owner, ! setting 1307, ! writing 5, 5"},
         {both, {writing(5), reading(5, 1), writing(5, 1)},
          "r512, seize, w, done, seize, lost, r512, seize, w, done, r512, 0"},
     };

@@ -11,11 +11,14 @@ struct PathWalk : SmallSystem {
         drives.answerCalls();
     }
     std::string walk(const std::u16string& path, uint32_t flags = SID_RECURSIVE | SID_REPLACE_SD) {
-        // clang-format off
-        return outcome({{"\\\\?\\c:", ""}, {"read 512 ", ""}, {"Win API call ", ""}, {" returned", ""}, {"ERROR sidReplaceInPath", "! "}}, [&] {
+        const Legend legend = {{"\\\\?\\c:", ""},
+                               {"read 512 ", ""},
+                               {"Win API call ", ""},
+                               {" returned", ""},
+                               {"ERROR sidReplaceInPath", "! "}};
+        return outcome(legend, [&] {
             return sidReplaceInPath(path.c_str(), flags, oldSid.data(), 24, newSid.data(), 24);
         });
-        // clang-format on
     }
 };
 

@@ -45,14 +45,18 @@ TEST_F(SidValues, MachineSidFromTheAccountValue) {
         {.what = "first number", .value = account(72, 0, "S-1-5-277-100-200-300"), .expected = machine},
         {.what = "no value", .value = {}, .expected = "! RegQueryValueEx 2 for Domains\\Account\\V, 2",
          .faults = {{"RegQueryValueExW", "", 2}}},
-        {.what = "read fails", .value = account(72, 0), .expected = "! RegQueryValueEx 234 for Domains\\Account\\V, 234",
+        {.what = "read fails", .value = account(72, 0),
+         .expected = "! RegQueryValueEx 234 for Domains\\Account\\V, 234",
          .faults = {{"RegQueryValueExW", "", 234, 1}}},
         {.what = "no key", .value = account(72, 0),
-         .expected = "ERROR _doOpenCreateKey: Native API call ZwOpenKey 0XC0000034 for Domains\\Account, access=0x1, 2",
+         .expected = "! ZwOpenKey 0XC0000034 for Domains\\Account, access=0x1, 2",
          .faults = {{"ZwOpenKey", "Account", STATUS_OBJECT_NAME_NOT_FOUND}}},
     };
     // clang-format on
-    const Legend legend = {{"ERROR sidGetMachineSID: ", "! "}, {"Win API call ", ""}, {" returned", ""}};
+    const Legend legend = {{"ERROR sidGetMachineSID: ", "! "},
+                           {"ERROR _doOpenCreateKey: Native API call ", "! "},
+                           {"Win API call ", ""},
+                           {" returned", ""}};
     grow("Domains Domains\\Account");
     const HANDLE sam = at("");
     ByteVector found(24);

@@ -61,8 +61,9 @@ struct Scan : PrivilegedSystem {
     std::string run(uint32_t flags = 0, uint64_t scope = 0) {
         // clang-format off
         const Legend legend = {
-            {", ", " "}, {"ERROR _regScanImpl: ", "! "}, {"WARN _regScanImpl: ", "? "}, {"Native API call ", ""},
-            {"callback ", ""}, {"returned unexpected code", "code"}, {"subscope is not cleaned", "dirty"},
+            {", ", " "}, {"ERROR _regScanImpl: ", "! "}, {"WARN _regScanImpl: ", "? "},
+            {"Native API call ", ""}, {"callback ", ""}, {"returned unexpected code", "code"},
+            {"subscope is not cleaned", "dirty"},
             {"DEBUG _doOpenCreateKey: ZwOpenKey returned 0XC0000022 for a access=0x2000f", "refused"},
             {"INFO _regOpenCreateKey: Taking ownership of a", "taken"},
             {"DEBUG _regOpenCreateKey: Finally open a access=0x2000f", "open"}, {"refused taken open", "T"},

@@ -143,7 +143,7 @@ TEST_F(Values, ManyStrings) {
     }
     set("k", "v", REG_MULTI_SZ, before);
     allocationsLeft = 6;  // for the record, the string that is rewritten and the whole value
-    EXPECT_EQ(run(), "v, 0");
+    EXPECT_EQ(run(SID_REPLACE_VALUES | SID_EXACT), "v, 0");
     allocationsLeft = -1;
     EXPECT_TRUE(get("k", "v") == after);
 }

@@ -63,6 +63,8 @@ TEST_F(AccessTest, CheckedModeEnforcesDescriptors) {
     EXPECT_EQ(tryOpen(full(u"locked")), STATUS_ACCESS_DENIED);
     EXPECT_EQ(tryOpen(full(u"locked\\below")), STATUS_ACCESS_DENIED);
     EXPECT_EQ(tryOpen(full(u"locked\\none")), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(tryOpen(full(u"narrow"), {.access = KEY_QUERY_VALUE | 0x100}),
+              STATUS_SUCCESS); /* one of two views */
     EXPECT_EQ(createKey(key, full(u"locked\\new"), {}), STATUS_ACCESS_DENIED);
     EXPECT_EQ(createKey(key, full(u"narrow\\link"), {.options = REG_OPTION_CREATE_LINK}),
               STATUS_ACCESS_DENIED);

@@ -54,6 +54,7 @@ TEST_F(PathTest, Win32PathsStartAtPredefinedAndOpenKeys) {
         EXPECT_EQ(nameOf(key), name);
         EXPECT_EQ(RegCloseKey(key), code == ERROR_SUCCESS ? ERROR_SUCCESS : ERROR_INVALID_HANDLE);
     }
+    EXPECT_EQ(RegCloseKey(HKEY_LOCAL_MACHINE), ERROR_SUCCESS);
 }
 
 TEST_F(PathTest, CreateMakesOrOpens) {
@@ -97,6 +98,11 @@ TEST_F(LinkTest, LinksAreFollowedAtEveryComponent) {
     makeLink(u"relative", u"Machine\\TEST\\real");
     makeLink(u"outside", u"\\Device\\real");
     create(u"valueless", {.options = REG_OPTION_CREATE_LINK});
+    create(u"odd", {.options = REG_OPTION_CREATE_LINK});
+    Cell odd = noCell;
+    ASSERT_EQ(hiveFindSubkey(*hive, hiveRoot(*hive), u"odd", odd), STATUS_SUCCESS);
+    ASSERT_EQ(hiveSetValue(*hive, odd, u"SymbolicLinkValue", REG_SZ, bytesOf(full(u"real")), 0),
+              STATUS_SUCCESS);
     HANDLE link = open(u"toReal", {.attributes = OBJ_OPENLINK});
     const std::vector<std::tuple<HANDLE, std::u16string, ULONG, NTSTATUS, const char*>> rows = {
         {nullptr, full(u"toReal"), 0, STATUS_SUCCESS, "real"},
@@ -108,6 +114,7 @@ TEST_F(LinkTest, LinksAreFollowedAtEveryComponent) {
         {nullptr, full(u"relative"), 0, STATUS_OBJECT_NAME_NOT_FOUND, "?"},
         {nullptr, full(u"outside\\child"), 0, STATUS_OBJECT_NAME_NOT_FOUND, "?"},
         {nullptr, full(u"valueless"), 0, STATUS_OBJECT_NAME_NOT_FOUND, "?"},
+        {nullptr, full(u"odd"), 0, STATUS_OBJECT_NAME_NOT_FOUND, "?"},
         {link, u"child", OBJ_OPENLINK, STATUS_SUCCESS, "child"},
         {link, u"", OBJ_OPENLINK, STATUS_SUCCESS, "toReal"},
         {link, u"", 0, STATUS_SUCCESS, "real"},

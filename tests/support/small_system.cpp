@@ -179,13 +179,14 @@ void SmallSystem::set(std::string_view path, std::string_view name, ULONG type, 
 }
 
 ByteVector SmallSystem::get(std::string_view path, std::string_view name, ULONG* type) {
-    ByteVector data(1 << 21);
-    DWORD kind = 0, size = 1 << 21;
+    const std::u16string valueName = wide(name);
     const HANDLE key = at(path);
-    EXPECT_EQ(RegQueryValueExW(asHkey(key), wide(name).c_str(), nullptr, &kind, data.data(), &size), 0)
+    DWORD kind = 0, size = 0;
+    RegQueryValueExW(asHkey(key), valueName.c_str(), nullptr, nullptr, nullptr, &size);
+    ByteVector data(size);
+    EXPECT_EQ(RegQueryValueExW(asHkey(key), valueName.c_str(), nullptr, &kind, data.data(), &size), 0)
         << path;
     ZwClose(key);
-    data.resize(size);
     if (type != nullptr) *type = kind;
     return data;
 }

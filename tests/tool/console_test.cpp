@@ -54,26 +54,6 @@ TEST(Text, CountedStringsWithHalvesOfPairs) {
     }
 }
 
-TEST(LogSink, LevelsPassFromTheirVerbosityOn) {
-    const struct {
-        int level, gate; /* the lowest verbosity that lets it pass */
-        const char* word;
-    } rows[] = {
-        {1, -9, "CRITICAL"}, {2, -9, "ALERT   "}, {3, -9, "ERROR   "}, {4, 0, "WARN    "},
-        {5, 1, "NOTICE  "},  {6, 1, "INFO    "},  {7, 2, "DEBUG   "},  {8, 2, "TRACE   "},
-        {9, -9, "UNKNOWN "}, {0, -9, "UNKNOWN "},
-    };
-    for (const auto& row : rows) {
-        for (verbosity = -2; verbosity <= 3; verbosity++) {
-            testing::internal::CaptureStderr();
-            logToConsole("common/memory", "ombraMalloc", 17, row.level, 0, "%d of %ws", 5, u"x");
-            const std::string line = std::string(row.word) + " [common/memory:17] ombraMalloc 5 of x\n";
-            EXPECT_EQ(testing::internal::GetCapturedStderr(), verbosity >= row.gate ? line : "") << verbosity;
-        }
-    }
-    verbosity = 0;
-}
-
 /* Each write to this stream is a packet of its own. */
 TEST(LogSink, ALineIsOneWriteAndNoWriteEndsWithinACharacter) {
     std::array<int, 2> ends = {};

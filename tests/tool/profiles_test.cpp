@@ -27,7 +27,8 @@ struct Sweep : PrivilegedSystem {
         const std::string out = testing::internal::GetCapturedStdout();
         const std::string err = testing::internal::GetCapturedStderr();
         // clang-format off
-        return shortened({{"updating SIDs in ", "in "}, {" ...\n", " "}, {" failed with code", ""}, {"\n", " "},
+        return shortened({{"updating SIDs in ", "in "}, {" ...\n", " "}, {" failed with code", ""},
+                          {"\n", " "},
                           {"loaded profile hive ", "loaded "}, {"\\ntuser.dat", "/n"},
                           {"Software\\Microsoft\\Windows NT\\CurrentVersion\\ProfileList", "LIST"}},
                          {out + "|" + err + "|" + std::to_string(result)});
@@ -133,7 +134,8 @@ TEST_F(Profiles, Each) {
         {u"C:\\no" + nul, REG_SZ, "|RegLoadKey(User.P, C:\\no/n) 2 |0", u"C:\\no\\ntuser.dat", missing},
         {u"C:\\p" + nul, REG_SZ, "||0", file, STATUS_SHARING_VIOLATION},
         {most + nul, REG_SZ, "loaded User.P <- " + toUtf8(most) + "/n in User.P ||0", most + u"\\ntuser.dat"},
-        {cut + nul, REG_SZ, "|RegLoadKey(User.P, " + toUtf8(cut) + "\\ntuser.da) 2 |0", cut + u"\\ntuser.da", missing},
+        {cut + nul, REG_SZ, "|RegLoadKey(User.P, " + toUtf8(cut) + "\\ntuser.da) 2 |0",
+         cut + u"\\ntuser.da", missing},
         {room, REG_SZ, "|RegLoadKey(User.P, " + toUtf8(room) + ") 2 |0", room, missing},
         {room + nul, REG_SZ, "|RegQueryValueEx(LIST\\P) 234 |0", u""},
         {u"C:\\p", REG_BINARY, "|Unexpected type of image path (3) for P |0", u""},

@@ -112,13 +112,17 @@ struct Run : SmallSystem {
         testing::internal::CaptureStderr();
         const int status = wmain(option.empty() ? 1 : 2, argv, nullptr);
         // clang-format off
-        const Legend out = {{"S-1-5-21-100-200-300 -> " + sidToText(randomSid), "SIDs"}, {"scanning selected registry paths ...", "selected"},
-                            {"changing lanman server GUID ...", "guid"}, {"updating SIDs in ", ""}, {"scanning ", ""}, {" ...", ""},
-                            {"HKEY_LOCAL_MACHINE\\", "HKLM/"}, {"HKEY_USERS\\S-1-5-19", "users"}, {"SIDs, selected, guid", "fast"},
-                            {"HKLM/SAM, HKLM/SECURITY, HKLM/SOFTWARE, HKLM/SYSTEM, HKLM/TEST, users, loaded profile hive User.P <- C:\\p\\ntuser.dat, User.P", "rest"},
-                            {"completed successfully", "done"}};
+        const Legend out = {
+            {oldText + " -> " + sidToText(randomSid), "SIDs"}, {" ...", ""}, {"updating SIDs in ", ""},
+            {"scanning selected registry paths", "selected"}, {"changing lanman server GUID", "guid"},
+            {"scanning ", ""}, {"SIDs, selected, guid", "fast"},
+            {"HKEY_LOCAL_MACHINE\\", "HKLM/"}, {"HKEY_USERS\\S-1-5-19", "users"},
+            {"HKLM/SAM, HKLM/SECURITY, HKLM/SOFTWARE, HKLM/SYSTEM, HKLM/TEST, users", "hives"},
+            {"hives, loaded profile hive User.P <- C:\\p\\ntuser.dat, User.P", "rest"},
+            {"completed successfully", "done"}};
         const Legend err = {{" failed with code", ""}, {"\\\\?\\", ""}, {"sidReplaceInPath", "walk"}};
-        const Legend road = {{"\\\\?\\", ""}, {"read 512 c:, ", ""}, {"read 512 c:", ""}, {"write c:, ", ""}, {"attributes C:\\p, ", ""}, {"volume c:, flush", "c"}};
+        const Legend road = {{"\\\\?\\", ""}, {"read 512 c:, ", ""}, {"read 512 c:", ""}, {"write c:, ", ""},
+                             {"attributes C:\\p, ", ""}, {"volume c:, flush", "c"}};
         // clang-format on
         Outcome outcome = {status, shortened(out, lines(testing::internal::GetCapturedStdout())),
                            shortened(err, lines(testing::internal::GetCapturedStderr())), ""};
@@ -159,6 +163,7 @@ TEST_F(Run, EveryWayARunCanEnd) {
     const std::string fast = "selected guid c: ", all = "selected guid machine users profile c: c",
                       most = fast + "c";
     const std::string texts = "ConvertSidToStringSid() ";
+    constexpr NTSTATUS missing = STATUS_OBJECT_NAME_NOT_FOUND;
     // clang-format off
     const struct {
         std::u16string options; int status; std::string out, err, done;
@@ -174,13 +179,14 @@ TEST_F(Run, EveryWayARunCanEnd) {
         {u"", -1, "", "! ombraModifyPrivilege", "", {failing("OpenProcessToken", silently)}},
         {u"", -1, "", "! ombraModifyPrivilege", "", {notHeld("SeBackupPrivilege")}},
         {u"-b", -1, "", "! ombraModifyPrivilege", "", {notHeld("SeShutdownPrivilege")}},
-        {u"", 2, "", "! _doOpenCreateKey", "", {{"ZwOpenKey", "SAM", STATUS_OBJECT_NAME_NOT_FOUND}}},
+        {u"", 2, "", "! _doOpenCreateKey", "", {{"ZwOpenKey", "SAM", missing}}},
         {u"", 2, "", "! sidGetMachineSID", "", {failing("RegQueryValueExW", 2)}},
         {u"", 14, "", "! sidCreateRandom", "", {failing("UuidCreate", 14)}},
         {u"-q", 1337, "", texts + "1337", "", {failing("ConvertSidToStringSidA", 1337)}},
         {u"", 1359, "", texts + "1359", "", {failing("ConvertSidToStringSidA", silently, 1)}},
-        {u"-f", 2, "SIDs, selected", "! _doOpenCreateKey", "", {{"ZwOpenKey", "Policy", STATUS_OBJECT_NAME_NOT_FOUND}}},
-        {u"-f", 0, "fast, c:, done", "! regReplaceSIDInValues", "guid c: c", {{"ZwSetValueKey", "Policy", STATUS_ACCESS_DENIED}}},
+        {u"-f", 2, "SIDs, selected", "! _doOpenCreateKey", "", {{"ZwOpenKey", "Policy", missing}}},
+        {u"-f", 0, "fast, c:, done", "! regReplaceSIDInValues", "guid c: c",
+         {{"ZwSetValueKey", "Policy", STATUS_ACCESS_DENIED}}},
         {u"-r", 2, "fast", "! lanmanServerReplaceGuid", "selected ", {failing("RegOpenKeyExW", 2)}},
         {u"-r", 5, "fast", "! lanmanServerReplaceGuid", "selected ", {failing("RegSetValueExW", 5)}},
         {u"-r", 14, "fast", "! lanmanServerReplaceGuid", "selected ", {failing("UuidCreate", 14, 1)}},
@@ -193,7 +199,8 @@ TEST_F(Run, EveryWayARunCanEnd) {
         {u"-fqr", 1359, "", "OpenProcessToken() 1359", most, {failing("OpenProcessToken", silently, 4)}},
         {u"-fqr", 1313, "", "LookupPrivilegeValue() 1313", most, {notHeld("SeShutdownPrivilege")}},
         {u"-fqr", 6, "", "AdjustTokenPrivileges() 6", most, {failing("AdjustTokenPrivileges", 6, 4)}},
-        {u"-fqr", 0, "", "InitiateSystemShutdown() 1314", most + ", sleep 5000, shutdown 2", {restartRefused}},
+        {u"-fqr", 0, "", "InitiateSystemShutdown() 1314", most + ", sleep 5000, shutdown 2",
+         {restartRefused}},
         {u"-fqb", STATUS_PRIVILEGE_NOT_HELD, "", "InitiateSystemShutdown() 1314, ZwShutdownSystem() C0000061",
          most + ", sleep 5000", {restartRefused, failing("ZwShutdownSystem", STATUS_PRIVILEGE_NOT_HELD)}},
     };
@@ -252,6 +259,7 @@ TEST_F(Run, OptionsInSeveralArguments) {
     testing::internal::GetCapturedStdout();
     const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_NE(log.find("INFO     [sidchng/reg:"), log.npos) << log;
+    EXPECT_EQ(log.find("DEBUG"), log.npos);
     beginWatching();
     EXPECT_EQ(done(), "guid ");
 }
