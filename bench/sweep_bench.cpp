@@ -17,7 +17,7 @@
 
 namespace {
 
-const offline::Session session;
+offline::Session session;
 
 const uint8_t oldSid[SID_MACHINE_SIZE] = {1, 4, 0, 0, 0, 0, 0, 5, 21, 0, 0, 0,
                                           1, 1, 1, 1, 2, 2, 2, 2, 3,  3, 3, 3};

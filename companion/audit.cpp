@@ -4,12 +4,12 @@
 #include <cstdio>
 #include <optional>
 
+#include "companion/audit_words.h"
 #include "companion/commands.h"
 #include "companion/failure.h"
 #include "companion/formatting.h"
 #include "companion/json.h"
 #include "companion/machine.h"
-#include "platform/offline/base/unicode.h"
 #include "platform/offline/descriptor/sid_format.h"
 
 namespace companion {
@@ -17,49 +17,10 @@ namespace {
 
 constexpr int exitFound = 1;
 
-struct Words {
-    const char* label; /* for a person */
-    const char* name;  /* in JSON */
-    const char* one;   /* of one finding */
-};
-constexpr std::array<Words, kindCount> kinds = {{
-    {"files", "files", "file"},
-    {"key descriptors", "keyDescriptors", "key descriptor"},
-    {"key names", "keyNames", "key name"},
-    {"values", "values", "value"},
-}};
-constexpr std::array<Words, leftCount> reasons = {{
-    {"entries of other types (object, callback)", "otherEntries", "entry of another type"},
-    {"key names outside the table", "keyNamesOutside", "outside the table"},
-    {"values outside the table", "valuesOutside", "outside the table"},
-    {"other value types", "otherValueTypes", "another type"},
-    {"text inside other text (a terminator counts)", "insideText", "inside other text"},
-    {"names of values", "valueNames", "name of a value"},
-}};
-
-const Words& wordsOf(Kind kind) {
-    return kinds[static_cast<size_t>(kind)];
-}
-
-const Words& wordsOf(Left left) {
-    return reasons[static_cast<size_t>(left)];
-}
-
-uint64_t sum(const std::array<uint64_t, kindCount>& counts) {
-    uint64_t all = 0;
-    for (const uint64_t count : counts) all += count;
-    return all;
-}
-
 /* ---- For a person ---- */
 
 void printFinding(const Finding& finding) {
-    std::string text = finding.left ? "left     " : "treated  ";
-    text += wordsOf(finding.kind).one;
-    text += ", " + offline::printable(finding.path);
-    if (finding.kind == Kind::value) text += ", \"" + offline::printable(finding.value) + "\"";
-    if (finding.left) text += std::string(" (") + wordsOf(*finding.left).one + ")";
-    printf("%s\n", text.c_str());
+    printf("%s\n", findingLine(finding, "treated", "left   ").c_str());
 }
 
 std::string conclusion(const Audit& audit, const std::string& sid) {
@@ -72,16 +33,7 @@ std::string conclusion(const Audit& audit, const std::string& sid) {
 }
 
 void print(const Audit& audit, const std::string& sid) {
-    printf("%-18s%10s%13s\n", "", "treated", "left alone");
-    for (size_t i = 0; i < kindCount; i++) {
-        printf("%-18s%10llu%13llu\n", kinds[i].label, static_cast<unsigned long long>(audit.treated[i]),
-               static_cast<unsigned long long>(audit.left[i]));
-    }
-    if (sum(audit.left) != 0) printf("\nleft alone\n");
-    for (size_t i = 0; i < leftCount; i++) {
-        if (audit.reasons[i] == 0) continue;
-        printf("  %-45s%7llu\n", reasons[i].label, static_cast<unsigned long long>(audit.reasons[i]));
-    }
+    printCounts(audit, "treated", "left alone");
     printf("\n%s\n", conclusion(audit, sid).c_str());
 }
 
@@ -101,13 +53,13 @@ void write(JsonWriter& json, const Audit& audit) {
     json.put("treated", sum(audit.treated));
     json.put("leftAlone", sum(audit.left));
     for (size_t i = 0; i < kindCount; i++) {
-        json.open(kinds[i].name, '{');
+        json.open(wordsOf(static_cast<Kind>(i)).name, '{');
         json.put("treated", audit.treated[i]);
         json.put("leftAlone", audit.left[i]);
         json.close('}');
     }
     json.open("reasons", '{');
-    for (size_t i = 0; i < leftCount; i++) json.put(reasons[i].name, audit.reasons[i]);
+    for (size_t i = 0; i < leftCount; i++) json.put(wordsOf(static_cast<Left>(i)).name, audit.reasons[i]);
     json.close('}');
     json.open("problems", '[');
     for (const std::string& problem : audit.problems) json.item(problem);
@@ -133,7 +85,7 @@ void takeSid(AuditOptions& options) {
     if (!options.sid.empty() && !isMachineSid(offline::sidFromText(options.sid))) refuseSid(options.sid);
 }
 
-int finish(const std::vector<std::string>& problems, bool found) {
+int finish(const Problems& problems, bool found) {
     fflush(stdout);
     for (const std::string& problem : problems) say(problem);
     if (!problems.empty()) return exitFailed;
@@ -144,14 +96,18 @@ int finish(const std::vector<std::string>& problems, bool found) {
 
 int audit(AuditOptions options) {
     takeSid(options);
-    const Sight sight = look(options.images);
-    const std::string sid = options.sid.empty() ? sight.machineSid : options.sid;
+    Opened opened;
+    Problems problems;
+    openDisks(options.images, opened, problems);
+    readInstallation(opened, problems);
+    const std::string sid = options.sid.empty() ? opened.machineSid : options.sid;
     if (sid.empty()) {
+        noteUnread(opened, problems);
         if (options.json) printf("{\"sid\":null}\n");
-        return finish(sight.problems, false);
+        return finish(problems, false);
     }
     Audit audit{wantedSid(offline::sidFromText(sid)), {}};
-    audit.problems = sight.problems;
+    audit.problems = std::move(problems);
     JsonWriter json;
     json.open('{');
     json.put("sid", sid);
@@ -161,7 +117,7 @@ int audit(AuditOptions options) {
     } else if (options.all) {
         audit.found = printFinding;
     }
-    auditInstallation(sight, audit);
+    auditInstallation(opened, audit);
     if (options.json) {
         if (options.all) json.close(']');
         write(json, audit);

@@ -6,10 +6,9 @@
 #include <cstdint>
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "companion/audit_match.h"
-#include "companion/survey.h"
+#include "companion/opened.h"
 
 namespace companion {
 
@@ -31,11 +30,11 @@ struct Audit {
     std::function<void(const Finding&)> found; /* called with each; may be empty */
     std::array<uint64_t, kindCount> treated = {}, left = {};
     std::array<uint64_t, leftCount> reasons = {};
-    std::vector<std::string> problems = {}; /* a line for each thing that could not be looked at */
+    Problems problems = {};
 };
 
-/* Looks at every volume and every hive of what look() has seen that could be opened then. */
-void auditInstallation(const Sight& sight, Audit& audit);
+/* Looks at every volume and every hive of an installation that was read, as they are now. */
+void auditInstallation(const Opened& opened, Audit& audit);
 
 } /* namespace companion */
 

@@ -7,9 +7,6 @@
 #include "companion/audit.h"
 #include "companion/formatting.h"
 #include "platform/offline/base/unicode.h"
-#include "platform/offline/files/drives.h"
-#include "platform/offline/system/hive_files.h"
-#include "platform/offline/system/installation.h"
 
 namespace companion {
 namespace {
@@ -22,6 +19,7 @@ constexpr size_t mostRemembered = 1 << 16; /* descriptors; an installation has s
 struct Walk {
     Audit& audit;
     std::unordered_map<std::string, std::optional<Match>> descriptors = {};
+    std::set<decltype(OpenedHive::file)> hives = {}; /* that were walked */
 
     /* path builds the finding's path, which takes time, only when somebody wants it. */
     template <typename MakePath>
@@ -230,69 +228,18 @@ struct HiveWalk {
 
 /* ---- The installation ---- */
 
-/* The volumes of a Sight; their letters are the process's, so they are given back. */
-struct Opened {
-    offline::Installation installation = {};
-
-    Opened() = default;
-    ~Opened() { offline::drivesReset(); }
-    Opened(const Opened&) = delete;
-    Opened& operator=(const Opened&) = delete;
-};
-
-void openVolume(const VolumeSeen& seen, const Sight& sight, Opened& opened, Audit& audit,
-                const std::vector<offline::Partition>& partitions) {
-    offline::Disk& disk = *opened.installation.disks.back();
-    const auto same = [&](const offline::Partition& one) { return one.start == seen.start; };
-    const auto partition = std::find_if(partitions.begin(), partitions.end(), same);
-    if (partition == partitions.end()) return;
-    offline::Problem problem;
-    offline::InstallationVolume entry{&disk, *partition, nullptr, seen.letter};
-    if (offline::volumeOpen(disk, *partition, entry.volume, problem) < 0) {
-        audit.problems.push_back(problem.text);
-        return;
-    }
-    /* without a SYSTEM hive to say it, the only volume is the one that Windows is on */
-    if (entry.letter == 0 && sight.volumes.size() == 1 && !sight.windows.empty()) {
-        entry.letter = sight.windows.front();
-    }
-    if (entry.letter != 0) offline::driveSet(entry.letter, *entry.volume);
-    opened.installation.volumes.push_back(std::move(entry));
+/* By its letter; the volume of a Windows that does not say has one all the same. */
+std::string volumeName(const Opened& opened, size_t index) {
+    const offline::InstallationVolume& entry = opened.installation.volumes[index];
+    char letter = entry.letter;
+    if (letter == 0 && index == opened.installation.systemVolume) letter = opened.letter;
+    return letter != 0 ? std::string{letter, ':'} : offline::diskPath(*entry.disk) + ": ";
 }
 
-void openDisk(const DiskSeen& seen, const Sight& sight, Opened& opened, Audit& audit) {
-    offline::Problem problem;
-    offline::DiskPtr disk;
-    std::vector<offline::Partition> partitions;
-    NTSTATUS status = offline::diskOpen(seen.path, offline::DiskAccess::readOnly, disk, problem);
-    if (status >= 0) status = offline::diskPartitions(*disk, partitions, problem);
-    if (status < 0) {
-        audit.problems.push_back(problem.text);
-        return;
-    }
-    opened.installation.disks.push_back(std::move(disk));
-    for (const VolumeSeen& volume : sight.volumes) {
-        if (volume.disk == seen.path && volume.opened) openVolume(volume, sight, opened, audit, partitions);
-    }
-}
-
-/* Two profiles can name one hive; seen has the files that were looked at. */
-void auditHive(const HiveSeen& seen, const std::vector<Tree>& trees, Walk& walk,
-               std::set<std::pair<const offline::Volume*, FileRef>>& files) {
-    const std::u16string path = offline::toUtf16(seen.path);
-    offline::Volume* volume = nullptr;
-    FileRef file;
-    const NTSTATUS status = offline::driveFind(path, volume, file);
-    if (status < 0) return walk.problem(seen.path, "can't be reached (" + statusText(status) + ")");
-    if (!files.insert({volume, file}).second) return;
-    offline::HivePtr hive;
-    std::unique_ptr<offline::HiveStore> store;
-    offline::Problem problem;
-    if (offline::driveReadHive(path, hive, store, problem) < 0) {
-        walk.audit.problems.push_back(problem.text);
-        return;
-    }
-    HiveWalk hiveWalk{walk, *hive, seen.path, {}};
+void auditHive(const OpenedHive& opened, const std::vector<Tree>& trees, Walk& walk) {
+    if (!opened.hive || !walk.hives.insert(opened.file).second) return;
+    HiveWalk hiveWalk{walk, *opened.hive, opened.seen.path, {}};
+    const std::u16string path = offline::toUtf16(opened.seen.path);
     const std::u16string name = path.substr(path.rfind(u'\\') + 1);
     for (const Tree& tree : trees) {
         if (offline::equalFolded(tree.hive, name)) hiveWalk.trees.push_back(&tree);
@@ -302,22 +249,15 @@ void auditHive(const HiveSeen& seen, const std::vector<Tree>& trees, Walk& walk,
 
 } /* namespace */
 
-void auditInstallation(const Sight& sight, Audit& audit) {
-    Opened opened;
-    for (const DiskSeen& disk : sight.disks) openDisk(disk, sight, opened, audit);
+void auditInstallation(const Opened& opened, Audit& audit) {
     Walk walk{audit};
-    for (const offline::InstallationVolume& entry : opened.installation.volumes) {
-        const std::string name =
-            entry.letter != 0 ? std::string{entry.letter, ':'} : offline::diskPath(*entry.disk) + ": ";
-        VolumeWalk{walk, *entry.volume, name}.run();
-    }
-    const std::vector<Tree> trees = treesOf(sight.controlSet);
-    std::set<std::pair<const offline::Volume*, FileRef>> files;
-    for (const HiveSeen& hive : sight.hives) {
-        const bool readable = hive.state == HiveState::clean || hive.state == HiveState::logged;
-        if (readable) auditHive(hive, trees, walk, files);
-    }
-    noteUnread(opened.installation, audit.problems);
+    const std::vector<offline::InstallationVolume>& volumes = opened.installation.volumes;
+    for (size_t i = 0; i < volumes.size(); i++)
+        VolumeWalk{walk, *volumes[i].volume, volumeName(opened, i)}.run();
+    const std::vector<Tree> trees = treesOf(opened.controlSet);
+    for (const OpenedHive& hive : opened.hives) auditHive(hive, trees, walk);
+    visitUserHives(opened, audit.problems, [&](const OpenedHive& hive) { auditHive(hive, trees, walk); });
+    noteUnread(opened, audit.problems);
 }
 
 } /* namespace companion */

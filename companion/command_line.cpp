@@ -17,7 +17,9 @@ const char programHelp[] =
     "Examples:\n"
     "  quillet-offline sample practice.img            a practice installation, to try things on\n"
     "  quillet-offline info practice.img              what is on it\n"
-    "  quillet-offline run practice.img -- -s         quillet on it; -s only tells what would change\n"
+    "  quillet-offline plan practice.img              what quillet would change on it\n"
+    "  quillet-offline run practice.img               quillet on it\n"
+    "  quillet-offline undo practice.img              everything as it was before\n"
     "\n"
     "\"quillet-offline COMMAND --help\" tells more about a command.";
 
@@ -63,16 +65,45 @@ const char auditHelp[] =
     "  quillet-offline audit practice.img S-1-5-21-1111-2222-3333\n"
     "  quillet-offline audit --all system.img data.img       every place, on one machine with two disks";
 
+const char planHelp[] =
+    "Usage: quillet-offline plan [OPTIONS] IMAGE... -- [quillet's options]\n"
+    "\n"
+    "The whole run of quillet, with whatever stands after \"--\", but nothing of it is written; then what "
+    "it\n"
+    "would change, by kind, and what it would leave alone and why. Works on a disk that can only be read.\n"
+    "The new SID is not shown, for the run itself will make another. The exit status is the run's, 1 when "
+    "the\n"
+    "run would succeed but leave something that quillet treats, and 2 when not all could be seen.\n"
+    "\n"
+    "Examples:\n"
+    "  quillet-offline plan practice.img\n"
+    "  quillet-offline plan -v system.img data.img    every place, on one machine with two disks";
+
 const char runHelp[] =
-    "Usage: quillet-offline run IMAGE... -- [quillet's options]\n"
+    "Usage: quillet-offline run [OPTIONS] IMAGE... -- [quillet's options]\n"
     "\n"
     "Everything after \"--\" is passed to quillet; \"quillet -h\" tells its options. The exit status is\n"
-    "quillet's. Changes are made in place: keep a copy of what you can't make again.\n"
+    "quillet's. What the run changes is written at its end, all of it or nothing, and only when the run\n"
+    "succeeded (status 0) unless --commit always is given. The undo file is kept beside the first image as\n"
+    "IMAGE.quillet-undo, with a number when there is one already; \"quillet-offline undo\" takes the run "
+    "back.\n"
     "\n"
     "Examples:\n"
     "  quillet-offline run practice.img -- -s         tells what would change; writes a new server GUID "
     "alone\n"
-    "  quillet-offline run system.img data.img        one machine with two disks";
+    "  quillet-offline run system.img data.img        one machine with two disks\n"
+    "  quillet-offline run --undo /safe/undo system.img";
+
+const char undoHelp[] =
+    "Takes the latest run on the images back: every byte is again what it was before. Refused when anything\n"
+    "of what the run wrote was changed since, as by a start of the system. A run that was cut off while it "
+    "was\n"
+    "written (power, a kill) is put right in the same way. Name all disks of the run. The exit status is 0\n"
+    "when something was taken back, 1 when there is nothing to take back, 2 when it is refused or failed.\n"
+    "\n"
+    "Examples:\n"
+    "  quillet-offline undo practice.img\n"
+    "  quillet-offline undo --undo /safe/undo system.img";
 
 /* ---- The options of each command ---- */
 
@@ -111,8 +142,25 @@ void declare(CLI::App& app, AuditOptions& options) {
     app.add_flag("--json", options.json, "Print one JSON object");
 }
 
+void declare(CLI::App& app, PlanOptions& options) {
+    declareImages(app, options.images);
+    app.add_flag("-v,--verbose", options.verbose, "List every place");
+}
+
 void declare(CLI::App& app, RunOptions& options) {
     declareImages(app, options.images);
+    CLI::Option* const file = app.add_option("--undo", options.undoFile, "Where the undo file is kept");
+    file->type_name("FILE");
+    app.add_flag("--no-undo", options.noUndo, "Keep no undo file")->excludes(file);
+    app.add_option("--commit", options.commit, "When changes are written: success or always (success)")
+        ->check(CLI::IsMember({"success", "always"}).description(""))
+        ->type_name("WHEN");
+}
+
+void declare(CLI::App& app, UndoOptions& options) {
+    declareImages(app, options.images);
+    app.add_option("--undo", options.file, "The undo file (the latest one beside the images)")
+        ->type_name("FILE");
 }
 
 /* ---- The commands ---- */
@@ -121,7 +169,9 @@ struct Options {
     SampleOptions sample;
     InfoOptions info;
     AuditOptions audit;
+    PlanOptions plan;
     RunOptions run;
+    UndoOptions undo;
 };
 
 struct Command {
@@ -143,9 +193,15 @@ const Command commands[] = {
     {"audit", "Show where a machine's SID stands", auditHelp,
      [](CLI::App& app, Options& options) { declare(app, options.audit); },
      [](const Options& options) { return audit(options.audit); }},
+    {"plan", "Show what a run of quillet would change", planHelp,
+     [](CLI::App& app, Options& options) { declare(app, options.plan); },
+     [](const Options& options) { return plan(options.plan); }, true},
     {"run", "Run quillet on an installation", runHelp,
      [](CLI::App& app, Options& options) { declare(app, options.run); },
      [](const Options& options) { return run(options.run); }, true},
+    {"undo", "Take the latest run back", undoHelp,
+     [](CLI::App& app, Options& options) { declare(app, options.undo); },
+     [](const Options& options) { return undo(options.undo); }},
 };
 
 const Command& commandNamed(const std::string& name) {
@@ -190,6 +246,7 @@ bool takeRest(std::vector<std::string>& arguments, std::vector<std::string>& res
 int runCommandLine(std::vector<std::string> arguments) {
     Options options;
     const bool restGiven = takeRest(arguments, options.run.quilletOptions);
+    options.plan.quilletOptions = options.run.quilletOptions;
     if (arguments.empty()) throw Failure{"no command is given; see \"quillet-offline --help\""};
     const bool isOption = arguments.front().rfind('-', 0) == 0;
     const std::string name = isOption ? "" : std::string(commandNamed(arguments.front()).name) + ' ';

@@ -37,9 +37,25 @@ int audit(AuditOptions options);
 
 struct RunOptions {
     std::vector<std::string> images;
+    std::string undoFile; /* empty: beside the first image, under the next free name */
+    bool noUndo = false;
+    std::string commit = "success";          /* or "always" */
     std::vector<std::string> quilletOptions; /* what stood after "--" */
 };
 int run(const RunOptions& options);
+
+struct PlanOptions {
+    std::vector<std::string> images;
+    bool verbose = false;                    /* list every place */
+    std::vector<std::string> quilletOptions; /* what stood after "--" */
+};
+int plan(const PlanOptions& options);
+
+struct UndoOptions {
+    std::vector<std::string> images;
+    std::string file; /* empty: the latest beside the images */
+};
+int undo(const UndoOptions& options);
 
 } /* namespace companion */
 

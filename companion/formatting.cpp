@@ -2,7 +2,10 @@
 
 #include <array>
 #include <cstdio>
+#include <filesystem>
 #include <iterator>
+
+#include "companion/failure.h"
 
 namespace companion {
 namespace {
@@ -38,6 +41,13 @@ std::string sizeText(uint64_t bytes) {
     std::array<char, 32> text = {};
     snprintf(text.data(), text.size(), "%.1f %s", amount, units[unit]);
     return text.data();
+}
+
+std::string absolutePath(const std::string& path) {
+    std::error_code error;
+    std::string absolute = std::filesystem::absolute(path, error);
+    if (error) throw Failure{path + ": it has no place (" + error.message() + "); name its whole path"};
+    return absolute;
 }
 
 std::string statusText(NTSTATUS status) {

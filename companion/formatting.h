@@ -18,6 +18,9 @@ std::u16string paddedDecimal(uint32_t number, size_t digits);
 /* "96.0 MiB" */
 std::string sizeText(uint64_t bytes);
 
+/* A path as it is from the root; throws Failure where there is no working directory. */
+std::string absolutePath(const std::string& path);
+
 /* "status 0xC0000034", for what has no words of its own. */
 std::string statusText(NTSTATUS status);
 

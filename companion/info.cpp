@@ -115,7 +115,7 @@ void printJson(const Sight& sight, bool usable) {
 } /* namespace */
 
 int info(const InfoOptions& options) {
-    Sight sight = look(options.images);
+    Sight sight = survey(options.images);
     const std::string why = whyRefused(options.images);
     const bool known = std::find(sight.problems.begin(), sight.problems.end(), why) != sight.problems.end();
     if (!why.empty() && !known) sight.problems.push_back(why);

@@ -30,13 +30,14 @@ int main(int argc, char** argv) {
         return status;
     }
     signal(SIGXFSZ, SIG_IGN); /* a limit on files' sizes: the write fails, and that is told */
-    const offline::Session session;
+    offline::Session session;
     try {
         status = companion::runCommandLine(std::vector<std::string>(argv + std::min(argc, 1), argv + argc));
     } catch (const companion::Failure& failure) {
         companion::say(failure.text);
     } catch (const std::bad_alloc&) {
-        companion::say("out of memory; close other programs and try again");
+        /* In no string of its own: that would take memory. */
+        fputs("quillet-offline: out of memory; close other programs and try again\n", stderr);
     } catch (const std::exception& failure) {
         companion::say(failure.what());
     }

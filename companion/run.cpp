@@ -8,6 +8,7 @@
 
 #include "companion/commands.h"
 #include "companion/failure.h"
+#include "companion/formatting.h"
 
 namespace companion {
 namespace {
@@ -39,12 +40,24 @@ std::string quilletProgram() {
     return "quillet";
 }
 
+/* The value of QUILLET_UNDO. */
+std::string undoVariable(const RunOptions& options) {
+    if (options.noUndo) return "";
+    return options.undoFile.empty() ? "auto" : absolutePath(options.undoFile);
+}
+
+void setVariable(const char* name, const std::string& value) {
+    if (setenv(name, value.c_str(), 1) != 0) throw std::bad_alloc();
+}
+
 } /* namespace */
 
 int run(const RunOptions& options) {
     const std::string system = systemVariable(options.images);
     const std::string program = quilletProgram();
-    if (setenv("QUILLET_SYSTEM", system.c_str(), 1) != 0) throw std::bad_alloc();
+    setVariable("QUILLET_SYSTEM", system);
+    setVariable("QUILLET_COMMIT", options.commit);
+    setVariable("QUILLET_UNDO", undoVariable(options));
     std::vector<char*> arguments = {const_cast<char*>("quillet")};
     for (const std::string& option : options.quilletOptions)
         arguments.push_back(const_cast<char*>(option.c_str()));

@@ -12,8 +12,7 @@
 #include "companion/practice/sample_files.h"
 #include "companion/practice/whole_disk.h"
 #include "platform/offline/base/unicode.h"
-#include "platform/offline/volume/disk.h"
-#include "platform/offline/volume/volume.h"
+#include "platform/offline/system/installation.h"
 
 namespace companion {
 namespace {
@@ -85,22 +84,19 @@ void createDisk(ImageFile& image, const SampleOptions& options, const Machine& m
     writePartitionTable(image.file, size, tableOf(options), machine, image.wanted);
 }
 
-void check(NTSTATUS status, const offline::Problem& problem, const std::string& image) {
-    if (status < 0) throw Failure{image + ": what was made can't be used (" + problem.text + "); try again"};
-}
-
 size_t fillDisk(const ImageFile& image, const SampleOptions& options, const Machine& machine) {
     offline::Problem problem;
+    offline::Installation made;
     offline::DiskPtr disk;
-    std::vector<offline::Partition> partitions;
-    offline::VolumePtr volume;
-    check(offline::diskOpen(image.temporary, offline::DiskAccess::readWrite, disk, problem), problem,
-          image.wanted);
-    check(offline::diskPartitions(*disk, partitions, problem), problem, image.wanted);
-    check(offline::volumeOpen(*disk, partitions.at(0), volume, problem), problem, image.wanted);
-    const size_t entries = fillVolume(*volume, machine, diskIdentity(tableOf(options), machine),
-                                      {options.files, options.descriptors}, image.wanted);
-    if (offline::volumeClose(std::move(volume)) < 0 || offline::diskSync(*disk) < 0) {
+    NTSTATUS status = offline::diskOpen(image.temporary, offline::DiskAccess::readWrite, disk, problem);
+    if (status >= 0) status = offline::installationAddDisk(std::move(disk), made, problem);
+    if (status < 0) {
+        throw Failure{image.wanted + ": what was made can't be used (" + problem.text + "); try again"};
+    }
+    const size_t entries =
+        fillVolume(*made.volumes.front().volume, machine, diskIdentity(tableOf(options), machine),
+                   {options.files, options.descriptors}, image.wanted);
+    if (offline::installationClose(made, problem) < 0) {
         throw Failure{image.wanted + ": could not be written whole; check the room on the disk"};
     }
     return entries;

@@ -3,11 +3,7 @@
 
 namespace {
 
-struct Names : ProgramTest {
-    void SetUp() override {
-        ASSERT_EQ(quilletOffline({"sample", "a.img", "--files", "0", "--size", "32M"}).status, 0);
-    }
-};
+struct Names : PracticeTest {};
 
 TEST_F(Names, ADiskIsNamedOnce) {
     for (const std::string command : {"info", "audit"}) {
@@ -21,7 +17,7 @@ TEST_F(Names, ADiskIsNamedOnce) {
 }
 
 TEST_F(Names, WhoeverTookThePermissionToWriteMeantIt) {
-    const std::string first = "disk        a.img, 32.0 MiB, no partition table";
+    const std::string first = "disk        a.img, 48.0 MiB, no partition table";
     EXPECT_EQ(quilletOffline({"info", "a.img"}).out.rfind(first + "\n", 0), 0u);
     std::filesystem::permissions(path("a.img"), std::filesystem::perms::owner_read);
     const Outcome outcome = quilletOffline({"info", "a.img"});

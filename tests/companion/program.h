@@ -17,6 +17,9 @@
 #include "platform/offline/volume/disk.h"
 #include "platform/offline/volume/volume.h"
 
+inline const std::u16string configDirectory = u"Windows\\System32\\config\\";
+inline const std::string practiceSid = "S-1-5-21-1111-2222-3333";
+
 struct Outcome {
     int status = -1;
     std::string out, err;
@@ -87,6 +90,26 @@ struct ProgramTest : testing::Test {
     }
 };
 
+/* A practice system to look at. */
+struct PracticeTest : ProgramTest {
+    std::string image = path("a.img");
+
+    void SetUp() override {
+        ASSERT_EQ(
+            quilletOffline({"sample", "a.img", "--machine", practiceSid, "--files", "60", "--size", "48M"})
+                .status,
+            0);
+    }
+
+    /* What a command says that must leave the image as it is. */
+    Outcome look(std::vector<std::string> arguments) const {
+        const std::string before = contentsOf(image);
+        Outcome outcome = quilletOffline(std::move(arguments));
+        EXPECT_TRUE(contentsOf(image) == before);
+        return outcome;
+    }
+};
+
 /* The first volume of an image. */
 struct OpenImage {
     offline::DiskPtr disk;
@@ -122,8 +145,5 @@ struct OpenImage {
         disk.reset();
     }
 };
-
-inline const std::u16string configDirectory = u"Windows\\System32\\config\\";
-inline const std::string practiceSid = "S-1-5-21-1111-2222-3333";
 
 #endif

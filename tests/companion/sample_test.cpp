@@ -51,7 +51,7 @@ void walk(const OpenImage& image, Walk& seen) {
             seen.descriptors.emplace(descriptor.begin(), descriptor.end());
             seen.files.insert(entry.file);
             seen.entries++;
-            if (entry.directory) left.emplace_back(entry.file, depth + 1);
+            if (entry.directory && !entry.reparse) left.emplace_back(entry.file, depth + 1);
         }
     }
 }

@@ -6,7 +6,7 @@
 #include <cstdlib>
 
 #include "sidchng/sid.h"
-#include "tests/security/shapes.h"
+#include "tests/support/descriptors.h"
 
 namespace {
 

@@ -1,41 +1,57 @@
-#include "sidchng/sid.h"
-#include "tests/engine/scripted.h"
+#include <sstream>
 
-using Descriptor = Scripted;
+#include "tests/support/small_system.h"
+
+namespace offline {
+namespace {
+
+/* "o:OLD g:BA d:0/OLD d:1/BA s:2/OLD": owner, group, and each entry of the two lists by its type and SID;
+ * "d:" alone: an empty list. */
+Image parse(const std::string& shape) {
+    const Legend names = {{"OLD", oldText}, {"NEW", newText}, {"BA", admins}};
+    std::string owner, group;
+    std::vector<Image> rights, audits;
+    bool hasRights = false, hasAudits = false;
+    std::istringstream parts(shortened(names, {shape}));
+    for (std::string part; parts >> part;) {
+        const std::string who = part.substr(2);
+        if (part[0] == 'o') owner = who;
+        if (part[0] == 'g') group = who;
+        if (part[0] == 'd') hasRights = true;
+        if (part[0] == 's') hasAudits = true;
+        if (who.find('/') == who.npos) continue;
+        (part[0] == 'd' ? rights : audits)
+            .push_back(ace(static_cast<uint8_t>(who[0] - '0'), 0, 1, who.substr(2)));
+    }
+    return descriptor(owner, group, hasAudits ? acl(audits) : Image(), hasRights ? acl(rights) : Image());
+}
+
+struct Descriptor : SmallSystem {};
 
 /* What was patched before a failure is all that differs. */
 TEST_F(Descriptor, OnePassOverEachShape) {
-    const ByteVector account = derived(oldSid, 500), newAccount = derived(newSid, 500);
-    const std::vector<Ace> empty, others = {{0, administrators}, {1, administrators}};
-    const std::vector<Ace> audit = {{2, oldSid}}, newAudit = {{2, newSid}};
-    const std::vector<Ace> none = {{0, oldSid}, {0, oldSid}}, all = {{0, newSid}, {0, newSid}};
-    const std::vector<Ace> half = {{0, oldSid}, {0, newSid}};
-    std::vector<Ace> mixed;
-    for (const uint8_t type : ByteVector{0, 5, 1, 9, 4, 3}) mixed.push_back({type, derived(oldSid, type)});
-    std::vector<Ace> newMixed = mixed;
-    for (const size_t i : {0u, 2u, 5u}) newMixed[i].sid = derived(newSid, mixed[i].type);
-    ByteVector first = account, last = account; /* that miss in their prefix's first and last byte */
-    first[2] = last[23] = 1;
-    const std::vector<Ace> near = {{0, sid({21, 100, 200})}, {0, first}, {0, last}, {1, account}};
-    const std::vector<Ace> newNear = {{0, sid({21, 100, 200})}, {0, first}, {0, last}, {1, newAccount}};
-    const Parts whole = {oldSid, oldSid, none, none};
-    const std::string failed = "ERROR sidReplaceInSDInternal: ", list = "ERROR sidReplaceInAcl: ";
+    const std::string first = "S-1-1099511627781-21-100-200-300-5", last = "S-1-5-21-100-200-16777516";
+    const std::string near = " d:0/S-1-5-21-100-200 d:0/" + first + " d:0/" + last;
+    const std::string two = " d:0/OLD d:0/OLD", half = " d:0/OLD d:0/NEW", failed = "ERROR sidReplaceIn";
     // clang-format off
-    const struct { Parts before, after; std::string lines; Refusal refusal = {}; int exact = 0; } rows[] = {
-        {{oldSid, account, others, others}, {newSid, account, others, others}, "[4] 300 owner"},
-        {{newSid, account}, {newSid, newAccount}, "[5] 500 group"},
-        {{{}, account}, {{}, newAccount}, "no owner, [5] 500 group"},
-        {{{}, {}}, {{}, {}}, "no owner, no primary group"},
-        {{account, {}, empty, audit}, {newAccount, {}, empty, newAudit},
-         "no primary group, [4] 300 SACL, [5] 500 owner"},
-        {{newSid, newSid, mixed, mixed}, {newSid, newSid, newMixed, newMixed},
-         "[5] 3 DACL, [5] 1 DACL, [5] 0 DACL, [5] 3 SACL, [5] 1 SACL, [5] 0 SACL"},
-        {{newSid, newSid, near}, {newSid, newSid, newNear}, "[5] 500 DACL"},
-        {{account, oldSid, near, empty}, {account, newSid, near, empty}, "", {}, 1},
-        {whole, whole, failed + "GetSecurityDescriptorDacl", {"GetSecurityDescriptorDacl", 0, 1338}},
-        {whole, {oldSid, oldSid, half, none}, "[4] 300 DACL, " + list + "GetAce", {"GetAce", 1, 1338}},
-        {whole, {oldSid, oldSid, all, half}, "[4] 300 DACL, [4] 300 DACL, [4] 300 SACL, " + list + "GetAce",
-         {"GetAce", 3, 1338}},
+    const struct {
+        std::string before, after, told;
+        Fault fault = {}; int exact = 0;
+    } rows[] = {
+        {"o:OLD g:OLD-5 d:0/BA s:2/BA", "o:NEW g:OLD-5 d:0/BA s:2/BA", "[4] 300 owner"},
+        {"o:NEW g:OLD-500", "o:NEW g:NEW-500", "[5] 500 group"},
+        {"g:OLD-500", "g:NEW-500", "no owner, [5] 500 group"},
+        {"o:OLD-500 d: s:2/BA", "o:NEW-500 d: s:2/BA", "no primary group, [5] 500 owner"},
+        {"o:BA g:BA d: s:2/OLD", "o:BA g:BA d: s:2/NEW", "[4] 300 SACL"},
+        {"o:NEW g:NEW d:0/OLD d:5/OLD d:1/OLD-1 d:9/OLD d:4/OLD d:3/OLD-3",
+         "o:NEW g:NEW d:0/NEW d:5/OLD d:1/NEW-1 d:9/OLD d:4/OLD d:3/NEW-3",
+         "[5] 3 DACL, [5] 1 DACL, [4] 300 DACL"},
+        {"o:NEW g:NEW" + near + " d:1/OLD-5", "o:NEW g:NEW" + near + " d:1/NEW-5", "[5] 5 DACL"},
+        {"o:OLD-500 g:OLD" + near, "o:OLD-500 g:NEW" + near, "", {}, 1},
+        {"o:OLD g:OLD" + two, "o:OLD g:OLD" + two, failed + "SDInternal: GetSecurityDescriptorDacl",
+         {"GetSecurityDescriptorDacl", "", 1338}},
+        {"o:OLD g:OLD s:2/BA" + two, "o:OLD g:OLD s:2/BA" + half, "[4] 300 DACL, " + failed + "Acl: GetAce",
+         {"GetAce", "", 1338, 1}},
     };
     // clang-format on
     const Legend legend = {{"DEBUG sidReplace: Matching SID ", ""},
@@ -44,22 +60,22 @@ TEST_F(Descriptor, OnePassOverEachShape) {
                            {"..-", " "},
                            {": Win API call", ":"},
                            {" returned 1338 for thing", ""}};
-    const std::u16string objectName = u"thing";
-    const UNICODE_STRING name = counted(objectName);
+    const std::u16string thing = u"thing";
+    const UNICODE_STRING name = counted(thing);
     for (const auto& row : rows) {
-        SCOPED_TRACE(&row - rows);
-        const ByteVector before = image(row.before);
-        for (const int flag : {0, 1}) {  // the caller's flag is never cleared
-            events.clear();
-            refusal = row.refusal;
-            ByteVector descriptor = before;
-            int touched = flag;
-            EXPECT_EQ(sidReplaceInSDInternal(descriptor.data(), oldSid.data(), newSid.data(), 24, &name,
-                                             row.exact, &touched),
-                      row.refusal.code);
-            EXPECT_EQ(descriptor, image(row.after));
-            EXPECT_EQ(touched, descriptor != before ? 1 : flag);
-            EXPECT_EQ(shortened(legend), row.lines);
-        }
+        SCOPED_TRACE(row.before);
+        beginWatching();
+        faults = {row.fault};
+        Image image = parse(row.before);
+        int touched = 0;
+        EXPECT_EQ(sidReplaceInSDInternal(image.data(), oldSid.data(), newSid.data(), 24, &name, row.exact,
+                                         &touched),
+                  static_cast<DWORD>(row.fault.code));
+        EXPECT_EQ(image, parse(row.after));
+        EXPECT_EQ(touched, row.before != row.after ? 1 : 0);
+        EXPECT_EQ(shortened(legend), row.told);
     }
 }
+
+} /* namespace */
+} /* namespace offline */

@@ -14,11 +14,12 @@ struct CallsTest : FilesTest {
 
     void SetUp() override {
         FilesTest::SetUp();
-        outer = make(rootDirectory, u"Ä", NewFile::directory);
-        inner = make(outer, u"inner", NewFile::directory);
-        file = make(outer, u"one.TXT", NewFile::file);
-        for (const char16_t* name : {u"three", u"ÄÖ.txt", u"a.b.txt"}) make(outer, name, NewFile::file);
-        const FileRef junction = make(outer, u"junction", NewFile::directory);
+        outer = volume->makeDirectory(u"Ä");
+        inner = volume->makeDirectory(u"inner", outer);
+        file = volume->make(u"one.TXT", images::descriptor(0), outer);
+        for (const char16_t* name : {u"three", u"ÄÖ.txt", u"a.b.txt"})
+            volume->make(name, images::descriptor(0), outer);
+        const FileRef junction = volume->makeDirectory(u"junction", outer);
         ASSERT_GE(volumeCreateJunction(*volume, junction, u"C:\\Ä"), 0);
     }
 
@@ -75,6 +76,7 @@ TEST_F(CallsTest, searches) {
     EXPECT_EQ(find(u"c:\\Ä\\äö.*"), (Names{u"ÄÖ.txt"}));
     EXPECT_EQ(find(u"c:\\Ä\\t?r*.*"), (Names{u"three"}));
     EXPECT_EQ(find(u"c:\\Ä\\*b*t"), (Names{u"a.b.txt"}));
+    EXPECT_EQ(find(u"c:\\Ä\\*e"), (Names{u"three"}));
     const std::pair<const char16_t*, LONG> failures[] = {
         {u"c:\\missing\\*.*", ERROR_PATH_NOT_FOUND}, {u"d:\\*.*", ERROR_PATH_NOT_FOUND},
         {u"c:\\Ä\\one.txt\\*", ERROR_DIRECTORY},     {u"c:\\Ä\\junction\\*", ERROR_PATH_NOT_FOUND},
@@ -85,7 +87,7 @@ TEST_F(CallsTest, searches) {
         expectError(error, FindFirstFileW(pattern, &record) == INVALID_HANDLE_VALUE);
     }
 
-    ASSERT_GE(volumeWriteFile(*volume, file, 0, ByteVector(70000, 1)), 0);
+    ASSERT_GE(volumeWriteFile(*volume, file, 0, Image(70000, 1)), 0);
     ASSERT_GE(volumeSetAttributes(*volume, file, FILE_ATTRIBUTE_HIDDEN), 0);
     EXPECT_EQ(find(u"c:\\Ä\\inner\\..\\ONE.txt"), (Names{u"one.TXT"}));
     EXPECT_EQ(record.dwFileAttributes, FILE_ATTRIBUTE_HIDDEN);
@@ -100,8 +102,11 @@ TEST_F(CallsTest, searches) {
 TEST_F(CallsTest, manySearches) {
     std::vector<HANDLE> searches;
     for (size_t i = 0; i < 300; i++) searches.push_back(FindFirstFileW(u"c:\\Ä\\*", &record));
+    EXPECT_TRUE(FindNextFileW(searches[0], &record) && FindNextFileW(searches[0], &record));
+    const std::u16string elsewhere = u"c:\\B\\" + std::u16string(record.cFileName);
+    expectError(ERROR_PATH_NOT_FOUND, GetFileAttributesW(elsewhere.c_str()) == INVALID_FILE_ATTRIBUTES);
     for (size_t i = 0; i < 300; i = i == 298 ? 1 : i + 2) {
-        size_t count = 1;
+        size_t count = i == 0 ? 3 : 1;
         while (FindNextFileW(searches[i], &record)) count++;
         EXPECT_EQ(count, 8u);
         EXPECT_TRUE(FindClose(searches[i]));
@@ -116,6 +121,15 @@ TEST_F(CallsTest, manySearches) {
 
 TEST_F(CallsTest, drivesAndVolumes) {
     for (const char16_t* root : {u"C:", u"c:\\", u"\\\\?\\C:\\"}) EXPECT_EQ(GetDriveTypeW(root), DRIVE_FIXED);
+    images::writeFile(path("other"), ntfs());
+    {
+        images::OpenVolume other(path("other"));
+        driveSet('D', other);
+        EXPECT_NE(GetFileAttributesW(u"C:\\Ä"), INVALID_FILE_ATTRIBUTES);
+        expectError(ERROR_FILE_NOT_FOUND, GetFileAttributesW(u"D:\\Ä") == INVALID_FILE_ATTRIBUTES);
+    }
+    unmount();
+    mount(DiskAccess::readWrite);
     for (const char16_t* root : {u"D:\\", u"C", u"C:\\Ä"}) EXPECT_EQ(GetDriveTypeW(root), DRIVE_NO_ROOT_DIR);
     const auto open = [](const char16_t* path, DWORD access) {
         return CreateFileW(path, access, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
@@ -131,8 +145,8 @@ TEST_F(CallsTest, drivesAndVolumes) {
     expectError(ERROR_INVALID_HANDLE, !FlushFileBuffers(writing));
     EXPECT_TRUE(CloseHandle(writing) && CloseHandle(reading));
     expectError(ERROR_WRITE_PROTECT, open(u"\\\\?\\C:", GENERIC_WRITE) == INVALID_HANDLE_VALUE);
-    expectError(ERROR_WRITE_PROTECT, !SetFileSecurityW(u"C:\\Ä", 15, numberedDescriptor(1).data()));
-    EXPECT_TRUE(readDescriptor(u"C:\\Ä") == numberedDescriptor(0));
+    expectError(ERROR_WRITE_PROTECT, !SetFileSecurityW(u"C:\\Ä", 15, images::descriptor(1).data()));
+    EXPECT_TRUE(readDescriptor(u"C:\\Ä") == images::descriptor(1));
 }
 
 } /* namespace */

@@ -1,7 +1,4 @@
 /* The walk over a whole volume, as a caller does it: by path, one file after the other. */
-#include <array>
-#include <cstring>
-#include <fstream>
 #include <map>
 
 #include "platform/offline/base/unicode.h"
@@ -21,6 +18,7 @@ void walk(std::u16string& path, DWORD attributes, const Visit& visit,
     if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0 || (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0)
         return;
     WIN32_FIND_DATAW record;
+    FindClose(FindFirstFileW((path + u"\\*.*").c_str(), &record)); /* the same entry, once before */
     HANDLE search = FindFirstFileW((path + u"\\*.*").c_str(), &record);
     if (search == INVALID_HANDLE_VALUE) return refused(path);
     const size_t length = path.size();
@@ -34,60 +32,31 @@ void walk(std::u16string& path, DWORD attributes, const Visit& visit,
     expectError(ERROR_NO_MORE_FILES, FindClose(search));
 }
 
+/* Where the entry of a directory lies that names a file: its reference, 8 bytes of sizes, and the parent's
+ * record at the head of the name. */
+size_t entryPlace(const Image& bytes, FileRef named, FileRef folder) {
+    constexpr uint64_t record = 0xFFFFFFFFFFFF;
+    for (size_t at = 0; at + 24 <= bytes.size(); at += 8) {
+        if (loadNumber<FileRef>(&bytes[at]) == named &&
+            ((loadNumber<FileRef>(&bytes[at + 16]) ^ folder) & record) == 0)
+            return at;
+    }
+    ADD_FAILURE() << named;
+    return 0;
+}
+
 struct WalkTest : FilesTest {
     std::u16string root = u"\\\\?\\c:";
-    std::map<std::u16string, ByteVector> expected;
+    std::map<std::u16string, Image> expected;
 
-    FileRef add(FileRef directory, const std::u16string& path, const std::u16string& name, NewFile kind) {
-        const ByteVector descriptor = numberedDescriptor(expected.size() % 7);
-        expected[path + u"\\" + name] = descriptor;
-        return make(directory, name, kind, descriptor);
+    FileRef add(FileRef folder, const std::u16string& path, const std::u16string& name, NewFile kind) {
+        const Image stored = images::descriptor(static_cast<uint32_t>(expected.size() % 7));
+        expected[path + u"\\" + name] = stored;
+        return volume->make(name, stored, folder, kind);
     }
-
-    std::string readImage() const {
-        std::string bytes(16u << 20, 0);
-        std::ifstream(image, std::ios::binary).read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-        return bytes;
-    }
-    void writeImage(size_t at, std::string_view bytes) const {
-        std::fstream file(image, std::ios::in | std::ios::out | std::ios::binary);
-        file.seekp(static_cast<std::streamoff>(at))
-            .write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    }
-
-    /* Where an attribute of the file lies in the image, which is as the library makes one. */
-    static size_t attributePlace(const std::string& bytes, FileRef file, uint32_t type) {
-        const auto number = [&](size_t at) {
-            uint32_t value;
-            memcpy(&value, &bytes[at], sizeof value);
-            return value;
-        };
-        size_t at = number(0x30) * size_t{4096} + (file & UINT32_MAX) * 1024;
-        at += number(at + 20) & UINT16_MAX;
-        while (number(at) < type) at += number(at + 4);
-        EXPECT_EQ(number(at), type);
-        return at;
-    }
-
-    /* Where the entry of a directory lies that names a file. */
-    static size_t entryPlace(const std::string& bytes, FileRef named, FileRef directory) {
-        const std::string_view entry(reinterpret_cast<const char*>(&named), 8);
-        /* its reference, 8 bytes of sizes, and the parent's record at the head of the name */
-        size_t at = bytes.find(entry);
-        while (at != bytes.npos && memcmp(&bytes[at + 16], &directory, 6) != 0)
-            at = bytes.find(entry, at + 1);
-        EXPECT_NE(at, bytes.npos);
-        return at;
-    }
-
-    /* Makes the entry of a directory that names a file name another. */
-    void renameEntry(FileRef named, FileRef other, FileRef directory) const {
-        writeImage(entryPlace(readImage(), named, directory), {reinterpret_cast<const char*>(&other), 8});
-    }
-
     void expectWalk() {
-        std::map<std::u16string, ByteVector> seen;
-        walk(root, FILE_ATTRIBUTE_DIRECTORY, [&](const std::u16string& path, const ByteVector& descriptor) {
+        std::map<std::u16string, Image> seen;
+        walk(root, FILE_ATTRIBUTE_DIRECTORY, [&](const std::u16string& path, const Image& descriptor) {
             EXPECT_TRUE(seen.emplace(path, descriptor).second) << "seen twice";
         });
         EXPECT_EQ(seen.size(), expected.size());
@@ -99,26 +68,26 @@ struct WalkTest : FilesTest {
  * and one file under two names. */
 TEST_F(WalkTest, meetsAndSetsEveryName) {
     std::u16string path = root;
-    FileRef directory = rootDirectory;
+    FileRef folder = rootDirectory;
     expected[root] = readDescriptor(root);
     for (unsigned depth = 0; depth < 60; depth++) {
-        add(directory, path, u"same", NewFile::file);
-        add(directory, path, {u'x', 0xD800, u'y'}, NewFile::file);
-        add(directory, path, {u'x', 0xDC00}, NewFile::directory);
-        directory = add(directory, path, u"same dir Größe", NewFile::directory);
+        add(folder, path, u"same", NewFile::file);
+        add(folder, path, {u'x', 0xD800, u'y'}, NewFile::file);
+        add(folder, path, {u'x', 0xDC00}, NewFile::directory);
+        folder = add(folder, path, u"same dir Größe", NewFile::directory);
         path += u"\\same dir Größe";
     }
-    const FileRef junction = add(directory, path, u"junction", NewFile::directory);
+    const FileRef junction = add(folder, path, u"junction", NewFile::directory);
     ASSERT_GE(volumeCreateJunction(*volume, junction, u"C:\\same dir Größe"), 0);
-    const FileRef linked = add(directory, path, u"linked", NewFile::file);
+    const FileRef linked = add(folder, path, u"linked", NewFile::file);
     ASSERT_GE(volumeLink(*volume, linked, rootDirectory, u"other name"), 0);
-    ByteVector& otherName = expected[root + u"\\other name"];
-    ByteVector& linkedName = expected[path + u"\\linked"];
+    Image& otherName = expected[root + u"\\other name"];
+    Image& linkedName = expected[path + u"\\linked"];
     otherName = linkedName;
     expectWalk();
     for (const auto& [name, descriptor] : expected) EXPECT_TRUE(readDescriptor(name) == descriptor);
 
-    walk(root, FILE_ATTRIBUTE_DIRECTORY, [&](const std::u16string& name, ByteVector descriptor) {
+    walk(root, FILE_ATTRIBUTE_DIRECTORY, [&](const std::u16string& name, Image descriptor) {
         if (name.size() == 6 || name.ends_with(u"\\linked")) return;
         descriptor[20 + 8 + 4] ^= 0x40;  // a sub-authority of the owner
         descriptor[3] ^= SE_DACL_PROTECTED >> 8;
@@ -132,113 +101,75 @@ TEST_F(WalkTest, meetsAndSetsEveryName) {
     expectWalk();
 }
 
-/* Each of 14 directories, one below the other, has two entries that lead to the next, and the last one's lead
- * back to the first: a walk that followed all would see 16,000 and then begin anew. */
-TEST_F(WalkTest, entersADirectoryOnce) {
-    constexpr size_t levels = 14;
-    FileRef parent = rootDirectory;
-    std::vector<std::array<FileRef, 3>> entries; /* what the entry names, what it is to name, its directory */
-    for (size_t level = 0; level < levels; level++) {
-        const FileRef next = make(parent, u"a", NewFile::directory);
-        entries.push_back({make(parent, u"b", NewFile::directory), next, parent});
-        parent = next;
-    }
-    entries.push_back({make(parent, u"up", NewFile::directory), entries[0][1], parent});
-    unmount();
-    for (const auto& [named, other, in] : entries) renameEntry(named, other, in);
-
-    mount(DiskAccess::readOnly);
-    for (int turn = 0; turn < 2; turn++) {
-        size_t seen = 0, refused = 0;
-        walk(
-            root, FILE_ATTRIBUTE_DIRECTORY, [&](const std::u16string&, const ByteVector&) { seen++; },
-            [&](const std::u16string&) {
-                refused++;
-                EXPECT_EQ(GetLastError(), DWORD{ERROR_FILE_CORRUPT});
-            });
-        EXPECT_EQ(seen, 2 * levels + 2);
-        EXPECT_EQ(refused, levels + 1);
-    }
-    Problem problem;
-    EXPECT_EQ(diskReadWhole(*disk, problem), STATUS_DISK_CORRUPT_ERROR);
-
-    /* Who names a directory himself is let in, below a walk too, and as often as he likes. */
-    WIN32_FIND_DATAW record;
-    HANDLE above = FindFirstFileW(u"\\\\?\\C:\\*.*", &record);
-    for (const char16_t* path : {u"C:\\a\\a\\*", u"C:\\b\\a\\*", u"C:\\A\\B\\*", u"C:\\a\\a\\*"}) {
-        HANDLE search = FindFirstFileW(path, &record);
-        ASSERT_NE(search, INVALID_HANDLE_VALUE) << GetLastError();
-        EXPECT_TRUE(FindClose(search));
-    }
-    EXPECT_TRUE(FindClose(above));
-}
-
 /* Damage by which a file is out of reach, though nothing that is met has anything wrong with it; and what
  * looks like such and is none. */
 TEST_F(WalkTest, tellsOfWhatItCannotReach) {
-    const FileRef directory = make(rootDirectory, u"directory", NewFile::directory);
-    const FileRef below = make(directory, u"below", NewFile::directory);
-    const FileRef file = make(directory, u"file", NewFile::file);
-    const FileRef same = make(directory, u"other", NewFile::file);
-    const FileRef far = make(rootDirectory, u"file", NewFile::file);
-    const FileRef linked = make(below, u"linked", NewFile::file);
-    ASSERT_GE(volumeLink(*volume, linked, directory, u"link"), 0);
-    const FileRef large = make(rootDirectory, u"large", NewFile::directory);
-    constexpr unsigned many = 200;
-    FileRef within = 0;
-    for (unsigned i = 0; i < many; i++) {
-        within = make(large, u"a rather long name of a file " + std::u16string(1, char16_t(0x4E00 + i)),
-                      NewFile::file);
-    }
+    const FileRef parent = volume->makeDirectory(u"directory");
+    const FileRef below = volume->makeDirectory(u"below", parent);
+    const FileRef file = volume->make(u"file", images::descriptor(1), parent);
+    const FileRef same = volume->make(u"other", images::descriptor(1), parent);
+    const FileRef far = volume->make(u"file");
+    const FileRef linked = volume->make(u"linked", images::descriptor(1), below);
+    ASSERT_GE(volumeLink(*volume, linked, below, u"link"), 0);
+    const FileRef large = volume->makeDirectory(u"large");
+    const FileRef within = volume->fill(large, 200);
     unmount();
-    const std::string sound = readImage();
-    constexpr size_t all = 9 + many, none = 0,
-                     entryBlock = 4096; /* bytes: in the block that an entry lies in */
+    const Image sound = images::readFile(image);
+    constexpr size_t all = 9 + 200, some = SIZE_MAX; /* places that the walk meets */
+    constexpr FileRef secureFile = 9 | 9ULL << 48;
+    const size_t belowEntry = entryPlace(sound, below, parent), fileEntry = entryPlace(sound, file, parent);
+    const size_t name = fileEntry + 16, linkName = entryPlace(sound, linked, below) + 16;
+    const size_t block = entryPlace(sound, within, large) / 4096 * 4096;
+    const size_t blocksInUse = images::valueAt(sound, large, 0xB0);
+    const size_t attributes = images::valueAt(sound, parent, 0x10) + 32;
+    const size_t sectorEnd = images::recordAt(sound, below) + 510;
     struct Damage {
         const char* what;
-        FileRef entry, leadsTo, in; /* an entry that leads elsewhere, or of which a byte is changed; or: */
-        FileRef changed;            /* a record of which one is */
-        uint32_t attribute;
-        size_t at, seen; /* places that the walk meets */
-        char bits;
-        FileRef told; /* the record that is damaged; 0: none is */
+        size_t at = 0;       /* bytes */
+        FileRef leadsTo = 0; /* the entry there; otherwise a byte is changed: */
+        uint8_t bits = 0;
+        size_t seen = all;
+        FileRef told = 0;   /* the record that is damaged; 0: none is */
+        size_t refused = 0; /* directories that can't be entered */
     };
-    // clang-format off
     const Damage damages[] = {
-        {"nothing", none, none, none, none, 0, 0, all, 0, 0},
-        {"a directory's entry leads to a file", below, file, directory, none, 0, 0, all - 1, 0, file},
-        {"a file's entry leads to a directory", file, below, directory, none, 0, 0, all, 0, below},
-        {"an entry leads to a file of another name", file, same, directory, none, 0, 0, all, 0, same},
-        {"an entry leads to a file of another directory", file, far, directory, none, 0, 0, all, 0, far},
-        {"an entry leads to the volume's own metadata", file, 9 | 9ULL << 48, directory, none, 0, 0, all - 1, 0, directory},
-        {"a name that begins with a terminator", file, none, directory, none, 0, 16 + 66, all - 1, 'f', file},
-        {"an entry without a name", file, none, directory, none, 0, 16 + 64, all - 1, 4, directory},
-        {"a short name without a long one", file, none, directory, none, 0, 16 + 65, all, 2, 0},
-        {"a reparse point without data", none, none, none, directory, 0x10, 24 + 33, all, 0x04, 0},
-        {"a block without an update sequence", within, none, large, none, 0, entryBlock + 6, all, 1, large},
-        {"blocks that are in use but free by the bitmap", none, none, none, large, 0xB0, 24 + 8, 0, 0x01, large},
+        {.what = "nothing"},
+        {.what = "to a file", .at = belowEntry, .leadsTo = file, .seen = all - 2, .told = file},
+        {.what = "up", .at = belowEntry, .leadsTo = parent, .seen = all - 2, .told = parent, .refused = 1},
+        {.what = "to a directory", .at = fileEntry, .leadsTo = below, .told = below, .refused = 1},
+        {.what = "to a file of another name", .at = fileEntry, .leadsTo = same, .told = same},
+        {.what = "to a file of another directory", .at = fileEntry, .leadsTo = far, .told = far},
+        {.what = "to metadata", .at = fileEntry, .leadsTo = secureFile, .seen = all - 1, .told = parent},
+        {.what = "a terminator in a name", .at = name + 66, .bits = 'f', .seen = all - 1, .told = file},
+        {.what = "an entry without a name", .at = name + 64, .bits = 4, .seen = all - 1, .told = parent},
+        {.what = "to a block, where there is none below", .at = fileEntry + 12, .bits = 1, .told = parent},
+        {.what = "a short name without a long one", .at = name + 65, .bits = 2},
+        {.what = "a short name beside a long one", .at = linkName + 65, .bits = 2, .seen = all - 1},
+        {.what = "a reparse point without data", .at = attributes + 1, .bits = 0x04},
+        {.what = "a block without an update sequence", .at = block + 6, .bits = 1, .told = large},
+        {.what = "blocks in use, but free", .at = blocksInUse, .bits = 1, .seen = some, .told = large},
+        {.what = "an unreadable record",
+         .at = sectorEnd,
+         .bits = 1,
+         .seen = all - 2,
+         .told = below,
+         .refused = 1},
     };
-    // clang-format on
     for (const Damage& damage : damages) {
-        writeImage(0, sound);
-        if (damage.leadsTo != 0) {
-            renameEntry(damage.entry, damage.leadsTo, damage.in);
-        } else if (damage.entry != 0 || damage.changed != 0) {
-            size_t at = damage.entry != 0 ? entryPlace(sound, damage.entry, damage.in)
-                                          : attributePlace(sound, damage.changed, damage.attribute);
-            if (damage.at >= entryBlock) at = at / entryBlock * entryBlock - entryBlock;
-            at += damage.at;
-            writeImage(at, std::string(1, static_cast<char>(sound[at] ^ damage.bits)));
-        }
+        Image bytes = sound;
+        if (damage.leadsTo != 0) images::put(bytes, damage.at, damage.leadsTo);
+        bytes[damage.at] ^= damage.bits;
+        images::writeFile(image, bytes);
         mount(DiskAccess::readOnly);
-        size_t seen = 0;
+        size_t seen = 0, refused = 0;
         walk(
-            root, FILE_ATTRIBUTE_DIRECTORY, [&](const std::u16string&, const ByteVector&) { seen++; },
-            [](const std::u16string&) {});
-        EXPECT_EQ(damage.seen != 0 ? seen : std::min(seen, all - 1), damage.seen != 0 ? damage.seen : seen)
-            << damage.what;
-        EXPECT_EQ(diskTrouble(*disk).damaged != 0, damage.told != 0) << damage.what;
-        EXPECT_EQ(diskTrouble(*disk).damagedRecord, damage.told & UINT32_MAX) << damage.what;
+            root, FILE_ATTRIBUTE_DIRECTORY, [&](const std::u16string&, const Image&) { seen++; },
+            [&](const std::u16string&) { refused++; });
+        EXPECT_TRUE(damage.seen == some ? seen < all : seen == damage.seen) << damage.what << " " << seen;
+        const DiskTrouble& trouble = diskTrouble(*volume->disk);
+        EXPECT_EQ(trouble.damaged != 0, damage.told != 0) << damage.what;
+        EXPECT_EQ(trouble.damagedRecord, damage.told & UINT32_MAX) << damage.what;
+        EXPECT_EQ(refused, damage.refused) << damage.what;
         unmount();
     }
 }

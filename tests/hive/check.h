@@ -27,8 +27,9 @@ using Values = std::vector<std::tuple<std::u16string, uint32_t, ByteVector>>;
 struct Content {
     std::u16string name;
     ByteVector classText, descriptor;
-    Values values;
-    std::vector<Content> subkeys; /* in order */
+    uint64_t lastWrite = 0;
+    Values values = {};
+    std::vector<Content> subkeys = {}; /* in order */
 
     bool operator==(const Content&) const = default;
 };
@@ -47,10 +48,6 @@ Cell made(Hive& hive, Cell parent, std::u16string_view name, uint32_t descriptor
 
 /* A small hive with every kind of structure: values of all forms, classes, an ri list, shared descriptors. */
 HivePtr variedHive(uint32_t minor);
-
-/* Opens a file and, when it can be opened, reads all of it, changes things in every key, and opens the
- * result. False when a hive that was opened can't be opened again, or is found broken, after the changes. */
-bool exercise(const ByteVector& file, ByteVector* after = nullptr);
 
 /* A file in memory that notes every call and fails at one of them. */
 struct RecordingStore : HiveStore {

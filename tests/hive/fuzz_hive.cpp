@@ -3,12 +3,12 @@
 
 #include "platform/offline/hive/base_block.h"
 #include "platform/offline/hive/format.h"
-#include "tests/hive/check.h"
+#include "tests/hive/model.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace offline;
     test::ByteVector file(data, data + size);
     if (file.size() >= regf::base::size) sealBaseBlock(std::span(file).first(regf::base::size), 1, 1);
-    if (!test::exercise(file)) abort();
+    if (!test::exercise(file, 30)) abort();
     return 0;
 }

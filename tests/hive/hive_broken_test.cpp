@@ -1,11 +1,7 @@
 /* Broken, hostile and real hive files. */
-#include <unistd.h>
-#include <filesystem>
-#include <fstream>
-
 #include "platform/offline/hive/base_block.h"
 #include "platform/offline/hive/format.h"
-#include "tests/hive/check.h"
+#include "tests/hive/model.h"
 
 namespace offline::test {
 namespace {
@@ -53,12 +49,15 @@ constexpr NTSTATUS sound = STATUS_SUCCESS, dirty = STATUS_REGISTRY_IO_FAILED,
 
 TEST(Broken, EachFaultIsRefusedWithItsText) {
     const HivePtr hive = variedHive(5);
+    const std::u16string longest(longestValueName, u'я');
+    ASSERT_GE(hiveSetValue(*hive, hiveRoot(*hive), longest, 1, {}, 1), 0);
     const ByteVector file = hiveImage(*hive);
     const Cell root = hiveRoot(*hive), alpha = childAt(*hive, 0), beta = childAt(*hive, 1);
     const Cell many = childAt(*hive, 2), index = field(file, many, nk::subkeyList);
     const Cell list = field(file, root, nk::subkeyList), values = field(file, beta, nk::valueList);
     const Cell inlined = field(file, values, entry(1)), plain = field(file, values, entry(2));
     const Cell big = field(file, values, entry(3)), descriptor = field(file, beta, nk::descriptor);
+    const Cell longName = field(file, field(file, root, nk::valueList), entry(0));
     const Cell segments = field(file, field(file, big, vk::data), db::list);
     const std::pair<const char*, std::vector<Put>> faults[] = {
         // clang-format off
@@ -77,6 +76,7 @@ TEST(Broken, EachFaultIsRefusedWithItsText) {
         {"has no name", {{beta, nk::nameLength, 0}}},
         {"backslash", {{beta, nameStart, '\\'}}},
         {"out of order", {{beta, nameStart, 'A'}}},
+        {"out of order", {{index, entry(0, 4), field(file, index, entry(1, 4))}, {index, entry(1, 4), field(file, index, entry(0, 4))}}},
         /* in other letters, with its hash */
         {"there twice", {{beta, nameStart, 0x594E414D}, {list, entry(3, 4), field(file, list, entry(5, 4))}}},
         {"wrong hash", {{beta, nameStart, 0x63746562}}},
@@ -99,6 +99,9 @@ TEST(Broken, EachFaultIsRefusedWithItsText) {
         {"is empty", {{list, list::count, 0}}},
         {"is none", {{list, list::signature, 'x'}}},
         {"is none", {{field(file, index, entry(0, 4)), list::signature, list::ri}}},
+        {"ends within a character", {{plain, vk::nameLength, 3}}},
+        {"name of the value", {{plain, vk::nameLength, 200}}},
+        {"is too long", {{longName, vk::flags, vk::compressedName}}},
         {"impossible length", {{inlined, vk::dataSize, 0x80000005}}},
         {"is none", {{plain, vk::dataSize, 20000}}},
         {"does not fit", {{plain, vk::dataSize, 16000}}},
@@ -112,6 +115,12 @@ TEST(Broken, EachFaultIsRefusedWithItsText) {
     EXPECT_FALSE(hiveChanged(*miscounted));
     ASSERT_GE(hiveSetKeyDescriptor(*miscounted, beta, someDescriptor(77), 1), 0);
     EXPECT_EQ(faultOf(hiveImage(*miscounted)), "");
+
+    /* A predefined handle in place of a count: there are no values, and none can be set. */
+    const HivePtr predefined =
+        opened(with(file, {{beta, nk::flags, 0x60}, {beta, nk::valueCount, 0x80000002}}));
+    EXPECT_TRUE(valuesOf(*predefined, beta).empty());
+    EXPECT_EQ(hiveSetValue(*predefined, beta, u"x", 1, {}, 1), STATUS_INVALID_PARAMETER);
 }
 
 TEST(Broken, TooDeepAChainIsRefused) {
@@ -159,6 +168,10 @@ TEST(Broken, BaseBlockTellsWhatAFileIs) {
         EXPECT_EQ(hiveOpen(file, hive, problem), status) << problem.text;
     }
 
+    /* Of the file's name as much as there is room for, from its end. */
+    const std::u16string name = u"Test\\a name longer than the field", kept = name.substr(name.size() - 31);
+    EXPECT_EQ(memcmp(&image[base::fileName], kept.c_str(), base::fileNameSize), 0);
+
     /* The two sums that no checksum may have. */
     ByteVector block(base::size);
     sealBaseBlock(block, 5, 5);
@@ -177,7 +190,7 @@ TEST(Broken, BinsAfterTheStatedEnd) {
     for (const size_t stated : {pageSize, size / 2 & ~size_t{0xFFF}, last}) {
         const ByteVector file = with(whole, {{fileStart, base::binsSize, stated}});
         EXPECT_EQ(hiveImage(*opened(file)), whole) << stated;
-        EXPECT_TRUE(exercise(file));
+        EXPECT_TRUE(exercise(file, 30));
         /* One that does not follow on the others brings nothing. */
         for (const auto field : {bin::signature, bin::offset, bin::size})
             expectRefused(with(file, {{firstBin + last, field, 0x40001000}}), "is damaged");
@@ -204,7 +217,7 @@ void mutate(const ByteVector& image, uint32_t seed, size_t rounds) {
             file[at] = values[random() % std::size(values)];
         }
         if (random() % 10 != 0) seal(file);
-        ASSERT_TRUE(exercise(file)) << "seed " << seed << ", round " << round;
+        ASSERT_TRUE(exercise(file, 12)) << "seed " << seed << ", round " << round;
     }
 }
 
@@ -218,16 +231,12 @@ TEST(Broken, MutatedHivesDoNoHarm) {
             EXPECT_GE(hiveSetValue(*hive, child, name, i, ByteVector(i == 5 ? 20000 : i % 9, 0x5A), 1), 0);
             if (i % 7 == 3) key = child;
         }
-        mutate(hiveImage(*hive), minor, 900);
+        mutate(hiveImage(*hive), minor, 400);
     }
-    for (const auto& [name, image] : realHives("clean"))
-        if (image.size() <= 300000) mutate(image, 1, 30);
 }
 
 TEST(Real, SoundHivesOpenAndStaySoundAndOthersAreRefused) {
     if (sharedFile("hives").empty()) GTEST_SKIP() << "the shared hives are not here";
-    const auto after = std::filesystem::path(testing::TempDir()) / ("hives-" + std::to_string(getpid()));
-    std::filesystem::create_directories(after);
     /* Whole folders, and those that differ from their folder: odd but possible names, names twice only in
        free cells, accounts twice only in what the values mean. */
     std::map<std::string, NTSTATUS> expected{
@@ -250,20 +259,11 @@ TEST(Real, SoundHivesOpenAndStaySoundAndOthersAreRefused) {
             if (hive == nullptr) continue;
             ByteVector changed;
             EXPECT_EQ(hiveImage(*hive), image) << path;
-            contentOf(*hive);
             if (image.size() > 3000000) continue;
-            EXPECT_TRUE(exercise(image, &changed)) << path;
-            if (expected[folder] != sound) continue;
-            EXPECT_EQ(faultOf(changed), "") << path;
-            std::ofstream(after / (folder + name))
-                .write(reinterpret_cast<char*>(changed.data()), static_cast<std::streamsize>(changed.size()));
+            EXPECT_TRUE(exercise(image, 100, &changed)) << path;
+            EXPECT_EQ(expected[folder] == sound ? faultOf(changed) : "", "") << path;
         }
     }
-    const std::string checker = sharedFile("tools/hivecheck"); /* an independent one */
-    const std::string command = "python3 '" + checker + "' " + after.string() + "/* | grep -v ' sound$'";
-    EXPECT_TRUE(checker.empty() || system(command.c_str()) == 256)
-        << "a line without \"sound\" is a broken hive";
-    std::filesystem::remove_all(after);
 }
 
 } /* namespace */

@@ -193,7 +193,7 @@ TEST_F(ForgedLogs, ABaseBlockFromALogWithoutEntries) {
         lost.resize(lost.size() - 4096);
         EXPECT_LT(openDirty({lost, logs}, hive), 0) << "a bin is missing";
     }
-    /* Of two, the later one: the other is from before the hive grew. */
+    /* Of two, the later one, wherever it stands: a change is then saved under a number above both. */
     for (const HiveLogs& logs : {HiveLogs{logOf(base, 9, {}), logOf(once, 10, {})},
                                  HiveLogs{logOf(once, 10, {}), logOf(base, 9, {})}}) {
         ByteVector lost = once;
@@ -201,6 +201,7 @@ TEST_F(ForgedLogs, ABaseBlockFromALogWithoutEntries) {
         HivePtr hive;
         ASSERT_EQ(openDirty({lost, logs}, hive), STATUS_SUCCESS);
         EXPECT_EQ(contentOf(*hive), contentOf(*opened(once)));
+        EXPECT_GT(numberAt(hiveImage(*hive), 4), 10u);
     }
 }
 
@@ -208,7 +209,7 @@ TEST_F(ForgedLogs, EntriesThatReachBeyondTheirBounds) {
     const std::pair<size_t, uint64_t> rows[] = {
         // clang-format off
         {20, 0xFFFFFFFF}, /* parts than there is room to list */
-        {44, 0xFFFFF000}, {44, 0}, /* a part longer than the entry, or empty */
+        {44, 0xFFFFF000}, {44, 0x20000}, {44, 0}, /* a part longer than the bins or the entry, or empty */
         {40, bins[1]}, {40, 0xFFFFFFFF}, /* after the bins */
         {16, 0x7FFFF000}, {16, bins[1] + 512}, /* bins that nothing could fill */
         {4, 0}, {4, 0xFFFFFE00},

@@ -1,12 +1,12 @@
 /* Copying and deleting trees. */
-#include "tests/keys/keys_fixture.h"
+#include "tests/support/small_system.h"
 
 namespace offline {
 namespace {
 
 const Legend legend = {{"Native API call ", ""}, {" returned", ""}, {"ERROR ", "! "}, {"DEBUG ", "(!) "}};
 
-struct Trees : Keys {
+struct Trees : PrivilegedSystem {
     std::string copy(uint32_t flags = 0, regLinkMapCallback map = nullptr, void* data = nullptr) {
         const HANDLE source = at("from"), target = at("to");
         return outcome(legend, [&] { return regCopyKey(source, target, map, data, flags); });
@@ -41,25 +41,18 @@ TEST_F(Trees, CopyOfEverything) {
             EXPECT_EQ(get("to\\a\\x", "v"), ByteVector({1, 2, 3, 4}));
             EXPECT_EQ(get("to", "top"), bytesOf(u"1"));
         }
-        EXPECT_EQ(descriptor("to\\a") == special, flags != REG_NO_SECURITY);
-        EXPECT_NE(descriptor("to"), special);
+        EXPECT_EQ(descriptorOf("to\\a") == special, flags != REG_NO_SECURITY);
+        EXPECT_NE(descriptorOf("to"), special);
     }
 }
 
-TEST_F(Trees, FiveThousandSubkeys) {
-    grow("from to");
-    for (int i = 0; i < 5000; i++) create(u"from\\" + wide(std::to_string(i)));
-    EXPECT_EQ(copy(), "0");
-    EXPECT_EQ(tree("to"), tree("from"));
-    EXPECT_EQ(remove(u"from", REG_RECURSIVE), "0");
-    EXPECT_TRUE(there("to\\4999") && !there("from"));
-}
-
-/* A link mapping's answers, and how often it is asked. */
+/* A link mapping's answers for the link with a target, and how often it is asked; the one without stays so.
+ */
 struct Mapping {
     std::vector<uint32_t> answers;
     size_t asked = 0;
     static uint32_t answer(const WCHAR* target, memBuf* newTarget, void* data) {
+        if (*target == 0) return LINK_MAP_SAME;
         auto* mapping = static_cast<Mapping*>(data);
         EXPECT_EQ(std::u16string(target), full(u"aim"));
         const std::u16string other = full(u"other");
@@ -68,43 +61,54 @@ struct Mapping {
     }
 };
 
+/* A key's flag makes it a link, and not a value, unless flags are not told; a link need not have a target. */
 TEST_F(Trees, Links) {
+    constexpr NTSTATUS untold = STATUS_INVALID_PARAMETER;
     // clang-format off
     const struct {
         std::vector<uint32_t> answers; /* none: no mapping */
         const char* present;           /* at the destination */
-        const char* expected; const char* after; const char* leads = "";
+        const char* expected; const char* after; const char* leads = "aim"; Fault fault = {};
     } rows[] = {
-        {{}, "", "0", "m"},
-        {{LINK_MAP_SKIP}, "", "0", "m"},
-        {{LINK_MAP_SAME}, "", "0", "l@ m", "aim"},
-        {{LINK_MAP_SAME}, "to\\l", "0", "l@ m", "aim"},
-        {{LINK_MAP_NEW}, "to\\l", "0", "l@ m", "other"},
-        {{LINK_MAP_DELETE, LINK_MAP_SKIP}, "to\\l", "0", "m"},
-        {{LINK_MAP_DELETE, LINK_MAP_NEW}, "", "0", "l@ m", "other"},
-        {{LINK_MAP_FAIL}, "", "31", ""},
+        {{}, "", "0", "m o(c)"},
+        {{LINK_MAP_SKIP}, "", "0", "m n@ o(c)"},
+        {{LINK_MAP_SAME}, "to\\l", "0", "l@ m n@ o(c)"},
+        {{LINK_MAP_NEW}, "to\\l", "0", "l@ m n@ o(c)", "other"},
+        {{LINK_MAP_DELETE, LINK_MAP_NEW}, "", "0", "l@ m n@ o(c)", "other"},
         {{5}, "", "! _regScanLinksCallbackImpl: callback unexpected code 5, 31", ""},
         {{LINK_MAP_SAME}, "to\\l to\\l\\below", "! _regKeyDelete: ZwDeleteKey 0XC0000121 for l, 31",
          "l(below)"},
+        {{LINK_MAP_SAME}, "", "0", "l@ m n@ o(c)", "aim", {"ZwQueryKey", "l", untold, 1, 1}},
+        {{LINK_MAP_SAME}, "", "0", "l@ m n@ o(c)", "aim", {"ZwQueryKey", "m", untold, 1, 1}},
+        {{LINK_MAP_SAME}, "", "! regQueryIsLink: ZwQueryKey 0XC0000022, 31", "l@ m", "aim",
+         {"ZwQueryKey", "n", STATUS_ACCESS_DENIED, 1, 1}},
     };
     // clang-format on
     grow("aim aim\\below other");
     for (const auto& row : rows) {
         clear("from to");
-        grow("from to from\\m");
+        grow("from to from\\m from\\o from\\o\\c");
         set("from\\m", "SymbolicLinkValue", REG_SZ, bytesOf(u"no link"));
+        set("from\\o", "SymbolicLinkValue", REG_LINK, bytesOf(full(u"aim")));
         makeLink(u"from\\l", full(u"aim"));
+        ZwClose(create(u"from\\n", {.options = REG_OPTION_CREATE_LINK}));
         describe("from\\l", systemOnly());
         grow(row.present);
         Mapping mapping = {row.answers};
-        EXPECT_TRUE(
-            copy(0, row.answers.empty() ? nullptr : Mapping::answer, &mapping).ends_with(row.expected));
+        faults = {row.fault};
+        const std::string told = copy(0, row.answers.empty() ? nullptr : Mapping::answer, &mapping);
+        faults.clear();
+        EXPECT_TRUE(told.ends_with(row.expected)) << told;
         EXPECT_EQ(mapping.asked, row.answers.size());
-        EXPECT_EQ(tree("to"), row.after);
-        if (row.leads[0] == 0) continue;
-        EXPECT_EQ(get("to\\l", "SymbolicLinkValue"), bytesOf(full(wide(row.leads))));
-        EXPECT_EQ(descriptor("to\\l"), systemOnly());
-        EXPECT_EQ(get("to\\m", "SymbolicLinkValue"), bytesOf(u"no link"));
+        const std::string after = tree("to");
+        EXPECT_EQ(after, row.after);
+        if (after.starts_with("l@")) {
+            EXPECT_EQ(get("to\\l", "SymbolicLinkValue"), bytesOf(full(wide(row.leads))));
+            EXPECT_EQ(descriptorOf("to\\l"), systemOnly());
+            EXPECT_EQ(get("to\\m", "SymbolicLinkValue"), bytesOf(u"no link"));
+        }
+        EXPECT_EQ(remove(u"from", REG_RECURSIVE), "0");
+        EXPECT_EQ(tree("aim"), "below");
     }
     // Around the size of the copy's buffer there is always room for the terminator.
     for (size_t length = 247; length <= 252; length++) {
@@ -114,40 +118,6 @@ TEST_F(Trees, Links) {
         makeLink(u"from\\l", target);
         copy(0, [](const WCHAR*, memBuf*, void*) { return uint32_t{LINK_MAP_SAME}; });
         EXPECT_EQ(get("to\\l", "SymbolicLinkValue"), bytesOf(target));
-    }
-}
-
-/* A key's flag makes it a link, and not a value; a link need not have a target. */
-TEST_F(Trees, WhatMakesALink) {
-    const auto same = [](const WCHAR*, memBuf*, void*) { return uint32_t{LINK_MAP_SAME}; };
-    // clang-format off
-    const struct { Fault fault; const char* expected; const char* after; bool mapped = true; } rows[] = {
-        {{"none"}, "0", "l@ n@ o(c)"},
-        {{"none"}, "0", "o(c)", false},
-        {{"ZwQueryKey", "l", STATUS_INVALID_PARAMETER, 1, 1}, "0", "l@ n@ o(c)"},  // flags are not told
-        {{"ZwQueryKey", "n", STATUS_ACCESS_DENIED, 1, 1}, "! regQueryIsLink: ZwQueryKey 0XC0000022, 31", "l@"},
-    };
-    // clang-format on
-    grow("aim aim\\below");
-    for (const auto& row : rows) {
-        clear("from to");
-        grow("from from\\o from\\o\\c to");
-        set("from\\o", "SymbolicLinkValue", REG_LINK, bytesOf(full(u"aim")));
-        makeLink(u"from\\l", full(u"aim"));
-        create(u"from\\n", {.options = REG_OPTION_CREATE_LINK});
-        refuse({row.fault});
-        const std::string told = copy(0, row.mapped ? regLinkMapCallback{same} : nullptr);
-        EXPECT_TRUE(told.ends_with(row.expected)) << told;
-        refuse({});
-        EXPECT_EQ(tree("to"), row.after);
-        ULONG type = 0;
-        for (const char* path : {"to\\l", "to\\o"}) {
-            if (!there(path)) continue;
-            EXPECT_EQ(get(path, "SymbolicLinkValue", &type), bytesOf(full(u"aim")));
-            EXPECT_EQ(type, ULONG{REG_LINK});
-        }
-        EXPECT_EQ(remove(u"from", REG_RECURSIVE), "0");
-        EXPECT_EQ(tree(""), "aim(below) to" + (row.after[0] == 0 ? "" : "(" + tree("to") + ")"));
     }
 }
 
@@ -170,12 +140,6 @@ TEST_F(Trees, CopyFailures) {
         {{"none"}, REG_IGNORE_MISSING, missing + "a" + access + missing + "b" + access + "0", ""},
         {{"ZwSetValueKey", "x", STATUS_ACCESS_DENIED}, 0, copying + "ZwSetValueKey 0XC0000022 for v, 31",
          "a(x)"},
-        {{"ZwSetValueKey", "to", STATUS_ACCESS_DENIED}, 0, copying + "ZwSetValueKey 0XC0000022 for v, 5",
-         "a(x) b"},
-        {{"ZwEnumerateValueKey", "a", STATUS_UNSUCCESSFUL}, 0,
-         copying + "ZwEnumerateValueKey 0XC0000001, 31", "a"},
-        {{"ZwQueryValueKey", "a", STATUS_ACCESS_DENIED}, 0,
-         "! _regScanLinksCallbackImpl: ZwQueryValueKey 0XC0000022 for a, 31", ""},
         {{"ZwCreateKey", "x", STATUS_ACCESS_DENIED}, 0,
          "! _doOpenCreateKey: ZwCreateKey 0XC0000022 for x" + access + "31", "a"},
         {{"RegGetKeySecurity", "x", 87}, 0,
@@ -183,7 +147,6 @@ TEST_F(Trees, CopyFailures) {
          "WARN _regScanCopyCallback: failed to copy security attributes for a\\x : error 87, 0", "a(x) b"},
         {{"ZwClose", "x", STATUS_UNSUCCESSFUL, 1, 1}, 0, "! _regScanCopyCallback: ZwClose 0XC0000001, 31",
          "a(x)"},
-        {{"ZwFlushKey", "", STATUS_UNSUCCESSFUL}, 0, "0", "a(x) b"},
     };
     // clang-format on
     for (const auto& row : rows) {
@@ -191,14 +154,10 @@ TEST_F(Trees, CopyFailures) {
         grow("from to from\\a from\\a\\x from\\b");
         set("from", "v", REG_SZ, bytesOf(u"top"));
         set("from\\a\\x", "v", REG_SZ, bytesOf(u"x"));
-        refuse({row.fault});
+        faults = {row.fault};
         EXPECT_EQ(copy(row.flags), row.expected);
-        refuse({});
+        faults.clear();
         EXPECT_EQ(tree("to"), row.after);
-    }
-    for (int i = 0; i < 4; i++) {
-        allocationsLeft = i;
-        EXPECT_TRUE(copy().ends_with(", 8")) << i;
     }
 }
 
@@ -213,41 +172,19 @@ TEST_F(Trees, Deletion) {
         {{"none"}, REG_QUIET, "(!) regDeleteKeyU: " + denied + "top, 5", " top(a(x y) l@)"},
         {{"ZwDeleteKey", "y", STATUS_CANNOT_DELETE}, REG_RECURSIVE,
          "! regScanDeleteCallback: " + denied + "a\\y, " + below, " top(a(y) l@)"},
-        {{"ZwOpenKey", "y", STATUS_UNSUCCESSFUL, 1}, REG_RECURSIVE,
-         "! _doOpenCreateKey: ZwOpenKey 0XC0000001 for y, access=0x10000, " + below, " top(a(y) l@)"},
-        {{"ZwClose", "x", STATUS_UNSUCCESSFUL, 0, 1}, REG_RECURSIVE,
-         "! regScanDeleteCallback: ZwClose 0XC0000001 for a\\x, " + below, " top(a(y) l@)"},
         {{"ZwOpenKey", "top", STATUS_OBJECT_NAME_NOT_FOUND}, REG_IGNORE_MISSING,
          "(!) _doOpenCreateKey: ZwOpenKey 0XC0000034 for top, access=0x10008, 0", " top(a(x y) l@)"},
-        {{"ZwOpenKey", "top", STATUS_OBJECT_NAME_NOT_FOUND}, REG_RECURSIVE,
-         "! _doOpenCreateKey: ZwOpenKey 0XC0000034 for top, access=0x10008, 2", " top(a(x y) l@)"},
     };
     // clang-format on
     for (const auto& row : rows) {
         clear("top");
         grow("aim aim\\below top top\\a top\\a\\x top\\a\\y");
         makeLink(u"top\\l", full(u"aim"));
-        refuse({row.fault});
+        faults = {row.fault};
         EXPECT_EQ(remove(u"top", row.flags), row.expected);
-        refuse({});
+        faults.clear();
         EXPECT_EQ(tree(""), std::string("aim(below)") + row.after);
     }
-}
-
-/* A tree of 255 levels is copied and deleted; one more is met, but not entered. */
-TEST_F(Trees, Depth) {
-    grow("from to");
-    std::string path = "from";
-    for (int i = 0; i < 255; i++) grow(path += "\\d");
-    EXPECT_EQ(copy(), "0");
-    EXPECT_TRUE(there("to" + path.substr(4)));
-    EXPECT_EQ(remove(u"to", REG_RECURSIVE), "0");
-    EXPECT_FALSE(there("to"));
-    grow("to " + path + "\\d");
-    EXPECT_EQ(copy(), "161");
-    grow(path + "\\d\\d");
-    EXPECT_TRUE(remove(u"from", REG_RECURSIVE).ends_with(", 31"));
-    EXPECT_TRUE(there(path + "\\d\\d"));
 }
 
 } /* namespace */

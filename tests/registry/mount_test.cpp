@@ -1,11 +1,13 @@
 /* Mounted hives, links in memory, saving, loading and unloading. */
 #include "platform/offline/base/system_needed.h"
-#include "tests/registry/small_system.h"
+#include "tests/support/small_system.h"
 
 namespace offline {
 namespace {
 
-using MountTest = RegistryTest;
+struct MountTest : SmallSystem {
+    Recording other;
+};
 
 HivePtr freshHive() {
     HivePtr made;
@@ -82,18 +84,37 @@ TEST_F(MountTest, LinksInMemoryBehaveAsStoredOnes) {
     EXPECT_FALSE(hiveChanged(*hive));
 }
 
+/* Only what has changed is written, none on a medium that refuses, and each hive whatever comes of the
+ * others. */
 TEST_F(MountTest, SavingReachesTheStoreAndFailuresTheCaller) {
+    ASSERT_EQ(registryMount(u"\\Registry\\Machine\\ZZ", freshHive(), std::make_unique<RecordingStore>(other)),
+              STATUS_SUCCESS);
     HANDLE key = create(u"key");
     ASSERT_EQ(setText(key, u"v", REG_SZ, u"data"), STATUS_SUCCESS);
-    store.failure = STATUS_MEDIA_WRITE_PROTECTED;
-    EXPECT_EQ(ZwFlushKey(key), STATUS_MEDIA_WRITE_PROTECTED);
-    EXPECT_EQ(registrySaveAll(), STATUS_MEDIA_WRITE_PROTECTED);
-    store.failure = STATUS_SUCCESS;
+    create(u"\\Registry\\Machine\\ZZ\\key");
+    for (NTSTATUS* const refusal : {&store.failure, &store.unflushed}) {
+        *refusal = STATUS_MEDIA_WRITE_PROTECTED;
+        EXPECT_EQ(ZwFlushKey(key), STATUS_MEDIA_WRITE_PROTECTED);
+        std::vector<const HiveStore*> failed;
+        EXPECT_EQ(registrySaveAll(failed), STATUS_MEDIA_WRITE_PROTECTED);
+        ASSERT_EQ(failed.size(), 1u); /* and it can be named */
+        EXPECT_EQ(store.writes, 0u);
+        *refusal = STATUS_SUCCESS;
+    }
+    EXPECT_GT(other.writes, 0u);
     EXPECT_EQ(ZwFlushKey(open(u"key", {.access = KEY_NOTIFY})), STATUS_SUCCESS); /* any handle will do */
-    const size_t writes = store.writes;
-    EXPECT_EQ(registrySaveAll(), STATUS_SUCCESS);
-    EXPECT_EQ(store.writes, writes); /* nothing has changed since */
     EXPECT_EQ(store.file, hiveImage(*hive));
+    store.unflushed = STATUS_MEDIA_WRITE_PROTECTED;
+    std::vector<const HiveStore*> none;
+    EXPECT_EQ(registrySaveAll(none), STATUS_SUCCESS); /* nothing has changed since */
+    store.refused = STATUS_MEDIA_WRITE_PROTECTED;
+    HANDLE made = nullptr;
+    auto image = openToAll();
+    EXPECT_EQ(setText(key, u"v", REG_SZ, u"x"), STATUS_MEDIA_WRITE_PROTECTED);
+    EXPECT_EQ(createKey(made, full(u"new"), {}), STATUS_MEDIA_WRITE_PROTECTED);
+    EXPECT_EQ(ZwDeleteKey(key), STATUS_MEDIA_WRITE_PROTECTED);
+    EXPECT_EQ(RegSetKeySecurity(asHkey(key), 4, image.data()), ERROR_WRITE_PROTECT);
+    EXPECT_FALSE(hiveChanged(*hive));
 }
 
 /* What the loader finds. */
@@ -116,9 +137,9 @@ TEST_F(MountTest, HivesAreLoadedAndUnloaded) {
     constexpr auto* file = u"C:\\Users\\x\\ntuser.dat";
     const auto load = [&](HKEY root, LPCWSTR name) { return RegLoadKeyW(root, name, file); };
     EXPECT_EQ(load(HKEY_USERS, u"x"), ERROR_PRIVILEGE_NOT_HELD);
-    enablePrivilege(backupPrivilege);
-    EXPECT_EQ(load(HKEY_USERS, u"x"), ERROR_PRIVILEGE_NOT_HELD);
     enablePrivilege(restorePrivilege);
+    EXPECT_EQ(load(HKEY_USERS, u"x"), ERROR_PRIVILEGE_NOT_HELD);
+    enablePrivilege(backupPrivilege);
     EXPECT_EQ(load(HKEY_USERS, u"x"), ERROR_FILE_NOT_FOUND); /* no loader */
     registrySetLoader(loadFile);
     files.failure = STATUS_SHARING_VIOLATION;
@@ -129,7 +150,9 @@ TEST_F(MountTest, HivesAreLoadedAndUnloaded) {
     EXPECT_EQ(load(HKEY_LOCAL_MACHINE, u"a\\b"), ERROR_INVALID_PARAMETER);
     EXPECT_EQ(load(HKEY_LOCAL_MACHINE, nullptr), ERROR_INVALID_PARAMETER);
     EXPECT_EQ(load(nullptr, u"x"), ERROR_INVALID_HANDLE);
-    EXPECT_EQ(load(asHkey(open(u"")), u"x"), ERROR_INVALID_PARAMETER);
+    const HKEY below = asHkey(open(u""));
+    EXPECT_EQ(load(below, u"x"), ERROR_INVALID_PARAMETER);
+    RegCloseKey(below);
     EXPECT_EQ(RegLoadKeyW(HKEY_USERS, u"x", u""), ERROR_INVALID_PARAMETER);
 
     ASSERT_EQ(load(HKEY_USERS, u"x"), ERROR_SUCCESS);
@@ -143,6 +166,9 @@ TEST_F(MountTest, HivesAreLoadedAndUnloaded) {
     ASSERT_EQ(openKey(key, u"\\Registry\\User\\X\\link", {.attributes = OBJ_OPENLINK}), STATUS_SUCCESS);
     EXPECT_EQ(RegUnLoadKeyW(HKEY_USERS, u"x"), ERROR_ACCESS_DENIED); /* a link in memory is open */
     ZwClose(key);
+    enablePrivilege(restorePrivilege, 0);
+    EXPECT_EQ(RegUnLoadKeyW(HKEY_USERS, u"x"), ERROR_PRIVILEGE_NOT_HELD);
+    enablePrivilege(restorePrivilege);
     files.recording.failure = STATUS_DISK_FULL;
     EXPECT_EQ(RegUnLoadKeyW(HKEY_USERS, u"x"), ERROR_DISK_FULL);
     EXPECT_EQ(tryOpen(u"\\Registry\\User\\x\\made"), STATUS_SUCCESS); /* still mounted */
@@ -164,14 +190,10 @@ TEST_F(MountTest, TheInstallationIsOpenedByTheFirstCallThatNeedsIt) {
     setSystemOpener([] { return STATUS_REGISTRY_CORRUPT; });
     HANDLE key = nullptr;
     HKEY opened = nullptr;
-    WCHAR name[20];
-    DWORD length = 20;
     EXPECT_EQ(openKey(key, full(u"")), STATUS_REGISTRY_CORRUPT);
     EXPECT_EQ(createKey(key, full(u"x"), {}), STATUS_REGISTRY_CORRUPT);
     EXPECT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"TEST", 0, KEY_READ, &opened), ERROR_BADDB);
-    EXPECT_EQ(RegEnumKeyExW(HKEY_USERS, 0, name, &length, nullptr, nullptr, nullptr, nullptr), ERROR_BADDB);
     EXPECT_EQ(RegLoadKeyW(HKEY_USERS, u"x", u"C:\\x"), ERROR_BADDB);
-    setSystemOpener(nullptr);
 }
 
 } /* namespace */

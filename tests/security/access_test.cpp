@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "tests/security/shapes.h"
+#include "tests/support/descriptors.h"
 
 namespace {
 

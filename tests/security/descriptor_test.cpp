@@ -4,7 +4,7 @@
 
 #include <random>
 
-#include "tests/security/shapes.h"
+#include "tests/support/descriptors.h"
 
 namespace {
 
@@ -89,36 +89,28 @@ TEST(Descriptor, CallsOnLists) {
 /* A list is asked for entry by entry, in the order that the caller likes, and changes while it is. */
 TEST(Descriptor, EntriesOfALongListInAnyOrder) {
     std::vector<Image> entries;
-    for (uint32_t i = 0; i < 2500; i++)
-        entries.push_back(i % 3 == 0 ? Image{99, 0, 4, 0} : ace(0, 0, i, i % 3 == 1 ? users : everyone));
+    for (uint32_t i = 0; i < 1000; i++)
+        entries.push_back(i % 3 == 0 ? Image{99, 0, 4, 0} : ace(0, 0, i, users));
     std::vector<size_t> offsets = {8};
     for (const Image& one : entries) offsets.push_back(offsets.back() + one.size());
     const Exact bytes(acl(entries));
     auto* const list = reinterpret_cast<PACL>(bytes.bytes.get());
-    const auto expectEntry = [&](size_t index) {
+    std::mt19937 random(11);
+    for (size_t index = 0, turn = 0; turn < 5000; turn++) {
         LPVOID found = nullptr;
         ASSERT_TRUE(GetAce(list, static_cast<DWORD>(index), &found)) << index;
         ASSERT_EQ(found, bytes.bytes.get() + offsets[index]) << index;
-        if (entries[index].size() > 12) memset(static_cast<uint8_t*>(found) + 16, 0xFF, 4);
-    };
-    for (size_t i = 0; i < entries.size(); i++) expectEntry(i);
-    for (size_t i = entries.size(); i-- > 0;) expectEntry(i);
-    std::mt19937 random(11);
-    size_t index = 1000;
-    for (int i = 0; i < 5000; i++) {
-        index =
-            i % 50 == 0 ? random() % entries.size() : std::min(index + random() % 3, entries.size() + 0) - 1;
-        if (index >= entries.size()) index = 0;
-        expectEntry(index);
+        if (entries[index].size() > 4) memset(static_cast<uint8_t*>(found) + 16, 0xFF, 4);
+        if (turn % 50 == 0 && index + 1 < entries.size()) { /* two neighbours change places */
+            const Image first = entries[index], second = entries[index + 1];
+            memcpy(&bytes.bytes[offsets[index]], second.data(), second.size());
+            offsets[index + 1] = offsets[index] + second.size();
+            memcpy(&bytes.bytes[offsets[index + 1]], first.data(), first.size());
+            std::swap(entries[index], entries[index + 1]);
+        }
+        index = turn % 40 == 0 ? random() : index + random() % 3 + entries.size() - 1;
+        index %= entries.size();
     }
-    // Another list at the same address, with the same header: two entries that changed places.
-    expectEntry(4);
-    memcpy(&bytes.bytes[offsets[3]], entries[4].data(), entries[4].size());
-    memcpy(&bytes.bytes[offsets[3] + entries[4].size()], entries[3].data(), entries[3].size());
-    offsets[4] = offsets[3] + entries[4].size();
-    expectEntry(3);
-    expectEntry(4);
-    expectEntry(5);
 }
 
 TEST(Descriptor, QueryGivesTheParts) {
@@ -144,25 +136,38 @@ TEST(Descriptor, SetKeepsWhatIsNotNamed) {
     setAccessMode(AccessMode::unrefused);
     const Image stored = descriptor(stranger, users, audits, oldDacl, 0x3C01);
     Image given = descriptor(admins, everyone, {}, newDacl, 0x4708), image;
-    const std::tuple<SECURITY_INFORMATION, std::string, std::string, Image, Image, uint16_t> rows[] = {
-        // clang-format off
-        {1, admins, users, audits, oldDacl, 0xBC14},
-        {4, stranger, users, audits, newDacl, 0xAC1D},
-        {0x80000004, stranger, users, audits, newDacl, 0xBC1D},
-        {7, admins, everyone, audits, newDacl, 0xAC1C},
-        {8, stranger, users, {}, oldDacl, 0x9405},
-        {0x4000000F, admins, everyone, {}, newDacl, 0xE40C},
-        {0xF, admins, everyone, {}, newDacl, 0xC40C},
-        // clang-format on
+    struct {
+        SECURITY_INFORMATION parts;
+        uint16_t control;
+        std::string owner = stranger, group = users;
+        Image sacl = audits, dacl = oldDacl;
+    } const rows[] = {
+        {.parts = 1, .control = 0xBC14, .owner = admins},
+        {.parts = 4, .control = 0xAC1D, .dacl = newDacl},
+        {.parts = 0x80000004, .control = 0xBC1D, .dacl = newDacl},
+        {.parts = 7, .control = 0xAC1C, .owner = admins, .group = everyone, .dacl = newDacl},
+        {.parts = 8, .control = 0x9405, .sacl = {}},
+        {.parts = 0x4000000F,
+         .control = 0xE40C,
+         .owner = admins,
+         .group = everyone,
+         .sacl = {},
+         .dacl = newDacl},
+        {.parts = 0xF, .control = 0xC40C, .owner = admins, .group = everyone, .sacl = {}, .dacl = newDacl},
     };
-    for (const auto& [parts, owner, groupSid, sacl, dacl, control] : rows) {
-        SCOPED_TRACE(parts);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.parts);
         image = stored;
-        ASSERT_EQ(descriptorSet(image, parts, Exact(given).bytes.get(), image), STATUS_SUCCESS);
-        expectParts(image, owner, groupSid, sacl, dacl, control);
+        ASSERT_EQ(descriptorSet(image, row.parts, Exact(given).bytes.get(), image), STATUS_SUCCESS);
+        expectParts(image, row.owner, row.group, row.sacl, row.dacl, row.control);
     }
     given[3] = 0xC4;  // without the request bits
     EXPECT_EQ(image, given) << "byte for byte";
+    Image laidOut; /* with the list first */
+    ASSERT_EQ(descriptorQuery(given, 7, laidOut), STATUS_SUCCESS);
+    ASSERT_EQ(descriptorSet(stored, 0xF, Exact(laidOut).bytes.get(), image), STATUS_SUCCESS);
+    EXPECT_EQ(image, laidOut) << "byte for byte";
+    EXPECT_EQ(descriptorSet({}, 4, Exact(given).bytes.get(), image), STATUS_INVALID_SECURITY_DESCR);
     Image absent = descriptor(admins, everyone, {}, newDacl);
     absent[2] = 0;  // not present
     ASSERT_EQ(descriptorSet(stored, 0xF, Exact(absent).bytes.get(), image), STATUS_SUCCESS);
@@ -248,45 +253,23 @@ TEST(Descriptor, ChildInherits) {
 
 /* ---- Bent ones ---- */
 
-std::vector<Image> shapes() {
+TEST(Hostile, EveryCutIsRefused) {
     Image object(36);
     object[0] = 3;
     const Image dacl =
-        acl({ace(0, 0x13, 0x1F01FF, admins), ace(1, 0, 1, stranger), ace(0, 0x0B, GENERIC_ALL, "S-1-3-0"),
-             ace(5, 2, 1, users, object), ace(9, 0, 1, everyone)},
-            24);
+        acl({ace(0, 0x0B, GENERIC_ALL, "S-1-3-0"), ace(5, 2, 1, users, object), ace(9, 0, 1, users)}, 24);
     const Image sacl = acl({ace(2, 0xC2, 0x1301BF, stranger), ace(0x11, 0, 1, "S-1-16-8192")});
     Image shared = descriptor(stranger, "", sacl, {}, SE_DACL_PRESENT);
     memcpy(&shared[8], &shared[4], 4);    // the group is the owner
     memcpy(&shared[16], &shared[12], 4);  // and one list serves for both
-    return {descriptor(stranger, users, sacl, dacl, 0x0C00),
-            descriptor(self, admins, {}, dacl, SE_DACL_PROTECTED),
-            descriptor("", "", {}, {}, SE_DACL_PRESENT), descriptor(admins, "", acl({}), acl({}, 8)), shared};
-}
-
-TEST(Hostile, BentBytes) {
-    setAccessMode(AccessMode::unrefused);
-    std::mt19937 random(20240229);
-    int valid = 0, refused = 0;
-    for (const Image& shape : shapes()) {
+    for (const Image& shape : {descriptor(stranger, users, sacl, dacl, 0x0C00), shared,
+                               descriptor("", "", {}, {}, SE_DACL_PRESENT)}) {
         EXPECT_TRUE(descriptorValid(shape) && exercise(shape));
         for (size_t size = 0; size < shape.size(); size++) {
             const Image cut(shape.begin(), shape.begin() + static_cast<ptrdiff_t>(size));
             EXPECT_TRUE(exercise(cut) && !descriptorValid(cut)) << size;
         }
-        for (int round = 0; round < 8000; round++) {
-            Image bent = shape;
-            for (auto flips = 1 + random() % 3; flips > 0; flips--) {
-                // Half of the blows fall on the header, whose offsets rule everything else.
-                uint8_t& byte = bent[random() % (random() % 2 == 0 ? 20 : bent.size())];
-                byte = static_cast<uint8_t>(random() % 2 == 0 ? random() : 4 * (random() % 64));
-            }
-            if (round % 8 == 0) bent.resize(random() % (bent.size() + 1));
-            (descriptorValid(bent) ? valid : refused)++;
-            ASSERT_TRUE(exercise(bent)) << round;
-        }
     }
-    EXPECT_TRUE(valid > 2000 && refused > 2000);
 }
 
 TEST(Hostile, OneRuleEach) {
@@ -300,7 +283,7 @@ TEST(Hostile, OneRuleEach) {
         {"revision", {{0, 2}}}, {"not self-relative", {{3, 0}}}, {"sub-authorities", {{21, 16}}},
         {"owner inside the header", {{4, 12}, {12, 1}}}, {"owner off by two", {{4, off}}},
         {"owner beyond the end", {{5, 1}}}, {"owner across the group", {{21, 6}}},
-        {"owner inside the list", {{4, list + 16}}}, {"group is the list", {{8, list}}},
+        {"owner inside the list", {{4, list + 16}}}, {"group inside the list", {{8, list + 16}}},
         {"audits in an entry of the list", {{3, 0x80}, {2, 0x14}, {12, list + 20}, {list + 20, 2}, {list + 22, 8}}},
         {"list revision below", {{list, 1}}}, {"list revision above", {{list, 5}}},
         {"list beyond the end", {{list + 2, 0xFF}}}, {"list below its header", {{list + 2, 4}}},

@@ -1,7 +1,7 @@
 /* SIDs and the token. */
 #include <gtest/gtest.h>
 
-#include "tests/security/shapes.h"
+#include "tests/support/descriptors.h"
 
 namespace {
 
@@ -41,6 +41,7 @@ TEST(Sid, CallsTakeExactlyTheSidsOwnBytes) {
 
     longest[1] = 16;
     longest.resize(8 + 16 * 4);
+    EXPECT_EQ(sidToText(longest), "");
     for (const Image& bad : {Image{2, 1, 0, 0, 0, 0, 0, 5, 1, 0, 0, 0}, Image{1, 16}, longest}) {
         LPSTR none = nullptr;
         EXPECT_FALSE(ConvertSidToStringSidA(Exact(bad).bytes.get(), &none));
@@ -76,14 +77,12 @@ TEST_F(TokenTest, RecordsPointPastThemselves) {
 }
 
 TEST_F(TokenTest, PrivilegeNames) {
-    const std::pair<const char16_t*, DWORD> rows[] = {
-        // clang-format off
-        {u"SeCreateTokenPrivilege", 2}, {u"SeSecurityPrivilege", 8}, {u"SeTakeOwnershipPrivilege", 9},
-        {u"sebackupprivilege", 17}, {u"SERESTOREPRIVILEGE", 18}, {u"SeShutdownPrivilege", 19},
-        {u"SeChangeNotifyPrivilege", 23}, {u"SeCreateSymbolicLinkPrivilege", 35},
-        {u"", 0}, {u"SeShutdown", 0}, {u"SeShutdownPrivilegeX", 0},
-        // clang-format on
-    };
+    const std::pair<const char16_t*, DWORD> rows[] = {{u"SeCreateTokenPrivilege", 2},
+                                                      {u"SERESTOREPRIVILEGE", 18},
+                                                      {u"SeCreateSymbolicLinkPrivilege", 35},
+                                                      {u"", 0},
+                                                      {u"SeShutdown", 0},
+                                                      {u"SeShutdownPrivilegeX", 0}};
     for (const auto& [name, number] : rows) {
         LUID luid = {0, 0};
         EXPECT_EQ(LookupPrivilegeValueW(nullptr, name, &luid), number != 0 ? TRUE : FALSE);
@@ -95,19 +94,29 @@ TEST_F(TokenTest, PrivilegeNames) {
 TEST_F(TokenTest, AdjustsPrivileges) {
     EXPECT_TRUE(privilegeEnabled(23));
     removePrivilege(shutdownPrivilege);
-    const std::tuple<std::vector<std::pair<uint64_t, DWORD>>, DWORD, uint32_t, uint32_t> rows[] = {
-        // clang-format off
-        /* changes, error, one that is enabled afterwards and one that is not */
-        {{}, 0, 23, backupPrivilege},
-        {{{backupPrivilege, 2}, {restorePrivilege, 2}}, 0, backupPrivilege, securityPrivilege},
-        {{{backupPrivilege, 0}}, 0, restorePrivilege, backupPrivilege},
-        {{{backupPrivilege, 2}, {backupPrivilege, 0}}, 0, restorePrivilege, backupPrivilege},
-        {{{shutdownPrivilege, 2}, {securityPrivilege, 2}}, 1300, securityPrivilege, shutdownPrivilege},
-        {{{0, 2}}, 1300, 23, 0}, {{{1, 2}}, 1300, 23, 1}, {{{36, 2}}, 1300, 23, 36},
-        {{{UINT32_MAX, 2}}, 1300, 23, UINT32_MAX}, {{{0x100000011, 2}}, 1300, 23, backupPrivilege},
-        {{{securityPrivilege, 6}}, 0, 23, securityPrivilege}, /* removed for good */
-        {{{securityPrivilege, 2}}, 1300, 23, securityPrivilege},
-        // clang-format on
+    constexpr DWORD on = SE_PRIVILEGE_ENABLED, removed = 4;
+    struct {
+        std::vector<std::pair<uint64_t, DWORD>> changes;
+        DWORD error = 0;
+        uint32_t enabled = 23, disabled; /* one that is afterwards, and one that is not */
+    } const rows[] = {
+        {.changes = {}, .disabled = backupPrivilege},
+        {.changes = {{backupPrivilege, on}, {restorePrivilege, on}},
+         .enabled = backupPrivilege,
+         .disabled = securityPrivilege},
+        {.changes = {{backupPrivilege, 0}}, .enabled = restorePrivilege, .disabled = backupPrivilege},
+        {.changes = {{backupPrivilege, on}, {backupPrivilege, 0}}, .disabled = backupPrivilege},
+        {.changes = {{shutdownPrivilege, on}, {securityPrivilege, on}},
+         .error = ERROR_NOT_ALL_ASSIGNED,
+         .enabled = securityPrivilege,
+         .disabled = shutdownPrivilege},
+        {.changes = {{1, on}}, .error = ERROR_NOT_ALL_ASSIGNED, .disabled = 1},
+        {.changes = {{36, on}}, .error = ERROR_NOT_ALL_ASSIGNED, .disabled = 36},
+        {.changes = {{0x100000011, on}}, .error = ERROR_NOT_ALL_ASSIGNED, .disabled = backupPrivilege},
+        {.changes = {{securityPrivilege, on | removed}}, .disabled = securityPrivilege},
+        {.changes = {{securityPrivilege, on}},
+         .error = ERROR_NOT_ALL_ASSIGNED,
+         .disabled = securityPrivilege},
     };
     for (const auto& [changes, error, enabled, disabled] : rows) {
         EXPECT_EQ(adjust(token, changes), error);
@@ -135,6 +144,9 @@ TEST_F(TokenTest, Refuses) {
     EXPECT_FALSE(GetTokenInformation(adjustOnly, TokenUser, nullptr, 0, &length));
     EXPECT_EQ(GetLastError(), 5u);
     EXPECT_EQ(adjust(query, {{backupPrivilege, 2}}), 5u);
+    TOKEN_PRIVILEGES previous = {};
+    EXPECT_FALSE(AdjustTokenPrivileges(adjustOnly, TRUE, nullptr, sizeof previous, &previous, &length));
+    EXPECT_EQ(GetLastError(), 5u);
     CloseHandle(query);
     CloseHandle(adjustOnly);
     EXPECT_EQ(adjust(query, {{backupPrivilege, 2}}), 6u) << "closed";

@@ -3,6 +3,6 @@
 
 namespace {
 
-const offline::Session session;
+offline::Session session;
 
 } /* namespace */

@@ -4,7 +4,7 @@
 
 #include <array>
 
-#include "tests/engine/scripted.h"
+#include "tests/support/watched.h"
 #include "tool/run.h"
 
 /* So many characters that can't be shown. */
@@ -24,7 +24,7 @@ TEST(Text, EachDirective) {
         {text("%08X|%4d|%04d|%-", 0x12, -5, -5), "00000012|  -5|-005|-"},
         {text("%Id %Id", INT64_MIN, int64_t{5}), "-9223372036854775808 5"},
         {text("%#Ix", uint64_t{0xFFFFFFFF80000001}), "0xffffffff80000001"},
-        {text("%p %p", fakeHandle(0xDEADBEEF01), nullptr), "0xdeadbeef01 0x0"},
+        {text("%p %p", reinterpret_cast<void*>(0xDEADBEEF01), nullptr), "0xdeadbeef01 0x0"},
         {text("%s|%hs|100%%", "narrow", "half"), "narrow|half|100%"},
         {text("%s|%ws|%wZ", nullptr, nullptr, nullptr), "(null)|(null)|(null)"},
         {text("%ws", u"a\u00E9\u20AC\U0001F600"), "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"},
@@ -52,26 +52,6 @@ TEST(Text, CountedStringsWithHalvesOfPairs) {
         const UNICODE_STRING string = {length, length, block.data()};
         EXPECT_EQ(text("[%wZ]", &string), "[" + expected + "]");
     }
-}
-
-TEST(LogSink, LevelsPassFromTheirVerbosityOn) {
-    const struct {
-        int level, gate; /* the lowest verbosity that lets it pass */
-        const char* word;
-    } rows[] = {
-        {1, -9, "CRITICAL"}, {2, -9, "ALERT   "}, {3, -9, "ERROR   "}, {4, 0, "WARN    "},
-        {5, 1, "NOTICE  "},  {6, 1, "INFO    "},  {7, 2, "DEBUG   "},  {8, 2, "TRACE   "},
-        {9, -9, "UNKNOWN "}, {0, -9, "UNKNOWN "},
-    };
-    for (const auto& row : rows) {
-        for (verbosity = -2; verbosity <= 3; verbosity++) {
-            testing::internal::CaptureStderr();
-            logToConsole("common/memory", "ombraMalloc", 17, row.level, 0, "%d of %ws", 5, u"x");
-            const std::string line = std::string(row.word) + " [common/memory:17] ombraMalloc 5 of x\n";
-            EXPECT_EQ(testing::internal::GetCapturedStderr(), verbosity >= row.gate ? line : "") << verbosity;
-        }
-    }
-    verbosity = 0;
 }
 
 /* Each write to this stream is a packet of its own. */

@@ -1,10 +1,8 @@
 #include "tests/volume/images.h"
 
-#include <sys/types.h>
 #include <zlib.h>
 
 #include <array>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -12,66 +10,11 @@
 #include <fstream>
 
 #include "platform/offline/volume/partition_layout.h"
-
-extern "C" {
-ssize_t __real_pread(int file, void* bytes, size_t count, off_t offset);
-ssize_t __real_pwrite(int file, const void* bytes, size_t count, off_t offset);
-int __real_fdatasync(int file);
-
-ssize_t __wrap_pread(int file, void* bytes, size_t count, off_t offset) {
-    images::Failures& failures = images::failures;
-    if (failures.preadsLeft == 0) {
-        if (failures.once) failures.preadsLeft = -1;
-        failures.refused = true;
-        errno = EIO;
-        return -1;
-    }
-    if (failures.preadsLeft > 0) --failures.preadsLeft;
-    return __real_pread(file, bytes, count, offset);
-}
-
-ssize_t __wrap_pwrite(int file, const void* bytes, size_t count, off_t offset) {
-    images::Failures& failures = images::failures;
-    if (failures.pwritesLeft == 0) {
-        errno = failures.pwriteError;
-        return -1;
-    }
-    if (failures.pwritesLeft > 0) --failures.pwritesLeft;
-    failures.calls.emplace_back('w', offset);
-    return __real_pwrite(file, bytes, count, offset);
-}
-
-int __wrap_fdatasync(int file) {
-    images::Failures& failures = images::failures;
-    if (failures.fdatasyncsLeft == 0) {
-        errno = EIO;
-        return -1;
-    }
-    if (failures.fdatasyncsLeft > 0) --failures.fdatasyncsLeft;
-    failures.calls.emplace_back('s', 0);
-    return __real_fdatasync(file);
-}
-}
+#include "tests/support/descriptors.h"
 
 namespace images {
 
-LoopDevice::LoopDevice(const std::string& file, uint64_t offset, uint64_t size) {
-    const std::string command = "losetup -f --show -o " + std::to_string(offset) +
-                                (size == 0 ? "" : " --sizelimit " + std::to_string(size)) + " '" + file +
-                                "' 2>/dev/null";
-    FILE* const said = popen(("PATH=$PATH:/usr/sbin:/sbin " + command).c_str(), "r");
-    std::array<char, 64> line = {};
-    if (fgets(line.data(), line.size(), said) != nullptr)
-        name.assign(line.data(), strcspn(line.data(), "\n"));
-    pclose(said);
-}
-
-LoopDevice::~LoopDevice() {
-    if (name.empty() || system(("PATH=$PATH:/usr/sbin:/sbin losetup -d " + name).c_str()) == 0) return;
-    ADD_FAILURE() << name << " can't be given back";
-}
-
-Failures failures;
+offline::Faults failures;
 
 void ImageTest::SetUp() {
     std::string pattern = (std::filesystem::temp_directory_path() / "quillet-volume-XXXXXX").string();
@@ -86,20 +29,21 @@ void ImageTest::TearDown() {
 }
 
 ByteVector ImageTest::ntfs(size_t size, uint64_t startSector) {
-    std::string image = path("fresh.img");
-    writeFile(image, {});
-    std::filesystem::resize_file(image, size);
-    std::string made = outputOf("PATH=$PATH:/sbin:/usr/sbin mkntfs -F -Q -q -s 512 -H 255 -S 63 -p " +
-                                std::to_string(startSector) + " " + image);
-    ByteVector bytes = readFile(image);
-    std::filesystem::remove(image);
-    EXPECT_EQ(get<uint64_t>(bytes, 3), 0x202020205346544Eu) << made;
-    return bytes;
+    makeNtfs(path("fresh.img"), size, startSector);
+    return readFile(path("fresh.img"));
 }
 
 std::string ImageTest::ntfsImage() {
-    writeFile(path("volume.img"), ntfs());
+    makeNtfs(path("volume.img"), 4 * mebibyte);
     return path("volume.img");
+}
+
+void makeNtfs(const std::string& image, size_t size, uint64_t startSector) {
+    writeFile(image, {});
+    std::filesystem::resize_file(image, size);
+    const std::string made = outputOf("PATH=$PATH:/sbin:/usr/sbin mkntfs -F -Q -q -s 512 -H 255 -S 63 -p " +
+                                      std::to_string(startSector) + " " + image);
+    EXPECT_EQ(get<uint64_t>(readFile(image), 3), 0x202020205346544Eu) << made;
 }
 
 ByteVector readFile(const std::string& path) {
@@ -176,9 +120,36 @@ void putGpt(ByteVector& disk, size_t sectorSize, const std::vector<TablePart>& p
     putGptCopy(disk, sectorSize, sectors - 1, sectors - 1 - arraySectors, parts);
 }
 
+size_t recordAt(const ByteVector& image, FileRef file, size_t mft) {
+    return get<uint64_t>(image, mft) * image[0x0D] * 512 + (file & UINT32_MAX) * 1024;
+}
+
+size_t attributeAt(const ByteVector& image, FileRef file, uint32_t type, size_t mft) {
+    size_t at = recordAt(image, file, mft);
+    at += get<uint16_t>(image, at + 20);
+    while (get<uint32_t>(image, at) < type) at += get<uint32_t>(image, at + 4);
+    EXPECT_EQ(get<uint32_t>(image, at), type);
+    return at;
+}
+
+size_t valueAt(const ByteVector& image, FileRef file, uint32_t type, size_t mft) {
+    const size_t at = attributeAt(image, file, type, mft);
+    return at + get<uint16_t>(image, at + 20);
+}
+
+ByteVector descriptor(uint32_t number, uint16_t control) {
+    const std::string who = "S-1-5-21-1-2-3-" + std::to_string(number);
+    ByteVector bytes = ::descriptor(who, admins, {}, acl({ace(0, 0, 0x1F01FF, who)}));
+    put(bytes, 2, control);
+    return bytes;
+}
+
 OpenVolume::OpenVolume(const std::string& path, offline::DiskAccess access) {
     std::vector<offline::Partition> partitions;
-    if (offline::diskOpen(path, access, disk, problem) < 0) return;
+    offline::BlockDevicePtr file;
+    if (offline::fileDeviceOpen(path, access, file, problem) < 0) return;
+    file = std::make_unique<offline::FaultDevice>(std::move(file), failures);
+    if (offline::diskOver(std::move(file), access, disk) < 0) return;
     if (offline::diskPartitions(*disk, partitions, problem) < 0) return;
     offline::volumeOpen(*disk, partitions.at(0), volume, problem);
 }
@@ -189,33 +160,39 @@ NTSTATUS OpenVolume::close() {
     return status;
 }
 
-ByteVector descriptor(uint32_t number, uint16_t control) {
-    ByteVector bytes(20 + 28 + 16 + 44);
-    bytes[0] = 1;
-    put(bytes, 2, control);
-    put<uint32_t>(bytes, 4, 20);  /* owner */
-    put<uint32_t>(bytes, 8, 48);  /* group */
-    put<uint32_t>(bytes, 16, 64); /* dacl */
-    auto putSid = [&](size_t at) {
-        const uint32_t parts[5] = {21, 1, 2, 3, number};
-        bytes[at] = 1;
-        bytes[at + 1] = 5;
-        bytes[at + 7] = 5;
-        for (size_t i = 0; i < 5; ++i) put<uint32_t>(bytes, at + 8 + 4 * i, parts[i]);
-    };
-    putSid(20);
-    bytes[48] = 1; /* S-1-5-32-544 */
-    bytes[49] = 2;
-    bytes[55] = 5;
-    put<uint32_t>(bytes, 56, 32);
-    put<uint32_t>(bytes, 60, 544);
-    bytes[64] = 2;
-    put<uint16_t>(bytes, 66, 44);
-    put<uint16_t>(bytes, 68, 1);
-    put<uint16_t>(bytes, 74, 36);
-    put<uint32_t>(bytes, 76, 0x1F01FF);
-    putSid(80);
-    return bytes;
+FileRef OpenVolume::make(const std::u16string& name, const ByteVector& descriptor, FileRef directory,
+                         offline::NewFile kind) {
+    FileRef file = 0;
+    EXPECT_EQ(offline::volumeCreate(*volume, directory, name, kind, descriptor, file), STATUS_SUCCESS);
+    return file;
+}
+
+FileRef OpenVolume::makeDirectory(const std::u16string& name, FileRef directory) {
+    return make(name, descriptor(1), directory, offline::NewFile::directory);
+}
+
+FileRef OpenVolume::fill(FileRef directory, unsigned count) {
+    FileRef last = 0;
+    for (unsigned i = 0; i < count; ++i) {
+        const std::u16string name =
+            u"a rather long name of a file " + std::u16string(1, char16_t(0x4E00 + i));
+        last = make(name, descriptor(1), directory);
+    }
+    return last;
+}
+
+ByteVector OpenVolume::read(FileRef file) {
+    offline::Bytes bytes;
+    EXPECT_EQ(offline::volumeDescriptor(*volume, file, bytes), STATUS_SUCCESS);
+    return {bytes.begin(), bytes.end()};
+}
+
+std::vector<std::u16string> OpenVolume::names(FileRef directory) {
+    offline::DirectoryListing listing;
+    EXPECT_EQ(offline::volumeList(*volume, directory, listing), STATUS_SUCCESS);
+    std::vector<std::u16string> result;
+    for (const offline::DirectoryEntry& entry : listing.entries) result.emplace_back(listing.name(entry));
+    return result;
 }
 
 } /* namespace images */

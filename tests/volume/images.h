@@ -1,4 +1,4 @@
-/* Disk images for the tests of this room, made on the fly. */
+/* Disk images for tests, made on the fly. */
 #ifndef QUILLET_TESTS_VOLUME_IMAGES_H
 #define QUILLET_TESTS_VOLUME_IMAGES_H
 
@@ -10,22 +10,15 @@
 #include <vector>
 
 #include "platform/offline/volume/volume.h"
+#include "tests/support/fault_device.h"
 
 namespace images {
 
 using ByteVector = std::vector<uint8_t>;
+using offline::FileRef;
 constexpr size_t mebibyte = 1024 * 1024;
 
 /* A directory of its own for each test, removed with everything in it. */
-/* A loop device over a part of a file, until the end; without a name where the system lends none. */
-struct LoopDevice {
-    std::string name;
-    LoopDevice(const std::string& file, uint64_t offset, uint64_t size);
-    ~LoopDevice();
-    LoopDevice(const LoopDevice&) = delete;
-    LoopDevice& operator=(const LoopDevice&) = delete;
-};
-
 struct ImageTest : testing::Test {
     std::string directory;
     void SetUp() override;
@@ -38,6 +31,8 @@ struct ImageTest : testing::Test {
     std::string ntfsImage();
 };
 
+/* Makes the file anew, with a fresh NTFS volume that starts at a sector of its disk. */
+void makeNtfs(const std::string& image, size_t size, uint64_t startSector = 0);
 ByteVector readFile(const std::string& path);
 void writeFile(const std::string& path, const ByteVector& bytes);
 std::string outputOf(const std::string& command); /* standard output and error */
@@ -67,29 +62,37 @@ void putMbr(ByteVector& disk, const std::vector<TablePart>& parts);
 void putGpt(ByteVector& disk, size_t sectorSize, const std::vector<TablePart>& parts);
 void sealGptHeader(ByteVector& disk, size_t offset);
 
-/* An open volume on a raw image. */
-struct OpenVolume {
-    offline::DiskPtr disk;
-    offline::VolumePtr volume;
-    offline::Problem problem;
-
-    explicit OpenVolume(const std::string& path, offline::DiskAccess access = offline::DiskAccess::readWrite);
-    offline::Volume& get() const { return *volume; }
-    NTSTATUS close();
-};
+/* Where a file's MFT record, and the value of a resident attribute in it, lie in a volume whose MFT is in one
+ * piece; mft: the field of the boot sector that says where that, or its mirror, begins. */
+constexpr size_t mftField = 0x30, mirrorField = 0x38;
+size_t recordAt(const ByteVector& image, FileRef file, size_t mft = mftField);
+size_t attributeAt(const ByteVector& image, FileRef file, uint32_t type, size_t mft = mftField);
+size_t valueAt(const ByteVector& image, FileRef file, uint32_t type, size_t mft = mftField);
 
 /* A self-relative descriptor whose owner and only entry are distinguished by the number. */
 ByteVector descriptor(uint32_t number, uint16_t control = SE_SELF_RELATIVE | SE_DACL_PRESENT);
 
-/* The calls of the system that fail from now on: those after the first so many. */
-struct Failures {
-    long preadsLeft = -1, pwritesLeft = -1, fdatasyncsLeft = -1; /* negative: all succeed */
-    bool once = false;                                           /* only the first of those fails */
-    bool refused = false;                                        /* a read was */
-    int pwriteError = 5;
-    std::vector<std::pair<char, long>> calls; /* 'w' and its offset, 's' */
+/* What the devices of open volumes refuse from now on, and what they were asked. */
+extern offline::Faults failures;
+
+/* An open volume on a raw image. */
+struct OpenVolume {
+    offline::DiskPtr disk;
+    offline::VolumePtr volume; /* null: refused */
+    offline::Problem problem;
+
+    explicit OpenVolume(const std::string& path, offline::DiskAccess access = offline::DiskAccess::readWrite);
+    operator offline::Volume&() const { return *volume; }
+    NTSTATUS close();
+
+    FileRef make(const std::u16string& name, const ByteVector& descriptor = images::descriptor(1),
+                 FileRef directory = offline::rootDirectory, offline::NewFile kind = offline::NewFile::file);
+    FileRef makeDirectory(const std::u16string& name, FileRef directory = offline::rootDirectory);
+    /* So many files with long names; the last one. */
+    FileRef fill(FileRef directory, unsigned count);
+    ByteVector read(FileRef file);
+    std::vector<std::u16string> names(FileRef directory = offline::rootDirectory);
 };
-extern Failures failures;
 
 } /* namespace images */
 

@@ -3,10 +3,13 @@
 
 using namespace offline;
 using images::ByteVector;
-using images::descriptor;
+using images::get;
 using images::OpenVolume;
 
 namespace {
+
+constexpr FileRef secureFile = 9;
+constexpr uint32_t indexRoot = 0x90, bitmap = 0xB0;
 
 struct SecureIndexes : images::ImageTest {
     ByteVector sound;
@@ -16,121 +19,93 @@ struct SecureIndexes : images::ImageTest {
         images::ImageTest::SetUp();
         const std::string image = ntfsImage();
         OpenVolume opened(image);
-        for (uint32_t i = 0; i < 300; i++) {
-            FileRef file = 0;
-            const std::u16string name = u"file " + std::u16string(1, static_cast<char16_t>(0x4E00 + i));
-            ASSERT_EQ(
-                volumeCreate(opened.get(), rootDirectory, name, NewFile::file, descriptor(2000 + i), file),
-                STATUS_SUCCESS);
-        }
+        for (uint32_t i = 0; i < 300; i++) opened.make({char16_t(0x4E00 + i)}, images::descriptor(2000 + i));
         ASSERT_EQ(opened.close(), STATUS_SUCCESS);
         sound = images::readFile(image);
         for (size_t at = 0; at < sound.size(); at += 4096) {
-            const bool index = sound[at] == 'I' && sound[at + 1] == 'N' && sound[at + 2] == 'D';
-            const size_t entry = at + 24 + (index ? images::get<uint32_t>(sound, at + 24) : 0);
-            const uint16_t dataAt = index ? images::get<uint16_t>(sound, entry) : 0;
+            if (get<uint32_t>(sound, at) != 0x58444E49) continue; /* INDX */
+            const uint16_t dataAt = get<uint16_t>(sound, firstEntry(at));
             if (dataAt == 20 || dataAt == 24) blocks.push_back(at);
         }
+        ASSERT_GE(blocks.size(), 6u); /* of several levels */
+        EXPECT_EQ(verdict(sound), "sound");
     }
+    size_t firstEntry(size_t block) const { return block + 24 + get<uint32_t>(sound, block + 24); }
+    bool inner(size_t block) const { return (sound[block + 36] & 1) != 0; }
 
-    /* What opening says of the volume as it is here. */
+    /* What opening for changes would say of the volume. */
     std::string verdict(const ByteVector& image) const {
         images::writeFile(path("tried.img"), image);
-        const OpenVolume opened(path("tried.img"));
+        const OpenVolume opened(path("tried.img"), DiskAccess::trial);
         return opened.volume != nullptr ? "sound" : opened.problem.text;
+    }
+    void expectRefused(size_t at, uint64_t value, size_t size, const std::string& what) const {
+        ByteVector image = sound;
+        for (size_t i = 0; i < size; i++) image[at + i] = static_cast<uint8_t>(value >> (8 * i));
+        const std::string said = verdict(image);
+        /* The library itself does not take every root. */
+        EXPECT_NE(said.find(what == "root" ? "damaged" : "index of security descriptors"), said.npos) << what;
+        const OpenVolume looked(path("tried.img"), DiskAccess::readOnly);
+        EXPECT_TRUE(looked.volume != nullptr || what == "root") << what << looked.problem.text;
     }
 };
 
+/* A number written into each block, or into its first entry. */
 TEST_F(SecureIndexes, EveryDamageIsRefusedBeforeAChange) {
-    ASSERT_GE(blocks.size(), 6u); /* of several levels */
-    EXPECT_EQ(verdict(sound), "sound");
-    struct Damage {
+    const struct {
         const char* what;
-        size_t at; /* bytes from the block's first entry */
+        bool entry = true;
+        size_t at, size = 2; /* bytes */
         uint64_t value;
-        size_t size; /* bytes */
+    } damages[] = {
+        {.what = "update sequence", .entry = false, .at = 4, .size = 4, .value = 0x0009FFF8},
+        {.what = "number", .entry = false, .at = 16, .size = 4, .value = 0x7FFFFFF8},
+        {.what = "first entry", .entry = false, .at = 24, .size = 4, .value = 0x7FFFFFF8},
+        {.what = "length", .entry = false, .at = 28, .size = 4, .value = 0x7FFFFFF8},
+        {.what = "room beyond the block", .entry = false, .at = 32, .size = 4, .value = 0x7FFFFFF8},
+        {.what = "room below the block", .entry = false, .at = 32, .size = 4, .value = 0xFC8},
+        {.what = "data before the key", .at = 0, .value = 4},
+        {.what = "data after the entry", .at = 0, .value = 4000},
+        {.what = "data too long", .at = 2, .value = 2048},
+        {.what = "entry without a size", .at = 8, .value = 0},
+        {.what = "entry of an odd size", .at = 8, .value = 41},
+        {.what = "entry beyond the node", .at = 8, .value = 0xFFF8},
+        {.what = "key of another size", .at = 10, .value = 12},
+        {.what = "the key above the next", .at = 16, .size = 4, .value = 0xFFFFFFFF},
     };
-    // clang-format off
-    const Damage damages[] = {
-        {"data before the key", 0, 4, 2}, {"data after the entry", 0, 4000, 2}, {"data too long", 2, 2048, 2},
-        {"entry without a size", 8, 0, 2}, {"entry of an odd size", 8, 41, 2}, {"entry beyond the node", 8, 0xFFF8, 2},
-        {"key of another size", 10, 12, 2}, {"a subnode where there is none, or none", 12, 1, 1},
-        {"the key above the next", 16, 0xFFFFFFFF, 4},
-    };
-    // clang-format on
     for (const size_t block : blocks) {
-        const size_t entry = block + 24 + images::get<uint32_t>(sound, block + 24);
-        const bool inner = (sound[block + 36] & 1) != 0;
-        for (const Damage& damage : damages) {
-            ByteVector image = sound;
-            const uint64_t value = damage.at == 12 && inner ? 0 : damage.value;
-            for (size_t i = 0; i < damage.size; i++) {
-                image[entry + damage.at + i] = static_cast<uint8_t>(value >> (8 * i));
+        for (const auto& damage : damages) {
+            const size_t start = damage.entry ? firstEntry(block) : block;
+            expectRefused(start + damage.at, damage.value, damage.size, damage.what);
+        }
+        expectRefused(firstEntry(block) + 12, inner(block) ? 0 : 1, 1, "subnode");
+        /* An id that only the hashes lead to: what a file would get that has an equal descriptor. */
+        if (get<uint16_t>(sound, firstEntry(block)) == 20 && !inner(block))
+            expectRefused(firstEntry(block) + 12, 2, 1, "the node ends before its entries");
+    }
+}
+
+/* What the roots say of themselves, which blocks are in use, and the stream that the entries lead to. */
+TEST_F(SecureIndexes, RootsBitmapsAndStreamHaveToAgree) {
+    int seen = 0;
+    for (size_t at = images::attributeAt(sound, secureFile, indexRoot);
+         get<uint32_t>(sound, at) != 0xFFFFFFFF; at += get<uint32_t>(sound, at + 4)) {
+        const size_t value = at + get<uint16_t>(sound, at + 20);
+        if (get<uint32_t>(sound, at) == bitmap) {
+            ++seen;
+            expectRefused(value, sound[value] & 0xFE, 1, "bitmap");
+        } else if (get<uint32_t>(sound, at) == indexRoot) {
+            ++seen;
+            for (const auto& [field, number] :
+                 {std::pair<size_t, uint32_t>{0, 0x30}, {4, 1}, {8, 100}, {24, 0x1000}}) {
+                expectRefused(value + field, number, 4, "root");
             }
-            EXPECT_NE(verdict(image).find("index of security descriptors"), std::string::npos) << damage.what;
-        }
-        /* the update sequence, number, first entry, length, room */
-        for (const auto& [field, value] : {std::pair<size_t, uint32_t>{4, 0x0009FFF8},
-                                           {16, 0x7FFFFFF8},
-                                           {24, 0x7FFFFFF8},
-                                           {28, 0x7FFFFFF8},
-                                           {32, 0x7FFFFFF8},
-                                           {32, images::get<uint32_t>(sound, block + 28)}}) {
-            ByteVector image = sound;
-            images::put<uint32_t>(image, block + field, value);
-            EXPECT_NE(verdict(image), "sound") << field;
         }
     }
-}
-
-/* What the roots say of themselves: kind, order, size of a block, room; and which blocks are in use. */
-TEST_F(SecureIndexes, TheRootsAndTheBitmaps) {
-    const size_t record = images::get<uint64_t>(sound, 0x30) * sound[0x0D] * 512 + size_t{9} * 1024;
-    int roots = 0, bitmaps = 0;
-    for (size_t at = record + images::get<uint16_t>(sound, record + 20);
-         images::get<uint32_t>(sound, at) != 0xFFFFFFFF; at += images::get<uint32_t>(sound, at + 4)) {
-        const uint32_t type = images::get<uint32_t>(sound, at);
-        const size_t value = at + images::get<uint16_t>(sound, at + 20);
-        if (type == 0xB0) {
-            ++bitmaps;
-            ByteVector image = sound;
-            image[value] &= 0xFE;
-            EXPECT_NE(verdict(image), "sound");
-        }
-        if (type != 0x90) continue;
-        ++roots;
-        for (const auto& [field, number] :
-             {std::pair<size_t, uint32_t>{0, 0x30}, {4, 1}, {8, 100}, {24, 0x1000}}) {
-            ByteVector image = sound;
-            images::put<uint32_t>(image, value + field, number);
-            EXPECT_NE(verdict(image), "sound") << field;
-        }
-    }
-    EXPECT_EQ(roots, 2);
-    EXPECT_EQ(bitmaps, 2);
-}
-
-TEST_F(SecureIndexes, TheStreamHasToAgree) {
-    const size_t entry = blocks[0] + 24 + images::get<uint32_t>(sound, blocks[0] + 24);
-    const size_t data = entry + images::get<uint16_t>(sound, entry);
-    for (const size_t field : {size_t{0}, size_t{4}, size_t{8}, size_t{16}}) { /* hash, id, offset, length */
-        ByteVector image = sound;
-        image[data + field] ^= 1;
-        EXPECT_NE(verdict(image).find("index of security descriptors"), std::string::npos) << field;
-        const OpenVolume looked(path("tried.img"), DiskAccess::readOnly);
-        EXPECT_NE(looked.volume, nullptr) << looked.problem.text;
-    }
-    /* An id that only the hashes lead to: what a file would get that has an equal descriptor. */
-    int leaves = 0;
-    for (const size_t block : blocks) {
-        const size_t first = block + 24 + images::get<uint32_t>(sound, block + 24);
-        if (images::get<uint16_t>(sound, first) != 20 || (sound[block + 36] & 1) != 0) continue;
-        ++leaves;
-        ByteVector image = sound;
-        image[first + 12] |= 2; /* the node ends before it */
-        EXPECT_NE(verdict(image).find("index of security descriptors"), std::string::npos);
-    }
-    EXPECT_GT(leaves, 0);
+    EXPECT_EQ(seen, 4);
+    const size_t data = firstEntry(blocks[0]) + get<uint16_t>(sound, firstEntry(blocks[0]));
+    for (const size_t field : {size_t{0}, size_t{4}, size_t{8}, size_t{16}}) /* hash, id, offset, length */
+        expectRefused(data + field, sound[data + field] ^ 1, 1, "entry");
 }
 
 } /* namespace */

@@ -1,6 +1,4 @@
 #include <algorithm>
-#include <cstring>
-#include <random>
 
 #include "tests/volume/images.h"
 
@@ -8,413 +6,355 @@ using namespace offline;
 using images::ByteVector;
 using images::descriptor;
 using images::OpenVolume;
+using images::put;
 
 namespace {
 
 struct VolumeTest : images::ImageTest {
-    void expectRefused(const std::string& image, NTSTATUS status, const std::string& words) {
-        for (DiskAccess access : {DiskAccess::readWrite, DiskAccess::readOnly}) {
-            ByteVector before = images::readFile(image);
-            OpenVolume opened(image, access);
-            EXPECT_EQ(opened.volume, nullptr);
-            EXPECT_EQ(opened.problem.status, status) << words;
-            EXPECT_TRUE(opened.problem.text.starts_with(image)) << opened.problem.text;
-            EXPECT_NE(opened.problem.text.find(words), std::string::npos) << opened.problem.text;
-            opened.disk.reset();
+    std::string image;
+    void SetUp() override {
+        ImageTest::SetUp();
+        image = ntfsImage();
+    }
+    void expectRefused(NTSTATUS status, const std::string& words) const {
+        const ByteVector before = images::readFile(image);
+        for (DiskAccess access : {DiskAccess::readWrite, DiskAccess::trial, DiskAccess::readOnly}) {
+            {
+                const OpenVolume opened(image, access);
+                EXPECT_EQ(opened.volume, nullptr);
+                EXPECT_EQ(opened.problem.status, status) << words;
+                EXPECT_TRUE(opened.problem.text.starts_with(image)) << opened.problem.text;
+                EXPECT_NE(opened.problem.text.find(words), std::string::npos) << opened.problem.text;
+            }
             EXPECT_EQ(images::readFile(image), before);
         }
     }
-    static FileRef make(OpenVolume& opened, std::u16string_view name, NewFile kind = NewFile::file,
-                        FileRef directory = rootDirectory) {
-        FileRef file = 0;
-        EXPECT_EQ(volumeCreate(opened.get(), directory, name, kind, descriptor(1000), file), STATUS_SUCCESS);
-        return file;
-    }
-    static std::vector<std::u16string> names(OpenVolume& opened, FileRef directory = rootDirectory) {
-        DirectoryListing listing;
-        EXPECT_EQ(volumeList(opened.get(), directory, listing), STATUS_SUCCESS);
-        std::vector<std::u16string> result;
-        for (const DirectoryEntry& entry : listing.entries) result.emplace_back(listing.name(entry));
-        return result;
-    }
 };
 
-/* A journal in use: the restart page that Windows leaves while the volume is mounted, as published. */
-void markJournalInUse(ByteVector& image, size_t journal) {
-    using images::put;
-    constexpr size_t area = 48, clients = 48;
-    for (size_t page : {journal, journal + 4096}) {
+/* A journal in use: the restart pages that Windows leaves while the volume is mounted, as published. */
+void markJournalInUse(ByteVector& image) {
+    const ByteVector unused(64 * 1024, 0xFF);
+    const auto journal = std::search(image.begin(), image.end(), unused.begin(), unused.end());
+    ASSERT_NE(journal, image.end());
+    const auto start = static_cast<size_t>(journal - image.begin());
+    constexpr size_t area = 48, client = area + 48;
+    const std::pair<size_t, uint32_t> fields[] = {
+        {4, 30 | 9 << 16},             /* update sequence */
+        {16, 4096},                    /* bytes of a system page */
+        {20, 4096},                    /* and of a log page */
+        {24, area | 1 << 16},          /* restart area, minor version */
+        {28, 1 | 1 << 16},             /* major version, update sequence number */
+        {area + 8, 1 | 0xFFFFu << 16}, /* clients; none free, the first in use */
+        {area + 16, 46},               /* 67 less the bits of the file's size */
+        {area + 20, 208 | 48 << 16},   /* bytes of the area, offset of the client */
+        {area + 24, 2 * images::mebibyte - 4096},
+        {area + 36, 48 | 64 << 16},
+        {client + 16, 0xFFFFFFFF}, /* no client before or after it */
+        {client + 28, 8},
+    };
+    for (size_t page : {start, start + 4096}) {
         std::fill_n(image.begin() + static_cast<std::ptrdiff_t>(page), 4096, uint8_t{0});
         images::putText(image, page, "RSTR");
-        put<uint16_t>(image, page + 4, 30);
-        put<uint16_t>(image, page + 6, 9);
-        put<uint32_t>(image, page + 16, 4096);
-        put<uint32_t>(image, page + 20, 4096);
-        put<uint16_t>(image, page + 24, area);
-        put<uint16_t>(image, page + 26, 1);
-        put<uint16_t>(image, page + 28, 1);
-        put<uint16_t>(image, page + area + 8, 1);       /* clients */
-        put<uint16_t>(image, page + area + 10, 0xFFFF); /* none free */
-        put<uint16_t>(image, page + area + 12, 0);      /* the first in use */
-        put<uint32_t>(image, page + area + 16, 46);     /* 67 less the bits of the file's size */
-        put<uint16_t>(image, page + area + 20, 208);
-        put<uint16_t>(image, page + area + 22, clients);
-        put<uint64_t>(image, page + area + 24, 2 * images::mebibyte - 4096);
-        put<uint16_t>(image, page + area + 36, 48);
-        put<uint16_t>(image, page + area + 38, 64);
-        put<uint16_t>(image, page + area + clients + 16, 0xFFFF);
-        put<uint16_t>(image, page + area + clients + 18, 0xFFFF);
-        put<uint32_t>(image, page + area + clients + 28, 8);
-        put<uint16_t>(image, page + 30, 1);
+        for (const auto& [at, value] : fields) put(image, page + at, value);
         for (size_t sector = 0; sector < 8; ++sector) put<uint16_t>(image, page + 512 * sector + 510, 1);
     }
 }
 
 TEST_F(VolumeTest, RefusesWhatMustNotBeWritten) {
-    ByteVector fresh = ntfs();
-    std::string image = path("volume.img");
-    auto made = [&](auto change) {
-        images::writeFile(image, fresh);
-        change();
-    };
+    const ByteVector fresh = images::readFile(image);
     for (const char* signature : {"hibr", "HIBR"}) {
-        made([&] {
-            OpenVolume opened(image);
-            ByteVector hibernation(8192);
-            images::putText(hibernation, 0, signature);
-            FileRef file = make(opened, u"hiberfil.sys");
-            ASSERT_EQ(volumeWriteFile(opened.get(), file, 0, hibernation), STATUS_SUCCESS);
-            ASSERT_EQ(opened.close(), STATUS_SUCCESS);
-        });
-        expectRefused(image, STATUS_SHARING_VIOLATION, "shutdown /s /t 0");
+        images::writeFile(image, fresh);
+        OpenVolume opened(image);
+        ByteVector hibernation(8192);
+        images::putText(hibernation, 0, signature);
+        ASSERT_EQ(volumeWriteFile(opened, opened.make(u"hiberfil.sys"), 0, hibernation), STATUS_SUCCESS);
+        ASSERT_EQ(opened.close(), STATUS_SUCCESS);
+        expectRefused(STATUS_SHARING_VIOLATION, "shutdown /s /t 0");
     }
-    made([&] { /* a run that ended in the middle */
-               OpenVolume opened(image);
-               make(opened, u"file");
-    });
-    expectRefused(image, STATUS_DISK_CORRUPT_ERROR, "marked as dirty");
-    EXPECT_NE(images::outputOf("ntfsinfo -fm " + image).find("Volume Flags: 0x0001 DIRTY"),
-              std::string::npos);
-    made([&] {
-        ByteVector inUse = fresh;
-        const ByteVector unused(64 * 1024, 0xFF);
-        auto journal = std::search(inUse.begin(), inUse.end(), unused.begin(), unused.end());
-        ASSERT_NE(journal, inUse.end());
-        markJournalInUse(inUse, static_cast<size_t>(journal - inUse.begin()));
-        images::writeFile(image, inUse);
-    });
-    expectRefused(image, STATUS_DISK_CORRUPT_ERROR, "journal");
-    made([&] { /* the first record of the MFT, and its mirror */
-               ByteVector damaged = fresh;
-               size_t cluster = damaged[0x0D] * size_t{512};
-               damaged[images::get<uint64_t>(damaged, 0x30) * cluster] = 'X';
-               damaged[images::get<uint64_t>(damaged, 0x38) * cluster] = 'X';
-               images::writeFile(image, damaged);
-    });
-    expectRefused(image, STATUS_DISK_CORRUPT_ERROR, "damaged");
+    ByteVector inUse = fresh;
+    markJournalInUse(inUse);
+    images::writeFile(image, inUse);
+    expectRefused(STATUS_DISK_CORRUPT_ERROR, "journal");
+
+    const auto inBothCopies = [&](const auto& damage) {
+        ByteVector damaged = fresh;
+        for (size_t mft : {images::mftField, images::mirrorField}) damage(damaged, mft);
+        images::writeFile(image, damaged);
+    };
+    const auto putVolume =
+        [&](size_t at, uint16_t value) { /* a field of the volume's information */
+                                         inBothCopies([&](ByteVector& bytes, size_t mft) {
+                                             put(bytes, images::valueAt(bytes, 3, 0x70, mft) + at, value);
+                                         });
+        };
+    putVolume(10, 1); /* as a commit marks it that ended in the middle */
+    expectRefused(STATUS_DISK_CORRUPT_ERROR, "marked as dirty");
+    putVolume(8, 0x0102); /* the version of NTFS */
+    expectRefused(STATUS_NOT_SUPPORTED, "older than version 3.0");
+    for (const FileRef file : {0, 2}) { /* the MFT's own record and the journal's: nothing is in them */
+        inBothCopies([&](ByteVector& bytes, size_t mft) {
+            const size_t at = images::recordAt(bytes, file, mft);
+            put<uint16_t>(bytes, at + 20, images::get<uint16_t>(bytes, at + 24) - 8);
+        });
+        expectRefused(STATUS_DISK_CORRUPT_ERROR, "damaged");
+    }
 }
 
 TEST_F(VolumeTest, LookingChangesNothing) {
-    std::string image = ntfsImage();
     {
         OpenVolume opened(image);
-        make(opened, u"file");
-        make(opened, u"directory", NewFile::directory);
+        opened.make(u"file");
+        opened.makeDirectory(u"directory");
         ASSERT_EQ(opened.close(), STATUS_SUCCESS);
     }
-    ByteVector before = images::readFile(image);
+    const ByteVector before = images::readFile(image);
     for (DiskAccess access : {DiskAccess::readWrite, DiskAccess::readOnly}) {
         for (bool orderly : {true, false}) {
             images::failures = {};
             OpenVolume opened(image, access);
             ASSERT_NE(opened.volume, nullptr) << opened.problem.text;
-            FileRef file = 0;
+            FileRef file = 0, made = 0;
             FileInfo info = {};
-            std::span<const uint8_t> bytes;
-            EXPECT_EQ(volumeFind(opened.get(), u"\\FILE", file), STATUS_SUCCESS);
-            EXPECT_EQ(volumeFileInfo(opened.get(), file, info), STATUS_SUCCESS);
-            EXPECT_EQ(volumeDescriptor(opened.get(), file, bytes), STATUS_SUCCESS);
-            EXPECT_EQ(names(opened), (std::vector<std::u16string>{u"directory", u"file"}));
-            EXPECT_EQ(volumeFlush(opened.get()), STATUS_SUCCESS);
+            EXPECT_EQ(volumeFind(opened, u"\\FILE", file), STATUS_SUCCESS);
+            EXPECT_EQ(volumeFileInfo(opened, file, info), STATUS_SUCCESS);
+            EXPECT_EQ(opened.read(file), descriptor(1));
+            EXPECT_EQ(opened.names(), (std::vector<std::u16string>{u"directory", u"file"}));
+            EXPECT_EQ(volumeFlush(opened), STATUS_SUCCESS);
+            EXPECT_FALSE(volumeRefusedChange(opened));
+            EXPECT_EQ(volumeReadOnly(opened), access == DiskAccess::readOnly);
+            if (volumeReadOnly(opened)) {
+                for (const NTSTATUS status :
+                     {volumeSetDescriptor(opened, file, descriptor(7)),
+                      volumeWriteFile(opened, file, 0, ByteVector(1)), volumeSetAttributes(opened, file, 1),
+                      volumeLink(opened, file, rootDirectory, u"other"),
+                      volumeCreateJunction(opened, file, u"C:\\x"),
+                      volumeCreate(opened, rootDirectory, u"new", NewFile::file, descriptor(1), made)}) {
+                    EXPECT_EQ(status, STATUS_MEDIA_WRITE_PROTECTED);
+                    EXPECT_TRUE(volumeRefusedChange(opened));
+                }
+            }
             EXPECT_EQ(orderly ? opened.close() : STATUS_SUCCESS, STATUS_SUCCESS);
             opened.volume.reset();
             opened.disk.reset();
-            for (const auto& call : images::failures.calls) EXPECT_NE(call.first, 'w');
+            for (const auto& call : images::failures.calls) EXPECT_TRUE(call.kind == 'r' || call.kind == 's');
             EXPECT_EQ(images::readFile(image), before);
         }
     }
 }
 
-TEST_F(VolumeTest, AReadOnlyDiskIsNeverChanged) {
-    std::string image = ntfsImage();
+/* The disk refuses each write or flush, with all that follow. */
+TEST_F(VolumeTest, WhatTheDiskRefusesIsToldWhenClosing) {
     {
         OpenVolume opened(image);
-        make(opened, u"file");
-        ASSERT_EQ(opened.close(), STATUS_SUCCESS);
-    }
-    ByteVector before = images::readFile(image);
-    OpenVolume opened(image, DiskAccess::readOnly);
-    Volume& volume = opened.get();
-    FileRef file = 0, made = 0;
-    ASSERT_EQ(volumeFind(volume, u"file", file), STATUS_SUCCESS);
-    EXPECT_TRUE(volumeReadOnly(volume));
-    EXPECT_FALSE(volumeRefusedChange(volume));
-    EXPECT_EQ(volumeSetDescriptor(volume, file, descriptor(7)), STATUS_MEDIA_WRITE_PROTECTED);
-    EXPECT_TRUE(volumeRefusedChange(volume));
-    EXPECT_EQ(volumeWriteFile(volume, file, 0, ByteVector(1)), STATUS_MEDIA_WRITE_PROTECTED);
-    EXPECT_EQ(volumeSetAttributes(volume, file, 1), STATUS_MEDIA_WRITE_PROTECTED);
-    EXPECT_EQ(volumeLink(volume, file, rootDirectory, u"other"), STATUS_MEDIA_WRITE_PROTECTED);
-    EXPECT_EQ(volumeCreateJunction(volume, file, u"C:\\x"), STATUS_MEDIA_WRITE_PROTECTED);
-    EXPECT_EQ(volumeCreate(volume, rootDirectory, u"new", NewFile::file, descriptor(1), made),
-              STATUS_MEDIA_WRITE_PROTECTED);
-    EXPECT_EQ(opened.close(), STATUS_SUCCESS);
-    EXPECT_EQ(images::readFile(image), before);
-}
-
-/* Whether the $Volume record has the dirty mark. */
-bool marked(const ByteVector& image) {
-    size_t record = images::get<uint64_t>(image, 0x30) * image[0x0D] * 512 + size_t{3} * 1024;
-    size_t at = record + images::get<uint16_t>(image, record + 20);
-    while (images::get<uint32_t>(image, at) < 0x70) at += images::get<uint32_t>(image, at + 4);
-    EXPECT_EQ(images::get<uint32_t>(image, at), 0x70u);
-    return (image.at(at + images::get<uint16_t>(image, at + 20) + 10) & 1) != 0;
-}
-
-/* The system stops after any number of writes: the volume is as before, as after, or marked. */
-TEST_F(VolumeTest, AnInterruptedChangeLeavesAMark) {
-    std::string image = ntfsImage();
-    {
-        OpenVolume opened(image);
-        for (char16_t letter = u'a'; letter <= u'z'; ++letter) make(opened, {&letter, 1});
+        for (char16_t letter = u'a'; letter <= u'z'; ++letter) opened.make({letter});
         ASSERT_EQ(opened.close(), STATUS_SUCCESS);
     }
     const ByteVector before = images::readFile(image);
-    auto change = [&](long writes) {
-        images::writeFile(image, before);
-        images::failures = {};
-        images::failures.pwritesLeft = writes;
-        OpenVolume opened(image);
-        NTSTATUS status = STATUS_SUCCESS;
-        for (char16_t letter = u'a'; letter <= u'z' && status >= 0; ++letter) {
-            FileRef file = 0;
-            status = volumeFind(opened.get(), {&letter, 1}, file);
-            if (status >= 0) status = volumeSetDescriptor(opened.get(), file, descriptor(letter));
+    for (long Faults::*left : {&Faults::writesLeft, &Faults::flushesLeft}) {
+        long turns = 0;
+        for (bool refused = true; refused; ++turns) {
+            images::writeFile(image, before);
+            images::failures = {};
+            images::failures.*left = turns;
+            OpenVolume opened(image);
+            ASSERT_NE(opened.volume, nullptr) << opened.problem.text;
+            for (char16_t letter = u'a'; letter <= u'z'; ++letter) {
+                FileRef file = 0;
+                ASSERT_EQ(volumeFind(opened, {&letter, 1}, file), STATUS_SUCCESS);
+                EXPECT_EQ(volumeSetDescriptor(opened, file, descriptor(letter)), STATUS_SUCCESS);
+            }
+            const NTSTATUS flushed = volumeFlush(opened);
+            refused = images::failures.refused;
+            EXPECT_EQ(flushed, refused ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS) << turns;
+            EXPECT_EQ(diskWriteReason(*opened.disk), refused ? " (Input/output error)" : "");
+            images::failures = {};
+            EXPECT_EQ(opened.close(), flushed) << turns;
         }
-        NTSTATUS closed = opened.close();
-        return status < 0 ? status : closed;
-    };
-    ASSERT_EQ(change(-1), STATUS_SUCCESS);
-    const auto calls = images::failures.calls;
-    const ByteVector after = images::readFile(image);
-    const long writes =
-        std::count_if(calls.begin(), calls.end(), [](const auto& call) { return call.first == 'w'; });
-    ASSERT_GT(writes, 4);
-    for (long left = 0; left < writes; ++left) {
-        EXPECT_LT(change(left), 0) << left;
-        images::failures = {};
-        ByteVector result = images::readFile(image);
-        if (result == before || result == after) continue;
-        bool atMark = left < 2 || left == writes - 1; /* between the mark and its mirror */
-        EXPECT_TRUE(marked(result) || atMark) << left;
-        OpenVolume opened(image);
-        EXPECT_EQ(opened.problem.status, STATUS_DISK_CORRUPT_ERROR) << left;
+        EXPECT_GT(turns, 1);
     }
-    EXPECT_FALSE(marked(after));
-    /* A sync stands between the mark and the change, and between the change and taking the mark away. */
-    std::string order;
-    for (const auto& call : calls) order += call.first;
-    EXPECT_TRUE(order.starts_with("wwsw")) << order;
-    EXPECT_NE(order.find("wswws"), std::string::npos) << order;
-    EXPECT_EQ(std::count(order.begin(), order.end(), 's'), 4) << order; /* the last when the disk is closed */
 }
 
-TEST_F(VolumeTest, AFailedSyncIsToldWhenClosing) {
-    std::string image = ntfsImage();
-    OpenVolume opened(image);
-    make(opened, u"file");
-    images::failures.fdatasyncsLeft = 0;
-    EXPECT_LT(volumeFlush(opened.get()), 0);
-    images::failures = {};
-    EXPECT_LT(opened.close(), 0);
-    OpenVolume again(image);
-    EXPECT_EQ(again.volume, nullptr);
-}
-
-TEST_F(VolumeTest, Names) {
-    std::string image = ntfsImage();
+/* Changes of every kind, which must not undo each other, in the volume that made them and after it. */
+TEST_F(VolumeTest, KeepsWhatWasMade) {
     const std::u16string longest(255, u'\x00E4'), surrogates = u"\xD800x\xDC00", wide = u"\x03A9\x0416\x4E2D";
     OpenVolume opened(image);
-    FileRef folder = make(opened, u"Folder", NewFile::directory);
+    const FileRef folder = opened.makeDirectory(u"Folder"), large = opened.makeDirectory(u"large"),
+                  junction = opened.makeDirectory(u"junction");
     std::vector<FileRef> files;
-    for (const std::u16string& name : {longest, surrogates, wide, std::u16string(u"hidden")}) {
-        files.push_back(make(opened, name, NewFile::file, folder));
-    }
-    ASSERT_EQ(volumeSetAttributes(opened.get(), files[3], FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM),
-              STATUS_SUCCESS);
-    FileRef found = 0;
-    EXPECT_EQ(volumeLookUp(opened.get(), folder, std::u16string(255, u'\x00C4'), found), STATUS_SUCCESS);
-    EXPECT_EQ(found, files[0]);
-    EXPECT_EQ(volumeFind(opened.get(), u"\\FOLDER\\" + surrogates, found), STATUS_SUCCESS);
-    EXPECT_EQ(found, files[1]);
-    EXPECT_EQ(volumeFind(opened.get(), u"folder\\\x03C9\x0436\x4E2D", found), STATUS_SUCCESS);
-    EXPECT_EQ(found, files[2]);
-    EXPECT_EQ(volumeFind(opened.get(), u"", found), STATUS_SUCCESS);
-    EXPECT_EQ(found & 0xFFFFFFFF, rootDirectory);
-    EXPECT_EQ(names(opened, folder), (std::vector<std::u16string>{u"hidden", longest, wide, surrogates}));
-
-    EXPECT_EQ(volumeFind(opened.get(), u"missing\\x", found), STATUS_OBJECT_PATH_NOT_FOUND);
-    EXPECT_EQ(volumeFind(opened.get(), u"folder\\missing", found), STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(volumeFind(opened.get(), u"folder\\hidden\\x", found), STATUS_OBJECT_PATH_NOT_FOUND);
-    EXPECT_EQ(volumeLookUp(opened.get(), files[3], u"x", found), STATUS_NOT_A_DIRECTORY);
-    EXPECT_EQ(volumeLookUp(opened.get(), folder, std::u16string(300, u'x'), found),
-              STATUS_OBJECT_NAME_NOT_FOUND);
-    DirectoryListing listing;
-    EXPECT_EQ(volumeList(opened.get(), files[3], listing), STATUS_NOT_A_DIRECTORY);
-    EXPECT_EQ(volumeCreate(opened.get(), folder, u"HIDDEN", NewFile::file, descriptor(1), found),
-              STATUS_OBJECT_NAME_COLLISION);
-    for (const std::u16string& name : {std::u16string(u"a/b"), std::u16string(u"a?"), std::u16string(u""),
-                                       std::u16string(u"end."), std::u16string(256, u'x')}) {
-        EXPECT_EQ(volumeCreate(opened.get(), folder, name, NewFile::file, descriptor(1), found),
-                  STATUS_OBJECT_NAME_INVALID);
-    }
-    EXPECT_EQ(volumeFileInfo(opened.get(), FileRef{1} << 40, *std::make_unique<FileInfo>()),
-              STATUS_FILE_CORRUPT_ERROR);
-    EXPECT_EQ(volumeFileInfo(opened.get(), files[0] + (FileRef{1} << 48), *std::make_unique<FileInfo>()),
-              STATUS_FILE_CORRUPT_ERROR);
-    EXPECT_EQ(opened.close(), STATUS_SUCCESS);
-}
-
-/* Large enough that the index has several levels and blocks. */
-TEST_F(VolumeTest, ALargeDirectoryComesInOrder) {
-    std::string image = ntfsImage();
-    OpenVolume opened(image);
-    FileRef folder = make(opened, u"Folder", NewFile::directory);
-    std::vector<std::u16string> expected;
+    for (const std::u16string& name : {longest, surrogates, wide, std::u16string(u"hidden")})
+        files.push_back(opened.make(name, descriptor(2), folder));
+    const FileRef file = opened.make(u"file");
+    ASSERT_EQ(volumeCreateJunction(opened, junction, u"C:\\Windows"), STATUS_SUCCESS);
+    std::vector<std::u16string> many; /* several levels and blocks of an index */
     for (int i = 0; i < 700; ++i) {
-        std::string digits = std::to_string(1000 + i * 37 % 700);
-        std::u16string name = u"a rather long name to fill the index with, number ";
-        name.append(digits.begin(), digits.end());
-        make(opened, name, NewFile::file, folder);
-        expected.push_back(name);
+        const std::string digits = std::to_string(1000 + i * 37 % 700);
+        many.push_back(u"a rather long name to fill the index with, number " +
+                       std::u16string(digits.begin(), digits.end()));
+        opened.make(many.back(), descriptor(1), large);
     }
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(names(opened, folder), expected);
-    EXPECT_EQ(opened.close(), STATUS_SUCCESS);
-    EXPECT_NE(images::outputOf("ntfsresize -i -f -n " + image).find("You might resize"), std::string::npos);
-}
+    std::sort(many.begin(), many.end());
 
-TEST_F(VolumeTest, LinksJunctionsAttributes) {
-    std::string image = ntfsImage();
-    OpenVolume opened(image);
-    Volume& volume = opened.get();
-    FileRef folder = make(opened, u"folder", NewFile::directory), file = make(opened, u"file");
-    FileRef junction = make(opened, u"junction", NewFile::directory), found = 0;
-    ASSERT_EQ(volumeLink(volume, file, folder, u"second name"), STATUS_SUCCESS);
-    EXPECT_EQ(volumeLink(volume, file, folder, u"SECOND NAME"), STATUS_OBJECT_NAME_COLLISION);
-    EXPECT_EQ(volumeLink(volume, folder, rootDirectory, u"no"), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(volumeFind(volume, u"folder\\second name", found), STATUS_SUCCESS);
-    EXPECT_EQ(found, file);
-    EXPECT_EQ(names(opened, folder), std::vector<std::u16string>{u"second name"});
-    EXPECT_EQ(volumeCreateJunction(volume, folder, u"C:\\Windows"), STATUS_ACCESS_DENIED); /* not empty */
-    ASSERT_EQ(volumeCreateJunction(volume, junction, u"C:\\Windows"), STATUS_SUCCESS);
-    EXPECT_EQ(volumeFind(volume, u"junction\\system32", found), STATUS_OBJECT_PATH_NOT_FOUND);
-    ASSERT_EQ(volumeSetAttributes(volume, file, FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_DIRECTORY),
+    ByteVector model;
+    const auto write = [&](uint64_t offset, size_t count, uint8_t value) {
+        const ByteVector bytes(count, value);
+        model.resize(std::max<size_t>(model.size(), offset + count));
+        std::copy(bytes.begin(), bytes.end(), model.begin() + static_cast<std::ptrdiff_t>(offset));
+        ASSERT_EQ(volumeWriteFile(opened, file, offset, bytes), STATUS_SUCCESS);
+        ByteVector read;
+        ASSERT_EQ(volumeReadFile(opened, file, model.size(), read), STATUS_SUCCESS);
+        EXPECT_EQ(read, model);
+    };
+    write(0, 100, 1); /* in the record */
+    ASSERT_EQ(volumeSetDescriptor(opened, file, descriptor(2)), STATUS_SUCCESS);
+    write(50, 200, 2);
+    write(100, 5000, 3); /* grown out of it */
+    ASSERT_EQ(volumeLink(opened, file, folder, u"second name"), STATUS_SUCCESS);
+    ASSERT_EQ(volumeSetDescriptor(opened, file, descriptor(1)), STATUS_SUCCESS);
+    write(4000, 300'000, 4);
+    write(10, 5, 5); /* within */
+    ASSERT_EQ(volumeSetAttributes(opened, file, FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_DIRECTORY),
+              STATUS_SUCCESS);
+    ASSERT_EQ(volumeSetDescriptor(opened, file, descriptor(3)), STATUS_SUCCESS);
+    write(400'000, 1000, 6); /* after a gap */
+    ASSERT_EQ(volumeSetAttributes(opened, files[3], FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM),
               STATUS_SUCCESS);
 
-    FileInfo info = {};
-    DirectoryListing listing;
-    ASSERT_EQ(volumeFileInfo(volume, junction, info), STATUS_SUCCESS);
-    EXPECT_EQ(info.attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT),
-              FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT);
-    EXPECT_EQ(info.reparseTag, 0xA0000003u);
-    ASSERT_EQ(volumeList(volume, rootDirectory, listing), STATUS_SUCCESS);
-    for (const DirectoryEntry& entry : listing.entries) {
-        EXPECT_EQ(entry.directory, entry.file == folder);
-        EXPECT_EQ(entry.reparse, entry.file == junction);
-    }
-    ASSERT_EQ(volumeFileInfo(volume, file, info), STATUS_SUCCESS);
-    EXPECT_EQ(info.attributes & ~FILE_ATTRIBUTE_ARCHIVE, FILE_ATTRIBUTE_READONLY);
-    EXPECT_GT(info.created, 0x01D0000000000000u);
-    EXPECT_EQ(opened.close(), STATUS_SUCCESS);
-    EXPECT_NE(images::outputOf("istat " + image + " " + std::to_string(file & 0xFFFFFFFF)).find("Links: 2"),
-              std::string::npos);
-}
+    const auto check = [&](OpenVolume& current) {
+        ASSERT_NE(current.volume, nullptr) << current.problem.text;
+        const std::pair<std::u16string, FileRef> paths[] = {
+            {u"", rootDirectory},
+            {u"folder\\" + std::u16string(255, u'\x00C4'), files[0]},
+            {u"\\FOLDER\\" + surrogates, files[1]},
+            {u"folder\\\x03C9\x0436\x4E2D", files[2]},
+            {u"folder\\Second Name", file},
+        };
+        FileRef found = 0;
+        for (const auto& [path, expected] : paths) {
+            EXPECT_EQ(volumeFind(current, path, found), STATUS_SUCCESS);
+            EXPECT_EQ(found, expected);
+        }
+        EXPECT_EQ(current.names(folder),
+                  (std::vector<std::u16string>{u"hidden", u"second name", longest, wide, surrogates}));
+        EXPECT_EQ(current.names(large), many);
+        ByteVector contents;
+        EXPECT_EQ(volumeReadFile(current, file, model.size(), contents), STATUS_SUCCESS);
+        EXPECT_EQ(contents, model);
+        EXPECT_EQ(current.read(file), descriptor(3));
+        EXPECT_EQ(current.read(files[2]), descriptor(2));
 
-TEST_F(VolumeTest, Contents) {
-    std::string image = ntfsImage();
-    OpenVolume opened(image);
-    Volume& volume = opened.get();
-    FileRef file = make(opened, u"file");
-    ByteVector model, read;
-    /* In the record, grown out of it, written within, grown further, after a gap. */
-    struct {
-        uint64_t offset;
-        size_t count;
-    } const writes[] = {{0, 100}, {50, 200}, {100, 5000}, {4000, 300'000}, {10, 5}, {400'000, 1000}};
-    uint8_t value = 0;
-    for (const auto& write : writes) {
-        ByteVector bytes(write.count, ++value);
-        model.resize(std::max<size_t>(model.size(), write.offset + write.count));
-        std::copy(bytes.begin(), bytes.end(), model.begin() + static_cast<std::ptrdiff_t>(write.offset));
-        ASSERT_EQ(volumeWriteFile(volume, file, write.offset, bytes), STATUS_SUCCESS);
-        ASSERT_EQ(volumeReadFile(volume, file, model.size(), read), STATUS_SUCCESS);
-        EXPECT_EQ(read, model);
         FileInfo info = {};
-        ASSERT_EQ(volumeFileInfo(volume, file, info), STATUS_SUCCESS);
+        ASSERT_EQ(volumeFileInfo(current, file, info), STATUS_SUCCESS);
         EXPECT_EQ(info.size, model.size());
-    }
-    EXPECT_EQ(volumeReadFile(volume, file, model.size() - 1, read), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_LT(volumeReadFile(volume, rootDirectory, 1000, read), 0);
-    EXPECT_EQ(volumeWriteFile(volume, 0, 0, model), STATUS_ACCESS_DENIED); /* $MFT */
-    FileRef full = make(opened, u"full");
-    EXPECT_EQ(volumeWriteFile(volume, full, 0, ByteVector(16 * images::mebibyte)), STATUS_DISK_FULL);
-    opened.volume.reset();
-    opened.disk.reset();
+        EXPECT_EQ(info.attributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_DIRECTORY),
+                  FILE_ATTRIBUTE_READONLY);
+        EXPECT_GT(info.lastWritten, info.created);
+        EXPECT_GT(info.created, 0x01D0000000000000u);
+        ASSERT_EQ(volumeFileInfo(current, junction, info), STATUS_SUCCESS);
+        EXPECT_EQ(info.attributes & ~FILE_ATTRIBUTE_ARCHIVE,
+                  FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT);
+        EXPECT_EQ(info.reparseTag, 0xA0000003u);
+        ASSERT_EQ(volumeFileInfo(current, 8, info), STATUS_SUCCESS); /* has a named stream alone */
+        EXPECT_EQ(info.size, 0u);
+        DirectoryListing listing;
+        ASSERT_EQ(volumeList(current, rootDirectory, listing), STATUS_SUCCESS);
+        for (const DirectoryEntry& entry : listing.entries) {
+            EXPECT_EQ(entry.directory, entry.file != file);
+            EXPECT_EQ(entry.reparse, entry.file == junction);
+        }
+        EXPECT_EQ(current.close(), STATUS_SUCCESS);
+    };
+    check(opened);
+    OpenVolume again(image);
+    check(again);
+    EXPECT_NE(images::outputOf("ntfsresize -i -f -n " + image).find("You might resize"), std::string::npos);
+    const std::string record = std::to_string(file & UINT32_MAX);
+    EXPECT_NE(images::outputOf("istat " + image + " " + record).find("Links: 2"), std::string::npos);
     images::outputOf("(ntfscat -f " + image + " /file >" + path("copy") + ")");
     EXPECT_EQ(images::readFile(path("copy")), model);
 }
 
-/* Whatever the volume's records and indexes say: no crash, and an end. */
-TEST_F(VolumeTest, DamagedMetadata) {
-    std::string image = ntfsImage();
+TEST_F(VolumeTest, RefusesWhatIsNotThereOrMayNotBe) {
+    OpenVolume opened(image);
+    Volume& volume = opened;
+    const FileRef folder = opened.makeDirectory(u"folder"), junction = opened.makeDirectory(u"junction");
+    const FileRef file = opened.make(u"hidden", descriptor(1), folder), full = opened.make(u"full");
+    ASSERT_EQ(volumeCreateJunction(volume, junction, u"C:\\Windows"), STATUS_SUCCESS);
+    const std::pair<std::u16string, NTSTATUS> paths[] = {
+        {u"missing\\x", STATUS_OBJECT_PATH_NOT_FOUND},
+        {u"folder\\missing", STATUS_OBJECT_NAME_NOT_FOUND},
+        {u"folder\\hidden\\x", STATUS_OBJECT_PATH_NOT_FOUND},
+        {u"junction\\system32", STATUS_OBJECT_PATH_NOT_FOUND},
+        {u"folder\\" + std::u16string(300, u'x'), STATUS_OBJECT_NAME_NOT_FOUND},
+    };
+    FileRef found = 0;
+    for (const auto& [path, status] : paths) EXPECT_EQ(volumeFind(volume, path, found), status);
+    EXPECT_EQ(volumeLookUp(volume, file, u"x", found), STATUS_NOT_A_DIRECTORY);
+    DirectoryListing listing;
+    EXPECT_EQ(volumeList(volume, file, listing), STATUS_NOT_A_DIRECTORY);
+    const std::pair<std::u16string, NTSTATUS> names[] = {
+        {u"HIDDEN", STATUS_OBJECT_NAME_COLLISION}, {u"a/b", STATUS_OBJECT_NAME_INVALID},
+        {u"a?", STATUS_OBJECT_NAME_INVALID},       {u"", STATUS_OBJECT_NAME_INVALID},
+        {u"end.", STATUS_OBJECT_NAME_INVALID},     {std::u16string(256, u'x'), STATUS_OBJECT_NAME_INVALID},
+    };
+    for (const auto& [name, status] : names) {
+        EXPECT_EQ(volumeCreate(volume, folder, name, NewFile::file, descriptor(1), found), status);
+        EXPECT_EQ(volumeLink(volume, full, folder, name), status);
+    }
+    EXPECT_EQ(volumeLink(volume, folder, rootDirectory, u"no"), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(volumeCreateJunction(volume, folder, u"C:\\Windows"), STATUS_ACCESS_DENIED); /* not empty */
+
+    FileInfo info = {};
+    ByteVector read;
+    for (FileRef last : {file, full}) { /* the record at hand is the stale one's, or another */
+        for (FileRef stale : {FileRef{1} << 40, file + (FileRef{1} << 48), FileRef{60}}) {
+            EXPECT_EQ(volumeFileInfo(volume, last, info), STATUS_SUCCESS);
+            EXPECT_EQ(volumeFileInfo(volume, stale, info), STATUS_FILE_CORRUPT_ERROR) << stale;
+        }
+    }
+    EXPECT_EQ(volumeWriteFile(volume, full, 0, ByteVector(16 * images::mebibyte)), STATUS_DISK_FULL);
+    EXPECT_EQ(volumeWriteFile(volume, 0, 0, read), STATUS_ACCESS_DENIED); /* $MFT */
+    ASSERT_EQ(volumeWriteFile(volume, file, 0, ByteVector(100)), STATUS_SUCCESS);
+    EXPECT_EQ(volumeReadFile(volume, file, 99, read), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(volumeReadFile(volume, rootDirectory, 1000, read), STATUS_ACCESS_DENIED);
+}
+
+TEST_F(VolumeTest, ADamagedRecordIsRefused) {
+    FileRef file = 0;
     {
         OpenVolume opened(image);
-        FileRef folder = make(opened, u"folder", NewFile::directory);
-        for (char16_t letter = u'a'; letter <= u'z'; ++letter) {
-            make(opened, std::u16string(100, letter), NewFile::file, folder);
-        }
+        file = opened.make(u"file");
         ASSERT_EQ(opened.close(), STATUS_SUCCESS);
     }
     const ByteVector sound = images::readFile(image);
-    std::vector<size_t> offsets;
-    for (size_t at = 0; at < sound.size(); at += 1024) {
-        bool metadata = std::memcmp(&sound[at], "FILE", 4) == 0 || std::memcmp(&sound[at], "INDX", 4) == 0;
-        if (metadata) offsets.push_back(at);
-    }
-    std::mt19937 random(7);
-    size_t seen = 0;
-    for (int i = 0; i < 120; ++i) {
+    const size_t record = images::recordAt(sound, file), first = images::attributeAt(sound, file, 0x10);
+    const struct {
+        const char* what;
+        size_t at;
+        uint32_t value;
+    } damages[] = {
+        {.what = "no mark", .at = record, .value = 0},
+        {.what = "no update sequence", .at = record + 4, .value = 3 << 16},
+        {.what = "update sequence too long", .at = record + 4, .value = 4 << 16 | 48},
+        {.what = "attributes beyond what is used", .at = record + 20, .value = 1 << 16 | 0x3F8},
+        {.what = "deleted", .at = record + 20, .value = 56},
+        {.what = "more used than there is", .at = record + 24, .value = 0x7FFFFFFF},
+        {.what = "part of another record", .at = record + 32, .value = 5},
+        {.what = "attribute of no length", .at = first + 4, .value = 0},
+        {.what = "attribute of an odd length", .at = first + 4, .value = 97},
+        {.what = "attribute beyond the record", .at = first + 4, .value = 0x7FFFFFF8},
+        {.what = "value beyond its attribute", .at = first + 16, .value = 0x7FFFFFFF},
+        {.what = "value too short", .at = first + 16, .value = 40},
+        {.what = "no standard information", .at = first, .value = 0x20},
+    };
+    for (const auto& damage : damages) {
         ByteVector bytes = sound;
-        for (int change = 0; change < 6; ++change) {
-            bytes[offsets[random() % offsets.size()] + random() % 512] = static_cast<uint8_t>(random());
-        }
+        put(bytes, damage.at, damage.value);
         images::writeFile(image, bytes);
-        OpenVolume opened(image);
-        if (opened.volume == nullptr) continue;
-        DirectoryListing listing;
-        FileRef folder = rootDirectory, found = 0;
-        volumeLookUp(opened.get(), rootDirectory, u"folder", folder);
-        if (volumeList(opened.get(), folder, listing) < 0) continue;
-        for (const DirectoryEntry& entry : listing.entries) {
-            FileInfo info = {};
-            std::span<const uint8_t> stored;
-            volumeLookUp(opened.get(), folder, listing.name(entry), found);
-            volumeFileInfo(opened.get(), entry.file, info);
-            if (volumeDescriptor(opened.get(), entry.file, stored) >= 0) ++seen;
-            volumeSetDescriptor(opened.get(), entry.file, descriptor(static_cast<uint32_t>(i)));
-        }
+        OpenVolume opened(image, DiskAccess::readOnly);
+        ASSERT_NE(opened.volume, nullptr) << opened.problem.text;
+        FileInfo info = {};
+        EXPECT_EQ(volumeFileInfo(opened, file, info), STATUS_FILE_CORRUPT_ERROR) << damage.what;
     }
-    EXPECT_GT(seen, 1000u);
 }
 
 } /* namespace */

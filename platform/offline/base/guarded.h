@@ -33,11 +33,12 @@ Value guardedOr(Value other, Body body) noexcept {
     return other;
 }
 
-/* The body's status, where a problem says what was refused: it says so of memory, too. */
+/* The body's status, where a problem says what was refused: it says so of memory, too, unless the body has
+ * said it better. */
 template <typename Body>
 NTSTATUS guardedRefusing(Problem& problem, Body body) noexcept {
     const NTSTATUS status = guarded(body);
-    if (status != STATUS_NO_MEMORY) return status;
+    if (status != STATUS_NO_MEMORY || problem.status == status) return status;
     return guarded([&] { return refuse(problem, status, "out of memory"); });
 }
 

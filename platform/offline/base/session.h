@@ -53,15 +53,25 @@ inline Session& session() {
     return *currentSession;
 }
 
+/* Apart from roomState, so that finding what is there stays small enough to be done in place. */
+template <typename State>
+[[gnu::noinline]] void makeRoomState(RoomState& state) {
+    state = {new State, [](void* object) { delete static_cast<State*>(object); }};
+}
+
 /* The current session's state of a room, made at the first call: may throw bad_alloc then. State is the same
  * type for a room at every call. */
 template <typename State>
 State& roomState(StatefulRoom room) {
     RoomState& state = session().rooms[static_cast<size_t>(room)];
-    if (state.object == nullptr) [[unlikely]] {
-        state = {new State, [](void* object) { delete static_cast<State*>(object); }};
-    }
+    if (state.object == nullptr) [[unlikely]]
+        makeRoomState<State>(state);
     return *static_cast<State*>(state.object);
+}
+
+/* Whether the room has a state yet: to forget what is not there, none is made, for that takes memory. */
+inline bool hasRoomState(StatefulRoom room) {
+    return session().rooms[static_cast<size_t>(room)].object != nullptr;
 }
 
 } /* namespace offline */

@@ -1,5 +1,6 @@
 #include "platform/offline/base/system_needed.h"
 
+#include "platform/offline/base/guarded.h"
 #include "platform/offline/base/session.h"
 
 namespace offline {
@@ -13,7 +14,8 @@ NTSTATUS systemNeeded() {
     Session& current = session();
     if (!current.systemAsked) {
         current.systemAsked = true;
-        current.systemStatus = current.systemOpener == nullptr ? STATUS_SUCCESS : current.systemOpener();
+        current.systemStatus =
+            current.systemOpener == nullptr ? STATUS_SUCCESS : guarded(current.systemOpener);
     }
     return current.systemStatus;
 }

@@ -4,10 +4,8 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
-#include <new>
 
 #include "platform/offline/base/bytes.h"
-#include "platform/offline/base/guarded.h"
 
 namespace offline {
 namespace {
@@ -74,12 +72,12 @@ size_t formatSid(Bytes sid, SidText& text) {
 std::string sidToText(Bytes sid) {
     SidText text = {};
     const size_t length = formatSid(sid, text);
-    return guardedOr(std::string(), [&] { return std::string(text.characters, length); });
+    return {text.characters, length};
 }
 
 std::vector<uint8_t> sidFromText(const std::string& text) {
     if (text.find('\0') != std::string::npos) return {};
-    return guardedOr(std::vector<uint8_t>(), [&] { return parse(text.c_str()); });
+    return parse(text.c_str());
 }
 
 } /* namespace offline */

@@ -1,4 +1,4 @@
-/* SIDs as bytes and as text. No function throws. */
+/* SIDs as bytes and as text. */
 #ifndef QUILLET_OFFLINE_DESCRIPTOR_SID_FORMAT_H
 #define QUILLET_OFFLINE_DESCRIPTOR_SID_FORMAT_H
 
@@ -31,7 +31,8 @@ struct SidText {
 /* The text of the SID at the head of the span as the platform writes it: its length, 0 when it is no SID. */
 size_t formatSid(Bytes sid, SidText& text);
 
-/* "S-1-5-…"; empty when it is no SID. And back; empty when it is no SID's text. */
+/* "S-1-5-…"; empty when it is no SID. And back; empty when it is no SID's text. Both may throw
+ * std::bad_alloc: what is no SID and what could not be held are two things. */
 std::string sidToText(Bytes sid);
 std::vector<uint8_t> sidFromText(const std::string& text);
 

@@ -29,6 +29,9 @@ struct BlockDevice {
     virtual uint32_t sectorSize() const = 0;     /* bytes, 512 or 4096: what it writes whole or not at all */
     virtual bool readOnly() const = 0;
 
+    /* Whether the same device could be opened for writing, however this was opened. */
+    virtual bool writable() const { return !readOnly(); }
+
     /* Offsets and sizes are in bytes and need no alignment; the range lies on the device. A call that fails
      * leaves the bytes that it was to read, or the range that it was to write, undefined. */
     [[nodiscard]] virtual DeviceError read(uint64_t offset, std::span<uint8_t> bytes) = 0;

@@ -29,6 +29,7 @@ Volume* driveVolume(char16_t letter) {
 }
 
 void drivesReset() {
+    if (!hasRoomState(StatefulRoom::files)) return;
     filesState().drives.fill(nullptr);
     searchesEnd();
     lookUpForget();

@@ -6,8 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
-#include <unordered_map>
+#include <vector>
 
 #include "platform/offline/volume/volume.h"
 
@@ -20,23 +19,20 @@ struct EntryRef {
     bool operator==(const EntryRef&) const = default;
 };
 
-struct DirectoryRecord {
-    const Volume* volume;
-    uint64_t record;
-    bool operator==(const DirectoryRecord&) const = default;
+/* By which entry each directory was entered: a hash table without lists, as every directory of a walk comes
+ * here once. */
+struct EnteredDirectories {
+    struct Slot {
+        const Volume* volume = nullptr; /* null: free */
+        uint64_t record = 0;
+        EntryRef by = {};
+    };
+    std::vector<Slot> slots; /* their number is a power of two; half of them are free at least */
+    size_t used = 0;
 };
-
-struct DirectoryRecordHash {
-    size_t operator()(const DirectoryRecord& directory) const {
-        return std::hash<uint64_t>()(directory.record) ^ std::hash<const Volume*>()(directory.volume);
-    }
-};
-
-/* By which entry each directory was entered. */
-using EnteredDirectories = std::unordered_map<DirectoryRecord, EntryRef, DirectoryRecordHash>;
 
 /* Whether the directory is entered for the first time since enteredForget, or by the same entry again. May
- * throw std::bad_alloc; takes some 60 bytes for each directory. */
+ * throw std::bad_alloc; takes some 100 bytes for each directory. */
 bool enterOnce(const Volume& volume, FileRef directory, const EntryRef& by);
 
 void enteredForget();

@@ -130,7 +130,8 @@ NTSTATUS hiveOpen(std::vector<uint8_t> bytes, const HiveLogs& logs, HivePtr& hiv
     problem = {};
     const NTSTATUS status = guarded([&] { return open(std::move(bytes), logs, hive, problem); });
     problem.status = status;
-    return status;
+    if (status != STATUS_NO_MEMORY) return status;
+    return guarded([&] { return refuse(problem, status, "needs more memory than there is"); });
 }
 
 NTSTATUS hiveOpen(std::vector<uint8_t> bytes, HivePtr& hive, Problem& problem) {

@@ -75,6 +75,10 @@ struct HiveStore {
     virtual NTSTATUS write(uint64_t offset, Bytes bytes) = 0;
     virtual NTSTATUS grow(uint64_t size) = 0; /* the file is to have at least this many bytes */
     virtual NTSTATUS flush() = 0;             /* on the medium when it returns */
+
+    /* For a person: the file, and why its disk refused a write, " (No space left on device)" or "". */
+    virtual std::string name() const { return "a hive"; }
+    virtual std::string refusal() const { return {}; }
 };
 
 /* Writes back what has changed, in the platform's own order: primary sequence number, flush, pages, flush,

@@ -4,8 +4,6 @@
 #include <cstring>
 #include <vector>
 
-#include "platform/offline/base/guarded.h"
-
 namespace offline {
 
 NTSTATUS hiveFindPath(const Hive& hive, std::u16string_view path, Cell& key) {
@@ -29,13 +27,11 @@ std::u16string hiveText(const Hive& hive, std::u16string_view path, std::u16stri
 std::u16string hiveValueText(const Hive& hive, const HiveValue& value) {
     constexpr uint32_t longest = 65534; /* bytes */
     if ((value.type != REG_SZ && value.type != REG_EXPAND_SZ) || value.dataLength > longest) return {};
-    return guardedOr(std::u16string(), [&] {
-        std::vector<uint8_t> data(value.dataLength);
-        hiveValueData(hive, value, data);
-        std::u16string text(data.size() / sizeof(char16_t), u'\0');
-        memcpy(text.data(), data.data(), text.size() * sizeof(char16_t));
-        return text.substr(0, text.find(u'\0'));
-    });
+    std::vector<uint8_t> data(value.dataLength);
+    hiveValueData(hive, value, data);
+    std::u16string text(data.size() / sizeof(char16_t), u'\0');
+    memcpy(text.data(), data.data(), text.size() * sizeof(char16_t));
+    return text.substr(0, text.find(u'\0'));
 }
 
 } /* namespace offline */

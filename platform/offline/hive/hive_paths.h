@@ -12,8 +12,8 @@ namespace offline {
 /* The key at a path; the root for an empty one. Statuses of hiveFindSubkey. */
 NTSTATUS hiveFindPath(const Hive& hive, std::u16string_view path, Cell& key);
 
-/* A value's text without its terminators; empty when there is no such key or value, when it is no text, and
- * without memory. Throws nothing. */
+/* A value's text without its terminators; empty when there is no such key or value, and when it is no text.
+ * May throw std::bad_alloc. */
 std::u16string hiveText(const Hive& hive, std::u16string_view path, std::u16string_view name);
 std::u16string hiveValueText(const Hive& hive, const HiveValue& value);
 

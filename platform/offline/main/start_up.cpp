@@ -8,10 +8,12 @@
 #include <vector>
 
 #include "platform/nt.h"
+#include "platform/offline/base/ending_signals.h"
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/base/session.h"
 #include "platform/offline/base/streams.h"
 #include "platform/offline/base/unicode.h"
+#include "platform/offline/main/call_tool.h"
 #include "platform/offline/system/system.h"
 
 namespace {
@@ -20,12 +22,27 @@ void say(const std::string& line) {
     fprintf(stderr, "quillet: %s\n", offline::printable(line).c_str());
 }
 
+/* How a run that is on the disk is taken back, or why it is not there. */
+void sayOutcome(const offline::CommitOutcome& outcome) {
+    if (outcome.withheld) {
+        say("the run did not succeed, so nothing was committed: the disks are as they were (--commit always, "
+            "or "
+            "QUILLET_COMMIT=always, would have kept what was done)");
+    }
+    if (outcome.takeBack.empty()) return;
+    const offline::CommitReport& report = outcome.report;
+    say(std::to_string((report.bytes + 1023) / 1024) + " KiB were changed in " +
+        std::to_string(report.stretches) + " places; `" + outcome.takeBack +
+        "` takes the run back, as long as nothing else changes the disk (undo file: " + report.undoPath +
+        ")");
+}
+
 /* Says why the installation could not be opened, what of it could not be read, and why it could not be closed
  * well; the latter two make a failure of the run. */
 int endSystem(int status) {
     const std::string restart = offline::restartAsked();
     offline::Problem closing;
-    const NTSTATUS closed = offline::systemClose(closing);
+    const NTSTATUS closed = offline::systemClose(status == 0, closing);
     const offline::Problem& opening = offline::systemProblem();
     if (opening.status < 0) say(opening.text);
     const offline::Problem& unread = offline::systemUnread();
@@ -33,6 +50,7 @@ int endSystem(int status) {
     if (closed < 0) say(closing.text);
     const NTSTATUS failure = closed < 0 ? closed : unread.status;
     if (failure >= 0 && !restart.empty()) say(restart);
+    sayOutcome(offline::systemCommitOutcome());
     return status != 0 || failure >= 0 ? status : static_cast<int>(RtlNtStatusToDosError(failure));
 }
 
@@ -43,38 +61,30 @@ int endStreams(int status) {
     return status != 0 ? status : ERROR_WRITE_FAULT;
 }
 
-/* A process has 8 bits for its status. What does not fit is printed in full, and is never 0; that -1 is 255
- * everyone knows. */
+/* What does not fit a process's status is printed in full; that -1 is 255 everyone knows. */
 int exitStatus(int status) {
-    if (status >= 0 && status <= 255) return status;
-    if (status == -1) return 255;
-    fprintf(stderr, "quillet: the run's full exit status is %d (0x%08X)\n", status,
-            static_cast<unsigned>(status));
-    const int low = status & 0xFF;
-    return low == 0 ? 255 : low;
+    const int shown = offline::exitStatusOf(status);
+    if (shown != status && status != -1) {
+        fprintf(stderr, "quillet: the run's full exit status is %d (0x%08X)\n", status,
+                static_cast<unsigned>(status));
+    }
+    return shown;
 }
 
 int run(int argc, char** argv) {
-    const size_t count = static_cast<size_t>(argc);
-    std::vector<std::u16string> texts(count);
-    std::transform(argv, argv + count, texts.begin(),
-                   [](const char* text) { return offline::toUtf16(text); });
-    std::vector<WCHAR*> arguments;
-    arguments.reserve(count + 1);
-    for (std::u16string& text : texts) arguments.push_back(text.data());
-    arguments.push_back(nullptr);
     signal(SIGPIPE, SIG_IGN); /* a reader that has gone must not end a run half-way */
     signal(SIGXFSZ, SIG_IGN); /* nor a limit on files' sizes: the write fails, and that is reported */
-    const offline::Session session;
-    offline::systemStart();
-    const int status = wmain(argc, arguments.data(), nullptr);
+    offline::endingSignalsSay("quillet: ended by a signal; nothing was changed\n");
+    offline::Session session;
+    offline::systemStart(say);
+    const int status = offline::callTool(std::vector<std::string>(argv + std::min(argc, 1), argv + argc));
     return exitStatus(endStreams(endSystem(status)));
 }
 
 } /* namespace */
 
 int main(int argc, char** argv) {
-    int status = 255;
+    int status = ERROR_NOT_ENOUGH_MEMORY;
     const NTSTATUS ended = offline::guarded([&] {
         if (offline::standardStreamsOpen()) {
             status = run(argc, argv);

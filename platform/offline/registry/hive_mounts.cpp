@@ -7,6 +7,7 @@
 #include "platform/offline/registry/links.h"
 #include "platform/offline/registry/open_keys.h"
 #include "platform/offline/registry/registry.h"
+#include "platform/offline/registry/registry_state.h"
 #include "platform/offline/registry/resolve.h"
 
 namespace offline {
@@ -73,16 +74,23 @@ NTSTATUS registryMount(std::u16string_view path, HivePtr hive, std::unique_ptr<H
     });
 }
 
-NTSTATUS registrySaveAll() {
-    NTSTATUS result = STATUS_SUCCESS;
+NTSTATUS registrySaveAll(std::vector<const HiveStore*>& failed) {
+    NTSTATUS first = STATUS_SUCCESS;
+    failed.clear();
     for (const std::unique_ptr<Mount>& mount : tree().mounts) {
         const NTSTATUS status = saveMount(*mount);
-        if (status < 0 && result >= 0) result = status;
+        if (status >= 0) continue;
+        if (first >= 0) first = status;
+        static_cast<void>(guarded([&] { /* without memory it goes unnamed */
+                                        failed.push_back(mount->store.get());
+                                        return STATUS_SUCCESS;
+        }));
     }
-    return result;
+    return first;
 }
 
 void registryReset() {
+    if (!hasRoomState(StatefulRoom::registry)) return;
     forgetOpenKeys();
     tree() = Namespace();
 }

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/nt.h"
 #include "platform/offline/hive/hive.h"
@@ -30,8 +31,9 @@ NTSTATUS registryMount(std::u16string_view path, HivePtr hive, std::unique_ptr<H
  * STATUS_OBJECT_NAME_COLLISION when a mount point or a link in memory has the name. */
 NTSTATUS registryAddLink(std::u16string_view path, std::u16string_view target);
 
-/* Saves every hive that has changed. All are tried; the first failure is the result. */
-NTSTATUS registrySaveAll();
+/* Saves every hive that has changed. All are tried; the first failure is the result, and failed has the
+ * stores of all that could not be saved, the first one's first. */
+NTSTATUS registrySaveAll(std::vector<const HiveStore*>& failed);
 
 /* Forgets every mount, link and open key, unsaved changes too. Open handles answer STATUS_KEY_DELETED from
  * then on. */

@@ -12,7 +12,7 @@
 
 namespace offline {
 
-struct OpenKey; /* keys.cpp */
+struct OpenKey; /* open_keys.cpp */
 
 struct RegistryState {
     Namespace tree;

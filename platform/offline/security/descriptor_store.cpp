@@ -122,14 +122,16 @@ NTSTATUS set(Bytes stored, SECURITY_INFORMATION information, const void* given, 
     size_t oldLength = 0;
     const bool whole = (information & allParts) == allParts;
     if (!partsOfGiven(given, fresh, freshLength)) return STATUS_INVALID_SECURITY_DESCR;
-    if (!partsOfImage(stored, old, oldLength)) {
+    const bool replaces = whole && freshLength != 0;
+    const bool oldCounts = !replaces || accessMode() != AccessMode::unrefused;
+    if (oldCounts && !partsOfImage(stored, old, oldLength)) {
         if (!whole) return STATUS_INVALID_SECURITY_DESCR;
         old = {};
     }
     const NTSTATUS status = ownersAllowed(old, fresh, information);
     if (status < 0) return status;
 
-    if (whole && freshLength != 0) {
+    if (replaces) {
         const auto* bytes = static_cast<const uint8_t*>(given);
         std::vector<uint8_t> copy(bytes, bytes + freshLength);
         const uint16_t control = storedControl(fresh.control, information);

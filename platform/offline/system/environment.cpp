@@ -110,7 +110,7 @@ NTSTATUS environmentLoad(const Hive& system, const Hive& software, char letter,
 }
 
 void environmentReset() {
-    systemState().environment = {};
+    if (hasRoomState(StatefulRoom::system)) systemState().environment = {};
 }
 
 } /* namespace offline */

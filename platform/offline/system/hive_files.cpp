@@ -18,8 +18,10 @@ constexpr uint64_t largestHive = uint64_t{2} << 30; /* bytes; the platform's own
 struct VolumeHiveStore final : HiveStore {
     Volume& volume;
     FileRef file;
+    std::string forPerson;
 
-    VolumeHiveStore(Volume& onVolume, FileRef inFile) : volume(onVolume), file(inFile) {
+    VolumeHiveStore(Volume& onVolume, FileRef inFile, std::string named)
+        : volume(onVolume), file(inFile), forPerson(std::move(named)) {
         systemState().openHiveFiles.push_back({&volume, file});
     }
     VolumeHiveStore(const VolumeHiveStore&) = delete;
@@ -49,6 +51,9 @@ struct VolumeHiveStore final : HiveStore {
     }
 
     NTSTATUS flush() override { return volumeFlush(volume); }
+
+    std::string name() const override { return forPerson; }
+    std::string refusal() const override { return volumeWriteReason(volume); }
 };
 
 /* Why a file of the registry can't be had, and what to do. */
@@ -119,7 +124,7 @@ NTSTATUS readHive(Volume& volume, FileRef file, const std::string& name, HivePtr
         problem.text = name + " " + problem.text;
         return status;
     }
-    store = std::make_unique<VolumeHiveStore>(volume, file);
+    store = std::make_unique<VolumeHiveStore>(volume, file, name);
     return STATUS_SUCCESS;
 }
 
@@ -127,12 +132,13 @@ NTSTATUS readHive(Volume& volume, FileRef file, const std::string& name, HivePtr
 
 NTSTATUS readHiveFile(Volume& volume, FileRef file, const std::string& name, HivePtr& hive,
                       std::unique_ptr<HiveStore>& store, Problem& problem, const FindBeside& findBeside) {
-    return guarded([&] { return readHive(volume, file, name, hive, store, problem, findBeside); });
+    return guardedRefusing(problem,
+                           [&] { return readHive(volume, file, name, hive, store, problem, findBeside); });
 }
 
 NTSTATUS installationReadHive(InstallationVolume& entry, std::u16string_view path, HivePtr& hive,
                               std::unique_ptr<HiveStore>& store, Problem& problem) {
-    return guarded([&] {
+    return guardedRefusing(problem, [&] {
         const std::string name = installationFileName(entry, path);
         FileRef file;
         const NTSTATUS status = volumeFind(*entry.volume, path, file);
@@ -146,7 +152,7 @@ NTSTATUS installationReadHive(InstallationVolume& entry, std::u16string_view pat
 
 NTSTATUS driveReadHive(std::u16string_view path, HivePtr& hive, std::unique_ptr<HiveStore>& store,
                        Problem& problem) {
-    return guarded([&] {
+    return guardedRefusing(problem, [&] {
         const std::string name = toUtf8(path);
         Volume* volume = nullptr;
         FileRef file;

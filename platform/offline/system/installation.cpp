@@ -64,19 +64,24 @@ NTSTATUS installationDisksOnce(const std::vector<std::string>& paths, Problem& p
 }
 
 NTSTATUS installationOpenDisks(const std::vector<std::string>& paths, DiskAccess access,
-                               Installation& installation, Problem& problem) {
+                               Installation& installation, std::vector<std::string>& notices,
+                               Problem& problem) {
     return guardedRefusing(problem, [&]() -> NTSTATUS {
-        const NTSTATUS once = installationDisksOnce(paths, problem);
-        if (once < 0) return once;
-        for (const std::string& path : paths) {
+        NTSTATUS status = installationDisksOnce(paths, problem);
+        if (status >= 0) status = runDisksOpen(paths, access, installation.bottoms, notices, problem);
+        for (size_t i = 0; i < paths.size() && status >= 0; i++) {
             DiskPtr disk;
-            NTSTATUS status = diskOpen(path, access, disk, problem);
-            if (status < 0) return status;
-            installation.disks.push_back(std::move(disk));
-            status = openVolumes(*installation.disks.back(), installation, problem);
-            if (status < 0) return status;
+            status = runDiskOver(installation.bottoms[i], access, disk, problem);
+            if (status >= 0) status = installationAddDisk(std::move(disk), installation, problem);
         }
-        return STATUS_SUCCESS;
+        return status;
+    });
+}
+
+NTSTATUS installationAddDisk(DiskPtr disk, Installation& installation, Problem& problem) {
+    return guardedRefusing(problem, [&] {
+        installation.disks.push_back(std::move(disk));
+        return openVolumes(*installation.disks.back(), installation, problem);
     });
 }
 
@@ -115,18 +120,23 @@ std::string installationFileName(const InstallationVolume& entry, std::u16string
     return diskPath(*entry.disk) + ": " + toUtf8(path);
 }
 
+namespace {
+
+NTSTATUS refuseUnwritten(const Disk& disk, NTSTATUS status, Problem& problem) {
+    return guardedRefusing(problem, [&] {
+        return refuse(problem, status,
+                      diskPath(disk) + ": not everything could be written" + diskWriteReason(disk) +
+                          "; nothing was changed");
+    });
+}
+
+} /* namespace */
+
 NTSTATUS installationClose(Installation& installation, Problem& problem) {
     NTSTATUS first = STATUS_SUCCESS;
     for (InstallationVolume& entry : installation.volumes) {
-        const std::string name = diskPath(*entry.disk);
         const NTSTATUS status = volumeClose(std::move(entry.volume));
-        if (status < 0 && first >= 0) {
-            first = refuse(problem, status,
-                           name + ": not everything could be written" + diskWriteReason(*entry.disk) +
-                               ", so the volume stays marked dirty; check the disk and run chkdsk on it, or "
-                               "go back to a "
-                               "copy");
-        }
+        if (status < 0 && first >= 0) first = refuseUnwritten(*entry.disk, status, problem);
     }
     installation.volumes.clear();
     return first;

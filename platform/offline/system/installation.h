@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/offline/base/problem.h"
+#include "platform/offline/system/run_disks.h"
 #include "platform/offline/volume/disk.h"
 #include "platform/offline/volume/volume.h"
 
@@ -20,7 +21,8 @@ struct InstallationVolume {
 };
 
 struct Installation {
-    std::vector<DiskPtr> disks; /* before the volumes, which must be closed first */
+    std::vector<RunDisk> bottoms; /* of disks that changes are meant for; the others own their devices */
+    std::vector<DiskPtr> disks;   /* before the volumes, which must be closed first */
     std::vector<InstallationVolume> volumes;
     size_t systemVolume = 0;  /* index of the volume that Windows is on */
     std::u16string directory; /* Windows' directory on it, such as "Windows" */
@@ -30,9 +32,15 @@ struct Installation {
  * whoever changed it twice at once would destroy it. */
 NTSTATUS installationDisksOnce(const std::vector<std::string>& paths, Problem& problem);
 
-/* Opens the disks, each named once, and every NTFS volume on them, each there once. Nothing is written. */
+/* Opens the disks, each named once, and every NTFS volume on them, each there once. For readWrite and planned
+ * changes stay in overlays; nothing else is written but what puts a commit right that was cut off (a line in
+ * notices). */
 NTSTATUS installationOpenDisks(const std::vector<std::string>& paths, DiskAccess access,
-                               Installation& installation, Problem& problem);
+                               Installation& installation, std::vector<std::string>& notices,
+                               Problem& problem);
+
+/* Adds a disk that is open, for what is not a run; opens every NTFS volume on it. */
+NTSTATUS installationAddDisk(DiskPtr disk, Installation& installation, Problem& problem);
 
 /* Finds the volume that Windows is on: the first with a directory of registry hives. */
 NTSTATUS installationFindWindows(Installation& installation, Problem& problem);
@@ -43,8 +51,8 @@ std::u16string installationHivePath(const Installation& installation, std::u16st
 /* A file's name for a person: "DISK: PATH". */
 std::string installationFileName(const InstallationVolume& entry, std::u16string_view path);
 
-/* Closes the volumes, writing what is left and taking dirty marks away; the disks stay open. All are tried;
- * the problem is the first failure. */
+/* Closes the volumes, writing what is left to the disks, which stay open. All are tried, also without memory;
+ * the problem is the first failure, and what was written must not be kept then. */
 NTSTATUS installationClose(Installation& installation, Problem& problem);
 
 /* Refuses when something of the disks could not be read since they were opened; as diskReadWhole, in one line

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstring>
 #include <new>
+#include <vector>
 
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/base/unicode.h"
@@ -165,24 +166,30 @@ NTSTATUS mountAll(Installation& installation, Problem& problem) {
     return status;
 }
 
+NTSTATUS refuseSave(NTSTATUS status, const std::vector<const HiveStore*>& failed, Problem& problem) {
+    std::string names, reason;
+    for (const HiveStore* store : failed) names += (names.empty() ? "" : ", ") + store->name();
+    if (!failed.empty()) reason = failed.front()->refusal();
+    if (names.empty()) names = "the registry";
+    const char* const advice =
+        status == STATUS_DISK_FULL
+            ? "there is no room for it; nothing was changed; make room, on the volume and where the image "
+              "lies"
+            : "nothing was changed; check the disk";
+    return refuse(problem, status, names + " could not be written back" + reason + "; " + advice);
+}
+
 } /* namespace */
 
 NTSTATUS machineHivesMount(Installation& installation, Problem& problem) {
     return guardedRefusing(problem, [&] { return mountAll(installation, problem); });
 }
 
-NTSTATUS machineHivesSave(const Installation& installation, Problem& problem) {
-    const NTSTATUS status = registrySaveAll();
+NTSTATUS machineHivesSave(Problem& problem) {
+    std::vector<const HiveStore*> failed;
+    const NTSTATUS status = registrySaveAll(failed);
     if (status >= 0) return status;
-    const Disk& disk = *installation.volumes[installation.systemVolume].disk;
-    const char* const advice =
-        status == STATUS_DISK_FULL
-            ? "there is no room for it; go back to a copy and make room, on the volume "
-              "and where the image lies"
-            : "check the disk, or go back to a copy";
-    return refuse(
-        problem, status,
-        diskPath(disk) + ": the registry could not be written back" + diskWriteReason(disk) + "; " + advice);
+    return guardedRefusing(problem, [&] { return refuseSave(status, failed, problem); });
 }
 
 bool isServiceAccount(std::u16string_view sid) {

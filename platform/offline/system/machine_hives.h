@@ -15,8 +15,8 @@ namespace offline {
  * or dirty beyond what its logs mend, is refused. */
 NTSTATUS machineHivesMount(Installation& installation, Problem& problem);
 
-/* Saves what has changed. */
-NTSTATUS machineHivesSave(const Installation& installation, Problem& problem);
+/* Saves every hive that has changed; all are tried. The problem names those that could not be written. */
+NTSTATUS machineHivesSave(Problem& problem);
 
 /* Whether it is the SID of an account whose hive a running system always has open: it is mounted with the
  * machine's, and one that is there but can't be read refuses the installation. */

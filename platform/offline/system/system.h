@@ -12,17 +12,45 @@
 
 namespace offline {
 
-/* Reads QUILLET_ACCESS and has the first call that needs the installation open it from QUILLET_SYSTEM. */
-void systemStart();
+/* When what was changed is committed. */
+enum class CommitRule { always, onSuccess, never };
+
+struct CommitWish {
+    CommitRule rule = CommitRule::always;
+    UndoChoice undo;
+};
+
+/* Has descriptors refuse what QUILLET_ACCESS says, and the token be as at the start; a word that it does not
+ * know is refused. */
+NTSTATUS systemChooseAccess(Problem& problem);
+
+/* Reads QUILLET_ACCESS and has the first call that needs the installation open it from QUILLET_SYSTEM, to be
+ * committed as QUILLET_COMMIT and QUILLET_UNDO say. notice is called with a line, at once, when an earlier
+ * run that was cut off has been put right. */
+void systemStart(void (*notice)(const std::string& line));
 
 /* Opens an installation for the platform's calls. What has to be refused is refused here, before a byte is
  * written; a trial says whether a run could start. */
 NTSTATUS systemOpen(const std::vector<std::string>& paths, DiskAccess access, Problem& problem);
 
-/* Saves the hives, writes everything to the medium, takes dirty marks away and closes. All is tried; the
- * problem is the first failure. Changes that were refused because the disks were opened for reading are a
- * failure as well (STATUS_MEDIA_WRITE_PROTECTED). Nothing to do, and success, when nothing is open. */
-NTSTATUS systemClose(Problem& problem);
+/* Saves the hives, and gives the installation away as the run left it: its volumes are open, nothing is
+ * committed, and nothing will be. The problem names the hives that could not be written. */
+NTSTATUS systemHandOver(Installation& installation, Problem& problem);
+
+/* Saves and commits what was changed, by the rule, and closes. succeeded: whether the run did; that nothing
+ * of the disks could be left unread counts as well. Whatever can't be written whole is not committed: the
+ * problem is the first failure, and says how the disks are. Changes that were refused because the disks were
+ * opened for reading are a failure as well (STATUS_MEDIA_WRITE_PROTECTED). Nothing to do, and success, when
+ * nothing is open. */
+NTSTATUS systemClose(bool succeeded, Problem& problem);
+
+/* What became of the changes of the installation that was closed last. */
+struct CommitOutcome {
+    bool withheld = false; /* there were changes, but the run did not succeed */
+    CommitReport report;
+    std::string takeBack; /* the command that undoes the commit; empty when there is none */
+};
+const CommitOutcome& systemCommitOutcome();
 
 /* The line for a restart or power-off that was asked for; empty when none was. To be read before the
  * installation is closed, and shown when that went well. */

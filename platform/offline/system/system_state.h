@@ -11,6 +11,7 @@
 #include "platform/offline/base/problem.h"
 #include "platform/offline/base/session.h"
 #include "platform/offline/system/installation.h"
+#include "platform/offline/system/system.h"
 
 namespace offline {
 
@@ -34,6 +35,9 @@ struct SystemState {
     Problem openingProblem;
     Problem unreadProblem;
     Restart restartAsked = Restart::none;
+    void (*notice)(const std::string& line) = nullptr;
+    CommitWish commitWish;
+    CommitOutcome commitOutcome;
     std::optional<Installation> installation;
 };
 

@@ -28,8 +28,8 @@ NTSTATUS openData(Inode& inode, FileRef file, DataPtr& data) {
     }
     errno = 0;
     data.reset(ntfs3g::ntfs_attr_open(inode.inode, ntfs3g::AT_DATA, nullptr, 0));
-    return data != nullptr && !inode.volume.device.failed ? STATUS_SUCCESS
-                                                          : libraryStatus(inode.volume, errno);
+    return data != nullptr && inode.volume.device.failed >= 0 ? STATUS_SUCCESS
+                                                              : libraryStatus(inode.volume, errno);
 }
 
 /* Makes room for a file of this size and an eighth more, which costs nothing until it is used. A large buffer
@@ -53,7 +53,7 @@ NTSTATUS readData(Volume& volume, ntfs3g::ntfs_attr* data, size_t size, std::vec
         allowReads(volume, readsOfACall);
         int64_t done = ntfs3g::ntfs_attr_pread(data, static_cast<int64_t>(offset),
                                                static_cast<int64_t>(count), bytes.data() + offset);
-        if (done <= 0 || volume.device.failed) return libraryStatus(volume, errno);
+        if (done <= 0 || volume.device.failed < 0) return libraryStatus(volume, errno);
         offset += static_cast<size_t>(done);
     }
     return STATUS_SUCCESS;
@@ -66,7 +66,7 @@ NTSTATUS writeData(Volume& volume, ntfs3g::ntfs_attr* data, uint64_t offset, Byt
         allowReads(volume, readsOfACall);
         int64_t done = ntfs3g::ntfs_attr_pwrite(data, static_cast<int64_t>(offset),
                                                 static_cast<int64_t>(count), bytes.data());
-        if (done <= 0 || volume.device.failed) return libraryStatus(volume, errno);
+        if (done <= 0 || volume.device.failed < 0) return libraryStatus(volume, errno);
         offset += static_cast<uint64_t>(done);
         bytes = bytes.subspan(static_cast<size_t>(done));
     }
@@ -110,7 +110,7 @@ NTSTATUS volumeWriteFile(Volume& volume, FileRef file, uint64_t offset, Bytes by
             status = libraryStatus(volume, errno);
         }
         data.reset();
-        if (status < 0) volume.failed = true;
+        if (status < 0) changeFailed(volume, status);
         ntfs3g::ntfs_inode_update_times(inode.inode, updateContents);
         NTSTATUS closed = inode.close();
         return status < 0 ? status : closed;

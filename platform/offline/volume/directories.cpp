@@ -1,5 +1,5 @@
 /* Looking at files and directories. */
-#include "platform/offline/volume/open_volume.h"
+#include "platform/offline/volume/directory_index.h"
 /* before everything else */
 #include <algorithm>
 #include <cerrno>
@@ -7,45 +7,44 @@
 namespace offline {
 namespace {
 
+/* In the attributes that an index has of a file: it is a directory. */
+constexpr uint32_t indexedDirectory = 0x10000000;
+
 struct Listing {
-    const Volume& volume;
     FileRef directory;
     DirectoryListing& result;
     std::vector<DirectoryEntry> aliases = {}; /* short names beside long ones */
-    bool outOfMemory = false;
-    bool strayed = false; /* an entry leads to the volume's own metadata, which has none there */
+    bool strayed = false; /* an entry has no name, or leads to the volume's own metadata from elsewhere */
 };
 
-bool isDots(const ntfs3g::ntfschar* name, int length) {
-    return length >= 1 && length <= 2 && name[0] == u'.' && name[length - 1] == u'.';
+/* Adds a name to the listing's, from the start on. */
+std::u16string_view addName(std::u16string& names, size_t start, Bytes name) {
+    names.resize(start + name.size() / sizeof(char16_t));
+    std::memcpy(names.data() + start, name.data(), name.size());
+    return std::u16string_view(names).substr(start);
 }
 
-/* Called by the library for each entry, so that nothing may be thrown. */
-int addEntry(void* context, const ntfs3g::ntfschar* name, const int length, const int nameType, const int64_t,
-             const ntfs3g::MFT_REF file, const unsigned kind) noexcept {
-    auto& listing = *static_cast<Listing*>(context);
-    if (length <= 0) listing.strayed = true;
-    if (length <= 0 || isDots(name, length)) return 0;
-    if (recordNumberOf(file) < firstOrdinaryRecord) {
-        if (recordNumberOf(listing.directory) != rootDirectory || name[0] != u'$') listing.strayed = true;
-        return 0;
-    }
-    const NTSTATUS status = guarded([&] {
-        DirectoryListing& result = listing.result;
-        DirectoryEntry entry = {};
-        entry.file = file;
-        entry.nameStart = static_cast<uint32_t>(result.names.size());
-        entry.nameLength = static_cast<uint16_t>(length);
-        entry.directory = kind == NTFS_DT_DIR;
-        entry.reparse = kind == NTFS_DT_LNK || kind == NTFS_DT_REPARSE;
-        result.names.append(reinterpret_cast<const char16_t*>(name), static_cast<size_t>(length));
-        (nameType == ntfs3g::FILE_NAME_DOS ? listing.aliases : result.entries).push_back(entry);
-        return STATUS_SUCCESS;
-    });
-    if (status >= 0) return 0;
-    listing.outOfMemory = true;
-    errno = ENOMEM;
-    return -1;
+bool isDots(std::u16string_view name) {
+    return name == u"." || name == u"..";
+}
+
+void addEntry(Listing& listing, const IndexEntry& entry) {
+    const uint64_t record = recordNumberOf(entry.file);
+    if (record == rootDirectory) return; /* the root directory's entry for itself */
+    std::u16string& names = listing.result.names;
+    const size_t start = names.size();
+    const std::u16string_view name = addName(names, start, entry.name);
+    const bool inRoot = recordNumberOf(listing.directory) == rootDirectory;
+    const bool metadata = record < firstOrdinaryRecord;
+    if (name.empty() || (metadata && !isDots(name) && !(inRoot && name[0] == u'$'))) listing.strayed = true;
+    if (name.empty() || metadata || isDots(name)) return names.resize(start);
+    std::vector<DirectoryEntry>& entries =
+        entry.nameType == ntfs3g::FILE_NAME_DOS ? listing.aliases : listing.result.entries;
+    entries.push_back({.file = entry.file,
+                       .nameStart = static_cast<uint32_t>(start),
+                       .nameLength = static_cast<uint16_t>(name.size()),
+                       .directory = (entry.attributes & indexedDirectory) != 0,
+                       .reparse = (entry.attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0});
 }
 
 /* A short name stands beside a long one. Where that is missing, it is the only one by which the file can be
@@ -61,13 +60,27 @@ void keepLoneAliases(Listing& listing) {
     }
 }
 
-/* The library gives the blocks of a large index in the order of the disk. */
+/* Whether a name comes before another: by capital letters first, as in an index. */
+bool comesBefore(const ntfs3g::ntfs_volume& ntfs, std::u16string_view a, std::u16string_view b) {
+    const auto capital = [&](char16_t letter) -> uint16_t {
+        return letter < ntfs.upcase_len ? ntfs.upcase[letter] : letter;
+    };
+    const size_t shorter = std::min(a.size(), b.size());
+    size_t same = 0;
+    while (same < shorter && a[same] == b[same]) ++same;
+    if (same == shorter) return a.size() < b.size();
+    const uint16_t left = capital(a[same]), right = capital(b[same]);
+    if (left != right) return left < right;
+    const auto rest = [same](std::u16string_view name) { return libraryName(name.substr(same)); };
+    return ntfs3g::ntfs_names_full_collate(rest(a), static_cast<uint32_t>(a.size() - same), rest(b),
+                                           static_cast<uint32_t>(b.size() - same), ntfs3g::CASE_SENSITIVE,
+                                           ntfs.upcase, ntfs.upcase_len) < 0;
+}
+
+/* The blocks of a large index come by their numbers. */
 void sortEntries(const Volume& volume, DirectoryListing& listing) {
-    const ntfs3g::ntfs_volume* ntfs = volume.ntfs;
-    auto before = [&](const DirectoryEntry& a, const DirectoryEntry& b) {
-        return ntfs3g::ntfs_names_full_collate(libraryName(listing.name(a)), a.nameLength,
-                                               libraryName(listing.name(b)), b.nameLength,
-                                               ntfs3g::CASE_SENSITIVE, ntfs->upcase, ntfs->upcase_len) < 0;
+    const auto before = [&](const DirectoryEntry& a, const DirectoryEntry& b) {
+        return comesBefore(*volume.ntfs, listing.name(a), listing.name(b));
     };
     if (!std::is_sorted(listing.entries.begin(), listing.entries.end(), before)) {
         std::sort(listing.entries.begin(), listing.entries.end(), before);
@@ -101,7 +114,7 @@ NTSTATUS lookUpAs(Volume& volume, Inode& directory, std::u16string_view name, bo
     int error = errno;
     NVolSetCaseSensitive(volume.ntfs);
     allowReads(volume, readsOfACall);
-    if (volume.device.failed) return STATUS_IO_DEVICE_ERROR;
+    if (volume.device.failed < 0) return volume.device.failed;
     if (found != UINT64_MAX) {
         file = found;
         return STATUS_SUCCESS;
@@ -191,16 +204,13 @@ NTSTATUS volumeList(Volume& volume, FileRef directory, DirectoryListing& listing
         NTSTATUS status = inode.open(directory);
         if (status < 0) return status;
         if (!inode.isDirectory()) return STATUS_NOT_A_DIRECTORY;
-        Listing context{volume, directory, listing};
-        int64_t position = 0;
-        errno = 0;
-        if (ntfs3g::ntfs_readdir(inode.inode, &position, &context, addEntry) != 0 || volume.device.failed ||
-            !indexIsThere(inode)) {
-            return context.outOfMemory ? STATUS_NO_MEMORY : libraryStatus(volume, errno);
-        }
+        Listing context{directory, listing};
+        bool whole = false;
+        status = visitIndex(
+            inode, [&](const IndexEntry& entry) { addEntry(context, entry); }, whole);
+        if (status < 0) return status;
         /* What can be seen of it is as good as ever; what can't is told. */
-        const bool whole = indexBlocksInUse(inode) && !context.strayed;
-        if (!whole && !volume.device.failed) volumeNoteDamage(volume, directory);
+        if (!whole || context.strayed) volumeNoteDamage(volume, directory);
         keepLoneAliases(context);
         sortEntries(volume, listing);
         return inode.close();

@@ -1,232 +1,35 @@
 #include "platform/offline/volume/disk.h"
 
-#include <fcntl.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
-
-#include "platform/offline/base/bytes.h"
 #include "platform/offline/base/guarded.h"
-#include "platform/offline/base/streams.h"
-#include "platform/offline/volume/block_cache.h"
-#include "platform/offline/volume/disk_place.h"
-#include "platform/offline/volume/host_mounts.h"
+#include "platform/offline/volume/open_disk.h"
 
 namespace offline {
-namespace {
-
-NTSTATUS refuseErrno(const std::string& path, int error, Problem& problem) {
-    switch (error) {
-        case ENOENT:
-        case ENOTDIR:
-        case ENXIO:
-        case ENODEV:
-        case ENOMEDIUM:
-            return refuse(problem, STATUS_NO_SUCH_FILE,
-                          path + ": there is no such file or device; name a disk image or a block device");
-        case EACCES:
-        case EPERM:
-            return refuse(problem, STATUS_ACCESS_DENIED,
-                          path + ": permission to read it is missing; run as a user who may read it");
-        case EBUSY:
-            return refuse(problem, STATUS_SHARING_VIOLATION,
-                          path + ": the device is in use; unmount it and what lies on it, then try again");
-        default:
-            return refuse(
-                problem, STATUS_IO_DEVICE_ERROR,
-                path + ": it can't be opened (" + std::strerror(error) + "); check the file or device");
-    }
-}
-
-bool onlyReadable(int error) {
-    return error == EACCES || error == EPERM || error == EROFS || error == ETXTBSY;
-}
-
-/* A file without any write permission is only read, even where the user could write it all the same: whoever
- * took the permission away meant it. */
-bool keptFromWrites(const struct stat& info) {
-    return (info.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0;
-}
-
-bool deviceKeptFromWrites(int file) {
-    int protectedAgainstWrites = 0;
-    return ioctl(file, BLKROGET, &protectedAgainstWrites) == 0 && protectedAgainstWrites != 0;
-}
-
-NTSTATUS refuseKind(const std::string& path, const struct stat& info, Problem& problem) {
-    if (S_ISREG(info.st_mode) || S_ISBLK(info.st_mode)) return STATUS_SUCCESS;
-    const char* const kind = S_ISDIR(info.st_mode) ? "a directory" : "neither a file nor a block device";
-    return refuse(problem, STATUS_INVALID_PARAMETER,
-                  path + ": it is " + kind + "; name a disk image or a block device");
-}
-
-/* Opens it for reading where it can only be read; whether that will do is decided by whoever has its lock. */
-NTSTATUS openFile(Disk& disk, DiskAccess access, const struct stat& before, Problem& problem) {
-    const int flags = O_CLOEXEC | O_NONBLOCK | (S_ISBLK(before.st_mode) ? O_EXCL : 0);
-    disk.readOnly = access != DiskAccess::readWrite || keptFromWrites(before);
-    if (!disk.readOnly) {
-        disk.file = open(disk.path.c_str(), flags | O_RDWR);
-        if (disk.file < 0 && onlyReadable(errno)) disk.readOnly = true;
-    }
-    if (disk.readOnly) disk.file = open(disk.path.c_str(), flags | O_RDONLY);
-    disk.file = aboveStandard(disk.file);
-    if (disk.file < 0) return refuseErrno(disk.path, errno, problem);
-    struct stat after = {};
-    if (fstat(disk.file, &after) != 0 || (after.st_mode & S_IFMT) != (before.st_mode & S_IFMT)) {
-        return refuse(problem, STATUS_SHARING_VIOLATION,
-                      disk.path + ": it changed while it was opened; try again");
-    }
-    return STATUS_SUCCESS;
-}
-
-/* The disk's size, and for a device its sectors and whether it is write-protected. */
-NTSTATUS measure(Disk& disk, Problem& problem) {
-    struct stat info = {};
-    if (fstat(disk.file, &info) != 0) return refuseErrno(disk.path, errno, problem);
-    if (S_ISBLK(info.st_mode)) {
-        uint64_t bytes = 0;
-        int sector = 0;
-        if (ioctl(disk.file, BLKGETSIZE64, &bytes) != 0) return refuseErrno(disk.path, errno, problem);
-        disk.size = bytes;
-        if (ioctl(disk.file, BLKSSZGET, &sector) == 0 && (sector == 512 || sector == 4096)) {
-            disk.sectorSize = static_cast<uint32_t>(sector);
-        }
-        if (deviceKeptFromWrites(disk.file)) disk.readOnly = true;
-    } else {
-        disk.size = static_cast<uint64_t>(info.st_size);
-    }
-    if (disk.size == 0) {
-        return refuse(problem, STATUS_UNRECOGNIZED_VOLUME,
-                      disk.path + ": it is empty; name a disk image that holds a Windows installation");
-    }
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS refuseInUse(const std::string& path, Problem& problem) {
-    return refuse(
-        problem, STATUS_SHARING_VIOLATION,
-        path + ": another program is using it; end that program or virtual machine, then try again");
-}
-
-/* The lock belongs to this opening of the file, so that it holds within the process too and falls with the
- * file. */
-NTSTATUS lockPart(const Disk& disk, int file, struct flock lock, Problem& problem) {
-    const bool mayLockForWriting = (fcntl(file, F_GETFL) & O_ACCMODE) == O_RDWR;
-    lock.l_type = disk.readOnly || !mayLockForWriting ? F_RDLCK : F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    if (fcntl(file, F_OFD_SETLK, &lock) != 0) {
-        if (errno == EAGAIN || errno == EACCES) return refuseInUse(disk.path, problem);
-        return refuse(problem, STATUS_SHARING_VIOLATION,
-                      disk.path + ": it can't be locked here (" + std::strerror(errno) +
-                          "); copy it to a local file system first");
-    }
-    if (!disk.forChanges) return STATUS_SUCCESS;
-    /* For a trial: whether others only read what would be written. */
-    lock.l_type = F_WRLCK;
-    const bool shared = fcntl(file, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
-    return shared ? refuseInUse(disk.path, problem) : STATUS_SUCCESS;
-}
-
-/* The disk, and of a loop device its part of the file below it, which others know by the file's name. */
-NTSTATUS lockFile(Disk& disk, const DiskPlace& place, Problem& problem) {
-    const NTSTATUS status = lockPart(disk, disk.file, {}, problem);
-    if (status < 0 || place.file.empty()) return status;
-    disk.bottomFile = openBottomFile(place, !disk.readOnly);
-    if (disk.bottomFile < 0) return STATUS_SUCCESS; /* out of reach; see loopDeviceInUse */
-    struct flock part = {};
-    constexpr uint64_t farthest = INT64_MAX;
-    part.l_start = static_cast<off_t>(std::min(place.start, farthest));
-    part.l_len = place.end > farthest ? 0 : static_cast<off_t>(place.end - place.start); /* 0: to the end */
-    return lockPart(disk, disk.bottomFile, part, problem);
-}
-
-/* A mount holds a block device, so that opening it has been refused already; a file is looked for among what
- * is mounted and below loop devices. */
-NTSTATUS refuseMounted(const Disk& disk, const DiskPlace& place, Problem& problem) {
-    if (isMounted(disk.path)) {
-        return refuse(problem, STATUS_SHARING_VIOLATION,
-                      disk.path + ": it is mounted; unmount it, then try again");
-    }
-    const std::string loop = loopDeviceInUse(place);
-    if (loop.empty()) return STATUS_SUCCESS;
-    return refuse(problem, STATUS_SHARING_VIOLATION,
-                  disk.path + ": it is mounted or used through " + loop +
-                      "; unmount and detach that (losetup -d), then try again");
-}
-
-NTSTATUS refuseReadOnly(const Disk& disk, DiskAccess access, Problem& problem) {
-    const bool writable = access == DiskAccess::trial ? diskWritable(disk) : !disk.readOnly;
-    if (!disk.forChanges || writable) return STATUS_SUCCESS;
-    return refuse(problem, STATUS_MEDIA_WRITE_PROTECTED,
-                  disk.path +
-                      ": it can only be read; make it writable, or work on a copy that is (a dry run, "
-                      "too, writes the server GUID)");
-}
-
-NTSTATUS openWhole(Disk& disk, DiskAccess access, Problem& problem) {
-    struct stat info = {};
-    if (stat(disk.path.c_str(), &info) != 0) return refuseErrno(disk.path, errno, problem);
-    disk.forChanges = access != DiskAccess::readOnly;
-    const DiskPlace place = diskPlaceOf(info);
-    NTSTATUS status = refuseKind(disk.path, info, problem);
-    if (status >= 0) status = openFile(disk, access, info, problem);
-    if (status >= 0) status = refuseMounted(disk, place, problem);
-    if (status >= 0) status = measure(disk, problem);
-    if (status >= 0) status = lockFile(disk, place, problem);
-    if (status >= 0) status = refuseReadOnly(disk, access, problem);
-    return status;
-}
-
-} /* namespace */
 
 void DiskDeleter::operator()(Disk* disk) const {
     diskSync(*disk);
-    if (disk->file >= 0) close(disk->file);
-    if (disk->bottomFile >= 0) close(disk->bottomFile);
     delete disk;
 }
 
 NTSTATUS diskOpen(const std::string& path, DiskAccess access, DiskPtr& disk, Problem& problem) {
     disk.reset();
-    return guarded([&]() -> NTSTATUS {
-        DiskPtr opened(new Disk);
-        opened->path = path;
-        const NTSTATUS status = openWhole(*opened, access, problem);
-        if (status >= 0) disk = std::move(opened);
-        return status;
-    });
+    BlockDevicePtr device;
+    const NTSTATUS status = fileDeviceOpen(path, access, device, problem);
+    return status < 0 ? status : diskOver(std::move(device), access, disk);
 }
 
-NTSTATUS disksApart(const std::vector<std::string>& paths, Problem& problem) {
-    return guarded([&]() -> NTSTATUS {
-        std::vector<std::pair<std::string, DiskPlace>> seen;
-        for (const std::string& path : paths) {
-            struct stat info = {};
-            if (stat(path.c_str(), &info) != 0) continue;
-            DiskPlace place = diskPlaceOf(info);
-            for (const auto& [other, otherPlace] : seen) {
-                if (!placesOverlap(place, otherPlace)) continue;
-                std::string text = path;
-                text.append(": it is the same disk as ").append(other);
-                return refuse(problem, STATUS_INVALID_PARAMETER,
-                              text.append(", or a part of it; name each disk once"));
-            }
-            seen.emplace_back(path, std::move(place));
-        }
+NTSTATUS diskOver(BlockDevicePtr device, DiskAccess access, DiskPtr& disk) {
+    disk.reset();
+    return guarded([&] {
+        disk.reset(new Disk(std::move(device), access));
         return STATUS_SUCCESS;
     });
 }
 
 const std::string& diskPath(const Disk& disk) {
-    return disk.path;
+    return disk.device->name();
 }
 uint64_t diskSize(const Disk& disk) {
-    return disk.size;
+    return disk.cache.size;
 }
 bool diskReadOnly(const Disk& disk) {
     return disk.readOnly;
@@ -237,16 +40,27 @@ bool diskForChanges(const Disk& disk) {
 }
 
 bool diskWritable(const Disk& disk) {
-    struct stat info = {};
-    if (fstat(disk.file, &info) != 0 || keptFromWrites(info)) return false;
-    if (S_ISBLK(info.st_mode)) {
-        return !deviceKeptFromWrites(disk.file) &&
-               faccessat(AT_FDCWD, disk.path.c_str(), W_OK, AT_EACCESS) == 0;
-    }
-    /* There is more than permissions: programs that run, files that may only grow. */
-    const int file = aboveStandard(open(disk.path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK));
-    if (file >= 0) close(file);
-    return file >= 0;
+    return disk.device->writable();
+}
+
+NTSTATUS diskRead(Disk& disk, uint64_t offset, std::span<uint8_t> bytes) {
+    return cacheRead(disk.cache, offset, bytes);
+}
+
+NTSTATUS diskWrite(Disk& disk, uint64_t offset, Bytes bytes) {
+    return disk.readOnly ? STATUS_MEDIA_WRITE_PROTECTED : cacheWrite(disk.cache, offset, bytes);
+}
+
+NTSTATUS diskSync(Disk& disk) {
+    return disk.readOnly ? STATUS_SUCCESS : cacheSync(disk.cache);
+}
+
+const std::vector<DirtyMark>& diskMarks(const Disk& disk) {
+    return disk.marks;
+}
+
+void diskNoteMark(Disk& disk, DirtyMark mark) {
+    disk.marks.push_back(std::move(mark));
 }
 
 } /* namespace offline */

@@ -1,5 +1,5 @@
-/* A disk: an image file or a block device. Every read and every write of it passes through this room's
- * diskRead and diskWrite, and nowhere else. No function throws. */
+/* A disk: a cached device, what went wrong on it, and what lies on it. Every read and every write of it
+ * passes through diskRead and diskWrite, and nowhere else. No function throws. */
 #ifndef QUILLET_OFFLINE_VOLUME_DISK_H
 #define QUILLET_OFFLINE_VOLUME_DISK_H
 
@@ -11,6 +11,8 @@
 
 #include "platform/offline/base/bytes.h"
 #include "platform/offline/base/problem.h"
+#include "platform/offline/device/file_device.h"
+#include "platform/offline/device/journal_format.h"
 
 namespace offline {
 
@@ -21,18 +23,14 @@ struct DiskDeleter {
 };
 using DiskPtr = std::unique_ptr<Disk, DiskDeleter>;
 
-/* trial: reads only, and refuses whatever readWrite would, of the disk and of the volumes on it. */
-enum class DiskAccess { readOnly, readWrite, trial };
-
-/* Opens and locks the disk. Refused, each with one line that names the path and says what to do: missing, a
- * directory, empty, no permission, in use (a mount, another program's lock, another quillet, also through a
- * loop device or by another name), and for readWrite what can only be read
- * (STATUS_MEDIA_WRITE_PROTECTED). */
+/* Opens the file or device of this name, and locks it as long as the disk is open; see fileDeviceOpen for
+ * what is refused. */
 NTSTATUS diskOpen(const std::string& path, DiskAccess access, DiskPtr& disk, Problem& problem);
 
-/* Refuses two paths that lead to the same bytes: links, bind mounts, a loop device and its file. What can't
- * be found out is left to diskOpen. */
-NTSTATUS disksApart(const std::vector<std::string>& paths, Problem& problem);
+/* The disk that a device, or a stack of them, is. The disk owns the device; whoever made it may look at it
+ * as long as the disk is open, and finds in it what was written before the last diskSync. It is written to
+ * for readWrite only, and only when it is not read-only itself. */
+NTSTATUS diskOver(BlockDevicePtr device, DiskAccess access, DiskPtr& disk);
 
 const std::string& diskPath(const Disk& disk);
 uint64_t diskSize(const Disk& disk); /* bytes */
@@ -51,19 +49,19 @@ NTSTATUS diskWrite(Disk& disk, uint64_t offset, Bytes bytes);
 /* Everything that was written is on the medium when it returns. */
 NTSTATUS diskSync(Disk& disk);
 
+/* What those sectors look like that say of a volume that is being changed that it is dirty: nothing of it is
+ * on the disk yet. The disk of a mark is 0. */
+const std::vector<DirtyMark>& diskMarks(const Disk& disk);
+void diskNoteMark(Disk& disk, DirtyMark mark); /* may throw std::bad_alloc */
+
 /* ---- What went wrong ---- */
 
-/* What of the disk could not be read or written since it was opened. A caller who gets a failing status may
- * pass over what it was after; here it is remembered all the same. */
+/* What of the disk can't be used for what lies on it. A caller who gets a failing status may pass over what
+ * it was after; here it is remembered all the same. */
 struct DiskTrouble {
-    uint64_t readsRefused = 0;
-    uint64_t firstRefused = 0;  /* bytes */
-    int readError = 0;          /* errno of the first; 0: the disk had become shorter */
     uint64_t damaged = 0;       /* files and directories whose structure on the disk can't be used */
     uint64_t damagedVolume = 0; /* bytes: where the volume of the first begins */
     uint64_t damagedRecord = 0; /* the first one's MFT record */
-    bool writeRefused = false;
-    int writeError = 0; /* errno of the first; 0: the disk had become shorter */
 };
 const DiskTrouble& diskTrouble(const Disk& disk);
 

@@ -27,6 +27,14 @@ void makeRoom(Volume& volume, size_t bytes) {
     volume.descriptorBytes += bytes;
 }
 
+/* The id under which the same bytes were stored here before; they are valid then. */
+bool knownId(const Volume& volume, Bytes descriptor, uint32_t& id) {
+    const auto stored = volume.storedIds.find(textOf(descriptor));
+    if (stored == volume.storedIds.end()) return false;
+    id = stored->second;
+    return true;
+}
+
 /* One that is not valid is remembered as such, so that it is read once as well. */
 NTSTATUS descriptorById(Volume& volume, uint32_t id, Bytes& descriptor) {
     auto known = volume.descriptors.find(id);
@@ -91,10 +99,7 @@ NTSTATUS setIdThroughLibrary(Volume& volume, FileRef file, uint32_t id) {
     Inode inode(volume);
     NTSTATUS status = inode.open(file);
     if (status < 0) return status;
-    if (!setIdOfInode(inode, id)) {
-        status = libraryStatus(volume, errno);
-        volume.failed = true;
-    }
+    if (!setIdOfInode(inode, id)) status = changeFailed(volume, libraryStatus(volume, errno));
     const NTSTATUS closed = inode.close();
     return status < 0 ? status : closed;
 }
@@ -102,11 +107,7 @@ NTSTATUS setIdThroughLibrary(Volume& volume, FileRef file, uint32_t id) {
 } /* namespace */
 
 NTSTATUS securityIdOf(Volume& volume, Bytes descriptor, uint32_t& id) {
-    const auto stored = volume.storedIds.find(textOf(descriptor));
-    if (stored != volume.storedIds.end()) {
-        id = stored->second;
-        return STATUS_SUCCESS;
-    }
+    if (knownId(volume, descriptor, id)) return STATUS_SUCCESS;
     const NTSTATUS status = findOrStore(volume, descriptor, id);
     if (status < 0) return status;
     makeRoom(volume, 2 * (descriptor.size() + keptEntry));
@@ -134,11 +135,12 @@ NTSTATUS volumeDescriptor(Volume& volume, FileRef file, Bytes& descriptor) {
 NTSTATUS volumeSetDescriptor(Volume& volume, FileRef file, Bytes descriptor) {
     return guarded([&]() -> NTSTATUS {
         if (isMetadata(file)) return STATUS_ACCESS_DENIED;
-        if (!descriptorValid(descriptor)) return STATUS_INVALID_SECURITY_DESCR;
+        uint32_t id = 0;
+        const bool known = knownId(volume, descriptor, id);
+        if (!known && !descriptorValid(descriptor)) return STATUS_INVALID_SECURITY_DESCR;
         NTSTATUS status = beginChange(volume);
         if (status >= 0) status = loadRecord(volume, file);
-        uint32_t id = 0;
-        if (status >= 0) status = securityIdOf(volume, descriptor, id);
+        if (status >= 0 && !known) status = securityIdOf(volume, descriptor, id);
         if (status < 0) return status;
         if (!goesById(volume.record)) return setIdThroughLibrary(volume, file, id);
         return id == volume.record.securityId ? STATUS_SUCCESS : writeSecurityId(volume, id);

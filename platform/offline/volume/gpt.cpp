@@ -35,11 +35,12 @@ struct Header {
 };
 
 /* The header in a sector. Its own checksum is computed with the checksum's field as zero. */
-TableState readHeader(Disk& disk, uint64_t lba, uint32_t sectorSize, Header& header) {
+TableState readHeader(Disk& disk, uint64_t lba, uint32_t sectorSize, Header& header, TableFault& fault) {
     std::array<uint8_t, 4096> buffer;
     if (lba >= diskSize(disk) / sectorSize) return TableState::absent;
     std::span<uint8_t> sector = std::span(buffer).first(sectorSize);
-    if (diskRead(disk, lba * sectorSize, sector) < 0) return TableState::unreadable;
+    fault.unread = diskRead(disk, lba * sectorSize, sector);
+    if (fault.unread < 0) return TableState::unreadable;
     if (std::memcmp(sector.data(), gpt::signature, gpt::signatureSize) != 0) return TableState::absent;
     uint32_t size = numberAt<uint32_t>(sector, gpt::headerLength);
     uint32_t crc = numberAt<uint32_t>(sector, gpt::headerCrc);
@@ -78,9 +79,10 @@ TableEntry makeEntry(Bytes entry, uint32_t sectorSize, unsigned number, bool& so
 }
 
 /* The table whose header lies in the sector lba. */
-TableState readTable(Disk& disk, uint64_t lba, uint32_t sectorSize, std::vector<TableEntry>& entries) {
+TableState readTable(Disk& disk, uint64_t lba, uint32_t sectorSize, std::vector<TableEntry>& entries,
+                     TableFault& fault) {
     Header header;
-    TableState state = readHeader(disk, lba, sectorSize, header);
+    TableState state = readHeader(disk, lba, sectorSize, header, fault);
     if (state != TableState::good) return state;
     uint64_t size = uint64_t{header.entryCount} * header.entrySize;
     uint64_t sectors = diskSize(disk) / sectorSize;
@@ -88,7 +90,8 @@ TableState readTable(Disk& disk, uint64_t lba, uint32_t sectorSize, std::vector<
         return TableState::damaged;
     }
     std::vector<uint8_t> array(static_cast<size_t>(size));
-    if (diskRead(disk, header.entriesStart * sectorSize, array) < 0) return TableState::unreadable;
+    fault.unread = diskRead(disk, header.entriesStart * sectorSize, array);
+    if (fault.unread < 0) return TableState::unreadable;
     if (checksum(array) != header.entriesCrc) return TableState::damaged;
     entries.clear();
     for (uint32_t i = 0; i < header.entryCount; ++i) {
@@ -104,20 +107,20 @@ TableState readTable(Disk& disk, uint64_t lba, uint32_t sectorSize, std::vector<
 
 } /* namespace */
 
-TableState readGpt(Disk& disk, std::vector<TableEntry>& entries, std::string& fault) {
+TableState readGpt(Disk& disk, std::vector<TableEntry>& entries, TableFault& fault) {
     TableState worst = TableState::absent;
     for (uint32_t sectorSize : {512u, 4096u}) {
         uint64_t sectors = diskSize(disk) / sectorSize;
         if (sectors < 3) continue;
         for (uint64_t lba : {uint64_t{1}, sectors - 1}) {
-            TableState state = readTable(disk, lba, sectorSize, entries);
+            TableState state = readTable(disk, lba, sectorSize, entries, fault);
             if (state == TableState::good) return state;
             if (state == TableState::unreadable) return state;
             if (state == TableState::damaged) worst = state;
         }
     }
     entries.clear();
-    fault = "neither its GPT nor the backup at its end is valid";
+    fault.damage = "neither its GPT nor the backup at its end is valid";
     return worst;
 }
 

@@ -14,7 +14,7 @@ void volumeNoteDamage(Volume& volume, FileRef file) {
 
 void beginCall(Volume& volume, FileRef file) {
     volume.lookingAt = recordNumberOf(file);
-    volume.device.failed = false;
+    volume.device.failed = STATUS_SUCCESS;
     allowReads(volume, readsOfACall);
     errno = 0;
 }
@@ -28,7 +28,7 @@ NTSTATUS libraryStatus(Volume& volume, int error) {
         default:
             break;
     }
-    if (volume.device.failed) return STATUS_IO_DEVICE_ERROR;
+    if (volume.device.failed < 0) return volume.device.failed;
     switch (error) {
         case EEXIST:
             return STATUS_OBJECT_NAME_COLLISION;
@@ -49,7 +49,7 @@ NTSTATUS Inode::open(FileRef file) {
     beginCall(volume, file);
     writesBefore = volume.device.writes;
     inode = ntfs3g::ntfs_inode_open(volume.ntfs, file);
-    return inode != nullptr && !volume.device.failed ? STATUS_SUCCESS : libraryStatus(volume, errno);
+    return inode != nullptr && volume.device.failed >= 0 ? STATUS_SUCCESS : libraryStatus(volume, errno);
 }
 
 NTSTATUS Inode::close() {
@@ -71,10 +71,8 @@ NTSTATUS Inode::closeIn(Inode& directory) {
 /* A change in whose course the disk refused something is not whole, whatever the library made of that. */
 NTSTATUS Inode::closed(bool done) {
     const bool written = volume.device.writes != writesBefore;
-    if (done && !(written && volume.device.failed)) return STATUS_SUCCESS;
-    const NTSTATUS status = libraryStatus(volume, errno);
-    volume.failed = true;
-    return status;
+    if (done && !(written && volume.device.failed < 0)) return STATUS_SUCCESS;
+    return changeFailed(volume, libraryStatus(volume, errno));
 }
 
 } /* namespace offline */

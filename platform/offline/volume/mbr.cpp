@@ -62,13 +62,14 @@ struct Reader {
 
     /* Each table of the chain holds a logical partition, counted from that table, and the start of the next
      * table, counted from the extended partition's start. */
-    TableState chain(const Entry& extended, std::string& fault) {
+    TableState chain(const Entry& extended, TableFault& fault) {
         uint64_t table = extended.start;
         while (true) {
             std::array<uint8_t, 512> sector;
             if (table * sectorSize >= diskSize(disk) || nextLogical - firstLogical >= largestChain) break;
             if (diskSize(disk) - table * sectorSize < sector.size()) break;
-            if (diskRead(disk, table * sectorSize, sector) < 0) return TableState::unreadable;
+            fault.unread = diskRead(disk, table * sectorSize, sector);
+            if (fault.unread < 0) return TableState::unreadable;
             if (!isTable(sector)) break;
             Entry logical = entryAt(sector, 0), next = entryAt(sector, 1);
             if (logical.type != 0 && logical.count != 0) add(logical, table, nextLogical);
@@ -77,7 +78,7 @@ struct Reader {
             if (next.start >= extended.count) break;
             table = uint64_t{extended.start} + next.start;
         }
-        fault = "the chain of its logical partitions is broken";
+        fault.damage = "the chain of its logical partitions is broken";
         return TableState::damaged;
     }
 };
@@ -85,7 +86,7 @@ struct Reader {
 } /* namespace */
 
 TableState readMbr(Disk& disk, Bytes sector, uint32_t sectorSize, std::vector<TableEntry>& entries,
-                   std::string& fault) {
+                   TableFault& fault) {
     if (sector.size() < 512 || !isTable(sector)) return TableState::absent;
     for (size_t i = 0; i < mbr::entryCount; ++i) {
         if (entryAt(sector, i).type == mbr::typeProtective) return TableState::protective;

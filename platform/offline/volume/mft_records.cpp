@@ -19,33 +19,6 @@ constexpr size_t residentHeader = 24, nonResidentHeader = 64;
 /* On-disk bits that are not attributes of the file: what kinds of indexes it has. */
 constexpr uint32_t attributeBits = 0x0FFFFFFF;
 
-/* One attribute: a resident one's value, or none. */
-struct Attribute {
-    uint32_t type;
-    bool resident, named;
-    Bytes header; /* with the value after it */
-    Bytes value;
-};
-
-/* The attribute at an offset in the used part of a record; false at a header or value that does not lie
- * inside. */
-bool attributeAt(Bytes used, size_t offset, Attribute& attribute) {
-    Bytes rest = checkedSpan(used, offset, used.size() - offset);
-    if (rest.size() < residentHeader) return false;
-    attribute.type = numberAt<uint32_t>(rest, offsetof(ATTR_RECORD, type));
-    uint32_t length = numberAt<uint32_t>(rest, offsetof(ATTR_RECORD, length));
-    attribute.resident = rest[offsetof(ATTR_RECORD, non_resident)] == 0;
-    attribute.named = rest[offsetof(ATTR_RECORD, name_length)] != 0;
-    attribute.header = checkedSpan(rest, 0, length);
-    attribute.value = {};
-    if (length % 8 != 0 || attribute.header.size() < residentHeader) return false;
-    if (!attribute.resident) return length >= nonResidentHeader;
-    uint32_t valueLength = numberAt<uint32_t>(rest, offsetof(ATTR_RECORD, value_length));
-    uint16_t valueOffset = numberAt<uint16_t>(rest, offsetof(ATTR_RECORD, value_offset));
-    attribute.value = checkedSpan(attribute.header, valueOffset, valueLength);
-    return attribute.value.size() == valueLength;
-}
-
 bool takeStandardInformation(const Attribute& attribute, Bytes record, FileRecord& file) {
     if (!attribute.resident || attribute.value.size() < standardInformationV1) return false;
     Bytes value = attribute.value;
@@ -94,6 +67,9 @@ bool takeAttributes(Bytes record, Bytes used, size_t offset, FileRecord& file) {
             case ntfs3g::AT_ATTRIBUTE_LIST:
                 file.complete = false;
                 break;
+            case ntfs3g::AT_FILE_NAME:
+                if (file.firstName == 0) file.firstName = offset;
+                break;
             case ntfs3g::AT_SECURITY_DESCRIPTOR:
                 file.ownDescriptor = true;
                 break;
@@ -111,7 +87,22 @@ bool takeAttributes(Bytes record, Bytes used, size_t offset, FileRecord& file) {
     return standard;
 }
 
-bool parseRecord(Bytes record, FileRef reference, FileRecord& file) {
+/* Puts back what the update sequence has taken the place of at the end of each sector; where one of them does
+ * not hold the number that all were written with, they are of different times. */
+bool undoUpdateSequence(std::span<uint8_t> record) {
+    constexpr size_t sector = 512;
+    uint8_t* sequence = record.data() + numberAt<uint16_t>(record, offsetof(MFT_RECORD, usa_ofs));
+    const uint16_t number = loadNumber<uint16_t>(sequence);
+    for (size_t end = sector; end <= record.size(); end += sector) {
+        uint8_t* const last = record.data() + end - sizeof number;
+        if (loadNumber<uint16_t>(last) != number) return false;
+        sequence += sizeof number;
+        std::memcpy(last, sequence, sizeof number);
+    }
+    return true;
+}
+
+bool parseRecord(std::span<uint8_t> record, FileRef reference, FileRecord& file) {
     file = {};
     file.complete = true;
     if (record.size() < sizeof(MFT_RECORD) || std::memcmp(record.data(), "FILE", 4) != 0) return false;
@@ -123,7 +114,7 @@ bool parseRecord(Bytes record, FileRef reference, FileRecord& file) {
     if (numberAt<uint64_t>(record, offsetof(MFT_RECORD, base_mft_record)) != 0) return false;
     if (MSEQNO(reference) != 0 && MSEQNO(reference) != sequence) return false;
     constexpr size_t oldestHeader = 42; /* bytes; before Windows XP */
-    if (!updateSequenceFits(record, oldestHeader, attributes)) return false;
+    if (!updateSequenceFits(record, oldestHeader, attributes) || !undoUpdateSequence(record)) return false;
     Bytes used = checkedSpan(record, 0, inUse);
     if (used.size() != inUse || attributes > used.size() || attributes % 8 != 0) return false;
     if (!takeAttributes(record, used, attributes, file)) return false;
@@ -172,6 +163,30 @@ NTSTATUS complete(Volume& volume, FileRef file, FileRecord& record) {
     return status;
 }
 
+/* Where a record lies on the volume, in bytes; false when it is not in one piece there. */
+bool recordPlace(const Volume& volume, uint64_t offset, int64_t& place) {
+    const ntfs3g::ntfs_volume* const ntfs = volume.ntfs;
+    const auto vcn = static_cast<int64_t>(offset >> ntfs->cluster_size_bits);
+    const ntfs3g::runlist_element* const run = ntfs3g::ntfs_attr_find_vcn(ntfs->mft_na, vcn);
+    if (run == nullptr || run->lcn < 0 || run->lcn >= ntfs->nr_clusters) return false;
+    const auto within = static_cast<int64_t>(offset) - (run->vcn << ntfs->cluster_size_bits);
+    place = (run->lcn << ntfs->cluster_size_bits) + within;
+    return within + ntfs->mft_record_size <= run->length << ntfs->cluster_size_bits &&
+           static_cast<int64_t>(offset) + ntfs->mft_record_size <= ntfs->mft_na->initialized_size;
+}
+
+/* Reads the bytes of a record as they lie on the disk; the library is asked for those that are in pieces. */
+bool readRecord(Volume& volume, uint64_t number) {
+    const uint64_t offset = number << volume.ntfs->mft_record_size_bits;
+    const auto size = static_cast<int64_t>(volume.recordBytes.size());
+    ntfs3g::ntfs_device* const device = volume.ntfs->dev;
+    int64_t place = 0;
+    if (recordPlace(volume, offset, place))
+        return device->d_ops->pread(device, volume.recordBytes.data(), size, place) == size;
+    return ntfs3g::ntfs_attr_pread(volume.ntfs->mft_na, static_cast<int64_t>(offset), size,
+                                   volume.recordBytes.data()) == size;
+}
+
 bool isName(Bytes value, FileRef directory, std::u16string_view name) {
     constexpr size_t head = 66, lengthPlace = 64; /* bytes */
     if (value.size() < head || value[lengthPlace] != name.size()) return false;
@@ -181,6 +196,23 @@ bool isName(Bytes value, FileRef directory, std::u16string_view name) {
 }
 
 } /* namespace */
+
+bool attributeAt(Bytes used, size_t offset, Attribute& attribute) {
+    Bytes rest = checkedSpan(used, offset, used.size() - offset);
+    if (rest.size() < residentHeader) return false;
+    attribute.type = numberAt<uint32_t>(rest, offsetof(ATTR_RECORD, type));
+    uint32_t length = numberAt<uint32_t>(rest, offsetof(ATTR_RECORD, length));
+    attribute.resident = rest[offsetof(ATTR_RECORD, non_resident)] == 0;
+    attribute.named = rest[offsetof(ATTR_RECORD, name_length)] != 0;
+    attribute.header = checkedSpan(rest, 0, length);
+    attribute.value = {};
+    if (length % 8 != 0 || attribute.header.size() < residentHeader) return false;
+    if (!attribute.resident) return length >= nonResidentHeader;
+    uint32_t valueLength = numberAt<uint32_t>(rest, offsetof(ATTR_RECORD, value_length));
+    uint16_t valueOffset = numberAt<uint16_t>(rest, offsetof(ATTR_RECORD, value_offset));
+    attribute.value = checkedSpan(attribute.header, valueOffset, valueLength);
+    return attribute.value.size() == valueLength;
+}
 
 NTSTATUS loadRecord(Volume& volume, FileRef file) {
     uint64_t number = recordNumberOf(file);
@@ -194,12 +226,7 @@ NTSTATUS loadRecord(Volume& volume, FileRef file) {
     beginCall(volume, file);
     int64_t records = volume.ntfs->mft_na->data_size >> volume.ntfs->mft_record_size_bits;
     if (records < 0 || number >= static_cast<uint64_t>(records)) return libraryStatus(volume, 0);
-    /* This reverses the update sequence that guards each sector; a record whose sectors do not match has no
-     * "FILE". */
-    int64_t done = ntfs3g::ntfs_attr_mst_pread(
-        volume.ntfs->mft_na, static_cast<int64_t>(number << volume.ntfs->mft_record_size_bits), 1,
-        volume.ntfs->mft_record_size, volume.recordBytes.data());
-    if (done != 1) return libraryStatus(volume, errno);
+    if (!readRecord(volume, number)) return libraryStatus(volume, errno);
     if (!parseRecord(volume.recordBytes, file, volume.record)) return libraryStatus(volume, 0);
     NTSTATUS status = complete(volume, file, volume.record);
     if (status >= 0) volume.recordNumber = number;
@@ -209,9 +236,9 @@ NTSTATUS loadRecord(Volume& volume, FileRef file) {
 bool recordNamed(const Volume& volume, FileRef directory, std::u16string_view name) {
     const Bytes record = volume.recordBytes;
     const Bytes used = checkedSpan(record, 0, numberAt<uint32_t>(record, offsetof(MFT_RECORD, bytes_in_use)));
-    size_t offset = numberAt<uint16_t>(record, offsetof(MFT_RECORD, attrs_offset));
+    size_t offset = volume.record.firstName;
     Attribute attribute;
-    while (offset <= used.size() && attributeAt(used, offset, attribute) &&
+    while (offset != 0 && offset <= used.size() && attributeAt(used, offset, attribute) &&
            attribute.type != endOfAttributes) {
         offset += attribute.header.size();
         if (attribute.type == ntfs3g::AT_FILE_NAME && isName(attribute.value, directory, name)) return true;
@@ -228,8 +255,7 @@ NTSTATUS writeSecurityId(Volume& volume, uint32_t id) {
     auto* record = reinterpret_cast<MFT_RECORD*>(volume.recordBytes.data());
     if (ntfs3g::ntfs_mft_records_write(volume.ntfs, number, 1, record) == 0) return STATUS_SUCCESS;
     forgetRecord(volume);
-    volume.failed = true;
-    return libraryStatus(volume, errno);
+    return changeFailed(volume, libraryStatus(volume, errno));
 }
 
 } /* namespace offline */

@@ -5,6 +5,7 @@
 
 #include "platform/offline/volume/ntfs3g.h"
 /* before everything else */
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -23,8 +24,9 @@ struct VolumeDevice {
     uint64_t start = 0; /* bytes */
     uint64_t size = 0;  /* bytes */
     int64_t position = 0;
-    bool mayWrite = false; /* not before the dirty mark is being set */
-    bool failed = false;   /* the disk refused a read or write of this call (see beginCall) */
+    bool mayWrite = false; /* not before the dirty mark is noted */
+    NTSTATUS failed =
+        STATUS_SUCCESS; /* of the first read or write of this call (see beginCall) that failed */
     uint64_t writes = 0;
     uint64_t readsLeft = 0; /* see allowReads */
 };
@@ -40,6 +42,7 @@ struct FileRecord {
     bool tagMissing = false;     /* the reparse data must be read for the tag */
     uint32_t securityId = 0;     /* 0: none, or the record has no room for one */
     size_t securityIdOffset = 0; /* bytes from the record's start */
+    size_t firstName = 0;        /* the same, of the first attribute with a name; 0: none */
     FileInfo info = {};
 };
 
@@ -54,8 +57,8 @@ struct Volume {
     ntfs3g::ntfs_volume* ntfs = nullptr;
     bool readOnly = true;
     bool refusedChange = false;
-    bool marked = false; /* this volume set the dirty mark */
-    bool failed = false; /* a change did not succeed whole: the mark stays */
+    bool changed = false;                    /* its dirty mark is noted */
+    NTSTATUS changeFailure = STATUS_SUCCESS; /* of the first change that did not succeed whole */
 
     /* The record looked at last. It is what lies on the disk: whoever changes the file otherwise forgets it.
      */
@@ -72,7 +75,7 @@ struct Volume {
     std::unordered_map<std::string, uint32_t, BytesHash, std::equal_to<>> storedIds;
     size_t descriptorBytes = 0; /* kept in both */
     /* Kept from directory to directory. */
-    std::vector<uint8_t> indexRoot, indexBlock, indexBitmap;
+    std::vector<uint8_t> indexBlock, indexBitmap;
 
     std::vector<uint8_t> lastDescriptor; /* of a file without a security id */
 
@@ -102,9 +105,20 @@ void beginCall(Volume& volume, FileRef file);
 
 /* ---- Changes ---- */
 
-/* Before any change: refuses on a volume that can only be read; the first time, puts the dirty mark on the
- * medium. */
+/* Before any change: refuses on a volume that can only be read; the first time, has the disk note what the
+ * volume's dirty mark looks like. */
 NTSTATUS beginChange(Volume& volume);
+
+/* For beginChange: while the disk still holds what it held when the volume was opened. May throw
+ * std::bad_alloc. */
+NTSTATUS noteDirtyMark(Volume& volume);
+
+/* Notes that a change did not succeed whole, for this reason, and gives that back: volumeClose then says so.
+ */
+inline NTSTATUS changeFailed(Volume& volume, NTSTATUS status) {
+    if (volume.changeFailure >= 0) volume.changeFailure = status;
+    return status;
+}
 
 /* The one place that keeps a device's error apart from damage: the status of a call of the library that
  * failed and set errno, or of our own look at a structure (error 0). Damage is remembered, once for a file in
@@ -113,14 +127,27 @@ NTSTATUS libraryStatus(Volume& volume, int error);
 
 /* ---- Records ---- */
 
-/* Whether the update sequence, which guards each sector of a record or an index block, lies behind its header
+/* Whether the update sequence, which guards each sector of a record or an index block, lies after its header
  * and before its contents. The library passes over one that does not, and gives what lies on the disk as it
  * is. */
 inline bool updateSequenceFits(Bytes record, size_t header, size_t contents) {
     constexpr size_t sector = 512;
     const size_t at = numberAt<uint16_t>(record, 4), count = numberAt<uint16_t>(record, 6);
-    return count == record.size() / sector + 1 && at % 2 == 0 && at >= header && at + 2 * count <= contents;
+    return count == record.size() / sector + 1 && at % 2 == 0 && at >= header &&
+           at + 2 * count <= std::min(contents, record.size());
 }
+
+/* One attribute of a record. */
+struct Attribute {
+    uint32_t type;
+    bool resident, named;
+    Bytes header; /* with the value after it */
+    Bytes value;  /* of a resident one */
+};
+
+/* The attribute at an offset in the used part of a record; false at a header or value that does not lie
+ * inside. */
+bool attributeAt(Bytes used, size_t offset, Attribute& attribute);
 
 /* Fills volume.record with the file's. STATUS_FILE_CORRUPT_ERROR when it is no record of a file in use. */
 NTSTATUS loadRecord(Volume& volume, FileRef file);
@@ -170,20 +197,15 @@ struct Inode {
 
 /* ---- Descriptors ---- */
 
-/* Whether the volume's indexes of descriptors, and the stream that they point into, are whole and agree. When
- * false, volume.device.failed says whether the disk could not be read. May throw std::bad_alloc. */
-bool secureIndexesSound(Volume& volume);
+/* Whether the volume's indexes of descriptors, and the stream that they point into, are whole and agree:
+ * STATUS_FILE_CORRUPT_ERROR when they are not, or why that can't be said. May throw std::bad_alloc. */
+NTSTATUS checkSecureIndexes(Volume& volume);
 
 /* The id under which files share this valid descriptor; it is stored when it is new. May throw
  * std::bad_alloc. */
 NTSTATUS securityIdOf(Volume& volume, Bytes descriptor, uint32_t& id);
 
 /* ---- Names ---- */
-
-/* Whether every block that the open directory's index leads to is one that its bitmap says is in use, and has
- * its update sequence: the library lists what is in use, as it lies on the disk, and leaves out the rest
- * without a word. May throw std::bad_alloc. */
-bool indexBlocksInUse(Inode& directory);
 
 inline const ntfs3g::ntfschar* libraryName(std::u16string_view name) {
     return reinterpret_cast<const ntfs3g::ntfschar*>(name.data());

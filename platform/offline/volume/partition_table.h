@@ -22,16 +22,22 @@ enum class TableState {
     protective, /* MBR: only there to say that a GPT rules */
     good,
     damaged,
-    unreadable, /* the disk could not be read */
+    unreadable,
 };
 
-/* sector: the disk's first 512 bytes. fault: what is damaged, for a message. */
+/* Why a table is none of any use. */
+struct TableFault {
+    std::string damage;               /* what is damaged, for a message */
+    NTSTATUS unread = STATUS_SUCCESS; /* what reading it gave */
+};
+
+/* sector: the disk's first 512 bytes. */
 TableState readMbr(Disk& disk, Bytes sector, uint32_t sectorSize, std::vector<TableEntry>& entries,
-                   std::string& fault);
+                   TableFault& fault);
 
 /* Both sector sizes, 512 and 4096, are tried; of each the primary table and then its backup at the disk's
  * end. */
-TableState readGpt(Disk& disk, std::vector<TableEntry>& entries, std::string& fault);
+TableState readGpt(Disk& disk, std::vector<TableEntry>& entries, TableFault& fault);
 
 } /* namespace offline */
 

@@ -4,8 +4,8 @@
 
 #include "platform/offline/base/bytes.h"
 #include "platform/offline/base/guarded.h"
-#include "platform/offline/volume/block_cache.h"
 #include "platform/offline/volume/contents_kind.h"
+#include "platform/offline/volume/open_disk.h"
 #include "platform/offline/volume/partition_table.h"
 
 namespace offline {
@@ -27,16 +27,18 @@ struct Search {
     NTSTATUS damaged(const std::string& text) const {
         return refuse(problem, STATUS_DISK_CORRUPT_ERROR, diskPath(disk) + ": " + text);
     }
-    NTSTATUS unreadable() const {
-        return refuse(problem, STATUS_IO_DEVICE_ERROR,
-                      diskPath(disk) + ": it can't be read; check the medium, or work on a copy of it");
+    NTSTATUS unreadable(NTSTATUS status) const {
+        const char* const text = status == STATUS_NO_MEMORY
+                                     ? ": there is not enough memory to read it"
+                                     : ": it can't be read; check the medium, or work on a copy of it";
+        return refuse(problem, status, diskPath(disk) + text);
     }
 };
 
 NTSTATUS readHead(Search& search, uint64_t start, uint64_t size, Head& head) {
     head.size = static_cast<size_t>(std::min<uint64_t>(size, head.buffer.size()));
-    if (diskRead(search.disk, start, std::span(head.buffer).first(head.size)) < 0) return search.unreadable();
-    return STATUS_SUCCESS;
+    const NTSTATUS status = diskRead(search.disk, start, std::span(head.buffer).first(head.size));
+    return status < 0 ? search.unreadable(status) : STATUS_SUCCESS;
 }
 
 /* NTFS keeps a copy of its boot sector in the last sector of its partition. */
@@ -47,7 +49,8 @@ NTSTATUS findBackupBootSector(Search& search, const Partition& partition, bool& 
         NtfsBootSector boot;
         if (partition.size < sectorSize) continue;
         uint64_t last = partition.start + partition.size - sectorSize;
-        if (diskRead(search.disk, last, sector) < 0) return search.unreadable();
+        if (const NTSTATUS status = diskRead(search.disk, last, sector); status < 0)
+            return search.unreadable(status);
         if (ntfsBootSector(sector, boot)) found = true;
     }
     return STATUS_SUCCESS;
@@ -169,14 +172,14 @@ NTSTATUS findVolumes(Search& search) {
     const bool leftOver = contents.kind == ContentsKind::other;
     if (contents.kind == ContentsKind::unknown || leftOver) {
         std::vector<TableEntry> entries;
-        std::string fault;
-        TableState mbr = readMbr(search.disk, head.bytes(), search.disk.sectorSize, entries, fault);
+        TableFault fault;
+        TableState mbr = readMbr(search.disk, head.bytes(), search.disk.device->sectorSize(), entries, fault);
         TableState state = mbr;
         if (mbr == TableState::protective || (mbr == TableState::absent && !leftOver))
             state = readGpt(search.disk, entries, fault);
-        if (state == TableState::unreadable) return search.unreadable();
+        if (state == TableState::unreadable) return search.unreadable(fault.unread);
         if (state == TableState::damaged || (mbr == TableState::protective && state == TableState::absent)) {
-            return search.damaged("its partition table is damaged: " + fault + "; repair it first");
+            return search.damaged("its partition table is damaged: " + fault.damage + "; repair it first");
         }
         table = state == TableState::good && (!leftOver || !entries.empty());
         if (table) status = probeTable(search, entries);
@@ -190,7 +193,7 @@ NTSTATUS findVolumes(Search& search) {
 } /* namespace */
 
 NTSTATUS diskPartitions(Disk& disk, std::vector<Partition>& partitions, Problem& problem) {
-    return guarded([&]() -> NTSTATUS {
+    return guardedRefusing(problem, [&]() -> NTSTATUS {
         partitions.clear();
         Search search{disk, partitions, problem, {}, {}};
         NTSTATUS status = findVolumes(search);

@@ -3,6 +3,7 @@
 #include "platform/offline/volume/secure_file.h"
 /* before everything else */
 #include <algorithm>
+#include <cerrno>
 #include <set>
 #include <utility>
 #include <vector>
@@ -59,14 +60,17 @@ bool indexSound(const SecureIndex& index, std::u16string_view name, ntfs3g::ntfs
 
 } /* namespace */
 
-bool secureIndexesSound(Volume& volume) {
-    volume.device.failed = false;
-    if (volume.ntfs->secure_ni == nullptr) return false; /* the library could not open it */
+NTSTATUS checkSecureIndexes(Volume& volume) {
+    if (volume.ntfs->secure_ni == nullptr) return STATUS_FILE_CORRUPT_ERROR; /* the library says no more */
+    volume.device.failed = STATUS_SUCCESS;
+    errno = 0;
     const AttributePtr stream = openSecure(volume, ntfs3g::AT_DATA, u"$SDS");
     SecureIndex byHash, byId;
     StoredIds stored;
-    return stream != nullptr && openById(volume, byId) && indexSound(byId, u"$SII", stream.get(), stored) &&
-           openByHash(volume, byHash) && indexSound(byHash, u"$SDH", stream.get(), stored);
+    const bool sound = stream != nullptr && openById(volume, byId) &&
+                       indexSound(byId, u"$SII", stream.get(), stored) && openByHash(volume, byHash) &&
+                       indexSound(byHash, u"$SDH", stream.get(), stored);
+    return sound ? STATUS_SUCCESS : unreadable(volume, STATUS_FILE_CORRUPT_ERROR);
 }
 
 } /* namespace offline */

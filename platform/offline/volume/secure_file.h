@@ -71,7 +71,7 @@ bool visitEntries(const SecureIndex& index, uint64_t first, const VisitEntry& vi
 
 /* ---- Descriptors ---- */
 
-/* Why a descriptor could not be had, behind calls of the library before which errno was 0: memory, the disk,
+/* Why a descriptor could not be had, after calls of the library before which errno was 0: memory, the disk,
  * or else what the caller says. */
 NTSTATUS unreadable(const Volume& volume, NTSTATUS otherwise);
 

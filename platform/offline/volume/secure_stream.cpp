@@ -193,19 +193,21 @@ bool addEntries(Volume& volume, const SdsEntry& sds) {
 NTSTATUS store(Volume& volume, ntfs3g::ntfs_attr* stream, uint32_t hash, Bytes descriptor, uint32_t& id) {
     NTSTATUS status = findEnd(volume);
     if (status < 0) return status;
-    if (volume.nextSecurityId > UINT32_MAX || volume.ntfs->secure_xsii == nullptr ||
-        volume.ntfs->secure_xsdh == nullptr) {
-        return STATUS_DISK_FULL;
-    }
+    if (volume.nextSecurityId > UINT32_MAX) return STATUS_DISK_FULL;
+    if (volume.ntfs->secure_xsii == nullptr || volume.ntfs->secure_xsdh == nullptr)
+        return STATUS_FILE_CORRUPT_ERROR;
     const auto length = static_cast<uint32_t>(storedHeader + descriptor.size());
     const SdsEntry sds = {hash, static_cast<uint32_t>(volume.nextSecurityId),
                           offsetAfter(volume.securityStreamEnd, length), length};
     allowReads(volume, readsOfACall);
-    if (!writeStream(volume, stream, sds, descriptor) || !addEntries(volume, sds) || volume.device.failed) {
-        status = libraryStatus(volume, errno);
-        volume.failed = true;
+    status = guarded([&] {
+        const bool stored = writeStream(volume, stream, sds, descriptor) && addEntries(volume, sds) &&
+                            volume.device.failed >= 0;
+        return stored ? STATUS_SUCCESS : libraryStatus(volume, errno);
+    });
+    if (status < 0) {              /* for want of memory in the middle, too */
         volume.nextSecurityId = 0; /* whatever came of it, it is found out before the next one */
-        return status;
+        return changeFailed(volume, status);
     }
     volume.nextSecurityId = uint64_t{sds.id} + 1;
     volume.securityStreamEnd = sds.offset + sds.length;
@@ -217,12 +219,12 @@ NTSTATUS store(Volume& volume, ntfs3g::ntfs_attr* stream, uint32_t hash, Bytes d
 
 NTSTATUS unreadable(const Volume& volume, NTSTATUS otherwise) {
     if (errno == ENOMEM) return STATUS_NO_MEMORY;
-    return volume.device.failed ? STATUS_IO_DEVICE_ERROR : otherwise;
+    return volume.device.failed < 0 ? volume.device.failed : otherwise;
 }
 
 NTSTATUS readStored(Volume& volume, uint32_t id, std::vector<uint8_t>& descriptor) {
     if (volume.ntfs->secure_ni == nullptr) return STATUS_INVALID_SECURITY_DESCR;
-    volume.device.failed = false;
+    volume.device.failed = STATUS_SUCCESS;
     allowReads(volume, readsOfACall);
     errno = 0;
     std::optional<SdsEntry> sds;
@@ -235,7 +237,7 @@ NTSTATUS readStored(Volume& volume, uint32_t id, std::vector<uint8_t>& descripto
 
 NTSTATUS findOrStore(Volume& volume, Bytes descriptor, uint32_t& id) {
     if (volume.ntfs->secure_ni == nullptr) return STATUS_NOT_SUPPORTED;
-    volume.device.failed = false;
+    volume.device.failed = STATUS_SUCCESS;
     allowReads(volume, readsOfACall);
     errno = 0;
     const AttributePtr stream = openSecure(volume, ntfs3g::AT_DATA, u"$SDS");

@@ -1,8 +1,7 @@
 /* What of a disk could not be read, for the one line that reports it. */
-#include <cstring>
-
 #include "platform/offline/base/guarded.h"
-#include "platform/offline/volume/block_cache.h"
+#include "platform/offline/device/device_error.h"
+#include "platform/offline/volume/open_disk.h"
 
 namespace offline {
 namespace {
@@ -11,13 +10,9 @@ std::string counted(uint64_t count, const char* one, const char* several) {
     return std::to_string(count) + (count == 1 ? one : several);
 }
 
-std::string errorText(int error) {
-    return error == 0 ? "it became shorter while it was in use" : std::strerror(error);
-}
-
-std::string refusedText(const DiskTrouble& trouble) {
+std::string refusedText(const CacheTrouble& trouble) {
     return counted(trouble.readsRefused, " read of it", " reads of it") + " failed, the first at byte " +
-           std::to_string(trouble.firstRefused) + " (" + errorText(trouble.readError) + ")";
+           std::to_string(trouble.firstRefused) + " (" + deviceErrorText(trouble.readError) + ")";
 }
 
 std::string damagedText(const DiskTrouble& trouble) {
@@ -34,7 +29,8 @@ const DiskTrouble& diskTrouble(const Disk& disk) {
 }
 
 std::string diskWriteReason(const Disk& disk) {
-    return disk.trouble.writeRefused ? " (" + errorText(disk.trouble.writeError) + ")" : std::string();
+    const CacheTrouble& trouble = disk.cache.trouble;
+    return trouble.writeRefused ? " (" + deviceErrorText(trouble.writeError) + ")" : std::string();
 }
 
 void diskNoteDamage(Disk& disk, uint64_t volumeStart, uint64_t record) {
@@ -46,13 +42,12 @@ void diskNoteDamage(Disk& disk, uint64_t volumeStart, uint64_t record) {
 
 NTSTATUS diskReadWhole(const Disk& disk, Problem& problem) {
     return guarded([&]() -> NTSTATUS {
-        const DiskTrouble& trouble = disk.trouble;
-        const bool refused = trouble.readsRefused != 0, damaged = trouble.damaged != 0;
+        const bool refused = disk.cache.trouble.readsRefused != 0, damaged = disk.trouble.damaged != 0;
         if (!refused && !damaged) return STATUS_SUCCESS;
-        std::string text = disk.path + ": ";
-        if (refused) text += refusedText(trouble);
+        std::string text = diskPath(disk) + ": ";
+        if (refused) text += refusedText(disk.cache.trouble);
         if (refused && damaged) text += ", and ";
-        if (damaged) text += damagedText(trouble);
+        if (damaged) text += damagedText(disk.trouble);
         return refuse(problem, refused ? STATUS_IO_DEVICE_ERROR : STATUS_DISK_CORRUPT_ERROR, text);
     });
 }

@@ -2,8 +2,8 @@
  * are UTF-16 as stored, unpaired surrogates included; look-up folds letters as the platform does. Statuses
  * are the platform's. No function throws.
  *
- * A volume's first change sets its dirty mark, on the medium before anything else; volumeClose takes it away
- * again when everything was written. */
+ * With a volume's first change its disk notes what the volume's dirty mark looks like; whoever brings the
+ * changes to the medium sets it meanwhile (device/transaction.h). */
 #ifndef QUILLET_OFFLINE_VOLUME_VOLUME_H
 #define QUILLET_OFFLINE_VOLUME_VOLUME_H
 
@@ -21,7 +21,7 @@ namespace offline {
 
 struct Volume;
 struct VolumeDeleter {
-    void operator()(Volume* volume) const; /* closes without taking the dirty mark away; see volumeClose */
+    void operator()(Volume* volume) const; /* closes without a word of what failed; see volumeClose */
 };
 using VolumePtr = std::unique_ptr<Volume, VolumeDeleter>;
 
@@ -34,12 +34,11 @@ constexpr FileRef rootDirectory = 5; /* accepted wherever a reference is */
  * trial of them; else the volume is read-only, and every change fails with STATUS_MEDIA_WRITE_PROTECTED. */
 NTSTATUS volumeOpen(Disk& disk, const Partition& partition, VolumePtr& volume, Problem& problem);
 
-/* Writes everything, then takes the dirty mark away, if it was this volume that set it. The volume is closed
- * whatever the status says; a negative one means that not all is known to be on the medium, and the mark
- * stays. */
+/* Writes everything to the disk and closes the volume, whatever the status says; a negative one means that
+ * what lies on the disk is not whole and must not be kept: the status of what failed first. */
 NTSTATUS volumeClose(VolumePtr volume);
 
-/* Everything on the medium; the dirty mark stays. A change that failed before is not reported again: a file's
+/* Everything is written to the disk. A change that failed before is not reported again: a file's
  * failure must not keep another from being written whole. volumeClose reports it. */
 NTSTATUS volumeFlush(Volume& volume);
 
@@ -47,6 +46,9 @@ bool volumeReadOnly(const Volume& volume);
 
 /* True when a change was refused because the volume can only be read. */
 bool volumeRefusedChange(const Volume& volume);
+
+/* Why the volume's disk refused its first write; see diskWriteReason. */
+std::string volumeWriteReason(const Volume& volume);
 
 /* Remembers a file or directory that can't be used for damage; the volume does so itself for what it sees. */
 void volumeNoteDamage(Volume& volume, FileRef file);
@@ -75,7 +77,7 @@ struct DirectoryEntry {
     FileRef file;
     uint32_t nameStart;  /* characters, into DirectoryListing::names */
     uint16_t nameLength; /* characters */
-    bool directory;      /* as the directory's index has it; a reparse point is none */
+    bool directory;      /* as the index of the directory has it; a reparse point may be one as well */
     bool reparse;
 };
 struct DirectoryListing {

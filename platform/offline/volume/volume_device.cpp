@@ -21,6 +21,12 @@ int fail(int error) {
     return -1;
 }
 
+/* The library keeps of the disk's reasons what errno can say, and not always that: the first one is noted. */
+int64_t refuse(VolumeDevice& self, NTSTATUS status) {
+    if (self.failed >= 0) self.failed = status;
+    return fail(status == STATUS_NO_MEMORY ? ENOMEM : status == STATUS_DISK_FULL ? ENOSPC : EIO);
+}
+
 /* A call that succeeds leaves errno as it was: the library, and those who call it, take what they find there
  * for the reason of a failure. */
 int64_t succeed(int errorBefore, int64_t count) {
@@ -72,10 +78,7 @@ int64_t readAt(ntfs_device* device, void* bytes, int64_t count, int64_t offset) 
     const int before = errno;
     NTSTATUS status = diskRead(*self.disk, self.start + static_cast<uint64_t>(offset),
                                {static_cast<uint8_t*>(bytes), static_cast<size_t>(there)});
-    if (status >= 0) return succeed(before, there);
-    if (status == STATUS_NO_MEMORY) return fail(ENOMEM);
-    self.failed = true;
-    return fail(EIO);
+    return status >= 0 ? succeed(before, there) : refuse(self, status);
 }
 
 int64_t writeAt(ntfs_device* device, const void* bytes, int64_t count, int64_t offset) {
@@ -88,13 +91,9 @@ int64_t writeAt(ntfs_device* device, const void* bytes, int64_t count, int64_t o
     const int before = errno;
     NTSTATUS status = diskWrite(*self.disk, self.start + static_cast<uint64_t>(offset),
                                 {static_cast<const uint8_t*>(bytes), static_cast<size_t>(count)});
-    if (status >= 0) {
-        NDevSetDirty(device);
-        return succeed(before, count);
-    }
-    if (status == STATUS_NO_MEMORY) return fail(ENOMEM);
-    self.failed = true;
-    return fail(status == STATUS_DISK_FULL ? ENOSPC : EIO);
+    if (status < 0) return refuse(self, status);
+    NDevSetDirty(device);
+    return succeed(before, count);
 }
 
 int64_t readOn(ntfs_device* device, void* bytes, int64_t count) {

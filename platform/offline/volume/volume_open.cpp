@@ -1,4 +1,4 @@
-/* Opening a volume, the dirty mark, closing. */
+/* Opening a volume, its first change, closing. */
 #include "platform/offline/volume/open_volume.h"
 /* before everything else */
 #include <cerrno>
@@ -23,28 +23,43 @@ NTSTATUS refuseUnclean(const Volume& volume, const char* what, Problem& problem)
             "; start Windows on it and shut it down fully, or run chkdsk /f on the volume, then try again");
 }
 
-NTSTATUS refuseMount(const Volume& volume, int error, Problem& problem) {
-    if (volume.device.failed) {
-        return refuse(problem, STATUS_IO_DEVICE_ERROR,
-                      volume.name + ": it can't be read; check the medium, or work on a copy of it");
-    }
-    switch (error) {
-        case EPERM:
-            return refuseHibernated(volume, problem);
-        case EOPNOTSUPP:
-            return refuseUnclean(volume, "its journal holds changes that are not carried out", problem);
-        case EROFS:
-            return refuseUnclean(volume, "its transaction data must be repaired before it can be used",
-                                 problem);
-        case ENOMEM:
-            return refuse(problem, STATUS_NO_MEMORY, volume.name + ": there is not enough memory to open it");
-        case EINVAL:
-            return refuse(problem, STATUS_UNRECOGNIZED_VOLUME,
-                          volume.name + ": it holds no valid NTFS; repair the volume (chkdsk /f) first");
+/* For what the disk, the memory or damage keeps from being known. */
+NTSTATUS refuseUnread(const Volume& volume, NTSTATUS status, Problem& problem) {
+    switch (status) {
+        case STATUS_NO_MEMORY:
+            return refuse(problem, status, volume.name + ": there is not enough memory to open it");
+        case STATUS_IO_DEVICE_ERROR:
+            return refuse(problem, status,
+                          volume.name + ": it can't be read; check the medium, or work on a copy of it");
         default:
             return refuse(
                 problem, STATUS_DISK_CORRUPT_ERROR,
                 volume.name + ": its NTFS structures are damaged; repair the volume (chkdsk /f) first");
+    }
+}
+
+NTSTATUS refuseUncleanJournal(const Volume& volume, Problem& problem) {
+    return refuseUnclean(volume, "its journal holds changes that are not carried out", problem);
+}
+
+/* What the library says with its errno. */
+NTSTATUS refuseMount(const Volume& volume, int error, Problem& problem) {
+    if (volume.device.failed < 0) return refuseUnread(volume, volume.device.failed, problem);
+    switch (error) {
+        case EPERM:
+            return refuseHibernated(volume, problem);
+        case EOPNOTSUPP:
+            return refuseUncleanJournal(volume, problem);
+        case EROFS:
+            return refuseUnclean(volume, "its transaction data must be repaired before it can be used",
+                                 problem);
+        case ENOMEM:
+            return refuseUnread(volume, STATUS_NO_MEMORY, problem);
+        case EINVAL:
+            return refuse(problem, STATUS_UNRECOGNIZED_VOLUME,
+                          volume.name + ": it holds no valid NTFS; repair the volume (chkdsk /f) first");
+        default:
+            return refuseUnread(volume, STATUS_FILE_CORRUPT_ERROR, problem);
     }
 }
 
@@ -63,25 +78,38 @@ NTSTATUS mount(Volume& volume, Problem& problem) {
         return refuseMount(volume, error, problem);
     }
     /* The library opens a volume without some of its files when they can't be read. */
-    if (volume.device.failed) return refuseMount(volume, EIO, problem);
+    if (volume.device.failed < 0) return refuseUnread(volume, volume.device.failed, problem);
     ntfs3g::ntfs_create_lru_caches(volume.ntfs);
     ntfs3g::ntfs_set_shown_files(volume.ntfs, libraryTrue, libraryTrue, libraryFalse);
     return STATUS_SUCCESS;
 }
 
-/* Whether the journal has been carried out. The library asks this itself only when it opens a volume for
- * writing. */
-bool journalClean(Volume& volume) {
+/* Refuses a journal that has not been carried out. The library asks this itself only when it opens a volume
+ * for writing. */
+NTSTATUS refuseJournal(Volume& volume, Problem& problem) {
     Inode file(volume);
-    if (file.open(ntfs3g::FILE_LogFile) < 0) return false;
+    const NTSTATUS status = file.open(ntfs3g::FILE_LogFile);
+    if (status < 0) return refuseUnread(volume, status, problem);
     ntfs3g::ntfs_attr* data = ntfs3g::ntfs_attr_open(file.inode, ntfs3g::AT_DATA, nullptr, 0);
-    if (data == nullptr) return false;
+    if (data == nullptr) return refuseUnread(volume, libraryStatus(volume, errno), problem);
     ntfs3g::RESTART_PAGE_HEADER* restart = nullptr;
-    bool clean =
+    const bool clean =
         ntfs3g::ntfs_check_logfile(data, &restart) != 0 && ntfs3g::ntfs_is_logfile_clean(data, restart) != 0;
     std::free(restart);
     ntfs3g::ntfs_attr_close(data);
-    return clean;
+    if (volume.device.failed < 0) return refuseUnread(volume, volume.device.failed, problem);
+    return clean ? STATUS_SUCCESS : refuseUncleanJournal(volume, problem);
+}
+
+/* The library changes the indexes of descriptors without looking. */
+NTSTATUS refuseSecureIndexes(Volume& volume, Problem& problem) {
+    allowReads(volume, readsOfACall);
+    const NTSTATUS status = checkSecureIndexes(volume);
+    if (status >= 0) return status;
+    if (status != STATUS_FILE_CORRUPT_ERROR) return refuseUnread(volume, status, problem);
+    return refuse(
+        problem, STATUS_DISK_CORRUPT_ERROR,
+        volume.name + ": its index of security descriptors is damaged; repair the volume (chkdsk /f) first");
 }
 
 NTSTATUS refuseState(Volume& volume, Problem& problem) {
@@ -96,48 +124,23 @@ NTSTATUS refuseState(Volume& volume, Problem& problem) {
         errno = 0;
         if (ntfs3g::ntfs_volume_check_hiberfile(volume.ntfs, 0) < 0)
             return refuseMount(volume, errno, problem);
-        if (!journalClean(volume)) return refuseMount(volume, EOPNOTSUPP, problem);
+        if (const NTSTATUS status = refuseJournal(volume, problem); status < 0) return status;
     }
-    allowReads(volume, readsOfACall);
-    if (!volume.readOnly && !secureIndexesSound(volume)) {
-        if (volume.device.failed) return refuseMount(volume, EIO, problem);
-        return refuse(
-            problem, STATUS_DISK_CORRUPT_ERROR,
-            volume.name +
-                ": its index of security descriptors is damaged; repair the volume (chkdsk /f) first");
-    }
-    return STATUS_SUCCESS;
+    return volume.readOnly ? STATUS_SUCCESS : refuseSecureIndexes(volume, problem);
 }
 
-/* Writes the metadata files that the library keeps open. */
-bool syncMetadata(const Volume& volume) {
-    bool done = true;
+/* Writes the metadata files that the library keeps open; all are tried. */
+NTSTATUS syncMetadata(Volume& volume) {
+    NTSTATUS first = STATUS_SUCCESS;
     for (ntfs3g::ntfs_inode* inode :
          {volume.ntfs->secure_ni, volume.ntfs->lcnbmp_ni, volume.ntfs->mft_ni, volume.ntfs->mftmirr_ni}) {
-        if (inode != nullptr && ntfs3g::ntfs_inode_sync(inode) != 0) done = false;
+        if (inode == nullptr) continue;
+        beginCall(volume, inode->mft_no);
+        if (ntfs3g::ntfs_inode_sync(inode) == 0) continue;
+        const NTSTATUS status = libraryStatus(volume, errno);
+        if (first >= 0) first = status;
     }
-    return done;
-}
-
-/* The library's own call for this drops the flags that it has no name for. */
-bool setFlags(Volume& volume, uint16_t flags) {
-    constexpr size_t offset = offsetof(ntfs3g::VOLUME_INFORMATION, flags);
-    ntfs3g::ntfs_inode* inode = volume.ntfs->vol_ni;
-    ntfs3g::ntfs_attr* information = ntfs3g::ntfs_attr_open(inode, ntfs3g::AT_VOLUME_INFORMATION, nullptr, 0);
-    if (information == nullptr) return false;
-    bool written = ntfs3g::ntfs_attr_pwrite(information, offset, sizeof flags, &flags) == sizeof flags;
-    ntfs3g::ntfs_attr_close(information);
-    if (!written || ntfs3g::ntfs_inode_sync(inode) != 0) return false;
-    volume.ntfs->flags = static_cast<ntfs3g::VOLUME_FLAGS>(flags);
-    return true;
-}
-
-/* Everything but the mark first, so that a crash in between leaves a marked volume. */
-NTSTATUS clearMark(Volume& volume) {
-    if (!setFlags(volume, static_cast<uint16_t>(volume.ntfs->flags & ~ntfs3g::VOLUME_IS_DIRTY))) {
-        return STATUS_IO_DEVICE_ERROR;
-    }
-    return diskSync(*volume.device.disk);
+    return first;
 }
 
 } /* namespace */
@@ -149,7 +152,7 @@ void VolumeDeleter::operator()(Volume* volume) const {
 
 NTSTATUS volumeOpen(Disk& disk, const Partition& partition, VolumePtr& volume, Problem& problem) {
     volume.reset();
-    return guarded([&]() -> NTSTATUS {
+    return guardedRefusing(problem, [&]() -> NTSTATUS {
         VolumePtr opened(new Volume);
         opened->name = diskPath(disk);
         if (partition.table != PartitionTable::none) {
@@ -177,38 +180,28 @@ NTSTATUS beginChange(Volume& volume) {
         volume.refusedChange = true;
         return STATUS_MEDIA_WRITE_PROTECTED;
     }
-    if (volume.marked) return STATUS_SUCCESS;
-    volume.device.mayWrite = true;
-    allowReads(volume, readsOfACall);
-    NTSTATUS status = setFlags(volume, volume.ntfs->flags | ntfs3g::VOLUME_IS_DIRTY) ? STATUS_SUCCESS
-                                                                                     : STATUS_IO_DEVICE_ERROR;
-    if (status >= 0) status = diskSync(*volume.device.disk);
-    volume.marked = status >= 0;
-    if (status < 0) {
-        volume.failed = true;
-        volume.device.mayWrite = false;
-    }
-    return status;
+    if (volume.changed) return STATUS_SUCCESS;
+    const NTSTATUS status = noteDirtyMark(volume);
+    volume.changed = volume.device.mayWrite = status >= 0;
+    return volume.changed ? STATUS_SUCCESS : changeFailed(volume, status);
 }
 
 NTSTATUS volumeFlush(Volume& volume) {
-    if (!volume.marked) return STATUS_SUCCESS;
-    allowReads(volume, readsOfACall);
-    bool written = syncMetadata(volume);
-    NTSTATUS status = diskSync(*volume.device.disk);
-    if (status >= 0 && !written) status = STATUS_IO_DEVICE_ERROR;
-    if (status < 0) volume.failed = true;
-    return status;
+    if (!volume.changed) return STATUS_SUCCESS;
+    const NTSTATUS written = syncMetadata(volume);
+    const NTSTATUS synced = diskSync(*volume.device.disk);
+    const NTSTATUS status = written < 0 ? written : synced;
+    return status < 0 ? changeFailed(volume, status) : status;
 }
 
 NTSTATUS volumeClose(VolumePtr volume) {
     NTSTATUS status = volumeFlush(*volume);
-    if (status >= 0 && volume->failed) status = STATUS_IO_DEVICE_ERROR;
-    if (volume->marked && status >= 0) status = clearMark(*volume);
+    if (volume->changeFailure < 0) status = volume->changeFailure;
     ntfs3g::ntfs_volume* ntfs = volume->ntfs;
     volume->ntfs = nullptr;
     uint64_t writes = volume->device.writes;
-    if (ntfs3g::ntfs_umount(ntfs, libraryTrue) != 0 && status >= 0) status = STATUS_IO_DEVICE_ERROR;
+    beginCall(*volume, ntfs3g::FILE_Volume);
+    if (ntfs3g::ntfs_umount(ntfs, libraryTrue) != 0 && status >= 0) status = libraryStatus(*volume, errno);
     if (volume->device.writes != writes) {
         NTSTATUS late = diskSync(*volume->device.disk);
         if (status >= 0) status = late;
@@ -221,6 +214,9 @@ bool volumeReadOnly(const Volume& volume) {
 }
 bool volumeRefusedChange(const Volume& volume) {
     return volume.refusedChange;
+}
+std::string volumeWriteReason(const Volume& volume) {
+    return diskWriteReason(*volume.device.disk);
 }
 
 } /* namespace offline */

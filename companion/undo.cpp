@@ -1,0 +1,55 @@
+/* undo: takes the latest run on some disks back. */
+#include <cstdio>
+
+#include "companion/commands.h"
+#include "companion/failure.h"
+#include "companion/formatting.h"
+#include "platform/offline/base/ending_signals.h"
+#include "platform/offline/base/unicode.h"
+#include "platform/offline/system/run_disks.h"
+
+namespace companion {
+namespace {
+
+constexpr int exitNothing = 1;
+
+std::string namesOf(const std::vector<std::string>& images) {
+    std::string names;
+    for (const std::string& image : images) names += (names.empty() ? "" : ", ") + image;
+    return offline::printable(names);
+}
+
+void printDone(const std::string& names, const offline::UndoReport& report) {
+    for (const std::string& journal : report.recovery.takenBack) {
+        printf("%s: a run was cut off while it was committed; it was taken back (%s)\n", names.c_str(),
+               offline::printable(journal).c_str());
+    }
+    if (report.undoPath.empty()) return;
+    printf("%s: the run was taken back, %s in %llu places; %s is used up\n", names.c_str(),
+           sizeText(report.bytes).c_str(), static_cast<unsigned long long>(report.stretches),
+           offline::printable(report.undoPath).c_str());
+}
+
+} /* namespace */
+
+int undo(const UndoOptions& options) {
+    offline::endingSignalsSay("quillet-offline: ended by a signal; nothing was changed\n");
+    offline::UndoReport report;
+    offline::Problem problem;
+    const std::string names = namesOf(options.images);
+    const std::string file = options.file.empty() ? "" : absolutePath(options.file);
+    switch (offline::undoRun(options.images, file, report, problem)) {
+        case offline::UndoOutcome::done:
+            printDone(names, report);
+            return exitDone;
+        case offline::UndoOutcome::nothing:
+            printf("%s: there is no undo file%s; nothing was changed\n", names.c_str(),
+                   file.empty() ? " beside it" : " of that name");
+            return exitNothing;
+        case offline::UndoOutcome::refused:
+            break;
+    }
+    throw Failure{problem.text};
+}
+
+} /* namespace companion */

@@ -1,0 +1,56 @@
+#include "platform/offline/base/ending_signals.h"
+
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+
+namespace offline {
+namespace {
+
+constexpr int endingSignals[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM};
+
+const char* lastLine = nullptr; /* a handler has no other way to it */
+
+sigset_t endingSet() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : endingSignals) sigaddset(&set, signal);
+    return set;
+}
+
+/* The handler is gone when it runs (SA_RESETHAND), so that the signal, raised again, does what it always does
+ * as soon as this returns. Only what is safe in a handler is called. */
+void sayAndEnd(int signal) {
+    const ssize_t written = write(STDERR_FILENO, lastLine, strlen(lastLine));
+    static_cast<void>(written); /* the process ends in any case */
+    raise(signal);
+}
+
+} /* namespace */
+
+void endingSignalsSay(const char* line) {
+    lastLine = line;
+    struct sigaction say = {};
+    say.sa_handler = sayAndEnd;
+    say.sa_mask = endingSet();
+    say.sa_flags = static_cast<int>(SA_RESETHAND);
+    for (const int signal : endingSignals) {
+        struct sigaction before = {};
+        if (sigaction(signal, nullptr, &before) == 0 && before.sa_handler != SIG_IGN) {
+            sigaction(signal, &say, nullptr);
+        }
+    }
+}
+
+void endingSignalsHold() {
+    const sigset_t set = endingSet();
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+}
+
+void endingSignalsRelease() {
+    const sigset_t set = endingSet();
+    sigprocmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+} /* namespace offline */

@@ -1,0 +1,18 @@
+/* The signals that ask a program to end: SIGHUP, SIGINT, SIGQUIT and SIGTERM. They end it at once, but for
+ * the times in which it must not be ended half-way. */
+#ifndef QUILLET_OFFLINE_BASE_ENDING_SIGNALS_H
+#define QUILLET_OFFLINE_BASE_ENDING_SIGNALS_H
+
+namespace offline {
+
+/* Has these signals print the line (with its newline, and good for the life of the process) on standard error
+ * before they end the process as they would anyway. Those that are ignored stay so. */
+void endingSignalsSay(const char* line);
+
+/* From here on they wait; released, those that came meanwhile take effect. */
+void endingSignalsHold();
+void endingSignalsRelease();
+
+} /* namespace offline */
+
+#endif

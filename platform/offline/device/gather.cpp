@@ -1,0 +1,187 @@
+#include "platform/offline/device/gather.h"
+
+#include <algorithm>
+
+#include "platform/offline/device/device_error.h"
+
+namespace offline {
+namespace {
+
+/* What a file system gives back at the least: a change in a hole takes a block of this size from it, so that
+ * the whole block is journalled as a hole and can become one again. */
+constexpr uint64_t blockSize = 4096;
+constexpr uint64_t windowSize = journal::piece::maxStretch;
+constexpr uint64_t readThrough = 32 * blockSize; /* unchanged bytes, rather than reading twice */
+
+struct Gathering {
+    const JournalHead& head;
+    std::span<const TransactionDisk> disks;
+    JournalWriter& journal;
+    Problem& problem;
+    const std::vector<MarkedRange> ranges = markedRanges(head);
+    bool onlyLook = true; /* whether anything differs */
+    bool found = false;
+    size_t disk = 0;
+    ByteVector before = {}, after = {}; /* of the window */
+    ChangedStretch grown = {};          /* the stretch in hand, in the window */
+
+    NTSTATUS gatherAll();
+    NTSTATUS addMarked();
+
+private:
+    NTSTATUS load(uint64_t start, uint64_t end);
+    NTSTATUS gatherDisk();
+    NTSTATUS gatherUnits(uint64_t start, uint64_t end);
+    NTSTATUS compareWindow(uint64_t start);
+    NTSTATUS compareBlock(uint64_t start, uint64_t offset, uint64_t end);
+    void grow(uint64_t start, uint64_t offset, uint64_t end, bool hole);
+    void addGrown();
+
+    bool enough() const { return (onlyLook && found) || (journal.error != 0 && !noRoom(journal.error)); }
+    bool differs(uint64_t start, uint64_t from, uint64_t to) const {
+        return !sameBytes(Bytes(before).subspan(from - start, to - from),
+                          Bytes(after).subspan(from - start, to - from));
+    }
+};
+
+/* The bytes as they are, and as they are to be. */
+NTSTATUS Gathering::load(uint64_t start, uint64_t end) {
+    before.resize(end - start);
+    const TransactionDisk& one = disks[disk];
+    DeviceError error = one.device->read(start, before);
+    if (error != 0) {
+        return refuse(problem, deviceStatus(error),
+                      one.device->name() + ": what is to be changed there can't be read (" +
+                          deviceErrorText(error) + ")");
+    }
+    after = before;
+    error = one.overlay->patch(start, after);
+    if (error == 0) return STATUS_SUCCESS;
+    return refuse(problem, deviceStatus(error),
+                  one.overlay->directory() + ": the temporary file there can't be read (" +
+                      deviceErrorText(error) + ")");
+}
+
+/* ---- The marked stretches ---- */
+
+/* All of them, for the marks are written over them whether they differ in the end or not. */
+NTSTATUS Gathering::addMarked() {
+    for (const MarkedRange& range : ranges) {
+        disk = range.disk;
+        for (uint64_t start = range.start; start < range.end; start += windowSize) {
+            const NTSTATUS status = load(start, std::min(range.end, start + windowSize));
+            if (status < 0) return status;
+            journal.add({disk, start, true, false, before, after});
+        }
+    }
+    return STATUS_SUCCESS;
+}
+
+/* ---- All others ---- */
+
+void Gathering::addGrown() {
+    if (!grown.before.empty()) journal.add(grown);
+    grown.before = {};
+}
+
+/* Lengthens the stretch in hand, or puts it away and takes up another. */
+void Gathering::grow(uint64_t start, uint64_t offset, uint64_t end, bool hole) {
+    const bool goesOn = grown.offset + grown.before.size() == offset && grown.hole == hole;
+    if (grown.before.empty() || !goesOn) {
+        addGrown();
+        grown = {disk, offset, false, hole, {}, {}};
+    }
+    grown.before = Bytes(before).subspan(grown.offset - start, end - grown.offset);
+    grown.after = Bytes(after).subspan(grown.offset - start, end - grown.offset);
+}
+
+/* One block of the window that was loaded from the start. */
+NTSTATUS Gathering::compareBlock(uint64_t start, uint64_t offset, uint64_t end) {
+    if (!differs(start, offset, end)) return STATUS_SUCCESS;
+    if (offset < journal::identityBytes) {
+        return refuse(
+            problem, STATUS_INVALID_PARAMETER,
+            disks[disk].device->name() + ": its beginning would change, by which its journal knows it");
+    }
+    found = true;
+    if (onlyLook) return STATUS_SUCCESS;
+    const bool marks = markedIn(ranges, disk, offset, end) != nullptr;
+    if (!marks && disks[disk].device->holeAt(offset, end - offset) == end - offset) {
+        grow(start, offset, end, true);
+        return STATUS_SUCCESS;
+    }
+    for (uint64_t unit = offset; unit < end; unit += unitSize) {
+        const uint64_t unitEnd = std::min(end, unit + unitSize);
+        if (marks && markedIn(ranges, disk, unit, unitEnd) != nullptr) continue;
+        if (differs(start, unit, unitEnd)) grow(start, unit, unitEnd, false);
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS Gathering::compareWindow(uint64_t start) {
+    const uint64_t end = start + before.size();
+    for (uint64_t block = start, next = 0; block < end; block = next) {
+        next = std::min(end, block - block % blockSize + blockSize);
+        const NTSTATUS status = compareBlock(start, block, next);
+        if (status < 0) return status;
+    }
+    addGrown();
+    return STATUS_SUCCESS;
+}
+
+/* One by one: what lies between the changed units can't be read. */
+NTSTATUS Gathering::gatherUnits(uint64_t start, uint64_t end) {
+    const TransactionDisk& one = disks[disk];
+    for (uint64_t unit = start; one.overlay->nextChanged(unit, unit) && unit < end; unit += unitSize) {
+        NTSTATUS status = load(unit, std::min(unit + unitSize, one.device->size()));
+        if (status >= 0) status = compareWindow(unit);
+        if (status < 0) return status;
+    }
+    return STATUS_SUCCESS;
+}
+
+/* Where the disk's next window ends, on the disk or beyond it: whole blocks, neighbours joined, not much
+ * between them. */
+uint64_t windowEnd(const TransactionDisk& disk, uint64_t start) {
+    uint64_t end = start + blockSize, changed = 0;
+    while (disk.overlay->nextChanged(end, changed) && changed < end + readThrough) {
+        const uint64_t further = changed - changed % blockSize + blockSize;
+        if (further - start > windowSize) break;
+        end = further;
+    }
+    return end;
+}
+
+NTSTATUS Gathering::gatherDisk() {
+    uint64_t from = 0, changed = 0;
+    while (!enough() && disks[disk].overlay->nextChanged(from, changed)) {
+        const uint64_t start = changed - changed % blockSize;
+        from = windowEnd(disks[disk], start);
+        const uint64_t end = std::min(from, disks[disk].device->size());
+        NTSTATUS status = load(start, end);
+        status = status < 0 ? gatherUnits(start, end) : compareWindow(start);
+        if (status < 0) return status;
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS Gathering::gatherAll() {
+    NTSTATUS status = STATUS_SUCCESS;
+    for (disk = 0; disk < disks.size() && status >= 0; ++disk) status = gatherDisk();
+    return status;
+}
+
+} /* namespace */
+
+NTSTATUS gatherStretches(JournalFiles& files, const std::string& path, const JournalHead& head,
+                         std::span<const TransactionDisk> disks, JournalWriter& journal, Problem& problem) {
+    Gathering gathering{head, disks, journal, problem};
+    NTSTATUS status = gathering.gatherAll();
+    if (status < 0 || !gathering.found) return status;
+    journal.begin(files, path, head);
+    gathering.onlyLook = false;
+    status = gathering.addMarked();
+    return status < 0 ? status : gathering.gatherAll();
+}
+
+} /* namespace offline */

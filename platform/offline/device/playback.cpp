@@ -1,0 +1,278 @@
+#include "platform/offline/device/playback.h"
+
+#include <algorithm>
+
+#include "platform/offline/device/device_error.h"
+#include "platform/offline/device/pointers.h"
+
+namespace offline {
+namespace {
+
+NTSTATUS refuseDevice(const TransactionDisk& disk, const char* what, DeviceError error, Problem& problem) {
+    return refuse(problem, deviceStatus(error),
+                  disk.device->name() + ": " + what + " (" + deviceErrorText(error) + ")");
+}
+
+/* ---- Which disks ---- */
+
+NTSTATUS sameDisk(const JournalDisk& wanted, const TransactionDisk& disk, bool& same, Problem& problem) {
+    Digest identity = {};
+    same = disk.device->size() == wanted.size;
+    if (!same) return STATUS_SUCCESS;
+    const DeviceError error = identityOf(*disk.device, identity);
+    same = identity == wanted.identity;
+    return error == 0 ? STATUS_SUCCESS : refuseDevice(disk, "it can't be read", error, problem);
+}
+
+/* Where two could be meant, none is. */
+NTSTATUS findByIdentity(const JournalDisk& wanted, std::span<const TransactionDisk> given,
+                        const JournalDisks& taken, const TransactionDisk*& found, Problem& problem) {
+    found = nullptr;
+    for (const TransactionDisk& disk : given) {
+        if (std::find(taken.begin(), taken.end(), &disk) != taken.end()) continue;
+        bool same = false;
+        const NTSTATUS status = sameDisk(wanted, disk, same, problem);
+        if (status < 0) return status;
+        if (!same) continue;
+        if (found != nullptr) {
+            found = nullptr;
+            break;
+        }
+        found = &disk;
+    }
+    return STATUS_SUCCESS;
+}
+
+/* The disk's own path, from that of its journal. */
+std::string diskOf(const std::string& path) {
+    return path.substr(0, path.size() - std::min(path.size(), journalPath({}).size() - 1));
+}
+
+} /* namespace */
+
+DeviceError identityOf(BlockDevice& device, Digest& identity) {
+    ByteVector start(static_cast<size_t>(std::min(device.size(), journal::identityBytes)));
+    const DeviceError error = device.read(0, start);
+    identity = digest(start);
+    return error;
+}
+
+NTSTATUS matchDisks(const JournalReader& journal, std::span<const TransactionDisk> given, JournalDisks& disks,
+                    Problem& problem) {
+    const std::vector<JournalDisk>& wanted = journal.head.disks;
+    disks.assign(wanted.size(), nullptr);
+    for (size_t index = 0; index < wanted.size(); ++index) {
+        for (const TransactionDisk& disk : given) {
+            if (journalPath(disk.place) != wanted[index].path) continue;
+            bool same = false;
+            const NTSTATUS status = sameDisk(wanted[index], disk, same, problem);
+            if (status < 0) return status;
+            if (!same) {
+                return refuse(
+                    problem, STATUS_FILE_CORRUPT_ERROR,
+                    journal.path + ": it belongs to another disk than " + disk.device->name() +
+                        ", which has another size or beginning; put that disk back, or move the file away");
+            }
+            disks[index] = &disk;
+        }
+    }
+    for (size_t index = 0; index < wanted.size(); ++index) {
+        if (disks[index] != nullptr) continue;
+        const NTSTATUS status = findByIdentity(wanted[index], given, disks, disks[index], problem);
+        if (status < 0) return status;
+        if (disks[index] == nullptr && wanted.size() == 1) {
+            return refuse(problem, STATUS_FILE_CORRUPT_ERROR,
+                          journal.path + ": it belongs to another disk, " + diskOf(wanted[index].path) +
+                              "; name that one, or move the file away");
+        }
+        if (disks[index] == nullptr) {
+            return refuse(problem, STATUS_NO_SUCH_FILE,
+                          journal.path + ": its run changed " + diskOf(wanted[index].path) +
+                              " too, which is missing here; name all disks of the system");
+        }
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS refuseReadOnly(const JournalDisks& disks, Problem& problem) {
+    for (const TransactionDisk* const disk : disks) {
+        if (!disk->device->readOnly()) continue;
+        return refuse(problem, STATUS_MEDIA_WRITE_PROTECTED,
+                      disk->device->name() + ": it can only be read; make it writable first");
+    }
+    return STATUS_SUCCESS;
+}
+
+/* ---- Writing ---- */
+
+namespace {
+
+struct Playback {
+    JournalReader& journal;
+    const JournalDisks& disks;
+    Side side;
+    Problem& problem;
+    std::vector<bool> written; /* which disks are to be flushed */
+    ByteVector fresh;
+
+    NTSTATUS put(const TransactionDisk& disk, size_t index, uint64_t offset, Bytes bytes);
+    NTSTATUS putStretch(const JournalStretch& stretch);
+    NTSTATUS freshBytes(const TransactionDisk& disk, const JournalStretch& stretch);
+    NTSTATUS putPart(JournalPart part);
+    NTSTATUS flushWritten();
+};
+
+NTSTATUS Playback::put(const TransactionDisk& disk, size_t index, uint64_t offset, Bytes bytes) {
+    written[index] = true;
+    const DeviceError error = disk.device->write(offset, bytes);
+    return error == 0 ? STATUS_SUCCESS : refuseDevice(disk, "it can't be written", error, problem);
+}
+
+/* What is to be written, if the overlay still holds what was journalled. Not from below: a marked unit bears
+ * its mark there by now. */
+NTSTATUS Playback::freshBytes(const TransactionDisk& disk, const JournalStretch& stretch) {
+    fresh.assign(stretch.before.begin(), stretch.before.end());
+    fresh.resize(stretch.length);
+    const DeviceError error = disk.overlay->patch(stretch.offset, fresh);
+    if (error != 0) {
+        return refuse(problem, deviceStatus(error),
+                      disk.overlay->directory() + ": the temporary file there can't be read (" +
+                          deviceErrorText(error) + ")");
+    }
+    Bytes left = fresh;
+    for (size_t sector = 0; !left.empty(); ++sector) {
+        const Bytes bytes = left.first(std::min<size_t>(left.size(), journal::tornAt));
+        if (checksum(bytes) != stretch.sumAt(sector)) {
+            return refuse(problem, STATUS_IO_DEVICE_ERROR,
+                          disk.overlay->directory() +
+                              ": the temporary file there does not hold what was written to it; "
+                              "check that medium");
+        }
+        left = left.subspan(bytes.size());
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS Playback::putStretch(const JournalStretch& stretch) {
+    const TransactionDisk& disk = *disks[stretch.disk];
+    if (side == Side::after) {
+        const NTSTATUS status = freshBytes(disk, stretch);
+        return status < 0 ? status : put(disk, stretch.disk, stretch.offset, fresh);
+    }
+    if (!stretch.hole) return put(disk, stretch.disk, stretch.offset, stretch.before);
+    written[stretch.disk] = true;
+    const DeviceError error = disk.device->zero(stretch.offset, stretch.length);
+    return error == 0 ? STATUS_SUCCESS : refuseDevice(disk, "it can't be written", error, problem);
+}
+
+NTSTATUS Playback::putPart(JournalPart part) {
+    const NTSTATUS status = journal.forStretches(
+        part, [&](const JournalStretch& stretch) { return putStretch(stretch); }, problem);
+    return status < 0 ? status : flushWritten();
+}
+
+NTSTATUS Playback::flushWritten() {
+    for (size_t index = 0; index < disks.size(); ++index) {
+        if (!written[index]) continue;
+        const DeviceError error = disks[index]->device->flush();
+        if (error != 0) return refuseDevice(*disks[index], "it can't be flushed", error, problem);
+        written[index] = false;
+    }
+    return STATUS_SUCCESS;
+}
+
+} /* namespace */
+
+NTSTATUS playJournal(JournalReader& journal, const JournalDisks& disks, Side side, Problem& problem) {
+    Playback playback{journal, disks, side, problem, std::vector<bool>(disks.size()), {}};
+    NTSTATUS status = STATUS_SUCCESS;
+    for (const DirtyMark& mark : journal.head.marks) { /* (4) */
+        if (status >= 0) status = playback.put(*disks[mark.disk], mark.disk, mark.offset, mark.bytes);
+    }
+    if (status >= 0) status = playback.flushWritten();
+    if (status >= 0) status = playback.putPart(JournalPart::unmarked);
+    if (status >= 0) status = playback.putPart(JournalPart::marked);
+    return status;
+}
+
+JournalHead located(const JournalReader& journal, const JournalDisks& disks) {
+    JournalHead head = journal.head;
+    for (size_t index = 0; index < disks.size(); ++index) {
+        head.disks[index].path = journalPath(disks[index]->place);
+    }
+    return head;
+}
+
+NTSTATUS takeBackJournal(JournalFiles& files, JournalReader& journal, const JournalDisks& disks,
+                         bool& oldBytesBack, Problem& problem) {
+    oldBytesBack = false;
+    const NTSTATUS status = playJournal(journal, disks, Side::before, problem);
+    if (status < 0) return status;
+    oldBytesBack = true;
+    int error = files.remove(journal.path);
+    if (error == 0) error = files.flushDirectory(directoryOf(journal.path));
+    if (error != 0) {
+        return refuse(problem, deviceStatus(error),
+                      journal.path + ": the old bytes are back, but the journal can't be removed (" +
+                          deviceErrorText(error) + "); run `quillet-offline undo` before the disk is used");
+    }
+    removePointers(files, located(journal, disks));
+    return STATUS_SUCCESS;
+}
+
+/* ---- Looking ---- */
+
+namespace {
+
+bool isMark(const JournalHead& head, size_t disk, uint64_t offset, Bytes sector) {
+    for (const DirtyMark& mark : head.marks) {
+        if (mark.disk != disk || offset < mark.offset) continue;
+        if (sameBytes(checkedSpan(mark.bytes, offset - mark.offset, sector.size()), sector)) return true;
+    }
+    return false;
+}
+
+bool allZero(Bytes bytes) {
+    return std::all_of(bytes.begin(), bytes.end(), [](uint8_t byte) { return byte == 0; });
+}
+
+/* How many bytes of the stretch are none of those that may be there. */
+uint64_t differingBytes(const JournalHead& head, const JournalStretch& stretch, Bytes there, bool anyState) {
+    uint64_t differing = 0;
+    size_t at = 0;
+    for (size_t sector = 0; at < there.size(); ++sector) {
+        const Bytes bytes = there.subspan(at, std::min<size_t>(there.size() - at, journal::tornAt));
+        bool fits = checksum(bytes) == stretch.sumAt(sector);
+        if (!fits && anyState) {
+            fits = stretch.hole ? allZero(bytes) : sameBytes(bytes, stretch.before.subspan(at, bytes.size()));
+        }
+        if (!fits && anyState && stretch.marked) {
+            fits = isMark(head, stretch.disk, stretch.offset + at, bytes);
+        }
+        if (!fits) differing += bytes.size();
+        at += bytes.size();
+    }
+    return differing;
+}
+
+} /* namespace */
+
+NTSTATUS compareDisks(JournalReader& journal, const JournalDisks& disks, bool anyState, Differences& found,
+                      Problem& problem) {
+    ByteVector there;
+    return journal.forStretches(
+        JournalPart::all,
+        [&](const JournalStretch& stretch) -> NTSTATUS {
+            there.resize(stretch.length);
+            const TransactionDisk& disk = *disks[stretch.disk];
+            const DeviceError error = disk.device->read(stretch.offset, there);
+            if (error != 0) return refuseDevice(disk, "it can't be read", error, problem);
+            const uint64_t differing = differingBytes(journal.head, stretch, there, anyState);
+            found.bytes += differing;
+            found.stretches += differing > 0 ? 1 : 0;
+            return STATUS_SUCCESS;
+        },
+        problem);
+}
+
+} /* namespace offline */

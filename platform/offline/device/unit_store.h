@@ -1,0 +1,50 @@
+/* The contents of an overlay's changed units by slot: in memory up to a bound, then in a temporary file that
+ * has no name, so that it is gone with the process whatever ends it. */
+#ifndef QUILLET_OFFLINE_DEVICE_UNIT_STORE_H
+#define QUILLET_OFFLINE_DEVICE_UNIT_STORE_H
+
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/offline/base/bytes.h"
+#include "platform/offline/device/block_device.h"
+
+namespace offline {
+
+constexpr size_t unitSize = 1024; /* bytes; at the end of a device a unit may be short */
+
+struct UnitStore {
+    /* The temporary file is made in the directory when the units in memory reach the bound, in bytes. */
+    UnitStore(std::string inDirectory, size_t bound) : directory(std::move(inDirectory)), inMemory(bound) {}
+    ~UnitStore();
+    UnitStore(const UnitStore&) = delete;
+    UnitStore& operator=(const UnitStore&) = delete;
+
+    /* From an offset in a slot on, into those after it too; read asks for what was written only. write may
+     * throw std::bad_alloc. */
+    DeviceError write(uint32_t slot, size_t offset, Bytes bytes);
+    DeviceError read(uint32_t slot, size_t offset, std::span<uint8_t> bytes) const;
+
+    const std::string directory;
+
+private:
+    static constexpr size_t chunkBytes = 1024 * unitSize;
+    const size_t inMemory;
+    std::vector<std::unique_ptr<uint8_t[]>> chunks;
+    int file = -1;
+
+    /* Bytes of all slots one after the other: those before the bound are in memory, the others in the file.
+     */
+    uint64_t bound() const { return inMemory / unitSize * unitSize; }
+    size_t lengthInChunk(uint64_t position, size_t wanted) const;
+    uint8_t* inChunk(uint64_t position) const;
+    DeviceError openFile();
+    DeviceError writeFile(uint64_t offset, Bytes bytes);
+    DeviceError readFile(uint64_t offset, std::span<uint8_t> bytes) const;
+};
+
+} /* namespace offline */
+
+#endif

@@ -1,0 +1,134 @@
+#include "platform/offline/system/run_disks.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "platform/offline/base/ending_signals.h"
+#include "platform/offline/base/guarded.h"
+#include "platform/offline/device/device_error.h"
+#include "platform/offline/device/file_device.h"
+#include "platform/offline/device/recovery.h"
+#include "platform/offline/system/installation.h"
+
+namespace offline {
+namespace {
+
+const char temporaryDirectory[] = "/tmp"; /* of a run that is only planned */
+
+/* Told before the work, not after it. */
+NTSTATUS refuseDirectory(const RunDisk& disk, Problem& problem) {
+    const NTSTATUS status = makeJournalDirectory(disk.place, problem);
+    if (status < 0 || access(disk.place.directory.c_str(), W_OK | X_OK) == 0) return status;
+    return refuse(problem, deviceStatus(errno),
+                  disk.place.directory + ": the journal of the run can't be made there (" +
+                      deviceErrorText(errno) + "); nothing is changed without one");
+}
+
+NTSTATUS openBottom(const std::string& path, DiskAccess access, RunDisk& disk, Problem& problem) {
+    const DiskAccess ofDevice = access == DiskAccess::planned ? DiskAccess::readOnly : access;
+    NTSTATUS status = fileDeviceOpen(path, ofDevice, disk.bottom, problem);
+    if (status >= 0) status = journalPlaceOf(path, disk.place, problem);
+    if (status >= 0 && access == DiskAccess::readWrite) status = refuseDirectory(disk, problem);
+    return status;
+}
+
+std::vector<TransactionDisk> transactionOver(const std::vector<RunDisk>& disks) {
+    std::vector<TransactionDisk> all;
+    all.reserve(disks.size());
+    for (const RunDisk& disk : disks) all.push_back({disk.bottom.get(), disk.overlay, disk.place});
+    return all;
+}
+
+NTSTATUS recover(const std::vector<RunDisk>& disks, std::vector<std::string>& notices, Problem& problem) {
+    RecoveryReport report;
+    endingSignalsHold();
+    const NTSTATUS status = recoverDisks(systemJournalFiles(), transactionOver(disks), report, problem);
+    endingSignalsRelease();
+    for (const std::string& journal : report.takenBack) {
+        notices.push_back("an earlier run was cut off while it was committed; it was taken back, by " +
+                          journal);
+    }
+    return status;
+}
+
+} /* namespace */
+
+NTSTATUS refuseCutOff(const std::string& path, Problem& problem) {
+    return guardedRefusing(problem, [&]() -> NTSTATUS {
+        JournalPlace place;
+        Problem noPlace; /* where there is none, no journal is either */
+        if (journalPlaceOf(path, place, noPlace) < 0) return STATUS_SUCCESS;
+        std::string journal;
+        const CommitState state = commitStateOf(systemJournalFiles(), place, journal);
+        if (state == CommitState::settled) return STATUS_SUCCESS;
+        return refuse(
+            problem, STATUS_DISK_CORRUPT_ERROR,
+            path +
+                ": an earlier run was cut off while it was committed; run `quillet-offline undo` with "
+                "the disks of that run to put it right (" +
+                journal + ")");
+    });
+}
+
+NTSTATUS runDisksOpen(const std::vector<std::string>& paths, DiskAccess access, std::vector<RunDisk>& disks,
+                      std::vector<std::string>& notices, Problem& problem) {
+    return guardedRefusing(problem, [&]() -> NTSTATUS {
+        disks.resize(paths.size());
+        for (size_t i = 0; i < paths.size(); i++) {
+            NTSTATUS status = openBottom(paths[i], access, disks[i], problem);
+            if (status >= 0 && access != DiskAccess::readWrite) status = refuseCutOff(paths[i], problem);
+            if (status < 0) return status;
+        }
+        return access == DiskAccess::readWrite ? recover(disks, notices, problem) : STATUS_SUCCESS;
+    });
+}
+
+NTSTATUS runDiskOver(RunDisk& bottom, DiskAccess access, DiskPtr& disk, Problem& problem) {
+    return guardedRefusing(problem, [&] {
+        const std::string directory =
+            access == DiskAccess::readWrite ? bottom.place.directory : temporaryDirectory;
+        auto overlay = std::make_unique<Overlay>(*bottom.bottom, directory);
+        bottom.overlay = overlay.get();
+        const NTSTATUS status = diskOver(std::move(overlay), access, disk);
+        bottom.disk = disk.get();
+        return status;
+    });
+}
+
+NTSTATUS runDisksCommit(std::vector<RunDisk>& disks, const UndoChoice& undo, CommitReport& report,
+                        Problem& problem) {
+    return guardedRefusing(problem, [&]() -> NTSTATUS {
+        std::vector<DirtyMark> marks;
+        for (size_t i = 0; i < disks.size(); i++) {
+            const NTSTATUS status = diskSync(*disks[i].disk);
+            if (status < 0) {
+                return refuse(problem, status,
+                              disks[i].place.directory + ": the changes can't be kept there until they are " +
+                                  "committed" + diskWriteReason(*disks[i].disk) + "; nothing was changed");
+            }
+            for (DirtyMark mark : diskMarks(*disks[i].disk)) {
+                mark.disk = i;
+                marks.push_back(std::move(mark));
+            }
+        }
+        endingSignalsHold();
+        return commitTransaction(systemJournalFiles(), transactionOver(disks), marks, undo, report, problem);
+    });
+}
+
+UndoOutcome undoRun(const std::vector<std::string>& paths, const std::string& undoPath, UndoReport& report,
+                    Problem& problem) {
+    return guardedOr(UndoOutcome::refused, [&] {
+        if (installationDisksOnce(paths, problem) < 0) return UndoOutcome::refused;
+        std::vector<RunDisk> disks(paths.size());
+        for (size_t i = 0; i < paths.size(); i++) {
+            if (openBottom(paths[i], DiskAccess::readWrite, disks[i], problem) < 0)
+                return UndoOutcome::refused;
+        }
+        endingSignalsHold();
+        return undoLatest(systemJournalFiles(), transactionOver(disks), undoPath, report, problem);
+    });
+}
+
+} /* namespace offline */

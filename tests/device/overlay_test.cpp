@@ -1,0 +1,113 @@
+#include "platform/offline/device/overlay.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/device/machine.h"
+
+namespace offline::test {
+namespace {
+
+/* Against a copy that is simply written to; most units lie in the temporary file, and the disk's last one is
+ * short. */
+TEST(Overlay, IsWhatWasWrittenElseWhatLiesBelow) {
+    Machine machine;
+    ByteVector bytes(300 * 1024 + 700), model, read;
+    for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(machine.random());
+    MachineDisk disk(machine, "/a/disk", bytes);
+    Overlay overlay(disk, "/tmp", 8 * unitSize);
+    model = bytes;
+    for (int round = 0; round < 4000; ++round) {
+        const uint64_t offset = machine.below(disk.size());
+        const uint64_t length =
+            std::min(machine.below(machine.below(8) == 0 ? 9000 : 1500) + 1, disk.size() - offset);
+        read.resize(length);
+        ASSERT_EQ(overlay.read(offset, read), 0);
+        ASSERT_TRUE(sameBytes(read, Bytes(model).subspan(offset, length))) << offset;
+        if (round > 400) continue;
+        for (uint8_t& byte : read) byte = static_cast<uint8_t>(round);
+        ASSERT_EQ(round % 9 == 0 ? overlay.zero(offset, length) : overlay.write(offset, read), 0);
+        if (round % 9 == 0) read.assign(length, 0);
+        Medium::put(model, offset, read);
+    }
+    EXPECT_EQ(disk.medium.now, bytes);
+    EXPECT_GT(overlay.changedUnits(), 100u);
+}
+
+/* A changed unit hides what can't be read below it. */
+TEST(Overlay, ReadsAroundWhatIsBroken) {
+    struct Broken final : BlockDevice {
+        std::string path = "broken";
+        const std::string& name() const override { return path; }
+        uint64_t size() const override { return 8192; }
+        uint32_t sectorSize() const override { return 512; }
+        bool readOnly() const override { return true; }
+        DeviceError read(uint64_t offset, std::span<uint8_t> bytes) override {
+            std::fill(bytes.begin(), bytes.end(), uint8_t{1});
+            return offset < 3072 && offset + bytes.size() > 2048 ? EIO : 0;
+        }
+        DeviceError write(uint64_t, Bytes) override { return EROFS; }
+        DeviceError flush() override { return 0; }
+        uint64_t holeAt(uint64_t, uint64_t) override { return 0; }
+        DeviceError zero(uint64_t, uint64_t) override { return EROFS; }
+    } broken;
+    Overlay overlay(broken, "/tmp");
+    ByteVector bytes(8192);
+    EXPECT_EQ(overlay.read(0, bytes), EIO);
+    EXPECT_EQ(overlay.write(2050, Bytes(bytes).first(8)), EIO);
+    EXPECT_EQ(overlay.flush(), 0);
+    EXPECT_EQ(overlay.write(2048, ByteVector(1024, 2)), 0);
+    EXPECT_EQ(overlay.read(1, std::span(bytes).first(8191)), 0);
+    EXPECT_EQ(bytes[2046], 1);
+    EXPECT_EQ(bytes[2047], 2);
+    EXPECT_EQ(bytes[3071], 1);
+}
+
+/* Nothing is lost unsaid when the temporary file can't be written. */
+TEST(Overlay, RemembersWhatItCouldNotKeep) {
+    Machine machine;
+    MachineDisk disk(machine, "/a/disk", ByteVector(64 * 1024));
+    Overlay overlay(disk, "/nowhere", 2 * unitSize);
+    const ByteVector bytes(unitSize, 1);
+    EXPECT_EQ(overlay.write(0, bytes), 0);
+    EXPECT_EQ(overlay.write(4096, bytes), 0);
+    EXPECT_NE(overlay.write(8192, bytes), 0);
+    EXPECT_EQ(overlay.write(0, bytes), 0);
+    EXPECT_NE(overlay.flush(), 0);
+    ByteVector read(unitSize, 9);
+    EXPECT_EQ(overlay.read(8192, read), 0);
+    EXPECT_EQ(read, ByteVector(unitSize));
+}
+
+/* In whatever order units come the index finds them, in theirs, and stays small. */
+TEST(ChangedUnits, SmallInEveryOrder) {
+    constexpr uint64_t count = 20'000;
+    const std::vector<std::function<uint64_t(uint64_t)>> orders = {
+        [](uint64_t number) { return number; },
+        [](uint64_t number) { return count - number; },
+        [](uint64_t number) { return number * 2'654'435'761 % (count * 64 + 1); },
+        [](uint64_t number) { return number % 2 == 0 ? number * 700'000 : (uint64_t{1} << 40) - number; },
+        [](uint64_t number) { return number / 1024 % 2 == 0 ? number * 1024 : (number - 1024) * 1024 + 1; },
+    };
+    for (const auto& order : orders) {
+        ChangedUnits index;
+        std::map<uint64_t, uint32_t> model;
+        for (uint64_t number = 0; number < count; ++number) {
+            const uint64_t unit = order(number);
+            if (!model.emplace(unit, number).second) continue;
+            index.add(unit, static_cast<uint32_t>(number));
+            ASSERT_LE(index.memory(), 24 * index.count() + 32 * 1024);
+        }
+        uint64_t from = 0, unit = 0;
+        for (const auto& [wanted, slot] : model) {
+            ASSERT_TRUE(index.next(from, unit));
+            ASSERT_EQ(unit, wanted);
+            ASSERT_EQ(index.slotOf(unit), slot);
+            from = unit + 1;
+        }
+        EXPECT_FALSE(index.next(from, unit));
+        EXPECT_EQ(index.slotOf(from), ChangedUnits::noSlot);
+    }
+}
+
+}  // namespace
+}  // namespace offline::test

@@ -1,0 +1,145 @@
+"""A run is whole or has not happened, can be taken back, and can be planned first."""
+import os, re, shutil, signal, subprocess
+
+import programs
+from programs import ImageCase, OFFLINE, digest, run, sample
+
+INTERRUPT = os.path.join(programs.BUILD, "tests", "run", "libinterrupt.so")
+
+
+class TransactionCase(ImageCase):
+    def setUp(self):
+        super().setUp()
+        self.image = self.copy(sample(), "a.img")
+        self.old = digest(self.image)
+        self.killed = 0
+
+    def beside(self): return sorted(name for name in os.listdir(self.work) if name.startswith("a.img."))
+
+    def interrupted(self, at, when, *command):
+        """Runs a command of the companion and kills it at a call; 0: not at all. How many calls there were, which
+        differs a little from run to run, so that the last ones may not be reached."""
+        count = self.path("count")
+        if os.path.exists(count): os.unlink(count)
+        env = dict(os.environ, LD_PRELOAD=INTERRUPT, ASAN_OPTIONS="verify_asan_link_order=0", INTERRUPT_COUNT=count, INTERRUPT_AT=str(at))
+        if when == "after": env["INTERRUPT_AFTER"] = "1"
+        done = subprocess.run([OFFLINE, *command, self.image], env=env, capture_output=True)
+        self.assertIn(done.returncode, (0,) if at == 0 else (0, -signal.SIGKILL), done.stderr)
+        self.killed += done.returncode != 0
+        return os.path.getsize(count)
+
+    def assert_taken_back(self, *said):
+        done = run(OFFLINE, "undo", self.image)
+        self.assertEqual((digest(self.image), self.beside()), (self.old, []), (said, done.out, done.err))
+
+    def points(self, calls): return sorted({1 + i * (calls - 1) // 9 for i in range(10)} | {calls - 2, calls - 1})
+
+
+class Killed(TransactionCase):
+    def test_a_run_at_any_call(self):
+        calls = self.interrupted(0, "before", "run")
+        self.assert_taken_back()
+        whole = 0
+        for at in self.points(calls):
+            for when in ("before", "after"):
+                self.interrupted(at, when, "run")
+                if "a.img.quillet-undo" in self.beside():
+                    whole += 1
+                    self.assert_sound(self.image)
+                elif digest(self.image) != self.old:
+                    looked = run(OFFLINE, "info", self.image)
+                    self.assertEqual(looked.status, 2)
+                    self.assertIn("run `quillet-offline undo`", looked.err)
+                self.assert_taken_back(at, when)
+        self.assertGreater(whole, 0)
+        self.assertGreater(self.killed, 16)
+
+    def test_an_undo_at_any_call_and_what_follows(self):
+        self.assertEqual(run(OFFLINE, "run", self.image).status, 0)
+        for name in ("a.img", "a.img.quillet-undo"): shutil.copyfile(self.path(name), self.path("kept-" + name))
+        calls = self.interrupted(0, "before", "undo")
+        for at in self.points(calls):
+            for name in ("a.img", "a.img.quillet-undo"): shutil.copyfile(self.path("kept-" + name), self.path(name))
+            os.chmod(self.path("a.img.quillet-undo"), 0o600)
+            self.interrupted(at, "before", "undo")
+            if "a.img.quillet-journal" in self.beside(): self.interrupted(3 + at // 2, "after", "undo")
+            self.assert_taken_back(at)
+
+    def test_what_asks_to_end_does_so_without_a_change(self):
+        for number in (signal.SIGTERM, signal.SIGHUP):
+            process = subprocess.Popen([programs.QUILLET], stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=dict(os.environ, QUILLET_SYSTEM=self.image))
+            process.stdout.readline()  # it is at work, and nothing can be committed before the last line
+            process.send_signal(number)
+            said = process.communicate()[1].decode()
+            self.assertEqual(process.returncode, -number)
+            self.assertTrue(said.endswith("quillet: ended by a signal; nothing was changed\n"), said)
+            self.assertEqual((digest(self.image), self.beside()), (self.old, []))
+
+    def test_a_limit_between_journal_and_disk_is_told_first(self):
+        for command in ("run", "undo"):
+            done = run("sh", "-c", f"ulimit -f 1000; exec {OFFLINE} {command} {self.image}")
+            self.assertNotEqual(done.status, 0)
+            self.assertIn("a.img: it is longer than files may be here", done.err)
+            self.assertEqual((digest(self.image), self.beside()), (self.old, []))
+
+
+class Undo(TransactionCase):
+    def test_run_after_run_and_back(self):
+        states = []
+        for options in ([], ["--", "-f"], ["--", "-s"]):
+            states.append(digest(self.image))
+            done = run(OFFLINE, "run", self.image, *options)
+            self.assertEqual(done.status, 0)
+            self.assertIn("`quillet-offline undo %s` takes the run back" % self.image, done.error_lines()[-1])
+        self.assertEqual(self.beside(), ["a.img.quillet-undo", "a.img.quillet-undo.2", "a.img.quillet-undo.3"])
+        self.assertEqual(os.stat(self.path("a.img.quillet-undo")).st_mode & 0o777, 0o600)
+        for state in reversed(states):
+            self.assertEqual(run(OFFLINE, "undo", self.image).status, 0)
+            self.assertEqual(digest(self.image), state)
+        nothing = run(OFFLINE, "undo", self.image)
+        self.assertEqual((nothing.status, nothing.err), (1, ""))
+
+    def test_a_disk_that_moved_on_is_left_alone(self):
+        kept = self.path("undo file")
+        self.assertEqual(run(OFFLINE, "run", "--undo", kept, self.image).status, 0)
+        with open(sample(), "rb") as was, open(self.image, "r+b") as now:
+            old, new = was.read(), now.read()
+            at = next(i for i in range(len(old) // 2, len(old)) if old[i] != new[i])
+            now.seek(at)
+            now.write(bytes([new[at] ^ 0xFF]))
+        moved = digest(self.image)
+        done = run(OFFLINE, "undo", "--undo", kept, self.image)
+        self.assertEqual((done.status, digest(self.image)), (2, moved))
+        self.assertRegex(done.err, "1 of [0-9]+ stretches differ")
+        with open(self.image, "r+b") as now:
+            now.seek(at)
+            now.write(new[at:at + 1])
+        self.assertEqual(run(OFFLINE, "undo", "--undo", kept, self.image).status, 0)
+        self.assertEqual(digest(self.image), self.old)
+
+    def test_a_run_that_fails_is_committed_only_when_asked(self):
+        checked = dict(QUILLET_ACCESS="checked")  # refuses some of the practice system's files, which ends with 5
+        done = run(OFFLINE, "run", self.image, **checked)
+        self.assertEqual((done.status, digest(self.image), self.beside()), (5, self.old, []))
+        self.assertIn("nothing was committed", done.error_lines()[-1])
+        self.assertEqual(run(OFFLINE, "run", "--commit", "always", "--no-undo", self.image, **checked).status, 5)
+        self.assertNotEqual(digest(self.image), self.old)
+
+
+class Plan(TransactionCase):
+    def test_tells_what_an_audit_finds_and_writes_nothing(self):
+        os.chmod(self.image, 0o444)
+        plan = run(OFFLINE, "plan", self.image)
+        self.assertEqual(plan.status, 0, plan.err)
+        self.assertEqual((digest(self.image), self.beside()), (self.old, []))
+        audit = run(OFFLINE, "audit", self.image)
+        counts = lambda out: [re.findall(r"^%s +(\d+) +(\d+)$" % kind, out, re.M) for kind in ("files", "key descriptors", "key names", "values")]
+        self.assertEqual(counts(plan.out), counts(audit.out))
+        sids = set(re.findall(r"S-1-5-21-\d+-\d+-\d+", plan.out + plan.err))
+        self.assertLessEqual(sids, set(re.findall(r"S-1-5-21-\d+-\d+-\d+", audit.out)))
+        places = run(OFFLINE, "plan", "-v", self.image).out.splitlines()
+        self.assertEqual(len([line for line in places if line.startswith("would change  ")]), sum(int(one) for [(one, _)] in counts(audit.out)))
+        self.assertEqual(run(OFFLINE, "plan", self.image, "--", "-s").status, 1)
+
+
+programs.main()
