@@ -6,7 +6,7 @@
 
 #include "companion/audit_words.h"
 #include "companion/commands.h"
-#include "companion/failure.h"
+#include "companion/ending.h"
 #include "companion/formatting.h"
 #include "companion/json.h"
 #include "companion/machine.h"

@@ -6,7 +6,7 @@
 #include <algorithm>
 
 #include "companion/commands.h"
-#include "companion/failure.h"
+#include "companion/ending.h"
 
 namespace companion {
 namespace {

@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <iterator>
 
-#include "companion/failure.h"
+#include "companion/ending.h"
 
 namespace companion {
 namespace {

@@ -3,7 +3,7 @@
 #include <cstdio>
 
 #include "companion/commands.h"
-#include "companion/failure.h"
+#include "companion/ending.h"
 #include "companion/formatting.h"
 #include "companion/json.h"
 #include "companion/survey.h"

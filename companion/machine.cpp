@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "companion/failure.h"
+#include "companion/ending.h"
 #include "companion/formatting.h"
 #include "platform/offline/base/unicode.h"
 #include "platform/offline/descriptor/sid_format.h"

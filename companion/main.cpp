@@ -9,7 +9,7 @@
 #include <exception>
 
 #include "companion/command_line.h"
-#include "companion/failure.h"
+#include "companion/ending.h"
 #include "platform/offline/base/session.h"
 #include "platform/offline/base/streams.h"
 #include "platform/offline/base/unicode.h"

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "companion/failure.h"
+#include "companion/ending.h"
 #include "companion/formatting.h"
 #include "companion/machine.h"
 #include "platform/offline/base/unicode.h"

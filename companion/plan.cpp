@@ -8,7 +8,7 @@
 
 #include "companion/audit_words.h"
 #include "companion/commands.h"
-#include "companion/failure.h"
+#include "companion/ending.h"
 #include "companion/machine.h"
 #include "platform/offline/base/streams.h"
 #include "platform/offline/descriptor/sid_format.h"

@@ -7,7 +7,7 @@
 #include <filesystem>
 
 #include "companion/commands.h"
-#include "companion/failure.h"
+#include "companion/ending.h"
 #include "companion/formatting.h"
 
 namespace companion {

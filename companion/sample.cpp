@@ -4,7 +4,7 @@
 #include <cstdio>
 
 #include "companion/commands.h"
-#include "companion/failure.h"
+#include "companion/ending.h"
 #include "companion/formatting.h"
 #include "companion/machine.h"
 #include "companion/practice/image_file.h"

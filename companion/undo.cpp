@@ -2,7 +2,7 @@
 #include <cstdio>
 
 #include "companion/commands.h"
-#include "companion/failure.h"
+#include "companion/ending.h"
 #include "companion/formatting.h"
 #include "platform/offline/base/ending_signals.h"
 #include "platform/offline/base/unicode.h"

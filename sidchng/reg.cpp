@@ -363,9 +363,10 @@ DWORD regRenameKey(HANDLE parent, const KEY_NODE_INFORMATION* record, const UNIC
     return error;
 }
 
-/* The name step of the walk: 1 when the key was renamed, so that the walk has to start its parent anew. */
-static int _treatName(HANDLE parent, const UNICODE_STRING* path, const KEY_NODE_INFORMATION* record,
-                      const UNICODE_STRING* name, sidCtx* ctx) {
+/* The name step of the walk: a key whose name holds the old SID is renamed. 1 when the key was renamed, so
+ * that the walk has to start its parent anew. */
+static int _renameIfNamed(HANDLE parent, const UNICODE_STRING* path, const KEY_NODE_INFORMATION* record,
+                          const UNICODE_STRING* name, sidCtx* ctx) {
     static const char function[] = "regReplaceSIDCallback";
     int changed = 0;
     UNICODE_STRING newName = {};
@@ -401,7 +402,7 @@ uint32_t regReplaceSIDCallback(HANDLE parent, const UNICODE_STRING* path, const 
     sidCtx* const ctx = static_cast<sidCtx*>(data);
     UNICODE_STRING name = regCounted(record->Name, record->NameLength);
     const bool names = (ctx->flags & SID_REPLACE_NAMES) != 0;
-    if (names && _treatName(parent, path, record, &name, ctx)) return SCAN_RESTART;
+    if (names && _renameIfNamed(parent, path, record, &name, ctx)) return SCAN_RESTART;
     const OBJECT_ATTRIBUTES attributes = regAttributesBelow(parent, &name);
     HANDLE key = nullptr;
     const NTSTATUS status = regNtOpenKey(&key, _treatAccess, &attributes, REG_TAKE_OWNERSHIP);

@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "companion/failure.h"
+#include "companion/ending.h"
 #include "platform/offline/base/streams.h"
 
 namespace companion {

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <vector>
 
-#include "companion/failure.h"
+#include "companion/ending.h"
 
 namespace companion {
 namespace {

@@ -1,6 +1,6 @@
 #include "companion/practice/sample_files.h"
 
-#include "companion/failure.h"
+#include "companion/ending.h"
 #include "companion/formatting.h"
 #include "platform/offline/base/unicode.h"
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "companion/failure.h"
+#include "companion/ending.h"
 #include "companion/formatting.h"
 #include "platform/offline/base/unicode.h"
 #include "platform/offline/hive/hive.h"

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "companion/failure.h"
+#include "companion/ending.h"
 #include "platform/offline/volume/partition_layout.h"
 
 namespace companion {

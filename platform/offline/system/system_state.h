@@ -45,6 +45,9 @@ inline SystemState& systemState() {
     return roomState<SystemState>(StatefulRoom::system);
 }
 
+/* The registry, the drives and the strings are of the installation that goes. */
+void forgetInstallation();
+
 } /* namespace offline */
 
 #endif

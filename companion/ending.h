@@ -1,6 +1,6 @@
-/* A command that can't be done. */
-#ifndef QUILLET_COMPANION_FAILURE_H
-#define QUILLET_COMPANION_FAILURE_H
+/* How a command ends: its exit status, and the line that says why it can't be done. */
+#ifndef QUILLET_COMPANION_ENDING_H
+#define QUILLET_COMPANION_ENDING_H
 
 #include <string>
 

@@ -1,0 +1,25 @@
+/* What the environment asks of a run, and why it can't be had. Private to this room. Every function may throw
+ * std::bad_alloc. */
+#ifndef QUILLET_OFFLINE_SYSTEM_CHOICES_H
+#define QUILLET_OFFLINE_SYSTEM_CHOICES_H
+
+#include <string>
+#include <vector>
+
+#include "platform/offline/security/security.h"
+#include "platform/offline/system/system.h"
+
+namespace offline {
+
+/* QUILLET_ACCESS. The mode is set also where a word that is not known is refused. */
+NTSTATUS accessWish(AccessMode& mode, Problem& problem);
+
+/* QUILLET_COMMIT and QUILLET_UNDO. An undo file that can't be made there is refused. */
+NTSTATUS commitWish(CommitWish& wish, Problem& problem);
+
+/* QUILLET_SYSTEM, at least one disk. */
+NTSTATUS disksWish(std::vector<std::string>& disks, Problem& problem);
+
+} /* namespace offline */
+
+#endif
