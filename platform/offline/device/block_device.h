@@ -18,6 +18,11 @@ using DeviceError = int;
 /* The device ends before the bytes that were asked for: it became shorter since it was opened. */
 constexpr DeviceError deviceShrank = -1;
 
+struct DeviceRead {
+    uint64_t offset = 0;      /* bytes */
+    std::span<uint8_t> bytes; /* where they go */
+};
+
 struct BlockDevice {
     BlockDevice() = default;
     virtual ~BlockDevice() = default;
@@ -36,6 +41,19 @@ struct BlockDevice {
      * leaves the bytes that it was to read, or the range that it was to write, undefined. */
     [[nodiscard]] virtual DeviceError read(uint64_t offset, std::span<uint8_t> bytes) = 0;
     [[nodiscard]] virtual DeviceError write(uint64_t offset, Bytes bytes) = 0;
+
+    /* How many reads are worth having under way at once: 1 where each costs the same alone and in company. */
+    virtual size_t readsAtOnce() const { return 1; }
+
+    /* Reads of one moment, in any order; as read, for each. A device that answers them side by side takes
+     * about as long for as many as readsAtOnce says as for one. */
+    [[nodiscard]] virtual DeviceError readAll(std::span<const DeviceRead> reads) {
+        for (const DeviceRead& one : reads) {
+            const DeviceError error = read(one.offset, one.bytes);
+            if (error != 0) return error;
+        }
+        return 0;
+    }
 
     /* What was written before is on the medium when it succeeds. After a failure nobody knows what is: the
      * device goes on refusing to flush. */
