@@ -9,7 +9,7 @@
 #include <iterator>
 #include <utility>
 
-#include "platform/offline/base/upcase_table.h"
+#include "platform/offline/base/upcase.h"
 
 namespace offline {
 namespace {
@@ -70,20 +70,6 @@ std::string escaped(const char* format, unsigned number) {
 bool looksEscaped(std::string_view text) {
     return text.starts_with("<U+") || text.starts_with("<0x");
 }
-
-struct UpcaseTable {
-    std::array<char16_t, 65536> units;
-    UpcaseTable() {
-        for (size_t i = 0; i < units.size(); i++) units[i] = static_cast<char16_t>(i);
-        for (const UpcaseRange& range : upcaseRanges) {
-            for (uint32_t unit = range.first; unit <= range.last; unit += range.step) {
-                units[unit] = static_cast<char16_t>(unit + static_cast<uint32_t>(range.delta));
-            }
-        }
-    }
-};
-
-const UpcaseTable upcaseTable;
 
 } /* namespace */
 
@@ -149,13 +135,14 @@ std::string printable(std::string_view utf8) {
 }
 
 char16_t upcase(char16_t unit) {
-    return upcaseTable.units[unit];
+    return upcaseTable()[unit];
 }
 
 int compareFolded(std::u16string_view left, std::u16string_view right) {
+    const UpcaseTable& upper = upcaseTable();
     const size_t common = left.size() < right.size() ? left.size() : right.size();
     for (size_t i = 0; i < common; i++) {
-        const int difference = static_cast<int>(upcase(left[i])) - static_cast<int>(upcase(right[i]));
+        const int difference = static_cast<int>(upper[left[i]]) - static_cast<int>(upper[right[i]]);
         if (difference != 0) return difference;
     }
     return left.size() == right.size() ? 0 : left.size() < right.size() ? -1 : 1;
