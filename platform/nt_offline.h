@@ -11,6 +11,7 @@
 #define TEXT(text) QUILLET_WIDE_LITERAL(text)
 
 #define NTAPI
+#define WINAPI
 #define NTSYSAPI
 
 typedef void VOID, *PVOID, *LPVOID;
@@ -360,6 +361,7 @@ typedef struct _UUID {
 } UUID;
 
 typedef struct _SECURITY_ATTRIBUTES* LPSECURITY_ATTRIBUTES;
+typedef BOOL (*PHANDLER_ROUTINE)(DWORD event);
 
 extern "C" {
 
@@ -426,6 +428,7 @@ BOOL InitiateSystemShutdownW(LPWSTR machine, LPWSTR message, DWORD timeout, BOOL
 RPC_STATUS UuidCreate(UUID* uuid);
 UINT GetConsoleOutputCP();
 BOOL SetConsoleOutputCP(UINT codePage);
+BOOL SetConsoleCtrlHandler(PHANDLER_ROUTINE handler, BOOL add);
 
 /* The tool's entry, called by the offline start-up. Text is UTF-16. */
 int wmain(int argc, WCHAR** argv, WCHAR** envp);

@@ -22,6 +22,11 @@ struct runState {
     int32_t runStatus; /* what the run will return */
 };
 
+/* Has the console show UTF-8, and standard output kept in no buffer, until endConsole or the console's own
+ * end of the process (Ctrl-C) gives it its code page back. */
+void beginConsole();
+void endConsole();
+
 /* What option parsing says about the run. */
 enum optionsOutcome { OPTIONS_RUN, OPTIONS_HELP, OPTIONS_INVALID };
 

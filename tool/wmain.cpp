@@ -94,10 +94,8 @@ static int _run(int argc, WCHAR** argv) {
 }
 
 extern "C" int wmain(int argc, WCHAR** argv, WCHAR**) {
-    const UINT codePage = GetConsoleOutputCP();
-    SetConsoleOutputCP(CP_UTF8);
-    setvbuf(stdout, nullptr, _IONBF, 0);  // a line is one write, as it is on standard error
+    beginConsole();
     const int status = _run(argc, argv);
-    if (codePage != 0) SetConsoleOutputCP(codePage);
+    endConsole();
     return status;
 }

@@ -7,18 +7,54 @@ from programs import ImageCase, PAIR
 
 PROGRAM = os.path.join(programs.HERE, "..", "..", "build-windows", "quillet.exe")
 DRIVER_HEADERS = "/usr/x86_64-w64-mingw32/include/ddk"
-EVERY_WINDOWS = {"advapi32.dll", "kernel32.dll", "msvcrt.dll", "ntdll.dll", "rpcrt4.dll"}
+# What Windows 7 has of each module, as far as the program takes anything from there. Only what it has may be added.
+WINDOWS_7 = {
+    "advapi32.dll": """AdjustTokenPrivileges ConvertSidToStringSidA ConvertSidToStringSidW GetAce GetAclInformation
+        GetFileSecurityW GetSecurityDescriptorDacl GetSecurityDescriptorGroup GetSecurityDescriptorOwner
+        GetSecurityDescriptorSacl GetTokenInformation InitializeSecurityDescriptor InitiateSystemShutdownW
+        LookupPrivilegeValueW OpenProcessToken RegCloseKey RegEnumKeyExW RegGetKeySecurity RegLoadKeyW RegOpenKeyExW
+        RegQueryValueExW RegSetKeySecurity RegSetValueExW RegUnLoadKeyW SetFileSecurityW SetNamedSecurityInfoW
+        SetSecurityDescriptorDacl SetSecurityDescriptorOwner""",
+    "kernel32.dll": """CloseHandle CreateFileW DeleteCriticalSection EnterCriticalSection ExpandEnvironmentStringsW
+        FindClose FindFirstFileW FindNextFileW FlushFileBuffers GetConsoleOutputCP GetCurrentProcess GetDriveTypeW
+        GetFileAttributesW GetLastError GetStartupInfoW GetStdHandle InitializeCriticalSection LeaveCriticalSection
+        LocalFree SetConsoleCtrlHandler SetConsoleOutputCP SetUnhandledExceptionFilter Sleep TlsGetValue VirtualProtect
+        VirtualQuery WriteFile __C_specific_handler""",
+    "msvcrt.dll": """__iob_func __set_app_type __setusermatherr __wgetmainargs __winitenv _amsg_exit _cexit _commode _fmode
+        _initterm _onexit _wcmdln abort calloc exit fprintf free fwrite malloc memchr memcmp memcpy realloc setvbuf signal
+        strchr strlen strncmp vfprintf""",
+    "ntdll.dll": """RtlAppendUnicodeStringToString RtlInitUnicodeString RtlNtStatusToDosError ZwClose ZwCreateKey
+        ZwDeleteKey ZwEnumerateKey ZwEnumerateValueKey ZwFlushKey ZwOpenKey ZwQueryKey ZwQueryValueKey ZwSetValueKey
+        ZwShutdownSystem""",
+    "rpcrt4.dll": "UuidCreate"}
 
 
-class Imports(unittest.TestCase):
-    def test_only_libraries_of_every_windows(self):
+class Program(unittest.TestCase):
+    def setUp(self):
         reader = shutil.which("x86_64-w64-mingw32-objdump")
         if not reader or not os.path.exists(PROGRAM): self.skipTest("build-windows/quillet.exe is not there")
-        said = subprocess.run([reader, "-p", PROGRAM], check=True, capture_output=True, text=True).stdout
-        self.assertIn("pei-x86-64", said)
-        imported = {line.split()[-1].lower() for line in said.splitlines() if "DLL Name:" in line}
-        self.assertIn("ntdll.dll", imported)
-        self.assertLessEqual(imported, EVERY_WINDOWS)
+        self.said = subprocess.run([reader, "-p", PROGRAM], check=True, capture_output=True, text=True).stdout
+        self.assertIn("pei-x86-64", self.said)
+
+    def test_it_takes_only_what_windows_7_has(self):
+        modules = re.findall(r"^\tDLL Name: (\S+)\n(.*?)^$", self.said, re.M | re.S)
+        self.assertIn("ntdll.dll", [module.lower() for module, _ in modules])
+        for module, rows in modules:
+            taken = set(re.findall(r"^\t[0-9a-f]+\t +\d+  (\S+)", rows, re.M))
+            self.assertEqual(len(taken), rows.count("\n") - 1, rows)  # each is by name
+            self.assertLessEqual(taken, set(WINDOWS_7.get(module.lower(), "").split()), module)
+
+    def test_it_says_what_it_is(self):
+        for guard in ("HIGH_ENTROPY_VA", "DYNAMIC_BASE", "NX_COMPAT"): self.assertIn(guard, self.said)
+        version = programs.run(programs.OFFLINE, "--version").out.split()[1]
+        with open(PROGRAM, "rb") as f: data = f.read()
+        for name in ("FileVersion", "ProductVersion"):
+            self.assertIn(name.encode("utf-16le") + bytes(2), data)
+            at = data.index(name.encode("utf-16le")) + 2 * len(name) + 2
+            self.assertEqual(data[at:at + 40].decode("utf-16le", "replace").lstrip("\0").split("\0")[0], version)
+        manifest = data[data.index(b"<assembly"):data.index(b"</assembly>")]
+        self.assertIn(b'level="asInvoker"', manifest)
+        self.assertEqual(manifest.count(b"<supportedOS"), 4)
 
 
 class Declarations(ImageCase):

@@ -63,3 +63,8 @@ UINT GetConsoleOutputCP() {
 BOOL SetConsoleOutputCP(UINT codePage) {
     return codePage == CP_UTF8;
 }
+
+/* No handler is ever called: what ends a program here are signals (base/ending_signals.h). */
+BOOL SetConsoleCtrlHandler(PHANDLER_ROUTINE, BOOL) {
+    return TRUE;
+}
