@@ -37,6 +37,16 @@ need_packages() {
     rm -f "$log"
 }
 
+# sources PATTERN...: the files of the project that match, by git, or in an unpacked source archive as they lie there.
+sources() {
+    if [ "$(git rev-parse --show-toplevel 2>/dev/null)" = "$PWD" ]; then
+        git ls-files "$@"
+    else
+        local pattern
+        for pattern in "$@"; do find . -path './build*' -prune -o -type f -path "./$pattern" -printf '%P\n'; done
+    fi
+}
+
 # quietly COMMAND...: runs it without output; where it fails, shows what it said and ends the script.
 quietly() {
     local log
