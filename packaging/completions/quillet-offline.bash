@@ -1,0 +1,39 @@
+# bash completion for quillet-offline. Each command's options are those of its --help.
+_quillet_offline() {
+    local word=$2 before=$3 command="" argument options=""
+    for argument in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
+        if [ "$argument" = -- ]; then
+            COMPREPLY=($(compgen -W "-f -b -r -s -q -v -h" -- "$word"))
+            return
+        fi
+        case $argument in
+        -*) ;;
+        *) [ -n "$command" ] || command=$argument ;;
+        esac
+    done
+    case $before in
+    --whole-disk) COMPREPLY=($(compgen -W "mbr gpt" -- "$word")) && return ;;
+    --commit) COMPREPLY=($(compgen -W "success always" -- "$word")) && return ;;
+    --size | --files | --descriptors | --machine | --sid) return ;;
+    esac
+    case $command in
+    sample) options="--size --whole-disk --force --files --descriptors --machine --help -h" ;;
+    info) options="--json --help -h" ;;
+    audit) options="--sid --all --json --help -h" ;;
+    plan) options="--verbose -v --help -h" ;;
+    run) options="--undo --no-undo --commit --help -h" ;;
+    undo) options="--undo --help -h" ;;
+    "")
+        COMPREPLY=($(compgen -W "sample info audit plan run undo --help -h --version" -- "$word"))
+        return
+        ;;
+    esac
+    case $word in
+    -*) COMPREPLY=($(compgen -W "$options" -- "$word")) ;;
+    *)
+        compopt -o filenames
+        COMPREPLY=($(compgen -f -- "$word"))
+        ;;
+    esac
+}
+complete -F _quillet_offline quillet-offline
