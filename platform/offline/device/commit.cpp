@@ -163,7 +163,8 @@ NTSTATUS Commit::secure() {
         status = refuseJournal(journal, "the journal does not read as it was written", EIO, problem);
     }
     const auto nothing = [](const JournalStretch&) { return STATUS_SUCCESS; };
-    if (status >= 0) status = reader.forStretches(JournalPart::all, nothing, problem);
+    if (status >= 0)
+        status = reader.forStretches(JournalPart::all, JournalImages::asStored, nothing, problem);
     if (status < 0 || undoPath.empty()) return status;
     uint64_t room = 0, here = 0, there = 0;
     const bool apart = files.room(directoryOf(journal), room, here) == 0 &&
