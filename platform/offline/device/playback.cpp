@@ -8,9 +8,17 @@
 namespace offline {
 namespace {
 
-NTSTATUS refuseDevice(const TransactionDisk& disk, const char* what, DeviceError error, Problem& problem) {
+NTSTATUS refuseDevice(const TransactionDisk& disk, const std::string& what, DeviceError error,
+                      Problem& problem) {
     return refuse(problem, deviceStatus(error),
                   disk.device->name() + ": " + what + " (" + deviceErrorText(error) + ")");
+}
+
+NTSTATUS refusePlace(const TransactionDisk& disk, const char* what, uint64_t offset, size_t length,
+                     DeviceError error, Problem& problem) {
+    return refuseDevice(disk,
+                        std::to_string(length) + " bytes at " + std::to_string(offset) + " can't be " + what,
+                        error, problem);
 }
 
 /* ---- Which disks ---- */
@@ -125,7 +133,7 @@ struct Playback {
 NTSTATUS Playback::put(const TransactionDisk& disk, size_t index, uint64_t offset, Bytes bytes) {
     written[index] = true;
     const DeviceError error = disk.device->write(offset, bytes);
-    return error == 0 ? STATUS_SUCCESS : refuseDevice(disk, "it can't be written", error, problem);
+    return error == 0 ? STATUS_SUCCESS : refusePlace(disk, "written", offset, bytes.size(), error, problem);
 }
 
 /* What is to be written, if the overlay still holds what was journalled: its units over what the journal says
@@ -163,7 +171,8 @@ NTSTATUS Playback::putStretch(const JournalStretch& stretch) {
     if (!stretch.hole) return put(disk, stretch.disk, stretch.offset, stretch.before);
     written[stretch.disk] = true;
     const DeviceError error = disk.device->zero(stretch.offset, stretch.length);
-    return error == 0 ? STATUS_SUCCESS : refuseDevice(disk, "it can't be written", error, problem);
+    return error == 0 ? STATUS_SUCCESS
+                      : refusePlace(disk, "written", stretch.offset, stretch.length, error, problem);
 }
 
 NTSTATUS Playback::putPart(JournalPart part) {
@@ -266,7 +275,7 @@ NTSTATUS compareDisks(JournalReader& journal, const JournalDisks& disks, bool an
             const TransactionDisk& disk = *disks[stretch.disk];
             const DeviceError error = disk.device->read(stretch.offset, there);
             if (error != 0) {
-                return refuseDevice(disk, "it can't be read", error, problem);
+                return refusePlace(disk, "read", stretch.offset, stretch.length, error, problem);
             }
             const uint64_t differing = differingBytes(journal.head, stretch, there, anyState);
             found.bytes += differing;
