@@ -76,6 +76,41 @@ def walks(files, repeat, work):
     fresh()
     print("rewriting    %.3f s, %d k entries/s: %.1f x rewriting by path (%.3f s); peak %.0f MiB"
           % (m, entries / m / 1000, p / m, p, peak_memory([program("quillet"), "-f"], env=env)))
+    transaction(image, work, repeat)
+
+def transaction(image, work, repeat):
+    """What the commit adds to a first rewriting run, beside a plain write of the same bytes in the disk's order and its
+    flush. The run without one is refused at its commit, for something bears the name that its undo file has at first."""
+    copy, taken = os.path.join(work, "copy.img"), os.path.join(work, "taken")
+    os.mkdir(taken + ".quillet-part")
+    def run(**more):
+        shutil.copyfile(image, copy)
+        os.sync()
+        begin = time.perf_counter()
+        status = subprocess.run([program("quillet"), "-f", "-q"], env=dict(os.environ, QUILLET_SYSTEM=copy, **more), capture_output=True).returncode
+        if (status == 0) != (not more): sys.exit("quillet ended with %d" % status)
+        return time.perf_counter() - begin
+    def changed():
+        with open(image, "rb") as old, open(copy, "rb") as new:
+            for at in range(0, os.path.getsize(image), 1 << 10):
+                a, b = old.read(1 << 10), new.read(1 << 10)
+                if a != b: yield at, b
+    run()
+    stretches = []
+    for at, data in changed():
+        if stretches and stretches[-1][0] + len(stretches[-1][1]) == at: stretches[-1][1].extend(data)
+        else: stretches.append((at, bytearray(data)))
+    def plain():
+        shutil.copyfile(image, copy)
+        os.sync()
+        begin = time.perf_counter()
+        with open(copy, "r+b", buffering=0) as disk:
+            for at, data in stretches: os.pwrite(disk.fileno(), data, at)
+            os.fdatasync(disk.fileno())
+        return time.perf_counter() - begin
+    whole, refused, floor = (statistics.median(times) for times in zip(*[(run(), run(QUILLET_UNDO=taken), plain()) for _ in range(repeat)]))
+    print("commit       %.3f s of a run's %.3f s, for %d MiB in %d places: %.1f x a plain write of them and its flush (%.3f s)"
+          % (whole - refused, whole, sum(len(data) for _, data in stretches) >> 20, len(stretches), (whole - refused) / floor, floor))
 
 def registry(hive, repeat, work):
     """A dry run over a practice system with a real SYSTEM hive, beside a plain dump of that hive."""

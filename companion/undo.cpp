@@ -44,7 +44,10 @@ int undo(const UndoOptions& options) {
             return exitDone;
         case offline::UndoOutcome::nothing:
             printf("%s: there is no undo file%s; nothing was changed\n", names.c_str(),
-                   file.empty() ? " beside it" : " of that name");
+                   file.empty()
+                       ? " beside it (that of a run on several disks lies beside the one that was named "
+                         "first)"
+                       : " of that name");
             return exitNothing;
         case offline::UndoOutcome::refused:
             break;

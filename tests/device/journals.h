@@ -21,7 +21,8 @@ inline void reseal(ByteVector& file) {
     if (at > last) return;
     seal(0, at, head::sum);
     while (at + piece::size <= last && numberAt<uint32_t>(file, at) == pieceMagic) {
-        const uint64_t length = piece::size + uint64_t{numberAt<uint32_t>(file, at + piece::stored)};
+        const uint64_t length = piece::size + uint64_t{numberAt<uint32_t>(file, at + piece::table)} +
+                                numberAt<uint32_t>(file, at + piece::stored);
         if (length > last - at) break;
         seal(at, length, piece::sum);
         at += length;

@@ -11,7 +11,7 @@ namespace {
  * short. */
 TEST(Overlay, IsWhatWasWrittenElseWhatLiesBelow) {
     Machine machine;
-    ByteVector bytes(300 * 1024 + 700), model, read;
+    ByteVector bytes(900 * 1024 + 700), model, read;
     for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(machine.random());
     MachineDisk disk(machine, "/a/disk", bytes);
     Overlay overlay(disk, "/tmp", 8 * unitSize);
@@ -30,7 +30,7 @@ TEST(Overlay, IsWhatWasWrittenElseWhatLiesBelow) {
         Medium::put(model, offset, read);
     }
     EXPECT_EQ(disk.medium.now, bytes);
-    EXPECT_GT(overlay.changedUnits(), 100u);
+    EXPECT_GT(overlay.changedUnits(), 512u);
 }
 
 /* A changed unit hides what can't be read below it. */
@@ -97,14 +97,19 @@ TEST(ChangedUnits, SmallInEveryOrder) {
             index.add(unit, static_cast<uint32_t>(number));
             ASSERT_LE(index.memory(), 24 * index.count() + 32 * 1024);
         }
-        uint64_t from = 0, unit = 0;
+        uint64_t from = 0;
+        UnitRun run;
         for (const auto& [wanted, slot] : model) {
-            ASSERT_TRUE(index.next(from, unit));
-            ASSERT_EQ(unit, wanted);
-            ASSERT_EQ(index.slotOf(unit), slot);
-            from = unit + 1;
+            if (wanted >= from) {
+                ASSERT_TRUE(index.next(from, 3, run));
+                ASSERT_EQ(run.unit, wanted);
+                ASSERT_LE(run.count, 3u);
+                from = run.unit + run.count;
+            }
+            ASSERT_EQ(index.slotOf(wanted), slot);
+            ASSERT_EQ(run.slot + (wanted - run.unit), slot);
         }
-        EXPECT_FALSE(index.next(from, unit));
+        EXPECT_FALSE(index.next(from, 3, run));
         EXPECT_EQ(index.slotOf(from), ChangedUnits::noSlot);
     }
 }

@@ -44,7 +44,6 @@ void cutOnce(uint64_t seed) {
     if (sample.isOld() || !sample.undo.keep) return;
     ASSERT_TRUE(sample.undoThere());
 
-    if (!sample.undo.path.empty() && !sample.files.anyEnding("mine")) sample.undo.path += ".quillet-part";
     sample.machine.heal();
     sample.machine.cutAt = sample.machine.below(uncut.machine.calls);
     const bool undone = sample.takeBack() == UndoOutcome::done;

@@ -44,6 +44,10 @@ inline bool sameBytes(Bytes left, Bytes right) {
            (left.empty() || std::memcmp(left.data(), right.data(), left.size()) == 0);
 }
 
+inline bool allZero(Bytes bytes) {
+    return bytes.empty() || (bytes[0] == 0 && sameBytes(bytes.subspan(1), bytes.first(bytes.size() - 1)));
+}
+
 } /* namespace offline */
 
 #endif

@@ -70,7 +70,7 @@ void ChangedUnits::add(uint64_t unit, uint32_t slot) {
     ++units;
 }
 
-bool ChangedUnits::next(uint64_t from, uint64_t& unit) const {
+bool ChangedUnits::next(uint64_t from, uint64_t most, UnitRun& run) const {
     size_t index = leafAt(from);
     if (index == leaves.size()) index = 0;
     for (; index < leaves.size(); ++index) {
@@ -81,7 +81,12 @@ bool ChangedUnits::next(uint64_t from, uint64_t& unit) const {
             std::lower_bound(static_cast<const Entry*>(leaf.entries.get()), end, distance,
                              [](const Entry& entry, uint64_t wanted) { return entry.distance < wanted; });
         if (found == end) continue;
-        unit = leaf.base + found->distance;
+        const auto follows = [&](uint64_t count) {
+            return found + count != end && found[count].distance == found->distance + count &&
+                   found[count].slot == found->slot + count;
+        };
+        run = {leaf.base + found->distance, found->slot, 1};
+        while (run.count < most && follows(run.count)) ++run.count;
         return true;
     }
     return false;

@@ -11,6 +11,13 @@
 
 namespace offline {
 
+/* Changed units that follow each other, and whose slots do. */
+struct UnitRun {
+    uint64_t unit = 0; /* the first */
+    uint32_t slot = 0;
+    uint64_t count = 0;
+};
+
 struct ChangedUnits {
     static constexpr uint32_t noSlot = UINT32_MAX;
 
@@ -20,8 +27,9 @@ struct ChangedUnits {
     /* Adds a unit that is not there yet. Throws std::bad_alloc, and has changed nothing then. */
     void add(uint64_t unit, uint32_t slot);
 
-    /* The lowest changed unit at or above one; false when there is none. */
-    bool next(uint64_t from, uint64_t& unit) const;
+    /* The run from the lowest changed unit on that is at or above one, most units of it at most; another one
+     * may go on where it ends. False when there is none. */
+    bool next(uint64_t from, uint64_t most, UnitRun& run) const;
 
     uint64_t count() const { return units; }
     size_t memory() const; /* bytes that the index takes */

@@ -90,9 +90,6 @@ NTSTATUS refuseUndo(const std::string& path, int error, Problem& problem) {
                       "); name another place for it");
 }
 
-/* Until the journal has ended, a copy of it on another file system bears the undo file's name with this. */
-const char copyEnding[] = ".quillet-part";
-
 /* Whether the copy can be made. One that is whole stays: it may be all that leads back from a run whose end
  * was cut off. */
 int tryUndoCopy(JournalFiles& files, const std::string& path) {
@@ -115,8 +112,8 @@ NTSTATUS Commit::chooseUndo() {
     JournalFile trial;
     int error = trial.open(files, undoPath);
     if (error == 0) return refuseUndo(undoPath, EEXIST, problem);
-    if (error == ENOENT) error = tryUndoCopy(files, undoPath + copyEnding);
-    if (error == EEXIST) return refuseUndo(undoPath + copyEnding, error, problem);
+    if (error == ENOENT) error = tryUndoCopy(files, undoCopyPath(undoPath));
+    if (error == EEXIST) return refuseUndo(undoCopyPath(undoPath), error, problem);
     return error == 0 ? STATUS_SUCCESS : refuseUndo(undoPath, error, problem);
 }
 
@@ -139,7 +136,7 @@ NTSTATUS Commit::writerStatus() {
 }
 
 NTSTATUS Commit::copyUndo() {
-    const std::string copy = undoPath + copyEnding;
+    const std::string copy = undoCopyPath(undoPath);
     const int error = copyFile(files, journal, copy);
     if (error != 0) {
         const NTSTATUS status = refuseUndo(undoPath, error, problem);
@@ -163,7 +160,8 @@ NTSTATUS Commit::secure() {
         status = refuseJournal(journal, "the journal does not read as it was written", EIO, problem);
     }
     const auto nothing = [](const JournalStretch&) { return STATUS_SUCCESS; };
-    if (status >= 0) status = reader.forStretches(JournalPart::all, nothing, problem);
+    if (status >= 0)
+        status = reader.forStretches(JournalPart::all, JournalImages::asStored, nothing, problem);
     if (status < 0 || undoPath.empty()) return status;
     uint64_t room = 0, here = 0, there = 0;
     const bool apart = files.room(directoryOf(journal), room, here) == 0 &&
@@ -247,7 +245,7 @@ NTSTATUS Commit::takeBack(const Problem& cause) {
             problem, cause.status,
             text + "; the disk may be left half changed, for the old bytes can't be put back either (" +
                 second.text + "): keep " + journal +
-                " and run `quillet-offline undo` on it when the medium is sound");
+                " and run `quillet-offline undo` with all disks of this run when the medium is sound");
     }
     text += "; all that had been written was taken back, nothing was changed";
     if (status < 0) text += "; " + second.text;

@@ -10,7 +10,8 @@ namespace {
 /* What a file system gives back at the least: a change in a hole takes a block of this size from it, so that
  * the whole block is journalled as a hole and can become one again. */
 constexpr uint64_t blockSize = 4096;
-constexpr uint64_t windowSize = journal::piece::maxStretch;
+constexpr uint64_t windowSize = uint64_t{256} << 10; /* what a processor has at hand */
+static_assert(windowSize <= journal::piece::maxStretch);
 constexpr uint64_t readThrough = 32 * blockSize; /* unchanged bytes, rather than reading twice */
 
 struct Gathering {
@@ -37,6 +38,9 @@ private:
     void grow(uint64_t start, uint64_t offset, uint64_t end, bool hole);
     void addGrown();
 
+    bool isHole(Bytes there, uint64_t offset) const {
+        return allZero(there) && disks[disk].device->holeAt(offset, there.size()) == there.size();
+    }
     bool enough() const { return (onlyLook && found) || (journal.error != 0 && !noRoom(journal.error)); }
     bool differs(uint64_t start, uint64_t from, uint64_t to) const {
         return !sameBytes(Bytes(before).subspan(from - start, to - from),
@@ -54,8 +58,8 @@ NTSTATUS Gathering::load(uint64_t start, uint64_t end) {
                       one.device->name() + ": what is to be changed there can't be read (" +
                           deviceErrorText(error) + ")");
     }
-    after = before;
-    error = one.overlay->patch(start, after);
+    after.resize(before.size());
+    error = one.overlay->patch(start, after, before);
     if (error == 0) return STATUS_SUCCESS;
     return refuse(problem, deviceStatus(error),
                   one.overlay->directory() + ": the temporary file there can't be read (" +
@@ -106,7 +110,7 @@ NTSTATUS Gathering::compareBlock(uint64_t start, uint64_t offset, uint64_t end) 
     found = true;
     if (onlyLook) return STATUS_SUCCESS;
     const bool marks = markedIn(ranges, disk, offset, end) != nullptr;
-    if (!marks && disks[disk].device->holeAt(offset, end - offset) == end - offset) {
+    if (!marks && isHole(Bytes(before).subspan(offset - start, end - offset), offset)) {
         grow(start, offset, end, true);
         return STATUS_SUCCESS;
     }

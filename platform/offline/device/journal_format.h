@@ -13,11 +13,12 @@
  * each disk: its size (8), the digest of its first 8192 bytes (16), the length of its journal's path (4), the
  * path. Then for each mark: disk (4), length (4), offset (8), its bytes.
  *
- * Piece: magic (4), disk (4), flags (4: 1 marked, 2 compressed), stretches (4), plain length (4), stored
- * length (4), checksum of the piece with zero in this place (8), the stored bytes. The plain ones: for each
- * stretch offset (8), length (4), flags (4: 1 a hole); then for all stretches the checksum (8) of what will
- * replace each 512 bytes; then for all that are no hole what they held. A medium writes 512 bytes whole or
- * not at all, so that after any interruption each holds the old bytes, or the new, or the mark's.
+ * Piece: magic (4), disk (4), flags (4: 1 marked, 2 compressed), stretches (4), length of the table (4), of
+ * the images (4) and of these as they are stored (4), zero (4), checksum of the piece with zero in this place
+ * (8). Then the table: for each stretch offset (8), length (4), flags (4: 1 a hole); then for all stretches
+ * the checksum (8) of what will replace each 512 bytes. Then the images: for all stretches that are no hole
+ * what they held; stored as one zstd frame where the flag says so. A medium writes 512 bytes whole or not at
+ * all, so that after any interruption each holds the old bytes, or the new, or the mark's.
  *
  * Closing: magic (8), id (16), length of head and pieces (8), number of stretches (8), their bytes (8),
  * checksum of head and pieces (8), checksum of this record with zero in this place (8); zeros.
@@ -91,10 +92,11 @@ constexpr uint32_t maxBody = 16u << 20;
 } /* namespace head */
 
 namespace piece {
-constexpr size_t disk = 4, flags = 8, stretches = 12, plain = 16, stored = 20, sum = 24, size = 32;
+constexpr size_t disk = 4, flags = 8, stretches = 12, table = 16, images = 20, stored = 24, sum = 32,
+                 size = 40;
 constexpr uint32_t marked = 1, compressed = 2;
-constexpr uint32_t maxStretch = 1u << 20; /* of one stretch */
-constexpr uint32_t maxPlain = maxStretch + (64u << 10);
+constexpr uint32_t maxStretch = 1u << 20; /* of one stretch, and of all images */
+constexpr uint32_t maxTable = 64u << 10;
 } /* namespace piece */
 
 namespace stretch {

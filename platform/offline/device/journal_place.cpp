@@ -126,6 +126,10 @@ std::string journalPath(const JournalPlace& place) {
     return place.directory + "/" + place.name + ".quillet-journal";
 }
 
+std::string undoCopyPath(const std::string& undoPath) {
+    return undoPath + ".quillet-part";
+}
+
 int latestUndoPath(JournalFiles& files, const JournalPlace& place, std::string& latest) {
     uint32_t highest = 0;
     const int error = highestUndo(files, place, highest);

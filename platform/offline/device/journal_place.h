@@ -24,6 +24,10 @@ NTSTATUS journalPlaceOf(const std::string& diskPath, JournalPlace& place, Proble
 /* Before the first file in it is made: makes the directory, for its owner only, where it is ours to make. */
 NTSTATUS makeJournalDirectory(const JournalPlace& place, Problem& problem);
 
+/* What a copy of the journal on another file system is called until the journal has ended and it becomes the
+ * undo file: "/safe/undo.quillet-part". */
+std::string undoCopyPath(const std::string& undoPath);
+
 std::string journalPath(const JournalPlace& place); /* "/images/a.img.quillet-journal" */
 
 /* "/images/a.img.quillet-undo", then "….quillet-undo.2" and so on: the highest number is the latest run's.

@@ -139,6 +139,7 @@ JournalState JournalReader::readClosing() {
 /* Where a pass has got to. */
 struct JournalReader::Progress {
     uint64_t at = 0;
+    JournalImages images = JournalImages::unpacked;
     bool unmarked = false; /* past the marked pieces */
     size_t disk = 0;
     uint64_t end = 0; /* of the stretch before */
@@ -146,30 +147,39 @@ struct JournalReader::Progress {
     RunningChecksum sum;
 };
 
-/* The next piece, its checksum compared, its contents in plain; EBADMSG when it is not as it was written. */
+/* The next piece, its lengths and its checksum compared; EBADMSG when it is not as it was written. */
 int JournalReader::readPiece(Progress& progress) {
     const uint64_t left = piecesEnd - progress.at;
     if (left < piece::size) return EBADMSG;
     stored.resize(piece::size);
     if (const int refused = file.read(progress.at, stored)) return refused;
-    const auto plainLength = numberAt<uint32_t>(stored, piece::plain);
-    const auto storedLength = numberAt<uint32_t>(stored, piece::stored);
-    if (numberAt<uint32_t>(stored, 0) != pieceMagic || plainLength > piece::maxPlain) return EBADMSG;
-    if (storedLength > plainLength || storedLength > left - piece::size) return EBADMSG;
-    stored.resize(piece::size + storedLength);
+    const auto table = numberAt<uint32_t>(stored, piece::table);
+    const auto images = numberAt<uint32_t>(stored, piece::images);
+    const auto storedImages = numberAt<uint32_t>(stored, piece::stored);
+    const bool packed = (numberAt<uint32_t>(stored, piece::flags) & piece::compressed) != 0;
+    if (numberAt<uint32_t>(stored, 0) != pieceMagic || table > piece::maxTable) return EBADMSG;
+    if (images > piece::maxStretch || (packed ? storedImages > images : storedImages != images))
+        return EBADMSG;
+    if (left - piece::size < uint64_t{table} + storedImages) return EBADMSG;
+    stored.resize(piece::size + table + storedImages);
     const int refused = file.read(progress.at + piece::size, std::span(stored).subspan(piece::size));
     if (refused != 0) return refused;
     if (!sumFits(stored, piece::sum)) return EBADMSG;
     progress.sum.add(stored);
     progress.at += stored.size();
-    const Bytes contents = Bytes(stored).subspan(piece::size);
-    plain.assign(plainLength, 0);
-    if ((numberAt<uint32_t>(stored, piece::flags) & piece::compressed) != 0) {
-        return uncompressed(contents, plain) ? 0 : EBADMSG;
-    }
-    if (contents.size() != plain.size()) return EBADMSG;
-    std::copy(contents.begin(), contents.end(), plain.begin());
     return 0;
+}
+
+/* The images of the piece in hand. */
+bool JournalReader::unpackImages() {
+    const size_t length = numberAt<uint32_t>(stored, piece::images);
+    const Bytes images = Bytes(stored).subspan(piece::size + numberAt<uint32_t>(stored, piece::table));
+    plain.resize(std::max(plain.size(), length));
+    if ((numberAt<uint32_t>(stored, piece::flags) & piece::compressed) != 0) {
+        return unpacker.unpack(images, std::span(plain).first(length));
+    }
+    std::copy(images.begin(), images.end(), plain.begin());
+    return true;
 }
 
 /* Whether it lies on its disk, behind the one before, in the class where it belongs. */
@@ -206,24 +216,25 @@ bool JournalReader::parsePiece(Progress& progress, const ForStretch* function, N
     progress.unmarked = !stretch.marked;
     progress.disk = stretch.disk;
 
+    const bool unpacked = function != nullptr && progress.images == JournalImages::unpacked;
+    if (unpacked && !unpackImages()) return false;
     const uint64_t count = numberAt<uint32_t>(stored, piece::stretches);
-    Cursor table{plain}, images{plain};
-    const Bytes rows = images.take(count * stretch::size);
-    uint64_t sectors = 0;
-    for (uint64_t row = 0; row < count && images.inside; ++row) {
-        sectors += sectorsOf(numberAt<uint32_t>(rows, row * stretch::size + stretch::length));
-    }
-    Cursor sums{images.take(sectors * sizeof(uint64_t))};
-    for (uint64_t row = 0; row < count && images.inside; ++row) {
-        stretch.offset = table.number<uint64_t>();
-        stretch.length = table.number<uint32_t>();
-        stretch.hole = (table.number<uint32_t>() & stretch::hole) != 0;
-        stretch.before = stretch.hole ? Bytes() : images.take(stretch.length);
+    Cursor sums{Bytes(stored).subspan(piece::size, numberAt<uint32_t>(stored, piece::table))};
+    Cursor rows{sums.take(count * stretch::size)};
+    uint64_t images = 0; /* bytes of them that were handed out */
+    const uint64_t allImages = numberAt<uint32_t>(stored, piece::images);
+    for (uint64_t row = 0; row < count && sums.inside; ++row) {
+        stretch.offset = rows.number<uint64_t>();
+        stretch.length = rows.number<uint32_t>();
+        stretch.hole = (rows.number<uint32_t>() & stretch::hole) != 0;
         stretch.sums = sums.take(sectorsOf(stretch.length) * sizeof(uint64_t));
-        if (!images.inside || !stretchFits(stretch, progress)) return false;
+        const uint64_t image = stretch.hole ? 0 : stretch.length;
+        if (!sums.inside || image > allImages - images || !stretchFits(stretch, progress)) return false;
+        stretch.before = unpacked ? Bytes(plain).subspan(images, image) : Bytes();
+        images += image;
         if (function != nullptr && status >= 0) status = (*function)(stretch);
     }
-    return images.inside && images.left.empty();
+    return sums.inside && sums.left.empty() && images == allImages;
 }
 
 /* The marked stretches cover the marks whole, or the old bytes below one would be missing. */
@@ -234,9 +245,11 @@ bool JournalReader::totalsFit(const Progress& progress) const {
            progress.markedBytes == covered;
 }
 
-NTSTATUS JournalReader::forStretches(JournalPart part, const ForStretch& function, Problem& problem) {
+NTSTATUS JournalReader::forStretches(JournalPart part, JournalImages images, const ForStretch& function,
+                                     Problem& problem) {
     Progress progress;
     progress.at = bodyEnd;
+    progress.images = images;
     if (part == JournalPart::all) progress.sum.add(encodedHead(head));
     NTSTATUS status = STATUS_SUCCESS;
     bool fits = true;

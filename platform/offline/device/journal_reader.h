@@ -7,6 +7,7 @@
 #include <functional>
 
 #include "platform/offline/base/problem.h"
+#include "platform/offline/device/compression.h"
 #include "platform/offline/device/journal_files.h"
 #include "platform/offline/device/journal_format.h"
 
@@ -28,7 +29,7 @@ struct JournalStretch {
     size_t length = 0; /* bytes, 1 MiB at most */
     bool hole = false;
     bool marked = false;
-    Bytes before; /* empty for a hole */
+    Bytes before; /* empty for a hole, and where the images are not asked for */
     Bytes sums;   /* of each 512 bytes that will replace it */
 
     uint64_t sumAt(size_t sector) const { return numberAt<uint64_t>(sums, sector * sizeof(uint64_t)); }
@@ -36,13 +37,18 @@ struct JournalStretch {
 
 enum class JournalPart { all, marked, unmarked };
 
+/* Whether the images are unpacked too, which is most of the work; their checksums are compared in any case.
+ */
+enum class JournalImages { unpacked, asStored };
+
 struct JournalReader {
     JournalState open(JournalFiles& files, const std::string& filePath);
 
     /* Hands the stretches of a part to the function until it fails. The part `all` is checked against the
      * closing record: a pass over it has to come first. A span lives until the function returns. */
     using ForStretch = std::function<NTSTATUS(const JournalStretch&)>;
-    NTSTATUS forStretches(JournalPart part, const ForStretch& function, Problem& problem);
+    NTSTATUS forStretches(JournalPart part, JournalImages images, const ForStretch& function,
+                          Problem& problem);
 
     std::string path;
     int error = 0;
@@ -58,12 +64,15 @@ private:
     uint64_t bodyEnd = 0;   /* where the pieces begin */
     uint64_t piecesEnd = 0; /* and end */
     uint64_t sumOfAll = 0;
-    ByteVector stored, plain;
+    ByteVector stored; /* the piece in hand */
+    ByteVector plain;  /* its images, and room */
+    Unpacker unpacker;
 
     JournalState readHead();
     JournalState readClosing();
     bool parseBody(Bytes body, uint32_t disks, uint32_t marks);
     int readPiece(Progress& progress);
+    bool unpackImages();
     bool parsePiece(Progress& progress, const ForStretch* function, NTSTATUS& status);
     bool stretchFits(const JournalStretch& stretch, Progress& progress) const;
     bool totalsFit(const Progress& progress) const;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "platform/offline/device/compression.h"
 #include "platform/offline/device/device_error.h"
 
 namespace offline {
@@ -38,22 +37,29 @@ void JournalWriter::begin(JournalFiles& files, const std::string& path, const Jo
     append(bytesOfHead);
 }
 
+void JournalWriter::addSums(Bytes after) {
+    size_t at = sums.size();
+    sums.resize(at + sectorsOf(after.size()) * sizeof(uint64_t));
+    for (; !after.empty(); at += sizeof(uint64_t)) {
+        const Bytes sector = after.first(std::min<size_t>(after.size(), tornAt));
+        put(sums, at, checksum(sector));
+        after = after.subspan(sector.size());
+    }
+}
+
 void JournalWriter::add(const ChangedStretch& stretch) {
-    const size_t sectors = sectorsOf(stretch.before.size());
-    const size_t more =
-        stretch::size + sectors * sizeof(uint64_t) + (stretch.hole ? 0 : stretch.before.size());
-    const bool other = stretch.disk != disk || stretch.marked != marked;
-    if (other || table.size() + sums.size() + images.size() + more > piece::maxPlain) endPiece();
+    const Bytes image = stretch.hole ? Bytes() : stretch.before;
+    const size_t more = stretch::size + sectorsOf(stretch.before.size()) * sizeof(uint64_t);
+    const bool fits = table.size() + sums.size() + more <= piece::maxTable &&
+                      images.size() + image.size() <= piece::maxStretch;
+    if (!fits || stretch.disk != disk || stretch.marked != marked) endPiece();
     disk = stretch.disk;
     marked = stretch.marked;
     offline::append(table, stretch.offset);
     offline::append(table, static_cast<uint32_t>(stretch.before.size()));
     offline::append(table, stretch.hole ? stretch::hole : 0u);
-    for (size_t at = 0; at < stretch.after.size(); at += tornAt) {
-        offline::append(
-            sums, checksum(stretch.after.subspan(at, std::min(stretch.after.size() - at, size_t{tornAt}))));
-    }
-    if (!stretch.hole) offline::append(images, stretch.before);
+    addSums(stretch.after);
+    offline::append(images, image);
     ++inPiece;
     ++stretches;
     bytes += stretch.before.size();
@@ -61,18 +67,19 @@ void JournalWriter::add(const ChangedStretch& stretch) {
 
 void JournalWriter::endPiece() {
     if (inPiece == 0) return;
-    offline::append(table, Bytes(sums));
-    offline::append(table, Bytes(images));
-    const bool pays = compressed(table, packed);
-    const ByteVector& stored = pays ? packed : table;
+    const Bytes packed = packer.packed(images);
+    const Bytes stored = packed.empty() ? Bytes(images) : packed;
     whole.assign(piece::size, 0);
     put(whole, 0, pieceMagic);
     put(whole, piece::disk, static_cast<uint32_t>(disk));
-    put(whole, piece::flags, (marked ? piece::marked : 0u) | (pays ? piece::compressed : 0u));
+    put(whole, piece::flags, (marked ? piece::marked : 0u) | (packed.empty() ? 0u : piece::compressed));
     put(whole, piece::stretches, inPiece);
-    put(whole, piece::plain, static_cast<uint32_t>(table.size()));
+    put(whole, piece::table, static_cast<uint32_t>(table.size() + sums.size()));
+    put(whole, piece::images, static_cast<uint32_t>(images.size()));
     put(whole, piece::stored, static_cast<uint32_t>(stored.size()));
-    offline::append(whole, Bytes(stored));
+    offline::append(whole, Bytes(table));
+    offline::append(whole, Bytes(sums));
+    offline::append(whole, stored);
     put(whole, piece::sum, checksum(whole));
     sum.add(whole);
     append(whole);

@@ -2,6 +2,7 @@
 #ifndef QUILLET_OFFLINE_DEVICE_JOURNAL_WRITER_H
 #define QUILLET_OFFLINE_DEVICE_JOURNAL_WRITER_H
 
+#include "platform/offline/device/compression.h"
 #include "platform/offline/device/journal_files.h"
 #include "platform/offline/device/journal_format.h"
 
@@ -47,9 +48,11 @@ private:
     size_t disk = 0; /* of the piece in hand */
     bool marked = false;
     uint32_t inPiece = 0;
-    ByteVector table, sums, images, packed, whole;
+    ByteVector table, sums, images, whole;
+    Packer packer;
 
     void append(Bytes more);
+    void addSums(Bytes after);
     void endPiece();
 };
 

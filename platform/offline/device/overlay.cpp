@@ -12,37 +12,33 @@ Overlay::Overlay(BlockDevice& device, std::string inDirectory, size_t memory)
     : below(device), store(std::move(inDirectory), memory) {}
 
 bool Overlay::nextChanged(uint64_t offset, uint64_t& changed) const {
-    uint64_t unit = 0;
-    if (!index.next(offset / unitSize, unit)) return false;
-    changed = unit * unitSize;
+    UnitRun run;
+    if (!index.next(offset / unitSize, 1, run)) return false;
+    changed = run.unit * unitSize;
     return true;
 }
 
-/* How many units from this one on, most at most, have their contents one after the other from the slot on; of
- * units that were not changed, how many follow each other. */
-uint32_t Overlay::runOf(uint64_t unit, uint32_t slot, uint64_t most) const {
-    uint32_t count = 1;
-    while (count < most) {
-        const uint32_t following = slot == ChangedUnits::noSlot ? slot : slot + count;
-        if (index.slotOf(unit + count) != following) break;
-        ++count;
-    }
-    return count;
-}
-
-DeviceError Overlay::patch(uint64_t offset, std::span<uint8_t> bytes) const {
+DeviceError Overlay::patch(uint64_t offset, std::span<uint8_t> bytes, Bytes around) const {
     const uint64_t last = offset + bytes.size();
-    uint64_t unit = 0;
-    for (uint64_t from = offset / unitSize; index.next(from, unit) && unit * unitSize < last;) {
-        const uint32_t slot = index.slotOf(unit);
-        const uint32_t count = runOf(unit, slot, (last + unitSize - 1) / unitSize - unit);
-        const uint64_t start = std::max(unit * unitSize, offset);
-        const uint64_t end = std::min((unit + count) * unitSize, last);
+    const uint64_t most = bytes.size() / unitSize + 1;
+    const auto keep = [&](uint64_t from, uint64_t to) {
+        const Bytes kept = around.subspan(std::min<uint64_t>(from - offset, around.size()));
+        std::copy_n(kept.begin(), std::min<uint64_t>(to - from, kept.size()),
+                    bytes.begin() + static_cast<std::ptrdiff_t>(from - offset));
+    };
+    uint64_t done = offset;
+    UnitRun run;
+    for (uint64_t from = offset / unitSize; index.next(from, most, run) && run.unit * unitSize < last;) {
+        from = run.unit + run.count;
+        const uint64_t start = std::max(run.unit * unitSize, offset);
+        const uint64_t end = std::min(from * unitSize, last);
+        keep(done, start);
         const DeviceError error =
-            store.read(slot, start % unitSize, bytes.subspan(start - offset, end - start));
+            store.read(run.slot, start % unitSize, bytes.subspan(start - offset, end - start));
         if (error != 0) return error;
-        from = unit + count;
+        done = end;
     }
+    keep(done, last);
     return 0;
 }
 
@@ -94,10 +90,12 @@ DeviceError Overlay::writeUnit(uint64_t unit, size_t start, Bytes bytes) {
 
 /* Whole units whose contents can be stored at once; the others are left to further calls. */
 DeviceError Overlay::writeRun(uint64_t unit, Bytes bytes, size_t& written) {
-    const uint32_t slot = index.slotOf(unit);
-    const uint32_t count = runOf(unit, slot, bytes.size() / unitSize);
+    uint64_t count = bytes.size() / unitSize;
+    UnitRun run;
+    const bool found = index.next(unit, count, run);
+    if (found) count = run.unit == unit ? run.count : std::min(count, run.unit - unit);
     written = count * unitSize;
-    if (slot != ChangedUnits::noSlot) return remembered(store.write(slot, 0, bytes.first(written)));
+    if (found && run.unit == unit) return remembered(store.write(run.slot, 0, bytes.first(written)));
     if (index.count() >= ChangedUnits::noSlot - count) return remembered(EFBIG);
     const auto fresh = static_cast<uint32_t>(index.count());
     const DeviceError error = store.write(fresh, 0, bytes.first(written));

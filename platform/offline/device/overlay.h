@@ -42,8 +42,9 @@ struct Overlay final : BlockDevice {
      * does. */
     bool nextChanged(uint64_t offset, uint64_t& changed) const;
 
-    /* Puts the changed units' contents over a copy of what lies below at the offset, a unit's beginning. */
-    DeviceError patch(uint64_t offset, std::span<uint8_t> bytes) const;
+    /* Puts the changed units' contents where they lie in the bytes at the offset, a unit's beginning. Around
+     * them goes what is given for there, from the same offset on. */
+    DeviceError patch(uint64_t offset, std::span<uint8_t> bytes, Bytes around = {}) const;
 
     uint64_t changedUnits() const { return index.count(); }
     size_t indexMemory() const { return index.memory(); }            /* bytes */
@@ -56,7 +57,6 @@ private:
     DeviceError failed = 0;
 
     DeviceError remembered(DeviceError error);
-    uint32_t runOf(uint64_t unit, uint32_t slot, uint64_t most) const;
     DeviceError writeUnit(uint64_t unit, size_t start, Bytes bytes);
     DeviceError writeRun(uint64_t unit, Bytes bytes, size_t& written);
     DeviceError readAround(uint64_t offset, std::span<uint8_t> bytes);

@@ -8,9 +8,17 @@
 namespace offline {
 namespace {
 
-NTSTATUS refuseDevice(const TransactionDisk& disk, const char* what, DeviceError error, Problem& problem) {
+NTSTATUS refuseDevice(const TransactionDisk& disk, const std::string& what, DeviceError error,
+                      Problem& problem) {
     return refuse(problem, deviceStatus(error),
                   disk.device->name() + ": " + what + " (" + deviceErrorText(error) + ")");
+}
+
+NTSTATUS refusePlace(const TransactionDisk& disk, const char* what, uint64_t offset, size_t length,
+                     DeviceError error, Problem& problem) {
+    return refuseDevice(disk,
+                        std::to_string(length) + " bytes at " + std::to_string(offset) + " can't be " + what,
+                        error, problem);
 }
 
 /* ---- Which disks ---- */
@@ -125,15 +133,16 @@ struct Playback {
 NTSTATUS Playback::put(const TransactionDisk& disk, size_t index, uint64_t offset, Bytes bytes) {
     written[index] = true;
     const DeviceError error = disk.device->write(offset, bytes);
-    return error == 0 ? STATUS_SUCCESS : refuseDevice(disk, "it can't be written", error, problem);
+    return error == 0 ? STATUS_SUCCESS : refusePlace(disk, "written", offset, bytes.size(), error, problem);
 }
 
-/* What is to be written, if the overlay still holds what was journalled. Not from below: a marked unit bears
- * its mark there by now. */
+/* What is to be written, if the overlay still holds what was journalled: its units over what the journal says
+ * was there, which only holes and marked stretches have between them. Not from below: a marked unit bears its
+ * mark there by now. */
 NTSTATUS Playback::freshBytes(const TransactionDisk& disk, const JournalStretch& stretch) {
-    fresh.assign(stretch.before.begin(), stretch.before.end());
     fresh.resize(stretch.length);
-    const DeviceError error = disk.overlay->patch(stretch.offset, fresh);
+    if (stretch.hole) std::fill(fresh.begin(), fresh.end(), uint8_t{0});
+    const DeviceError error = disk.overlay->patch(stretch.offset, fresh, stretch.before);
     if (error != 0) {
         return refuse(problem, deviceStatus(error),
                       disk.overlay->directory() + ": the temporary file there can't be read (" +
@@ -162,12 +171,15 @@ NTSTATUS Playback::putStretch(const JournalStretch& stretch) {
     if (!stretch.hole) return put(disk, stretch.disk, stretch.offset, stretch.before);
     written[stretch.disk] = true;
     const DeviceError error = disk.device->zero(stretch.offset, stretch.length);
-    return error == 0 ? STATUS_SUCCESS : refuseDevice(disk, "it can't be written", error, problem);
+    return error == 0 ? STATUS_SUCCESS
+                      : refusePlace(disk, "written", stretch.offset, stretch.length, error, problem);
 }
 
 NTSTATUS Playback::putPart(JournalPart part) {
+    const bool fromOverlay = side == Side::after && part == JournalPart::unmarked;
     const NTSTATUS status = journal.forStretches(
-        part, [&](const JournalStretch& stretch) { return putStretch(stretch); }, problem);
+        part, fromOverlay ? JournalImages::asStored : JournalImages::unpacked,
+        [&](const JournalStretch& stretch) { return putStretch(stretch); }, problem);
     return status < 0 ? status : flushWritten();
 }
 
@@ -232,10 +244,6 @@ bool isMark(const JournalHead& head, size_t disk, uint64_t offset, Bytes sector)
     return false;
 }
 
-bool allZero(Bytes bytes) {
-    return std::all_of(bytes.begin(), bytes.end(), [](uint8_t byte) { return byte == 0; });
-}
-
 /* How many bytes of the stretch are none of those that may be there. */
 uint64_t differingBytes(const JournalHead& head, const JournalStretch& stretch, Bytes there, bool anyState) {
     uint64_t differing = 0;
@@ -261,12 +269,14 @@ NTSTATUS compareDisks(JournalReader& journal, const JournalDisks& disks, bool an
                       Problem& problem) {
     ByteVector there;
     return journal.forStretches(
-        JournalPart::all,
+        JournalPart::all, JournalImages::unpacked,
         [&](const JournalStretch& stretch) -> NTSTATUS {
             there.resize(stretch.length);
             const TransactionDisk& disk = *disks[stretch.disk];
             const DeviceError error = disk.device->read(stretch.offset, there);
-            if (error != 0) return refuseDevice(disk, "it can't be read", error, problem);
+            if (error != 0) {
+                return refusePlace(disk, "read", stretch.offset, stretch.length, error, problem);
+            }
             const uint64_t differing = differingBytes(journal.head, stretch, there, anyState);
             found.bytes += differing;
             found.stretches += differing > 0 ? 1 : 0;

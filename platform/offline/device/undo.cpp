@@ -110,9 +110,10 @@ NTSTATUS Undo::play() {
     const NTSTATUS status =
         guardedRefusing(problem, [&] { return takeBackJournal(files, file, disks, oldBytesBack, problem); });
     if (status < 0 && !oldBytesBack) {
-        return refuse(problem, status,
-                      problem.text + "; the disk is half taken back: keep " + file.path +
-                          " and run `quillet-offline undo` again when the medium is sound");
+        return refuse(
+            problem, status,
+            problem.text + "; the disk is half taken back: keep " + file.path +
+                " and run `quillet-offline undo` with the same disks again when the medium is sound");
     }
     if (status >= 0 && !original.empty()) files.remove(original);
     return status;
@@ -126,6 +127,10 @@ UndoOutcome undoGuarded(Undo& undo, const std::string& wanted) {
     std::string path = wanted;
     NTSTATUS status = path.empty() ? undo.findLatest(path) : STATUS_SUCCESS;
     if (status >= 0 && !path.empty()) status = undo.open(path, found);
+    if (status >= 0 && !found && !wanted.empty()) { /* its run was cut off when only the name was missing */
+        path = undoCopyPath(wanted);
+        status = undo.open(path, found);
+    }
     if (status >= 0 && !found) return UndoOutcome::nothing;
     if (status >= 0) status = undo.check();
     if (status >= 0) status = undo.becomeJournal();

@@ -18,9 +18,10 @@ struct UndoReport {
     uint64_t stretches = 0, bytes = 0;
 };
 
-/* undoPath: an undo file in any place, or "" for the latest one beside the disks. All disks of its run have
- * to be given, in whatever order. Every sector that the run wrote has to hold what it wrote; else nothing is
- * done, and the line says how much differs. */
+/* undoPath: an undo file in any place, or its copy (undoCopyPath) when a commit was cut off before that got
+ * the name; or "" for the latest one beside the disks. All disks of its run have to be given, in whatever
+ * order. Every sector that the run wrote has to hold what it wrote; else nothing is done, and the line says
+ * how much differs. */
 UndoOutcome undoLatest(JournalFiles& files, std::span<const TransactionDisk> disks,
                        const std::string& undoPath, UndoReport& report, Problem& problem);
 

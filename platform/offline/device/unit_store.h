@@ -30,18 +30,28 @@ struct UnitStore {
     const std::string directory;
 
 private:
-    static constexpr size_t chunkBytes = 1024 * unitSize;
+    struct Free {
+        void operator()(uint8_t* freed) const;
+    };
+    using Chunk = std::unique_ptr<uint8_t[], Free>;
+    static constexpr size_t chunkBytes = 2048 * unitSize; /* what the processor maps at once where it can */
     const size_t inMemory;
-    std::vector<std::unique_ptr<uint8_t[]>> chunks;
+    std::vector<Chunk> chunks;
     int file = -1;
+    static constexpr size_t tailBytes = 256 * unitSize;
+    ByteVector tail;        /* what was written last, and is not in the file yet: */
+    uint64_t tailStart = 0; /* from this offset in it on */
 
     /* Bytes of all slots one after the other: those before the bound are in memory, the others in the file.
      */
     uint64_t bound() const { return inMemory / unitSize * unitSize; }
+    static Chunk newChunk();
     size_t lengthInChunk(uint64_t position, size_t wanted) const;
     uint8_t* inChunk(uint64_t position) const;
     DeviceError openFile();
-    DeviceError writeFile(uint64_t offset, Bytes bytes);
+    DeviceError writeOn(uint64_t offset, Bytes bytes);
+    DeviceError readOn(uint64_t offset, std::span<uint8_t> bytes) const;
+    DeviceError writeFile(uint64_t offset, Bytes bytes) const;
     DeviceError readFile(uint64_t offset, std::span<uint8_t> bytes) const;
 };
 

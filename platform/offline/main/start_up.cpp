@@ -37,21 +37,30 @@ void sayOutcome(const offline::CommitOutcome& outcome) {
         ")");
 }
 
+/* What does not fit a process's status is printed in full; that -1 is 255 everyone knows. */
+void sayInFull(int status) {
+    if (offline::exitStatusOf(status) == status || status == -1) return;
+    fprintf(stderr, "quillet: the run's full exit status is %d (0x%08X)\n", status,
+            static_cast<unsigned>(status));
+}
+
 /* Says why the installation could not be opened, what of it could not be read, and why it could not be closed
- * well; the latter two make a failure of the run. */
+ * well; the latter two make a failure of the run. What is to be done about the disk comes last. */
 int endSystem(int status) {
     const std::string restart = offline::restartAsked();
     offline::Problem closing;
     const NTSTATUS closed = offline::systemClose(status == 0, closing);
+    const NTSTATUS failure = closed < 0 ? closed : offline::systemUnread().status;
+    if (status == 0 && failure < 0) status = static_cast<int>(RtlNtStatusToDosError(failure));
+    sayInFull(status);
     const offline::Problem& opening = offline::systemProblem();
     if (opening.status < 0) say(opening.text);
     const offline::Problem& unread = offline::systemUnread();
     if (unread.status < 0) say(unread.text);
     if (closed < 0) say(closing.text);
-    const NTSTATUS failure = closed < 0 ? closed : unread.status;
     if (failure >= 0 && !restart.empty()) say(restart);
     sayOutcome(offline::systemCommitOutcome());
-    return status != 0 || failure >= 0 ? status : static_cast<int>(RtlNtStatusToDosError(failure));
+    return status;
 }
 
 /* Lines that were lost are reported when everything else is done: no run stops half-way for them. */
@@ -61,16 +70,6 @@ int endStreams(int status) {
     return status != 0 ? status : ERROR_WRITE_FAULT;
 }
 
-/* What does not fit a process's status is printed in full; that -1 is 255 everyone knows. */
-int exitStatus(int status) {
-    const int shown = offline::exitStatusOf(status);
-    if (shown != status && status != -1) {
-        fprintf(stderr, "quillet: the run's full exit status is %d (0x%08X)\n", status,
-                static_cast<unsigned>(status));
-    }
-    return shown;
-}
-
 int run(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN); /* a reader that has gone must not end a run half-way */
     signal(SIGXFSZ, SIG_IGN); /* nor a limit on files' sizes: the write fails, and that is reported */
@@ -78,7 +77,7 @@ int run(int argc, char** argv) {
     offline::Session session;
     offline::systemStart(say);
     const int status = offline::callTool(std::vector<std::string>(argv + std::min(argc, 1), argv + argc));
-    return exitStatus(endStreams(endSystem(status)));
+    return offline::exitStatusOf(endStreams(endSystem(status)));
 }
 
 } /* namespace */

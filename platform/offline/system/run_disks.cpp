@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 
 #include "platform/offline/base/ending_signals.h"
 #include "platform/offline/base/guarded.h"
@@ -14,7 +15,11 @@
 namespace offline {
 namespace {
 
-const char temporaryDirectory[] = "/tmp"; /* of a run that is only planned */
+/* Of a run that is only planned. */
+std::string temporaryDirectory() {
+    const char* const chosen = getenv("TMPDIR");
+    return chosen != nullptr && chosen[0] == '/' ? chosen : "/tmp";
+}
 
 /* Told before the work, not after it. */
 NTSTATUS refuseDirectory(const RunDisk& disk, Problem& problem) {
@@ -87,7 +92,7 @@ NTSTATUS runDisksOpen(const std::vector<std::string>& paths, DiskAccess access, 
 NTSTATUS runDiskOver(RunDisk& bottom, DiskAccess access, DiskPtr& disk, Problem& problem) {
     return guardedRefusing(problem, [&] {
         const std::string directory =
-            access == DiskAccess::readWrite ? bottom.place.directory : temporaryDirectory;
+            access == DiskAccess::readWrite ? bottom.place.directory : temporaryDirectory();
         auto overlay = std::make_unique<Overlay>(*bottom.bottom, directory);
         bottom.overlay = overlay.get();
         const NTSTATUS status = diskOver(std::move(overlay), access, disk);
