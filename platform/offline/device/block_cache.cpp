@@ -237,7 +237,57 @@ NTSTATUS readDirect(BlockCache& cache, uint64_t offset, std::span<uint8_t> bytes
     return readWhole(cache, bytes.data(), done, offset) >= 0 ? STATUS_SUCCESS : readRefused(cache);
 }
 
+/* Calls use(block, unit, its part of the bytes, where that begins in the block) for each unit in the range of
+ * which the cache holds something. */
+template <class Part, class Use>
+void forCachedUnits(BlockCache& cache, uint64_t offset, Part bytes, Use use) {
+    while (!bytes.empty()) {
+        const size_t start = offset % cacheBlockSize;
+        const size_t inBlock = std::min<size_t>(bytes.size(), cacheBlockSize - start);
+        const auto found = cache.blockIndex.find(offset / cacheBlockSize);
+        CacheBlock* const block = found == cache.blockIndex.end() ? nullptr : &cache.blocks[found->second];
+        for (size_t at = start; block != nullptr && at < start + inBlock;) {
+            const size_t unit = at / cacheUnitSize;
+            const size_t end = std::min(start + inBlock, (unit + 1) * cacheUnitSize);
+            use(*block, unit, bytes.subspan(at - start, end - at), at);
+            at = end;
+        }
+        bytes = bytes.subspan(inBlock);
+        offset += inBlock;
+    }
+}
+
+bool isIn(UnitMask mask, size_t unit) {
+    return (mask >> unit & 1) != 0;
+}
+
 } /* namespace */
+
+NTSTATUS cacheReadPast(BlockCache& cache, uint64_t offset, std::span<uint8_t> bytes) {
+    return guarded([&]() -> NTSTATUS {
+        if (!onDevice(cache, offset, bytes.size())) return STATUS_INVALID_PARAMETER;
+        if (const DeviceError error = cache.device.read(offset, bytes)) return deviceStatus(error);
+        forCachedUnits(cache, offset, bytes,
+                       [](const CacheBlock& block, size_t unit, std::span<uint8_t> part, size_t at) {
+                           if (isIn(block.dirty, unit))
+                               std::memcpy(part.data(), block.bytes.get() + at, part.size());
+                       });
+        return STATUS_SUCCESS;
+    });
+}
+
+NTSTATUS cacheWritePast(BlockCache& cache, uint64_t offset, Bytes bytes) {
+    return guarded([&]() -> NTSTATUS {
+        if (!onDevice(cache, offset, bytes.size())) return STATUS_INVALID_PARAMETER;
+        if (const DeviceError error = cache.device.write(offset, bytes)) return writeRefused(cache, error);
+        forCachedUnits(cache, offset, bytes, [](CacheBlock& block, size_t unit, Bytes part, size_t at) {
+            if (!isIn(block.valid, unit)) return;
+            std::memcpy(block.bytes.get() + at, part.data(), part.size());
+            if (part.size() == cacheUnitSize) block.dirty &= static_cast<UnitMask>(~(1u << unit));
+        });
+        return STATUS_SUCCESS;
+    });
+}
 
 NTSTATUS cacheRead(BlockCache& cache, uint64_t offset, std::span<uint8_t> bytes) {
     return guarded([&]() -> NTSTATUS {

@@ -69,6 +69,11 @@ struct BlockCache {
 NTSTATUS cacheRead(BlockCache& cache, uint64_t offset, std::span<uint8_t> bytes);
 NTSTATUS cacheWrite(BlockCache& cache, uint64_t offset, Bytes bytes);
 
+/* The same in one call of the device, past the cache and in agreement with it: for whoever goes through a
+ * long stretch once. What is read so is not missed when the device refuses it. */
+NTSTATUS cacheReadPast(BlockCache& cache, uint64_t offset, std::span<uint8_t> bytes);
+NTSTATUS cacheWritePast(BlockCache& cache, uint64_t offset, Bytes bytes);
+
 /* Everything that was written is on the medium when it succeeds. What the device does not take stays here,
  * and is tried again the next time. Without this nothing is sure to reach the device. */
 NTSTATUS cacheSync(BlockCache& cache);

@@ -100,7 +100,7 @@ NTSTATUS volumeWriteFile(Volume& volume, FileRef file, uint64_t offset, Bytes by
         if (offset > INT64_MAX - bytes.size()) return STATUS_INVALID_PARAMETER;
         NTSTATUS status = beginChange(volume);
         if (status < 0) return status;
-        forgetRecord(volume);
+        forgetRecord(volume, file);
         Inode inode(volume);
         DataPtr data;
         status = openData(inode, file, data);

@@ -21,7 +21,7 @@ bool validName(std::u16string_view name) {
 NTSTATUS openToChange(Inode& inode, FileRef file) {
     NTSTATUS status = beginChange(inode.volume);
     if (status < 0) return status;
-    forgetRecord(inode.volume);
+    forgetRecord(inode.volume, file);
     return inode.open(file);
 }
 
@@ -97,6 +97,7 @@ NTSTATUS volumeLink(Volume& volume, FileRef file, FileRef directory, std::u16str
             return STATUS_ACCESS_DENIED;
         Inode parent(volume), linked(volume);
         NTSTATUS status = openFor(parent, directory, name);
+        if (status >= 0) forgetRecord(volume, file);
         if (status >= 0) status = linked.open(file);
         if (status >= 0 && linked.isDirectory()) status = STATUS_ACCESS_DENIED;
         if (status < 0) return status;

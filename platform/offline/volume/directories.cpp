@@ -44,7 +44,9 @@ void addEntry(Listing& listing, const IndexEntry& entry) {
                        .nameStart = static_cast<uint32_t>(start),
                        .nameLength = static_cast<uint16_t>(name.size()),
                        .directory = (entry.attributes & indexedDirectory) != 0,
-                       .reparse = (entry.attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0});
+                       .reparse = (entry.attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0,
+                       .info = static_cast<uint32_t>(listing.result.infos.size())});
+    listing.result.infos.push_back(entry.info);
 }
 
 /* A short name stands beside a long one. Where that is missing, it is the only one by which the file can be
@@ -161,12 +163,27 @@ NTSTATUS lookUpIn(Volume& volume, Inode& directory, std::u16string_view name, Fi
 NTSTATUS volumeEntryInfo(Volume& volume, FileRef directory, const DirectoryListing& listing,
                          const DirectoryEntry& entry, FileInfo& info) {
     return guarded([&]() -> NTSTATUS {
-        const NTSTATUS status = loadRecord(volume, entry.file);
-        if (status < 0) return status;
-        info = volume.record.info;
-        const bool kindFits = entry.reparse || entry.directory == volume.record.directory;
-        if (!kindFits || !recordNamed(volume, directory, listing.name(entry)))
+        const std::u16string_view name = listing.name(entry);
+        const RecordFacts* const facts = factsOf(volume, entry.file);
+        bool named = facts != nullptr && factsNamed(volume, entry.file, *facts, directory, name);
+        if (named) {
+            const RecordKind& kind = volume.table.kinds[facts->kind];
+            info.attributes = kind.attributes;
+            info.reparseTag = kind.reparseTag;
+        } else {
+            const NTSTATUS status = loadRecord(volume, entry.file);
+            if (status < 0) return status;
+            info = volume.record.info;
+            named = recordNamed(volume, directory, name);
+        }
+        const bool isDirectory = (info.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+        if (!named || (!entry.reparse && entry.directory != isDirectory))
             volumeNoteDamage(volume, entry.file);
+        const EntryInfo& indexed = listing.infos[entry.info];
+        info.size = isDirectory ? 0 : indexed.size;
+        info.created = indexed.created;
+        info.lastWritten = indexed.lastWritten;
+        info.lastAccessed = indexed.lastAccessed;
         return STATUS_SUCCESS;
     });
 }
@@ -199,6 +216,7 @@ NTSTATUS volumeFind(Volume& volume, std::u16string_view path, FileRef& file) {
 NTSTATUS volumeList(Volume& volume, FileRef directory, DirectoryListing& listing) {
     return guarded([&]() -> NTSTATUS {
         listing.entries.clear();
+        listing.infos.clear();
         listing.names.clear();
         Inode inode(volume);
         NTSTATUS status = inode.open(directory);

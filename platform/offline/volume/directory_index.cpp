@@ -18,6 +18,8 @@ constexpr uint8_t innerNode = 1;
 constexpr uint16_t hasSubnode = 1, isEnd = 2;
 
 /* Of the name in an entry, which is kept as in the file's own record. */
+constexpr size_t createdPlace = entryHeader + 8, writtenPlace = entryHeader + 16,
+                 accessedPlace = entryHeader + 32, sizePlace = entryHeader + 48;
 constexpr size_t attributesPlace = entryHeader + 56, lengthPlace = entryHeader + 64,
                  typePlace = entryHeader + 65, namePlace = entryHeader + 66;
 
@@ -105,6 +107,10 @@ bool takeName(Bytes entry, IndexEntry& result) {
     result.file = numberAt<uint64_t>(entry, 0);
     result.attributes = numberAt<uint32_t>(entry, attributesPlace);
     result.nameType = entry[typePlace];
+    result.info = {.size = numberAt<uint64_t>(entry, sizePlace),
+                   .created = numberAt<uint64_t>(entry, createdPlace),
+                   .lastWritten = numberAt<uint64_t>(entry, writtenPlace),
+                   .lastAccessed = numberAt<uint64_t>(entry, accessedPlace)};
     const size_t bytes = entry[lengthPlace] * sizeof(char16_t);
     result.name = checkedSpan(entry, namePlace, bytes);
     return result.name.size() == bytes;

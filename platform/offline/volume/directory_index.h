@@ -13,7 +13,8 @@ struct IndexEntry {
     FileRef file;
     uint32_t attributes; /* FILE_ATTR_ bits of NTFS */
     uint8_t nameType;    /* FILE_NAME_ of NTFS */
-    Bytes name;          /* at most 255 characters, perhaps none; its address need not be even */
+    EntryInfo info;
+    Bytes name; /* at most 255 characters, perhaps none; its address need not be even */
 };
 using VisitIndexEntry = std::function<void(const IndexEntry&)>;
 

@@ -51,6 +51,14 @@ NTSTATUS diskWrite(Disk& disk, uint64_t offset, Bytes bytes) {
     return disk.readOnly ? STATUS_MEDIA_WRITE_PROTECTED : cacheWrite(disk.cache, offset, bytes);
 }
 
+NTSTATUS diskReadPast(Disk& disk, uint64_t offset, std::span<uint8_t> bytes) {
+    return cacheReadPast(disk.cache, offset, bytes);
+}
+
+NTSTATUS diskWritePast(Disk& disk, uint64_t offset, Bytes bytes) {
+    return disk.readOnly ? STATUS_MEDIA_WRITE_PROTECTED : cacheWritePast(disk.cache, offset, bytes);
+}
+
 NTSTATUS diskSync(Disk& disk) {
     return disk.readOnly ? STATUS_SUCCESS : cacheSync(disk.cache);
 }

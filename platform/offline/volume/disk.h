@@ -46,6 +46,11 @@ bool diskWritable(const Disk& disk);
 NTSTATUS diskRead(Disk& disk, uint64_t offset, std::span<uint8_t> bytes);
 NTSTATUS diskWrite(Disk& disk, uint64_t offset, Bytes bytes);
 
+/* The same for a long stretch that is gone through once, in one call of the device. What is read so is no
+ * trouble when the device refuses it. */
+NTSTATUS diskReadPast(Disk& disk, uint64_t offset, std::span<uint8_t> bytes);
+NTSTATUS diskWritePast(Disk& disk, uint64_t offset, Bytes bytes);
+
 /* Everything that was written is on the medium when it returns. */
 NTSTATUS diskSync(Disk& disk);
 

@@ -102,6 +102,92 @@ bool undoUpdateSequence(std::span<uint8_t> record) {
     return true;
 }
 
+/* The reparse tag of a file whose reparse data is not in its first record, if it has any. */
+NTSTATUS readTag(Inode& inode, uint32_t& tag, bool& there) {
+    errno = 0;
+    ntfs3g::ntfs_attr* data = ntfs3g::ntfs_attr_open(inode.inode, ntfs3g::AT_REPARSE_POINT, nullptr, 0);
+    there = data != nullptr;
+    if (!there && errno == ENOENT && !inode.volume.device.failed) return STATUS_SUCCESS;
+    if (!there) return libraryStatus(inode.volume, errno);
+    int64_t done = ntfs3g::ntfs_attr_pread(data, 0, sizeof tag, &tag);
+    const NTSTATUS status = done == sizeof tag ? STATUS_SUCCESS : libraryStatus(inode.volume, errno);
+    ntfs3g::ntfs_attr_close(data);
+    return status;
+}
+
+bool isReparsePoint(const FileRecord& record) {
+    return (record.info.attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+}
+
+/* Without the data that says what it leads to, nothing is a reparse point, whatever the bit says: what lies
+ * below a directory would be out of everyone's reach. */
+void dropReparseBit(FileRecord& record) {
+    record.info.attributes &= ~uint32_t{FILE_ATTRIBUTE_REPARSE_POINT};
+    if (record.info.attributes == 0) record.info.attributes = FILE_ATTRIBUTE_NORMAL;
+}
+
+/* What is kept in further records comes through the library. */
+NTSTATUS complete(Volume& volume, FileRef file, FileRecord& record) {
+    if (tellsAll(record)) return STATUS_SUCCESS;
+    const bool reparse = isReparsePoint(record);
+    Inode inode(volume);
+    NTSTATUS status = inode.open(file);
+    if (status < 0) return status;
+    if (!record.directory) record.info.size = static_cast<uint64_t>(inode.inode->data_size);
+    if (!reparse) return status;
+    bool there = false;
+    status = readTag(inode, record.info.reparseTag, there);
+    if (status >= 0 && !there) dropReparseBit(record);
+    return status;
+}
+
+/* Reads the bytes of a record as they lie on the disk; the library is asked for those that are in pieces. */
+bool readRecord(Volume& volume, uint64_t number) {
+    const auto size = static_cast<int64_t>(volume.recordBytes.size());
+    ntfs3g::ntfs_device* const device = volume.ntfs->dev;
+    uint64_t place = 0, length = 0;
+    if (recordPlace(volume, number, place, length))
+        return device->d_ops->pread(device, volume.recordBytes.data(), size, static_cast<int64_t>(place)) ==
+               size;
+    const auto offset = static_cast<int64_t>(number << volume.ntfs->mft_record_size_bits);
+    return ntfs3g::ntfs_attr_pread(volume.ntfs->mft_na, offset, size, volume.recordBytes.data()) == size;
+}
+
+bool isName(Bytes value, FileRef directory, std::u16string_view wanted) {
+    FileName name;
+    return takeFileName(value, name) && name.text.size() == wanted.size() * sizeof(char16_t) &&
+           recordNumberOf(name.directory) == recordNumberOf(directory) &&
+           std::memcmp(name.text.data(), wanted.data(), name.text.size()) == 0;
+}
+
+} /* namespace */
+
+bool attributeAt(Bytes used, size_t offset, Attribute& attribute) {
+    Bytes rest = checkedSpan(used, offset, used.size() - offset);
+    if (rest.size() < residentHeader) return false;
+    attribute.type = numberAt<uint32_t>(rest, offsetof(ATTR_RECORD, type));
+    uint32_t length = numberAt<uint32_t>(rest, offsetof(ATTR_RECORD, length));
+    attribute.resident = rest[offsetof(ATTR_RECORD, non_resident)] == 0;
+    attribute.named = rest[offsetof(ATTR_RECORD, name_length)] != 0;
+    attribute.header = checkedSpan(rest, 0, length);
+    attribute.value = {};
+    if (length % 8 != 0 || attribute.header.size() < residentHeader) return false;
+    if (!attribute.resident) return length >= nonResidentHeader;
+    uint32_t valueLength = numberAt<uint32_t>(rest, offsetof(ATTR_RECORD, value_length));
+    uint16_t valueOffset = numberAt<uint16_t>(rest, offsetof(ATTR_RECORD, value_offset));
+    attribute.value = checkedSpan(attribute.header, valueOffset, valueLength);
+    return attribute.value.size() == valueLength;
+}
+
+bool takeFileName(Bytes value, FileName& name) {
+    constexpr size_t head = 66, lengthPlace = 64, typePlace = 65; /* bytes */
+    if (value.size() < head) return false;
+    name.directory = numberAt<uint64_t>(value, 0);
+    name.type = value[typePlace];
+    name.text = checkedSpan(value, head, value[lengthPlace] * sizeof(char16_t));
+    return !name.text.empty();
+}
+
 bool parseRecord(std::span<uint8_t> record, FileRef reference, FileRecord& file) {
     file = {};
     file.complete = true;
@@ -127,91 +213,30 @@ bool parseRecord(std::span<uint8_t> record, FileRef reference, FileRecord& file)
     return true;
 }
 
-/* The reparse tag of a file whose reparse data is not in its first record, if it has any. */
-NTSTATUS readTag(Inode& inode, uint32_t& tag, bool& there) {
-    errno = 0;
-    ntfs3g::ntfs_attr* data = ntfs3g::ntfs_attr_open(inode.inode, ntfs3g::AT_REPARSE_POINT, nullptr, 0);
-    there = data != nullptr;
-    if (!there && errno == ENOENT && !inode.volume.device.failed) return STATUS_SUCCESS;
-    if (!there) return libraryStatus(inode.volume, errno);
-    int64_t done = ntfs3g::ntfs_attr_pread(data, 0, sizeof tag, &tag);
-    const NTSTATUS status = done == sizeof tag ? STATUS_SUCCESS : libraryStatus(inode.volume, errno);
-    ntfs3g::ntfs_attr_close(data);
-    return status;
+bool tellsAll(FileRecord& record) {
+    if (!record.complete) return false;
+    if (isReparsePoint(record) && !record.reparseData) dropReparseBit(record);
+    return !(isReparsePoint(record) && record.tagMissing);
 }
 
-/* Without the data that says what it leads to, nothing is a reparse point, whatever the bit says: what lies
- * below a directory would be out of everyone's reach. */
-void dropReparseBit(FileRecord& record) {
-    record.info.attributes &= ~uint32_t{FILE_ATTRIBUTE_REPARSE_POINT};
-    if (record.info.attributes == 0) record.info.attributes = FILE_ATTRIBUTE_NORMAL;
-}
-
-/* What is kept in further records comes through the library. */
-NTSTATUS complete(Volume& volume, FileRef file, FileRecord& record) {
-    bool reparse = (record.info.attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
-    if (record.complete && reparse && !record.reparseData) dropReparseBit(record);
-    if (record.complete && !(reparse && record.tagMissing)) return STATUS_SUCCESS;
-    Inode inode(volume);
-    NTSTATUS status = inode.open(file);
-    if (status < 0) return status;
-    if (!record.directory) record.info.size = static_cast<uint64_t>(inode.inode->data_size);
-    if (!reparse) return status;
-    bool there = false;
-    status = readTag(inode, record.info.reparseTag, there);
-    if (status >= 0 && !there) dropReparseBit(record);
-    return status;
-}
-
-/* Where a record lies on the volume, in bytes; false when it is not in one piece there. */
-bool recordPlace(const Volume& volume, uint64_t offset, int64_t& place) {
+bool recordPlace(const Volume& volume, uint64_t number, uint64_t& place, uint64_t& length) {
     const ntfs3g::ntfs_volume* const ntfs = volume.ntfs;
-    const auto vcn = static_cast<int64_t>(offset >> ntfs->cluster_size_bits);
+    const auto offset = static_cast<int64_t>(number << ntfs->mft_record_size_bits);
+    const int64_t vcn = offset >> ntfs->cluster_size_bits;
     const ntfs3g::runlist_element* const run = ntfs3g::ntfs_attr_find_vcn(ntfs->mft_na, vcn);
     if (run == nullptr || run->lcn < 0 || run->lcn >= ntfs->nr_clusters) return false;
-    const auto within = static_cast<int64_t>(offset) - (run->vcn << ntfs->cluster_size_bits);
-    place = (run->lcn << ntfs->cluster_size_bits) + within;
-    return within + ntfs->mft_record_size <= run->length << ntfs->cluster_size_bits &&
-           static_cast<int64_t>(offset) + ntfs->mft_record_size <= ntfs->mft_na->initialized_size;
+    const int64_t within = offset - (run->vcn << ntfs->cluster_size_bits);
+    const int64_t inRun = (run->length << ntfs->cluster_size_bits) - within;
+    const int64_t all = std::min(inRun, ntfs->mft_na->initialized_size - offset);
+    if (all < ntfs->mft_record_size) return false;
+    place = static_cast<uint64_t>((run->lcn << ntfs->cluster_size_bits) + within);
+    length = static_cast<uint64_t>(all);
+    return true;
 }
 
-/* Reads the bytes of a record as they lie on the disk; the library is asked for those that are in pieces. */
-bool readRecord(Volume& volume, uint64_t number) {
-    const uint64_t offset = number << volume.ntfs->mft_record_size_bits;
-    const auto size = static_cast<int64_t>(volume.recordBytes.size());
-    ntfs3g::ntfs_device* const device = volume.ntfs->dev;
-    int64_t place = 0;
-    if (recordPlace(volume, offset, place))
-        return device->d_ops->pread(device, volume.recordBytes.data(), size, place) == size;
-    return ntfs3g::ntfs_attr_pread(volume.ntfs->mft_na, static_cast<int64_t>(offset), size,
-                                   volume.recordBytes.data()) == size;
-}
-
-bool isName(Bytes value, FileRef directory, std::u16string_view name) {
-    constexpr size_t head = 66, lengthPlace = 64; /* bytes */
-    if (value.size() < head || value[lengthPlace] != name.size()) return false;
-    const Bytes text = checkedSpan(value, head, name.size() * sizeof(char16_t));
-    return recordNumberOf(numberAt<uint64_t>(value, 0)) == recordNumberOf(directory) && !text.empty() &&
-           std::memcmp(text.data(), name.data(), text.size()) == 0;
-}
-
-} /* namespace */
-
-bool attributeAt(Bytes used, size_t offset, Attribute& attribute) {
-    Bytes rest = checkedSpan(used, offset, used.size() - offset);
-    if (rest.size() < residentHeader) return false;
-    attribute.type = numberAt<uint32_t>(rest, offsetof(ATTR_RECORD, type));
-    uint32_t length = numberAt<uint32_t>(rest, offsetof(ATTR_RECORD, length));
-    attribute.resident = rest[offsetof(ATTR_RECORD, non_resident)] == 0;
-    attribute.named = rest[offsetof(ATTR_RECORD, name_length)] != 0;
-    attribute.header = checkedSpan(rest, 0, length);
-    attribute.value = {};
-    if (length % 8 != 0 || attribute.header.size() < residentHeader) return false;
-    if (!attribute.resident) return length >= nonResidentHeader;
-    uint32_t valueLength = numberAt<uint32_t>(rest, offsetof(ATTR_RECORD, value_length));
-    uint16_t valueOffset = numberAt<uint16_t>(rest, offsetof(ATTR_RECORD, value_offset));
-    attribute.value = checkedSpan(attribute.header, valueOffset, valueLength);
-    return attribute.value.size() == valueLength;
+uint64_t recordCount(const Volume& volume) {
+    const int64_t records = volume.ntfs->mft_na->data_size >> volume.ntfs->mft_record_size_bits;
+    return records < 0 ? 0 : static_cast<uint64_t>(records);
 }
 
 NTSTATUS loadRecord(Volume& volume, FileRef file) {
@@ -222,13 +247,14 @@ NTSTATUS loadRecord(Volume& volume, FileRef file) {
         beginCall(volume, file);
         return libraryStatus(volume, 0);
     }
-    forgetRecord(volume);
+    volume.recordNumber = UINT64_MAX;
     beginCall(volume, file);
-    int64_t records = volume.ntfs->mft_na->data_size >> volume.ntfs->mft_record_size_bits;
-    if (records < 0 || number >= static_cast<uint64_t>(records)) return libraryStatus(volume, 0);
+    if (number >= recordCount(volume)) return libraryStatus(volume, 0);
     if (!readRecord(volume, number)) return libraryStatus(volume, errno);
     if (!parseRecord(volume.recordBytes, file, volume.record)) return libraryStatus(volume, 0);
+    ++volume.table.asked;
     NTSTATUS status = complete(volume, file, volume.record);
+    changedId(volume, number, volume.record.securityId);
     if (status >= 0) volume.recordNumber = number;
     return status;
 }
@@ -252,9 +278,10 @@ NTSTATUS writeSecurityId(Volume& volume, uint32_t id) {
     volume.record.securityId = id;
     /* The library may keep a copy of the record from an earlier use, which must not come back. */
     ntfs3g::ntfs_inode_invalidate(volume.ntfs, number);
+    forgetChangedId(volume, number);
     auto* record = reinterpret_cast<MFT_RECORD*>(volume.recordBytes.data());
     if (ntfs3g::ntfs_mft_records_write(volume.ntfs, number, 1, record) == 0) return STATUS_SUCCESS;
-    forgetRecord(volume);
+    volume.recordNumber = UINT64_MAX;
     return changeFailed(volume, libraryStatus(volume, errno));
 }
 

@@ -34,6 +34,7 @@ extern "C" {
 #include <ntfs-3g/logfile.h>
 #include <ntfs-3g/logging.h>
 #include <ntfs-3g/mft.h>
+#include <ntfs-3g/mst.h>
 #include <ntfs-3g/reparse.h>
 #include <ntfs-3g/security.h>
 #include <ntfs-3g/unistr.h>

@@ -14,6 +14,7 @@
 
 #include "platform/offline/base/bytes.h"
 #include "platform/offline/base/guarded.h"
+#include "platform/offline/volume/record_table.h"
 #include "platform/offline/volume/volume.h"
 
 namespace offline {
@@ -65,6 +66,7 @@ struct Volume {
     std::vector<uint8_t> recordBytes;
     uint64_t recordNumber = UINT64_MAX;
     FileRecord record;
+    RecordTable table;
 
     uint64_t lookingAt = 0;            /* MFT record of the file that beginCall named */
     uint64_t lastDamaged = UINT64_MAX; /* that damage was noted of */
@@ -149,12 +151,34 @@ struct Attribute {
  * inside. */
 bool attributeAt(Bytes used, size_t offset, Attribute& attribute);
 
+/* A name of a file, as the value of its attribute has it. */
+struct FileName {
+    FileRef directory = 0;
+    uint8_t type = 0; /* FILE_NAME_ of NTFS */
+    Bytes text;       /* not empty */
+};
+
+/* False when the name does not lie inside, or is empty. */
+bool takeFileName(Bytes value, FileName& name);
+
 /* Fills volume.record with the file's. STATUS_FILE_CORRUPT_ERROR when it is no record of a file in use. */
 NTSTATUS loadRecord(Volume& volume, FileRef file);
 
-inline void forgetRecord(Volume& volume) {
-    volume.recordNumber = UINT64_MAX;
-}
+/* Goes through the attributes of a record with its update sequence, which is undone. False when it is no
+ * record of a file in use, or damaged. A reference without a sequence number leads to any. */
+bool parseRecord(std::span<uint8_t> record, FileRef reference, FileRecord& file);
+
+/* Whether the record tells all of the file; then what it has to be taken for is in it too. */
+bool tellsAll(FileRecord& record);
+
+/* Where records lie on the volume, in bytes from its start, and for how many bytes from there; false when the
+ * first is not in one piece there. */
+bool recordPlace(const Volume& volume, uint64_t number, uint64_t& place, uint64_t& length);
+uint64_t recordCount(const Volume& volume);
+
+/* A file is about to be changed by the library: what is known of it holds no more, but for a security id that
+ * is to be written. */
+void forgetRecord(Volume& volume, FileRef file);
 
 /* Whether the record that is loaded has this name in that directory; one that is not complete is believed,
  * for its names can be in further records. */
@@ -162,6 +186,27 @@ bool recordNamed(const Volume& volume, FileRef directory, std::u16string_view na
 
 /* Writes the security id into the record that is loaded. */
 NTSTATUS writeSecurityId(Volume& volume, uint32_t id);
+
+/* ---- All records at once ---- */
+
+/* What is known of the file without its record; null: the record must be asked. Goes through the whole MFT,
+ * front to back, as soon as that is worth it. May throw std::bad_alloc. */
+RecordFacts* factsOf(Volume& volume, FileRef file);
+
+/* Whether it is known that the file has this name in that directory. */
+bool factsNamed(const Volume& volume, FileRef file, const RecordFacts& facts, FileRef directory,
+                std::u16string_view name);
+
+/* Gives the file another security id, which is written by writeSecurityIds. */
+void changeSecurityId(Volume& volume, FileRef file, RecordFacts& facts, uint32_t id);
+
+/* The id that is still to be written into a record, if there is one; and that it need not be any more. */
+bool changedId(const Volume& volume, uint64_t number, uint32_t& id);
+void forgetChangedId(Volume& volume, uint64_t number);
+
+/* Writes the ids into their records, in the order of the MFT. What could not be written is tried again the
+ * next time. May throw std::bad_alloc. */
+NTSTATUS writeSecurityIds(Volume& volume);
 
 /* ---- Inodes ---- */
 

@@ -95,7 +95,8 @@ bool setIdOfInode(Inode& file, uint32_t id) {
 }
 
 NTSTATUS setIdThroughLibrary(Volume& volume, FileRef file, uint32_t id) {
-    forgetRecord(volume);
+    forgetRecord(volume, file);
+    forgetChangedId(volume, recordNumberOf(file));
     Inode inode(volume);
     NTSTATUS status = inode.open(file);
     if (status < 0) return status;
@@ -119,6 +120,8 @@ NTSTATUS securityIdOf(Volume& volume, Bytes descriptor, uint32_t& id) {
 NTSTATUS volumeDescriptor(Volume& volume, FileRef file, Bytes& descriptor) {
     return guarded([&]() -> NTSTATUS {
         descriptor = {};
+        if (const RecordFacts* const facts = factsOf(volume, file))
+            return descriptorById(volume, facts->securityId, descriptor);
         NTSTATUS status = loadRecord(volume, file);
         if (status < 0) return status;
         if (volume.record.securityId != 0)
@@ -139,9 +142,17 @@ NTSTATUS volumeSetDescriptor(Volume& volume, FileRef file, Bytes descriptor) {
         const bool known = knownId(volume, descriptor, id);
         if (!known && !descriptorValid(descriptor)) return STATUS_INVALID_SECURITY_DESCR;
         NTSTATUS status = beginChange(volume);
-        if (status >= 0) status = loadRecord(volume, file);
-        if (status >= 0 && !known) status = securityIdOf(volume, descriptor, id);
+        RecordFacts* const facts = status >= 0 ? factsOf(volume, file) : nullptr;
+        if (status >= 0 && facts == nullptr) status = loadRecord(volume, file);
+        if (status >= 0 && !known) {
+            beginCall(volume, file);
+            status = securityIdOf(volume, descriptor, id);
+        }
         if (status < 0) return status;
+        if (facts != nullptr) {
+            if (id != facts->securityId) changeSecurityId(volume, file, *facts, id);
+            return STATUS_SUCCESS;
+        }
         if (!goesById(volume.record)) return setIdThroughLibrary(volume, file, id);
         return id == volume.record.securityId ? STATUS_SUCCESS : writeSecurityId(volume, id);
     });

@@ -79,9 +79,16 @@ struct DirectoryEntry {
     uint16_t nameLength; /* characters */
     bool directory;      /* as the index of the directory has it; a reparse point may be one as well */
     bool reparse;
+    uint32_t info; /* into DirectoryListing::infos */
+};
+/* What the index of a directory keeps of a file beside its name; as FileInfo. */
+struct EntryInfo {
+    uint64_t size;
+    uint64_t created, lastWritten, lastAccessed;
 };
 struct DirectoryListing {
     std::vector<DirectoryEntry> entries;
+    std::vector<EntryInfo> infos;
     std::u16string names;
     std::u16string_view name(const DirectoryEntry& entry) const {
         return std::u16string_view(names).substr(entry.nameStart, entry.nameLength);
@@ -93,10 +100,10 @@ struct DirectoryListing {
  * its room reused. */
 NTSTATUS volumeList(Volume& volume, FileRef directory, DirectoryListing& listing);
 
-/* What an entry of the directory's listing leads to. Where its record is of another kind, or has not this
+/* What an entry of the directory's listing leads to: attributes and tag are the file's own, size and times
+ * those that the index has of it, as on the platform. Where its record is of another kind, or has not this
  * name in the directory, another file can't be reached: that is remembered as damage, and the record is as
- * good as any.
- */
+ * good as any. */
 NTSTATUS volumeEntryInfo(Volume& volume, FileRef directory, const DirectoryListing& listing,
                          const DirectoryEntry& entry, FileInfo& info);
 

@@ -146,6 +146,7 @@ NTSTATUS syncMetadata(Volume& volume) {
 } /* namespace */
 
 void VolumeDeleter::operator()(Volume* volume) const {
+    if (volume->ntfs != nullptr) static_cast<void>(guarded([&] { return writeSecurityIds(*volume); }));
     if (volume->ntfs != nullptr) ntfs3g::ntfs_umount(volume->ntfs, libraryTrue);
     delete volume;
 }
@@ -188,9 +189,10 @@ NTSTATUS beginChange(Volume& volume) {
 
 NTSTATUS volumeFlush(Volume& volume) {
     if (!volume.changed) return STATUS_SUCCESS;
+    NTSTATUS status = guarded([&] { return writeSecurityIds(volume); });
     const NTSTATUS written = syncMetadata(volume);
     const NTSTATUS synced = diskSync(*volume.device.disk);
-    const NTSTATUS status = written < 0 ? written : synced;
+    if (status >= 0) status = written < 0 ? written : synced;
     return status < 0 ? changeFailed(volume, status) : status;
 }
 
