@@ -98,7 +98,7 @@ int audit(AuditOptions options) {
     takeSid(options);
     Opened opened;
     Problems problems;
-    openDisks(options.images, opened, problems);
+    openDisks(namedDisks(options.images, options.format), opened, problems);
     readInstallation(opened, problems);
     const std::string sid = options.sid.empty() ? opened.machineSid : options.sid;
     if (sid.empty()) {

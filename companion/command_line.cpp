@@ -107,8 +107,16 @@ const char undoHelp[] =
 
 /* ---- The options of each command ---- */
 
-void declareImages(CLI::App& app, std::vector<std::string>& images) {
-    app.add_option("IMAGE", images, "The machine's disks: image files or block devices")->required();
+template <class Options>
+void declareImages(CLI::App& app, Options& options) {
+    app.add_option("IMAGE", options.images, "The machine's disks: image files, block devices or addresses")
+        ->required();
+    app.add_option(
+           "--format", options.format,
+           "Their format, or one for each with commas between: raw, qcow2, vmdk, vhdx, vhd, vdi or auto "
+           "(what name and contents agree on)")
+        ->envname("QUILLET_FORMAT")
+        ->type_name("FORMAT");
 }
 
 void declare(CLI::App& app, SampleOptions& options) {
@@ -131,24 +139,24 @@ void declare(CLI::App& app, SampleOptions& options) {
 }
 
 void declare(CLI::App& app, InfoOptions& options) {
-    declareImages(app, options.images);
+    declareImages(app, options);
     app.add_flag("--json", options.json, "Print one JSON object");
 }
 
 void declare(CLI::App& app, AuditOptions& options) {
-    declareImages(app, options.images);
+    declareImages(app, options);
     app.add_option("--sid", options.sid, "The SID to look for (the machine's)")->type_name("SID");
     app.add_flag("--all", options.all, "List every place");
     app.add_flag("--json", options.json, "Print one JSON object");
 }
 
 void declare(CLI::App& app, PlanOptions& options) {
-    declareImages(app, options.images);
+    declareImages(app, options);
     app.add_flag("-v,--verbose", options.verbose, "List every place");
 }
 
 void declare(CLI::App& app, RunOptions& options) {
-    declareImages(app, options.images);
+    declareImages(app, options);
     CLI::Option* const file = app.add_option("--undo", options.undoFile, "Where the undo file is kept");
     file->type_name("FILE");
     app.add_flag("--no-undo", options.noUndo, "Keep no undo file")->excludes(file);
@@ -158,7 +166,7 @@ void declare(CLI::App& app, RunOptions& options) {
 }
 
 void declare(CLI::App& app, UndoOptions& options) {
-    declareImages(app, options.images);
+    declareImages(app, options);
     app.add_option("--undo", options.file, "The undo file (the latest one beside the images)")
         ->type_name("FILE");
 }

@@ -23,12 +23,14 @@ int sample(const SampleOptions& options);
 
 struct InfoOptions {
     std::vector<std::string> images;
+    std::string format; /* of the images, as diskNames takes it; "": by their names */
     bool json = false;
 };
 int info(const InfoOptions& options);
 
 struct AuditOptions {
     std::vector<std::string> images; /* the last may be a SID */
+    std::string format;
     std::string sid;
     bool all = false;
     bool json = false;
@@ -37,6 +39,7 @@ int audit(AuditOptions options);
 
 struct RunOptions {
     std::vector<std::string> images;
+    std::string format;
     std::string undoFile; /* empty: beside the first image, under the next free name */
     bool noUndo = false;
     std::string commit = "success";          /* or "always" */
@@ -46,6 +49,7 @@ int run(const RunOptions& options);
 
 struct PlanOptions {
     std::vector<std::string> images;
+    std::string format;
     bool verbose = false;                    /* list every place */
     std::vector<std::string> quilletOptions; /* what stood after "--" */
 };
@@ -53,6 +57,7 @@ int plan(const PlanOptions& options);
 
 struct UndoOptions {
     std::vector<std::string> images;
+    std::string format;
     std::string file; /* empty: the latest beside the images */
 };
 int undo(const UndoOptions& options);

@@ -20,6 +20,11 @@ void printRow(const char* kind, const std::string& text) {
 
 std::string describe(const DiskSeen& disk) {
     std::string text = disk.path + ", " + sizeText(disk.size);
+    const std::vector<offline::ImageFile>& files = disk.chain.files;
+    for (size_t i = 0; i < files.size(); i++) {
+        text += i == 0 ? ", " : " over " + files[i].path + ", ";
+        text += offline::formatName(files[i].format);
+    }
     text += disk.table == offline::PartitionTable::none ? ", no partition table"
                                                         : std::string(", ") + tableName(disk.table);
     return text + (disk.writable ? "" : ", read-only");
@@ -61,6 +66,15 @@ void write(JsonWriter& json, const DiskSeen& disk) {
     json.open('{');
     json.put("path", disk.path);
     json.put("size", disk.size);
+    json.put("format", disk.chain.files.empty() ? "" : offline::formatName(disk.chain.format()));
+    json.open("backing", '[');
+    for (size_t i = 1; i < disk.chain.files.size(); i++) {
+        json.open('{');
+        json.put("path", disk.chain.files[i].path);
+        json.put("format", offline::formatName(disk.chain.files[i].format));
+        json.close('}');
+    }
+    json.close(']');
     json.put("partitionTable", tableName(disk.table));
     json.put("writable", disk.writable);
     json.close('}');
@@ -115,8 +129,9 @@ void printJson(const Sight& sight, bool usable) {
 } /* namespace */
 
 int info(const InfoOptions& options) {
-    Sight sight = survey(options.images);
-    const std::string why = whyRefused(options.images);
+    const std::vector<offline::DiskName> disks = namedDisks(options.images, options.format);
+    Sight sight = survey(disks);
+    const std::string why = whyRefused(disks);
     const bool known = std::find(sight.problems.begin(), sight.problems.end(), why) != sight.problems.end();
     if (!why.empty() && !known) sight.problems.push_back(why);
     const bool usable = why.empty() && !sight.machineSid.empty(); /* that has been reported, too */

@@ -40,11 +40,11 @@ void openVolume(offline::Disk& disk, const offline::Partition& partition, Opened
     opened.found.push_back(found);
 }
 
-void openDisk(const std::string& path, Opened& opened, Problems& problems) {
+void openDisk(const offline::DiskName& name, Opened& opened, Problems& problems) {
     Problem problem;
     offline::DiskPtr disk;
-    NTSTATUS status = offline::diskOpen(path, offline::DiskAccess::readOnly, disk, problem);
-    if (status >= 0) status = offline::refuseCutOff(path, problem);
+    NTSTATUS status = offline::diskOpen(name, offline::DiskAccess::readOnly, disk, problem);
+    if (status >= 0) status = offline::refuseCutOff(name.name, problem);
     if (!good(status, problem, problems)) return;
     opened.installation.disks.push_back(std::move(disk));
     offline::Disk& here = *opened.installation.disks.back();
@@ -197,10 +197,18 @@ Opened::~Opened() {
     offline::installationClose(installation, unsaid);
 }
 
-void openDisks(const std::vector<std::string>& images, Opened& opened, Problems& problems) {
+std::vector<offline::DiskName> namedDisks(const std::vector<std::string>& images,
+                                          const std::string& formats) {
     Problem problem;
-    if (offline::installationDisksOnce(images, problem) < 0) throw Failure{problem.text};
-    for (const std::string& image : images) openDisk(image, opened, problems);
+    std::vector<offline::DiskName> disks;
+    if (offline::diskNames(images, formats, disks, problem) < 0) throw Failure{"--format: " + problem.text};
+    return disks;
+}
+
+void openDisks(const std::vector<offline::DiskName>& disks, Opened& opened, Problems& problems) {
+    Problem problem;
+    if (offline::installationDisksOnce(disks, problem) < 0) throw Failure{problem.text};
+    for (const offline::DiskName& disk : disks) openDisk(disk, opened, problems);
 }
 
 void readInstallation(Opened& opened, Problems& problems) {

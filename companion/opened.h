@@ -71,9 +71,12 @@ struct Opened {
     Opened& operator=(const Opened&) = delete;
 };
 
+/* The disks of these names, in the formats of --format. Throws Failure for what is no format. */
+std::vector<offline::DiskName> namedDisks(const std::vector<std::string>& images, const std::string& formats);
+
 /* Opens what can be opened of the disks and of the volumes on them. Throws Failure when one is named twice.
  */
-void openDisks(const std::vector<std::string>& images, Opened& opened, Problems& problems);
+void openDisks(const std::vector<offline::DiskName>& disks, Opened& opened, Problems& problems);
 
 /* Finds Windows on the volumes that are open, reads the machine's hives, and gives the volumes their letters.
  */

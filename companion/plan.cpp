@@ -99,6 +99,7 @@ int runSilently(const std::vector<std::string>& arguments) {
 
 struct Plan {
     const PlanOptions& options;
+    const std::vector<offline::DiskName> disks = namedDisks(options.images, options.format);
     Audit before = {}, after = {};
     std::vector<std::string> places = {};
     int runStatus = 0;
@@ -111,7 +112,7 @@ struct Plan {
 /* What holds the machine's SID now. */
 void Plan::lookBefore() {
     Opened opened;
-    openDisks(options.images, opened, before.problems);
+    openDisks(disks, opened, before.problems);
     readInstallation(opened, before.problems);
     if (opened.machineSid.empty()) {
         throw Failure{before.problems.empty() ? "no machine SID was found" : before.problems.front()};
@@ -129,7 +130,7 @@ void Plan::lookBefore() {
 void Plan::run() {
     offline::Problem problem;
     if (offline::systemChooseAccess(problem) < 0 ||
-        offline::systemOpen(options.images, offline::DiskAccess::planned, problem) < 0) {
+        offline::systemOpen(disks, offline::DiskAccess::planned, problem) < 0) {
         throw Failure{problem.text};
     }
     runStatus = runSilently(options.quilletOptions);

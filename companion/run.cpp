@@ -9,24 +9,18 @@
 #include "companion/commands.h"
 #include "companion/ending.h"
 #include "companion/formatting.h"
+#include "companion/opened.h"
+#include "platform/offline/system/system.h"
 
 namespace companion {
 namespace {
 
 /* The value of QUILLET_SYSTEM for these disks. */
 std::string systemVariable(const std::vector<std::string>& images) {
-    std::string joined;
     for (const std::string& image : images) {
         if (image.empty()) throw Failure{"the name of a disk is empty; name an image file or a block device"};
-        if (image.find(':') != std::string::npos) {
-            throw Failure{image +
-                          ": the path has a \":\", which separates disks; rename it, or make a link " +
-                          "to it that has none and name that"};
-        }
-        if (!joined.empty()) joined += ':';
-        joined += image;
     }
-    return joined;
+    return offline::systemText(images);
 }
 
 /* The program beside this one, else the one on PATH. */
@@ -54,8 +48,10 @@ void setVariable(const char* name, const std::string& value) {
 
 int run(const RunOptions& options) {
     const std::string system = systemVariable(options.images);
+    static_cast<void>(namedDisks(options.images, options.format)); /* whether it is right */
     const std::string program = quilletProgram();
     setVariable("QUILLET_SYSTEM", system);
+    setVariable("QUILLET_FORMAT", options.format);
     setVariable("QUILLET_COMMIT", options.commit);
     setVariable("QUILLET_UNDO", undoVariable(options));
     std::vector<char*> arguments = {const_cast<char*>("quillet")};

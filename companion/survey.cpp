@@ -1,5 +1,7 @@
 #include "companion/survey.h"
 
+#include <algorithm>
+
 #include "platform/offline/base/unicode.h"
 #include "platform/offline/system/system.h"
 
@@ -14,8 +16,11 @@ offline::PartitionTable tableOf(const offline::Disk& disk, const Opened& opened)
     return offline::PartitionTable::none;
 }
 
-DiskSeen seen(const offline::Disk& disk, const Opened& opened) {
-    return {offline::diskPath(disk), offline::diskSize(disk), tableOf(disk, opened),
+DiskSeen seen(const offline::Disk& disk, offline::DiskFormat said, const Opened& opened) {
+    offline::ImageChain chain;
+    offline::Problem told; /* by its opening */
+    offline::imageChainOf({offline::diskPath(disk), said}, chain, told);
+    return {offline::diskPath(disk), std::move(chain), offline::diskSize(disk), tableOf(disk, opened),
             offline::diskWritable(disk)};
 }
 
@@ -27,12 +32,17 @@ VolumeSeen seen(const FoundVolume& found, const Opened& opened) {
 
 } /* namespace */
 
-Sight survey(const std::vector<std::string>& images) {
+Sight survey(const std::vector<offline::DiskName>& disks) {
     Sight sight;
     Opened opened;
-    openDisks(images, opened, sight.problems);
+    openDisks(disks, opened, sight.problems);
     readInstallation(opened, sight.problems);
-    for (const offline::DiskPtr& disk : opened.installation.disks) sight.disks.push_back(seen(*disk, opened));
+    for (const offline::DiskPtr& disk : opened.installation.disks) {
+        const auto named = std::find_if(disks.begin(), disks.end(), [&](const offline::DiskName& one) {
+            return one.name == offline::diskPath(*disk);
+        });
+        sight.disks.push_back(seen(*disk, named->format, opened));
+    }
     for (const FoundVolume& found : opened.found) sight.volumes.push_back(seen(found, opened));
     for (const OpenedHive& hive : opened.hives) sight.hives.push_back(hive.seen);
     if (opened.letter != 0) {
@@ -47,9 +57,9 @@ Sight survey(const std::vector<std::string>& images) {
     return sight;
 }
 
-std::string whyRefused(const std::vector<std::string>& images) {
+std::string whyRefused(const std::vector<offline::DiskName>& disks) {
     offline::Problem problem, unsaid;
-    const NTSTATUS status = offline::systemOpen(images, offline::DiskAccess::trial, problem);
+    const NTSTATUS status = offline::systemOpen(disks, offline::DiskAccess::trial, problem);
     offline::systemClose(false, unsaid); /* nothing was written */
     return status < 0 ? problem.text : "";
 }

@@ -7,12 +7,14 @@
 #include <vector>
 
 #include "companion/opened.h"
+#include "platform/offline/device/image_chain.h"
 
 namespace companion {
 
 struct DiskSeen {
     std::string path;
-    uint64_t size = 0; /* bytes */
+    offline::ImageChain chain; /* its format, and the files that it builds on */
+    uint64_t size = 0;         /* bytes, as the machine sees it */
     offline::PartitionTable table = offline::PartitionTable::none;
     bool writable = false;
 };
@@ -36,11 +38,11 @@ struct Sight {
 };
 
 /* Throws Failure when a disk is named twice. */
-Sight survey(const std::vector<std::string>& images);
+Sight survey(const std::vector<offline::DiskName>& disks);
 
 /* Whether quillet could start on these disks now: opens them as a run does, and refuses what a run would, but
  * for reading only. Empty, or the line that says why not. */
-std::string whyRefused(const std::vector<std::string>& images);
+std::string whyRefused(const std::vector<offline::DiskName>& disks);
 
 const char* tableName(offline::PartitionTable table);
 const char* stateName(HiveState state);

@@ -4,6 +4,7 @@
 #include "companion/commands.h"
 #include "companion/ending.h"
 #include "companion/formatting.h"
+#include "companion/opened.h"
 #include "platform/offline/base/ending_signals.h"
 #include "platform/offline/base/unicode.h"
 #include "platform/offline/system/run_disks.h"
@@ -36,9 +37,10 @@ int undo(const UndoOptions& options) {
     offline::endingSignalsSay("quillet-offline: ended by a signal; nothing was changed\n");
     offline::UndoReport report;
     offline::Problem problem;
+    const std::vector<offline::DiskName> disks = namedDisks(options.images, options.format);
     const std::string names = namesOf(options.images);
     const std::string file = options.file.empty() ? "" : absolutePath(options.file);
-    switch (offline::undoRun(options.images, file, report, problem)) {
+    switch (offline::undoRun(disks, file, report, problem)) {
         case offline::UndoOutcome::done:
             printDone(names, report);
             return exitDone;

@@ -1,5 +1,7 @@
 #include "platform/offline/device/file_device.h"
 
+#include "platform/offline/device/device_open.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -147,7 +149,7 @@ TEST_F(FileDeviceTest, OneDiskIsKnownByAllItsNames) {
     EXPECT_EQ(disksApart({first.name, second.name}, problem), STATUS_SUCCESS);
     for (const std::vector<std::string>& two :
          std::vector<std::vector<std::string>>{{path("disk"), second.name}, {whole.name, second.name}}) {
-        EXPECT_EQ(disksApart(two, problem), STATUS_INVALID_PARAMETER) << two[0];
+        EXPECT_EQ(disksApart({two[0], two[1]}, problem), STATUS_INVALID_PARAMETER) << two[0];
         EXPECT_EQ(disksApart({two[1], two[0]}, problem), STATUS_INVALID_PARAMETER) << two[0];
         /* as two programs: whoever comes second is refused */
         for (const size_t held : {size_t{0}, size_t{1}}) {

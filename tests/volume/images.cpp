@@ -147,7 +147,7 @@ ByteVector descriptor(uint32_t number, uint16_t control) {
 OpenVolume::OpenVolume(const std::string& path, offline::DiskAccess access) {
     std::vector<offline::Partition> partitions;
     offline::BlockDevicePtr file;
-    if (offline::fileDeviceOpen(path, access, file, problem) < 0) return;
+    if (offline::deviceOpen(path, access, file, problem) < 0) return;
     file = std::make_unique<offline::FaultDevice>(std::move(file), failures);
     if (offline::diskOver(std::move(file), access, disk) < 0) return;
     if (offline::diskPartitions(*disk, partitions, problem) < 0) return;

@@ -18,9 +18,17 @@ using DeviceError = int;
 /* The device ends before the bytes that were asked for: it became shorter since it was opened. */
 constexpr DeviceError deviceShrank = -1;
 
+/* Whoever answers for the device has gone, and with it all that was under way. */
+constexpr DeviceError deviceGone = -2;
+
 struct DeviceRead {
     uint64_t offset = 0;      /* bytes */
     std::span<uint8_t> bytes; /* where they go */
+};
+
+struct DeviceWrite {
+    uint64_t offset = 0; /* bytes */
+    Bytes bytes;
 };
 
 struct BlockDevice {
@@ -42,7 +50,11 @@ struct BlockDevice {
     [[nodiscard]] virtual DeviceError read(uint64_t offset, std::span<uint8_t> bytes) = 0;
     [[nodiscard]] virtual DeviceError write(uint64_t offset, Bytes bytes) = 0;
 
-    /* How many reads are worth having under way at once: 1 where each costs the same alone and in company. */
+    /* Why it refused, for a message. May throw std::bad_alloc. */
+    virtual std::string reason(DeviceError error) const;
+
+    /* How many reads, or writes, are worth having under way at once: 1 where each costs the same alone and in
+     * company. */
     virtual size_t readsAtOnce() const { return 1; }
 
     /* Reads of one moment, in any order; as read, for each. A device that answers them side by side takes
@@ -50,6 +62,15 @@ struct BlockDevice {
     [[nodiscard]] virtual DeviceError readAll(std::span<const DeviceRead> reads) {
         for (const DeviceRead& one : reads) {
             const DeviceError error = read(one.offset, one.bytes);
+            if (error != 0) return error;
+        }
+        return 0;
+    }
+
+    /* Writes of one moment, no two of which overlap, in any order; as write, for each. */
+    [[nodiscard]] virtual DeviceError writeAll(std::span<const DeviceWrite> writes) {
+        for (const DeviceWrite& one : writes) {
+            const DeviceError error = write(one.offset, one.bytes);
             if (error != 0) return error;
         }
         return 0;

@@ -27,7 +27,12 @@ NTSTATUS deviceStatus(DeviceError error) {
 }
 
 std::string deviceErrorText(DeviceError error) {
+    if (error == deviceGone) return "its server has gone";
     return error == deviceShrank ? "it became shorter while it was in use" : std::strerror(error);
+}
+
+std::string BlockDevice::reason(DeviceError error) const {
+    return deviceErrorText(error);
 }
 
 } /* namespace offline */

@@ -106,12 +106,6 @@ NTSTATUS measure(DiskFile& disk, Problem& problem) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS refuseInUse(const std::string& path, Problem& problem) {
-    return refuse(
-        problem, STATUS_SHARING_VIOLATION,
-        path + ": another program is using it; end that program or virtual machine, then try again");
-}
-
 /* The lock belongs to this opening of the file, so that it holds within the process too and falls with the
  * file. */
 NTSTATUS lockPart(const DiskFile& disk, DiskAccess access, int file, struct flock lock, Problem& problem) {
@@ -174,13 +168,23 @@ NTSTATUS refuseBeyondLimit(const DiskFile& disk, DiskAccess access, Problem& pro
 NTSTATUS refuseReadOnly(const DiskFile& disk, DiskAccess access, Problem& problem) {
     if (access == DiskAccess::readOnly) return STATUS_SUCCESS;
     if (access == DiskAccess::trial ? diskFileWritable(disk) : !disk.readOnly) return STATUS_SUCCESS;
-    return refuse(problem, STATUS_MEDIA_WRITE_PROTECTED,
-                  disk.path +
-                      ": it can only be read; make it writable, or work on a copy that is (a dry run, "
-                      "too, writes the server GUID)");
+    return refuseOnlyReadable(disk.path, problem);
 }
 
 } /* namespace */
+
+NTSTATUS refuseInUse(const std::string& disk, Problem& problem) {
+    return refuse(
+        problem, STATUS_SHARING_VIOLATION,
+        disk + ": another program is using it; end that program or virtual machine, then try again");
+}
+
+NTSTATUS refuseOnlyReadable(const std::string& disk, Problem& problem) {
+    return refuse(problem, STATUS_MEDIA_WRITE_PROTECTED,
+                  disk +
+                      ": it can only be read; make it writable, or work on a copy that is (a dry run, "
+                      "too, writes the server GUID)");
+}
 
 DiskFile::~DiskFile() {
     if (file >= 0) close(file);

@@ -32,6 +32,10 @@ NTSTATUS diskFileOpen(const std::string& path, DiskAccess access, DiskFile& disk
 /* Whether readWrite would open it for writing, however this was opened. */
 bool diskFileWritable(const DiskFile& disk);
 
+/* Refusals that other kinds of disks have in common with this one. */
+NTSTATUS refuseInUse(const std::string& disk, Problem& problem);
+NTSTATUS refuseOnlyReadable(const std::string& disk, Problem& problem);
+
 } /* namespace offline */
 
 #endif

@@ -12,7 +12,6 @@
 
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/device/disk_file.h"
-#include "platform/offline/device/disk_place.h"
 
 namespace offline {
 namespace {
@@ -128,26 +127,6 @@ NTSTATUS fileDeviceOpen(const std::string& path, DiskAccess access, BlockDeviceP
         const NTSTATUS status = diskFileOpen(path, access, opened->disk, problem);
         if (status >= 0) device = std::move(opened);
         return status;
-    });
-}
-
-NTSTATUS disksApart(const std::vector<std::string>& paths, Problem& problem) {
-    return guarded([&]() -> NTSTATUS {
-        std::vector<std::pair<std::string, DiskPlace>> seen;
-        for (const std::string& path : paths) {
-            struct stat info = {};
-            if (stat(path.c_str(), &info) != 0) continue;
-            DiskPlace place = diskPlaceOf(info);
-            for (const auto& [other, otherPlace] : seen) {
-                if (!placesOverlap(place, otherPlace)) continue;
-                std::string text = path;
-                text.append(": it is the same disk as ").append(other);
-                return refuse(problem, STATUS_INVALID_PARAMETER,
-                              text.append(", or a part of it; name each disk once"));
-            }
-            seen.emplace_back(path, std::move(place));
-        }
-        return STATUS_SUCCESS;
     });
 }
 

@@ -1,9 +1,8 @@
-/* The device at the bottom of a disk: an image file or a block device of the system. */
+/* An image file or a block device of the system, as it is. Private to this room: see deviceOpen. */
 #ifndef QUILLET_OFFLINE_DEVICE_FILE_DEVICE_H
 #define QUILLET_OFFLINE_DEVICE_FILE_DEVICE_H
 
 #include <string>
-#include <vector>
 
 #include "platform/offline/base/problem.h"
 #include "platform/offline/device/block_device.h"
@@ -18,10 +17,6 @@ namespace offline {
  * Its size is what it was when it was opened. A file that has become shorter is neither read as zeros nor
  * made longer again: deviceShrank. */
 NTSTATUS fileDeviceOpen(const std::string& path, DiskAccess access, BlockDevicePtr& device, Problem& problem);
-
-/* Refuses two paths that lead to the same bytes: links, bind mounts, a loop device and its file. What can't
- * be found out is left to fileDeviceOpen. */
-NTSTATUS disksApart(const std::vector<std::string>& paths, Problem& problem);
 
 } /* namespace offline */
 

@@ -9,6 +9,7 @@
 
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/device/device_error.h"
+#include "platform/offline/device/disk_name.h"
 
 namespace offline {
 namespace {
@@ -89,17 +90,18 @@ std::string undoPath(const JournalPlace& place, uint32_t number) {
 
 } /* namespace */
 
-NTSTATUS journalPlaceOf(const std::string& diskPath, JournalPlace& place, Problem& problem) {
+NTSTATUS journalPlaceOf(const std::string& disk, JournalPlace& place, Problem& problem) {
     return guardedRefusing(problem, [&]() -> NTSTATUS {
         place = {};
-        const std::string real = realPath(diskPath);
+        const bool isFile = kindOfName(disk) == NameKind::file;
+        const std::string real = isFile ? realPath(disk) : "";
         struct stat info = {};
         if (!real.empty() && stat(real.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
             place.directory = directoryOf(real);
             place.name = real.substr(real.rfind('/') + 1);
             return STATUS_SUCCESS;
         }
-        place.name = escaped(real.empty() ? diskPath : real);
+        place.name = escaped(real.empty() ? disk : real);
         return stateDirectory(place, problem);
     });
 }

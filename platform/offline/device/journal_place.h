@@ -19,7 +19,7 @@ struct JournalPlace {
 };
 
 /* Makes nothing. */
-NTSTATUS journalPlaceOf(const std::string& diskPath, JournalPlace& place, Problem& problem);
+NTSTATUS journalPlaceOf(const std::string& disk, JournalPlace& place, Problem& problem);
 
 /* Before the first file in it is made: makes the directory, for its owner only, where it is ours to make. */
 NTSTATUS makeJournalDirectory(const JournalPlace& place, Problem& problem);

@@ -9,6 +9,7 @@ namespace {
 
 const char accessVariable[] = "QUILLET_ACCESS";
 const char systemVariable[] = "QUILLET_SYSTEM";
+const char formatVariable[] = "QUILLET_FORMAT";
 const char commitVariable[] = "QUILLET_COMMIT";
 const char undoVariable[] = "QUILLET_UNDO";
 
@@ -59,10 +60,17 @@ NTSTATUS commitWish(CommitWish& wish, Problem& problem) {
                       "); name it by its whole path");
 }
 
-NTSTATUS disksWish(std::vector<std::string>& disks, Problem& problem) {
+NTSTATUS disksWish(std::vector<DiskName>& disks, Problem& problem) {
     const char* const text = getenv(systemVariable);
-    disks = systemDisks(text == nullptr ? "" : text);
-    if (!disks.empty()) return STATUS_SUCCESS;
+    const char* const formats = getenv(formatVariable);
+    const std::vector<std::string> names = systemDisks(text == nullptr ? "" : text);
+    for (size_t i = 1; i < names.size(); ++i) {
+        const std::string joined = names[i - 1] + ":" + names[i];
+        if (kindOfName(joined) == NameKind::file) continue;
+        return refuse(problem, STATUS_OBJECT_NAME_INVALID,
+                      joined + ": in QUILLET_SYSTEM \":\" separates disks; write \"\\:\" in an address");
+    }
+    if (!names.empty()) return diskNames(names, formats == nullptr ? "" : formats, disks, problem);
     const bool set = text != nullptr && *text != 0;
     return refuse(problem, STATUS_OBJECT_NAME_NOT_FOUND,
                   std::string("QUILLET_SYSTEM ") + (set ? "names no disk" : "is not set") +
@@ -71,12 +79,30 @@ NTSTATUS disksWish(std::vector<std::string>& disks, Problem& problem) {
 
 std::vector<std::string> systemDisks(std::string_view text) {
     std::vector<std::string> disks;
-    while (!text.empty()) {
-        const size_t end = std::min(text.find(':'), text.size());
-        if (end > 0) disks.emplace_back(text.substr(0, end));
-        text.remove_prefix(std::min(end + 1, text.size()));
+    std::string disk;
+    for (size_t at = 0; at <= text.size(); ++at) {
+        const bool escape =
+            at + 1 < text.size() && text[at] == '\\' && (text[at + 1] == ':' || text[at + 1] == '\\');
+        if (at < text.size() && (escape || text[at] != ':')) {
+            disk += text[escape ? ++at : at];
+        } else if (!disk.empty()) {
+            disks.push_back(std::move(disk));
+            disk.clear();
+        }
     }
     return disks;
+}
+
+std::string systemText(const std::vector<std::string>& disks) {
+    std::string text;
+    for (const std::string& disk : disks) {
+        if (!text.empty()) text += ':';
+        for (const char character : disk) {
+            if (character == ':' || character == '\\') text += '\\';
+            text += character;
+        }
+    }
+    return text;
 }
 
 } /* namespace offline */

@@ -17,8 +17,8 @@ NTSTATUS accessWish(AccessMode& mode, Problem& problem);
 /* QUILLET_COMMIT and QUILLET_UNDO. An undo file that can't be made there is refused. */
 NTSTATUS commitWish(CommitWish& wish, Problem& problem);
 
-/* QUILLET_SYSTEM, at least one disk. */
-NTSTATUS disksWish(std::vector<std::string>& disks, Problem& problem);
+/* QUILLET_SYSTEM, at least one disk, and QUILLET_FORMAT. */
+NTSTATUS disksWish(std::vector<DiskName>& disks, Problem& problem);
 
 } /* namespace offline */
 

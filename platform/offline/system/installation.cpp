@@ -55,21 +55,23 @@ std::string diskNames(const Installation& installation) {
 
 } /* namespace */
 
-NTSTATUS installationDisksOnce(const std::vector<std::string>& paths, Problem& problem) {
-    for (auto path = paths.begin(); path != paths.end(); ++path) {
-        if (std::find(paths.begin(), path, *path) == path) continue;
-        return refuse(problem, STATUS_INVALID_PARAMETER, *path + ": is named twice; name each disk once");
+NTSTATUS installationDisksOnce(const std::vector<DiskName>& names, Problem& problem) {
+    for (auto disk = names.begin(); disk != names.end(); ++disk) {
+        const auto same = [&](const DiskName& other) { return other.name == disk->name; };
+        if (std::find_if(names.begin(), disk, same) == disk) continue;
+        return refuse(problem, STATUS_INVALID_PARAMETER,
+                      disk->name + ": is named twice; name each disk once");
     }
-    return disksApart(paths, problem);
+    return disksApart(names, problem);
 }
 
-NTSTATUS installationOpenDisks(const std::vector<std::string>& paths, DiskAccess access,
+NTSTATUS installationOpenDisks(const std::vector<DiskName>& names, DiskAccess access,
                                Installation& installation, std::vector<std::string>& notices,
                                Problem& problem) {
     return guardedRefusing(problem, [&]() -> NTSTATUS {
-        NTSTATUS status = installationDisksOnce(paths, problem);
-        if (status >= 0) status = runDisksOpen(paths, access, installation.bottoms, notices, problem);
-        for (size_t i = 0; i < paths.size() && status >= 0; i++) {
+        NTSTATUS status = installationDisksOnce(names, problem);
+        if (status >= 0) status = runDisksOpen(names, access, installation.bottoms, notices, problem);
+        for (size_t i = 0; i < names.size() && status >= 0; i++) {
             DiskPtr disk;
             status = runDiskOver(installation.bottoms[i], access, disk, problem);
             if (status >= 0) status = installationAddDisk(std::move(disk), installation, problem);

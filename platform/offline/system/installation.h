@@ -30,12 +30,12 @@ struct Installation {
 
 /* Refuses a disk that is named twice, in whatever words: what lies on a disk is known again by its path, and
  * whoever changed it twice at once would destroy it. */
-NTSTATUS installationDisksOnce(const std::vector<std::string>& paths, Problem& problem);
+NTSTATUS installationDisksOnce(const std::vector<DiskName>& names, Problem& problem);
 
 /* Opens the disks, each named once, and every NTFS volume on them, each there once. For readWrite and planned
  * changes stay in overlays; nothing else is written but what puts a commit right that was cut off (a line in
  * notices). */
-NTSTATUS installationOpenDisks(const std::vector<std::string>& paths, DiskAccess access,
+NTSTATUS installationOpenDisks(const std::vector<DiskName>& names, DiskAccess access,
                                Installation& installation, std::vector<std::string>& notices,
                                Problem& problem);
 

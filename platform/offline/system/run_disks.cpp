@@ -8,7 +8,7 @@
 #include "platform/offline/base/ending_signals.h"
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/device/device_error.h"
-#include "platform/offline/device/file_device.h"
+#include "platform/offline/device/device_open.h"
 #include "platform/offline/device/recovery.h"
 #include "platform/offline/system/installation.h"
 
@@ -30,10 +30,11 @@ NTSTATUS refuseDirectory(const RunDisk& disk, Problem& problem) {
                       deviceErrorText(errno) + "); nothing is changed without one");
 }
 
-NTSTATUS openBottom(const std::string& path, DiskAccess access, RunDisk& disk, Problem& problem) {
+NTSTATUS openBottom(const DiskName& name, DiskAccess access, RunDisk& disk, Problem& problem) {
     const DiskAccess ofDevice = access == DiskAccess::planned ? DiskAccess::readOnly : access;
-    NTSTATUS status = fileDeviceOpen(path, ofDevice, disk.bottom, problem);
-    if (status >= 0) status = journalPlaceOf(path, disk.place, problem);
+    disk.name = name;
+    NTSTATUS status = deviceOpen(name, ofDevice, disk.bottom, problem);
+    if (status >= 0) status = journalPlaceOf(name.name, disk.place, problem);
     if (status >= 0 && access == DiskAccess::readWrite) status = refuseDirectory(disk, problem);
     return status;
 }
@@ -76,13 +77,13 @@ NTSTATUS refuseCutOff(const std::string& path, Problem& problem) {
     });
 }
 
-NTSTATUS runDisksOpen(const std::vector<std::string>& paths, DiskAccess access, std::vector<RunDisk>& disks,
+NTSTATUS runDisksOpen(const std::vector<DiskName>& names, DiskAccess access, std::vector<RunDisk>& disks,
                       std::vector<std::string>& notices, Problem& problem) {
     return guardedRefusing(problem, [&]() -> NTSTATUS {
-        disks.resize(paths.size());
-        for (size_t i = 0; i < paths.size(); i++) {
-            NTSTATUS status = openBottom(paths[i], access, disks[i], problem);
-            if (status >= 0 && access != DiskAccess::readWrite) status = refuseCutOff(paths[i], problem);
+        disks.resize(names.size());
+        for (size_t i = 0; i < names.size(); i++) {
+            NTSTATUS status = openBottom(names[i], access, disks[i], problem);
+            if (status >= 0 && access != DiskAccess::readWrite) status = refuseCutOff(names[i].name, problem);
             if (status < 0) return status;
         }
         return access == DiskAccess::readWrite ? recover(disks, notices, problem) : STATUS_SUCCESS;
@@ -122,13 +123,13 @@ NTSTATUS runDisksCommit(std::vector<RunDisk>& disks, const UndoChoice& undo, Com
     });
 }
 
-UndoOutcome undoRun(const std::vector<std::string>& paths, const std::string& undoPath, UndoReport& report,
+UndoOutcome undoRun(const std::vector<DiskName>& names, const std::string& undoPath, UndoReport& report,
                     Problem& problem) {
     return guardedOr(UndoOutcome::refused, [&] {
-        if (installationDisksOnce(paths, problem) < 0) return UndoOutcome::refused;
-        std::vector<RunDisk> disks(paths.size());
-        for (size_t i = 0; i < paths.size(); i++) {
-            if (openBottom(paths[i], DiskAccess::readWrite, disks[i], problem) < 0)
+        if (installationDisksOnce(names, problem) < 0) return UndoOutcome::refused;
+        std::vector<RunDisk> disks(names.size());
+        for (size_t i = 0; i < names.size(); i++) {
+            if (openBottom(names[i], DiskAccess::readWrite, disks[i], problem) < 0)
                 return UndoOutcome::refused;
         }
         endingSignalsHold();

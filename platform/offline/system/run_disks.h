@@ -8,6 +8,7 @@
 
 #include "platform/offline/base/problem.h"
 #include "platform/offline/device/disk_access.h"
+#include "platform/offline/device/disk_name.h"
 #include "platform/offline/device/transaction.h"
 #include "platform/offline/device/undo.h"
 #include "platform/offline/volume/disk.h"
@@ -15,6 +16,7 @@
 namespace offline {
 
 struct RunDisk {
+    DiskName name;         /* as the user gave it */
     BlockDevicePtr bottom; /* outlives the disk over it */
     JournalPlace place;
     Overlay* overlay = nullptr; /* belongs to the disk; null before there is one */
@@ -26,7 +28,7 @@ NTSTATUS refuseCutOff(const std::string& path, Problem& problem);
 
 /* Opens the devices; for readWrite puts a commit that was cut off right, one line of notices for each
  * journal, and for the others refuses it. */
-NTSTATUS runDisksOpen(const std::vector<std::string>& paths, DiskAccess access, std::vector<RunDisk>& disks,
+NTSTATUS runDisksOpen(const std::vector<DiskName>& names, DiskAccess access, std::vector<RunDisk>& disks,
                       std::vector<std::string>& notices, Problem& problem);
 
 /* The disk over one of them. Changes to it stay in its overlay. */
@@ -39,7 +41,7 @@ NTSTATUS runDisksCommit(std::vector<RunDisk>& disks, const UndoChoice& undo, Com
 
 /* Opens the disks and takes the latest run on them back, as undoLatest; signals that ask to end wait from
  * there to the end of the process, so that what was done is told. */
-UndoOutcome undoRun(const std::vector<std::string>& paths, const std::string& undoPath, UndoReport& report,
+UndoOutcome undoRun(const std::vector<DiskName>& names, const std::string& undoPath, UndoReport& report,
                     Problem& problem);
 
 } /* namespace offline */

@@ -15,7 +15,7 @@ namespace {
 
 NTSTATUS openByVariables(Problem& problem) {
     AccessMode chosen; /* by systemStart, before the token was used */
-    std::vector<std::string> disks;
+    std::vector<DiskName> disks;
     NTSTATUS status = accessWish(chosen, problem);
     if (status >= 0) status = commitWish(systemState().commitWish, problem);
     if (status >= 0) status = disksWish(disks, problem);
@@ -28,9 +28,9 @@ NTSTATUS openFromEnvironment() {
     return guardedRefusing(problem, [&] { return openByVariables(problem); });
 }
 
-NTSTATUS openParts(const std::vector<std::string>& paths, DiskAccess access, Problem& problem) {
+NTSTATUS openParts(const std::vector<DiskName>& names, DiskAccess access, Problem& problem) {
     std::vector<std::string> notices;
-    NTSTATUS status = installationOpenDisks(paths, access, *systemState().installation, notices, problem);
+    NTSTATUS status = installationOpenDisks(names, access, *systemState().installation, notices, problem);
     if (systemState().notice != nullptr) std::for_each(notices.begin(), notices.end(), systemState().notice);
     if (status >= 0) status = installationFindWindows(*systemState().installation, problem);
     if (status >= 0) status = machineHivesMount(*systemState().installation, problem);
@@ -69,10 +69,10 @@ void systemStart(void (*notice)(const std::string& line)) {
     setSystemOpener(openFromEnvironment);
 }
 
-NTSTATUS systemOpen(const std::vector<std::string>& paths, DiskAccess access, Problem& problem) {
+NTSTATUS systemOpen(const std::vector<DiskName>& names, DiskAccess access, Problem& problem) {
     const NTSTATUS status = guardedRefusing(problem, [&] {
         systemState().installation.emplace();
-        return openParts(paths, access, problem);
+        return openParts(names, access, problem);
     });
     if (status < 0) abandonOpening();
     return status;

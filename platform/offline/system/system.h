@@ -31,7 +31,7 @@ void systemStart(void (*notice)(const std::string& line));
 
 /* Opens an installation for the platform's calls. What has to be refused is refused here, before a byte is
  * written; a trial says whether a run could start. */
-NTSTATUS systemOpen(const std::vector<std::string>& paths, DiskAccess access, Problem& problem);
+NTSTATUS systemOpen(const std::vector<DiskName>& names, DiskAccess access, Problem& problem);
 
 /* Saves the hives, and gives the installation away as the run left it: its volumes are open, nothing is
  * committed, and nothing will be. The problem names the hives that could not be written. */
@@ -66,8 +66,12 @@ const Problem& systemProblem();
 /* The installation that is open, or null. */
 Installation* systemInstallation();
 
-/* The disks of a QUILLET_SYSTEM text, separated by ":". */
+/* The disks of a QUILLET_SYSTEM text, separated by ":"; "\:" is a colon of a name, "\\" a backslash, and a
+ * backslash before anything else stands for itself. */
 std::vector<std::string> systemDisks(std::string_view text);
+
+/* The text for these disks, none of whose names is empty. */
+std::string systemText(const std::vector<std::string>& disks);
 
 } /* namespace offline */
 

@@ -77,9 +77,14 @@ std::string quoted(const std::string& text) {
 std::string takeBackCommand(const Installation& installation, const UndoChoice& undo,
                             const CommitReport& report) {
     if (report.undoPath.empty()) return {};
+    std::vector<DiskName> disks;
+    for (const RunDisk& disk : installation.bottoms) disks.push_back(disk.name);
     std::string command = "quillet-offline undo";
+    if (const std::string formats = formatsOf(disks); !formats.empty()) command += " --format " + formats;
     if (!undo.path.empty()) command += " --undo " + quoted(report.undoPath);
-    for (const RunDisk& disk : installation.bottoms) command += " " + quoted(disk.bottom->name());
+    for (const DiskName& disk : disks) {
+        command += " " + quoted(disk.name.starts_with('-') ? "./" + disk.name : disk.name);
+    }
     return command;
 }
 

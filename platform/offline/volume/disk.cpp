@@ -10,10 +10,10 @@ void DiskDeleter::operator()(Disk* disk) const {
     delete disk;
 }
 
-NTSTATUS diskOpen(const std::string& path, DiskAccess access, DiskPtr& disk, Problem& problem) {
+NTSTATUS diskOpen(const DiskName& name, DiskAccess access, DiskPtr& disk, Problem& problem) {
     disk.reset();
     BlockDevicePtr device;
-    const NTSTATUS status = fileDeviceOpen(path, access, device, problem);
+    const NTSTATUS status = deviceOpen(name, access, device, problem);
     return status < 0 ? status : diskOver(std::move(device), access, disk);
 }
 

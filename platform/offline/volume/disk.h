@@ -11,7 +11,7 @@
 
 #include "platform/offline/base/bytes.h"
 #include "platform/offline/base/problem.h"
-#include "platform/offline/device/file_device.h"
+#include "platform/offline/device/device_open.h"
 #include "platform/offline/device/journal_format.h"
 
 namespace offline {
@@ -23,9 +23,8 @@ struct DiskDeleter {
 };
 using DiskPtr = std::unique_ptr<Disk, DiskDeleter>;
 
-/* Opens the file or device of this name, and locks it as long as the disk is open; see fileDeviceOpen for
- * what is refused. */
-NTSTATUS diskOpen(const std::string& path, DiskAccess access, DiskPtr& disk, Problem& problem);
+/* Opens the disk of this name, and locks it as long as it is open; see deviceOpen for what is refused. */
+NTSTATUS diskOpen(const DiskName& name, DiskAccess access, DiskPtr& disk, Problem& problem);
 
 /* The disk that a device, or a stack of them, is. The disk owns the device; whoever made it may look at it
  * as long as the disk is open, and finds in it what was written before the last diskSync. It is written to

@@ -163,9 +163,11 @@ NTSTATUS findVolumes(Search& search) {
     if (status < 0) return status;
     Contents contents = recogniseContents(head.bytes());
     if (contents.kind == ContentsKind::container) {
-        return refuse(search.problem, STATUS_NOT_SUPPORTED,
-                      diskPath(search.disk) + ": it is a " + contents.name +
-                          " image; convert it to a raw one (qemu-img convert -O raw)");
+        return refuse(
+            search.problem, STATUS_NOT_SUPPORTED,
+            diskPath(search.disk) + ": it is a " + contents.name +
+                " image; name its format (--format, QUILLET_FORMAT), or convert it to a raw one (qemu-img "
+                "convert -O raw)");
     }
     bool table = false;
     /* What another file system left outside the first sector doesn't hide a table that was written since. */
