@@ -4,6 +4,7 @@
 #include "companion/commands.h"
 #include "companion/ending.h"
 #include "companion/formatting.h"
+#include "companion/results.h"
 #include "platform/offline/base/ending_signals.h"
 #include "platform/offline/base/unicode.h"
 #include "platform/offline/system/run_disks.h"
@@ -32,7 +33,8 @@ void printDone(const std::string& names, const offline::UndoReport& report) {
 
 } /* namespace */
 
-int undo(const UndoOptions& options) {
+int undo(const UndoOptions& options, Results& results) {
+    results.images = options.images;
     offline::endingSignalsSay("quillet-offline: ended by a signal; nothing was changed\n");
     offline::UndoReport report;
     offline::Problem problem;
@@ -40,9 +42,15 @@ int undo(const UndoOptions& options) {
     const std::string file = options.file.empty() ? "" : absolutePath(options.file);
     switch (offline::undoRun(options.images, file, report, problem)) {
         case offline::UndoOutcome::done:
-            printDone(names, report);
+            results.takenBack =
+                TakenBack{report.bytes, report.stretches, report.undoPath, report.recovery.takenBack};
+            if (!options.json) printDone(names, report);
+            results.finished = true;
             return exitDone;
         case offline::UndoOutcome::nothing:
+            results.takenBack = TakenBack{};
+            results.finished = true;
+            if (options.json) return exitNothing;
             printf("%s: there is no undo file%s; nothing was changed\n", names.c_str(),
                    file.empty() ? " beside it" : " of that name");
             return exitNothing;

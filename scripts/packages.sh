@@ -1,7 +1,7 @@
 # Sourced by the scripts beside it: installs what is missing of the packages named, on Debian and Ubuntu.
 
 build_packages="g++ cmake ninja-build ntfs-3g ntfs-3g-dev libcli11-dev zlib1g-dev libxxhash-dev libzstd-dev"
-test_packages="$build_packages libgtest-dev g++-mingw-w64-x86-64 clang-format clang-tidy python3 xz-utils dosfstools
+test_packages="$build_packages libgtest-dev g++-mingw-w64-x86-64 clang-format clang-tidy python3 python3-jsonschema xz-utils dosfstools
     libhivex-bin sleuthkit wine wine64"
 bench_packages="$build_packages libbenchmark-dev python3 libhivex-bin xz-utils"
 
