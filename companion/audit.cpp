@@ -1,14 +1,9 @@
 /* audit: where a machine's SID stands in an installation. */
-#include "companion/audit.h"
-
 #include <cstdio>
-#include <optional>
 
 #include "companion/audit_words.h"
 #include "companion/commands.h"
 #include "companion/ending.h"
-#include "companion/formatting.h"
-#include "companion/json.h"
 #include "companion/machine.h"
 #include "platform/offline/descriptor/sid_format.h"
 
@@ -19,51 +14,21 @@ constexpr int exitFound = 1;
 
 /* ---- For a person ---- */
 
-void printFinding(const Finding& finding) {
-    printf("%s\n", findingLine(finding, "treated", "left   ").c_str());
+std::string conclusion(const Results& results) {
+    const uint64_t treated = sum(results.counts->remaining);
+    std::string text = results.unseen.empty() ? "" : "not everything could be looked at; in the rest ";
+    if (treated == 0) return text + "nothing that quillet treats holds " + results.oldSid;
+    return text + placesText(treated) + " that quillet treats " + (treated == 1 ? "holds " : "hold ") +
+           results.oldSid;
 }
 
-std::string conclusion(const Audit& audit, const std::string& sid) {
-    const uint64_t treated = sum(audit.treated);
-    std::string text = audit.problems.empty() ? "" : "not everything could be looked at; in the rest ";
-    if (treated == 0) return text + "nothing that quillet treats holds " + sid;
-    text += std::to_string(treated);
-    return text + (treated == 1 ? " place that quillet treats holds " : " places that quillet treats hold ") +
-           sid;
-}
-
-void print(const Audit& audit, const std::string& sid) {
-    printCounts(audit, "treated", "left alone");
-    printf("\n%s\n", conclusion(audit, sid).c_str());
-}
-
-/* ---- For programs ---- */
-
-void write(JsonWriter& json, const Finding& finding) {
-    json.open('{');
-    json.put("kind", wordsOf(finding.kind).name);
-    json.put("treated", !finding.left);
-    if (finding.left) json.put("reason", wordsOf(*finding.left).name);
-    json.put("path", finding.path);
-    if (finding.kind == Kind::value) json.put("value", finding.value);
-    json.close('}');
-}
-
-void write(JsonWriter& json, const Audit& audit) {
-    json.put("treated", sum(audit.treated));
-    json.put("leftAlone", sum(audit.left));
-    for (size_t i = 0; i < kindCount; i++) {
-        json.open(wordsOf(static_cast<Kind>(i)).name, '{');
-        json.put("treated", audit.treated[i]);
-        json.put("leftAlone", audit.left[i]);
-        json.close('}');
-    }
-    json.open("reasons", '{');
-    for (size_t i = 0; i < leftCount; i++) json.put(wordsOf(static_cast<Left>(i)).name, audit.reasons[i]);
-    json.close('}');
-    json.open("problems", '[');
-    for (const std::string& problem : audit.problems) json.item(problem);
-    json.close(']');
+void print(const Results& results) {
+    const bool after = !results.counts->before.has_value();
+    const Titles titles = after ? Titles{"changed", "still old"} : Titles{"would change", nullptr};
+    printCounts(*results.counts, *results.others, titles);
+    if (after && sum(results.counts->changed) != 0)
+        printf("\n\"changed\" are places that hold the machine's SID of now, %s\n", results.newSid.c_str());
+    printf("\n%s\n", conclusion(results).c_str());
 }
 
 /* ---- The command ---- */
@@ -85,48 +50,63 @@ void takeSid(AuditOptions& options) {
     if (!options.sid.empty() && !isMachineSid(offline::sidFromText(options.sid))) refuseSid(options.sid);
 }
 
-int finish(const Problems& problems, bool found) {
+int finish(const Results& results, bool found) {
     fflush(stdout);
-    for (const std::string& problem : problems) say(problem);
-    if (!problems.empty()) return exitFailed;
+    sayAll(results.unseen);
+    if (!results.unseen.empty()) return exitFailed;
     return found ? exitFound : exitDone;
+}
+
+/* What is done with each place. */
+std::function<void(const Finding&)> listing(const AuditOptions& options, bool after, Results& results) {
+    if (!options.all) return {};
+    if (options.json) {
+        results.places = std::make_unique<Places>();
+        results.listPlaces = true;
+        return [&results](const Finding& finding) { results.places->add(finding); };
+    }
+    return [after](const Finding& finding) {
+        const char* const state = finding.left ? "stays       " : after ? "still old   " : "would change";
+        printf("%s\n", findingLine(finding, state).c_str());
+    };
+}
+
+/* The audit of an installation that has this SID, or had it. */
+void look(const Opened& opened, const AuditOptions& options, Results& results) {
+    const Timer timer(results.phases, "audit");
+    const bool after = !opened.machineSid.empty() && opened.machineSid != results.oldSid;
+    Audit audit{wantedSid(offline::sidFromText(results.oldSid))};
+    if (after) audit.current = wantedSid(offline::sidFromText(opened.machineSid));
+    if (after) results.newSid = opened.machineSid;
+    audit.problems = std::move(results.unseen);
+    audit.found = listing(options, after, results);
+    auditInstallation(opened, audit);
+    results.counts = Counts{audit.treated, audit.changed, audit.treated, audit.left, audit.reasons};
+    if (after) results.counts->before.reset();
+    results.others = std::move(audit.others);
+    results.unseen = std::move(audit.problems);
 }
 
 } /* namespace */
 
-int audit(AuditOptions options) {
+int audit(AuditOptions options, Results& results) {
     takeSid(options);
+    results.images = options.images;
     Opened opened;
-    Problems problems;
-    openDisks(namedDisks(options.images, options.format), opened, problems);
-    readInstallation(opened, problems);
-    const std::string sid = options.sid.empty() ? opened.machineSid : options.sid;
-    if (sid.empty()) {
-        noteUnread(opened, problems);
-        if (options.json) printf("{\"sid\":null}\n");
-        return finish(problems, false);
+    {
+        const Timer timer(results.phases, "look");
+        openDisks(namedDisks(options.images, options.format), opened, results.unseen);
+        readInstallation(opened, results.unseen);
     }
-    Audit audit{wantedSid(offline::sidFromText(sid)), {}};
-    audit.problems = std::move(problems);
-    JsonWriter json;
-    json.open('{');
-    json.put("sid", sid);
-    if (options.all && options.json) {
-        json.open("places", '[');
-        audit.found = [&json](const Finding& finding) { write(json, finding); };
-    } else if (options.all) {
-        audit.found = printFinding;
+    results.oldSid = options.sid.empty() ? opened.machineSid : options.sid;
+    if (results.oldSid.empty()) {
+        noteUnread(opened, results.unseen);
+        return finish(results, false);
     }
-    auditInstallation(opened, audit);
-    if (options.json) {
-        if (options.all) json.close(']');
-        write(json, audit);
-        json.close('}');
-        printf("%s\n", json.text.c_str());
-    } else {
-        print(audit, sid);
-    }
-    return finish(audit.problems, sum(audit.treated) != 0);
+    look(opened, options, results);
+    results.finished = true;
+    if (!options.json) print(results);
+    return finish(results, sum(results.counts->remaining) != 0);
 }
 
 } /* namespace companion */

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "companion/audit_match.h"
+#include "companion/machine_ids.h"
 #include "companion/opened.h"
 
 namespace companion {
@@ -27,9 +28,12 @@ struct Finding {
 
 struct Audit {
     Wanted wanted;
-    std::function<void(const Finding&)> found; /* called with each; may be empty */
+    std::optional<Wanted> current = {};             /* the machine's SID, where that is another one by now */
+    std::function<void(const Finding&)> found = {}; /* called with each; may be empty */
     std::array<uint64_t, kindCount> treated = {}, left = {};
+    std::array<uint64_t, kindCount> changed = {}; /* hold the current one where the wanted would be treated */
     std::array<uint64_t, leftCount> reasons = {};
+    OtherSids others = {}; /* of machines and domains: neither the wanted nor the current */
     Problems problems = {};
 };
 

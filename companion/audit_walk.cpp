@@ -16,10 +16,50 @@ using offline::FileRef;
 
 constexpr size_t mostRemembered = 1 << 16; /* descriptors; an installation has some thousand */
 
+offline::Bytes bytesOf(std::u16string_view text) {
+    return {reinterpret_cast<const uint8_t*>(text.data()), text.size() * sizeof(char16_t)};
+}
+
+/* What a descriptor holds. */
+struct DescriptorSeen {
+    std::optional<Match> match; /* none: it is not valid */
+    bool changed = false;
+    MachineIds ids;
+};
+
 struct Walk {
     Audit& audit;
-    std::unordered_map<std::string, std::optional<Match>> descriptors = {};
+    MachineIds own = {}; /* which are no others */
+    std::unordered_map<std::string, DescriptorSeen> descriptors = {};
     std::set<decltype(OpenedHive::file)> hives = {}; /* that were walked */
+
+    explicit Walk(Audit& of) : audit(of) {
+        own.push_back(machineIdOf(audit.wanted.sid));
+        if (audit.current) own.push_back(machineIdOf(audit.current->sid));
+    }
+
+    void noteOthers(const MachineIds& ids) const {
+        for (const MachineId& id : ids) {
+            if (std::find(own.begin(), own.end(), id) == own.end()) audit.others.add(id);
+        }
+    }
+
+    DescriptorSeen lookInto(offline::Bytes image) const {
+        DescriptorSeen seen{matchDescriptor(audit.wanted, image), false, machineIdsIn(image)};
+        if (audit.current) seen.changed = matchDescriptor(*audit.current, image).value_or(Match{}).treated;
+        return seen;
+    }
+
+    /* What holds no machine's SID at all needs no closer look. matcher says what it holds of one. */
+    template <typename MakePath, typename Matcher>
+    void look(Kind kind, offline::Bytes data, const Matcher& matcher, const MakePath& path,
+              std::u16string_view value = {}) const {
+        const MachineIds ids = machineIdsIn(data);
+        if (ids.empty()) return;
+        noteOthers(ids);
+        note(kind, matcher(audit.wanted), path, value);
+        if (audit.current && matcher(*audit.current).treated) audit.changed[static_cast<size_t>(kind)]++;
+    }
 
     /* path builds the finding's path, which takes time, only when somebody wants it. */
     template <typename MakePath>
@@ -42,10 +82,13 @@ struct Walk {
         auto known = descriptors.find(bytes);
         if (known == descriptors.end()) {
             if (descriptors.size() >= mostRemembered) descriptors.clear();
-            known = descriptors.emplace(std::move(bytes), matchDescriptor(audit.wanted, image)).first;
+            known = descriptors.emplace(std::move(bytes), lookInto(image)).first;
         }
-        if (known->second) {
-            note(kind, *known->second, path);
+        const DescriptorSeen& seen = known->second;
+        noteOthers(seen.ids);
+        if (seen.changed) audit.changed[static_cast<size_t>(kind)]++;
+        if (seen.match) {
+            note(kind, *seen.match, path);
         } else {
             problem(path(), "has a security descriptor that is not valid");
         }
@@ -181,15 +224,19 @@ struct HiveWalk {
     }
 
     void lookAtValue(const offline::HiveValue& value, const Tree* tree) {
-        const Wanted& wanted = walk.audit.wanted;
         const auto keyPath = [&] { return pathOf(); };
         valueName.resize(value.nameLength);
         offline::hiveValueName(hive, value, valueName.data());
-        walk.note(Kind::value, matchValueName(wanted, valueName), keyPath, valueName);
+        walk.look(
+            Kind::value, bytesOf(valueName),
+            [&](const Wanted& wanted) { return matchValueName(wanted, valueName); }, keyPath, valueName);
         data.resize(value.dataLength);
         offline::hiveValueData(hive, value, data);
         const bool inTable = tree != nullptr && tree->looksAt(valueName);
-        walk.note(Kind::value, matchValue(wanted, value.type, data, inTable), keyPath, valueName);
+        walk.look(
+            Kind::value, data,
+            [&](const Wanted& wanted) { return matchValue(wanted, value.type, data, inTable); }, keyPath,
+            valueName);
     }
 
     void lookAtKey(Cell key, const Tree* tree) {
@@ -219,8 +266,11 @@ struct HiveWalk {
             const size_t length = offline::hiveKeyName(hive, child, name);
             path.append(u"\\").append(name, length);
             const bool inTable = tree != nullptr && tree->names;
-            walk.note(Kind::keyName, matchKeyName(walk.audit.wanted, {name, length}, inTable),
-                      [&] { return pathOf(); });
+            const std::u16string_view text(name, length);
+            walk.look(
+                Kind::keyName, bytesOf(text),
+                [&](const Wanted& wanted) { return matchKeyName(wanted, text, inTable); },
+                [&] { return pathOf(); });
             enter(child, tree);
         }
     }
@@ -250,7 +300,7 @@ void auditHive(const OpenedHive& opened, const std::vector<Tree>& trees, Walk& w
 } /* namespace */
 
 void auditInstallation(const Opened& opened, Audit& audit) {
-    Walk walk{audit};
+    Walk walk(audit);
     const std::vector<offline::InstallationVolume>& volumes = opened.installation.volumes;
     for (size_t i = 0; i < volumes.size(); i++)
         VolumeWalk{walk, *volumes[i].volume, volumeName(opened, i)}.run();

@@ -3,6 +3,7 @@
 #define QUILLET_COMPANION_AUDIT_WORDS_H
 
 #include "companion/audit.h"
+#include "companion/results.h"
 
 namespace companion {
 
@@ -14,14 +15,25 @@ struct Words {
 const Words& wordsOf(Kind kind);
 const Words& wordsOf(Left left);
 
+/* Why the SID is left there, and whether that matters: whole sentences. */
+const char* whyLeft(Left left);
+const char* whetherItMatters(Left left);
+
 uint64_t sum(const std::array<uint64_t, kindCount>& counts);
 
-/* A line for one finding, without a newline, after what is said of those that are treated, or that are not.
- */
-std::string findingLine(const Finding& finding, const char* treated, const char* left);
+/* "1 place", "3,216 places" */
+std::string placesText(uint64_t number);
 
-/* How many of each kind there are, under these titles, and why some are left. */
-void printCounts(const Audit& audit, const char* treated, const char* left);
+/* A line for one finding, without a newline, after what becomes of it. */
+std::string findingLine(const Finding& finding, const char* state);
+
+/* How many of each kind there are, why some stay, and which other machines' SIDs there are. Under the title
+ * for those that are treated: what was changed, and in a column of its own what remains of them; or, without
+ * a title for the latter, what a run would find. */
+struct Titles {
+    const char *changed, *remaining;
+};
+void printCounts(const Counts& counts, const OtherSids& others, Titles titles);
 
 } /* namespace companion */
 

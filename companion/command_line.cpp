@@ -7,6 +7,7 @@
 
 #include "companion/commands.h"
 #include "companion/ending.h"
+#include "companion/results.h"
 
 namespace companion {
 namespace {
@@ -87,11 +88,17 @@ const char runHelp[] =
     "succeeded (status 0) unless --commit always is given. The undo file is kept beside the first image as\n"
     "IMAGE.quillet-undo, with a number when there is one already; \"quillet-offline undo\" takes the run "
     "back.\n"
+    "--strict is for all or nothing with nothing passed over: where quillet names an object that it could "
+    "not\n"
+    "treat, nothing is written, and the exit status is 3 although the run's was 0. --verify reads the disks\n"
+    "again when all is written; where something that quillet treats still holds the old SID the exit status "
+    "is\n1 although the run's was 0, and 2 where not all could be looked at.\n"
     "\n"
     "Examples:\n"
     "  quillet-offline run practice.img -- -s         tells what would change; writes a new server GUID "
     "alone\n"
     "  quillet-offline run system.img data.img        one machine with two disks\n"
+    "  quillet-offline run --strict --verify system.img\n"
     "  quillet-offline run --undo /safe/undo system.img";
 
 const char undoHelp[] =
@@ -119,6 +126,10 @@ void declareImages(CLI::App& app, Options& options) {
         ->type_name("FORMAT");
 }
 
+void declareJson(CLI::App& app, bool& json) {
+    app.add_flag("--json", json, "Print one JSON object (docs/results.md)");
+}
+
 void declare(CLI::App& app, SampleOptions& options) {
     app.add_option("IMAGE", options.image, "The file to be made")->required();
     app.add_option("--size", options.size, "The image's size, such as 256M (what the files need)")
@@ -140,19 +151,20 @@ void declare(CLI::App& app, SampleOptions& options) {
 
 void declare(CLI::App& app, InfoOptions& options) {
     declareImages(app, options);
-    app.add_flag("--json", options.json, "Print one JSON object");
+    declareJson(app, options.json);
 }
 
 void declare(CLI::App& app, AuditOptions& options) {
     declareImages(app, options);
     app.add_option("--sid", options.sid, "The SID to look for (the machine's)")->type_name("SID");
     app.add_flag("--all", options.all, "List every place");
-    app.add_flag("--json", options.json, "Print one JSON object");
+    declareJson(app, options.json);
 }
 
 void declare(CLI::App& app, PlanOptions& options) {
     declareImages(app, options);
     app.add_flag("-v,--verbose", options.verbose, "List every place");
+    declareJson(app, options.json);
 }
 
 void declare(CLI::App& app, RunOptions& options) {
@@ -160,15 +172,19 @@ void declare(CLI::App& app, RunOptions& options) {
     CLI::Option* const file = app.add_option("--undo", options.undoFile, "Where the undo file is kept");
     file->type_name("FILE");
     app.add_flag("--no-undo", options.noUndo, "Keep no undo file")->excludes(file);
-    app.add_option("--commit", options.commit, "When changes are written: success or always (success)")
-        ->check(CLI::IsMember({"success", "always"}).description(""))
-        ->type_name("WHEN");
+    CLI::Option* const commit =
+        app.add_option("--commit", options.commit, "When changes are written: success or always (success)");
+    commit->check(CLI::IsMember({"success", "always"}).description(""))->type_name("WHEN");
+    app.add_flag("--verify", options.verify, "Audit the disks at the end, and tell");
+    app.add_flag("--strict", options.strict, "Commit only when nothing was passed over")->excludes(commit);
+    declareJson(app, options.json);
 }
 
 void declare(CLI::App& app, UndoOptions& options) {
     declareImages(app, options);
     app.add_option("--undo", options.file, "The undo file (the latest one beside the images)")
         ->type_name("FILE");
+    declareJson(app, options.json);
 }
 
 /* ---- The commands ---- */
@@ -187,29 +203,29 @@ struct Command {
     const char* summary;
     const char* help; /* below the options in the command's help, with an example */
     void (*declare)(CLI::App& app, Options& options);
-    int (*perform)(const Options& options);
+    int (*perform)(const Options& options, Results& results);
     bool takesRest = false; /* whether arguments after "--" are passed on */
 };
 
 const Command commands[] = {
     {"sample", "Make a practice installation on a new disk image", sampleHelp,
      [](CLI::App& app, Options& options) { declare(app, options.sample); },
-     [](const Options& options) { return sample(options.sample); }},
+     [](const Options& options, Results&) { return sample(options.sample); }},
     {"info", "Show what is on an installation's disks", infoHelp,
      [](CLI::App& app, Options& options) { declare(app, options.info); },
-     [](const Options& options) { return info(options.info); }},
+     [](const Options& options, Results& results) { return info(options.info, results); }},
     {"audit", "Show where a machine's SID stands", auditHelp,
      [](CLI::App& app, Options& options) { declare(app, options.audit); },
-     [](const Options& options) { return audit(options.audit); }},
+     [](const Options& options, Results& results) { return audit(options.audit, results); }},
     {"plan", "Show what a run of quillet would change", planHelp,
      [](CLI::App& app, Options& options) { declare(app, options.plan); },
-     [](const Options& options) { return plan(options.plan); }, true},
+     [](const Options& options, Results& results) { return plan(options.plan, results); }, true},
     {"run", "Run quillet on an installation", runHelp,
      [](CLI::App& app, Options& options) { declare(app, options.run); },
-     [](const Options& options) { return run(options.run); }, true},
+     [](const Options& options, Results& results) { return run(options.run, results); }, true},
     {"undo", "Take the latest run back", undoHelp,
      [](CLI::App& app, Options& options) { declare(app, options.undo); },
-     [](const Options& options) { return undo(options.undo); }},
+     [](const Options& options, Results& results) { return undo(options.undo, results); }},
 };
 
 const Command& commandNamed(const std::string& name) {
@@ -251,13 +267,15 @@ bool takeRest(std::vector<std::string>& arguments, std::vector<std::string>& res
 
 } /* namespace */
 
-int runCommandLine(std::vector<std::string> arguments) {
+int runCommandLine(std::vector<std::string> arguments, Results& results) {
     Options options;
     const bool restGiven = takeRest(arguments, options.run.quilletOptions);
     options.plan.quilletOptions = options.run.quilletOptions;
+    results.json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
     if (arguments.empty()) throw Failure{"no command is given; see \"quillet-offline --help\""};
     const bool isOption = arguments.front().rfind('-', 0) == 0;
-    const std::string name = isOption ? "" : std::string(commandNamed(arguments.front()).name) + ' ';
+    if (!isOption) results.command = commandNamed(arguments.front()).name;
+    const std::string name = isOption ? "" : results.command + ' ';
     std::reverse(arguments.begin(), arguments.end()); /* as the library wants them */
 
     CLI::App app{"Prepares, shows and changes Windows installations on disk images and block devices.",
@@ -266,6 +284,7 @@ int runCommandLine(std::vector<std::string> arguments) {
     try {
         app.parse(arguments);
     } catch (const CLI::Success& asked) { /* help or the version */
+        results.json = false;
         return app.exit(asked);
     } catch (const CLI::ParseError& error) {
         throw Failure{usageError(error, name)};
@@ -275,7 +294,7 @@ int runCommandLine(std::vector<std::string> arguments) {
         throw Failure{std::string(chosen.name) + " takes no arguments after \"--\"; see \"quillet-offline " +
                       chosen.name + " --help\""};
     }
-    return chosen.perform(options);
+    return chosen.perform(options, results);
 }
 
 } /* namespace companion */

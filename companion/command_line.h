@@ -7,9 +7,12 @@
 
 namespace companion {
 
-/* Does the command that the arguments (without the program's name) ask for and gives the exit status. Throws
- * Failure for what it can't make out, and whatever the command throws. */
-int runCommandLine(std::vector<std::string> arguments);
+struct Results;
+
+/* Does the command that the arguments (without the program's name) ask for, fills its results, whose JSON the
+ * caller prints where it is asked for, and gives the exit status. Throws Failure for what it can't make out,
+ * and whatever the command throws. */
+int runCommandLine(std::vector<std::string> arguments, Results& results);
 
 } /* namespace companion */
 

@@ -1,5 +1,6 @@
 /* The commands of the program, each in a file of its own. command_line.cpp declares their options and calls
- * them. Each gives the exit status and may throw Failure. */
+ * them. Each gives the exit status and may throw Failure. What has results fills them as far as it comes;
+ * with the option "json" it prints nothing to standard output, for they are going to be. */
 #ifndef QUILLET_COMPANION_COMMANDS_H
 #define QUILLET_COMPANION_COMMANDS_H
 
@@ -9,6 +10,8 @@
 #include <vector>
 
 namespace companion {
+
+struct Results;
 
 struct SampleOptions {
     std::string image;
@@ -26,7 +29,7 @@ struct InfoOptions {
     std::string format; /* of the images, as diskNames takes it; "": by their names */
     bool json = false;
 };
-int info(const InfoOptions& options);
+int info(const InfoOptions& options, Results& results);
 
 struct AuditOptions {
     std::vector<std::string> images; /* the last may be a SID */
@@ -35,32 +38,37 @@ struct AuditOptions {
     bool all = false;
     bool json = false;
 };
-int audit(AuditOptions options);
+int audit(AuditOptions options, Results& results);
 
 struct RunOptions {
     std::vector<std::string> images;
     std::string format;
     std::string undoFile; /* empty: beside the first image, under the next free name */
     bool noUndo = false;
-    std::string commit = "success";          /* or "always" */
+    std::string commit = "success"; /* or "always" */
+    bool verify = false;            /* audit what was committed */
+    bool strict = false;            /* commit only when nothing was passed over */
+    bool json = false;
     std::vector<std::string> quilletOptions; /* what stood after "--" */
 };
-int run(const RunOptions& options);
+int run(const RunOptions& options, Results& results);
 
 struct PlanOptions {
     std::vector<std::string> images;
     std::string format;
-    bool verbose = false;                    /* list every place */
+    bool verbose = false; /* list every place */
+    bool json = false;
     std::vector<std::string> quilletOptions; /* what stood after "--" */
 };
-int plan(const PlanOptions& options);
+int plan(const PlanOptions& options, Results& results);
 
 struct UndoOptions {
     std::vector<std::string> images;
     std::string format;
     std::string file; /* empty: the latest beside the images */
+    bool json = false;
 };
-int undo(const UndoOptions& options);
+int undo(const UndoOptions& options, Results& results);
 
 } /* namespace companion */
 

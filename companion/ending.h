@@ -3,6 +3,7 @@
 #define QUILLET_COMPANION_ENDING_H
 
 #include <string>
+#include <vector>
 
 namespace companion {
 
@@ -18,6 +19,9 @@ constexpr int exitFailed = 2; /* usage errors too */
 
 /* Writes the line to standard error, with the program's name before it. */
 void say(const std::string& line);
+
+/* The same for each. */
+void sayAll(const std::vector<std::string>& lines);
 
 } /* namespace companion */
 

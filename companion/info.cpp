@@ -5,8 +5,7 @@
 #include "companion/commands.h"
 #include "companion/ending.h"
 #include "companion/formatting.h"
-#include "companion/json.h"
-#include "companion/survey.h"
+#include "companion/results.h"
 #include "platform/offline/base/unicode.h"
 
 namespace companion {
@@ -60,89 +59,23 @@ void print(const Sight& sight, bool usable) {
     printRow("usable", usable ? "yes" : "no");
 }
 
-/* ---- For programs ---- */
-
-void write(JsonWriter& json, const DiskSeen& disk) {
-    json.open('{');
-    json.put("path", disk.path);
-    json.put("size", disk.size);
-    json.put("format", disk.chain.files.empty() ? "" : offline::formatName(disk.chain.format()));
-    json.open("backing", '[');
-    for (size_t i = 1; i < disk.chain.files.size(); i++) {
-        json.open('{');
-        json.put("path", disk.chain.files[i].path);
-        json.put("format", offline::formatName(disk.chain.files[i].format));
-        json.close('}');
-    }
-    json.close(']');
-    json.put("partitionTable", tableName(disk.table));
-    json.put("writable", disk.writable);
-    json.close('}');
-}
-
-void write(JsonWriter& json, const VolumeSeen& volume) {
-    json.open('{');
-    json.put("disk", volume.disk);
-    json.put("start", volume.start);
-    json.put("size", volume.size);
-    json.put("letter", volume.letter == 0 ? std::string() : std::string(1, volume.letter));
-    json.put("usable", volume.opened);
-    json.close('}');
-}
-
-void write(JsonWriter& json, const HiveSeen& hive) {
-    json.open('{');
-    json.put("path", hive.path);
-    json.put("state", stateName(hive.state));
-    json.put("size", hive.size);
-    json.put("user", hive.user);
-    json.close('}');
-}
-
-void write(JsonWriter& json, const std::string& text) {
-    json.item(text);
-}
-
-template <typename Item>
-void writeList(JsonWriter& json, const char* name, const std::vector<Item>& list) {
-    json.open(name, '[');
-    for (const Item& item : list) write(json, item);
-    json.close(']');
-}
-
-void printJson(const Sight& sight, bool usable) {
-    JsonWriter json;
-    json.open('{');
-    writeList(json, "disks", sight.disks);
-    writeList(json, "volumes", sight.volumes);
-    json.put("windows", sight.windows);
-    json.put("product", sight.product);
-    json.put("machineSid", sight.machineSid);
-    json.put("controlSet", uint64_t{sight.controlSet});
-    writeList(json, "hives", sight.hives);
-    json.put("usable", usable);
-    writeList(json, "problems", sight.problems);
-    json.close('}');
-    printf("%s\n", json.text.c_str());
-}
-
 } /* namespace */
 
-int info(const InfoOptions& options) {
+int info(const InfoOptions& options, Results& results) {
+    results.images = options.images;
     const std::vector<offline::DiskName> disks = namedDisks(options.images, options.format);
-    Sight sight = survey(disks);
+    results.sight = survey(disks);
+    Sight& sight = *results.sight;
     const std::string why = whyRefused(disks);
     const bool known = std::find(sight.problems.begin(), sight.problems.end(), why) != sight.problems.end();
     if (!why.empty() && !known) sight.problems.push_back(why);
-    const bool usable = why.empty() && !sight.machineSid.empty(); /* that has been reported, too */
-    if (options.json) {
-        printJson(sight, usable);
-    } else {
-        print(sight, usable);
-    }
+    results.usable = why.empty() && !sight.machineSid.empty(); /* that has been reported, too */
+    results.unseen = sight.problems;
+    results.finished = true;
+    if (!options.json) print(sight, results.usable);
     fflush(stdout);
-    for (const std::string& problem : sight.problems) say(problem);
-    return usable ? exitDone : exitFailed;
+    sayAll(results.unseen);
+    return results.usable ? exitDone : exitFailed;
 }
 
 } /* namespace companion */

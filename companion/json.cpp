@@ -7,7 +7,13 @@
 
 namespace companion {
 
+/* What was written last decides whether a comma is due. */
 void JsonWriter::separate() {
+    constexpr size_t enough = 1 << 16; /* bytes */
+    if (text.size() > enough) {
+        fwrite(text.data(), 1, text.size() - 1, out);
+        text.erase(0, text.size() - 1);
+    }
     const char last = text.empty() ? '{' : text.back();
     if (last != '{' && last != '[' && last != ':') text += ',';
 }
@@ -53,6 +59,12 @@ void JsonWriter::close(char bracket) {
     text += bracket;
 }
 
+void JsonWriter::finish() {
+    text += '\n';
+    fwrite(text.data(), 1, text.size(), out);
+    text.clear();
+}
+
 void JsonWriter::item(std::string_view value) {
     separate();
     quote(value);
@@ -66,6 +78,24 @@ void JsonWriter::put(std::string_view name, std::string_view value) {
 void JsonWriter::put(std::string_view name, uint64_t value) {
     member(name);
     text += std::to_string(value);
+}
+
+void JsonWriter::put(std::string_view name, int value) {
+    member(name);
+    text += std::to_string(value);
+}
+
+void JsonWriter::putNull(std::string_view name) {
+    member(name);
+    text += "null";
+}
+
+void JsonWriter::putKnown(std::string_view name, std::string_view value) {
+    if (value.empty()) {
+        putNull(name);
+    } else {
+        put(name, value);
+    }
 }
 
 void JsonWriter::put(std::string_view name, bool value) {

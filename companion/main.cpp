@@ -1,18 +1,20 @@
 /* quillet-offline: what goes with quillet where Windows installations are at rest. */
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <functional>
 
 #include "companion/command_line.h"
 #include "companion/ending.h"
+#include "companion/results.h"
 #include "platform/offline/base/session.h"
 #include "platform/offline/base/streams.h"
 #include "platform/offline/base/unicode.h"
+#include "platform/offline/main/call_tool.h"
+#include "platform/offline/main/run_end.h"
 
 namespace companion {
 
@@ -20,30 +22,65 @@ void say(const std::string& line) {
     fprintf(stderr, "quillet-offline: %s\n", offline::printable(line).c_str());
 }
 
+void sayAll(const std::vector<std::string>& lines) {
+    for (const std::string& line : lines) say(line);
+}
+
 } /* namespace companion */
 
-int main(int argc, char** argv) {
-    int status = companion::exitFailed;
-    if (!offline::standardStreamsOpen()) {
-        companion::say(std::string("/dev/null can't be opened (") + strerror(errno) +
-                       ") for the standard streams that are closed; open them");
-        return status;
-    }
-    signal(SIGXFSZ, SIG_IGN); /* a limit on files' sizes: the write fails, and that is told */
-    offline::Session session;
+namespace {
+
+using companion::Results;
+
+/* The body's status. What it throws is told by one line. */
+int told(Results& results, const std::function<int()>& body) {
+    std::string line;
     try {
-        status = companion::runCommandLine(std::vector<std::string>(argv + std::min(argc, 1), argv + argc));
+        return body();
     } catch (const companion::Failure& failure) {
-        companion::say(failure.text);
+        line = failure.text;
     } catch (const std::bad_alloc&) {
         /* In no string of its own: that would take memory. */
         fputs("quillet-offline: out of memory; close other programs and try again\n", stderr);
     } catch (const std::exception& failure) {
-        companion::say(failure.what());
+        line = failure.what();
     }
-    if (!offline::standardStreamsWritten()) {
-        companion::say("not every line could be written; check where standard output and error lead to");
-        status = companion::exitFailed;
+    if (!line.empty()) companion::say(line);
+    if (!line.empty()) results.problems.push_back(line);
+    results.asTool = false;
+    return companion::exitFailed;
+}
+
+/* Lines that were lost are told last. */
+int end(const Results& results, int status) {
+    if (results.asTool) return offline::exitStatusOf(offline::endStreams(status));
+    if (offline::standardStreamsWritten()) return status;
+    companion::say("not every line could be written; check where standard output and error lead to");
+    return companion::exitFailed;
+}
+
+int run(int argc, char** argv) {
+    offline::Session session;
+    Results results;
+    const std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
+    int status = told(results, [&] { return companion::runCommandLine(arguments, results); });
+    if (results.json) {
+        status = told(results, [&] {
+            printJson(results, results.asTool ? offline::exitStatusOf(status) : status);
+            return status;
+        });
     }
-    return status;
+    return end(results, status);
+}
+
+} /* namespace */
+
+int main(int argc, char** argv) {
+    if (!offline::standardStreamsOpen()) {
+        companion::say(std::string("/dev/null can't be opened (") + strerror(errno) +
+                       ") for the standard streams that are closed; open them");
+        return companion::exitFailed;
+    }
+    signal(SIGXFSZ, SIG_IGN); /* a limit on files' sizes: the write fails, and that is told */
+    return run(argc, argv);
 }

@@ -1,66 +1,137 @@
 /* run: quillet on the installation of some disks. */
-#include <unistd.h>
+#include <csignal>
+#include <cstdio>
 
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-
+#include "companion/audit_words.h"
 #include "companion/commands.h"
 #include "companion/ending.h"
 #include "companion/formatting.h"
-#include "companion/opened.h"
+#include "companion/tool_run.h"
+#include "platform/nt.h"
+#include "platform/offline/base/ending_signals.h"
+#include "platform/offline/main/run_end.h"
 #include "platform/offline/system/system.h"
 
 namespace companion {
 namespace {
 
-/* The value of QUILLET_SYSTEM for these disks. */
-std::string systemVariable(const std::vector<std::string>& images) {
-    for (const std::string& image : images) {
+offline::RunChoice choiceOf(const RunOptions& options) {
+    offline::RunChoice choice;
+    for (const std::string& image : options.images) {
         if (image.empty()) throw Failure{"the name of a disk is empty; name an image file or a block device"};
     }
-    return offline::systemText(images);
+    choice.disks = namedDisks(options.images, options.format);
+    choice.commit.rule =
+        options.commit == "always" ? offline::CommitRule::always : offline::CommitRule::onSuccess;
+    choice.commit.undo.keep = !options.noUndo;
+    if (!options.undoFile.empty()) choice.commit.undo.path = absolutePath(options.undoFile);
+    return choice;
 }
 
-/* The program beside this one, else the one on PATH. */
-std::string quilletProgram() {
-    std::error_code unreadable;
-    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", unreadable);
-    if (!unreadable) {
-        std::string beside = self.parent_path() / "quillet";
-        if (access(beside.c_str(), X_OK) == 0) return beside;
+void noteCommit(const offline::CommitOutcome& outcome, bool failed, Results& results) {
+    Commit commit;
+    commit.bytes = outcome.report.bytes;
+    commit.stretches = outcome.report.stretches;
+    commit.undoFile = outcome.report.undoPath;
+    commit.takeBack = outcome.takeBack;
+    if (outcome.report.committed) {
+        commit.state = commit.stretches == 0 ? CommitState::unchanged : CommitState::committed;
+    } else if (outcome.withheld) {
+        commit.state = CommitState::withheld;
+    } else if (failed) {
+        commit.state = CommitState::failed;
     }
-    return "quillet";
+    results.commit = commit;
 }
 
-/* The value of QUILLET_UNDO. */
-std::string undoVariable(const RunOptions& options) {
-    if (options.noUndo) return "";
-    return options.undoFile.empty() ? "auto" : absolutePath(options.undoFile);
+constexpr int exitRemains = 1, exitUnseen = 2, exitPassedOver = 3;
+
+/* All or nothing, and nothing passed over: why nothing is kept of this run; empty where it may be. */
+std::string strictRefusal(const RunOptions& options, const Results& results) {
+    const uint64_t passedOver = results.passedOver.size() + results.passedOverMore;
+    if (!options.strict || passedOver == 0 || results.runStatus != 0) return {};
+    return std::to_string(passedOver) + (passedOver == 1 ? " object was" : " objects were") +
+           " passed over, and --strict was given, so nothing was committed: the disks are as they were (the "
+           "ERROR and WARN lines name what was passed over)";
 }
 
-void setVariable(const char* name, const std::string& value) {
-    if (setenv(name, value.c_str(), 1) != 0) throw std::bad_alloc();
+/* Ends the run: what it did is on the disks afterwards, or nothing of it. Gives its status. */
+int endRun(int status, const std::string& refusal, Results& results) {
+    const Timer timer(results.phases, "commit");
+    const offline::RunEnding ending = offline::endSystem(status, refusal);
+    if (!refusal.empty()) results.problems.push_back(refusal);
+    noteCommit(offline::systemCommitOutcome(), !ending.problems.empty(), results);
+    results.problems.insert(results.problems.end(), ending.problems.begin(), ending.problems.end());
+    results.runStatus = ending.status;
+    return ending.status;
+}
+
+/* What lies on the disks after the run, read from them anew. */
+void lookAtDisks(const RunOptions& options, Results& results) {
+    if (results.commit->state != CommitState::committed) return nothingChanged(results);
+    offline::endingSignalsSay("quillet-offline: ended by a signal; the run is done and committed\n");
+    offline::endingSignalsRelease();
+    Opened left;
+    results.unseen.clear();
+    openDisks(namedDisks(options.images, options.format), left, results.unseen);
+    lookAfter(left, results);
+    results.newSid = left.machineSid;
+}
+
+/* Says what the audit of the disks found; gives the status of a run that ended well. */
+int verify(const Results& results) {
+    if (!results.unseen.empty()) return exitUnseen;
+    const uint64_t remaining = sum(results.counts->remaining);
+    if (remaining != 0) {
+        say(placesText(remaining) + " that quillet treats still " + (remaining == 1 ? "holds " : "hold ") +
+            results.oldSid + "; `quillet-offline audit --all` with that SID names them");
+        return exitRemains;
+    }
+    if (results.json) return exitDone;
+    printf("verified: %s changed, nothing that quillet treats holds %s; %s by design\n",
+           placesText(sum(results.counts->changed)).c_str(), results.oldSid.c_str(),
+           (placesText(sum(results.counts->left)) + (sum(results.counts->left) == 1 ? " stays" : " stay"))
+               .c_str());
+    fflush(stdout);
+    return exitDone;
+}
+
+/* What is written on standard error although it means no harm. */
+void explain(const Results& results) {
+    if (results.runStatus != 0 || results.explained.empty()) return;
+    say("lines \"RegLoadKey(...) failed with code 2\" (or 3) name profiles without a hive, in which there is "
+        "nothing to treat; for S-1-5-18, the system's own, that is usual");
 }
 
 } /* namespace */
 
-int run(const RunOptions& options) {
-    const std::string system = systemVariable(options.images);
-    static_cast<void>(namedDisks(options.images, options.format)); /* whether it is right */
-    const std::string program = quilletProgram();
-    setVariable("QUILLET_SYSTEM", system);
-    setVariable("QUILLET_FORMAT", options.format);
-    setVariable("QUILLET_COMMIT", options.commit);
-    setVariable("QUILLET_UNDO", undoVariable(options));
-    std::vector<char*> arguments = {const_cast<char*>("quillet")};
-    for (const std::string& option : options.quilletOptions)
-        arguments.push_back(const_cast<char*>(option.c_str()));
-    arguments.push_back(nullptr);
-    execvp(program.c_str(), arguments.data());
-    throw Failure{program + ": can't be started: " + strerror(errno) +
-                  "; put quillet beside quillet-offline or on PATH"};
+int run(const RunOptions& options, Results& results) {
+    results.images = options.images;
+    results.asTool = true;
+    const bool audited = options.json, looks = audited || options.verify;
+    if (options.json) refuseQuiet(options.quilletOptions, "--json");
+    if (options.strict) refuseQuiet(options.quilletOptions, "--strict");
+    const offline::RunChoice choice = choiceOf(options);
+    signal(SIGPIPE, SIG_IGN); /* a reader that has gone must not end a run half-way */
+    offline::endingSignalsSay("quillet: ended by a signal; nothing was changed\n");
+    offline::systemStartOn(choice, offline::sayAsTool);
+    if (looks && !lookBefore(results, audited)) {
+        return endRun(static_cast<int>(RtlNtStatusToDosError(offline::systemProblem().status)), {}, results);
+    }
+    const int returned = callTool(options.quilletOptions, {!options.json, true}, results);
+    explain(results);
+    const std::string refusal = strictRefusal(options, results);
+    int status = endRun(returned, refusal, results);
+    if (!refusal.empty()) status = exitPassedOver;
+    if (looks) lookAtDisks(options, results);
+    sayAll(results.unseen);
+    const bool committed = results.commit->state == CommitState::committed;
+    if (options.verify && committed && results.counts) {
+        const int verified = verify(results);
+        if (status == 0) status = verified;
+    }
+    results.finished = true;
+    return status;
 }
 
 } /* namespace companion */

@@ -5,6 +5,7 @@
 #include "companion/ending.h"
 #include "companion/formatting.h"
 #include "companion/opened.h"
+#include "companion/results.h"
 #include "platform/offline/base/ending_signals.h"
 #include "platform/offline/base/unicode.h"
 #include "platform/offline/system/run_disks.h"
@@ -33,7 +34,8 @@ void printDone(const std::string& names, const offline::UndoReport& report) {
 
 } /* namespace */
 
-int undo(const UndoOptions& options) {
+int undo(const UndoOptions& options, Results& results) {
+    results.images = options.images;
     offline::endingSignalsSay("quillet-offline: ended by a signal; nothing was changed\n");
     offline::UndoReport report;
     offline::Problem problem;
@@ -42,9 +44,15 @@ int undo(const UndoOptions& options) {
     const std::string file = options.file.empty() ? "" : absolutePath(options.file);
     switch (offline::undoRun(disks, file, report, problem)) {
         case offline::UndoOutcome::done:
-            printDone(names, report);
+            results.takenBack =
+                TakenBack{report.bytes, report.stretches, report.undoPath, report.recovery.takenBack};
+            if (!options.json) printDone(names, report);
+            results.finished = true;
             return exitDone;
         case offline::UndoOutcome::nothing:
+            results.takenBack = TakenBack{};
+            results.finished = true;
+            if (options.json) return exitNothing;
             printf("%s: there is no undo file%s; nothing was changed\n", names.c_str(),
                    file.empty()
                        ? " beside it (that of a run on several disks lies beside the one that was named "

@@ -13,21 +13,6 @@ const char formatVariable[] = "QUILLET_FORMAT";
 const char commitVariable[] = "QUILLET_COMMIT";
 const char undoVariable[] = "QUILLET_UNDO";
 
-/* Told before the work, not after it; that the place is still good then is the commit's to see. */
-NTSTATUS refuseUndoPlace(const std::filesystem::path& path, Problem& problem) {
-    std::error_code unknown;
-    std::string fault;
-    if (std::filesystem::exists(std::filesystem::symlink_status(path, unknown))) {
-        fault = "there is such a file already";
-    } else if (!std::filesystem::is_directory(path.parent_path(), unknown)) {
-        fault = "there is no such directory";
-    }
-    if (fault.empty()) return STATUS_SUCCESS;
-    return refuse(
-        problem, STATUS_OBJECT_NAME_INVALID,
-        path.string() + ": the undo file can't be made there (" + fault + "); name another place for it");
-}
-
 } /* namespace */
 
 NTSTATUS accessWish(AccessMode& mode, Problem& problem) {
@@ -38,6 +23,23 @@ NTSTATUS accessWish(AccessMode& mode, Problem& problem) {
     return refuse(
         problem, STATUS_INVALID_PARAMETER,
         "QUILLET_ACCESS is \"" + std::string(access) + "\"; set it to unrefused or checked, or unset it");
+}
+
+/* Told before the work, not after it; that the place is still good then is the commit's to see. */
+NTSTATUS refuseUndoPlace(const UndoChoice& undo, Problem& problem) {
+    if (undo.path.empty()) return STATUS_SUCCESS;
+    const std::filesystem::path path = undo.path;
+    std::error_code unknown;
+    std::string fault;
+    if (std::filesystem::exists(std::filesystem::symlink_status(path, unknown))) {
+        fault = "there is such a file already";
+    } else if (!std::filesystem::is_directory(path.parent_path(), unknown)) {
+        fault = "there is no such directory";
+    }
+    if (fault.empty()) return STATUS_SUCCESS;
+    return refuse(
+        problem, STATUS_OBJECT_NAME_INVALID,
+        undo.path + ": the undo file can't be made there (" + fault + "); name another place for it");
 }
 
 NTSTATUS commitWish(CommitWish& wish, Problem& problem) {
@@ -54,7 +56,7 @@ NTSTATUS commitWish(CommitWish& wish, Problem& problem) {
     if (!wish.undo.keep || strcmp(undo, "auto") == 0) return STATUS_SUCCESS;
     std::error_code noDirectory;
     wish.undo.path = std::filesystem::absolute(undo, noDirectory);
-    if (!noDirectory) return refuseUndoPlace(wish.undo.path, problem);
+    if (!noDirectory) return refuseUndoPlace(wish.undo, problem);
     return refuse(problem, STATUS_OBJECT_PATH_NOT_FOUND,
                   std::string(undo) + ": the undo file has no place (" + noDirectory.message() +
                       "); name it by its whole path");

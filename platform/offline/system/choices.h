@@ -17,6 +17,10 @@ NTSTATUS accessWish(AccessMode& mode, Problem& problem);
 /* QUILLET_COMMIT and QUILLET_UNDO. An undo file that can't be made there is refused. */
 NTSTATUS commitWish(CommitWish& wish, Problem& problem);
 
+/* Refuses an undo file, named by its whole path, that can't be made there. None, or one beside the first
+ * disk, is for the commit to see. */
+NTSTATUS refuseUndoPlace(const UndoChoice& undo, Problem& problem);
+
 /* QUILLET_SYSTEM, at least one disk, and QUILLET_FORMAT. */
 NTSTATUS disksWish(std::vector<DiskName>& disks, Problem& problem);
 

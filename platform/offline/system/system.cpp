@@ -22,10 +22,20 @@ NTSTATUS openByVariables(Problem& problem) {
     return status < 0 ? status : systemOpen(disks, DiskAccess::readWrite, problem);
 }
 
-NTSTATUS openFromEnvironment() {
+NTSTATUS openByChoice(Problem& problem) {
+    const RunChoice& choice = *systemState().choice;
+    AccessMode chosen; /* by systemStartOn, before the token was used */
+    NTSTATUS status = accessWish(chosen, problem);
+    if (status >= 0) status = refuseUndoPlace(choice.commit.undo, problem);
+    systemState().commitWish = choice.commit;
+    return status < 0 ? status : systemOpen(choice.disks, choice.access, problem);
+}
+
+NTSTATUS openAsAsked() {
     Problem& problem = systemState().openingProblem;
     problem = {};
-    return guardedRefusing(problem, [&] { return openByVariables(problem); });
+    return guardedRefusing(
+        problem, [&] { return systemState().choice ? openByChoice(problem) : openByVariables(problem); });
 }
 
 NTSTATUS openParts(const std::vector<DiskName>& names, DiskAccess access, Problem& problem) {
@@ -66,7 +76,12 @@ void systemStart(void (*notice)(const std::string& line)) {
     systemState().notice = notice;
     Problem later; /* told by the first call that needs the installation */
     static_cast<void>(systemChooseAccess(later));
-    setSystemOpener(openFromEnvironment);
+    setSystemOpener(openAsAsked);
+}
+
+void systemStartOn(RunChoice choice, void (*notice)(const std::string& line)) {
+    systemState().choice = std::move(choice);
+    systemStart(notice);
 }
 
 NTSTATUS systemOpen(const std::vector<DiskName>& names, DiskAccess access, Problem& problem) {

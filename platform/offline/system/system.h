@@ -29,6 +29,17 @@ NTSTATUS systemChooseAccess(Problem& problem);
  * run that was cut off has been put right. */
 void systemStart(void (*notice)(const std::string& line));
 
+/* What a run works on and how, where the environment is not asked. */
+struct RunChoice {
+    std::vector<DiskName> disks;
+    DiskAccess access = DiskAccess::readWrite;
+    CommitWish commit;
+};
+
+/* The same for a program that knows its disks: of the environment only QUILLET_ACCESS is read. An undo file
+ * that can't be made is refused when the installation is opened. */
+void systemStartOn(RunChoice choice, void (*notice)(const std::string& line));
+
 /* Opens an installation for the platform's calls. What has to be refused is refused here, before a byte is
  * written; a trial says whether a run could start. */
 NTSTATUS systemOpen(const std::vector<DiskName>& names, DiskAccess access, Problem& problem);

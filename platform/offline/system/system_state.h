@@ -36,6 +36,7 @@ struct SystemState {
     Problem unreadProblem;
     Restart restartAsked = Restart::none;
     void (*notice)(const std::string& line) = nullptr;
+    std::optional<RunChoice> choice; /* none: the environment says */
     CommitWish commitWish;
     CommitOutcome commitOutcome;
     std::optional<Installation> installation;

@@ -23,6 +23,17 @@ NTSTATUS refuseUnclean(const Volume& volume, const char* what, Problem& problem)
             "; start Windows on it and shut it down fully, or run chkdsk /f on the volume, then try again");
 }
 
+/* A commit that was cut off leaves the mark as well; where its journal lies beside the disk it was put right
+ * before, or refused. */
+NTSTATUS refuseDirty(const Volume& volume, Problem& problem) {
+    return refuse(
+        problem, STATUS_DISK_CORRUPT_ERROR,
+        volume.name +
+            ": it is marked as dirty; if a run of quillet on it was cut off, bring the run's journal "
+            "(DISK.quillet-journal) back to its place beside the disk and use `quillet-offline undo`; else "
+            "start Windows on it and shut it down fully, or run chkdsk /f on the volume, then try again");
+}
+
 /* For what the disk, the memory or damage keeps from being known. */
 NTSTATUS refuseUnread(const Volume& volume, NTSTATUS status, Problem& problem) {
     switch (status) {
@@ -117,8 +128,7 @@ NTSTATUS refuseState(Volume& volume, Problem& problem) {
         return refuse(problem, STATUS_NOT_SUPPORTED,
                       volume.name + ": its NTFS is older than version 3.0; upgrade the volume first");
     }
-    if ((volume.ntfs->flags & dirtyMarks) != 0)
-        return refuseUnclean(volume, "it is marked as dirty", problem);
+    if ((volume.ntfs->flags & dirtyMarks) != 0) return refuseDirty(volume, problem);
     if (NVolReadOnly(volume.ntfs)) {
         if (!volume.readOnly) return refuseMount(volume, EROFS, problem);
         errno = 0;

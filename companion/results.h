@@ -1,0 +1,101 @@
+/* What a command found and did: filled by the command as it goes, told at its end, as far as it got, in
+ * words, as JSON (docs/results.md) and as a report. */
+#ifndef QUILLET_COMPANION_RESULTS_H
+#define QUILLET_COMPANION_RESULTS_H
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "companion/audit.h"
+#include "companion/places.h"
+#include "companion/survey.h"
+#include "companion/tool_lines.h"
+
+namespace companion {
+
+/* Something that was measured. */
+struct Timed {
+    std::string name;
+    uint64_t milliseconds = 0;
+};
+
+/* Measures from its beginning to its end. */
+class Timer {
+public:
+    Timer(std::vector<Timed>& list, std::string name)
+        : all(list), what(std::move(name)), begin(std::chrono::steady_clock::now()) {}
+    Timer(const Timer&) = delete;
+    Timer& operator=(const Timer&) = delete;
+    ~Timer();
+
+private:
+    std::vector<Timed>& all;
+    std::string what;
+    std::chrono::steady_clock::time_point begin;
+};
+
+/* How many places of each kind; texts of the same are in audit_words.h. */
+struct Counts {
+    std::optional<std::array<uint64_t, kindCount>> before = {}; /* none: nobody looked then */
+    std::array<uint64_t, kindCount> changed = {}, remaining = {}, left = {};
+    std::array<uint64_t, leftCount> reasons = {};
+};
+
+enum class CommitState { unchanged, committed, withheld, failed };
+
+struct Commit {
+    CommitState state = CommitState::unchanged; /* there was nothing to commit */
+    uint64_t bytes = 0, stretches = 0;
+    std::string undoFile, takeBack; /* empty: there is none */
+};
+
+struct TakenBack {
+    uint64_t bytes = 0, stretches = 0;
+    std::string undoFile;              /* that was used up; empty: none */
+    std::vector<std::string> journals; /* of runs that had been cut off */
+};
+
+struct Results {
+    bool json = false; /* whether they are wanted as JSON */
+    std::string command;
+    std::vector<std::string> images;
+    std::chrono::system_clock::time_point started = std::chrono::system_clock::now();
+    bool finished = false; /* the command came to its end; else what follows is as far as it got */
+    bool asTool = false;   /* the exit status is the tool's, and ends like one */
+    Problems problems;     /* each was or will be a line on standard error */
+    Problems unseen;       /* the same for what the last audit could not look at */
+
+    /* of audit, plan, run */
+    std::string oldSid, newSid; /* empty: not known, or there is none */
+    std::optional<Counts> counts;
+    std::optional<OtherSids> others;
+    std::vector<AreaCounts> areas;
+    std::unique_ptr<Places> places; /* null: they are not wanted */
+    bool listPlaces = false;        /* in JSON */
+
+    /* of plan, run */
+    std::optional<int> runStatus;
+    std::vector<PassedOver> passedOver;
+    uint64_t passedOverMore = 0; /* that are not in the list for its length */
+    std::vector<Explained> explained;
+    std::vector<Timed> phases, steps;
+    std::optional<Commit> commit;
+
+    std::optional<Sight> sight; /* of info */
+    bool usable = false;
+    std::optional<TakenBack> takenBack; /* of undo */
+};
+
+/* Whether anything of them needs a person's eyes; docs/results.md says what does. */
+bool needsAttention(const Results& results, int exitStatus);
+
+/* Writes them as one JSON object of docs/quillet-results.schema.json to standard output. */
+void printJson(Results& results, int exitStatus);
+
+} /* namespace companion */
+
+#endif
