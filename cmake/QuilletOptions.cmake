@@ -29,10 +29,11 @@ if(WIN32)
     target_compile_definitions(quillet_proper_options INTERFACE UNICODE _UNICODE _WIN32_WINNT=0x0601)
 endif()
 
-# quillet_proper(NAME SOURCE... [USES LIBRARY...]): one layer of the system proper.
+# quillet_proper(NAME SOURCE... [USES LIBRARY...]): one layer of the system proper. Each source unit is compiled alone.
 function(quillet_proper name)
     cmake_parse_arguments(arg "" "" "USES" ${ARGN})
     add_library(${name} STATIC ${arg_UNPARSED_ARGUMENTS})
+    set_target_properties(${name} PROPERTIES UNITY_BUILD OFF)
     target_link_libraries(${name} PUBLIC ${arg_USES} PRIVATE quillet_proper_options)
 endfunction()
 

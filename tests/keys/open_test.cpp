@@ -241,8 +241,8 @@ TEST_F(Open, DescriptorsStay) {
         const ByteVector before = restorable("k\\a");
         const HANDLE key = at("k", 0x10E001F);
         setAccessMode(AccessMode::checked);
-        enablePrivilege(securityPrivilege);
-        if (row.allowed) enablePrivilege(takeOwnershipPrivilege);
+        enable(securityPrivilege);
+        if (row.allowed) enable(takeOwnershipPrivilege);
         const std::string line = outcome(told, [&] {
             return sidReplaceInKey(key, row.flags, nullptr, oldSid.data(), 24, newSid.data(), 24);
         });

@@ -40,7 +40,7 @@ TEST_F(AccessTest, EveryUseNeedsItsRight) {
     EXPECT_EQ(tryOpen(full(u"key"), {.access = everything}), STATUS_PRIVILEGE_NOT_HELD);
     EXPECT_EQ(createKey(none, full(u"new"), {.access = everything}), STATUS_PRIVILEGE_NOT_HELD);
     EXPECT_EQ(children(open(u"")), "key ");
-    enablePrivilege(securityPrivilege);
+    enable(securityPrivilege);
     for (const auto& [right, use] : rows) {
         for (ACCESS_MASK one = 1; one <= ACCESS_SYSTEM_SECURITY; one <<= 1) {
             if ((right & one) == 0) continue;
@@ -78,7 +78,7 @@ TEST_F(AccessTest, CheckedModeEnforcesDescriptors) {
 }
 
 TEST_F(AccessTest, DescriptorsAreReadWholeOrNotAtAll) {
-    enablePrivilege(securityPrivilege);
+    enable(securityPrivilege);
     HANDLE key = create(u"key", {.access = KEY_ALL_ACCESS | ACCESS_SYSTEM_SECURITY});
     const auto image = makeDescriptor(stranger, {allowed(stranger, KEY_READ, 0)});
     ASSERT_EQ(setSecurity(key, 15, image), ERROR_SUCCESS);

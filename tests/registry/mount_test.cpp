@@ -137,9 +137,9 @@ TEST_F(MountTest, HivesAreLoadedAndUnloaded) {
     constexpr auto* file = u"C:\\Users\\x\\ntuser.dat";
     const auto load = [&](HKEY root, LPCWSTR name) { return RegLoadKeyW(root, name, file); };
     EXPECT_EQ(load(HKEY_USERS, u"x"), ERROR_PRIVILEGE_NOT_HELD);
-    enablePrivilege(restorePrivilege);
+    enable(restorePrivilege);
     EXPECT_EQ(load(HKEY_USERS, u"x"), ERROR_PRIVILEGE_NOT_HELD);
-    enablePrivilege(backupPrivilege);
+    enable(backupPrivilege);
     EXPECT_EQ(load(HKEY_USERS, u"x"), ERROR_FILE_NOT_FOUND); /* no loader */
     registrySetLoader(loadFile);
     files.failure = STATUS_SHARING_VIOLATION;
@@ -166,9 +166,9 @@ TEST_F(MountTest, HivesAreLoadedAndUnloaded) {
     ASSERT_EQ(openKey(key, u"\\Registry\\User\\X\\link", {.attributes = OBJ_OPENLINK}), STATUS_SUCCESS);
     EXPECT_EQ(RegUnLoadKeyW(HKEY_USERS, u"x"), ERROR_ACCESS_DENIED); /* a link in memory is open */
     ZwClose(key);
-    enablePrivilege(restorePrivilege, 0);
+    enable(restorePrivilege, 0);
     EXPECT_EQ(RegUnLoadKeyW(HKEY_USERS, u"x"), ERROR_PRIVILEGE_NOT_HELD);
-    enablePrivilege(restorePrivilege);
+    enable(restorePrivilege);
     files.recording.failure = STATUS_DISK_FULL;
     EXPECT_EQ(RegUnLoadKeyW(HKEY_USERS, u"x"), ERROR_DISK_FULL);
     EXPECT_EQ(tryOpen(u"\\Registry\\User\\x\\made"), STATUS_SUCCESS); /* still mounted */

@@ -2,10 +2,10 @@
 import os, subprocess, unittest
 
 import programs
-from programs import ImageCase, PAIR, digest, quillet, run, sample
+from programs import CONFIG, ImageCase, PAIR, digest, quillet, run, sample
 
 
-HIVES = ["Windows/System32/config/" + name for name in ("SAM", "SECURITY", "SOFTWARE", "SYSTEM", "DEFAULT")]
+HIVES = [CONFIG + name for name in ("SAM", "SECURITY", "SOFTWARE", "SYSTEM", "DEFAULT")]
 HIVES += ["Users/alice/NTUSER.DAT", "Users/bob/NTUSER.DAT"]
 
 

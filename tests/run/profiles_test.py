@@ -1,10 +1,8 @@
 """The hives of users who are not logged on: what the profile list can say of them, in one run."""
-import os, shutil, subprocess, unittest
-
 import programs
-from programs import ImageCase, quillet, sample
+from programs import CONFIG, ImageCase, quillet, sample
 
-SOFTWARE = "Windows/System32/config/SOFTWARE"
+SOFTWARE = CONFIG + "SOFTWARE"
 LIST = r"Software\Microsoft\Windows NT\CurrentVersion\ProfileList"
 LONG = r"C:\Users" + r"\0123456789" * 22  # 250 characters; with the file name 261
 FULL = "C:\\Users\\" + "x" * 247 + ".dat"  # 260, the longest there can be
@@ -31,24 +29,20 @@ TREATED = [("S-1-1", r"C:\Users\alice\ntuser.dat"), ("S-1-3", r"C:\Users\bob\ntu
 class Profiles(ImageCase):
     def system(self):
         image = self.copy(sample(), "profiles.img")
-        hive, lines = self.write("SOFTWARE", self.contents(image, SOFTWARE)), []
-        at = r"\Microsoft\Windows NT\CurrentVersion\ProfileList"
-        shell = lambda text: subprocess.run(["hivexsh", "-w", hive], input=text, text=True, check=True, capture_output=True).stdout
-        for old in shell("cd %s\nls\n" % at).split():
+        lines, at = [], r"\Microsoft\Windows NT\CurrentVersion\ProfileList"
+        for old in self.edit_hive(image, SOFTWARE, ["cd " + at, "ls"]).split():
             if not old.startswith("S-1-5-21-") and old != "S-1-5-18": continue
             lines += ["cd %s\\%s" % (at, old), "del"]
         for name, kind, text, _ in PROFILES:
             lines += ["cd " + at, "add " + name, "cd " + name]
             if kind: lines += ["setval 1", "ProfileImagePath", kind + ":" + text]
-        shell("\n".join(lines + ["commit"]) + "\n")
-        with open(hive, "rb") as f: self.put(image, SOFTWARE, f.read())
+        self.edit_hive(image, SOFTWARE, lines)
         user = self.contents(image, "Users/bob/NTUSER.DAT")
         for name, data in ((FULL[9:-4], user), ("text", b"no hive\n" * 1000), ("torn", user[:4096] + user[8192:12288] + user[8192:])):
             self.put(image, "Users/%s.dat" % name, data)
         return image
 
     def test_each_kind_of_path(self):
-        if not shutil.which("hivexsh"): self.skipTest("hivexsh is not there")
         image = self.system()
         for options in ("-s", "-sq", "-"):
             done = quillet(options, system=image)

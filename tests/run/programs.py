@@ -1,11 +1,13 @@
 """Running the built programs, for the tests beside this file."""
-import hashlib, os, re, shutil, subprocess, tempfile, unittest
+import contextlib, hashlib, os, re, shutil, subprocess, sys, tempfile, unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 BUILD = os.environ["QUILLET_BUILD"]
 QUILLET, OFFLINE = os.path.join(BUILD, "quillet"), os.path.join(BUILD, "quillet-offline")
 SHARED = os.environ.get("QUILLET_SHARED") or os.path.join(HERE, "..", "..", "..", "shared")
 os.environ["PATH"] += ":/usr/sbin:/sbin"  # where mkntfs is, which a user's own path may lack
+CONFIG = "Windows/System32/config/"
+MACHINE = "S-1-5-21-1111-2222-3333"  # of the practice installation
 PAIR = re.compile(r"^(S-1-5-21-\d+-\d+-\d+) -> (S-1-5-21-\d+-\d+-\d+)$", re.M)
 
 
@@ -21,11 +23,11 @@ class Outcome:
         return self.err.splitlines()
 
 
-def run(program, *arguments, system=None, **environment):
+def run(program, *arguments, system=None, directory=None, **environment):
     env = {k: v for k, v in os.environ.items() if not k.startswith("QUILLET_")}
     if system is not None: env["QUILLET_SYSTEM"] = system
     env.update(environment)
-    return Outcome(subprocess.run([program, *arguments], capture_output=True, env=env))
+    return Outcome(subprocess.run([program, *arguments], capture_output=True, cwd=directory, env=env))
 
 
 def quillet(*arguments, system=None, **environment):
@@ -61,6 +63,25 @@ class ImageCase(unittest.TestCase):
         """Gives a file of a volume these contents, by a program that is not ours; makes it where it is missing."""
         subprocess.run(["ntfscp", "-f", image, self.write("put", data), path], check=True, capture_output=True)
 
+    def edit_hive(self, image, path, commands):
+        """Has a program that is not ours change a hive of a volume; what it says."""
+        if not shutil.which("hivexsh"): self.skipTest("hivexsh is not there")
+        hive = self.write("hive", self.contents(image, path))
+        script = "\n".join(commands + ["commit", ""]).encode()
+        done = subprocess.run(["hivexsh", "-w", hive], input=script, check=True, capture_output=True)
+        with open(hive, "rb") as f: self.put(image, path, f.read())
+        return done.stdout.decode()
+
+    @contextlib.contextmanager
+    def locked(self, path):
+        """Another process holds the file."""
+        holder = "import fcntl, sys\nf = open(sys.argv[1], 'r+b')\nfcntl.lockf(f, fcntl.LOCK_EX)\nprint(flush=True)\ninput()"
+        command = [sys.executable, "-c", holder, path]
+        with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE) as process:
+            process.stdout.readline()
+            yield
+            process.kill()
+
     def assert_sound(self, image):
         """No structure of the volume's security stream is amiss, and no dirty mark is left."""
         said = subprocess.run(["ntfssecaudit", "-ar", image], capture_output=True)
@@ -68,6 +89,28 @@ class ImageCase(unittest.TestCase):
         said = subprocess.run(["ntfsinfo", "-m", image], capture_output=True)
         self.assertEqual(said.returncode, 0, said.stderr)
         self.assertNotIn(b"is dirty", said.stdout)
+
+
+class CompanionCase(ImageCase):
+    """Runs quillet-offline in the temporary directory."""
+
+    def offline(self, *arguments): return run(OFFLINE, *arguments, directory=self.work)
+
+    def look(self, *arguments):
+        """What a command says that must leave a.img as it is."""
+        before = digest(self.path("a.img"))
+        done = self.offline(*arguments)
+        self.assertEqual(digest(self.path("a.img")), before)
+        return done
+
+    def assert_refused(self, done, words=""):
+        """One line on standard error says why, and nothing else is said."""
+        self.assertEqual((done.status, done.out), (2, ""))
+        self.assert_one_line(done, words)
+
+    def assert_one_line(self, done, words=""):
+        self.assertRegex(done.err, r"\Aquillet-offline: [^\n]+\n\Z")
+        self.assertIn(words, done.err)
 
 
 _sample = None
@@ -80,7 +123,7 @@ def sample():
         directory = tempfile.mkdtemp(prefix="quillet-sample-")
         unittest.addModuleCleanup(shutil.rmtree, directory)
         _sample = os.path.join(directory, "sample.img")
-        made = run(OFFLINE, "sample", _sample)
+        made = run(OFFLINE, "sample", _sample, "--machine", MACHINE)
         assert made.status == 0, made.err
     return _sample
 
@@ -93,7 +136,6 @@ def need_shared(*names):
 
 
 def main():
-    import sys
     program = unittest.main(module="__main__", exit=False)
     result = program.result
     if result.wasSuccessful() and result.testsRun and len(result.skipped) == result.testsRun: print("all tests skipped")

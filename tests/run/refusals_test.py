@@ -83,11 +83,8 @@ class Refusals(ImageCase):
 
     def test_an_image_in_use(self):
         image = self.copy(sample(), "locked.img")
-        holder = "import fcntl, sys, time\nf = open(sys.argv[1], 'r+b')\nfcntl.lockf(f, fcntl.LOCK_EX)\nprint('locked', flush=True)\ntime.sleep(60)"
-        with subprocess.Popen(["python3", "-c", holder, image], stdout=subprocess.PIPE) as process:
-            process.stdout.readline()
-            self.check(image, "in use|use by|locked")
-            process.kill()
+        with self.locked(image): self.check(image, "in use|use by|locked")
+
 
 class Streams(ImageCase):
     """Whatever the standard streams are, no byte of what is printed reaches a disk."""

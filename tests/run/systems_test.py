@@ -2,9 +2,8 @@
 import lzma, os, re, shutil, struct, subprocess, sys, tempfile, unittest
 
 import programs
-from programs import ImageCase, PAIR, digest, need_shared, quillet, run
+from programs import CONFIG, ImageCase, PAIR, digest, need_shared, quillet, run
 
-CONFIG = "Windows/System32/config/"
 HIVES = [CONFIG + "SAM", CONFIG + "SECURITY", CONFIG + "SOFTWARE", CONFIG + "SYSTEM", "Users/alice/NTUSER.DAT", "Users/bob/NTUSER.DAT"]
 _directory = tempfile.mkdtemp(prefix="quillet-real-")
 

@@ -105,9 +105,9 @@ inline HANDLE openToken(DWORD access) {
     return OpenProcessToken(GetCurrentProcess(), access, &token) ? token : nullptr;
 }
 
-inline DWORD enable(uint64_t luid) {
+inline DWORD enable(uint64_t luid, DWORD attributes = SE_PRIVILEGE_ENABLED) {
     HANDLE token = openToken(TOKEN_ADJUST_PRIVILEGES);
-    const DWORD error = adjust(token, {{luid, SE_PRIVILEGE_ENABLED}});
+    const DWORD error = adjust(token, {{luid, attributes}});
     CloseHandle(token);
     return error;
 }

@@ -93,7 +93,7 @@ void PrivilegedSystem::SetUp() {
 
 void PrivilegedSystem::enableAll() {
     for (const uint32_t luid : {takeOwnershipPrivilege, securityPrivilege, backupPrivilege, restorePrivilege})
-        enablePrivilege(luid);
+        enable(luid);
 }
 
 static std::u16string whole(std::u16string_view path) {

@@ -15,7 +15,6 @@
 #include "sidchng/sid.h"
 #include "sidchng/sidchng.h"
 #include "tests/support/descriptors.h"
-#include "tests/support/privileges.h"
 #include "tests/support/watched.h"
 
 namespace offline {
