@@ -45,6 +45,14 @@ void removePointers(JournalFiles& files, const JournalHead& head) {
     }
 }
 
+void removeUndoCopy(JournalFiles& files, const JournalHead& head) {
+    JournalReader copy;
+    if (head.undoCopy.empty()) return;
+    copy.open(files, head.undoCopy);
+    if (!copy.headWhole || copy.head.id != head.id || files.remove(head.undoCopy) != 0) return;
+    static_cast<void>(files.flushDirectory(directoryOf(head.undoCopy)));
+}
+
 PointerState followPointer(JournalFiles& files, const JournalReader& pointer) {
     const std::string& path = pointer.head.disks[0].path;
     JournalReader journal;

@@ -1,5 +1,5 @@
-/* The pointers: beside each disk of a journal but the first, where the journal lies. Private to this room.
- * May throw std::bad_alloc. */
+/* What belongs to a journal and lies elsewhere. The pointers: beside each disk but the first, where the
+ * journal lies. The copy that is to become its undo file. Private to this room. May throw std::bad_alloc. */
 #ifndef QUILLET_OFFLINE_DEVICE_POINTERS_H
 #define QUILLET_OFFLINE_DEVICE_POINTERS_H
 
@@ -15,6 +15,10 @@ NTSTATUS writePointers(JournalFiles& files, const JournalHead& head, Problem& pr
 /* Those that are still there, when their journal has ended. Where that fails a pointer to nothing stays,
  * which the next recovery removes. */
 void removePointers(JournalFiles& files, const JournalHead& head);
+
+/* The copy of the journal on another file system, when the journal is not to become an undo file; nothing
+ * else that bears its name. Durable, where it can be removed. */
+void removeUndoCopy(JournalFiles& files, const JournalHead& head);
 
 /* Where a pointer leads. */
 enum class PointerState {
