@@ -109,7 +109,7 @@ NTSTATUS Commit::chooseUndo() {
         return refuseJournal(disks[0].place.directory, "the directory can't be read", error, problem);
     }
     undoPath = undo.path;
-    head.undoCopy = undoCopyPath(undoPath);
+    head.undoFile = undoPath;
     JournalFile trial;
     int error = trial.open(files, undoPath);
     if (error == 0) return refuseUndo(undoPath, EEXIST, problem);
@@ -172,7 +172,7 @@ NTSTATUS Commit::secure() {
 
 /* (8): nothing of it stays. Where the journal does, the next recovery has to come before the disk is used. */
 NTSTATUS Commit::abandon(NTSTATUS status) {
-    removeUndoCopy(files, head);
+    removeCopies(files, head);
     int error = writer.created ? files.remove(journal) : 0;
     if (error == 0 && writer.created) error = files.flushDirectory(directoryOf(journal));
     removePointers(files, head);

@@ -88,11 +88,11 @@ JournalState JournalReader::readHead() {
     headWhole =
         (kind == JournalKind::journal || kind == JournalKind::pointer) && sumFits(read, head::sum) &&
         parseBody(Bytes(read).subspan(head::size), numberAt<uint32_t>(read, head::disks),
-                  numberAt<uint32_t>(read, head::marks), numberAt<uint32_t>(read, head::undoCopyLength));
+                  numberAt<uint32_t>(read, head::marks), numberAt<uint32_t>(read, head::undoFileLength));
     return JournalState::whole;
 }
 
-bool JournalReader::parseBody(Bytes body, uint32_t disks, uint32_t marks, uint32_t undoCopyLength) {
+bool JournalReader::parseBody(Bytes body, uint32_t disks, uint32_t marks, uint32_t undoFileLength) {
     Cursor cursor{body};
     for (uint32_t count = 0; count < disks && cursor.inside; ++count) {
         JournalDisk disk;
@@ -115,7 +115,7 @@ bool JournalReader::parseBody(Bytes body, uint32_t disks, uint32_t marks, uint32
         mark.bytes.assign(contents.begin(), contents.end());
         head.marks.push_back(std::move(mark));
     }
-    if (undoCopyLength != 0 && !takePath(cursor, undoCopyLength, head.undoCopy)) return false;
+    if (undoFileLength != 0 && !takePath(cursor, undoFileLength, head.undoFile)) return false;
     if (!cursor.inside || !cursor.left.empty() || head.disks.empty()) return false;
     ranges = markedRanges(head);
     return true;
