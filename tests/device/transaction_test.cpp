@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <functional>
 
+#include "platform/offline/device/journal_reader.h"
 #include "tests/device/journals.h"
 
 namespace offline::test {
@@ -41,6 +42,9 @@ void cutOnce(uint64_t seed) {
     ASSERT_NO_FATAL_FAILURE(recoverThroughCuts(sample));
     ASSERT_TRUE(sample.isNew() || (!committed && sample.isOld()))
         << committed << sample.holds(sample.before) << sample.isNew();
+    if (sample.isOld()) {
+        ASSERT_NE(JournalReader().open(sample.files, undoCopyPath(sample.undo.path)), JournalState::whole);
+    }
     if (sample.isOld() || !sample.undo.keep) return;
     ASSERT_TRUE(sample.undoThere());
 

@@ -109,6 +109,7 @@ NTSTATUS Commit::chooseUndo() {
         return refuseJournal(disks[0].place.directory, "the directory can't be read", error, problem);
     }
     undoPath = undo.path;
+    head.undoFile = undoPath;
     JournalFile trial;
     int error = trial.open(files, undoPath);
     if (error == 0) return refuseUndo(undoPath, EEXIST, problem);
@@ -171,7 +172,7 @@ NTSTATUS Commit::secure() {
 
 /* (8): nothing of it stays. Where the journal does, the next recovery has to come before the disk is used. */
 NTSTATUS Commit::abandon(NTSTATUS status) {
-    if (!undoCopy.empty()) files.remove(undoCopy);
+    removeCopies(files, head);
     int error = writer.created ? files.remove(journal) : 0;
     if (error == 0 && writer.created) error = files.flushDirectory(directoryOf(journal));
     removePointers(files, head);
@@ -249,7 +250,6 @@ NTSTATUS Commit::takeBack(const Problem& cause) {
     }
     text += "; all that had been written was taken back, nothing was changed";
     if (status < 0) text += "; " + second.text;
-    if (!undoCopy.empty()) files.remove(undoCopy);
     return refuse(problem, cause.status, text);
 }
 

@@ -9,9 +9,10 @@
  *   closing    one sector, written when all before it is on its medium
  *
  * Head: magic (8), version (4), kind (4), id (16), time (8: nanoseconds since 1970), disks (4), marks (4),
- * length of what follows (4), zero (4), checksum of all of the head with zero in this place (8). Then for
- * each disk: its size (8), the digest of its first 8192 bytes (16), the length of its journal's path (4), the
- * path. Then for each mark: disk (4), length (4), offset (8), its bytes.
+ * length of what follows (4), length of the undo file's path (4), checksum of all of the head with zero in
+ * this place (8). Then for each disk: its size (8), the digest of its first 8192 bytes (16), the length of
+ * its journal's path (4), the path. Then for each mark: disk (4), length (4), offset (8), its bytes. Then the
+ * undo file's path, where one was named.
  *
  * Piece: magic (4), disk (4), flags (4: 1 marked, 2 compressed), stretches (4), length of the table (4), of
  * the images (4) and of these as they are stored (4), zero (4), checksum of the piece with zero in this place
@@ -60,6 +61,7 @@ struct JournalHead {
     uint64_t time = 0;
     std::vector<JournalDisk> disks;
     std::vector<DirtyMark> marks;
+    std::string undoFile; /* absolute, when one was named; else "" */
 };
 
 /* The part of a disk that its marks cover, in whole units; ascending, apart from each other. */
@@ -86,7 +88,7 @@ constexpr uint64_t identityBytes = 8192; /* at a disk's start; a run never chang
 
 namespace head {
 constexpr size_t version = 8, kind = 12, id = 16, time = 32, disks = 40, marks = 44, bodyLength = 48,
-                 sum = 56, size = 64;
+                 undoFileLength = 52, sum = 56, size = 64;
 constexpr size_t diskSize = 28, markSize = 16; /* before a path, before a mark's bytes */
 constexpr uint32_t maxBody = 16u << 20;
 } /* namespace head */

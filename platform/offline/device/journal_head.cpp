@@ -37,7 +37,7 @@ const MarkedRange* markedIn(const std::vector<MarkedRange>& ranges, size_t disk,
 
 ByteVector encodedHead(const JournalHead& head) {
     using namespace journal;
-    size_t size = head::size;
+    size_t size = head::size + head.undoFile.size();
     for (const JournalDisk& disk : head.disks) size += head::diskSize + disk.path.size();
     for (const DirtyMark& mark : head.marks) size += head::markSize + mark.bytes.size();
     ByteVector bytes(size);
@@ -49,6 +49,7 @@ ByteVector encodedHead(const JournalHead& head) {
     put(bytes, head::disks, static_cast<uint32_t>(head.disks.size()));
     put(bytes, head::marks, static_cast<uint32_t>(head.marks.size()));
     put(bytes, head::bodyLength, static_cast<uint32_t>(size - head::size));
+    put(bytes, head::undoFileLength, static_cast<uint32_t>(head.undoFile.size()));
     size_t at = head::size;
     for (const JournalDisk& disk : head.disks) {
         put(bytes, at, disk.size);
@@ -66,6 +67,7 @@ ByteVector encodedHead(const JournalHead& head) {
         std::copy(mark.bytes.begin(), mark.bytes.end(), bytes.begin() + static_cast<std::ptrdiff_t>(at));
         at += mark.bytes.size();
     }
+    std::copy(head.undoFile.begin(), head.undoFile.end(), bytes.begin() + static_cast<std::ptrdiff_t>(at));
     put(bytes, head::sum, checksum(bytes));
     return bytes;
 }

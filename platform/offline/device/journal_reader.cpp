@@ -44,6 +44,12 @@ struct Cursor {
     }
 };
 
+bool takePath(Cursor& cursor, uint64_t length, std::string& path) {
+    const Bytes text = cursor.take(length);
+    path.assign(text.begin(), text.end());
+    return path.starts_with('/') && path.find('\0') == std::string::npos;
+}
+
 } /* namespace */
 
 /* ---- Head and closing record ---- */
@@ -79,21 +85,20 @@ JournalState JournalReader::readHead() {
         return JournalState::unreadable;
     }
     bodyEnd = read.size();
-    headWhole = (kind == JournalKind::journal || kind == JournalKind::pointer) && sumFits(read, head::sum) &&
-                parseBody(Bytes(read).subspan(head::size), numberAt<uint32_t>(read, head::disks),
-                          numberAt<uint32_t>(read, head::marks));
+    headWhole =
+        (kind == JournalKind::journal || kind == JournalKind::pointer) && sumFits(read, head::sum) &&
+        parseBody(Bytes(read).subspan(head::size), numberAt<uint32_t>(read, head::disks),
+                  numberAt<uint32_t>(read, head::marks), numberAt<uint32_t>(read, head::undoFileLength));
     return JournalState::whole;
 }
 
-bool JournalReader::parseBody(Bytes body, uint32_t disks, uint32_t marks) {
+bool JournalReader::parseBody(Bytes body, uint32_t disks, uint32_t marks, uint32_t undoFileLength) {
     Cursor cursor{body};
     for (uint32_t count = 0; count < disks && cursor.inside; ++count) {
         JournalDisk disk;
         disk.size = cursor.number<uint64_t>();
         disk.identity = cursor.number<Digest>();
-        const Bytes text = cursor.take(cursor.number<uint32_t>());
-        disk.path.assign(text.begin(), text.end());
-        if (!disk.path.starts_with('/') || disk.path.find('\0') != std::string::npos) return false;
+        if (!takePath(cursor, cursor.number<uint32_t>(), disk.path)) return false;
         if (disk.size > INT64_MAX) return false;
         head.disks.push_back(std::move(disk));
     }
@@ -110,6 +115,7 @@ bool JournalReader::parseBody(Bytes body, uint32_t disks, uint32_t marks) {
         mark.bytes.assign(contents.begin(), contents.end());
         head.marks.push_back(std::move(mark));
     }
+    if (undoFileLength != 0 && !takePath(cursor, undoFileLength, head.undoFile)) return false;
     if (!cursor.inside || !cursor.left.empty() || head.disks.empty()) return false;
     ranges = markedRanges(head);
     return true;

@@ -70,7 +70,7 @@ private:
 
     JournalState readHead();
     JournalState readClosing();
-    bool parseBody(Bytes body, uint32_t disks, uint32_t marks);
+    bool parseBody(Bytes body, uint32_t disks, uint32_t marks, uint32_t undoFileLength);
     int readPiece(Progress& progress);
     bool unpackImages();
     bool parsePiece(Progress& progress, const ForStretch* function, NTSTATUS& status);

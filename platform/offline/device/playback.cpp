@@ -221,6 +221,7 @@ NTSTATUS takeBackJournal(JournalFiles& files, JournalReader& journal, const Jour
     const NTSTATUS status = playJournal(journal, disks, Side::before, problem);
     if (status < 0) return status;
     oldBytesBack = true;
+    removeCopies(files, journal.head);
     int error = files.remove(journal.path);
     if (error == 0) error = files.flushDirectory(directoryOf(journal.path));
     if (error != 0) {

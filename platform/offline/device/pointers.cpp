@@ -45,6 +45,17 @@ void removePointers(JournalFiles& files, const JournalHead& head) {
     }
 }
 
+void removeCopies(JournalFiles& files, const JournalHead& head) {
+    if (head.undoFile.empty()) return;
+    for (const std::string& path : {undoCopyPath(head.undoFile), head.undoFile}) {
+        if (path == head.disks[0].path) continue; /* the journal itself */
+        JournalReader copy;
+        copy.open(files, path);
+        if (!copy.headWhole || copy.head.id != head.id || files.remove(path) != 0) continue;
+        static_cast<void>(files.flushDirectory(directoryOf(path)));
+    }
+}
+
 PointerState followPointer(JournalFiles& files, const JournalReader& pointer) {
     const std::string& path = pointer.head.disks[0].path;
     JournalReader journal;

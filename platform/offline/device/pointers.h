@@ -1,5 +1,5 @@
-/* The pointers: beside each disk of a journal but the first, where the journal lies. Private to this room.
- * May throw std::bad_alloc. */
+/* What belongs to a journal and lies elsewhere. The pointers: beside each disk but the first, where the
+ * journal lies. Copies, as an undo file or to become one. Private to this room. May throw std::bad_alloc. */
 #ifndef QUILLET_OFFLINE_DEVICE_POINTERS_H
 #define QUILLET_OFFLINE_DEVICE_POINTERS_H
 
@@ -15,6 +15,11 @@ NTSTATUS writePointers(JournalFiles& files, const JournalHead& head, Problem& pr
 /* Those that are still there, when their journal has ended. Where that fails a pointer to nothing stays,
  * which the next recovery removes. */
 void removePointers(JournalFiles& files, const JournalHead& head);
+
+/* Copies of the journal on another file system, when the old bytes are back: the one that was to become the
+ * undo file, and the undo file that the journal was copied from. Nothing else that bears such a name.
+ * Durable, where they can be removed. */
+void removeCopies(JournalFiles& files, const JournalHead& head);
 
 /* Where a pointer leads. */
 enum class PointerState {

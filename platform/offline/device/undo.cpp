@@ -129,7 +129,7 @@ UndoOutcome undoGuarded(Undo& undo, const std::string& wanted) {
     if (status >= 0 && !path.empty()) status = undo.open(path, found);
     if (status >= 0 && !found && !wanted.empty()) { /* its run was cut off when only the name was missing */
         path = undoCopyPath(wanted);
-        status = undo.open(path, found);
+        found = undo.file.open(undo.files, path) == JournalState::whole;
     }
     if (status >= 0 && !found) return UndoOutcome::nothing;
     if (status >= 0) status = undo.check();
