@@ -110,8 +110,9 @@ TEST_F(DescriptorTest, EveryValidOneIsKeptByteForByteAndShared) {
     for (const auto& [file, bytes] : files) EXPECT_EQ(opened.read(file), bytes);
 }
 
-/* What was begun counts as a failed change, and what is stored next does not overwrite it. */
-TEST_F(DescriptorTest, MemoryMayRunOutWhileOneIsStored) {
+/* While one is stored nothing of it stays, and the next does not overwrite it. What is missing when all are
+ * written counts as a failed change, and is completed. */
+TEST_F(DescriptorTest, MemoryMayRunOutAtEachStep) {
     OpenVolume opened(image);
     const FileRef file = opened.make(u"file");
     NTSTATUS status = STATUS_NO_MEMORY;
@@ -123,9 +124,24 @@ TEST_F(DescriptorTest, MemoryMayRunOutWhileOneIsStored) {
         ASSERT_EQ(volumeSetDescriptor(opened, file, next), STATUS_SUCCESS) << i;
     }
     EXPECT_EQ(status, STATUS_SUCCESS);
+    uint32_t failed = 0;
+    for (uint32_t number = 10'000; number < 10'300; ++number)
+        ASSERT_EQ(volumeSetDescriptor(opened, file, descriptor(number)), STATUS_SUCCESS);
+    for (long allocations = 0;; allocations += 1 + allocations / 8) {
+        allocationsLeft = allocations;
+        status = volumeFlush(opened);
+        allocationsLeft = -1;
+        if (status >= 0) break;
+        ASSERT_EQ(status, STATUS_NO_MEMORY) << allocations;
+        ++failed;
+    }
+    EXPECT_GT(failed, 20u);
+    EXPECT_EQ(opened.read(file), descriptor(10'299));
+    ASSERT_EQ(volumeSetDescriptor(opened, file, descriptor(20'000)), STATUS_SUCCESS); /* into the new index */
     EXPECT_EQ(opened.close(), STATUS_NO_MEMORY);
-    const std::string report = images::outputOf("ntfssecaudit -a " + image);
+    const std::string report = images::outputOf("ntfssecaudit -ar " + image);
     EXPECT_NE(report.find("No errors were found"), std::string::npos) << report;
+    EXPECT_NE(report.find("All keys are present in all lists"), std::string::npos) << report;
 }
 
 /* mkntfs gives the root an attribute of its own; other metadata is left alone, and so is what is none. */

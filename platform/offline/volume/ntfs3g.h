@@ -51,6 +51,7 @@ constexpr ntfs3g::BOOL libraryTrue = ntfs3g::TRUE, libraryFalse = ntfs3g::FALSE;
 
 /* What the library's macros call by its bare name. */
 using ntfs3g::MFT_REF;
+using ntfs3g::NA_NonResident;
 using ntfs3g::ND_Dirty;
 using ntfs3g::ND_Open;
 using ntfs3g::ND_ReadOnly;

@@ -3,7 +3,7 @@
 #ifndef QUILLET_OFFLINE_VOLUME_OPEN_VOLUME_H
 #define QUILLET_OFFLINE_VOLUME_OPEN_VOLUME_H
 
-#include "platform/offline/volume/ntfs3g.h"
+#include "platform/offline/volume/secure_table.h"
 /* before everything else */
 #include <algorithm>
 #include <functional>
@@ -47,11 +47,6 @@ struct FileRecord {
     FileInfo info = {};
 };
 
-struct BytesHash {
-    using is_transparent = void;
-    size_t operator()(std::string_view bytes) const { return std::hash<std::string_view>()(bytes); }
-};
-
 struct Volume {
     std::string name; /* for messages */
     VolumeDevice device;
@@ -71,18 +66,14 @@ struct Volume {
     uint64_t lookingAt = 0;            /* MFT record of the file that beginCall named */
     uint64_t lastDamaged = UINT64_MAX; /* that damage was noted of */
 
-    /* Descriptors by security id, an empty one where it leads to none that is valid; and the ids under which
-     * descriptors were stored here, by their bytes. */
+    /* Descriptors by security id, an empty one where it leads to none that is valid. */
     std::unordered_map<uint32_t, std::vector<uint8_t>> descriptors;
-    std::unordered_map<std::string, uint32_t, BytesHash, std::equal_to<>> storedIds;
-    size_t descriptorBytes = 0; /* kept in both */
+    size_t descriptorBytes = 0; /* kept in it */
+    SecureTable secure;
     /* Kept from directory to directory. */
     std::vector<uint8_t> indexBlock, indexBitmap;
 
     std::vector<uint8_t> lastDescriptor; /* of a file without a security id */
-
-    uint64_t nextSecurityId = 0;    /* 0: not known yet */
-    uint64_t securityStreamEnd = 0; /* bytes, after the last descriptor; valid with the id */
 };
 
 inline uint64_t recordNumberOf(FileRef file) {
@@ -243,12 +234,17 @@ struct Inode {
 /* ---- Descriptors ---- */
 
 /* Whether the volume's indexes of descriptors, and the stream that they point into, are whole and agree:
- * STATUS_FILE_CORRUPT_ERROR when they are not, or why that can't be said. May throw std::bad_alloc. */
+ * STATUS_FILE_CORRUPT_ERROR when they are not, or why that can't be said. Else the volume knows them all from
+ * now on. May throw std::bad_alloc. */
 NTSTATUS checkSecureIndexes(Volume& volume);
 
 /* The id under which files share this valid descriptor; it is stored when it is new. May throw
  * std::bad_alloc. */
 NTSTATUS securityIdOf(Volume& volume, Bytes descriptor, uint32_t& id);
+
+/* Writes the descriptors that were stored, and the entries that lead to them. What could not be written is
+ * tried again the next time. May throw std::bad_alloc. */
+NTSTATUS writeStored(Volume& volume);
 
 /* ---- Names ---- */
 

@@ -15,27 +15,19 @@ namespace offline {
 
 /* ---- Attributes ---- */
 
-struct AttributeCloser {
-    void operator()(ntfs3g::ntfs_attr* attribute) const { ntfs3g::ntfs_attr_close(attribute); }
-};
-using AttributePtr = std::unique_ptr<ntfs3g::ntfs_attr, AttributeCloser>;
-
 /* One of $Secure's attributes; null when it is not there. */
 AttributePtr openSecure(Volume& volume, ntfs3g::ATTR_TYPES type, std::u16string_view name);
 
 /* Whether all of the bytes could be read. */
 bool readAttribute(ntfs3g::ntfs_attr* attribute, uint64_t offset, std::span<uint8_t> bytes);
 
+/* The same in long reads past the block cache, of what is read once; where the disk refuses them, that is not
+ * missed. */
+bool readAttributePast(Volume& volume, ntfs3g::ntfs_attr* attribute, uint64_t offset,
+                       std::span<uint8_t> bytes);
+
 /* ---- The indexes ---- */
 
-/* What both indexes say of a descriptor, and the header before it in the stream as well, bit for bit. */
-struct SdsEntry {
-    uint32_t hash;
-    uint32_t id;
-    uint64_t offset; /* bytes, of the header */
-    uint32_t length; /* bytes, the header's included */
-    bool operator==(const SdsEntry&) const = default;
-};
 constexpr size_t storedHeader = 20; /* bytes that it takes on the disk */
 
 SdsEntry sdsEntry(Bytes header);
@@ -69,7 +61,42 @@ using EnterBlock = std::function<bool(uint64_t number)>;
 bool visitEntries(const SecureIndex& index, uint64_t first, const VisitEntry& visit,
                   const EnterBlock& enter = {});
 
+/* Adds an entry that the index does not have yet; through the library, which reports no block that it could
+ * not write. */
+bool addToIndex(Volume& volume, const SdsEntry& sds, bool byHash);
+
+/* Makes an index that has blocks anew, of all entries, in the order of its keys. Whether all was written. May
+ * throw std::bad_alloc. */
+bool buildIndex(SecureIndex& index, std::u16string_view name, std::span<const SdsEntry> entries,
+                std::vector<uint32_t> order);
+
+/* An entry as an index has it, before what leads to a block below; null: the last of a node. */
+std::vector<uint8_t> indexEntry(const SdsEntry* sds, bool byHash);
+
+/* The header, of storedHeader bytes. */
+void putHeader(uint8_t* at, const SdsEntry& sds);
+
+/* ---- The table ---- */
+
+/* The entry of an id, where ids ascend; null when there is none. */
+const SdsEntry* entryOf(const std::vector<SdsEntry>& entries, uint32_t id);
+
+/* The entries of a hash, and others among them; null at the end. */
+const SdsEntry* firstOfHash(const SecureTable& table, uint32_t hash);
+const SdsEntry* nextOfHash(const SecureTable& table, const SdsEntry* entry);
+
+/* Finds the entries of the table by hash, too. May throw std::bad_alloc. */
+void makeChains(SecureTable& table);
+
+/* Takes an entry with an id above all others. May throw std::bad_alloc. */
+void addToTable(SecureTable& table, const SdsEntry& sds);
+
+/* Makes the volume's table of what an index of ids says. Its entries ascend. May throw std::bad_alloc. */
+void takeTable(Volume& volume, std::vector<SdsEntry> entries);
+
 /* ---- Descriptors ---- */
+
+constexpr uint64_t streamBlock = 256 * 1024; /* bytes; every second one is a copy of the one before */
 
 /* Why a descriptor could not be had, after calls of the library before which errno was 0: memory, the disk,
  * or else what the caller says. */
@@ -79,10 +106,13 @@ NTSTATUS unreadable(const Volume& volume, NTSTATUS otherwise);
  * STATUS_IO_DEVICE_ERROR when the disk could not be read. May throw std::bad_alloc. */
 NTSTATUS readStored(Volume& volume, uint32_t id, std::vector<uint8_t>& descriptor);
 
-/* The id of an equal descriptor, which is stored when there is none yet: first the descriptor, then the
- * entries that lead to it, so that none ever leads nowhere. The descriptor is valid. May throw
- * std::bad_alloc. */
-NTSTATUS findOrStore(Volume& volume, Bytes descriptor, uint32_t& id);
+/* Whether an equal descriptor is among those that the volume remembers, and under which id. */
+bool knownId(const Volume& volume, uint32_t hash, Bytes descriptor, uint32_t& id);
+uint32_t hashOf(Bytes descriptor);
+
+/* The id of an equal descriptor, which is stored when there is none yet; writeStored writes it. The
+ * descriptor is valid. May throw std::bad_alloc. */
+NTSTATUS findOrStore(Volume& volume, uint32_t hash, Bytes descriptor, uint32_t& id);
 
 } /* namespace offline */
 

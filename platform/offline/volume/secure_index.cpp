@@ -157,6 +157,29 @@ bool readAttribute(ntfs3g::ntfs_attr* attribute, uint64_t offset, std::span<uint
            ntfs3g::ntfs_attr_pread(attribute, static_cast<int64_t>(offset), size, bytes.data()) == size;
 }
 
+bool readAttributePast(Volume& volume, ntfs3g::ntfs_attr* attribute, uint64_t offset,
+                       std::span<uint8_t> bytes) {
+    const unsigned bits = volume.ntfs->cluster_size_bits;
+    const auto initialized = static_cast<uint64_t>(attribute->initialized_size);
+    if (!NAttrNonResident(attribute) || NAttrCompressed(attribute) || NAttrEncrypted(attribute)) return false;
+    if (offset > initialized || bytes.size() > initialized - offset) return false;
+    while (!bytes.empty()) {
+        const auto vcn = static_cast<int64_t>(offset >> bits);
+        const ntfs3g::runlist_element* const run = ntfs3g::ntfs_attr_find_vcn(attribute, vcn);
+        if (run == nullptr || run->lcn < 0 || run->lcn >= volume.ntfs->nr_clusters) return false;
+        const uint64_t within = offset - (static_cast<uint64_t>(run->vcn) << bits);
+        const uint64_t length = (static_cast<uint64_t>(run->length) << bits) - within;
+        const auto count = static_cast<size_t>(std::min<uint64_t>(length, bytes.size()));
+        const uint64_t place = (static_cast<uint64_t>(run->lcn) << bits) + within;
+        if (place > volume.device.size || count > volume.device.size - place) return false;
+        if (diskReadPast(*volume.device.disk, volume.device.start + place, bytes.first(count)) < 0)
+            return false;
+        offset += count;
+        bytes = bytes.subspan(count);
+    }
+    return true;
+}
+
 SdsEntry sdsEntry(Bytes header) {
     return {numberAt<uint32_t>(header, 0), numberAt<uint32_t>(header, 4), numberAt<uint64_t>(header, 8),
             numberAt<uint32_t>(header, 16)};

@@ -10,29 +10,16 @@
 namespace offline {
 namespace {
 
-constexpr size_t keptDescriptorBytes = 8 * 1024 * 1024;
+constexpr size_t keptDescriptorBytes = 4 * 1024 * 1024;
 constexpr size_t keptEntry = 64; /* bytes that an entry of a map takes beside its descriptor, about */
-
-std::string_view textOf(Bytes bytes) {
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
 
 /* The memory for descriptors is bounded, whatever a volume holds. */
 void makeRoom(Volume& volume, size_t bytes) {
     if (volume.descriptorBytes + bytes > keptDescriptorBytes) {
         volume.descriptors.clear();
-        volume.storedIds.clear();
         volume.descriptorBytes = 0;
     }
     volume.descriptorBytes += bytes;
-}
-
-/* The id under which the same bytes were stored here before; they are valid then. */
-bool knownId(const Volume& volume, Bytes descriptor, uint32_t& id) {
-    const auto stored = volume.storedIds.find(textOf(descriptor));
-    if (stored == volume.storedIds.end()) return false;
-    id = stored->second;
-    return true;
 }
 
 /* One that is not valid is remembered as such, so that it is read once as well. */
@@ -105,16 +92,20 @@ NTSTATUS setIdThroughLibrary(Volume& volume, FileRef file, uint32_t id) {
     return status < 0 ? status : closed;
 }
 
+NTSTATUS findAndKeep(Volume& volume, uint32_t hash, Bytes descriptor, uint32_t& id) {
+    const NTSTATUS status = findOrStore(volume, hash, descriptor, id);
+    if (status < 0) return status;
+    makeRoom(volume, descriptor.size() + keptEntry);
+    volume.descriptors.insert_or_assign(id, std::vector<uint8_t>(descriptor.begin(), descriptor.end()));
+    return STATUS_SUCCESS;
+}
+
 } /* namespace */
 
 NTSTATUS securityIdOf(Volume& volume, Bytes descriptor, uint32_t& id) {
-    if (knownId(volume, descriptor, id)) return STATUS_SUCCESS;
-    const NTSTATUS status = findOrStore(volume, descriptor, id);
-    if (status < 0) return status;
-    makeRoom(volume, 2 * (descriptor.size() + keptEntry));
-    volume.storedIds.emplace(textOf(descriptor), id);
-    volume.descriptors.insert_or_assign(id, std::vector<uint8_t>(descriptor.begin(), descriptor.end()));
-    return STATUS_SUCCESS;
+    const uint32_t hash = hashOf(descriptor);
+    return knownId(volume, hash, descriptor, id) ? STATUS_SUCCESS
+                                                 : findAndKeep(volume, hash, descriptor, id);
 }
 
 NTSTATUS volumeDescriptor(Volume& volume, FileRef file, Bytes& descriptor) {
@@ -138,15 +129,15 @@ NTSTATUS volumeDescriptor(Volume& volume, FileRef file, Bytes& descriptor) {
 NTSTATUS volumeSetDescriptor(Volume& volume, FileRef file, Bytes descriptor) {
     return guarded([&]() -> NTSTATUS {
         if (isMetadata(file)) return STATUS_ACCESS_DENIED;
-        uint32_t id = 0;
-        const bool known = knownId(volume, descriptor, id);
+        uint32_t id = 0, hash = hashOf(descriptor);
+        const bool known = knownId(volume, hash, descriptor, id);
         if (!known && !descriptorValid(descriptor)) return STATUS_INVALID_SECURITY_DESCR;
         NTSTATUS status = beginChange(volume);
         RecordFacts* const facts = status >= 0 ? factsOf(volume, file) : nullptr;
         if (status >= 0 && facts == nullptr) status = loadRecord(volume, file);
         if (status >= 0 && !known) {
             beginCall(volume, file);
-            status = securityIdOf(volume, descriptor, id);
+            status = findAndKeep(volume, hash, descriptor, id);
         }
         if (status < 0) return status;
         if (facts != nullptr) {

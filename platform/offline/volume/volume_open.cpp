@@ -153,10 +153,19 @@ NTSTATUS syncMetadata(Volume& volume) {
     return first;
 }
 
+/* What is not written at once: descriptors first, then the files' ids that lead to them. */
+NTSTATUS writeCollected(Volume& volume) {
+    return guarded([&] {
+        const NTSTATUS status = writeStored(volume);
+        return status < 0 ? status : writeSecurityIds(volume);
+    });
+}
+
 } /* namespace */
 
 void VolumeDeleter::operator()(Volume* volume) const {
-    if (volume->ntfs != nullptr) static_cast<void>(guarded([&] { return writeSecurityIds(*volume); }));
+    if (volume->ntfs != nullptr) static_cast<void>(writeCollected(*volume));
+    volume->secure.stream.reset();
     if (volume->ntfs != nullptr) ntfs3g::ntfs_umount(volume->ntfs, libraryTrue);
     delete volume;
 }
@@ -199,7 +208,7 @@ NTSTATUS beginChange(Volume& volume) {
 
 NTSTATUS volumeFlush(Volume& volume) {
     if (!volume.changed) return STATUS_SUCCESS;
-    NTSTATUS status = guarded([&] { return writeSecurityIds(volume); });
+    NTSTATUS status = writeCollected(volume);
     const NTSTATUS written = syncMetadata(volume);
     const NTSTATUS synced = diskSync(*volume.device.disk);
     if (status >= 0) status = written < 0 ? written : synced;
@@ -211,6 +220,7 @@ NTSTATUS volumeClose(VolumePtr volume) {
     if (volume->changeFailure < 0) status = volume->changeFailure;
     ntfs3g::ntfs_volume* ntfs = volume->ntfs;
     volume->ntfs = nullptr;
+    volume->secure.stream.reset();
     uint64_t writes = volume->device.writes;
     beginCall(*volume, ntfs3g::FILE_Volume);
     if (ntfs3g::ntfs_umount(ntfs, libraryTrue) != 0 && status >= 0) status = libraryStatus(*volume, errno);
