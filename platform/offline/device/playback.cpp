@@ -10,7 +10,7 @@ namespace {
 
 NTSTATUS refuseDevice(const TransactionDisk& disk, const char* what, DeviceError error, Problem& problem) {
     return refuse(problem, deviceStatus(error),
-                  disk.device->name() + ": " + what + " (" + deviceErrorText(error) + ")");
+                  disk.device->name() + ": " + what + " (" + disk.device->reason(error) + ")");
 }
 
 /* ---- Which disks ---- */
