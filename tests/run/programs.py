@@ -113,19 +113,18 @@ class CompanionCase(ImageCase):
         self.assertIn(words, done.err)
 
 
-_sample = None
+_samples = {}
 
 
-def sample():
-    """A practice installation, made once for all tests of a program."""
-    global _sample
-    if _sample is None:
+def sample(*options):
+    """A practice installation, made once with these options for all tests of a program."""
+    if options not in _samples:
         directory = tempfile.mkdtemp(prefix="quillet-sample-")
         unittest.addModuleCleanup(shutil.rmtree, directory)
-        _sample = os.path.join(directory, "sample.img")
-        made = run(OFFLINE, "sample", _sample, "--machine", MACHINE)
+        made = run(OFFLINE, "sample", *options, os.path.join(directory, "sample.img"), "--machine", MACHINE)
         assert made.status == 0, made.err
-    return _sample
+        _samples[options] = os.path.join(directory, "sample.img")
+    return _samples[options]
 
 
 def need_shared(*names):

@@ -26,11 +26,6 @@ struct DeviceRead {
     std::span<uint8_t> bytes; /* where they go */
 };
 
-struct DeviceWrite {
-    uint64_t offset = 0; /* bytes */
-    Bytes bytes;
-};
-
 struct BlockDevice {
     BlockDevice() = default;
     virtual ~BlockDevice() = default;
@@ -46,15 +41,16 @@ struct BlockDevice {
     virtual bool writable() const { return !readOnly(); }
 
     /* Offsets and sizes are in bytes and need no alignment; the range lies on the device. A call that fails
-     * leaves the bytes that it was to read, or the range that it was to write, undefined. */
+     * leaves the bytes that it was to read, or the range that it was to write, undefined. A device may go on
+     * with a write when the call has returned: what comes later is as if it were done, but that it failed may
+     * be told by the next write or flush, once. */
     [[nodiscard]] virtual DeviceError read(uint64_t offset, std::span<uint8_t> bytes) = 0;
     [[nodiscard]] virtual DeviceError write(uint64_t offset, Bytes bytes) = 0;
 
     /* Why it refused, for a message. May throw std::bad_alloc. */
     virtual std::string reason(DeviceError error) const;
 
-    /* How many reads, or writes, are worth having under way at once: 1 where each costs the same alone and in
-     * company. */
+    /* How many reads are worth having under way at once: 1 where each costs the same alone and in company. */
     virtual size_t readsAtOnce() const { return 1; }
 
     /* Reads of one moment, in any order; as read, for each. A device that answers them side by side takes
@@ -62,15 +58,6 @@ struct BlockDevice {
     [[nodiscard]] virtual DeviceError readAll(std::span<const DeviceRead> reads) {
         for (const DeviceRead& one : reads) {
             const DeviceError error = read(one.offset, one.bytes);
-            if (error != 0) return error;
-        }
-        return 0;
-    }
-
-    /* Writes of one moment, no two of which overlap, in any order; as write, for each. */
-    [[nodiscard]] virtual DeviceError writeAll(std::span<const DeviceWrite> writes) {
-        for (const DeviceWrite& one : writes) {
-            const DeviceError error = write(one.offset, one.bytes);
             if (error != 0) return error;
         }
         return 0;

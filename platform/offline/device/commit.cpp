@@ -55,9 +55,9 @@ NTSTATUS Commit::begin(std::span<const DirtyMark> marks) {
         DeviceError error = disk.device->readOnly() ? EROFS : identityOf(*disk.device, known.identity);
         if (error == 0) error = disk.overlay->flush(); /* whether it lost something */
         if (error != 0) {
-            return refuse(
-                problem, deviceStatus(error),
-                disk.device->name() + ": the changes can't be committed (" + deviceErrorText(error) + ")");
+            return refuse(problem, deviceStatus(error),
+                          disk.device->name() + ": the changes can't be committed (" +
+                              disk.overlay->reason(error) + ")");
         }
         head.disks.push_back(std::move(known));
     }

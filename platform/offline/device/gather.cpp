@@ -56,7 +56,7 @@ NTSTATUS Gathering::load(uint64_t start, uint64_t end) {
     if (error != 0) {
         return refuse(problem, deviceStatus(error),
                       one.device->name() + ": what is to be changed there can't be read (" +
-                          deviceErrorText(error) + ")");
+                          one.device->reason(error) + ")");
     }
     after.resize(before.size());
     error = one.overlay->patch(start, after, before);

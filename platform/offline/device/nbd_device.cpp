@@ -33,7 +33,7 @@ struct Request {
     uint64_t count = 0;
 };
 
-/* Requests under way, and the first refusal of theirs. */
+/* Requests under way, and the first refusal of theirs that nobody was told of yet. */
 struct Batch {
     size_t underWay = 0;
     DeviceError error = 0;
@@ -45,6 +45,12 @@ int requestDone(void* batch, int* error) {
     if (*error != 0 && of.error == 0) of.error = *error;
     return 1; /* nobody asks for it again */
 }
+
+/* A write that goes on by itself. */
+struct Writing {
+    uint64_t offset, end; /* bytes */
+    ByteVector bytes;     /* none for zeros */
+};
 
 struct Extent {
     uint64_t end = 0; /* it begins where the one before ends */
@@ -60,7 +66,9 @@ struct NbdDevice final : BlockDevice {
     bool onlyRead = true, mayBeWritten = false, tellsHoles = false, zeroes = false;
     DeviceError flushRefusal = 0;
     uint64_t extentsFrom = 0;
-    std::vector<Extent> extents; /* from there on, as they are now */
+    std::vector<Extent> extents;  /* from there on, as they are now */
+    std::vector<Writing> writing; /* some of them may be done */
+    Batch written;                /* of those */
 
     ~NbdDevice() override;
     NTSTATUS refuseNonsense(const std::string& what, Problem& problem) const;
@@ -77,7 +85,6 @@ struct NbdDevice final : BlockDevice {
     DeviceError read(uint64_t offset, std::span<uint8_t> into) override;
     DeviceError readAll(std::span<const DeviceRead> reads) override;
     DeviceError write(uint64_t offset, Bytes from) override;
-    DeviceError writeAll(std::span<const DeviceWrite> writes) override;
     DeviceError flush() override;
     uint64_t holeAt(uint64_t offset, uint64_t count) override;
     DeviceError zero(uint64_t offset, uint64_t count) override;
@@ -85,11 +92,14 @@ struct NbdDevice final : BlockDevice {
 private:
     bool alive() const { return handle != nullptr; }
     bool inUnits(uint64_t offset, uint64_t count) const { return offset % unit == 0 && count % unit == 0; }
-    void wait(Batch& batch);
+    void noticeEnd();
+    void wait(const Batch& batch);
     bool issue(Command command, const Request& request, Batch& batch);
     DeviceError perform(Command command, std::span<const Request> requests);
-    void addRequests(uint64_t offset, uint8_t* at, uint64_t count, std::vector<Request>& requests) const;
+    void addRequests(const DeviceRead& read, std::vector<Request>& requests) const;
     DeviceError readUnits(std::span<const DeviceRead> reads);
+    DeviceError endWriting();
+    DeviceError goOnWriting(Command command, uint64_t offset, uint64_t count, Bytes from);
     DeviceError writeParts(uint64_t offset, Bytes from);
     DeviceError writeZeros(uint64_t offset, uint64_t count);
     void askExtents(uint64_t offset);
@@ -109,11 +119,16 @@ std::string NbdDevice::reason(DeviceError error) const {
 
 /* ---- Requests ---- */
 
-/* Until one more is done. Without a connection all of them are. */
-void NbdDevice::wait(Batch& batch) {
-    if (nbd_poll(handle, -1) >= 0 && nbd_aio_is_dead(handle) == 0 && nbd_aio_is_closed(handle) == 0) return;
+/* Lets go of a connection that has ended. */
+void NbdDevice::noticeEnd() {
+    if (!alive() || (nbd_aio_is_dead(handle) == 0 && nbd_aio_is_closed(handle) == 0)) return;
     nbd_close(std::exchange(handle, nullptr));
-    batch = {0, deviceGone};
+}
+
+/* Until one more is done, or the connection has ended. */
+void NbdDevice::wait(const Batch& batch) {
+    if (batch.underWay > 0 && nbd_poll(handle, -1) < 0) nbd_close(std::exchange(handle, nullptr));
+    noticeEnd();
 }
 
 bool NbdDevice::issue(Command command, const Request& request, Batch& batch) {
@@ -149,17 +164,14 @@ DeviceError NbdDevice::perform(Command command, std::span<const Request> request
         if (batch.error != 0 || !issue(command, request, batch)) break;
     }
     while (alive() && batch.underWay > 0) wait(batch);
-    return batch.error;
+    noticeEnd();
+    return alive() ? batch.error : deviceGone;
 }
 
-void NbdDevice::addRequests(uint64_t offset, uint8_t* at, uint64_t count,
-                            std::vector<Request>& requests) const {
-    while (count > 0) {
-        const uint64_t part = std::min(count, requestSize);
-        requests.push_back({offset, at, part});
-        offset += part;
-        at += part;
-        count -= part;
+void NbdDevice::addRequests(const DeviceRead& read, std::vector<Request>& requests) const {
+    for (uint64_t done = 0; done < read.bytes.size(); done += requests.back().count) {
+        requests.push_back({read.offset + done, read.bytes.data() + done,
+                            std::min<uint64_t>(read.bytes.size() - done, requestSize)});
     }
 }
 
@@ -173,6 +185,7 @@ DeviceError NbdDevice::read(uint64_t offset, std::span<uint8_t> into) {
 /* What is not in whole units is read in such, aside. */
 DeviceError NbdDevice::readAll(std::span<const DeviceRead> reads) {
     return guardedOr<DeviceError>(ENOMEM, [&]() -> DeviceError {
+        if (const DeviceError error = endWriting()) return error;
         std::vector<DeviceRead> whole(reads.begin(), reads.end());
         std::vector<ByteVector> aside;
         for (DeviceRead& one : whole) {
@@ -194,48 +207,91 @@ DeviceError NbdDevice::readAll(std::span<const DeviceRead> reads) {
 
 DeviceError NbdDevice::readUnits(std::span<const DeviceRead> reads) {
     std::vector<Request> requests;
-    for (const DeviceRead& one : reads) addRequests(one.offset, one.bytes.data(), one.bytes.size(), requests);
+    for (const DeviceRead& one : reads) addRequests(one, requests);
     return perform(Command::read, requests);
 }
 
 /* ---- Writing ---- */
 
-DeviceError NbdDevice::write(uint64_t offset, Bytes from) {
-    const DeviceWrite one{offset, from};
-    return writeAll({&one, 1});
+/* None is under way any more; the first refusal that was not told yet. */
+DeviceError NbdDevice::endWriting() {
+    while (alive() && written.underWay > 0) wait(written);
+    noticeEnd();
+    writing.clear();
+    return alive() ? std::exchange(written.error, 0) : deviceGone;
 }
 
-/* Not in whole units: what lies around it in them stays. */
+/* Begins it, when there is room among those under way and none of them writes to the same place. */
+DeviceError NbdDevice::goOnWriting(Command command, uint64_t offset, uint64_t count, Bytes from) {
+    const uint64_t end = offset + count;
+    const auto meets = [&](const Writing& other) { return offset < other.end && other.offset < end; };
+    const bool full = writing.size() >= atOnce;
+    if (full || written.error != 0 || !alive() || std::any_of(writing.begin(), writing.end(), meets)) {
+        if (const DeviceError error = endWriting()) return error;
+    }
+    extents.clear();
+    writing.reserve(atOnce);
+    writing.push_back({offset, end, ByteVector(from.begin(), from.end())});
+    issue(command, {offset, writing.back().bytes.data(), count}, written);
+    return 0; /* a refusal is told by the next */
+}
+
+/* What lies around it in its units stays. */
 DeviceError NbdDevice::writeParts(uint64_t offset, Bytes from) {
     const uint64_t start = offset - offset % unit, end = (offset + from.size() + unit - 1) / unit * unit;
     ByteVector whole(static_cast<size_t>(end - start));
     const DeviceError error = read(start, whole);
     if (error != 0) return error;
     std::copy(from.begin(), from.end(), whole.begin() + static_cast<ptrdiff_t>(offset - start));
-    std::vector<Request> requests;
-    addRequests(start, whole.data(), whole.size(), requests);
-    return perform(Command::write, requests);
+    return write(start, whole);
 }
 
-DeviceError NbdDevice::writeAll(std::span<const DeviceWrite> writes) {
+DeviceError NbdDevice::write(uint64_t offset, Bytes from) {
     if (onlyRead) return EROFS;
-    extents.clear();
     return guardedOr<DeviceError>(ENOMEM, [&]() -> DeviceError {
-        std::vector<Request> requests;
-        for (const DeviceWrite& one : writes) {
-            if (inUnits(one.offset, one.bytes.size())) {
-                addRequests(one.offset, const_cast<uint8_t*>(one.bytes.data()), one.bytes.size(), requests);
-            } else if (const DeviceError error = writeParts(one.offset, one.bytes)) {
-                return error;
-            }
+        if (!inUnits(offset, from.size())) return writeParts(offset, from);
+        DeviceError error = 0;
+        while (error == 0 && !from.empty()) {
+            const Bytes part = from.first(std::min<uint64_t>(from.size(), requestSize));
+            error = goOnWriting(Command::write, offset, part.size(), part);
+            offset += part.size();
+            from = from.subspan(part.size());
         }
-        return perform(Command::write, requests);
+        return error;
+    });
+}
+
+DeviceError NbdDevice::writeZeros(uint64_t offset, uint64_t count) {
+    const ByteVector zeros(static_cast<size_t>(std::min(count, requestSize)));
+    DeviceError error = 0;
+    while (error == 0 && count > 0) {
+        const Bytes part = Bytes(zeros).first(std::min<uint64_t>(count, zeros.size()));
+        error = write(offset, part);
+        offset += part.size();
+        count -= part.size();
+    }
+    return error;
+}
+
+DeviceError NbdDevice::zero(uint64_t offset, uint64_t count) {
+    if (onlyRead) return EROFS;
+    return guardedOr<DeviceError>(ENOMEM, [&]() -> DeviceError {
+        if (!zeroes || !inUnits(offset, count)) return writeZeros(offset, count);
+        DeviceError error = 0;
+        while (error == 0 && count > 0) {
+            const uint64_t part = std::min(count, requestSize);
+            error = goOnWriting(Command::zero, offset, part, {});
+            offset += part;
+            count -= part;
+        }
+        return error;
     });
 }
 
 DeviceError NbdDevice::flush() {
     const Request all;
     if (onlyRead || flushRefusal != 0) return flushRefusal;
+    if (const DeviceError error = endWriting()) return error;
     flushRefusal = perform(Command::flush, {&all, 1});
     return flushRefusal;
 }
@@ -258,6 +314,7 @@ int extentsTold(void* device, const char*, uint64_t offset, uint32_t* entries, s
 
 void NbdDevice::askExtents(uint64_t offset) {
     extents.clear();
+    while (alive() && written.underWay > 0) wait(written);
     if (!alive()) return;
     Batch batch;
     const nbd_extent_callback told = {extentsTold, this, nullptr};
@@ -278,34 +335,6 @@ uint64_t NbdDevice::holeAt(uint64_t offset, uint64_t count) {
     uint64_t reached = offset;
     for (; extent != extents.end() && extent->hole && reached < end; ++extent) reached = extent->end;
     return std::min(reached, end) - offset;
-}
-
-DeviceError NbdDevice::writeZeros(uint64_t offset, uint64_t count) {
-    return guardedOr<DeviceError>(ENOMEM, [&]() -> DeviceError {
-        const ByteVector zeros(static_cast<size_t>(std::min(count, requestSize)));
-        DeviceError error = 0;
-        while (error == 0 && count > 0) {
-            const Bytes part = Bytes(zeros).first(std::min<uint64_t>(count, zeros.size()));
-            error = write(offset, part);
-            offset += part.size();
-            count -= part.size();
-        }
-        return error;
-    });
-}
-
-DeviceError NbdDevice::zero(uint64_t offset, uint64_t count) {
-    if (onlyRead) return EROFS;
-    if (!zeroes || !inUnits(offset, count)) return writeZeros(offset, count);
-    extents.clear();
-    return guardedOr<DeviceError>(ENOMEM, [&] {
-        std::vector<Request> requests;
-        for (uint64_t part = 0; count > 0; offset += part, count -= part) {
-            part = std::min(count, requestSize);
-            requests.push_back({offset, nullptr, part});
-        }
-        return perform(Command::zero, requests);
-    });
 }
 
 /* ---- What the server says of the disk ---- */

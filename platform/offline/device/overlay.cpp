@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <iterator>
 
 #include "platform/offline/base/guarded.h"
 
@@ -63,6 +64,27 @@ DeviceError Overlay::read(uint64_t offset, std::span<uint8_t> bytes) {
     const bool oneUnit = changed <= offset && offset + bytes.size() <= changed + unitSize;
     if (oneUnit || below.read(offset, bytes) == 0) return patch(offset, bytes);
     return readAround(offset, bytes);
+}
+
+/* Whether it lies in one changed unit. */
+bool Overlay::changedWhole(const DeviceRead& read) const {
+    uint64_t changed = 0;
+    return nextChanged(read.offset, changed) && changed <= read.offset &&
+           read.offset + read.bytes.size() <= changed + unitSize;
+}
+
+/* Where one of them fails, which may be below what was changed, each is read by itself. */
+DeviceError Overlay::readAll(std::span<const DeviceRead> reads) {
+    return guardedOr<DeviceError>(ENOMEM, [&]() -> DeviceError {
+        std::vector<DeviceRead> misses;
+        std::copy_if(reads.begin(), reads.end(), std::back_inserter(misses),
+                     [&](const DeviceRead& one) { return !changedWhole(one); });
+        if (below.readAll(misses) != 0) return BlockDevice::readAll(reads);
+        for (const DeviceRead& one : reads) {
+            if (const DeviceError error = patch(one.offset, one.bytes)) return error;
+        }
+        return 0;
+    });
 }
 
 DeviceError Overlay::remembered(DeviceError error) {

@@ -26,6 +26,9 @@ struct Overlay final : BlockDevice {
 
     /* A unit that was written whole is not read below. */
     DeviceError read(uint64_t offset, std::span<uint8_t> bytes) override;
+    std::string reason(DeviceError error) const override { return below.reason(error); }
+    size_t readsAtOnce() const override { return below.readsAtOnce(); }
+    DeviceError readAll(std::span<const DeviceRead> reads) override;
 
     /* ENOSPC, EFBIG and whatever else the temporary file refuses is the writer's error, and remembered: the
      * contents are incomplete from then on and must not be committed. */
@@ -56,6 +59,7 @@ private:
     UnitStore store;
     DeviceError failed = 0;
 
+    bool changedWhole(const DeviceRead& read) const;
     DeviceError remembered(DeviceError error);
     DeviceError writeUnit(uint64_t unit, size_t start, Bytes bytes);
     DeviceError writeRun(uint64_t unit, Bytes bytes, size_t& written);

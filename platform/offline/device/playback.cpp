@@ -11,7 +11,7 @@ namespace {
 NTSTATUS refuseDevice(const TransactionDisk& disk, const std::string& what, DeviceError error,
                       Problem& problem) {
     return refuse(problem, deviceStatus(error),
-                  disk.device->name() + ": " + what + " (" + deviceErrorText(error) + ")");
+                  disk.device->name() + ": " + what + " (" + disk.device->reason(error) + ")");
 }
 
 NTSTATUS refusePlace(const TransactionDisk& disk, const char* what, uint64_t offset, size_t length,

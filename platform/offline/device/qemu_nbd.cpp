@@ -113,10 +113,8 @@ QemuNbd::~QemuNbd() {
 
 std::string QemuNbd::words() const {
     std::string text = program.words();
-    const std::string before = "Failed to blk_new_open '";
-    if (const size_t end = text.find("': "); text.starts_with(before) && end != std::string::npos) {
-        text.erase(0, end + 3);
-    }
+    const size_t name = text.find("Failed to blk_new_open '"), end = text.find("': ", name);
+    if (name != std::string::npos && end != std::string::npos) text.erase(name, end + 3 - name);
     if (text.size() > longestWords) text.replace(longestWords, std::string::npos, "...");
     return text;
 }

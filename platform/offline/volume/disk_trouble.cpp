@@ -1,6 +1,5 @@
 /* What of a disk could not be read, for the one line that reports it. */
 #include "platform/offline/base/guarded.h"
-#include "platform/offline/device/device_error.h"
 #include "platform/offline/volume/open_disk.h"
 
 namespace offline {
@@ -10,9 +9,9 @@ std::string counted(uint64_t count, const char* one, const char* several) {
     return std::to_string(count) + (count == 1 ? one : several);
 }
 
-std::string refusedText(const CacheTrouble& trouble) {
+std::string refusedText(const CacheTrouble& trouble, const BlockDevice& device) {
     return counted(trouble.readsRefused, " read of it", " reads of it") + " failed, the first at byte " +
-           std::to_string(trouble.firstRefused) + " (" + deviceErrorText(trouble.readError) + ")";
+           std::to_string(trouble.firstRefused) + " (" + device.reason(trouble.readError) + ")";
 }
 
 std::string damagedText(const DiskTrouble& trouble) {
@@ -30,7 +29,7 @@ const DiskTrouble& diskTrouble(const Disk& disk) {
 
 std::string diskWriteReason(const Disk& disk) {
     const CacheTrouble& trouble = disk.cache.trouble;
-    return trouble.writeRefused ? " (" + deviceErrorText(trouble.writeError) + ")" : std::string();
+    return trouble.writeRefused ? " (" + disk.device->reason(trouble.writeError) + ")" : std::string();
 }
 
 void diskNoteDamage(Disk& disk, uint64_t volumeStart, uint64_t record) {
@@ -45,7 +44,7 @@ NTSTATUS diskReadWhole(const Disk& disk, Problem& problem) {
         const bool refused = disk.cache.trouble.readsRefused != 0, damaged = disk.trouble.damaged != 0;
         if (!refused && !damaged) return STATUS_SUCCESS;
         std::string text = diskPath(disk) + ": ";
-        if (refused) text += refusedText(disk.cache.trouble);
+        if (refused) text += refusedText(disk.cache.trouble, *disk.device);
         if (refused && damaged) text += ", and ";
         if (damaged) text += damagedText(disk.trouble);
         return refuse(problem, refused ? STATUS_IO_DEVICE_ERROR : STATUS_DISK_CORRUPT_ERROR, text);

@@ -1,0 +1,153 @@
+/* The NBD device, against servers of nbdkit's. */
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <random>
+
+#include "platform/offline/device/device_open.h"
+#include "platform/offline/device/overlay.h"
+
+using namespace offline;
+
+namespace {
+
+struct NbdDeviceTest : testing::Test {
+    std::string directory = testing::TempDir() + "quillet-nbd-XXXXXX";
+    Problem problem;
+    std::vector<pid_t> servers;
+
+    void SetUp() override {
+        if (system("nbdkit --version >/dev/null 2>&1") != 0) GTEST_SKIP() << "no nbdkit";
+        ASSERT_NE(mkdtemp(directory.data()), nullptr);
+    }
+    void TearDown() override {
+        for (const pid_t server : servers) kill(server, SIGTERM);
+        std::filesystem::remove_all(directory);
+    }
+
+    /* Its address; it is ready. */
+    std::string serve(const std::string& arguments) {
+        const std::string path = directory + "/" + std::to_string(servers.size());
+        const std::string command = "nbdkit -U " + path + " -P " + path + ".pid " + arguments;
+        EXPECT_EQ(system(command.c_str()), 0) << command;
+        pid_t server = 0;
+        while (!(std::ifstream(path + ".pid") >> server)) usleep(1000);
+        servers.push_back(server);
+        return "nbd+unix:///?socket=" + path;
+    }
+    BlockDevicePtr opened(const std::string& address) {
+        BlockDevicePtr device;
+        EXPECT_EQ(deviceOpen(address, DiskAccess::readWrite, device, problem), STATUS_SUCCESS)
+            << problem.text;
+        return device;
+    }
+};
+
+/* Whatever is done in whatever pieces, the device holds what a plain row of bytes would. */
+void compareWithModel(BlockDevice& device, uint32_t seed) {
+    std::minstd_rand random(seed);
+    ByteVector model(device.size());
+    const auto place = [&](uint64_t longest) {
+        const uint64_t count = 1 + random() % longest;
+        return std::pair<uint64_t, size_t>(random() % (model.size() - count), count);
+    };
+    for (int turn = 0; turn < 400; ++turn) {
+        const auto [offset, count] = place(turn % 9 == 0 ? 300'000 : 3'000);
+        const auto there = model.begin() + static_cast<ptrdiff_t>(offset);
+        if (turn % 4 == 0) {
+            std::vector<ByteVector> found(5);
+            std::vector<DeviceRead> reads;
+            for (ByteVector& one : found) {
+                const auto [at, length] = place(9'000);
+                one.resize(length);
+                reads.push_back({at, one});
+            }
+            ASSERT_EQ(device.readAll(reads), 0);
+            for (const DeviceRead& one : reads) {
+                ASSERT_TRUE(sameBytes(one.bytes, Bytes(model).subspan(one.offset, one.bytes.size())));
+            }
+        } else if (turn % 4 == 1) {
+            ASSERT_EQ(device.zero(offset, count), 0);
+            std::fill_n(there, count, uint8_t{0});
+        } else {
+            const ByteVector bytes(count, static_cast<uint8_t>(random() | 1));
+            ASSERT_EQ(device.write(offset, bytes), 0);
+            std::copy(bytes.begin(), bytes.end(), there);
+        }
+        const uint64_t hole = device.holeAt(offset, model.size() - offset);
+        ASSERT_TRUE(
+            std::all_of(there, there + static_cast<ptrdiff_t>(hole), [](uint8_t b) { return b == 0; }));
+    }
+    ASSERT_EQ(device.flush(), 0);
+    ByteVector all(model.size());
+    ASSERT_EQ(device.read(0, all), 0);
+    ASSERT_EQ(all, model);
+}
+
+TEST_F(NbdDeviceTest, HoldsWhatWasWritten) {
+    const std::string whole =
+        "--filter=blocksize-policy memory 4M blocksize-minimum=4096 "
+        "blocksize-maximum=65536 blocksize-error-policy=error";
+    for (const std::string& server : {std::string("memory 4M"), whole}) {
+        const BlockDevicePtr device = opened(serve(server));
+        ASSERT_NE(device, nullptr);
+        EXPECT_EQ(device->sectorSize(), server == whole ? 4096 : 512);
+        compareWithModel(*device, 1);
+    }
+    const BlockDevicePtr below = opened(serve("memory 4M"));
+    Overlay overlay(*below, directory);
+    compareWithModel(overlay, 2);
+    EXPECT_EQ(below->holeAt(0, 4 << 20), uint64_t{4 << 20});
+}
+
+TEST_F(NbdDeviceTest, TellsARefusalOnceAndTheServersEndForEver) {
+    const std::string trouble = directory + "/trouble";
+    const BlockDevicePtr device =
+        opened(serve("--filter=error memory 1M error=ENOSPC error-pwrite-rate=100% error-file=" + trouble));
+    ASSERT_NE(device, nullptr);
+    const ByteVector bytes(4096, 7);
+    EXPECT_EQ(device->write(0, bytes), 0);
+    EXPECT_EQ(device->flush(), 0);
+    std::ofstream(trouble).put('x');
+    DeviceError told = device->write(0, bytes);
+    if (told == 0) told = device->flush();
+    EXPECT_EQ(told, ENOSPC);
+    std::filesystem::remove(trouble);
+    EXPECT_EQ(device->write(0, bytes), 0);
+    EXPECT_EQ(device->flush(), 0);
+    kill(servers.back(), SIGKILL);
+    for (int turn = 0; turn < 2; ++turn) {
+        ByteVector there(4096);
+        told = device->write(0, bytes);
+        EXPECT_EQ(told == 0 ? device->flush() : told, deviceGone);
+        EXPECT_EQ(device->read(0, there), deviceGone);
+        EXPECT_EQ(device->holeAt(0, 4096), 0u);
+    }
+}
+
+TEST_F(NbdDeviceTest, RefusesWhatIsNotSafe) {
+    const std::string shell =
+        "eval get_size='echo 1048576' pread='head -c $3 /dev/zero' pwrite='cat >/dev/null' ";
+    const std::pair<std::string, const char*> unsafe[] = {
+        {shell + "can_write='exit 0' can_flush='exit 3'", "can't flush"},
+        {"-r memory 1M", "can only be read"},
+        {"--filter=blocksize-policy memory 1000448 blocksize-minimum=4096", "can't be right"},
+        {"memory 0", "empty"},
+    };
+    BlockDevicePtr device;
+    for (const auto& [server, words] : unsafe) {
+        const std::string address = serve(server);
+        for (const DiskAccess access : {DiskAccess::readWrite, DiskAccess::trial}) {
+            EXPECT_LT(deviceOpen(address, access, device, problem), 0) << server;
+            EXPECT_NE(problem.text.find(words), std::string::npos) << problem.text;
+        }
+    }
+    EXPECT_LT(deviceOpen("nbd+unix:///?socket=" + directory + "/none", DiskAccess::readOnly, device, problem),
+              0);
+}
+
+} /* namespace */
