@@ -35,6 +35,7 @@ struct AuditOptions {
     std::string sid;
     bool all = false;
     bool json = false;
+    std::string report; /* the file of a report; empty: none */
 };
 int audit(AuditOptions options, Results& results);
 
@@ -46,6 +47,7 @@ struct RunOptions {
     bool verify = false;            /* audit what was committed */
     bool strict = false;            /* commit only when nothing was passed over */
     bool json = false;
+    std::string report;                      /* the file of a report; empty: none */
     std::vector<std::string> quilletOptions; /* what stood after "--" */
 };
 int run(const RunOptions& options, Results& results);
@@ -54,6 +56,7 @@ struct PlanOptions {
     std::vector<std::string> images;
     bool verbose = false; /* list every place */
     bool json = false;
+    std::string report;                      /* the file of a report; empty: none */
     std::vector<std::string> quilletOptions; /* what stood after "--" */
 };
 int plan(const PlanOptions& options, Results& results);
