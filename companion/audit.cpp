@@ -59,13 +59,12 @@ int finish(const Results& results, bool found) {
 
 /* What is done with each place. */
 std::function<void(const Finding&)> listing(const AuditOptions& options, bool after, Results& results) {
-    if (!options.all) return {};
-    if (options.json) {
-        results.places = std::make_unique<Places>();
-        results.listPlaces = true;
-        return [&results](const Finding& finding) { results.places->add(finding); };
-    }
-    return [after](const Finding& finding) {
+    results.listPlaces = options.all && options.json;
+    if (results.listPlaces && !results.places) results.places = std::make_unique<Places>();
+    if (!options.all && !results.places) return {};
+    return [after, printed = options.all && !options.json, &results](const Finding& finding) {
+        if (results.places) results.places->add(finding);
+        if (!printed) return;
         const char* const state = finding.left ? "stays       " : after ? "still old   " : "would change";
         printf("%s\n", findingLine(finding, state).c_str());
     };
@@ -92,6 +91,7 @@ void look(const Opened& opened, const AuditOptions& options, Results& results) {
 int audit(AuditOptions options, Results& results) {
     takeSid(options);
     results.images = options.images;
+    wantReport(options.report, results);
     Opened opened;
     {
         const Timer timer(results.phases, "look");

@@ -64,6 +64,7 @@ const char auditHelp[] =
     "Examples:\n"
     "  quillet-offline audit practice.img\n"
     "  quillet-offline audit practice.img S-1-5-21-1111-2222-3333\n"
+    "  quillet-offline audit --report disk.html practice.img\n"
     "  quillet-offline audit --all system.img data.img       every place, on one machine with two disks";
 
 const char planHelp[] =
@@ -78,6 +79,7 @@ const char planHelp[] =
     "\n"
     "Examples:\n"
     "  quillet-offline plan practice.img\n"
+    "  quillet-offline plan --report plan.html disk.img\n"
     "  quillet-offline plan -v system.img data.img    every place, on one machine with two disks";
 
 const char runHelp[] =
@@ -98,7 +100,7 @@ const char runHelp[] =
     "  quillet-offline run practice.img -- -s         tells what would change; writes a new server GUID "
     "alone\n"
     "  quillet-offline run system.img data.img        one machine with two disks\n"
-    "  quillet-offline run --strict --verify system.img\n"
+    "  quillet-offline run --strict --verify --report run.html system.img\n"
     "  quillet-offline run --undo /safe/undo system.img";
 
 const char undoHelp[] =
@@ -130,6 +132,10 @@ void declareJson(CLI::App& app, bool& json) {
     app.add_flag("--json", json, "Print one JSON object (docs/results.md)");
 }
 
+void declareReport(CLI::App& app, std::string& file) {
+    app.add_option("--report", file, "Write a page of HTML to hand over")->type_name("FILE");
+}
+
 void declare(CLI::App& app, SampleOptions& options) {
     app.add_option("IMAGE", options.image, "The file to be made")->required();
     app.add_option("--size", options.size, "The image's size, such as 256M (what the files need)")
@@ -158,12 +164,14 @@ void declare(CLI::App& app, AuditOptions& options) {
     declareImages(app, options);
     app.add_option("--sid", options.sid, "The SID to look for (the machine's)")->type_name("SID");
     app.add_flag("--all", options.all, "List every place");
+    declareReport(app, options.report);
     declareJson(app, options.json);
 }
 
 void declare(CLI::App& app, PlanOptions& options) {
     declareImages(app, options);
     app.add_flag("-v,--verbose", options.verbose, "List every place");
+    declareReport(app, options.report);
     declareJson(app, options.json);
 }
 
@@ -177,6 +185,7 @@ void declare(CLI::App& app, RunOptions& options) {
     commit->check(CLI::IsMember({"success", "always"}).description(""))->type_name("WHEN");
     app.add_flag("--verify", options.verify, "Audit the disks at the end, and tell");
     app.add_flag("--strict", options.strict, "Commit only when nothing was passed over")->excludes(commit);
+    declareReport(app, options.report);
     declareJson(app, options.json);
 }
 

@@ -37,6 +37,7 @@ struct AuditOptions {
     std::string sid;
     bool all = false;
     bool json = false;
+    std::string report; /* the file of a report; empty: none */
 };
 int audit(AuditOptions options, Results& results);
 
@@ -49,6 +50,7 @@ struct RunOptions {
     bool verify = false;            /* audit what was committed */
     bool strict = false;            /* commit only when nothing was passed over */
     bool json = false;
+    std::string report;                      /* the file of a report; empty: none */
     std::vector<std::string> quilletOptions; /* what stood after "--" */
 };
 int run(const RunOptions& options, Results& results);
@@ -58,6 +60,7 @@ struct PlanOptions {
     std::string format;
     bool verbose = false; /* list every place */
     bool json = false;
+    std::string report;                      /* the file of a report; empty: none */
     std::vector<std::string> quilletOptions; /* what stood after "--" */
 };
 int plan(const PlanOptions& options, Results& results);

@@ -9,6 +9,7 @@
 
 #include "companion/command_line.h"
 #include "companion/ending.h"
+#include "companion/report.h"
 #include "companion/results.h"
 #include "platform/offline/base/session.h"
 #include "platform/offline/base/streams.h"
@@ -51,6 +52,24 @@ int told(Results& results, const std::function<int()>& body) {
     return companion::exitFailed;
 }
 
+int exitStatusOf(const Results& results, int status) {
+    return results.asTool ? offline::exitStatusOf(status) : status;
+}
+
+/* A run that is done stays done where its report can't be written, and ends like one whose lines were lost.
+ */
+int writeReport(Results& results, int status) {
+    const bool asTool = results.asTool;
+    const int written = told(results, [&] {
+        companion::writeReport(results, exitStatusOf(results, status), results.report->stream());
+        results.report->finish();
+        return status;
+    });
+    if (!asTool || results.asTool) return written;
+    results.asTool = true;
+    return status != 0 ? status : ERROR_WRITE_FAULT;
+}
+
 /* Lines that were lost are told last. */
 int end(const Results& results, int status) {
     if (results.asTool) return offline::exitStatusOf(offline::endStreams(status));
@@ -64,9 +83,10 @@ int run(int argc, char** argv) {
     Results results;
     const std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
     int status = told(results, [&] { return companion::runCommandLine(arguments, results); });
+    if (results.report && results.finished && results.counts) status = writeReport(results, status);
     if (results.json) {
         status = told(results, [&] {
-            printJson(results, results.asTool ? offline::exitStatusOf(status) : status);
+            printJson(results, exitStatusOf(results, status));
             return status;
         });
     }

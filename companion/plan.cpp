@@ -30,7 +30,11 @@ struct Plan {
 
 /* What holds the machine's SID now; the run; what would still hold the SID after it. */
 void Plan::run() {
-    if (options.verbose) results.places = std::make_unique<Places>();
+    if (options.json || !options.report.empty()) {
+        refuseQuiet(options.quilletOptions, options.json ? "--json" : "--report");
+    }
+    wantReport(options.report, results);
+    if (options.verbose && !results.places) results.places = std::make_unique<Places>();
     results.listPlaces = options.verbose;
     offline::systemStartOn({namedDisks(options.images, options.format), offline::DiskAccess::planned, {}},
                            nullptr);

@@ -241,6 +241,12 @@ Timer::~Timer() {
     all.push_back({std::move(what), static_cast<uint64_t>(milliseconds)});
 }
 
+void wantReport(const std::string& file, Results& results) {
+    if (file.empty()) return;
+    results.report = std::make_unique<ReportFile>(file);
+    results.places = std::make_unique<Places>();
+}
+
 bool needsAttention(const Results& results, int exitStatus) {
     if (!results.finished || !results.problems.empty() || !results.unseen.empty()) return true;
     if (!results.passedOver.empty() || results.passedOverMore != 0) return true;

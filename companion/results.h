@@ -12,6 +12,7 @@
 
 #include "companion/audit.h"
 #include "companion/places.h"
+#include "companion/report_file.h"
 #include "companion/survey.h"
 #include "companion/tool_lines.h"
 
@@ -74,8 +75,9 @@ struct Results {
     std::optional<Counts> counts;
     std::optional<OtherSids> others;
     std::vector<AreaCounts> areas;
-    std::unique_ptr<Places> places; /* null: they are not wanted */
-    bool listPlaces = false;        /* in JSON */
+    std::unique_ptr<Places> places;     /* null: they are not wanted */
+    bool listPlaces = false;            /* in JSON */
+    std::unique_ptr<ReportFile> report; /* null: none is wanted */
 
     /* of plan, run */
     std::optional<int> runStatus;
@@ -89,6 +91,9 @@ struct Results {
     bool usable = false;
     std::optional<TakenBack> takenBack; /* of undo */
 };
+
+/* Makes the file of a report, where a name is given, and sees to what it needs. Throws Failure. */
+void wantReport(const std::string& file, Results& results);
 
 /* Whether anything of them needs a person's eyes; docs/results.md says what does. */
 bool needsAttention(const Results& results, int exitStatus);

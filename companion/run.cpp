@@ -108,10 +108,11 @@ void explain(const Results& results) {
 int run(const RunOptions& options, Results& results) {
     results.images = options.images;
     results.asTool = true;
-    const bool audited = options.json, looks = audited || options.verify;
-    if (options.json) refuseQuiet(options.quilletOptions, "--json");
+    const bool audited = options.json || !options.report.empty(), looks = audited || options.verify;
+    if (audited) refuseQuiet(options.quilletOptions, options.json ? "--json" : "--report");
     if (options.strict) refuseQuiet(options.quilletOptions, "--strict");
     const offline::RunChoice choice = choiceOf(options);
+    wantReport(options.report, results);
     signal(SIGPIPE, SIG_IGN); /* a reader that has gone must not end a run half-way */
     offline::endingSignalsSay("quillet: ended by a signal; nothing was changed\n");
     offline::systemStartOn(choice, offline::sayAsTool);

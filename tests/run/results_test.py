@@ -1,5 +1,5 @@
 """What the companion tells of its work: one schema for every command and every end."""
-import json, os, unittest
+import html.parser, json, os, re, shutil, subprocess, unittest
 
 import programs
 from programs import ImageCase, OFFLINE, digest, run, sample
@@ -101,6 +101,80 @@ class StrictAndVerify(ResultsCase):
         self.assertEqual((results["commit"]["state"], results["status"]["number"], digest(self.image)), ("withheld", 0, before))
         self.assertEqual([(one["as"], one["name"]) for one in results["passedOver"]], [("profile", "ERROR_NOT_REGISTRY_FILE")])
         self.assertEqual(run(OFFLINE, "run", "--verify", self.image).status, 2)  # not all could be looked at
+
+
+class Page(html.parser.HTMLParser):
+    """What a browser would make of a report: its text, and whatever could act."""
+
+    def __init__(self, page):
+        super().__init__()
+        self.text, self.acting, self.stack, self.tags = "", [], [], set()
+        self.feed(page)
+        self.close()
+
+    def handle_starttag(self, tag, attributes):
+        self.tags.add(tag)
+        if tag not in ("meta", "input", "br", "rect"): self.stack.append(tag)
+        self.acting += [(tag, name) for name, value in attributes if name.startswith("on") or name in ("src", "href", "style", "action")]
+        if tag in ("script", "style"): self.acting.append((tag, dict(attributes).get("nonce")))
+
+    handle_startendtag = handle_starttag
+
+    def handle_endtag(self, tag): assert self.stack.pop() == tag, tag
+
+    def handle_data(self, data): self.text += data
+
+
+class Report(ResultsCase):
+    HOSTILE = ("</pre><script>alert(1)</script>", "\" onload='x' &lt;&#60;", "bell\u0007 esc\u009b turn\u202e line\u2028", "<!-- ]]>", "x" * 4000)
+
+    def plant(self):
+        """Values of these names, which hold the SID."""
+        path, machine = "Windows/System32/config/SOFTWARE", self.results(0, "info", self.image)["machineSid"]
+        hive = self.write("SOFTWARE", self.contents(self.image, path))
+        values = "".join("%s\nstring:%s-1000\n" % (name, machine) for name in self.HOSTILE)
+        script = "cd \\Practice\nsetval %d\n%scommit\n" % (len(self.HOSTILE), values)
+        subprocess.run(["hivexsh", "-w", hive], input=script.encode(), check=True, capture_output=True)
+        with open(hive, "rb") as f: self.put(self.image, path, f.read())
+
+    def assert_harmless(self, file):
+        with open(file, encoding="utf-8") as f: text = f.read()
+        page = Page(text)
+        self.assertEqual(page.stack, [])
+        nonce, = {what for tag, what in page.acting if tag in ("script", "style")}
+        self.assertRegex(text, "default-src 'none'; style-src 'nonce-%s'; script-src 'nonce-%s'" % (nonce, nonce))
+        self.assertEqual(sorted(page.acting), [("script", nonce), ("style", nonce)])
+        self.assertLessEqual(page.tags, set("html head meta title style script body main header p h1 h2 h3 span section dl dt dd ul li table tr th td "
+                                            "svg rect div label input details summary pre code br b footer".split()))
+        self.assertIsNone(re.search("[\0-\x08\x0b-\x1f\x7f-\x9f\u200e\u200f\u2028-\u202e\u2066-\u2069]", text))
+        return page.text
+
+    def test_nothing_from_a_disk_acts(self):
+        if not shutil.which("hivexsh"): self.skipTest("hivexsh is not there")
+        self.plant()
+        image = self.copy(self.image, "\"><script>x\u202e.img")
+        for command, *options in (["audit"], ["plan"], ["run", "--no-undo"]):
+            file = self.path(command + ".html")
+            listed = self.results(1 if command == "audit" else 0, command, "--report", file, *options, image)
+            text = self.assert_harmless(file)
+            for name in self.HOSTILE[:2] + ("bell<U+0007> esc<U+009B> turn<U+202E> line<U+2028>", "<!-- ]]>", "bytes left out ...]", "\"><script>x<U+202E>.img"):
+                self.assertIn(name, text)
+            self.assertIn(listed["oldSid"], text)
+            for kind in KINDS: self.assertIn("{:,}".format(listed["counts"][kind]["before"]), text)
+
+    def test_a_place_that_can_not_be_had_is_refused_before_the_work(self):
+        taken = self.write("taken.html", b"mine")
+        for file in (taken, self.path("none/report.html"), self.work):
+            for command in ("audit", "plan", "run"):
+                done = run(OFFLINE, command, "--report", file, self.image)
+                self.assertEqual((done.status, done.out, len(done.error_lines()), digest(self.image)), (2, "", 1, digest(sample())), done.err)
+        self.assertEqual(self.contents_of(taken), b"mine")
+        for command, *wrong in (["run", self.path("missing")], ["plan", self.image, "--", "-q"], ["audit", taken]):
+            self.assertNotEqual(run(OFFLINE, command, "--report", self.path("gone.html"), *wrong).status, 0)
+        self.assertEqual(sorted(os.listdir(self.work)), ["a.img", "taken.html"])
+
+    def contents_of(self, path):
+        with open(path, "rb") as f: return f.read()
 
 
 programs.main()

@@ -1,0 +1,527 @@
+#include "companion/report.h"
+
+#include <sys/random.h>
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+
+#include "companion/audit_words.h"
+#include "companion/code_names.h"
+#include "companion/ending.h"
+#include "companion/formatting.h"
+#include "companion/report_page.h"
+#include "platform/offline/base/unicode.h"
+
+namespace companion {
+namespace {
+
+constexpr size_t mostLines = 1000;    /* of one group of places */
+constexpr size_t mostPlaces = 300000; /* in a page that is still opened in seconds */
+constexpr size_t mostListed = 500;    /* objects that were passed over, problems */
+constexpr size_t mostAreas = 12;      /* that are not folded away */
+
+/* At the last beginning of a character at or before an offset. */
+size_t characterAt(const std::string& text, size_t at) {
+    while (at > 0 && (static_cast<uint8_t>(text[at]) & 0xC0) == 0x80) at--;
+    return at;
+}
+
+std::string number(uint64_t value) {
+    std::string text = placesText(value);
+    return text.substr(0, text.find(' '));
+}
+
+/* "3 files" */
+std::string counted(uint64_t value, const char* one, const char* many) {
+    return number(value) + " " + (value == 1 ? one : many);
+}
+
+std::string timeText(std::chrono::system_clock::time_point time) {
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+    std::tm parts = {};
+    gmtime_r(&seconds, &parts);
+    std::array<char, 40> text = {};
+    strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S UTC", &parts);
+    return text.data();
+}
+
+std::string durationText(uint64_t milliseconds) {
+    if (milliseconds < 1000) return std::to_string(milliseconds) + " ms";
+    if (milliseconds < 120000) {
+        return std::to_string(milliseconds / 1000) + "." + std::to_string(milliseconds % 1000 / 100) + " s";
+    }
+    return std::to_string(milliseconds / 60000) + " min";
+}
+
+/* No page that was made before could know it, so that nothing from a disk can pass for the page's own. */
+std::string randomNonce() {
+    std::array<uint8_t, 16> bytes = {};
+    if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) {
+        throw Failure{"the system gives no random numbers, which the report needs"};
+    }
+    std::string text;
+    for (const uint8_t byte : bytes) {
+        text += "0123456789abcdef"[byte >> 4];
+        text += "0123456789abcdef"[byte & 15];
+    }
+    return text;
+}
+
+struct Page {
+    Results& results;
+    const int exitStatus;
+    FILE* const out;
+    uint64_t listed = 0; /* places so far */
+
+    const Counts& counts() const { return *results.counts; }
+    bool isRun() const { return results.command == "run" || results.command == "clone"; }
+    bool isAudit() const { return results.command == "audit"; }
+    bool committed() const { return results.commit && results.commit->state == CommitState::committed; }
+
+    void put(const std::string& html) const { fwrite(html.data(), 1, html.size(), out); }
+    void open(const char* title, const std::string& note = {}) const {
+        put(std::string("<section><h2>") + title + "</h2>\n");
+        if (!note.empty()) put("<p class=\"note\">" + note + "</p>\n");
+    }
+    void close() const { put("</section>\n"); }
+
+    void writeHead() const;
+    std::string title() const;
+    std::string summary() const;
+    void writeFacts() const;
+    void writeAttention() const;
+    void writeBars() const;
+    void writeReasons() const;
+    void writeOthers() const;
+    void writeWayBack() const;
+    void writePlaces();
+    void writeTimes() const;
+    void write();
+};
+
+/* ---- The head ---- */
+
+std::string Page::title() const {
+    if (isAudit()) return "Where " + results.oldSid + " stands";
+    if (!isRun()) return "What a run would change";
+    if (committed()) return "The machine has a new identity";
+    return "Nothing was changed";
+}
+
+std::string Page::summary() const {
+    const uint64_t changed = sum(counts().changed), remaining = sum(counts().remaining);
+    const std::string left =
+        placesText(sum(counts().left)) + (sum(counts().left) == 1 ? " stays" : " stay") + " by design.";
+    if (isAudit() && counts().before) {
+        return placesText(remaining) + (remaining == 1 ? " holds" : " hold") +
+               " the SID and would be changed by a run; " + left;
+    }
+    if (isRun() && !committed()) {
+        return "The run ended without a change to the disks; " + placesText(remaining) +
+               (remaining == 1 ? " holds" : " hold") + " the SID as before.";
+    }
+    std::string text = placesText(changed);
+    text += isRun() ? (changed == 1 ? " was changed; " : " were changed; ")
+                    : (isAudit() ? (changed == 1 ? " holds the machine's SID of now; "
+                                                 : " hold the machine's SID of now; ")
+                                 : " would be changed; ");
+    if (remaining != 0) {
+        text += placesText(remaining) + " that quillet treats " +
+                (isRun() || isAudit() ? "still " : "would still ") +
+                (remaining == 1 && (isRun() || isAudit()) ? "holds" : "hold") + " the old SID; ";
+    }
+    return text + left;
+}
+
+void Page::writeHead() const {
+    const std::string nonce = randomNonce();
+    put("<!DOCTYPE html>\n<html lang=\"en\" dir=\"ltr\">\n<head>\n<meta charset=\"utf-8\">\n"
+        "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; style-src 'nonce-" +
+        nonce + "'; script-src 'nonce-" + nonce +
+        "'; base-uri 'none'; form-action 'none'\">\n"
+        "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
+        "<meta name=\"referrer\" content=\"no-referrer\">\n<title>" +
+        htmlText(title()) + "</title>\n<style nonce=\"" + nonce + "\">" + reportStyle +
+        "</style>\n<script type=\"module\" nonce=\"" + nonce + "\">" + reportScript +
+        "</script>\n</head>\n<body>\n<main>\n<header>\n<p class=\"eyebrow\">quillet-offline " QUILLET_VERSION
+        " &middot; " +
+        htmlText(results.command) + " &middot; " + timeText(results.started) + "</p>\n<h1>" +
+        htmlText(title()) + "</h1>\n");
+    const bool attention = needsAttention(results, exitStatus);
+    put(std::string("<p><span class=\"verdict ") + (attention ? "warn" : "good") + "\">" +
+        (attention ? "Needs a person&rsquo;s eyes" : "Nothing here needs a person&rsquo;s eyes") +
+        "</span></p>\n<p class=\"lead\">" + htmlText(summary()) + "</p>\n</header>\n");
+}
+
+/* ---- The sections ---- */
+
+void Page::writeFacts() const {
+    open(isRun() ? "What was done" : isAudit() ? "What was looked at" : "What was tried");
+    put("<dl>\n");
+    const auto row = [&](const char* name, const std::string& html) {
+        put(std::string("<dt>") + name + "</dt><dd>" + html + "</dd>\n");
+    };
+    const auto code = [](const std::string& text) { return "<code>" + htmlText(text) + "</code>"; };
+    std::string disks;
+    for (const std::string& image : results.images) disks += (disks.empty() ? "" : "<br>") + code(image);
+    row("Disks", disks);
+    row(isRun() && committed() ? "Old SID" : "SID", code(results.oldSid));
+    if (committed() || (isAudit() && !results.newSid.empty())) {
+        row(isAudit() ? "The machine&rsquo;s now" : "New SID", code(results.newSid));
+    }
+    if (results.runStatus) {
+        const auto status = static_cast<uint32_t>(*results.runStatus);
+        const char* const name = win32Name(status);
+        std::string text = std::to_string(*results.runStatus);
+        if (name != nullptr) text += std::string(", ") + name;
+        if (status != 0 && name != nullptr) text += ": " + win32Words(status);
+        row(isRun() ? "Status of the run" : "The run&rsquo;s status", htmlText(text));
+    }
+    if (results.commit) {
+        const Commit& commit = *results.commit;
+        const std::string written =
+            sizeText(commit.bytes) + " in " + counted(commit.stretches, "stretch", "stretches");
+        row("Written", committed() ? htmlText(written) : "nothing");
+    } else {
+        row("Written", "nothing");
+    }
+    uint64_t took = 0;
+    for (const Timed& phase : results.phases) took += phase.milliseconds;
+    row("Took", durationText(took));
+    row("Exit status", std::to_string(exitStatus));
+    put("</dl>\n");
+    close();
+}
+
+void Page::writeAttention() const {
+    const uint64_t passedOver = results.passedOver.size() + results.passedOverMore;
+    const size_t problems = results.problems.size() + results.unseen.size();
+    if (passedOver == 0 && problems == 0) return;
+    open("What needs a look");
+    size_t shown = 0;
+    if (problems != 0) put("<ul>\n");
+    for (const Problems* list : {&results.problems, &results.unseen}) {
+        for (const std::string& line : *list) {
+            if (shown++ < mostListed) put("<li>" + htmlText(line) + "</li>\n");
+        }
+    }
+    if (problems != 0) put("</ul>\n");
+    if (problems > mostListed) put("<p>And " + number(problems - mostListed) + " more.</p>\n");
+    if (passedOver != 0) {
+        put("<h3>Passed over (" + number(passedOver) +
+            ")</h3>\n<div class=\"scroll\"><table><tr><th>Object</th><th>Why</th><th>What that "
+            "means</th></tr>\n");
+        for (size_t i = 0; i < std::min(results.passedOver.size(), mostListed); i++) {
+            const PassedOver& one = results.passedOver[i];
+            put("<tr><td class=\"name mono\">" + htmlText(one.object.empty() ? one.line : one.object) +
+                "</td><td>" + htmlText(one.reason) + "</td><td>" + sentenceOf(one.as) + "</td></tr>\n");
+        }
+        put("</table></div>\n");
+        if (passedOver > mostListed) {
+            put("<p>And " + number(passedOver - std::min(results.passedOver.size(), mostListed)) +
+                " more; the lines that quillet wrote name them all.</p>\n");
+        }
+    }
+    close();
+}
+
+/* ---- Bars ---- */
+
+std::string percent(uint64_t part, uint64_t whole) {
+    if (part == 0 || whole == 0) return "0";
+    const uint64_t tenths = std::max<uint64_t>(part * 1000 / whole, 6);
+    return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + "%";
+}
+
+struct Bar {
+    uint64_t before, after, left;
+};
+
+/* One bar: what holds the old SID, and what stays by design beside it. */
+std::string barOf(const char* colour, uint64_t part, uint64_t left, uint64_t most, const char* at) {
+    const std::string from = percent(part, most);
+    return std::string("<rect class=\"") + colour + "\" width=\"" + from + "\" " + at +
+           "/><rect class=\"s\" x=\"" + from + "\" width=\"" + percent(left, most) + "\" " + at + "/>";
+}
+
+std::string barRow(const std::string& name, bool mono, const Bar& bar, uint64_t most, bool two) {
+    std::string row = std::string("<tr><td class=\"name") + (mono ? " mono" : "") + "\">" + htmlText(name) +
+                      "</td><td class=\"bars\"><svg aria-hidden=\"true\">";
+    row += barOf(two ? "b" : "a", bar.before, bar.left, most, two ? "height=\"8\"" : "y=\"3\" height=\"12\"");
+    if (two) row += barOf("a", bar.after, bar.left, most, "y=\"10\" height=\"8\"");
+    row += "</svg></td><td class=\"n\">" + number(bar.before) + "</td>";
+    if (two) row += "<td class=\"n\">" + number(bar.after) + "</td>";
+    return row + "<td class=\"n\">" + number(bar.left) + "</td></tr>\n";
+}
+
+std::string legend(const char* colour, const char* text) {
+    return std::string("<span><svg aria-hidden=\"true\"><rect class=\"") + colour +
+           "\" width=\"12\" height=\"12\" rx=\"2\"/></svg>" + text + "</span>";
+}
+
+void Page::writeBars() const {
+    const bool two = !isAudit();
+    const bool after = isAudit() && !counts().before;
+    open("By kind and by place", "Places that quillet treats and that hold the SID" +
+                                     std::string(two ? ", before and after the run" : "") +
+                                     "; and places that it leaves alone by design.");
+    put("<p class=\"key\">" +
+        (two ? legend("b", "before") + legend("a", "after") : legend("a", "holds the SID")) +
+        legend("s", "stays by design") + "</p>\n");
+    const std::string head = std::string("<th></th><th class=\"n\">") +
+                             (two     ? "Before"
+                              : after ? "Still old"
+                                      : "Hold it") +
+                             "</th>" + (two ? "<th class=\"n\">After</th>" : "") +
+                             "<th class=\"n\">Stay</th></tr>\n";
+    put("<div class=\"scroll\"><table><tr><th>Kind</th>" + head);
+    const std::array<uint64_t, kindCount>& first = counts().before ? *counts().before : counts().remaining;
+    uint64_t most = 0;
+    for (size_t i = 0; i < kindCount; i++) most = std::max(most, first[i] + counts().left[i]);
+    for (size_t i = 0; i < kindCount; i++) {
+        put(barRow(wordsOf(static_cast<Kind>(i)).label, false,
+                   {first[i], counts().remaining[i], counts().left[i]}, most, two));
+    }
+    put("</table></div>\n");
+    std::vector<AreaCounts> areas = results.places->areas();
+    std::stable_sort(areas.begin(), areas.end(), [](const AreaCounts& left, const AreaCounts& right) {
+        return left.before + left.left > right.before + right.left;
+    });
+    uint64_t largest = 0;
+    for (const AreaCounts& area : areas) largest = std::max(largest, area.before + area.left);
+    const auto rows = [&](size_t from, size_t to) {
+        put("<div class=\"scroll\"><table><tr><th>Place</th>" + head);
+        for (size_t i = from; i < to; i++) {
+            put(barRow(areas[i].name, true, {areas[i].before, areas[i].remaining, areas[i].left}, largest,
+                       two));
+        }
+        put("</table></div>\n");
+    };
+    put("<h3>By place</h3>\n");
+    rows(0, std::min(areas.size(), mostAreas));
+    if (areas.size() > mostAreas) {
+        put("<details><summary>" + number(areas.size() - mostAreas) + " more</summary>\n");
+        rows(mostAreas, areas.size());
+        put("</details>\n");
+    }
+    close();
+}
+
+void Page::writeReasons() const {
+    if (sum(counts().left) == 0) return;
+    open("What stays, and whether it matters",
+         "These places hold the old SID before and after every run: what they mean is not known well enough "
+         "to "
+         "rewrite them.");
+    put("<div class=\"scroll\"><table><tr><th>What</th><th class=\"n\">Places</th><th>Why, and whether it "
+        "matters</th></tr>\n");
+    for (size_t i = 0; i < leftCount; i++) {
+        if (counts().reasons[i] == 0) continue;
+        const auto left = static_cast<Left>(i);
+        put(std::string("<tr><td class=\"name\">") + wordsOf(left).label + "</td><td class=\"n\">" +
+            number(counts().reasons[i]) + "</td><td>" + whyLeft(left) + "<br><span class=\"soft\">" +
+            whetherItMatters(left) + "</span></td></tr>\n");
+    }
+    put("</table></div>\n");
+    close();
+}
+
+void Page::writeOthers() const {
+    const auto others = results.others->byPlaces();
+    if (others.empty()) return;
+    open("SIDs of other machines and domains",
+         "No run changes them. Each is of a domain that the machine belongs to, or of an earlier identity: "
+         "the "
+         "machine&rsquo;s before another run, or that of the system it was copied from.");
+    put("<div class=\"scroll\"><table><tr><th>SID</th><th class=\"n\">Places</th></tr>\n");
+    for (size_t i = 0; i < std::min(others.size(), mostListed); i++) {
+        put("<tr><td class=\"mono name\">" + htmlText(others[i].first) + "</td><td class=\"n\">" +
+            number(others[i].second) + "</td></tr>\n");
+    }
+    put("</table></div>\n");
+    if (others.size() > mostListed) put("<p>And " + number(others.size() - mostListed) + " more.</p>\n");
+    close();
+}
+
+void Page::writeWayBack() const {
+    if (!isRun()) return;
+    open("How to take it back");
+    if (!committed()) {
+        put("<p>There is nothing to take back: the disks are as they were.</p>\n");
+    } else if (results.commit->takeBack.empty()) {
+        put("<p>No undo file was kept, so that only a backup leads back.</p>\n");
+    } else {
+        put("<p><code>" + htmlText(results.commit->takeBack) +
+            "</code></p>\n<p>Every byte is then again what it was before the run. That works until the "
+            "system is "
+            "started or anything else changes what the run has written.</p>\n<p class=\"note\">Undo file: "
+            "<code>" +
+            htmlText(results.commit->undoFile) +
+            "</code>. It holds pieces of the disk as they were, secrets among them: keep it as safe as the "
+            "disk, "
+            "and remove it when the system is as you want it.</p>\n");
+    }
+    close();
+}
+
+/* ---- Every place ---- */
+
+/* Where it lies, as far as its area does not say so. */
+std::string placeText(const Finding& finding) {
+    if (finding.kind == Kind::file) return finding.path;
+    return finding.path.substr(std::min(finding.path.size(), areaOf(finding).size() + 2));
+}
+
+/* The places of one kind and state, in groups that lie together, each under what their texts have in common.
+ */
+struct Group {
+    Page& page;
+    Kind kind;
+    std::string area = {}, common = {}, lines = {};
+    uint64_t size = 0;
+
+    void add(const Finding& finding) {
+        const std::string here = areaOf(finding), text = placeText(finding);
+        if (here != area || size == mostLines) end();
+        if (size == 0) common = text;
+        const auto differs =
+            std::mismatch(common.begin(), common.end(), text.begin(), text.end()).first - common.begin();
+        common.resize(characterAt(common, static_cast<size_t>(differs)));
+        area = here;
+        lines += htmlText(finding.kind == Kind::value ? text + "  \"" + finding.value + "\"" : text);
+        if (finding.left) lines += std::string("  (") + wordsOf(*finding.left).one + ")";
+        lines += '\n';
+        size++;
+    }
+    std::string title() const {
+        const std::string title = kind == Kind::file ? common : area + ": " + common;
+        return htmlText(title) + (size > 1 ? "&hellip;" : "");
+    }
+    void end() {
+        if (size == 0) return;
+        page.put(std::string("<details class=\"places\"><summary><b>") + wordsOf(kind).label +
+                 "</b> <span class=\"mono\">" + title() + "</span> <span class=\"n\">" + number(size) +
+                 "</span></summary>\n<pre tabindex=\"0\">" + lines.substr(0, lines.size() - 1) +
+                 "</pre></details>\n");
+        lines.clear();
+        size = 0;
+    }
+};
+
+void Page::writePlaces() {
+    struct Row {
+        PlaceState state;
+        const char* title;
+    };
+    const Row rows[] = {{PlaceState::remains, isRun() ? "Still old" : "Would remain"},
+                        {PlaceState::treated, isAudit() ? (counts().before ? "Would change" : "Still old")
+                                                        : (isRun() ? "Changed" : "Would change")},
+                        {PlaceState::stays, "Stay, by design"}};
+    open("Every place",
+         "In groups that lie together; open one to see its places. The names are the disk&rsquo;s: what "
+         "can&rsquo;t "
+         "be shown in one stands as its number, such as &lt;U+202E&gt;.");
+    put("<div class=\"filter\" hidden><label for=\"filter\">Show only places with</label><input "
+        "id=\"filter\" "
+        "type=\"search\" autocomplete=\"off\" spellcheck=\"false\" placeholder=\"a name, a user, a path\"><p "
+        "class=\"note\" "
+        "id=\"found\" aria-live=\"polite\"></p></div>\n");
+    uint64_t all = 0;
+    for (const Row& row : rows) {
+        bool titled = false;
+        for (size_t kind = 0; kind < kindCount; kind++) {
+            Group group{*this, static_cast<Kind>(kind)};
+            results.places->visit([&](const Finding& finding, PlaceState state) {
+                if (state != row.state || finding.kind != static_cast<Kind>(kind)) return;
+                all++;
+                if (listed >= mostPlaces) return;
+                listed++;
+                if (!titled) put(std::string("<h3>") + row.title + "</h3>\n");
+                titled = true;
+                group.add(finding);
+            });
+            group.end();
+        }
+    }
+    if (all == 0) put("<p>There is none.</p>\n");
+    if (all > listed) {
+        put("<p>And " + number(all - listed) + " more, which would make this page too large; <code>" +
+            (isAudit() ? "audit --all" : "plan -v") + "</code> lists all.</p>\n");
+    }
+    close();
+}
+
+void Page::writeTimes() const {
+    open("Time");
+    const auto table = [&](const std::vector<Timed>& list) {
+        put("<div class=\"scroll\"><table>\n");
+        for (const Timed& one : list) {
+            put("<tr><td class=\"name\">" + htmlText(one.name) + "</td><td class=\"n\">" +
+                durationText(one.milliseconds) + "</td></tr>\n");
+        }
+        put("</table></div>\n");
+    };
+    table(results.phases);
+    if (!results.steps.empty()) {
+        put("<details><summary>The run, step by step</summary>\n");
+        table(results.steps);
+        put("</details>\n");
+    }
+    close();
+}
+
+void Page::write() {
+    writeHead();
+    writeFacts();
+    writeAttention();
+    writeBars();
+    writeReasons();
+    writeOthers();
+    writeWayBack();
+    writePlaces();
+    writeTimes();
+    put("<footer>Made by quillet-offline " QUILLET_VERSION
+        ". This page holds names from the disk and needs nothing but "
+        "itself.</footer>\n</main>\n</body>\n</html>\n");
+}
+
+} /* namespace */
+
+std::string htmlText(const std::string& text) {
+    constexpr size_t longest = 1200, head = 800, tail = 300; /* bytes */
+    std::string plain = offline::printable(text);
+    if (plain.size() > longest) {
+        const size_t from = characterAt(plain, head), to = characterAt(plain, plain.size() - tail);
+        plain.replace(from, to - from, " [... " + number(to - from) + " bytes left out ...] ");
+    }
+    std::string html;
+    for (const char character : plain) {
+        switch (character) {
+            case '&':
+                html += "&amp;";
+                break;
+            case '<':
+                html += "&lt;";
+                break;
+            case '>':
+                html += "&gt;";
+                break;
+            case '"':
+                html += "&quot;";
+                break;
+            case '\'':
+                html += "&#39;";
+                break;
+            default:
+                html += character;
+        }
+    }
+    return html;
+}
+
+void writeReport(Results& results, int exitStatus, FILE* stream) {
+    Page{results, exitStatus, stream}.write();
+}
+
+} /* namespace companion */
