@@ -37,9 +37,7 @@ class DryRun(ImageCase):
         self.assertTrue(all("RegLoadKey" in line for line in quiet.error_lines()), quiet.err)
 
     def test_a_disk_that_can_only_be_read(self):
-        image, data = self.copy(sample(), "read-only.img"), self.path("data.img")
-        with open(data, "wb") as f: f.truncate(16 << 20)
-        subprocess.run(["mkntfs", "-F", "-Q", "-q", "-s", "512", "-p", "0", "-H", "255", "-S", "63", data], check=True, capture_output=True)
+        image, data = self.copy(sample(), "read-only.img"), self.volume("data.img")
         before = digest(image)
         for kept, system in ((image, image), (data, image + ":" + data)):
             os.chmod(kept, 0o444)
@@ -98,9 +96,7 @@ class RealRun(ImageCase):
         self.assertNotEqual(self.contents(image, HIVES[0]), self.contents(sample(), HIVES[0]))
 
     def test_several_disks_have_letters_of_their_own(self):
-        first, second = self.copy(sample(), "first.img"), self.path("data.img")
-        with open(second, "wb") as f: f.truncate(16 << 20)
-        subprocess.run(["mkntfs", "-F", "-Q", "-q", "-s", "512", "-p", "0", "-H", "255", "-S", "63", second], check=True, capture_output=True)
+        first, second = self.copy(sample(), "first.img"), self.volume("data.img")
         for system in (first + ":" + second, second + ":" + first):
             self.assertIn("scanning c: ...\nscanning d: ...\n", quillet("-s", system=system).out)
 
