@@ -16,8 +16,13 @@ class DryRun(ImageCase):
             was, now = self.contents(before, path), self.contents(after, path)
             if not path.endswith("SYSTEM"): self.assertEqual(was, now, path)
             else: self.assertLess(sum(a != b for a, b in zip(was[4096:], now[4096:])), 16 + 8 + 1, "GUID and last-write time")
-        dump = lambda image: subprocess.run(["ntfssecaudit", "-b", image], capture_output=True).stdout
-        self.assertEqual(dump(before).replace(before.encode(), b""), dump(after).replace(after.encode(), b""))
+        self.assertEqual(self.descriptors(before), self.descriptors(after))
+
+    def descriptors(self, image):
+        """Every file with its descriptor, without the comments, one of which is the time."""
+        said = subprocess.run(["ntfssecaudit", "-b", image], capture_output=True).stdout
+        self.assertIn(b"Security key", said)
+        return [line for line in said.splitlines() if not line.startswith(b"#") and image.encode() not in line]
 
     def test_nothing_is_written_and_every_find_is_named(self):
         image = self.copy(sample(), "dry.img")
