@@ -74,19 +74,6 @@ TEST_F(PathWalk, WholeTreeInOrder) {
     EXPECT_EQ(walk(u"c:", SID_REPLACE_SD), "ERROR sidReplaceInFileSD: GetFileSecurity 32 for , 32");
 }
 
-TEST_F(PathWalk, DepthEndsAfter256) {
-    const std::u16string deepest = drives.chain(256, u"d");
-    EXPECT_TRUE(walk(u"c:").ends_with("\\d\\d, 0"));
-    EXPECT_EQ(callsMade["GetFileSecurityW"], 257);
-    for (const DWORD attributes : {plainFile, directory}) {
-        drives.files[deepest].below.clear();
-        drives.add(deepest + u"\\x", attributes);
-        EXPECT_TRUE(walk(u"c:").ends_with("\\d\\d\\x, 1359"));
-        EXPECT_TRUE(events.back().starts_with("ERROR sidReplaceInPathImpl: Too deep recursion in "));
-        EXPECT_EQ(callsMade["GetFileSecurityW"], 258);
-    }
-}
-
 TEST_F(PathWalk, LongPathsKeepTheirParents) {
     std::u16string path = drives.chain(30, std::u16string(255, u'n'));
     Events expected;

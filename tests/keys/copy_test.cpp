@@ -18,34 +18,6 @@ struct Trees : PrivilegedSystem {
     }
 };
 
-TEST_F(Trees, CopyOfEverything) {
-    const ByteVector special = systemOnly(), big(100000, 7);
-    for (const uint32_t flags : {0u, 0u + REG_NO_VALUES, 0u + REG_NO_SECURITY}) {
-        clear("from to");
-        grow("from to from\\b");
-        create(u"from\\a", {.className = u"Some class"});
-        create(u"from\\a\\x", {.className = u"C"});
-        set("from", "top", REG_SZ, bytesOf(u"1"));
-        set("from\\a", "none", REG_NONE, {});
-        set("from\\a", "", 0x12345, big);
-        set("from\\a\\x", "v", REG_DWORD, {1, 2, 3, 4});
-        for (const char* path : {"from", "from\\a"}) describe(path, special);
-        EXPECT_EQ(copy(flags), "0");
-        EXPECT_EQ(tree("to"), "a(x) b");
-        EXPECT_EQ(classOf("to\\a") + classOf("to\\a\\x") + classOf("to\\b"), "Some classC");
-        EXPECT_EQ(callsMade["ZwSetValueKey"], flags == REG_NO_VALUES ? 0 : 4);
-        if (flags != REG_NO_VALUES) {
-            ULONG type = 0;
-            EXPECT_TRUE(get("to\\a", "", &type) == big && type == 0x12345);
-            EXPECT_TRUE(get("to\\a", "none", &type).empty() && type == REG_NONE);
-            EXPECT_EQ(get("to\\a\\x", "v"), ByteVector({1, 2, 3, 4}));
-            EXPECT_EQ(get("to", "top"), bytesOf(u"1"));
-        }
-        EXPECT_EQ(descriptorOf("to\\a") == special, flags != REG_NO_SECURITY);
-        EXPECT_NE(descriptorOf("to"), special);
-    }
-}
-
 /* A link mapping's answers for the link with a target, and how often it is asked; the one without stays so.
  */
 struct Mapping {

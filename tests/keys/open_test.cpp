@@ -5,7 +5,6 @@ namespace offline {
 namespace {
 
 constexpr NTSTATUS denied = STATUS_ACCESS_DENIED, missing = STATUS_OBJECT_NAME_NOT_FOUND;
-constexpr uint32_t everything = SID_RECURSIVE | SID_REPLACE_SD | SID_REPLACE_VALUES;
 
 /* "!" stands before a failure that is reported at ERROR, "(!)" at DEBUG. */
 // clang-format off
@@ -201,57 +200,6 @@ TEST_F(Open, InheritedListsStayInherited) {
         made[3] = static_cast<uint8_t>((control | row.before) >> 8);
         EXPECT_EQ(regSetKeySec(key, REG_SEC_ALL, made.data()), 0u);
         EXPECT_EQ(made[2] + 256u * made[3], control | row.after);
-    }
-}
-
-/* Owner, group and DACL are as they were afterwards, the old SID among them; values and the audit list are
- * rewritten. A key that refuses even to be read is treated all the same, but its descriptor can't be put
- * back; without the privilege to take ownership the scan ends there. */
-TEST_F(Open, DescriptorsStay) {
-    const std::string group = oldText + "-513";
-    const Image audit = acl({ace(SYSTEM_AUDIT_ACE_TYPE, 0, 1, oldText)});
-    const Image denying = ace(ACCESS_DENIED_ACE_TYPE, 0, KEY_ALL_ACCESS, localSystem);
-    const ByteVector refusing = descriptor(admins, group, audit, acl({denying, allowed(oldText)}));
-    const ByteVector unreadable = descriptor(localSystem, localSystem, audit, acl({allowed(localSystem)}));
-    Legend told = {{"DEBUG regReplaceSIDInValues: Replaced old SID in value  ", ""},
-                   {"INFO regReplaceSIDInValues: Found old SID in value  ", "found "},
-                   {" (simulation mode)", ""},
-                   {"INFO sidReplaceInKeySD: Found old SID in key SD", "found"},
-                   {"DEBUG _regOpenCreateKey: Finally open a, access=0x2000f", "open"}};
-    told.insert(told.end(), legend.begin(), legend.end());
-    const struct {
-        const ByteVector& descriptor;
-        uint32_t flags;
-        bool allowed; /* taking ownership */
-        bool back;    /* the descriptor */
-        int left;     /* old SIDs in it */
-        const char* told;
-    } rows[] = {
-        {refusing, everything, true, true, 1, "taking, open, a\\v, a\\x\\v, 0"},
-        {refusing, everything | SID_SIMULATE, true, true, 2,
-         "taking, open, found a, found a\\v, found a\\x\\v, 0"},
-        {unreadable, everything, true, false, 0, "shut, taking, open, lost, a\\v, a\\x\\v, 0"},
-        {unreadable, everything, false, true, 1,
-         "shut, taking, ! ZwOpenKey denied 80000, ! ZwOpenKey denied 2000f, 5"},
-    };
-    grow("k k\\a k\\a\\x");
-    for (const auto& row : rows) {
-        for (const char* path : {"k\\a", "k\\a\\x"}) set(path, "v", REG_BINARY, oldSid);
-        describe("k\\a", row.descriptor);
-        const ByteVector before = restorable("k\\a");
-        const HANDLE key = at("k", 0x10E001F);
-        setAccessMode(AccessMode::checked);
-        enable(securityPrivilege);
-        if (row.allowed) enable(takeOwnershipPrivilege);
-        const std::string line = outcome(told, [&] {
-            return sidReplaceInKey(key, row.flags, nullptr, oldSid.data(), 24, newSid.data(), 24);
-        });
-        setAccessMode(AccessMode::unrefused);
-        enableAll();
-        EXPECT_EQ(line, std::string("(!) ZwOpenKey denied 2000f, ") + row.told);
-        EXPECT_EQ(restorable("k\\a") == before, row.back) << row.told;
-        EXPECT_EQ(holds("k\\a", oldSid), row.left) << row.told;
-        EXPECT_EQ(get("k\\a\\x", "v") == newSid, line.find(", a\\x\\v") != line.npos);
     }
 }
 

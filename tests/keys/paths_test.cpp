@@ -6,24 +6,6 @@ namespace {
 
 struct Paths : PrivilegedSystem {};
 
-/* What a row asks for is added to what the caller does; the first that fails is the last, unless it is
- * optional and missing. */
-TEST_F(Paths, Tables) {
-    const WCHAR* const only[] = {u"w", nullptr};
-    const sidKeyPath missing = {u"TEST\\no", SID_REPLACE_VALUES, nullptr},
-                     a = {u"TEST\\a", SID_REPLACE_VALUES, only}, end = {nullptr, 0, nullptr};
-    const sidKeyPath table[] = {missing, a, end};
-    grow("a");
-    for (const char* name : {"v", "w"}) set("a", name, REG_BINARY, oldSid);
-    for (const uint32_t flags : {0u, 0u + SID_OPTIONAL}) {
-        EXPECT_EQ(
-            sidReplaceInKeyPaths(HKEY_LOCAL_MACHINE, flags, table, oldSid.data(), 24, newSid.data(), 24),
-            flags != 0 ? 0u : DWORD{ERROR_FILE_NOT_FOUND});
-        EXPECT_EQ(get("a", "w"), flags != 0 ? newSid : oldSid);
-    }
-    EXPECT_EQ(get("a", "v"), oldSid);
-}
-
 /* The built-in table: its keys below a machine that has them all. */
 TEST_F(Paths, Selected) {
     const struct {

@@ -134,20 +134,6 @@ TEST_F(Values, StringsTooLong) {
     EXPECT_EQ(tree("k"), "a NEW NEW-1");
 }
 
-/* However many strings a multi-string has, it is rewritten in one piece. */
-TEST_F(Values, ManyStrings) {
-    ByteVector before, after;
-    for (int i = 0; i < 20000; i++) {
-        put(before, was(nul));
-        put(after, is(nul));
-    }
-    set("k", "v", REG_MULTI_SZ, before);
-    allocationsLeft = 6;  // for the record, the string that is rewritten and the whole value
-    EXPECT_EQ(run(SID_REPLACE_VALUES | SID_EXACT), "v, 0");
-    allocationsLeft = -1;
-    EXPECT_TRUE(get("k", "v") == after);
-}
-
 TEST_F(Values, MessagesAndFailures) {
     const WCHAR* const none[] = {nullptr};
     const WCHAR* const listed[] = {u"b", u"missing", u"c", nullptr};

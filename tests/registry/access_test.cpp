@@ -51,32 +51,6 @@ TEST_F(AccessTest, EveryUseNeedsItsRight) {
     }
 }
 
-TEST_F(AccessTest, CheckedModeEnforcesDescriptors) {
-    create(u"locked");
-    describe("locked", systemOnly());
-    create(u"locked\\below");
-    create(u"narrow");
-    describe("narrow", makeDescriptor(localSystem, {allowed(admins, KEY_CREATE_SUB_KEY, 0),
-                                                    allowed(admins, KEY_QUERY_VALUE)}));
-    setAccessMode(AccessMode::checked);
-    HANDLE key = nullptr;
-    EXPECT_EQ(tryOpen(full(u"locked")), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(tryOpen(full(u"locked\\below")), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(tryOpen(full(u"locked\\none")), STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(tryOpen(full(u"narrow"), {.access = KEY_QUERY_VALUE | 0x100}),
-              STATUS_SUCCESS); /* one of two views */
-    EXPECT_EQ(createKey(key, full(u"locked\\new"), {}), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(createKey(key, full(u"narrow\\link"), {.options = REG_OPTION_CREATE_LINK}),
-              STATUS_ACCESS_DENIED);
-    /* Who creates a key gets what it asks for, also where the inherited list grants less. */
-    EXPECT_EQ(setText(create(u"narrow\\made"), u"v", REG_SZ, u"x"), STATUS_SUCCESS);
-    EXPECT_EQ(tryOpen(full(u"narrow\\made"), {.access = KEY_CREATE_SUB_KEY}), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(tryOpen(full(u"narrow\\made")), STATUS_ACCESS_DENIED);
-    HANDLE most = open(u"narrow\\made", {.access = MAXIMUM_ALLOWED});
-    EXPECT_EQ(nameOf(most), "made");
-    EXPECT_EQ(setText(most, u"v", REG_SZ, u"x"), STATUS_ACCESS_DENIED);
-}
-
 TEST_F(AccessTest, DescriptorsAreReadWholeOrNotAtAll) {
     enable(securityPrivilege);
     HANDLE key = create(u"key", {.access = KEY_ALL_ACCESS | ACCESS_SYSTEM_SECURITY});

@@ -186,15 +186,5 @@ TEST_F(MountTest, HivesAreLoadedAndUnloaded) {
     EXPECT_EQ(hiveFindSubkey(*again, hiveRoot(*again), u"link", made), STATUS_OBJECT_NAME_NOT_FOUND);
 }
 
-TEST_F(MountTest, TheInstallationIsOpenedByTheFirstCallThatNeedsIt) {
-    setSystemOpener([] { return STATUS_REGISTRY_CORRUPT; });
-    HANDLE key = nullptr;
-    HKEY opened = nullptr;
-    EXPECT_EQ(openKey(key, full(u"")), STATUS_REGISTRY_CORRUPT);
-    EXPECT_EQ(createKey(key, full(u"x"), {}), STATUS_REGISTRY_CORRUPT);
-    EXPECT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"TEST", 0, KEY_READ, &opened), ERROR_BADDB);
-    EXPECT_EQ(RegLoadKeyW(HKEY_USERS, u"x", u"C:\\x"), ERROR_BADDB);
-}
-
 } /* namespace */
 } /* namespace offline */

@@ -8,35 +8,6 @@ using PathTest = SmallSystem;
 using LinkTest = SmallSystem;
 using HandleTest = SmallSystem;
 
-TEST_F(PathTest, NativePathsAreParsedAsThePlatformDoes) {
-    create(u"A");
-    create(u"A\\b");
-    HANDLE a = open(u"A");
-    const std::vector<std::tuple<HANDLE, std::u16string, NTSTATUS>> rows = {
-        {nullptr, u"\\REGISTRY\\machine\\test\\a\\B", STATUS_SUCCESS},
-        {nullptr, u"\\Registry\\User\\", STATUS_SUCCESS},
-        {nullptr, u"", STATUS_OBJECT_PATH_SYNTAX_BAD},
-        {nullptr, u"Registry\\Machine", STATUS_OBJECT_PATH_SYNTAX_BAD},
-        {nullptr, u"\\", STATUS_OBJECT_TYPE_MISMATCH},
-        {nullptr, u"\\Device\\A", STATUS_OBJECT_NAME_NOT_FOUND},
-        {nullptr, full(u"none"), STATUS_OBJECT_NAME_NOT_FOUND},
-        {nullptr, full(std::u16string(300, u'x')), STATUS_INVALID_PARAMETER},
-        {a, u"b", STATUS_SUCCESS},
-        {a, u"", STATUS_SUCCESS},
-        {a, u"\\b", STATUS_OBJECT_PATH_SYNTAX_BAD},
-        {HKEY_LOCAL_MACHINE, u"TEST", STATUS_INVALID_HANDLE},
-        {reinterpret_cast<HANDLE>(0x7770), u"TEST", STATUS_INVALID_HANDLE},
-    };
-    for (const auto& [root, path, status] : rows)
-        EXPECT_EQ(tryOpen(path, {.root = root}), status) << toUtf8(path);
-    UNICODE_STRING odd = counted(u"b");
-    odd.Length = 1;
-    OBJECT_ATTRIBUTES attributes = {sizeof attributes, a, &odd, 0, nullptr, nullptr};
-    HANDLE key = nullptr;
-    EXPECT_EQ(ZwOpenKey(&key, KEY_READ, &attributes), STATUS_OBJECT_NAME_INVALID);
-    EXPECT_EQ(ZwOpenKey(&key, KEY_READ, nullptr), STATUS_INVALID_PARAMETER);
-}
-
 TEST_F(PathTest, Win32PathsStartAtPredefinedAndOpenKeys) {
     const auto a = asHkey(create(u"A"));
     create(u"A\\b");
@@ -129,32 +100,6 @@ TEST_F(LinkTest, LinksAreFollowedAtEveryComponent) {
     EXPECT_EQ(setText(link, u"other", REG_LINK, full(u"real")), STATUS_ACCESS_DENIED);
 }
 
-TEST_F(LinkTest, ChainsEndAtTheLimit) {
-    const auto name = [](int number) { return toUtf16("link" + std::to_string(number)); };
-    create(name(0));
-    for (int i = 1; i <= 33; i++) makeLink(name(i), full(name(i - 1)));
-    EXPECT_EQ(tryOpen(full(name(32))), STATUS_SUCCESS);
-    EXPECT_EQ(tryOpen(full(name(33))), STATUS_OBJECT_PATH_INVALID);
-}
-
-TEST_F(LinkTest, CreateWorksThroughLinksAndNeverReplacesOne) {
-    create(u"real");
-    makeLink(u"toReal", full(u"real"));
-    makeLink(u"toNew", full(u"real\\new"));
-    makeLink(u"toNowhere", full(u"none\\new"));
-    create(u"toReal\\child");
-    create(u"toNew");
-    EXPECT_EQ(children(open(u"real")), "child new ");
-    HANDLE key = nullptr;
-    EXPECT_EQ(createKey(key, full(u"toNowhere"), {}), STATUS_OBJECT_NAME_NOT_FOUND);
-    for (const char16_t* taken : {u"toReal", u"toNowhere"}) {
-        EXPECT_EQ(createKey(key, full(taken), {.options = REG_OPTION_CREATE_LINK}),
-                  STATUS_OBJECT_NAME_COLLISION);
-    }
-    EXPECT_EQ(ZwDeleteKey(create(u"toReal", {.attributes = OBJ_OPENLINK | OBJ_OPENIF})), STATUS_SUCCESS);
-    EXPECT_EQ(children(open(u"")), "real toNew toNowhere ");
-}
-
 TEST_F(HandleTest, ADeletedKeyAnswersKeyDeleted) {
     HANDLE first = create(u"dead");
     HANDLE second = open(u"DEAD");
@@ -174,15 +119,6 @@ TEST_F(HandleTest, ADeletedKeyAnswersKeyDeleted) {
     EXPECT_EQ(ZwClose(second), STATUS_SUCCESS);
     EXPECT_EQ(nameOf(reborn), "dead");
     EXPECT_EQ(ZwDeleteKey(reborn), STATUS_SUCCESS);
-}
-
-TEST_F(HandleTest, AResetEndsOpenKeys) {
-    HANDLE key = create(u"key");
-    ASSERT_EQ(ZwDeleteKey(create(u"deleted")), STATUS_SUCCESS);
-    registryReset();
-    EXPECT_EQ(store.closed, 1u);
-    EXPECT_EQ(ZwFlushKey(key), STATUS_KEY_DELETED);
-    EXPECT_EQ(tryOpen(full(u"")), STATUS_OBJECT_NAME_NOT_FOUND);
 }
 
 } /* namespace */

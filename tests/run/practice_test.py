@@ -16,8 +16,13 @@ class DryRun(ImageCase):
             was, now = self.contents(before, path), self.contents(after, path)
             if not path.endswith("SYSTEM"): self.assertEqual(was, now, path)
             else: self.assertLess(sum(a != b for a, b in zip(was[4096:], now[4096:])), 16 + 8 + 1, "GUID and last-write time")
-        dump = lambda image: subprocess.run(["ntfssecaudit", "-b", image], capture_output=True).stdout
-        self.assertEqual(dump(before).replace(before.encode(), b""), dump(after).replace(after.encode(), b""))
+        self.assertEqual(self.descriptors(before), self.descriptors(after))
+
+    def descriptors(self, image):
+        """Every file with its descriptor, without the comments, one of which is the time."""
+        said = subprocess.run(["ntfssecaudit", "-b", image], capture_output=True).stdout
+        self.assertIn(b"Security key", said)
+        return [line for line in said.splitlines() if not line.startswith(b"#") and image.encode() not in line]
 
     def test_nothing_is_written_and_every_find_is_named(self):
         image = self.copy(sample(), "dry.img")
@@ -37,9 +42,7 @@ class DryRun(ImageCase):
         self.assertTrue(all("RegLoadKey" in line for line in quiet.error_lines()), quiet.err)
 
     def test_a_disk_that_can_only_be_read(self):
-        image, data = self.copy(sample(), "read-only.img"), self.path("data.img")
-        with open(data, "wb") as f: f.truncate(16 << 20)
-        subprocess.run(["mkntfs", "-F", "-Q", "-q", "-s", "512", "-p", "0", "-H", "255", "-S", "63", data], check=True, capture_output=True)
+        image, data = self.copy(sample(), "read-only.img"), self.volume("data.img")
         before = digest(image)
         for kept, system in ((image, image), (data, image + ":" + data)):
             os.chmod(kept, 0o444)
@@ -98,9 +101,7 @@ class RealRun(ImageCase):
         self.assertNotEqual(self.contents(image, HIVES[0]), self.contents(sample(), HIVES[0]))
 
     def test_several_disks_have_letters_of_their_own(self):
-        first, second = self.copy(sample(), "first.img"), self.path("data.img")
-        with open(second, "wb") as f: f.truncate(16 << 20)
-        subprocess.run(["mkntfs", "-F", "-Q", "-q", "-s", "512", "-p", "0", "-H", "255", "-S", "63", second], check=True, capture_output=True)
+        first, second = self.copy(sample(), "first.img"), self.volume("data.img")
         for system in (first + ":" + second, second + ":" + first):
             self.assertIn("scanning c: ...\nscanning d: ...\n", quillet("-s", system=system).out)
 

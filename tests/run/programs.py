@@ -55,6 +55,13 @@ class ImageCase(unittest.TestCase):
         with open(self.path(name), "wb") as f: f.write(data)
         return self.path(name)
 
+    def volume(self, name, size=16 << 20):
+        """An empty NTFS volume."""
+        with open(self.path(name), "wb") as f: f.truncate(size)
+        geometry = ["-s", "512", "-p", "0", "-H", "255", "-S", "63"]
+        subprocess.run(["mkntfs", "-F", "-Q", "-q", *geometry, self.path(name)], check=True, capture_output=True)
+        return self.path(name)
+
     def contents(self, image, path):
         """A file of a volume, read by a program that is not ours."""
         return subprocess.run(["ntfscat", image, path], check=True, capture_output=True).stdout

@@ -113,25 +113,6 @@ TEST(Descriptor, EntriesOfALongListInAnyOrder) {
     }
 }
 
-TEST(Descriptor, QueryGivesTheParts) {
-    Image stored = descriptor(stranger, users, audits, oldDacl, 0x3C01), image;
-    stored.resize(stored.size() + 8, 0x5A);
-    // clang-format off
-    const std::pair<SECURITY_INFORMATION, uint16_t> rows[] = {
-        {0, 0x8000}, {1, 0x8001}, {2, 0x8000}, {4, 0x9404}, {8, 0xA810}, {7, 0x9405}, {0x80000004, 0x9404}};
-    // clang-format on
-    for (const auto& [parts, control] : rows) {
-        SCOPED_TRACE(parts);
-        ASSERT_EQ(descriptorQuery(stored, parts, image), STATUS_SUCCESS);
-        expectParts(image, (parts & 1) != 0 ? stranger : "", (parts & 2) != 0 ? users : "",
-                    (parts & 8) != 0 ? audits : Image{}, (parts & 4) != 0 ? oldDacl : Image{}, control);
-    }
-    ASSERT_EQ(descriptorQuery(stored, 0xF, image), STATUS_SUCCESS);
-    EXPECT_EQ(image, stored);
-    stored[0] = 0;
-    EXPECT_EQ(descriptorQuery(stored, 0xF, image), STATUS_INVALID_SECURITY_DESCR);
-}
-
 TEST(Descriptor, SetKeepsWhatIsNotNamed) {
     setAccessMode(AccessMode::unrefused);
     const Image stored = descriptor(stranger, users, audits, oldDacl, 0x3C01);
