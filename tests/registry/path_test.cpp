@@ -8,6 +8,35 @@ using PathTest = SmallSystem;
 using LinkTest = SmallSystem;
 using HandleTest = SmallSystem;
 
+TEST_F(PathTest, NativePathsAreParsedAsThePlatformDoes) {
+    create(u"A");
+    create(u"A\\b");
+    HANDLE a = open(u"A");
+    const std::vector<std::tuple<HANDLE, std::u16string, NTSTATUS>> rows = {
+        {nullptr, u"\\REGISTRY\\machine\\test\\a\\B", STATUS_SUCCESS},
+        {nullptr, u"\\Registry\\User\\", STATUS_SUCCESS},
+        {nullptr, u"", STATUS_OBJECT_PATH_SYNTAX_BAD},
+        {nullptr, u"Registry\\Machine", STATUS_OBJECT_PATH_SYNTAX_BAD},
+        {nullptr, u"\\", STATUS_OBJECT_TYPE_MISMATCH},
+        {nullptr, u"\\Device\\A", STATUS_OBJECT_NAME_NOT_FOUND},
+        {nullptr, full(u"none"), STATUS_OBJECT_NAME_NOT_FOUND},
+        {nullptr, full(std::u16string(300, u'x')), STATUS_INVALID_PARAMETER},
+        {a, u"b", STATUS_SUCCESS},
+        {a, u"", STATUS_SUCCESS},
+        {a, u"\\b", STATUS_OBJECT_PATH_SYNTAX_BAD},
+        {HKEY_LOCAL_MACHINE, u"TEST", STATUS_INVALID_HANDLE},
+        {reinterpret_cast<HANDLE>(0x7770), u"TEST", STATUS_INVALID_HANDLE},
+    };
+    for (const auto& [root, path, status] : rows)
+        EXPECT_EQ(tryOpen(path, {.root = root}), status) << toUtf8(path);
+    UNICODE_STRING odd = counted(u"b");
+    odd.Length = 1;
+    OBJECT_ATTRIBUTES attributes = {sizeof attributes, a, &odd, 0, nullptr, nullptr};
+    HANDLE key = nullptr;
+    EXPECT_EQ(ZwOpenKey(&key, KEY_READ, &attributes), STATUS_OBJECT_NAME_INVALID);
+    EXPECT_EQ(ZwOpenKey(&key, KEY_READ, nullptr), STATUS_INVALID_PARAMETER);
+}
+
 TEST_F(PathTest, Win32PathsStartAtPredefinedAndOpenKeys) {
     const auto a = asHkey(create(u"A"));
     create(u"A\\b");
@@ -119,6 +148,15 @@ TEST_F(HandleTest, ADeletedKeyAnswersKeyDeleted) {
     EXPECT_EQ(ZwClose(second), STATUS_SUCCESS);
     EXPECT_EQ(nameOf(reborn), "dead");
     EXPECT_EQ(ZwDeleteKey(reborn), STATUS_SUCCESS);
+}
+
+TEST_F(HandleTest, AResetEndsOpenKeys) {
+    HANDLE key = create(u"key");
+    ASSERT_EQ(ZwDeleteKey(create(u"deleted")), STATUS_SUCCESS);
+    registryReset();
+    EXPECT_EQ(store.closed, 1u);
+    EXPECT_EQ(ZwFlushKey(key), STATUS_KEY_DELETED);
+    EXPECT_EQ(tryOpen(full(u"")), STATUS_OBJECT_NAME_NOT_FOUND);
 }
 
 } /* namespace */

@@ -90,6 +90,17 @@ TEST_F(QueryTest, ValueRecordsGrow) {
     EXPECT_EQ(head<KEY_VALUE_FULL_INFORMATION>(empty).Type, 0x12345u);
 }
 
+TEST_F(QueryTest, WhatIsMissingOrOddIsRefused) {
+    HANDLE key = create(u"key");
+    char buffer[64];
+    ULONG length = 0;
+    EXPECT_EQ(ZwEnumerateValueKey(key, 0, KeyValueFullInformation, buffer, 64, &length),
+              STATUS_NO_MORE_ENTRIES);
+    EXPECT_EQ(ZwQueryKey(key, KeyBasicInformation, nullptr, 64, &length), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(setText(key, std::u16string(16383, u'v'), REG_SZ, u""), STATUS_SUCCESS);
+    EXPECT_EQ(setText(key, std::u16string(16384, u'v'), REG_SZ, u""), STATUS_INVALID_PARAMETER);
+}
+
 TEST_F(QueryTest, Win32Values) {
     const auto key = asHkey(create(u"key"));
     const char16_t text[] = u"text";
