@@ -122,7 +122,7 @@ class Names(CompanionCase):
         self.assertIn("a.img: is named twice", done.err)
 
     def test_whoever_took_the_permission_to_write_meant_it(self):
-        first = r"\Adisk        a.img, \d+\.\d MiB, no partition table"
+        first = r"\Adisk        a.img, \d+\.\d MiB, raw, no partition table"
         self.assertRegex(self.offline("info", "a.img").out, first + "\n")
         os.chmod(self.image, 0o400)
         done = self.offline("info", "a.img")

@@ -86,34 +86,9 @@ class Sample(CompanionCase):
 
 
 class Run(CompanionCase):
-    """With a copy of the program, so that what lies beside it is the test's."""
-
-    def setUp(self):
-        super().setUp()
-        self.program = self.path("quillet-offline")
-        shutil.copy(OFFLINE, self.program)
-
-    def start(self, *arguments, **environment):
-        return run(self.program, "run", *arguments, directory=self.work, **environment)
-
-    def make_quillet(self, where, script):
-        os.makedirs(self.path(where), exist_ok=True)
-        os.chmod(self.write(os.path.join(where, "quillet"), ("#!/bin/sh\n" + script).encode()), 0o700)
-
-    def test_disks_options_and_the_exit_status_are_passed_on(self):
-        self.make_quillet("", "echo beside $QUILLET_SYSTEM; for a; do echo \"[$a]\"; done; exit 7\n")
-        done = self.start("one.img", "sub/two.img", "--", "-s", "", "--help", "--")
-        self.assertEqual((done.status, done.err), (7, ""))
-        self.assertEqual(done.out, "beside one.img:sub/two.img\n[-s]\n[]\n[--help]\n[--]\n")
-        self.assertEqual(self.start("one.img").out, "beside one.img\n")
-        for arguments, words in ((["good.img", "a:b.img"], "a:b.img"), (["good.img", ""], ""), (["good.img", "-s"], "")):
-            self.assert_refused(self.start(*arguments), words)
-
-    def test_the_path_is_searched(self):
-        self.make_quillet("bin", "echo on the path\n")
-        self.assertEqual(self.start("a.img", PATH=self.path("bin")).out, "on the path\n")
-        os.unlink(self.path("bin/quillet"))
-        self.assert_refused(self.start("a.img", PATH=self.path("bin")))
+    def test_what_can_not_be_a_disk(self):
+        for arguments in (["good.img", ""], ["good.img", "-s"], ["good.img", "--undo"]):
+            self.assert_refused(self.offline("run", *arguments))
 
 
 programs.main()
