@@ -17,7 +17,7 @@ TEST_F(Names, ADiskIsNamedOnce) {
 }
 
 TEST_F(Names, WhoeverTookThePermissionToWriteMeantIt) {
-    const std::string first = "disk        a.img, 48.0 MiB, no partition table";
+    const std::string first = "disk        a.img, 48.0 MiB, raw, no partition table";
     EXPECT_EQ(quilletOffline({"info", "a.img"}).out.rfind(first + "\n", 0), 0u);
     std::filesystem::permissions(path("a.img"), std::filesystem::perms::owner_read);
     const Outcome outcome = quilletOffline({"info", "a.img"});
