@@ -14,15 +14,16 @@ _quillet_offline() {
     case $before in
     --whole-disk) COMPREPLY=($(compgen -W "mbr gpt" -- "$word")) && return ;;
     --commit) COMPREPLY=($(compgen -W "success always" -- "$word")) && return ;;
+    --format) COMPREPLY=($(compgen -W "auto raw qcow2 vmdk vhdx vhd vdi" -- "$word")) && return ;;
     --size | --files | --descriptors | --machine | --sid) return ;;
     esac
     case $command in
     sample) options="--size --whole-disk --force --files --descriptors --machine --help -h" ;;
-    info) options="--json --help -h" ;;
-    audit) options="--sid --all --json --help -h" ;;
-    plan) options="--verbose -v --help -h" ;;
-    run) options="--undo --no-undo --commit --help -h" ;;
-    undo) options="--undo --help -h" ;;
+    info) options="--format --json --help -h" ;;
+    audit) options="--report --format --sid --all --json --help -h" ;;
+    plan) options="--report --json --format --verbose -v --help -h" ;;
+    run) options="--json --report --strict --verify --format --undo --no-undo --commit --help -h" ;;
+    undo) options="--json --format --undo --help -h" ;;
     "")
         COMPREPLY=($(compgen -W "sample info audit plan run undo --help -h --version" -- "$word"))
         return

@@ -87,7 +87,7 @@ class Sample(CompanionCase):
 
 class Run(CompanionCase):
     def test_what_can_not_be_a_disk(self):
-        for arguments in (["good.img", ""], ["good.img", "-s"], ["good.img", "--undo"]):
+        for arguments in (["good.img", ""], ["good.img", "-s"], ["--format", "raw,raw", "good.img"]):
             self.assert_refused(self.offline("run", *arguments))
 
 

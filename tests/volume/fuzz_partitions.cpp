@@ -13,8 +13,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     offline::DiskPtr disk;
     offline::Problem problem;
     std::vector<offline::Partition> partitions;
-    if (offline::diskOpen("/proc/self/fd/" + std::to_string(file), offline::DiskAccess::readOnly, disk,
-                          problem) >= 0 &&
+    if (offline::diskOpen({"/proc/self/fd/" + std::to_string(file), offline::DiskFormat::raw},
+                          offline::DiskAccess::readOnly, disk, problem) >= 0 &&
         offline::diskPartitions(*disk, partitions, problem) >= 0) {
         for (const offline::Partition& partition : partitions) {
             if (partition.start > size || partition.size > size - partition.start) std::abort();

@@ -27,7 +27,7 @@ struct PartitionTest : images::ImageTest {
         images::writeFile(path("disk"), bytes);
         DiskPtr disk;
         problem = {};
-        NTSTATUS status = diskOpen(path("disk"), DiskAccess::readOnly, disk, problem);
+        NTSTATUS status = diskOpen({path("disk"), DiskFormat::raw}, DiskAccess::readOnly, disk, problem);
         return status < 0 ? status : diskPartitions(*disk, partitions, problem);
     }
     void expectOne(const ByteVector& bytes, PartitionTable table, uint64_t start, uint64_t size) {

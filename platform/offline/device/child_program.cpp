@@ -28,7 +28,7 @@ std::string onPath(const std::string& name) {
     const std::string path = set == nullptr ? "/usr/local/bin:/usr/bin:/bin" : set;
     for (size_t from = 0; from <= path.size();) {
         const size_t end = std::min(path.find(':', from), path.size());
-        const std::string program = path.substr(from, end - from) + "/" + name;
+        std::string program = path.substr(from, end - from) + "/" + name;
         if (program.front() == '/' && access(program.c_str(), X_OK) == 0) return program;
         from = end + 1;
     }

@@ -14,6 +14,14 @@ constexpr uint64_t windowSize = uint64_t{256} << 10; /* what a processor has at 
 static_assert(windowSize <= journal::piece::maxStretch);
 constexpr uint64_t readThrough = 32 * blockSize; /* unchanged bytes, rather than reading twice */
 
+constexpr uint64_t readAhead = 4 * windowSize; /* bytes that are read at once */
+
+/* A part of the disk that is compared in one go, and what it holds there, where that was read already. */
+struct Window {
+    uint64_t start, end;
+    ByteVector before;
+};
+
 struct Gathering {
     const JournalHead& head;
     std::span<const TransactionDisk> disks;
@@ -23,6 +31,7 @@ struct Gathering {
     bool onlyLook = true; /* whether anything differs */
     bool found = false;
     size_t disk = 0;
+    std::vector<Window> windows = {};   /* the next ones */
     ByteVector before = {}, after = {}; /* of the window */
     ChangedStretch grown = {};          /* the stretch in hand, in the window */
 
@@ -30,7 +39,8 @@ struct Gathering {
     NTSTATUS addMarked();
 
 private:
-    NTSTATUS load(uint64_t start, uint64_t end);
+    NTSTATUS load(uint64_t start, uint64_t end, ByteVector&& ahead = {});
+    bool nextWindows(uint64_t& from);
     NTSTATUS gatherDisk();
     NTSTATUS gatherUnits(uint64_t start, uint64_t end);
     NTSTATUS compareWindow(uint64_t start);
@@ -49,10 +59,12 @@ private:
 };
 
 /* The bytes as they are, and as they are to be. */
-NTSTATUS Gathering::load(uint64_t start, uint64_t end) {
-    before.resize(end - start);
+NTSTATUS Gathering::load(uint64_t start, uint64_t end, ByteVector&& ahead) {
     const TransactionDisk& one = disks[disk];
-    DeviceError error = one.device->read(start, before);
+    const bool there = !ahead.empty();
+    before = std::move(ahead);
+    before.resize(end - start);
+    DeviceError error = there ? 0 : one.device->read(start, before);
     if (error != 0) {
         return refuse(problem, deviceStatus(error),
                       one.device->name() + ": what is to be changed there can't be read (" +
@@ -156,15 +168,38 @@ uint64_t windowEnd(const TransactionDisk& disk, uint64_t start) {
     return end;
 }
 
-NTSTATUS Gathering::gatherDisk() {
-    uint64_t from = 0, changed = 0;
-    while (!enough() && disks[disk].overlay->nextChanged(from, changed)) {
+/* The windows from there on that are worth reading at once; false when there is none. Where one can't be
+ * read, each is by itself. */
+bool Gathering::nextWindows(uint64_t& from) {
+    const TransactionDisk& one = disks[disk];
+    const size_t most = onlyLook ? 1 : one.device->readsAtOnce();
+    uint64_t changed = 0, bytes = 0;
+    windows.clear();
+    while (windows.size() < most && bytes < readAhead && one.overlay->nextChanged(from, changed)) {
         const uint64_t start = changed - changed % blockSize;
-        from = windowEnd(disks[disk], start);
-        const uint64_t end = std::min(from, disks[disk].device->size());
-        NTSTATUS status = load(start, end);
-        status = status < 0 ? gatherUnits(start, end) : compareWindow(start);
-        if (status < 0) return status;
+        from = windowEnd(one, start);
+        windows.push_back({start, std::min(from, one.device->size()), {}});
+        bytes += from - start;
+    }
+    if (windows.size() < 2) return !windows.empty();
+    std::vector<DeviceRead> reads;
+    for (Window& window : windows) {
+        window.before.resize(window.end - window.start);
+        reads.push_back({window.start, window.before});
+    }
+    if (one.device->readAll(reads) == 0) return true;
+    for (Window& window : windows) window.before.clear();
+    return true;
+}
+
+NTSTATUS Gathering::gatherDisk() {
+    uint64_t from = 0;
+    while (!enough() && nextWindows(from)) {
+        for (Window& window : windows) {
+            NTSTATUS status = load(window.start, window.end, std::move(window.before));
+            status = status < 0 ? gatherUnits(window.start, window.end) : compareWindow(window.start);
+            if (status < 0) return status;
+        }
     }
     return STATUS_SUCCESS;
 }

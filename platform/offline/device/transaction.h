@@ -60,7 +60,7 @@ struct CommitReport {
  *
  * STATUS_SUCCESS: committed, or nothing differs. Otherwise one line says what refused and how the disks are:
  * unchanged as a rule; where the old bytes could not be put back, the journal stays and the line says so.
- * Memory: 12 MiB above the overlays'. */
+ * Memory: 16 MiB above the overlays'. */
 NTSTATUS commitTransaction(JournalFiles& files, std::span<const TransactionDisk> disks,
                            std::span<const DirtyMark> marks, const UndoChoice& undo, CommitReport& report,
                            Problem& problem);
