@@ -1,5 +1,5 @@
 """The measurements of bench/run, which builds what is measured here."""
-import argparse, json, lzma, os, shutil, statistics, subprocess, sys, tempfile, time
+import argparse, json, lzma, os, re, shutil, statistics, subprocess, sys, tempfile, time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 BUILD = os.environ.get("QUILLET_BUILD") or os.path.join(HERE, "..", "build-bench")
@@ -48,17 +48,22 @@ def key_of(sid):
     return b"".join(int(n).to_bytes(4, "little") for n in sid.split("-")[4:7]).hex()
 
 def walks(files, repeat, work):
-    image, copy = os.path.join(work, "big.img"), os.path.join(work, "copy.img")
+    image = os.path.join(work, "big.img")
     seconds, said = timed([program("quillet-offline"), "sample", image, "--files", str(files), "--descriptors", "200"])
     print("image: %s" % said.strip().replace(work + "/", ""))
     old = next(w for w in said.replace(",", " ").split() if w.startswith("S-1-5-21-"))
+    measure(image, old, int(next(w for w in said.split() if w.isdigit())), repeat, work)
+    os.remove(image)
+
+def measure(image, old, entries, repeat, work):
+    """Dry and first rewriting runs over an image, beside other ways."""
+    copy = os.path.join(work, "copy.img")
     env = dict(os.environ, QUILLET_SYSTEM=image)
     dry, audit, floor = [], [], []
     for _ in range(repeat):
         dry.append(timed([program("quillet"), "-f", "-s"], env=env)[0])
         audit.append(timed(["ntfssecaudit", "-ar", image])[0])
         floor.append(raw_read(image, work))
-    entries = int(next(w for w in said.split() if w.isdigit()))
     d, a, f = map(statistics.median, (dry, audit, floor))
     print("dry run      %.3f s, %d k entries/s: %.1f x ntfssecaudit -ar (%.3f s); raw read of $MFT and $SDS %.3f s; peak %.0f MiB"
           % (d, entries / d / 1000, a / d, a, f, peak_memory([program("quillet"), "-f", "-s"], env=env)))
@@ -77,6 +82,10 @@ def walks(files, repeat, work):
     print("rewriting    %.3f s, %d k entries/s: %.1f x rewriting by path (%.3f s); peak %.0f MiB"
           % (m, entries / m / 1000, p / m, p, peak_memory([program("quillet"), "-f"], env=env)))
     transaction(image, work, repeat)
+    if shutil.which("strace"):
+        fresh()
+        print("  rewriting    %s" % counted([program("quillet"), "-f"], copy, env=env))
+    os.remove(copy)
 
 def transaction(image, work, repeat):
     """What the commit adds to a first rewriting run, beside a plain write of the same bytes in the disk's order and its
@@ -112,6 +121,73 @@ def transaction(image, work, repeat):
     print("commit       %.3f s of a run's %.3f s, for %d MiB in %d places: %.1f x a plain write of them and its flush (%.3f s)"
           % (whole - refused, whole, sum(len(data) for _, data in stretches) >> 20, len(stretches), (whole - refused) / floor, floor))
 
+def counted(command, image, **more):
+    """How many reads and writes of an image a command makes, and how many of either begin before the end of the last."""
+    trace = image + ".trace"
+    subprocess.run(["strace", "-f", "-y", "-e", "trace=pread64,pwrite64", "-o", trace] + command, capture_output=True, check=True, **more)
+    ends, counts, back = {"r": 0, "w": 0}, {"r": 0, "w": 0}, {"r": 0, "w": 0}
+    for line in open(trace, errors="replace"):
+        call = re.search(r'p(read|write)64\(\d+<%s>, .*, (\d+), (\d+)\) += (\d+)$' % re.escape(image), line)
+        if not call: continue
+        kind, offset, done = call.group(1)[0], int(call.group(3)), int(call.group(4))
+        counts[kind] += 1
+        back[kind] += offset < ends[kind]
+        ends[kind] = offset + done
+    os.remove(trace)
+    return "%d reads (%d of them back), %d writes (%d back)" % (counts["r"], back["r"], counts["w"], back["w"])
+
+def make_sample(image, size, work, *scattered):
+    """A practice system, and what scattered_image adds to it; gives its machine SID and the number of entries."""
+    said = timed([program("quillet-offline"), "sample", image, "--files", "20", "--size", size])[1]
+    words = said.replace(",", " ").split()
+    old, entries = next(w for w in words if w.startswith("S-1-5-21-")), int(words[-2])
+    return old, entries + int(timed([program("scattered_image"), image, old] + [str(n) for n in scattered])[1].split()[0])
+
+def scattered(directories, repeat, work, slow):
+    """Files whose MFT records lie in another order than the tree: dry and rewriting runs."""
+    image = os.path.join(work, "scattered.img")
+    old, entries = make_sample(image, "%dM" % (256 + directories * 21 * 4 // 1024), work, directories, 20, 200)
+    print("scattered    %d entries in %d directories" % (entries, directories))
+    measure(image, old, entries, repeat, work)
+    env = dict(os.environ, QUILLET_SYSTEM=image)
+    if shutil.which("strace"): print("  dry run      %s" % counted([program("quillet"), "-f", "-s"], image, env=env))
+    if slow: delayed(image, work)
+    os.remove(image)
+
+def delayed(image, work):
+    """The dry run of an image that a server gives out, each answer 5 ms late."""
+    if not shutil.which("nbdkit"): return print("delayed      left out: it needs nbdkit")
+    socket = os.path.join(work, "delayed.socket")
+    server = subprocess.Popen(["nbdkit", "-f", "-U", socket, "-r", "--filter=delay", "file", image, "delay-read=5ms"], stderr=subprocess.DEVNULL)
+    try:
+        while not os.path.exists(socket): time.sleep(0.05)
+        env = dict(os.environ, QUILLET_SYSTEM="nbd+unix\\:///?socket=" + socket)
+        begin = time.perf_counter()
+        done = subprocess.run([program("quillet"), "-f", "-s"], env=env, capture_output=True)
+        if done.returncode != 0: return print("delayed      left out: this build opens no nbd addresses")
+        print("delayed      %.1f s for a dry run through a server whose answers take 5 ms" % (time.perf_counter() - begin))
+    finally:
+        server.terminate(); server.wait()
+
+def growth(work):
+    """Time and memory of dry and rewriting runs over directories and descriptors of several sizes."""
+    image, copy = os.path.join(work, "growth.img"), os.path.join(work, "growth-copy.img")
+    rows = [("%d files in a directory" % n, (1, n, 200)) for n in (3000, 300000)]
+    rows += [("%d descriptors" % n, (max(1, n // 20), 20, n)) for n in (1000, 20000, 200000)]
+    for what, shape in rows:
+        make_sample(image, "%dM" % (256 + shape[0] * shape[1] * 5 // 1024), work, *shape)
+        shutil.copyfile(image, copy)
+        os.sync()
+        dry, wet = dict(os.environ, QUILLET_SYSTEM=image), dict(os.environ, QUILLET_SYSTEM=copy)
+        command = [program("quillet"), "-f"]
+        d, m = timed(command + ["-s"], env=dry)[0], peak_memory(command + ["-s"], env=dry)
+        print("growth       %-28s dry %6.3f s, %3.0f MiB" % (what, d, m), end="")
+        w = timed(command, env=wet)[0]
+        shutil.copyfile(image, copy)
+        os.sync()
+        print("   rewriting %6.3f s, %3.0f MiB" % (w, peak_memory(command, env=wet)))
+    os.remove(image); os.remove(copy)
+
 def registry(hive, repeat, work):
     """A dry run over a practice system with a real SYSTEM hive, beside a plain dump of that hive."""
     image = os.path.join(work, "registry.img")
@@ -131,6 +207,7 @@ def registry(hive, repeat, work):
 def main():
     a = argparse.ArgumentParser(description=__doc__)
     a.add_argument("--files", type=int, default=100000); a.add_argument("--repeat", type=int, default=5)
+    a.add_argument("--quick", action="store_true", help="one tenth of the files, no growth")
     opt = a.parse_args()
     work = tempfile.mkdtemp(prefix="quillet-bench-")
     shared = os.environ.get("QUILLET_SHARED") or os.path.join(HERE, "..", "..", "shared")
@@ -142,7 +219,12 @@ def main():
         engine(hive)
         if hive: registry(hive, opt.repeat, work)
         else: print("registry     left out: it needs the real hives of QUILLET_SHARED, and hivexml")
-        walks(opt.files, opt.repeat, work)
+        files = opt.files // 10 if opt.quick else opt.files
+        walks(files, opt.repeat, work)
+        scattered(files // 20, opt.repeat, work, True)
+        if not opt.quick:
+            scattered(files // 2, 3, work, False)
+            growth(work)
     finally: shutil.rmtree(work)
 
 main()

@@ -16,9 +16,11 @@ struct Faults {
     DeviceError error = EIO;
     uint64_t badStart = 0, badEnd = 0; /* bytes */
     bool refused = false;              /* a call was */
+    size_t atOnce = 1;                 /* reads that it answers side by side */
 
     struct Call {
-        char kind; /* 'r', 'w', 'z' (counted with the writes), 's' */
+        char kind; /* 'r', 'a' (one for several reads at once, their number as count), 'w', 'z' (counted with
+                      the writes), 's' */
         uint64_t offset, count;
     };
     std::vector<Call> calls; /* those that were not refused */
@@ -42,6 +44,11 @@ struct FaultDevice final : BlockDevice {
         if (offset < faults.badEnd && faults.badStart < offset + bytes.size()) return faults.error;
         const DeviceError error = refusal(faults.readsLeft, {'r', offset, bytes.size()});
         return error != 0 ? error : below->read(offset, bytes);
+    }
+    size_t readsAtOnce() const override { return faults.atOnce; }
+    DeviceError readAll(std::span<const DeviceRead> reads) override {
+        const DeviceError error = refusal(faults.readsLeft, {'a', 0, reads.size()});
+        return error != 0 ? error : below->readAll(reads);
     }
     DeviceError write(uint64_t offset, Bytes bytes) override {
         const DeviceError error = refusal(faults.writesLeft, {'w', offset, bytes.size()});

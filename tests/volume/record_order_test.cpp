@@ -17,6 +17,7 @@ constexpr uint32_t attributeList = 0x20, data = 0x80;
 struct RecordOrder : images::ImageTest {
     std::string image;
     std::vector<FileRef> directories, files;
+    size_t alone = 0; /* calls of the device */
     FileRef linked = 0, listed = 0, lost = 0, broken = 0;
 
     void SetUp() override {
@@ -168,6 +169,34 @@ TEST_F(RecordOrder, ARefusedWriteIsToldLater) {
     EXPECT_EQ(opened.close(), STATUS_IO_DEVICE_ERROR);
     OpenVolume again(image, DiskAccess::readOnly);
     walk(again, [&](FileRef file) { EXPECT_EQ(again.read(file), descriptor(5)); });
+}
+
+/* Where a device answers several reads at once, directories are read before they are entered, and what is
+ * seen is the same, also when that fails. */
+TEST_F(RecordOrder, DirectoriesAreReadAhead) {
+    for (const size_t atOnce : {1, 8}) {
+        images::failures = {};
+        images::failures.atOnce = atOnce;
+        const OpenVolume opened(image, DiskAccess::readOnly);
+        images::failures.calls.clear();
+        DirectoryListing top;
+        ASSERT_GE(volumeList(opened, rootDirectory, top), 0);
+        size_t names = 0;
+        const auto begun = images::failures.calls.size();
+        for (const DirectoryEntry& entry : top.entries) {
+            FileInfo info = {};
+            DirectoryListing listing;
+            ASSERT_GE(volumeEntryInfo(opened, rootDirectory, top, entry, info), 0);
+            ASSERT_GE(volumeList(opened, entry.file, listing), 0);
+            names += listing.entries.size();
+        }
+        EXPECT_EQ(names, files.size() + 13);
+        size_t together = 0, calls = images::failures.calls.size() - begun;
+        for (const auto& call : images::failures.calls) together += call.kind == 'a' ? 1 : 0;
+        EXPECT_EQ(together, atOnce == 1 ? 0u : 4u);
+        if (atOnce == 1) alone = calls;
+        EXPECT_LE(calls, alone);
+    }
 }
 
 } /* namespace */

@@ -266,10 +266,17 @@ bool isIn(UnitMask mask, size_t unit) {
 NTSTATUS cacheReadPast(BlockCache& cache, uint64_t offset, std::span<uint8_t> bytes) {
     return guarded([&]() -> NTSTATUS {
         if (!onDevice(cache, offset, bytes.size())) return STATUS_INVALID_PARAMETER;
-        if (const DeviceError error = cache.device.read(offset, bytes)) return deviceStatus(error);
+        size_t cached = 0;
         forCachedUnits(cache, offset, bytes,
-                       [](const CacheBlock& block, size_t unit, std::span<uint8_t> part, size_t at) {
-                           if (isIn(block.dirty, unit))
+                       [&](const CacheBlock& block, size_t unit, std::span<uint8_t> part, size_t) {
+                           if (isIn(block.valid, unit)) cached += part.size();
+                       });
+        const bool whole = cached == bytes.size();
+        const DeviceError error = whole ? 0 : cache.device.read(offset, bytes);
+        if (error != 0) return deviceStatus(error);
+        forCachedUnits(cache, offset, bytes,
+                       [&](const CacheBlock& block, size_t unit, std::span<uint8_t> part, size_t at) {
+                           if (whole || isIn(block.dirty, unit))
                                std::memcpy(part.data(), block.bytes.get() + at, part.size());
                        });
         return STATUS_SUCCESS;
@@ -336,6 +343,34 @@ NTSTATUS cacheWrite(BlockCache& cache, uint64_t offset, Bytes bytes) {
         }
         return STATUS_SUCCESS;
     });
+}
+
+void cacheReadAhead(BlockCache& cache, std::span<const ByteRange> ranges) {
+    static_cast<void>(guarded([&]() -> NTSTATUS {
+        constexpr size_t mostBlocks = cacheBlocks / 8;
+        std::vector<std::pair<uint32_t, UnitMask>> wanted;
+        std::vector<DeviceRead> reads;
+        for (const ByteRange& range : ranges) {
+            if (!onDevice(cache, range.offset, range.count)) continue;
+            for (uint64_t at = range.offset; at < range.offset + range.count && wanted.size() < mostBlocks;) {
+                const size_t start = at % cacheBlockSize;
+                const auto count = static_cast<size_t>(
+                    std::min<uint64_t>(range.offset + range.count - at, cacheBlockSize - start));
+                CacheBlock* block = nullptr;
+                if (findBlock(cache, at / cacheBlockSize, block) < 0) return STATUS_IO_DEVICE_ERROR;
+                UnitMask missing = unitsOf(start, count) & static_cast<UnitMask>(~uint32_t{block->valid});
+                if (missing != 0) wanted.emplace_back(cache.lastBlock, missing);
+                at += count;
+                forUnits(cache, *block, missing, [&](uint8_t* bytes, size_t size, uint64_t offset) {
+                    reads.push_back({offset, {bytes, size}});
+                    return STATUS_SUCCESS;
+                });
+            }
+        }
+        if (cache.device.readAll(reads) != 0) return STATUS_IO_DEVICE_ERROR;
+        for (const auto& [index, units] : wanted) cache.blocks[index].valid |= units;
+        return STATUS_SUCCESS;
+    }));
 }
 
 NTSTATUS cacheSync(BlockCache& cache) {

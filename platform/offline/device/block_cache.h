@@ -70,9 +70,20 @@ NTSTATUS cacheRead(BlockCache& cache, uint64_t offset, std::span<uint8_t> bytes)
 NTSTATUS cacheWrite(BlockCache& cache, uint64_t offset, Bytes bytes);
 
 /* The same in one call of the device, past the cache and in agreement with it: for whoever goes through a
- * long stretch once. What is read so is not missed when the device refuses it. */
+ * long stretch once. What is in the cache as a whole is taken from there, and what is read so is not missed
+ * when the device refuses it. */
 NTSTATUS cacheReadPast(BlockCache& cache, uint64_t offset, std::span<uint8_t> bytes);
 NTSTATUS cacheWritePast(BlockCache& cache, uint64_t offset, Bytes bytes);
+
+/* Where bytes lie on the device. */
+struct ByteRange {
+    uint64_t offset = 0, count = 0;
+};
+
+/* Reads into the cache what will be asked for soon, in reads that are under way at once. A few hundred
+ * kilobytes at most: what is too much, does not lie on the device, or can't be read is left to whoever asks
+ * for it. */
+void cacheReadAhead(BlockCache& cache, std::span<const ByteRange> ranges);
 
 /* Everything that was written is on the medium when it succeeds. What the device does not take stays here,
  * and is tried again the next time. Without this nothing is sure to reach the device. */

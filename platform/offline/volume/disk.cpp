@@ -59,6 +59,14 @@ NTSTATUS diskWritePast(Disk& disk, uint64_t offset, Bytes bytes) {
     return disk.readOnly ? STATUS_MEDIA_WRITE_PROTECTED : cacheWritePast(disk.cache, offset, bytes);
 }
 
+size_t diskReadsAtOnce(const Disk& disk) {
+    return disk.device->readsAtOnce();
+}
+
+void diskReadAhead(Disk& disk, std::span<const ByteRange> ranges) {
+    cacheReadAhead(disk.cache, ranges);
+}
+
 NTSTATUS diskSync(Disk& disk) {
     return disk.readOnly ? STATUS_SUCCESS : cacheSync(disk.cache);
 }

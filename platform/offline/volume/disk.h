@@ -11,6 +11,7 @@
 
 #include "platform/offline/base/bytes.h"
 #include "platform/offline/base/problem.h"
+#include "platform/offline/device/block_cache.h"
 #include "platform/offline/device/device_open.h"
 #include "platform/offline/device/journal_format.h"
 
@@ -49,6 +50,12 @@ NTSTATUS diskWrite(Disk& disk, uint64_t offset, Bytes bytes);
  * trouble when the device refuses it. */
 NTSTATUS diskReadPast(Disk& disk, uint64_t offset, std::span<uint8_t> bytes);
 NTSTATUS diskWritePast(Disk& disk, uint64_t offset, Bytes bytes);
+
+/* How many reads the device answers side by side; where it is more than one, reading ahead pays. */
+size_t diskReadsAtOnce(const Disk& disk);
+
+/* As cacheReadAhead. */
+void diskReadAhead(Disk& disk, std::span<const ByteRange> ranges);
 
 /* Everything that was written is on the medium when it returns. */
 NTSTATUS diskSync(Disk& disk);

@@ -62,6 +62,7 @@ struct Volume {
     uint64_t recordNumber = UINT64_MAX;
     FileRecord record;
     RecordTable table;
+    std::vector<FileRef> readAhead; /* the directories that were read ahead last */
 
     uint64_t lookingAt = 0;            /* MFT record of the file that beginCall named */
     uint64_t lastDamaged = UINT64_MAX; /* that damage was noted of */
@@ -198,6 +199,10 @@ void forgetChangedId(Volume& volume, uint64_t number);
 /* Writes the ids into their records, in the order of the MFT. What could not be written is tried again the
  * next time. May throw std::bad_alloc. */
 NTSTATUS writeSecurityIds(Volume& volume);
+
+/* Where the device gains by it, reads the directory of this entry and those after it in the listing into the
+ * cache. May throw std::bad_alloc. */
+void readAhead(Volume& volume, const DirectoryListing& listing, const DirectoryEntry& first);
 
 /* ---- Inodes ---- */
 

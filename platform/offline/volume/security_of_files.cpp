@@ -104,8 +104,7 @@ NTSTATUS findAndKeep(Volume& volume, uint32_t hash, Bytes descriptor, uint32_t& 
 
 NTSTATUS securityIdOf(Volume& volume, Bytes descriptor, uint32_t& id) {
     const uint32_t hash = hashOf(descriptor);
-    return knownId(volume, hash, descriptor, id) ? STATUS_SUCCESS
-                                                 : findAndKeep(volume, hash, descriptor, id);
+    return knownId(volume, hash, descriptor, id) ? STATUS_SUCCESS : findAndKeep(volume, hash, descriptor, id);
 }
 
 NTSTATUS volumeDescriptor(Volume& volume, FileRef file, Bytes& descriptor) {
