@@ -57,6 +57,7 @@ void print(const Sight& sight, bool usable) {
 } /* namespace */
 
 int info(const InfoOptions& options, Results& results) {
+    results.json = options.json;
     results.images = options.images;
     results.sight = survey(options.images);
     Sight& sight = *results.sight;

@@ -105,6 +105,7 @@ struct Page {
 std::string Page::title() const {
     if (isAudit()) return "Where " + results.oldSid + " stands";
     if (!isRun()) return "What a run would change";
+    if (committed() && results.runStatus != 0) return "The run ended early, and what it did was kept";
     if (committed()) return "The machine has a new identity";
     return "Nothing was changed";
 }

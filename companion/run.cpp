@@ -106,6 +106,7 @@ void explain(const Results& results) {
 } /* namespace */
 
 int run(const RunOptions& options, Results& results) {
+    results.json = options.json;
     results.images = options.images;
     results.asTool = true;
     const bool audited = options.json || !options.report.empty(), looks = audited || options.verify;
@@ -123,7 +124,7 @@ int run(const RunOptions& options, Results& results) {
     explain(results);
     const std::string refusal = strictRefusal(options, results);
     int status = endRun(returned, refusal, results);
-    if (!refusal.empty()) status = exitPassedOver;
+    if (!refusal.empty() && status == 0) status = exitPassedOver;
     if (looks) lookAtDisks(options, results);
     sayAll(results.unseen);
     const bool committed = results.commit->state == CommitState::committed;
