@@ -68,14 +68,18 @@ int endRun(int status, const std::string& refusal, Results& results) {
 
 /* What lies on the disks after the run, read from them anew. */
 void lookAtDisks(const RunOptions& options, Results& results) {
-    if (results.commit->state != CommitState::committed) return nothingChanged(results);
+    if (results.commit->state != CommitState::committed) {
+        results.newSid.clear(); /* nobody has it */
+        return nothingChanged(results);
+    }
     offline::endingSignalsSay("quillet-offline: ended by a signal; the run is done and committed\n");
     offline::endingSignalsRelease();
     Opened left;
     results.unseen.clear();
     openDisks(options.images, left, results.unseen);
     lookAfter(left, results);
-    results.newSid = left.machineSid;
+    if (left.machineSid.empty()) return; /* why is among the unseen */
+    results.newSid = left.machineSid == results.oldSid ? "" : left.machineSid;
 }
 
 /* Says what the audit of the disks found; gives the status of a run that ended well. */
