@@ -91,7 +91,7 @@ def transaction(image, work, repeat):
     """What the commit adds to a first rewriting run, beside a plain write of the same bytes in the disk's order and its
     flush. The run without one is refused at its commit, for something bears the name that its undo file has at first."""
     copy, taken = os.path.join(work, "copy.img"), os.path.join(work, "taken")
-    os.mkdir(taken + ".quillet-part")
+    os.makedirs(taken + ".quillet-part", exist_ok=True)
     def run(**more):
         shutil.copyfile(image, copy)
         os.sync()

@@ -90,6 +90,7 @@ void look(const Opened& opened, const AuditOptions& options, Results& results) {
 
 int audit(AuditOptions options, Results& results) {
     takeSid(options);
+    results.json = options.json;
     results.images = options.images;
     wantReport(options.report, results);
     Opened opened;

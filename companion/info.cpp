@@ -62,6 +62,7 @@ void print(const Sight& sight, bool usable) {
 } /* namespace */
 
 int info(const InfoOptions& options, Results& results) {
+    results.json = options.json;
     results.images = options.images;
     const std::vector<offline::DiskName> disks = namedDisks(options.images, options.format);
     results.sight = survey(disks);

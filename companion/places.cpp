@@ -66,7 +66,8 @@ void Places::add(const Finding& finding) {
 }
 
 void Places::addRemaining(Finding finding, const std::string& oldSid, const std::string& newSid) {
-    for (size_t at = 0; (at = finding.path.find(newSid, at)) != std::string::npos; at += oldSid.size()) {
+    for (size_t at = 0; !newSid.empty() && (at = finding.path.find(newSid, at)) != std::string::npos;
+         at += oldSid.size()) {
         finding.path.replace(at, newSid.size(), oldSid);
     }
     remaining.push_back(hashOf(finding));

@@ -80,6 +80,7 @@ int Plan::end() const {
 } /* namespace */
 
 int plan(const PlanOptions& options, Results& results) {
+    results.json = options.json;
     results.images = options.images;
     Plan plan{options, results};
     plan.run();

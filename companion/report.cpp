@@ -105,6 +105,8 @@ struct Page {
 std::string Page::title() const {
     if (isAudit()) return "Where " + results.oldSid + " stands";
     if (!isRun()) return "What a run would change";
+    if (committed() && results.runStatus != 0) return "The run ended early, and what it did was kept";
+    if (committed() && results.newSid.empty()) return "The machine has the identity that it had";
     if (committed()) return "The machine has a new identity";
     return "Nothing was changed";
 }
@@ -166,8 +168,8 @@ void Page::writeFacts() const {
     std::string disks;
     for (const std::string& image : results.images) disks += (disks.empty() ? "" : "<br>") + code(image);
     row("Disks", disks);
-    row(isRun() && committed() ? "Old SID" : "SID", code(results.oldSid));
-    if (committed() || (isAudit() && !results.newSid.empty())) {
+    row(isRun() && !results.newSid.empty() ? "Old SID" : "SID", code(results.oldSid));
+    if (!results.newSid.empty()) {
         row(isAudit() ? "The machine&rsquo;s now" : "New SID", code(results.newSid));
     }
     if (results.runStatus) {

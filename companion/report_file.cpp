@@ -5,13 +5,30 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
 #include "companion/ending.h"
 
 namespace companion {
+namespace {
+
+/* A file of the directory without a name; -1 with errno. */
+int openNameless(const std::filesystem::path& path) {
+    const std::filesystem::path directory = path.has_parent_path() ? path.parent_path() : ".";
+    return open(directory.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666);
+}
+
+} /* namespace */
 
 ReportFile::ReportFile(std::string path) : name(std::move(path)) {
-    const int made = open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    std::error_code unknown;
+    const bool taken = std::filesystem::exists(std::filesystem::symlink_status(name, unknown));
+    int made = taken ? -1 : openNameless(name);
+    if (taken) errno = EEXIST;
+    if (made < 0 && (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL)) {
+        made = open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        named = made >= 0;
+    }
     if (made >= 0) file = fdopen(made, "w");
     if (file != nullptr) return;
     if (errno == EEXIST) throw Failure{name + ": there is such a file already; name another for the report"};
@@ -22,15 +39,17 @@ ReportFile::ReportFile(std::string path) : name(std::move(path)) {
 ReportFile::~ReportFile() {
     if (file == nullptr) return;
     fclose(file);
-    unlink(name.c_str());
+    if (named) unlink(name.c_str());
 }
 
 void ReportFile::finish() {
     errno = ENOSPC; /* where the stream only remembers that something failed */
-    const bool whole = ferror(file) == 0 && fflush(file) == 0 && fsync(fileno(file)) == 0;
-    const int error = errno;
+    const std::string self = "/proc/self/fd/" + std::to_string(fileno(file));
+    const bool whole =
+        ferror(file) == 0 && fflush(file) == 0 && fsync(fileno(file)) == 0 &&
+        (named || linkat(AT_FDCWD, self.c_str(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0);
     if (!whole) {
-        throw Failure{name + ": the report could not be written (" + strerror(error) +
+        throw Failure{name + ": the report could not be written (" + strerror(errno) +
                       "); what it was to tell of is done all the same"};
     }
     fclose(file);

@@ -1,5 +1,5 @@
-/* The file of a report: made before the work, so that a place that can't be had is refused then, and gone
- * again when nothing came of it. */
+/* The file of a report: made before the work, so that a place that can't be had is refused then. It gets its
+ * name when it is whole, so that nothing is left where nothing came of it. */
 #ifndef QUILLET_COMPANION_REPORT_FILE_H
 #define QUILLET_COMPANION_REPORT_FILE_H
 
@@ -12,7 +12,7 @@ class ReportFile {
 public:
     /* Throws Failure when there is such a file, or when it can't be made. */
     explicit ReportFile(std::string path);
-    ~ReportFile(); /* removes one that was not finished */
+    ~ReportFile(); /* one that was not finished is gone */
     ReportFile(const ReportFile&) = delete;
     ReportFile& operator=(const ReportFile&) = delete;
 
@@ -23,6 +23,7 @@ public:
 
 private:
     const std::string name;
+    bool named = false; /* from the beginning, where the file system knows no files without a name */
     FILE* file = nullptr;
 };
 

@@ -74,7 +74,6 @@ struct Results {
     std::string oldSid, newSid; /* empty: not known, or there is none */
     std::optional<Counts> counts;
     std::optional<OtherSids> others;
-    std::vector<AreaCounts> areas;
     std::unique_ptr<Places> places;     /* null: they are not wanted */
     bool listPlaces = false;            /* in JSON */
     std::unique_ptr<ReportFile> report; /* null: none is wanted */

@@ -68,14 +68,18 @@ int endRun(int status, const std::string& refusal, Results& results) {
 
 /* What lies on the disks after the run, read from them anew. */
 void lookAtDisks(const RunOptions& options, Results& results) {
-    if (results.commit->state != CommitState::committed) return nothingChanged(results);
+    if (results.commit->state != CommitState::committed) {
+        results.newSid.clear(); /* nobody has it */
+        return nothingChanged(results);
+    }
     offline::endingSignalsSay("quillet-offline: ended by a signal; the run is done and committed\n");
     offline::endingSignalsRelease();
     Opened left;
     results.unseen.clear();
     openDisks(namedDisks(options.images, options.format), left, results.unseen);
     lookAfter(left, results);
-    results.newSid = left.machineSid;
+    if (left.machineSid.empty()) return; /* why is among the unseen */
+    results.newSid = left.machineSid == results.oldSid ? "" : left.machineSid;
 }
 
 /* Says what the audit of the disks found; gives the status of a run that ended well. */
@@ -106,6 +110,7 @@ void explain(const Results& results) {
 } /* namespace */
 
 int run(const RunOptions& options, Results& results) {
+    results.json = options.json;
     results.images = options.images;
     results.asTool = true;
     const bool audited = options.json || !options.report.empty(), looks = audited || options.verify;
@@ -123,7 +128,7 @@ int run(const RunOptions& options, Results& results) {
     explain(results);
     const std::string refusal = strictRefusal(options, results);
     int status = endRun(returned, refusal, results);
-    if (!refusal.empty()) status = exitPassedOver;
+    if (!refusal.empty() && status == 0) status = exitPassedOver;
     if (looks) lookAtDisks(options, results);
     sayAll(results.unseen);
     const bool committed = results.commit->state == CommitState::committed;

@@ -49,6 +49,7 @@ bool readCall(std::string_view text, PassedOver& one) {
     one.reason = win32Words(*one.code);
     if (!take(text, " for ")) return true;
     if (call == "FindFirstFile") text = text.substr(0, text.rfind(", attr="));
+    if (call == "ZwOpenKey") text = text.substr(0, text.rfind(", access="));
     one.object = text;
     /* The scan of a key's children, or the walk of a directory, does without what is below. */
     const bool below = call == "FindFirstFile" || call == "ZwEnumerateKey" || call == "ZwOpenKey";
@@ -113,7 +114,9 @@ bool readLogLine(std::string_view line, ToolLine& read) {
     PassedOver one;
     one.level = level;
     readMessage(line, one);
-    read.passedOver = std::move(one);
+    /* A key that refuses is opened by force next, and the line after says what came of that. */
+    const bool onTheWay = level == "WARN" && one.call == "ZwOpenKey";
+    if (!onTheWay) read.passedOver = std::move(one);
     return true;
 }
 

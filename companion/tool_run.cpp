@@ -50,7 +50,12 @@ struct Listener {
         return shown.output;
     }
 
+    /* One object can be refused several times in a row. */
     void keep(PassedOver one) {
+        if (!results.passedOver.empty() && !one.object.empty()) {
+            const PassedOver& last = results.passedOver.back();
+            if (last.object == one.object && last.as == one.as && last.reason == one.reason) return;
+        }
         textKept += one.line.size() + one.object.size() + one.reason.size();
         if (textKept > mostText) {
             results.passedOverMore++;

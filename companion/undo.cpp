@@ -35,6 +35,7 @@ void printDone(const std::string& names, const offline::UndoReport& report) {
 } /* namespace */
 
 int undo(const UndoOptions& options, Results& results) {
+    results.json = options.json;
     results.images = options.images;
     offline::endingSignalsSay("quillet-offline: ended by a signal; nothing was changed\n");
     offline::UndoReport report;

@@ -21,6 +21,8 @@ const Row rows[] = {
      PassedOverAs::object, "C:\\a for b", 5},
     {"ERROR    [regtk/regtk_native:250] regScan Native API call ZwEnumerateKey returned 0XC000014C for Key",
      PassedOverAs::tree, "Key", 1009},
+    {"ERROR    [regtk/regtk_open:48] f Native API call ZwOpenKey returned 0XC0000022 for a b, access=0x40000",
+     PassedOverAs::tree, "a b", 5},
     {"WARN     [sidchng/sidchng:137] f Win API call FindFirstFile returned 1392 for C:\\a, attr=b, attr=0x10",
      PassedOverAs::tree, "C:\\a, attr=b", 1392},
     {"WARN     [regtk/regtk_open:144] _regOpenCreateKey Original security attributes lost for Secrets",
@@ -57,6 +59,7 @@ TEST(ToolLines, NameWhatWasPassedOver) {
 TEST(ToolLines, LeaveTheRestAlone) {
     for (const char* harmless :
          {"INFO     [sidchng/sid:1] f Found old SID in file SD C:\\a (simulation mode)",
+          "WARN     [regtk/regtk_open:80] f Native API call ZwOpenKey returned 0XC0000022 for 21",
           "DEBUG    [sidchng/sid:1] f Win API call X returned 5 for Y"}) {
         const auto read = readToolLine(harmless);
         EXPECT_FALSE(read.passedOver || read.explained || read.problem) << harmless;

@@ -67,14 +67,17 @@ class Json(ResultsCase):
             self.assertTrue(results["needsAttention"], command)
             self.assertEqual(len(results["problems"]), 1, results["problems"])
             self.assertEqual(run(OFFLINE, command[0], "--json", *command[1:]).err.count("\n"), 1, command)
+        self.assertEqual(run(OFFLINE, "run", missing).err.count("\n"), 1)
         self.assertEqual(digest(self.image), digest(sample()))
 
     def test_what_was_passed_over(self):
         checked = dict(QUILLET_ACCESS="checked")  # refuses some of the practice system's files and keys
         ran = self.results(5, "run", self.image, **checked)
         self.assertEqual((ran["commit"]["state"], ran["status"]), ("withheld", {"number": 5, "name": "ERROR_ACCESS_DENIED"}))
-        self.assertEqual(self.counted(ran, "remaining"), self.counted(ran, "before"))
-        self.assertTrue(ran["needsAttention"])
+        dry = self.results(0, "run", self.image, "--", "-s")
+        for one in (ran, dry):  # of neither anything is left but the server GUID
+            self.assertEqual(self.counted(one, "remaining"), self.counted(one, "before"))
+            self.assertEqual((one["newSid"], one["needsAttention"], sum(self.counted(one, "changed"))), (None, True, 0))
         refused = [one for one in ran["passedOver"] if one.get("name") in ("ERROR_ACCESS_DENIED", "STATUS_ACCESS_DENIED")]
         self.assertTrue(all(one["object"] and one["reason"] == "access was refused" for one in refused) and refused, ran["passedOver"])
 
