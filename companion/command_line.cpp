@@ -103,6 +103,22 @@ const char runHelp[] =
     "  quillet-offline run --strict --verify --report run.html system.img\n"
     "  quillet-offline run --undo /safe/undo system.img";
 
+const char cloneHelp[] =
+    "Usage: quillet-offline clone [OPTIONS] GOLDEN NEW... -- [quillet's options]\n"
+    "\n"
+    "Each NEW is a qcow2 image over GOLDEN, which is only read and must not change as long as it has "
+    "clones,\n"
+    "with a run of quillet on it: a machine SID of its own, and on its disk only what that changed. A clone "
+    "has\n"
+    "its name when it is whole. Prints for each the file, the new SID, the time and the file's size. After\n"
+    "\"--\" -f and -v may stand. The exit status is 0 when all were made, else 2; the others are made all "
+    "the\n"
+    "same when one fails.\n"
+    "\n"
+    "Examples:\n"
+    "  quillet-offline clone golden.qcow2 alice.qcow2\n"
+    "  quillet-offline clone --jobs 4 golden.img lab-1.qcow2 lab-2.qcow2 lab-3.qcow2";
+
 const char undoHelp[] =
     "Takes the latest run on the images back: every byte is again what it was before. Refused when anything\n"
     "of what the run wrote was changed since, as by a start of the system. A run that was cut off while it "
@@ -189,6 +205,20 @@ void declare(CLI::App& app, RunOptions& options) {
     declareJson(app, options.json);
 }
 
+void declare(CLI::App& app, CloneOptions& options) {
+    app.add_option("GOLDEN", options.golden, "The image that the clones lie over")->required();
+    app.add_option("NEW", options.clones, "The clones to be made, qcow2 files")->required();
+    app.add_option(
+           "--format", options.format,
+           "GOLDEN's format: raw, qcow2, vmdk, vhdx, vhd, vdi or auto (what name and contents agree on)")
+        ->envname("QUILLET_FORMAT")
+        ->type_name("FORMAT");
+    app.add_option("--jobs", options.jobs, "How many are made at a time (one for each processor)")
+        ->check(CLI::Range(1, 1000).description(""))
+        ->type_name("N");
+    app.add_flag("-v,--verbose", options.verbose, "Show what each run says on standard error");
+}
+
 void declare(CLI::App& app, UndoOptions& options) {
     declareImages(app, options);
     app.add_option("--undo", options.file, "The undo file (the latest one beside the images)")
@@ -204,6 +234,7 @@ struct Options {
     AuditOptions audit;
     PlanOptions plan;
     RunOptions run;
+    CloneOptions clone;
     UndoOptions undo;
 };
 
@@ -232,6 +263,9 @@ const Command commands[] = {
     {"run", "Run quillet on an installation", runHelp,
      [](CLI::App& app, Options& options) { declare(app, options.run); },
      [](const Options& options, Results& results) { return run(options.run, results); }, true},
+    {"clone", "Make linked clones, each with a machine SID of its own", cloneHelp,
+     [](CLI::App& app, Options& options) { declare(app, options.clone); },
+     [](const Options& options, Results&) { return clone(options.clone); }, true},
     {"undo", "Take the latest run back", undoHelp,
      [](CLI::App& app, Options& options) { declare(app, options.undo); },
      [](const Options& options, Results& results) { return undo(options.undo, results); }},
@@ -279,7 +313,7 @@ bool takeRest(std::vector<std::string>& arguments, std::vector<std::string>& res
 int runCommandLine(std::vector<std::string> arguments, Results& results) {
     Options options;
     const bool restGiven = takeRest(arguments, options.run.quilletOptions);
-    options.plan.quilletOptions = options.run.quilletOptions;
+    options.plan.quilletOptions = options.clone.quilletOptions = options.run.quilletOptions;
     results.json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
     if (arguments.empty()) throw Failure{"no command is given; see \"quillet-offline --help\""};
     const bool isOption = arguments.front().rfind('-', 0) == 0;

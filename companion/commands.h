@@ -65,6 +65,16 @@ struct PlanOptions {
 };
 int plan(const PlanOptions& options, Results& results);
 
+struct CloneOptions {
+    std::string golden;
+    std::vector<std::string> clones;         /* files to be made */
+    std::string format;                      /* of the golden image */
+    size_t jobs = 0;                         /* how many at a time; 0: one for each processor */
+    bool verbose = false;                    /* show what each run says on standard error */
+    std::vector<std::string> quilletOptions; /* what stood after "--" */
+};
+int clone(const CloneOptions& options);
+
 struct UndoOptions {
     std::vector<std::string> images;
     std::string format;

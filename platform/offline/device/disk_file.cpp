@@ -106,16 +106,22 @@ NTSTATUS measure(DiskFile& disk, Problem& problem) {
     return STATUS_SUCCESS;
 }
 
+int lockBytes(int file, struct flock lock) {
+    return fcntl(file, F_OFD_SETLK, &lock) == 0 ? 0 : errno;
+}
+
 /* The lock belongs to this opening of the file, so that it holds within the process too and falls with the
  * file. */
 NTSTATUS lockPart(const DiskFile& disk, DiskAccess access, int file, struct flock lock, Problem& problem) {
     const bool mayLockForWriting = (fcntl(file, F_GETFL) & O_ACCMODE) == O_RDWR;
     lock.l_type = disk.readOnly || !mayLockForWriting ? F_RDLCK : F_WRLCK;
     lock.l_whence = SEEK_SET;
-    if (fcntl(file, F_OFD_SETLK, &lock) != 0) {
-        if (errno == EAGAIN || errno == EACCES) return refuseInUse(disk.path, problem);
+    const bool wholeForReading = lock.l_type == F_RDLCK && lock.l_start == 0 && lock.l_len == 0;
+    const int error = wholeForReading ? lockAmongReaders(file, ReaderLock::plain) : lockBytes(file, lock);
+    if (error != 0) {
+        if (error == EAGAIN || error == EACCES) return refuseInUse(disk.path, problem);
         return refuse(problem, STATUS_SHARING_VIOLATION,
-                      disk.path + ": it can't be locked here (" + std::strerror(errno) +
+                      disk.path + ": it can't be locked here (" + std::strerror(error) +
                           "); copy it to a local file system first");
     }
     if (access == DiskAccess::readOnly) return STATUS_SUCCESS;
@@ -172,6 +178,27 @@ NTSTATUS refuseReadOnly(const DiskFile& disk, DiskAccess access, Problem& proble
 }
 
 } /* namespace */
+
+int lockAmongReaders(int file, ReaderLock kind) {
+    struct Stretch {
+        off_t start, length; /* bytes; a length of 0: to the end */
+    };
+    constexpr Stretch stretches[] = {{0, 101}, {104, 96}, {201, 0}};
+    struct flock lock = {};
+    lock.l_whence = SEEK_SET;
+    for (const Stretch& stretch : stretches) {
+        lock.l_type = F_RDLCK;
+        lock.l_start = stretch.start;
+        lock.l_len = stretch.length;
+        if (const int error = lockBytes(file, lock); error != 0) return error;
+    }
+    if (kind == ReaderLock::plain) return 0;
+    lock.l_type = F_WRLCK;
+    lock.l_start = 101;
+    lock.l_len = 3;
+    if (fcntl(file, F_OFD_GETLK, &lock) != 0) return errno;
+    return lock.l_type == F_UNLCK ? 0 : EAGAIN;
+}
 
 NTSTATUS refuseInUse(const std::string& disk, Problem& problem) {
     return refuse(

@@ -32,6 +32,13 @@ NTSTATUS diskFileOpen(const std::string& path, DiskAccess access, DiskFile& disk
 /* Whether readWrite would open it for writing, however this was opened. */
 bool diskFileWritable(const DiskFile& disk);
 
+/* Locks the file against writers, and leaves room for qemu's readers. qemu locks single bytes: those from 100
+ * on tell what somebody does, those from 200 on what he does not let others do; a reader looks at 101 to 103
+ * (writing, resizing) and at 200 (reading), so that these are left out. Whoever writes, qemu or we, meets the
+ * others. refusingWriters: also fails where qemu writes already, with EAGAIN. 0 or an errno. */
+enum class ReaderLock { plain, refusingWriters };
+int lockAmongReaders(int file, ReaderLock kind);
+
 /* Refusals that other kinds of disks have in common with this one. */
 NTSTATUS refuseInUse(const std::string& disk, Problem& problem);
 NTSTATUS refuseOnlyReadable(const std::string& disk, Problem& problem);

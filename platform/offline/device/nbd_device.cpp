@@ -414,6 +414,10 @@ bool connectInTime(nbd_handle* handle, bool& over) {
 
 } /* namespace */
 
+bool nbdBuiltIn() {
+    return true;
+}
+
 NTSTATUS nbdDeviceConnect(const std::string& address, DiskAccess access, BlockDevicePtr& device,
                           Problem& problem) {
     return guardedRefusing(problem, [&]() -> NTSTATUS {

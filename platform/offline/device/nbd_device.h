@@ -13,6 +13,9 @@
 
 namespace offline {
 
+/* Whether this build has the library. */
+bool nbdBuiltIn();
+
 /* Connects to an address that libnbd knows. Refused: no server, one that does not answer, that has no disk,
  * or whose sizes make no sense; for readWrite and trial one that does not take writes, or that can't flush.
  */

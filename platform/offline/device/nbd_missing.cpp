@@ -16,6 +16,10 @@ NTSTATUS refuseBuild(const std::string& name, Problem& problem) {
 
 } /* namespace */
 
+bool nbdBuiltIn() {
+    return false;
+}
+
 NTSTATUS nbdDeviceConnect(const std::string& address, DiskAccess, BlockDevicePtr&, Problem& problem) {
     return refuseBuild(address, problem);
 }

@@ -1,0 +1,147 @@
+#include "companion/clone_process.h"
+
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+#include "companion/ending.h"
+
+namespace companion {
+namespace {
+
+constexpr int cantStart = 127; /* what a shell would end with */
+
+std::vector<std::string> linesOf(FILE* text) {
+    std::vector<std::string> lines;
+    std::string line;
+    rewind(text);
+    for (int byte = getc(text); byte != EOF; byte = getc(text)) {
+        if (byte != '\n') {
+            line.push_back(static_cast<char>(byte));
+        } else {
+            lines.push_back(std::move(line));
+            line.clear();
+        }
+    }
+    if (!line.empty()) lines.push_back(std::move(line));
+    return lines;
+}
+
+void replaceAll(std::string& text, const std::string& from, const std::string& to) {
+    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
+        text.replace(at, from.size(), to);
+    }
+}
+
+/* The text behind the prefix; "" where that is not there. */
+std::string behind(const std::string& line, const std::string& prefix) {
+    return line.starts_with(prefix) ? line.substr(prefix.size()) : "";
+}
+
+} /* namespace */
+
+CloneProcess::~CloneProcess() {
+    if (process > 0) {
+        kill(process, SIGKILL);
+        waitpid(process, nullptr, 0);
+    }
+    if (output != nullptr) fclose(output);
+    if (errors != nullptr) fclose(errors);
+}
+
+/* The child: signals as they were, in a group of its own, so that the terminal's keys reach only us; it ends
+ * with us, and reads nothing. */
+void CloneProcess::become(pid_t parent, const std::vector<std::string>& quilletOptions) const {
+    std::vector<std::string> words = {"quillet-offline", "run",     "--format",       "qcow2", "--no-undo",
+                                      "--commit",        "success", image.partPath(), "--"};
+    words.insert(words.end(), quilletOptions.begin(), quilletOptions.end());
+    std::vector<char*> arguments;
+    for (std::string& word : words) arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    const bool alone = getppid() != parent;
+    const bool set = setpgid(0, 0) == 0 && freopen("/dev/null", "r", stdin) != nullptr &&
+                     dup2(fileno(output), STDOUT_FILENO) >= 0 && dup2(fileno(errors), STDERR_FILENO) >= 0;
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    if (set && !alone) execv("/proc/self/exe", arguments.data());
+    _exit(cantStart);
+}
+
+bool CloneProcess::start(const offline::GoldenImage& golden, const std::vector<std::string>& quilletOptions) {
+    begin = std::chrono::steady_clock::now();
+    offline::Problem problem;
+    if (image.create(golden, name, problem) < 0) {
+        failure = problem.text;
+        return false;
+    }
+    output = tmpfile();
+    errors = tmpfile();
+    fflush(nullptr); /* the child must not print it once more */
+    const pid_t parent = getpid();
+    process = output == nullptr || errors == nullptr ? -1 : fork();
+    if (process == 0) become(parent, quilletOptions);
+    if (process > 0) return true;
+    failure = std::string("its run can't be started (") + strerror(errno) + ")";
+    return false;
+}
+
+bool CloneProcess::ended() {
+    const pid_t done = waitpid(process, &status, WNOHANG);
+    if (done == 0 || (done < 0 && errno == EINTR)) return false;
+    if (done < 0) status = cantStart << 8;
+    process = -1;
+    return true;
+}
+
+void CloneProcess::listen() {
+    const std::string arrow = " -> ";
+    for (const std::string& line : linesOf(output)) {
+        const size_t at = line.find(arrow);
+        if (newSid.empty() && line.starts_with("S-1-") && at != std::string::npos)
+            newSid = line.substr(at + arrow.size());
+    }
+    lines = linesOf(errors);
+    for (std::string& line : lines) {
+        replaceAll(line, image.partPath(), name);
+        if (line.starts_with("ERROR ") || line.starts_with("WARN ")) ++warnings;
+    }
+}
+
+/* The first of the lines that the program itself ended with, else the last ERROR line. */
+std::string CloneProcess::cause() const {
+    if (WIFSIGNALED(status)) return std::string("its run was ended by ") + strsignal(WTERMSIG(status));
+    std::string lastError;
+    for (const std::string& line : lines) {
+        std::string said = behind(line, "quillet: ");
+        if (said.empty()) said = behind(line, "quillet-offline: ");
+        if (const std::string rest = behind(said, name + ": "); !rest.empty()) said = rest;
+        const bool ofOutcome =
+            said.starts_with("the run did not succeed") || said.starts_with("the run's full exit status");
+        if (!said.empty() && !ofOutcome) return said;
+        if (line.starts_with("ERROR ")) lastError = line;
+    }
+    const std::string ending = "its run ended with status " + std::to_string(WEXITSTATUS(status));
+    return lastError.empty() ? ending : ending + ": " + lastError;
+}
+
+void CloneProcess::finish() {
+    listen();
+    offline::Problem problem;
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        failure = cause();
+    } else if (newSid.empty()) {
+        failure = "its run named no new SID";
+    } else if (image.publish(bytes, problem) < 0) {
+        failure = problem.text;
+    }
+    seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
+} /* namespace companion */
