@@ -1,5 +1,5 @@
 """What the companion tells of its work: one schema for every command and every end."""
-import html.parser, json, os, re, shutil, subprocess, unittest
+import html.parser, json, os, re, shutil, subprocess, sys
 
 import programs
 from programs import ImageCase, OFFLINE, digest, run, sample
@@ -9,7 +9,8 @@ KINDS = ("files", "keyDescriptors", "keyNames", "values")
 try:
     import jsonschema
 except ImportError:
-    raise unittest.SkipTest("python3-jsonschema is not there")
+    print("all tests skipped: python3-jsonschema is not there")
+    sys.exit()
 
 
 class ResultsCase(ImageCase):
