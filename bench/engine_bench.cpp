@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The search for SIDs in raw data, beside the C library's own searches over the same bytes.
  * QUILLET_BENCH_HIVE may name a hive file to search as well. */
 #include <benchmark/benchmark.h>

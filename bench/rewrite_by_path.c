@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* rewrite_by_path IMAGE OLD NEW: in the descriptor of every file of an NTFS image the 12 bytes OLD
  * (hexadecimal) become NEW, every file looked up by its path: the plain way to do it with libntfs-3g, for the
  * tool to be measured against. */

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 """The measurements of bench/run, which builds what is measured here."""
 import argparse, json, lzma, os, re, shutil, statistics, subprocess, sys, tempfile, time
 

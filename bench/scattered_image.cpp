@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* scattered_image IMAGE SID DIRECTORIES FILES DESCRIPTORS: adds to the first NTFS volume of an image
  * DIRECTORIES directories with FILES files in each, made round by round, so that the files of a directory lie
  * far from each other in the MFT, and of as many different descriptors, which name accounts of the machine

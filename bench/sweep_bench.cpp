@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Keys a second of sidReplaceInKey over one hive (QUILLET_BENCH_HIVE), mounted as on a system: a dry run that
  * finds nothing, the steady state of the sweeps. */
 #include <benchmark/benchmark.h>

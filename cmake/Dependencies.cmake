@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 # What the programs need of other projects. All that is missing is named at once, by the names of Debian's packages.
 if(QUILLET_STATIC)
     set(CMAKE_FIND_LIBRARY_SUFFIXES .a)

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 # What makes a fault in the programs harder to use against their users.
 if(WIN32)
     target_link_options(quillet_options INTERFACE -Wl,--dynamicbase,--nxcompat,--high-entropy-va)

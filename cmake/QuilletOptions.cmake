@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 # What every target of the project is compiled with.
 add_library(quillet_options INTERFACE)
 target_compile_features(quillet_options INTERFACE cxx_std_20)

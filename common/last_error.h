@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The reason of a call that has failed and reports it through the last error. */
 #ifndef QUILLET_COMMON_LAST_ERROR_H
 #define QUILLET_COMMON_LAST_ERROR_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The log hook: the one way in which the layers below the tool report anything. */
 #ifndef QUILLET_COMMON_LOG_H
 #define QUILLET_COMMON_LOG_H

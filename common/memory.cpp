@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 #define OMBRA_UNIT "common/memory"
 #include "common/memory.h"
 

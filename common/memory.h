@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Heap memory that reports its failures, and a byte buffer that grows to whatever a platform call asks for.
  */
 #ifndef QUILLET_COMMON_MEMORY_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 #define OMBRA_UNIT "common/privilege"
 #include "common/privilege.h"
 

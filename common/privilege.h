@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Privileges of the process's own token. */
 #ifndef QUILLET_COMMON_PRIVILEGE_H
 #define QUILLET_COMMON_PRIVILEGE_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Small helpers for wide strings: the C library's own take another character type on one of the two
  * platforms. */
 #ifndef QUILLET_COMMON_WIDE_H

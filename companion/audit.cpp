@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* audit: where a machine's SID stands in an installation. */
 #include <cstdio>
 

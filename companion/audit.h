@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Where the SIDs of a machine stand in an installation. Reads its volumes and hives; writes nothing. */
 #ifndef QUILLET_COMPANION_AUDIT_H
 #define QUILLET_COMPANION_AUDIT_H

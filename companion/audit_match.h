@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Whether a machine's SIDs stand in a descriptor, a name or a value, and whether quillet would rewrite them
  * there. The rules are written down here a second time, on their own, so that they can contradict it. */
 #ifndef QUILLET_COMPANION_AUDIT_MATCH_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The walks of an audit: over the files of the volumes, over the keys of the hives. */
 #include <algorithm>
 #include <set>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What an audit found, in words: for a person, and the names of the same things for programs. */
 #ifndef QUILLET_COMPANION_AUDIT_WORDS_H
 #define QUILLET_COMPANION_AUDIT_WORDS_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* clone: linked clones of a golden image, each with an identity of its own. */
 #include <unistd.h>
 

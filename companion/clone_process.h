@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* One clone on its way: the image, and the run on it, which is a process of its own because session and tool
  * are the process's. */
 #ifndef QUILLET_COMPANION_CLONE_PROCESS_H

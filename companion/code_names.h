@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The platform's codes by their names, and what they mean here, for those that the offline platform gives. */
 #ifndef QUILLET_COMPANION_CODE_NAMES_H
 #define QUILLET_COMPANION_CODE_NAMES_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The command line: every option of every command, as the library parses it. The one file that knows the
  * library. */
 #include "companion/command_line.h"

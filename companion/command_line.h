@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The program's command line. */
 #ifndef QUILLET_COMPANION_COMMAND_LINE_H
 #define QUILLET_COMPANION_COMMAND_LINE_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The commands of the program, each in a file of its own. command_line.cpp declares their options and calls
  * them. Each gives the exit status and may throw Failure. What has results fills them as far as it comes;
  * with the option "json" it prints nothing to standard output, for they are going to be. */

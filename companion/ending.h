@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* How a command ends: its exit status, and the line that says why it can't be done. */
 #ifndef QUILLET_COMPANION_ENDING_H
 #define QUILLET_COMPANION_ENDING_H

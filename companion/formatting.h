@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Numbers, sizes and statuses as text. */
 #ifndef QUILLET_COMPANION_FORMATTING_H
 #define QUILLET_COMPANION_FORMATTING_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* info: what lies on some disks. */
 #include <algorithm>
 #include <cstdio>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* JSON as text, for other programs. */
 #ifndef QUILLET_COMPANION_JSON_H
 #define QUILLET_COMPANION_JSON_H

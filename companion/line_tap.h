@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Listens to what is written to a standard stream of the process, line by line, while it lives. */
 #ifndef QUILLET_COMPANION_LINE_TAP_H
 #define QUILLET_COMPANION_LINE_TAP_H

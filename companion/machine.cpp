@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 #include "companion/machine.h"
 
 #include <sys/random.h>

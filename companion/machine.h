@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The identity of a machine: its SID, and the accounts below it. */
 #ifndef QUILLET_COMPANION_MACHINE_H
 #define QUILLET_COMPANION_MACHINE_H

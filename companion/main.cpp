@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* quillet-offline: what goes with quillet where Windows installations are at rest. */
 #include <algorithm>
 #include <cerrno>

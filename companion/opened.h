@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* An installation that is open to be looked at: the one way in which the commands open disks, volumes and
  * hives for reading. What can't be opened is told and gone without; nothing is ever written. */
 #ifndef QUILLET_COMPANION_OPENED_H

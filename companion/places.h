@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The places that an audit finds, kept in a nameless file, so that any number of them takes no memory, and
  * counted by where they are. */
 #ifndef QUILLET_COMPANION_PLACES_H

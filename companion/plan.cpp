@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* plan: a whole run of quillet whose changes go nowhere, and what it would have changed. */
 #include <algorithm>
 #include <cstdio>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* A report: one page of HTML that stands for itself, readable without scripts, in the dark and on paper. */
 #ifndef QUILLET_COMPANION_REPORT_H
 #define QUILLET_COMPANION_REPORT_H

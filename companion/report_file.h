@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The file of a report: made before the work, so that a place that can't be had is refused then. It gets its
  * name when it is whole, so that nothing is left where nothing came of it. */
 #ifndef QUILLET_COMPANION_REPORT_FILE_H

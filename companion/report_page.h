@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What is the same in every report: its style and its script. */
 #ifndef QUILLET_COMPANION_REPORT_PAGE_H
 #define QUILLET_COMPANION_REPORT_PAGE_H

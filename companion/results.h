@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What a command found and did: filled by the command as it goes, told at its end, as far as it got, in
  * words, as JSON (docs/results.md) and as a report. */
 #ifndef QUILLET_COMPANION_RESULTS_H

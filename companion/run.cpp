@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* run: quillet on the installation of some disks. */
 #include <csignal>
 #include <cstdio>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* sample: a practice installation on a new disk image. */
 #include <unistd.h>
 

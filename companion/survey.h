@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What lies on some disks, as far as it can be made out. Nothing is ever written. */
 #ifndef QUILLET_COMPANION_SURVEY_H
 #define QUILLET_COMPANION_SURVEY_H

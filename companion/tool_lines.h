@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What the tool says on standard error, read once, here: which objects it passed over, and which lines are
  * harmless. Its texts are fixed (common/log.h, tool/log_sink.cpp). */
 #ifndef QUILLET_COMPANION_TOOL_LINES_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* A run of the tool inside this process: what lay on the disks before it, what it says, what lies there after
  * it. plan and run are both made of these. */
 #ifndef QUILLET_COMPANION_TOOL_RUN_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* undo: takes the latest run on some disks back. */
 #include <cstdio>
 

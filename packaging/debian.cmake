@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 # What Debian wants otherwise than an installation has it; CPack runs this over the installed files.
 set(share ${CPACK_TEMPORARY_DIRECTORY}/usr/share)
 file(REMOVE ${share}/doc/quillet/LICENSE)  # Debian has it in /usr/share/common-licenses

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 """Writes the bill of materials of a release's files to standard output, as SPDX 2.3: sbom.py VERSION FILE..."""
 import datetime, hashlib, json, os, re, subprocess, sys, urllib.parse, uuid
 

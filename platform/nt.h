@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Everything of the platform that the system proper may use, and nothing else.
  *
  * On Windows: its own headers, and declarations of what they lack. Elsewhere: the same types, constants and

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Widths and layouts that the platform publishes and that the system proper relies on. Include platform/nt.h.
  */
 #ifndef QUILLET_PLATFORM_NT_LAYOUT_H

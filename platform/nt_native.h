@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The native registry calls and their records, which no header of the platform for programs declares: its
  * headers for drivers do, in the same way. Include platform/nt.h. */
 #ifndef QUILLET_PLATFORM_NT_NATIVE_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* platform/nt.h away from Windows: the platform's types, constants and functions under its names, with its
  * widths and layouts. platform/offline answers the functions. Include platform/nt.h instead.
  *

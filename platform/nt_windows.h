@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* platform/nt.h on Windows: the platform's own headers. Include platform/nt.h instead. */
 #ifndef QUILLET_PLATFORM_NT_WINDOWS_H
 #define QUILLET_PLATFORM_NT_WINDOWS_H

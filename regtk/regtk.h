@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The registry toolkit.
  *
  * Native operations give an NTSTATUS, negative on failure; Win32-style ones 1 or 0 with a Win32 code on the

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 #define OMBRA_UNIT "regtk/regtk_open"
 #include "common/log.h"
 #include "regtk/regtk.h"

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 # Sourced by the scripts beside it: installs what is missing of the packages named, on Debian and Ubuntu.
 
 build_packages="g++ cmake ninja-build ntfs-3g ntfs-3g-dev libcli11-dev zlib1g-dev libxxhash-dev libzstd-dev libnbd-dev"

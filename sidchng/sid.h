@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* SIDs as values, and as things to find and to replace: in binary data, in text, in descriptors, in files.
  *
  * A SID travels as its byte image in the platform's published layout: Revision, SubAuthorityCount, six bytes

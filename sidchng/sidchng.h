@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The SID engine's entries. SIDs are byte images, sizes in bytes; see sid.h. Results are Win32 codes, 0 on
  * success. */
 #ifndef QUILLET_SIDCHNG_SIDCHNG_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What the registry side of the engine carries from key to key during one walk. */
 #ifndef QUILLET_SIDCHNG_SIDCTX_H
 #define QUILLET_SIDCHNG_SIDCTX_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The sid flag word: what a run replaces, and how. The tool makes it, both sides of the engine obey it. */
 #ifndef QUILLET_SIDCHNG_SIDFLAGS_H
 #define QUILLET_SIDCHNG_SIDFLAGS_H

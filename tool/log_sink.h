@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The tool's log hook, and the counter that gates it. */
 #ifndef QUILLET_TOOL_LOG_SINK_H
 #define QUILLET_TOOL_LOG_SINK_H

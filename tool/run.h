@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* One run of the tool. */
 #ifndef QUILLET_TOOL_RUN_H
 #define QUILLET_TOOL_RUN_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* printf-style text with the directives of the log hook (common/log.h), as UTF-8. */
 #ifndef QUILLET_TOOL_TEXT_FORMAT_H
 #define QUILLET_TOOL_TEXT_FORMAT_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 #include <cstdio>
 
 #include "common/last_error.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* A file that appears under its name only when it is whole. */
 #ifndef QUILLET_COMPANION_PRACTICE_IMAGE_FILE_H
 #define QUILLET_COMPANION_PRACTICE_IMAGE_FILE_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* An empty NTFS volume, made by the program mkntfs. */
 #ifndef QUILLET_COMPANION_PRACTICE_MKNTFS_H
 #define QUILLET_COMPANION_PRACTICE_MKNTFS_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The security descriptors of a practice installation: plain ones, and many shapes that name its accounts. */
 #ifndef QUILLET_COMPANION_PRACTICE_SAMPLE_DESCRIPTORS_H
 #define QUILLET_COMPANION_PRACTICE_SAMPLE_DESCRIPTORS_H

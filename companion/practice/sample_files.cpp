@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 #include "companion/practice/sample_files.h"
 
 #include "companion/ending.h"

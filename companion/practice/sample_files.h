@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The files and directories of a practice installation. */
 #ifndef QUILLET_COMPANION_PRACTICE_SAMPLE_FILES_H
 #define QUILLET_COMPANION_PRACTICE_SAMPLE_FILES_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Hives made from tables of keys and values. */
 #ifndef QUILLET_COMPANION_PRACTICE_SAMPLE_HIVE_H
 #define QUILLET_COMPANION_PRACTICE_SAMPLE_HIVE_H

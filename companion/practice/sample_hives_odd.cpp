@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Keys that a walk over a registry must bear: every shape of descriptor, names of every kind, links, depth.
  */
 #include "companion/formatting.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* SAM: the accounts of the machine. */
 #include <cstring>
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* SECURITY: the machine's policy, which names its SID and what its accounts may do. */
 #include <cstdint>
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* SOFTWARE: the installation's version, its profiles, and much else that names accounts. */
 #include "companion/formatting.h"
 #include "companion/practice/sample_hive.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* SYSTEM: control sets, services, environment strings, and what disk has which drive letter. */
 #include "companion/formatting.h"
 #include "companion/practice/sample_hive.h"

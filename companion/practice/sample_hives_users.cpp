@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The hives of users: the default one, those of accounts, those of services. */
 #include "companion/practice/sample_hive.h"
 

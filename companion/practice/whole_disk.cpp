@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Partition tables: an MBR, or a GPT as UEFI firmware reads it. */
 #include "companion/practice/whole_disk.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* A disk with a partition table and one partition. */
 #ifndef QUILLET_COMPANION_PRACTICE_WHOLE_DISK_H
 #define QUILLET_COMPANION_PRACTICE_WHOLE_DISK_H

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 # bash completion for quillet-offline. Each command's options are those of its --help.
 _quillet_offline() {
     local word=$2 before=$3 command="" argument options=""
@@ -15,7 +16,7 @@ _quillet_offline() {
     --whole-disk) COMPREPLY=($(compgen -W "mbr gpt" -- "$word")) && return ;;
     --commit) COMPREPLY=($(compgen -W "success always" -- "$word")) && return ;;
     --format) COMPREPLY=($(compgen -W "auto raw qcow2 vmdk vhdx vhd vdi" -- "$word")) && return ;;
-    --size | --files | --descriptors | --machine | --sid) return ;;
+    --size | --jobs | --files | --descriptors | --machine | --sid) return ;;
     esac
     case $command in
     sample) options="--size --whole-disk --force --files --descriptors --machine --help -h" ;;
@@ -23,9 +24,10 @@ _quillet_offline() {
     audit) options="--report --format --sid --all --json --help -h" ;;
     plan) options="--report --json --format --verbose -v --help -h" ;;
     run) options="--json --report --strict --verify --format --undo --no-undo --commit --help -h" ;;
+    clone) options="--format --jobs --verbose -v --help -h" ;;
     undo) options="--json --format --undo --help -h" ;;
     "")
-        COMPREPLY=($(compgen -W "sample info audit plan run undo --help -h --version" -- "$word"))
+        COMPREPLY=($(compgen -W "sample info audit plan run clone undo --help -h --version" -- "$word"))
         return
         ;;
     esac

@@ -1,11 +1,13 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 # fish completion for quillet-offline. Each command's options are those of its --help.
-set -l commands sample info audit plan run undo
+set -l commands sample info audit plan run clone undo
 set -l none "not __fish_seen_subcommand_from $commands"
 complete -c quillet-offline -n "$none" -f -a sample -d 'Make a practice installation'
 complete -c quillet-offline -n "$none" -f -a info -d "Show what is on an installation's disks"
 complete -c quillet-offline -n "$none" -f -a audit -d "Show where a machine's SID stands"
 complete -c quillet-offline -n "$none" -f -a plan -d 'Show what a run would change'
 complete -c quillet-offline -n "$none" -f -a run -d 'Run quillet on an installation'
+complete -c quillet-offline -n "$none" -f -a clone -d 'Make linked clones'
 complete -c quillet-offline -n "$none" -f -a undo -d 'Take the latest run back'
 complete -c quillet-offline -n "$none" -f -l version -d 'Print the version'
 complete -c quillet-offline -s h -l help -d 'Print help'
@@ -35,6 +37,9 @@ complete -c quillet-offline -n '__fish_seen_subcommand_from run' -l verify -d 'A
 complete -c quillet-offline -n '__fish_seen_subcommand_from run' -l strict -d 'Commit only when nothing was passed over'
 complete -c quillet-offline -n '__fish_seen_subcommand_from run' -r -F -l report -d 'Write a page of HTML'
 complete -c quillet-offline -n '__fish_seen_subcommand_from run' -l json -d 'Print one JSON object'
+complete -c quillet-offline -n '__fish_seen_subcommand_from clone' -x -l format -a 'auto raw qcow2 vmdk vhdx vhd vdi' -d 'Format of the golden image'
+complete -c quillet-offline -n '__fish_seen_subcommand_from clone' -x -l jobs -d 'How many are made at a time'
+complete -c quillet-offline -n '__fish_seen_subcommand_from clone' -s v -l verbose -d 'Show what each run says'
 complete -c quillet-offline -n '__fish_seen_subcommand_from undo' -r -F -l undo -d 'The undo file'
 complete -c quillet-offline -n '__fish_seen_subcommand_from undo' -x -l format -a 'auto raw qcow2 vmdk vhdx vhd vdi' -d 'Format of the disks'
 complete -c quillet-offline -n '__fish_seen_subcommand_from undo' -l json -d 'Print one JSON object'

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Text, handles, statuses and counted strings. */
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Any bytes as a descriptor that a disk holds, and what the engine does with one that passes the check: it
  * has to stay inside and to leave the descriptor valid, whatever SIDs it replaces. In front of the bytes
  * stand the choice of the token and of the match, the number of sub-authorities, where in the bytes the old

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 #include "platform/offline/device/file_device.h"
 
 #include "platform/offline/device/device_open.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Bytes that say that they are an image, in each format: whatever they are, they are read within their
  * bounds, and no name gets through that leads elsewhere. */
 #include <cstdlib>

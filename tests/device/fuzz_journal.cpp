@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Any edits of a whole journal, resealed: recovery and undo must neither crash nor leave the disk, and change
  * nothing when they refuse. */
 #include <cstdlib>

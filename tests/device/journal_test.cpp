@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* A journal's file: damaged, tampered with, and in the real file system. */
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Journals that were tampered with. */
 #ifndef QUILLET_TESTS_DEVICE_JOURNALS_H
 #define QUILLET_TESTS_DEVICE_JOURNALS_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* A machine in memory: disks and a file system that keep what was flushed. Its power can be cut at any call,
  * and any call can fail. */
 #ifndef QUILLET_TESTS_DEVICE_MACHINE_H

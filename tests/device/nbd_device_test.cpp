@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The NBD device, against servers of nbdkit's. */
 #include <gtest/gtest.h>
 #include <signal.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* A small system of disks on a machine in memory, and a run that changes it. */
 #ifndef QUILLET_TESTS_DEVICE_SAMPLE_H
 #define QUILLET_TESTS_DEVICE_SAMPLE_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Whatever happens during a commit, a recovery or an undo, the disks are old or new. */
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Descriptors by path: parts, sizes, and what they let an administrator's token do. */
 #include "tests/files/files_fixture.h"
 

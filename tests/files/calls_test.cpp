@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Which files paths and patterns name, and what the calls tell of them. */
 #include <set>
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Drive C: on a fresh NTFS image. */
 #ifndef QUILLET_TESTS_FILES_FIXTURE_H
 #define QUILLET_TESTS_FILES_FIXTURE_H

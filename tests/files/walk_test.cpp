@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The walk over a whole volume, as a caller does it: by path, one file after the other. */
 #include "tests/files/files_fixture.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What the hive tests share: a reader of hive files of its own, and a hive's contents in a form to compare.
  */
 #ifndef QUILLET_TESTS_HIVE_CHECK_H

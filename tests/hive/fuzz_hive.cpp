@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Any bytes as a hive: opened, read whole, changed, and opened again. */
 #include <cstdlib>
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Broken, hostile and real hive files. */
 #include "platform/offline/hive/base_block.h"
 #include "platform/offline/hive/format.h"

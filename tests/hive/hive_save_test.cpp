@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Saving: the order on the medium, what is written, and failures of the store and of memory. */
 #include "tests/hive/check.h"
 

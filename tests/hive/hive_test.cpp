@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Keys and values: changes beside a model, and what is refused. */
 #include "tests/hive/model.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* A hive and a model of it: every change is done to both, and both must then tell the same. */
 #ifndef QUILLET_TESTS_HIVE_MODEL_H
 #define QUILLET_TESTS_HIVE_MODEL_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Dirty hives and their log files: real ones, some of them next to what the platform itself made of them, and
  * logs that are forged with right hashes. */
 #include <bit>

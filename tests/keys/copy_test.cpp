@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Copying and deleting trees. */
 #include "tests/support/small_system.h"
 

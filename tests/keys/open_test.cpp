@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The opening of keys, and of those that refuse access by taking ownership of them for a while. */
 #include "tests/support/small_system.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Tables of paths, and the file server's GUID. */
 #include "tests/support/small_system.h"
 

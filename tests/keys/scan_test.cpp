@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The scan engine under a callback whose answers the test gives. */
 #include <algorithm>
 

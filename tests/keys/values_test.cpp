@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Values and descriptors of keys: what is rewritten, what is left, what is told. */
 #include "sidchng/reg.h"
 #include "tests/support/small_system.h"

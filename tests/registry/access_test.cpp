@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Rights granted at open and checked at use, and the descriptors of keys. */
 #include "tests/support/small_system.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Mounted hives, links in memory, saving, loading and unloading. */
 #include "platform/offline/base/system_needed.h"
 #include "tests/support/small_system.h"

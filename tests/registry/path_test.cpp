@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Opening and creating by path, links, and the life of handles. */
 #include "tests/support/small_system.h"
 

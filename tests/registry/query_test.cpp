@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Reading keys and values into buffers of every size. */
 #include "tests/support/small_system.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What the tool's lines on standard error tell of the objects that it passed over. */
 #include "companion/tool_lines.h"
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 """What quillet-offline audit finds, before and after a run, and what it does with a system that it can't see whole."""
 import json, struct
 

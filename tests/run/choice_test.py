@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 """Which of several disks has the Windows that is worked on: never another than the one that was meant."""
 import re, struct
 

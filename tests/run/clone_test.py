@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 """Linked clones of a golden image: each whole, with an identity of its own, or not there."""
 import os, shutil, signal, subprocess, tempfile, time, unittest
 

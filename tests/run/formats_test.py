@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 """Disks that are no raw files: every command on each format in place, and what must not be opened."""
 import json, os, re, shutil, subprocess, time, unittest
 

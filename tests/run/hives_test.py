@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 """Practice installations with a SAM that is broken in some way: refused by one line, and nothing is written."""
 import lzma, os
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 """What quillet-offline info sees of systems that are broken in some way; it writes nothing."""
 import json, os, resource, struct
 

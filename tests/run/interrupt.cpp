@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Preloaded into a program: kills it at the INTERRUPT_AT-th call that writes, flushes, renames or removes,
  * just before it, or with INTERRUPT_AFTER just after it. INTERRUPT_COUNT: a file that gets a byte for each
  * call. */

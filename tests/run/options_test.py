@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 """Options, streams and exit statuses, and that neither help nor a wrong option needs a system."""
 import unittest
 

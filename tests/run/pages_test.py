@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 """Commands and their options are the same in the help, in the manual pages and in each shell's completion, and the pages
 are well-formed."""
 import glob, os, re, shutil, subprocess, unittest

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 """Runs on a practice installation."""
 import os, subprocess, unittest
 

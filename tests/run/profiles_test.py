@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 """The hives of users who are not logged on: what the profile list can say of them, in one run."""
 import programs
 from programs import CONFIG, ImageCase, quillet, sample

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 """Running the built programs, for the tests beside this file."""
 import contextlib, hashlib, os, re, shutil, subprocess, sys, tempfile, unittest
 

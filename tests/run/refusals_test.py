@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 """Disks, volumes and systems that can't be used: one clear line each, a failing status, the image untouched."""
 import os, struct, subprocess, unittest
 

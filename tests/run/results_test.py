@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 """What the companion tells of its work: one schema for every command and every end."""
 import html.parser, json, os, re, shutil, subprocess, sys
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 """quillet-offline sample and run: what practice installations hold, what is refused, and how quillet is started."""
 import os, re, shutil, struct, subprocess
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 """Installations built from registry hives of real machines, and an independent model of what a run makes of them."""
 import lzma, os, re, shutil, struct, subprocess, sys, tempfile, unittest
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 """A run is whole or has not happened, can be taken back, and can be planned first."""
 import os, re, shutil, signal, subprocess
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-2.0-or-later
 """The Windows program: it needs nothing that a Windows system lacks, and run under Wine it treats a registry as it
 should. Left out where it has not been built, or where Wine is not there."""
 import os, re, shutil, struct, subprocess, unittest

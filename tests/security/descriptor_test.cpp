@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Descriptors and lists: the calls, what is stored and inherited, and those that someone bent: none may be
  * read or written outside of itself. */
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* SIDs and the token. */
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The platform's calls that tests watch: result, name, parameters, arguments. How a call fails says its kind:
  * CODE gives a code, FLAG 0 and OTHER -1, both with a last error. To be included with all three defined. One
  * call a line; the build reads the names here. */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Lists and descriptors laid out by hand for the tests, and everything that a caller does with them. */
 #ifndef QUILLET_TESTS_SUPPORT_DESCRIPTORS_H
 #define QUILLET_TESTS_SUPPORT_DESCRIPTORS_H

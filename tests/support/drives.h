@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Fixed drives in memory, for the calls by which the engine and the tool reach files. */
 #ifndef QUILLET_TESTS_SUPPORT_DRIVES_H
 #define QUILLET_TESTS_SUPPORT_DRIVES_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* A device over another one that refuses calls when it is told to, and remembers them. */
 #ifndef QUILLET_TESTS_SUPPORT_FAULT_DEVICE_H
 #define QUILLET_TESTS_SUPPORT_FAULT_DEVICE_H

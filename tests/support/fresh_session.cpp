@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Every test runs in a session of its own: what one leaves open or set is gone before the next begins. */
 #include <gtest/gtest.h>
 

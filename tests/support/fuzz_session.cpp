@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* A fuzz target's one session. */
 #include "platform/offline/base/session.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* A device in memory. What was never written takes no room and reads as zeros. */
 #ifndef QUILLET_TESTS_SUPPORT_MEMORY_DEVICE_H
 #define QUILLET_TESTS_SUPPORT_MEMORY_DEVICE_H

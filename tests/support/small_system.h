@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* A small registry in memory, with short forms of the calls: one hive at \Registry\Machine\TEST, and more
  * where a test mounts them. */
 #ifndef QUILLET_TESTS_SUPPORT_SMALL_SYSTEM_H

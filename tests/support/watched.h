@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The platform's calls as a test sees and steers them, the log, and memory that runs out. */
 #ifndef QUILLET_TESTS_SUPPORT_WATCHED_H
 #define QUILLET_TESTS_SUPPORT_WATCHED_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What the tool says, and how it is told: text and log lines. */
 #include <sys/socket.h>
 #include <unistd.h>

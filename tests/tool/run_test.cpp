@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The tool's whole run on a small system. */
 #include <algorithm>
 #include <sstream>

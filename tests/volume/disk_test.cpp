@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 #include "tests/support/memory_device.h"
 #include "tests/volume/images.h"
 

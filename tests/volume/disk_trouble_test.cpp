@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What trouble on a disk must not spread to, and what it must not be taken for. */
 #include <algorithm>
 #include <filesystem>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Any bytes as a disk: finding its partitions must neither crash nor leave it. */
 #include <sys/mman.h>
 #include <unistd.h>

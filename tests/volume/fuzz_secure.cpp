@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* A volume whose file of descriptors is damaged anywhere: every descriptor is read, and where the volume may
  * be changed, new ones are stored. The input is a list of blows of four bytes each: where (three bytes), and
  * with what. */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Disk images for tests, made on the fly. */
 #ifndef QUILLET_TESTS_VOLUME_IMAGES_H
 #define QUILLET_TESTS_VOLUME_IMAGES_H

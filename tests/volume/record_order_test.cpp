@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* A volume whose files' records lie in another order than its tree, in an MFT of several pieces. */
 #include <algorithm>
 #include <map>

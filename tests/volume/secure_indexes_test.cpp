@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Volumes whose indexes of descriptors are damaged: not to be changed, but to be looked at. */
 #include "tests/volume/images.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Bytes of a structure that comes from a disk, and the little-endian numbers in them. */
 #ifndef QUILLET_OFFLINE_BASE_BYTES_H
 #define QUILLET_OFFLINE_BASE_BYTES_H

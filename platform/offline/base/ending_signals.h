@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The signals that ask a program to end: SIGHUP, SIGINT, SIGQUIT and SIGTERM. They end it at once, but for
  * the times in which it must not be ended half-way. */
 #ifndef QUILLET_OFFLINE_BASE_ENDING_SIGNALS_H

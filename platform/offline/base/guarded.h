@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The one border for exceptions: what the standard library throws is caught here and nowhere else. No
  * exception leaves a room: a public function that allocates runs its body through one of these. */
 #ifndef QUILLET_OFFLINE_BASE_GUARDED_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The session's handles: keys, tokens, searches and volumes in one table, as on the platform. */
 #ifndef QUILLET_OFFLINE_BASE_HANDLES_H
 #define QUILLET_OFFLINE_BASE_HANDLES_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The last error of the session's one thread. */
 #include "platform/offline/base/session.h"
 

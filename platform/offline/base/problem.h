@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Why something can't be done, for the person who asked for it. */
 #ifndef QUILLET_OFFLINE_BASE_PROBLEM_H
 #define QUILLET_OFFLINE_BASE_PROBLEM_H

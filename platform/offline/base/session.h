@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The state of the offline platform: all that outlives one of its calls. The platform's calls carry no
  * context, so one session is the current one, and that pointer is the only variable of the process;
  * everything else is a member of the session, made when a room first needs it and destroyed with the session,

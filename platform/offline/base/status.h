@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* From statuses to last errors. */
 #ifndef QUILLET_OFFLINE_BASE_STATUS_H
 #define QUILLET_OFFLINE_BASE_STATUS_H

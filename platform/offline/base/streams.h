@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The three standard descriptors of a process: input, output and error. */
 #ifndef QUILLET_OFFLINE_BASE_STREAMS_H
 #define QUILLET_OFFLINE_BASE_STREAMS_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The installation is opened when the first call needs it, so that what needs none (help, option errors)
  * never touches a disk. The calls of the rooms above the system room ask here; the system room says what
  * opening means. */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* UTF-8 and UTF-16, counted strings, and the platform's folding of letters. */
 #ifndef QUILLET_OFFLINE_BASE_UNICODE_H
 #define QUILLET_OFFLINE_BASE_UNICODE_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The library's headers and the platform's give the same names to different things, so that this file
  * includes nothing that includes platform/nt.h. */
 #include "platform/offline/base/upcase.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The platform's upper case of the Basic Multilingual Plane, as libntfs-3g has it: the table of the NTFS
  * volumes that the platform formats, which differs from Unicode's in some letters (the dotless i, the long s
  * and the micro sign stay as they are). Private to this room. */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 #include "platform/offline/descriptor/access_list.h"
 
 #include "platform/offline/descriptor/sid_format.h"

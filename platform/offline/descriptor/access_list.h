@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Access lists and their entries as bytes. What lies in them is untrusted: aceAt, aclHead and aclLength turn
  * it into spans that are whole, and nothing else computes addresses.
  *

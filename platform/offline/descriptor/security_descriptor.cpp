@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Descriptors as bytes: checked, taken apart and laid out. */
 #include "platform/offline/descriptor/security_descriptor.h"
 

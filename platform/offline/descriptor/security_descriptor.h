@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Self-relative security descriptors: the one place that decides whether bytes are one. */
 #ifndef QUILLET_OFFLINE_DESCRIPTOR_SECURITY_DESCRIPTOR_H
 #define QUILLET_OFFLINE_DESCRIPTOR_SECURITY_DESCRIPTOR_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* SIDs as bytes and as text. */
 #ifndef QUILLET_OFFLINE_DESCRIPTOR_SID_FORMAT_H
 #define QUILLET_OFFLINE_DESCRIPTOR_SID_FORMAT_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Well-known SIDs as bytes. */
 #ifndef QUILLET_OFFLINE_DESCRIPTOR_WELL_KNOWN_SIDS_H
 #define QUILLET_OFFLINE_DESCRIPTOR_WELL_KNOWN_SIDS_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* A write-back cache of a device's blocks, over any kind of device.
  *
  * NTFS is read and written in records of 1 KiB. A block is first read only where it was touched; when the

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* A block device: bytes by offset, and a flush. Its kinds stack: a file or a device of the system at the
  * bottom, an overlay over it, in tests memory and a device that fails on purpose. Each kind is one file and
  * knows nothing of the others; who uses one can't tell which it is. No function throws. */

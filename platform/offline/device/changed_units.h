@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Which units of a device were changed, and in which slot the contents of each are kept. A sorted index in
  * leaves: it costs 8 bytes for each unit, 16 where the leaves have just been split, at no time more than 24.
  */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Checksums: whether bytes are those that were written, not who wrote them. */
 #ifndef QUILLET_OFFLINE_DEVICE_CHECKSUM_H
 #define QUILLET_OFFLINE_DEVICE_CHECKSUM_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Another program that works for us, and what it says on standard error. Private to this room. */
 #ifndef QUILLET_OFFLINE_DEVICE_CHILD_PROGRAM_H
 #define QUILLET_OFFLINE_DEVICE_CHILD_PROGRAM_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Compression with zstd, of pieces that fit in memory. May throw std::bad_alloc. */
 #ifndef QUILLET_OFFLINE_DEVICE_COMPRESSION_H
 #define QUILLET_OFFLINE_DEVICE_COMPRESSION_H

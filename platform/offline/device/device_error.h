@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What a refusal of a device, or of a file beside one, means to those above. */
 #ifndef QUILLET_OFFLINE_DEVICE_DEVICE_ERROR_H
 #define QUILLET_OFFLINE_DEVICE_DEVICE_ERROR_H

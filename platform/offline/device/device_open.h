@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The one way to open a disk: an image file or block device itself when it is raw, else over NBD. */
 #ifndef QUILLET_OFFLINE_DEVICE_DEVICE_OPEN_H
 #define QUILLET_OFFLINE_DEVICE_DEVICE_OPEN_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What a disk is opened for. */
 #ifndef QUILLET_OFFLINE_DEVICE_DISK_ACCESS_H
 #define QUILLET_OFFLINE_DEVICE_DISK_ACCESS_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* An image file or a block device, open, measured and locked. Private to this room. */
 #ifndef QUILLET_OFFLINE_DEVICE_DISK_FILE_H
 #define QUILLET_OFFLINE_DEVICE_DISK_FILE_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* How the user names a disk, and what the name alone says. */
 #ifndef QUILLET_OFFLINE_DEVICE_DISK_NAME_H
 #define QUILLET_OFFLINE_DEVICE_DISK_NAME_H

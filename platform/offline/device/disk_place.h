@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Where the bytes of a disk really lie: a loop device stands for a part of a file, a partition for a part of
  * its device. Two disks whose places overlap are one, whatever their names. Private to this room. */
 #ifndef QUILLET_OFFLINE_DEVICE_DISK_PLACE_H

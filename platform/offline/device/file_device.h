@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* An image file or a block device of the system, as it is. Private to this room: see deviceOpen. */
 #ifndef QUILLET_OFFLINE_DEVICE_FILE_DEVICE_H
 #define QUILLET_OFFLINE_DEVICE_FILE_DEVICE_H

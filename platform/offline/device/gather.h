@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What a commit has to write: the stretches of the disks that differ from what the overlays hold. Private to
  * this room. May throw std::bad_alloc. */
 #ifndef QUILLET_OFFLINE_DEVICE_GATHER_H

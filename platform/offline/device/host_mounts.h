@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Private to this room. */
 #ifndef QUILLET_OFFLINE_DEVICE_HOST_MOUNTS_H
 #define QUILLET_OFFLINE_DEVICE_HOST_MOUNTS_H

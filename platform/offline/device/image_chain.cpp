@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 #include "platform/offline/device/image_chain.h"
 
 #include "platform/offline/base/guarded.h"

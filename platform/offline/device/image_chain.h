@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Which format a disk has, and which files its bytes lie in.
  *
  * The format is what the user says, else what the ending of the name and the beginning of the contents agree

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What an image file says of itself, as far as we have to know it before another program opens it. The file
  * is hostile: here is the one place where its fields are checked. Structures: the specifications of qcow2,
  * VMDK

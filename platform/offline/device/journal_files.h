@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The files of a transaction that lie beside the disks: journal, pointers, undo files. Every call of the
  * file system for them passes through this table, and one file answers it (system_journal_files.cpp).
  * All calls give 0 or an errno. */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The file of a journal, which as an undo file is the same, and of a pointer to one. Numbers are
  * little-endian, checksums XXH3 of 64 bits, offsets and lengths in bytes.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Where a disk's journal and undo files lie and what they are called: beside an image file, under its real
  * name whatever link leads to it; for devices and addresses in QUILLET_JOURNAL, else in the state directory
  * (/var/lib/quillet for root, else $XDG_STATE_HOME/quillet, ~/.local/state/quillet), under the whole path

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Reads a journal back. The file is hostile: here is the one place where its lengths, counts and offsets are
  * checked, and what it hands out lies inside its disks, in the order of the format. May throw
  * std::bad_alloc. */

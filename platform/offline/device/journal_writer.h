@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Writes a journal, piece by piece, in a bounded memory. */
 #ifndef QUILLET_OFFLINE_DEVICE_JOURNAL_WRITER_H
 #define QUILLET_OFFLINE_DEVICE_JOURNAL_WRITER_H

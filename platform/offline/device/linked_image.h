@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Linked images: qcow2 files that hold only what differs from a golden image, which lies below them as their
  * backing file. No function throws; problems name the file. */
 #ifndef QUILLET_OFFLINE_DEVICE_LINKED_IMAGE_H

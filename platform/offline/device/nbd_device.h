@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* A disk that an NBD server has. Private to this room; a build without libnbd has its refusals alone. No
  * function throws. */
 #ifndef QUILLET_OFFLINE_DEVICE_NBD_DEVICE_H

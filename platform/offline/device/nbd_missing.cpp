@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What stands for the NBD device in a build without libnbd. */
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/device/nbd_device.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* A device over another one: what was written to it, else what lies below. It never writes below (1); whether
  * and how its contents get there is the transaction's matter (transaction.h). Contents beyond 32 MiB go to an
  * unnamed temporary file. */

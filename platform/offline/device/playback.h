@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What commit, recovery and undo do alike with a whole journal and its disks. Private to this room. May throw
  * std::bad_alloc. */
 #ifndef QUILLET_OFFLINE_DEVICE_PLAYBACK_H

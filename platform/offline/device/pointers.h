@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What belongs to a journal and lies elsewhere. The pointers: beside each disk but the first, where the
  * journal lies. Copies, as an undo file or to become one. Private to this room. May throw std::bad_alloc. */
 #ifndef QUILLET_OFFLINE_DEVICE_POINTERS_H

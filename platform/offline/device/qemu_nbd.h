@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* qemu-nbd, which serves what is no raw file to us alone. Private to this room. Every function may throw
  * std::bad_alloc. */
 #ifndef QUILLET_OFFLINE_DEVICE_QEMU_NBD_H

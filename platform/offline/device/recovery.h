@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What puts a commit right that was cut off. The invariants are transaction.h's. No function throws. */
 #ifndef QUILLET_OFFLINE_DEVICE_RECOVERY_H
 #define QUILLET_OFFLINE_DEVICE_RECOVERY_H

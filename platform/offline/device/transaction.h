@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The transaction: what a run wrote to the overlays goes to the disks of its system, all of it or nothing.
  * These hold, and the code names them by their numbers:
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Takes the latest run back. The invariants are transaction.h's. No function throws. */
 #ifndef QUILLET_OFFLINE_DEVICE_UNDO_H
 #define QUILLET_OFFLINE_DEVICE_UNDO_H

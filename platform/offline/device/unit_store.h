@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The contents of an overlay's changed units by slot: in memory up to a bound, then in a temporary file that
  * has no name, so that it is gone with the process whatever ends it. */
 #ifndef QUILLET_OFFLINE_DEVICE_UNIT_STORE_H

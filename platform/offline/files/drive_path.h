@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Paths over drive letters, taken apart. */
 #ifndef QUILLET_OFFLINE_FILES_DRIVE_PATH_H
 #define QUILLET_OFFLINE_FILES_DRIVE_PATH_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The drive letters and what they stand for. The platform's file calls (platform/nt.h) are answered in this
  * room, by path over these letters. No function throws. */
 #ifndef QUILLET_OFFLINE_FILES_DRIVES_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Which directories a walk has entered. On a sound volume a directory has one parent and one name there; on a
  * damaged one further entries can lead to it, even from below itself, and a walk that followed them all would
  * not end, or take time that doubles with each level. Private to this room. */

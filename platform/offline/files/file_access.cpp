@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 #include "platform/offline/files/file_access.h"
 
 #include "platform/offline/security/security.h"

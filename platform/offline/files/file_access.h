@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What a file's descriptor lets the token do. */
 #ifndef QUILLET_OFFLINE_FILES_FILE_ACCESS_H
 #define QUILLET_OFFLINE_FILES_FILE_ACCESS_H

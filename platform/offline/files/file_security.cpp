@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Reading and setting the descriptors of files, by path. */
 #include <cstring>
 #include <new>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What the file calls know between calls, as a part of the session. Private to this room. */
 #ifndef QUILLET_OFFLINE_FILES_FILES_STATE_H
 #define QUILLET_OFFLINE_FILES_FILES_STATE_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* From paths to files. A walk names every file by its whole path; what was found last and what the open
  * searches have delivered answers nearly all of that without going down from the root. Nothing that the calls
  * do takes a name away from a file, so what is remembered holds until the volumes go. */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* One search of FindFirstFileW. Private to this room. */
 #ifndef QUILLET_OFFLINE_FILES_SEARCH_H
 #define QUILLET_OFFLINE_FILES_SEARCH_H

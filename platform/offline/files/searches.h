@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The open searches: FindFirstFileW, FindNextFileW, FindClose. */
 #ifndef QUILLET_OFFLINE_FILES_SEARCHES_H
 #define QUILLET_OFFLINE_FILES_SEARCHES_H

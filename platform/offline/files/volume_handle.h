@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Handles on whole volumes, for CreateFileW and FlushFileBuffers. */
 #ifndef QUILLET_OFFLINE_FILES_VOLUME_HANDLE_H
 #define QUILLET_OFFLINE_FILES_VOLUME_HANDLE_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Patterns of names. */
 #ifndef QUILLET_OFFLINE_FILES_WILDCARD_H
 #define QUILLET_OFFLINE_FILES_WILDCARD_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The base block: the first 4096 bytes of a hive file. */
 #ifndef QUILLET_OFFLINE_HIVE_BASE_BLOCK_H
 #define QUILLET_OFFLINE_HIVE_BASE_BLOCK_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Allocating and freeing cells.
  *
  * A change first makes room for all that it may allocate; after that nothing here fails, so that a change is

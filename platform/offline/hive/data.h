@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The data of values: in the value itself, in a cell, or in the segments of big data. */
 #ifndef QUILLET_OFFLINE_HIVE_DATA_H
 #define QUILLET_OFFLINE_HIVE_DATA_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The layout of a hive file, shared by everything that reads and everything that writes it.
  *
  * The file is a base block of 4096 bytes and after it the bins, each a multiple of 4096 bytes; cells tile a

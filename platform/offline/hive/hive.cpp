@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Opening, creating and saving. */
 #include "platform/offline/hive/hive.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* One registry hive in memory: the platform's "regf" file format, versions 1.3 to 1.6.
  *
  * A hive is read whole, validated whole, changed in memory and saved page by page. Keys are named by the

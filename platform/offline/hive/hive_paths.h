@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What a hive holds at a path below its root: components between backslashes, no links. */
 #ifndef QUILLET_OFFLINE_HIVE_HIVE_PATHS_H
 #define QUILLET_OFFLINE_HIVE_HIVE_PATHS_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* A hive in memory and the one place where a cell's offset becomes memory. */
 #ifndef QUILLET_OFFLINE_HIVE_IMAGE_H
 #define QUILLET_OFFLINE_HIVE_IMAGE_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Keys: reading, creating and deleting them, and their descriptors. */
 #include <algorithm>
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What a new key consists of, for a new hive's root and for a new subkey. */
 #ifndef QUILLET_OFFLINE_HIVE_KEY_NODES_H
 #define QUILLET_OFFLINE_HIVE_KEY_NODES_H

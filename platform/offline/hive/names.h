@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Names of keys and values as they are stored: compressed (Latin-1) where every character allows it, else
  * UTF-16. */
 #ifndef QUILLET_OFFLINE_HIVE_NAMES_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Bringing a hive up to date from its log files, as the platform does when it loads a hive that was not shut
  * down: what was changed last is in the logs and not in the hive's own file. */
 #ifndef QUILLET_OFFLINE_HIVE_RECOVERY_H

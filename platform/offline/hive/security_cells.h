@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Security descriptors: one cell for all keys with the same descriptor, counted, all of them in one ring. */
 #ifndef QUILLET_OFFLINE_HIVE_SECURITY_CELLS_H
 #define QUILLET_OFFLINE_HIVE_SECURITY_CELLS_H

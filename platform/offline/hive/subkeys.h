@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The sorted lists of a key's subkeys: one leaf, or an "ri" over leaves. */
 #ifndef QUILLET_OFFLINE_HIVE_SUBKEYS_H
 #define QUILLET_OFFLINE_HIVE_SUBKEYS_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What must hold in an opened hive before anything else reads it. */
 #ifndef QUILLET_OFFLINE_HIVE_VALIDATE_H
 #define QUILLET_OFFLINE_HIVE_VALIDATE_H

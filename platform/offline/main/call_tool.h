@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The one way up: the offline platform calls the tool. */
 #ifndef QUILLET_OFFLINE_MAIN_CALL_TOOL_H
 #define QUILLET_OFFLINE_MAIN_CALL_TOOL_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 #include "platform/offline/main/run_end.h"
 
 #include <cstdio>

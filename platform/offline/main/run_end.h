@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The end of a run of the tool: the commit, the lines about it, the exit status. */
 #ifndef QUILLET_OFFLINE_MAIN_RUN_END_H
 #define QUILLET_OFFLINE_MAIN_RUN_END_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The start of the offline program: UTF-8 arguments to wmain, and the end of the run. */
 #include <algorithm>
 #include <cerrno>

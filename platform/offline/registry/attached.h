@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The children of a key that are not stored with it, and their order among those that are. */
 #ifndef QUILLET_OFFLINE_REGISTRY_ATTACHED_H
 #define QUILLET_OFFLINE_REGISTRY_ATTACHED_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Hives in the tree. */
 #ifndef QUILLET_OFFLINE_REGISTRY_HIVE_MOUNTS_H
 #define QUILLET_OFFLINE_REGISTRY_HIVE_MOUNTS_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The records that the native query calls fill in: the platform's KEY_…_INFORMATION structures. A record that
  * doesn't fit is copied as far as the buffer goes. */
 #ifndef QUILLET_OFFLINE_REGISTRY_KEY_INFORMATION_H

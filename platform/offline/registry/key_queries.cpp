@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* ZwQueryKey, ZwEnumerateKey, ZwQueryValueKey, ZwEnumerateValueKey. */
 #include "platform/offline/base/unicode.h"
 #include "platform/offline/registry/key_information.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* RegGetKeySecurity and RegSetKeySecurity. */
 #include <cstdint>
 #include <cstring>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Links that live in memory. */
 #ifndef QUILLET_OFFLINE_REGISTRY_LINKS_H
 #define QUILLET_OFFLINE_REGISTRY_LINKS_H

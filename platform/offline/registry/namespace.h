@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The tree of keys: mounted hives, and what hangs in it without being stored. Every key is a cell of some
  * hive: the keys in memory (\Registry, Machine, User) and the links in memory live in hives of their own that
  * are never saved, so that names, values, classes and descriptors are read and set in one way everywhere. */

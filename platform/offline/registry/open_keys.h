@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Open keys. All handles on one key share a key object, so that deleting the key ends them all, even when its
  * cell is soon another key's. Each handle carries the rights that were granted when it was opened. */
 #ifndef QUILLET_OFFLINE_REGISTRY_OPEN_KEYS_H

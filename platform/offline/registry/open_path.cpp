@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* ZwOpenKey and ZwCreateKey. */
 #include "platform/offline/registry/open_path.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Opening keys by path, as the native and the Win32 calls do it. */
 #ifndef QUILLET_OFFLINE_REGISTRY_OPEN_PATH_H
 #define QUILLET_OFFLINE_REGISTRY_OPEN_PATH_H

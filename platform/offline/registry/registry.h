@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The key namespace over mounted hives: \Registry\Machine\SAM and its neighbours. The platform's registry
  * calls (platform/nt.h) are answered in this room. No function throws. */
 #ifndef QUILLET_OFFLINE_REGISTRY_REGISTRY_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Paths to keys, with links followed. */
 #ifndef QUILLET_OFFLINE_REGISTRY_RESOLVE_H
 #define QUILLET_OFFLINE_REGISTRY_RESOLVE_H

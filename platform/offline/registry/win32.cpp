@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* RegOpenKeyExW, RegCloseKey, RegEnumKeyExW, RegQueryValueExW, RegSetValueExW. */
 #include <cstddef>
 #include <cstring>

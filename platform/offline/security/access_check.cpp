@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Which rights a descriptor gives the token. */
 #include "platform/offline/descriptor/access_list.h"
 #include "platform/offline/descriptor/security_descriptor.h"

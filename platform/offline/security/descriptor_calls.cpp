@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The platform's calls on descriptors. They get no size: offsets are held against the largest descriptor
  * there is, and what they lead to was checked when the descriptor came off the disk. */
 #include "platform/offline/base/status.h"

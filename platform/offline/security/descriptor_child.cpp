@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The descriptor that a new container inherits. */
 #include <new>
 #include <utility>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What a caller gets of a stored descriptor, and what is stored when a caller sets one. */
 #include <new>
 #include <utility>

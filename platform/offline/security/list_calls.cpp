@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The platform's calls on access lists. */
 #include "platform/offline/base/status.h"
 #include "platform/offline/descriptor/access_list.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The token, the access check, and descriptors as they are asked for, set and inherited. The platform's calls
  * on tokens and descriptors (platform/nt.h) are answered in this room as well. No function throws. */
 #ifndef QUILLET_OFFLINE_SECURITY_SECURITY_H

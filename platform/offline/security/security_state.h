@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What the security room knows between calls, as a part of the session. Private to this room. */
 #ifndef QUILLET_OFFLINE_SECURITY_SECURITY_STATE_H
 #define QUILLET_OFFLINE_SECURITY_SECURITY_STATE_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The platform's calls that make the text of SIDs. */
 #include <cstdlib>
 

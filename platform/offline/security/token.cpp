@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The token: who it is and which privileges it has. */
 #include "platform/offline/security/token.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The token's contents, for this room alone. */
 #ifndef QUILLET_OFFLINE_SECURITY_TOKEN_H
 #define QUILLET_OFFLINE_SECURITY_TOKEN_H

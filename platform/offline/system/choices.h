@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What the environment asks of a run, and why it can't be had. Private to this room. Every function may throw
  * std::bad_alloc. */
 #ifndef QUILLET_OFFLINE_SYSTEM_CHOICES_H

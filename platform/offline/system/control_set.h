@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The control sets of a SYSTEM hive. */
 #ifndef QUILLET_OFFLINE_SYSTEM_CONTROL_SET_H
 #define QUILLET_OFFLINE_SYSTEM_CONTROL_SET_H

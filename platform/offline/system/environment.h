@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The environment strings of an installation, as its system account would see them. No function throws. */
 #ifndef QUILLET_OFFLINE_SYSTEM_ENVIRONMENT_H
 #define QUILLET_OFFLINE_SYSTEM_ENVIRONMENT_H

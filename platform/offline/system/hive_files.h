@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Hive files on the volumes: read with their log files, and saved in place. No function throws. */
 #ifndef QUILLET_OFFLINE_SYSTEM_HIVE_FILES_H
 #define QUILLET_OFFLINE_SYSTEM_HIVE_FILES_H

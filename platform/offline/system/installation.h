@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* A Windows installation at rest: its disks, its volumes, and where its files are. No function throws. */
 #ifndef QUILLET_OFFLINE_SYSTEM_INSTALLATION_H
 #define QUILLET_OFFLINE_SYSTEM_INSTALLATION_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Drive letters, from the installation's own memory of them. No function throws. */
 #ifndef QUILLET_OFFLINE_SYSTEM_LETTERS_H
 #define QUILLET_OFFLINE_SYSTEM_LETTERS_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The registry of an installation: which hive file is mounted where. No function throws. */
 #ifndef QUILLET_OFFLINE_SYSTEM_MACHINE_HIVES_H
 #define QUILLET_OFFLINE_SYSTEM_MACHINE_HIVES_H

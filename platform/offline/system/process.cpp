@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The platform's calls that concern the machine and the process as a whole. */
 #include <sys/random.h>
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The disks of a run. What a run writes stays in overlays, and reaches the disks at its end in one commit, or
  * not at all (device/transaction.h). No function throws. */
 #ifndef QUILLET_OFFLINE_SYSTEM_RUN_DISKS_H

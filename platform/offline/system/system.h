@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The one installation that the process works on: opened from the environment, its hives mounted, its volumes
  * lettered. The platform's remaining calls (restart, environment strings, random UUIDs, sleeping, the
  * console) are answered in this room. No function throws. */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The unnamed data of files. */
 #include "platform/offline/volume/open_volume.h"
 /* before everything else */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What the first bytes of a disk or partition say that it holds. Private to this room. */
 #ifndef QUILLET_OFFLINE_VOLUME_CONTENTS_KIND_H
 #define QUILLET_OFFLINE_VOLUME_CONTENTS_KIND_H

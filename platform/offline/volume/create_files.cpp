@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Creating files, directories, links and junctions. */
 #include "platform/offline/volume/open_volume.h"
 /* before everything else */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Looking at files and directories. */
 #include "platform/offline/volume/directory_index.h"
 /* before everything else */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The index of a directory, read in one pass: its root, then the blocks that its bitmap says are in use, in
  * the order of their numbers. What a node's header and its entries say is checked here before it is used. */
 #include "platform/offline/volume/directory_index.h"

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The index of a directory, as it lies on the disk. Private to this room; include it first. */
 #ifndef QUILLET_OFFLINE_VOLUME_DIRECTORY_INDEX_H
 #define QUILLET_OFFLINE_VOLUME_DIRECTORY_INDEX_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The sectors that say that a volume is dirty: the flags in the record of $Volume, and in the copy of it that
  * $MFTMirr holds. Structure: the VOLUME_INFORMATION attribute of NTFS 3. */
 #include "platform/offline/volume/open_volume.h"

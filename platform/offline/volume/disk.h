@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* A disk: a cached device, what went wrong on it, and what lies on it. Every read and every write of it
  * passes through diskRead and diskWrite, and nowhere else. No function throws. */
 #ifndef QUILLET_OFFLINE_VOLUME_DISK_H

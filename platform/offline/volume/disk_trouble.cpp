@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What of a disk could not be read, for the one line that reports it. */
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/volume/open_disk.h"

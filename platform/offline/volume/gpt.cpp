@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The GUID partition table: a header in the second sector, its entries, and a copy of both at the disk's end.
  */
 #include <zlib.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 #include "platform/offline/volume/open_volume.h"
 /* before everything else */
 #include <cerrno>

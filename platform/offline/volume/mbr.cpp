@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The classic partition table: four entries in the first sector, and a chain of further tables in each
  * extended partition, one logical partition in each. */
 #include <algorithm>

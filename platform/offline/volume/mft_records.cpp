@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* MFT records as they lie on the disk. A walk over a whole volume asks every file for a few fields of its
  * record; read here, that costs a fraction of opening the file. Structure: the record header and the
  * attribute headers of NTFS 3. */

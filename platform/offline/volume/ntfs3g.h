@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* libntfs-3g's declarations, in a namespace of their own: the library and the platform's header give the same
  * names to different things. As the platform's are macros in part, this header comes before any that includes
  * platform/nt.h. Private to this room. */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What an open disk consists of. Private to this room; everyone else uses diskRead, diskWrite and diskSync.
  */
 #ifndef QUILLET_OFFLINE_VOLUME_OPEN_DISK_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What an open volume consists of, and what the room's files share. Private to this room; include it
  * first. */
 #ifndef QUILLET_OFFLINE_VOLUME_OPEN_VOLUME_H

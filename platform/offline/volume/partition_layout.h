@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Partition tables as they lie on a disk, for who reads them and for who writes them. Offsets and sizes in
  * bytes, numbers little-endian. Structures: the classic partition table, and the GPT header and entry of
  * UEFI, revision 1.0. */

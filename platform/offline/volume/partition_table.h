@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The two kinds of partition tables. Private to this room. */
 #ifndef QUILLET_OFFLINE_VOLUME_PARTITION_TABLE_H
 #define QUILLET_OFFLINE_VOLUME_PARTITION_TABLE_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Which NTFS volumes lie on a disk, and why a disk is refused. */
 #include <algorithm>
 #include <array>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Directories that a walk will enter soon, read before it does: where a device answers several reads at once,
  * their records come in the time of one, and the blocks of their indexes in that of another. */
 #include "platform/offline/volume/open_volume.h"

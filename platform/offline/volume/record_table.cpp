@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The MFT as a whole. A walk over a tree meets the files in any order, and a disk wants its records in its
  * own: so they are gone through once, front to back, and a few bytes are kept of each; and what is to be
  * written into them is collected, and written in one pass. */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What the MFT says of every file, in a few bytes each. Private to this room. */
 #ifndef QUILLET_OFFLINE_VOLUME_RECORD_TABLE_H
 #define QUILLET_OFFLINE_VOLUME_RECORD_TABLE_H

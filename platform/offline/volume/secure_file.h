@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The volume's file of descriptors, $Secure: the stream $SDS holds each descriptor once, after a header, and
  * a copy of both further on; the index $SII leads there from a descriptor's id, $SDH from its hash.
  * Structure: NTFS 3. Private to this room. */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Reading the two indexes of $Secure: headers, nodes and entries are those of every NTFS index. */
 #include "platform/offline/volume/secure_file.h"
 

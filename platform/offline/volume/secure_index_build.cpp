@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Writing the two indexes of $Secure: entry by entry through the library, or a whole one anew. */
 #include "platform/offline/volume/secure_file.h"
 /* before everything else */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Whether the two indexes of a volume's descriptors, and the stream that both point into, are whole and
  * agree. The library changes them without looking, so that they are gone through once before. */
 #include "platform/offline/volume/secure_file.h"

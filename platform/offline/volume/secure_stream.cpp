@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The stream of descriptors, $SDS: reading one, and adding one, which is written together with others. */
 #include "platform/offline/volume/secure_file.h"
 /* before everything else */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The descriptors that a volume stores, by id and by hash. */
 #include "platform/offline/volume/secure_file.h"
 /* before everything else */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* All descriptors that a volume stores, by where they lie: some 32 bytes each. Private to this room; include
  * it first. */
 #ifndef QUILLET_OFFLINE_VOLUME_SECURE_TABLE_H

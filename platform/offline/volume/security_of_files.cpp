@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Security descriptors of files. A volume keeps each once, under an id that the files refer to; a walk over a
  * whole volume meets few different ones, so that reading goes by the id, and writing one that was stored
  * before changes just the id. */

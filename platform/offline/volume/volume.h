@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* An NTFS volume on a disk, through libntfs-3g. Files and directories are named by their MFT reference. Names
  * are UTF-16 as stored, unpaired surrogates included; look-up folds letters as the platform does. Statuses
  * are the platform's. No function throws.

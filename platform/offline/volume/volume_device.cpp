@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The device operations that libntfs-3g runs on. */
 #include "platform/offline/volume/open_volume.h"
 /* before everything else */

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Opening a volume, its first change, closing. */
 #include "platform/offline/volume/open_volume.h"
 /* before everything else */
