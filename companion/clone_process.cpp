@@ -44,6 +44,12 @@ std::string behind(const std::string& line, const std::string& prefix) {
     return line.starts_with(prefix) ? line.substr(prefix.size()) : "";
 }
 
+/* Without what a commit that failed says of its disk: this one is thrown away, its journal too. */
+std::string withoutAdvice(const std::string& said) {
+    return said.substr(0, std::min(said.find("; the disk may be left half changed"),
+                                   said.find("; all that had been written was taken back")));
+}
+
 } /* namespace */
 
 CloneProcess::~CloneProcess() {
@@ -62,6 +68,7 @@ void CloneProcess::become(pid_t parent, const std::vector<std::string>& quilletO
                                       "--commit",        "success", image.partPath(), "--"};
     words.insert(words.end(), quilletOptions.begin(), quilletOptions.end());
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) arguments.push_back(word.data());
     arguments.push_back(nullptr);
     prctl(PR_SET_PDEATHSIG, SIGTERM);
@@ -125,7 +132,7 @@ std::string CloneProcess::cause() const {
         if (const std::string rest = behind(said, name + ": "); !rest.empty()) said = rest;
         const bool ofOutcome =
             said.starts_with("the run did not succeed") || said.starts_with("the run's full exit status");
-        if (!said.empty() && !ofOutcome) return said;
+        if (!said.empty() && !ofOutcome) return withoutAdvice(said);
         if (line.starts_with("ERROR ")) lastError = line;
     }
     const std::string ending = "its run ended with status " + std::to_string(WEXITSTATUS(status));

@@ -168,6 +168,10 @@ std::string ChildProgram::words() const {
     return line;
 }
 
+bool programThere(const std::string& name) {
+    return !onPath(name).empty();
+}
+
 int runProgram(const std::string& name, const std::vector<std::string>& arguments, std::string& words) {
     ChildProgram program;
     const int error = program.start(name, arguments);

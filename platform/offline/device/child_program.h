@@ -39,6 +39,9 @@ private:
     int errors = -1; /* a file in memory, of which it can fill only so much */
 };
 
+/* Whether there is a program of this name on PATH. May throw std::bad_alloc. */
+bool programThere(const std::string& name);
+
 /* Runs a program to its end: its exit status, -1 when it can't be started (then words has the reason). May
  * throw std::bad_alloc. */
 int runProgram(const std::string& name, const std::vector<std::string>& arguments, std::string& words);
