@@ -110,6 +110,7 @@ struct Progress {
 
 struct Cloning {
     const CloneOptions& options;
+    const offline::DiskName& goldenName;
     const offline::GoldenImage& golden;
     std::deque<std::string> waiting = {options.clones.begin(), options.clones.end()};
     std::list<CloneProcess> running = {};
@@ -120,6 +121,7 @@ struct Cloning {
 
 private:
     void startNext();
+    void startSome(size_t jobs);
     void takeEnded();
     void tell(const CloneProcess& clone);
     void endEarly(int signal);
@@ -157,6 +159,10 @@ void Cloning::startNext() {
     running.pop_back();
 }
 
+void Cloning::startSome(size_t jobs) {
+    while (!waiting.empty() && running.size() < jobs) startNext();
+}
+
 void Cloning::takeEnded() {
     for (auto clone = running.begin(); clone != running.end();) {
         if (!clone->ended()) {
@@ -180,9 +186,11 @@ void Cloning::endEarly(int signal) {
 
 void Cloning::work(size_t jobs) {
     const AwaitedSignals signals;
+    startSome(jobs);
+    refuseSystem(goldenName); /* beside the first runs, which are thrown away with this */
     progress.show();
     while (!waiting.empty() || !running.empty()) {
-        while (!waiting.empty() && running.size() < jobs) startNext();
+        startSome(jobs);
         if (running.empty()) break;
         const int signal = signals.next();
         if (signal != SIGCHLD) endEarly(signal);
@@ -202,9 +210,8 @@ int clone(const CloneOptions& options) {
     offline::GoldenImage golden;
     offline::Problem problem;
     if (offline::goldenImageOpen(named.front(), golden, problem) < 0) throw Failure{problem.text};
-    refuseSystem(named.front());
     const size_t usual = std::max(std::thread::hardware_concurrency(), 1U);
-    Cloning cloning{options, golden};
+    Cloning cloning{options, named.front(), golden};
     cloning.work(std::min(options.jobs == 0 ? usual : options.jobs, options.clones.size()));
     return cloning.made == options.clones.size() ? exitDone : exitFailed;
 }

@@ -200,6 +200,7 @@ void declare(CLI::App& app, RunOptions& options) {
     CLI::Option* const commit =
         app.add_option("--commit", options.commit, "When changes are written: success or always (success)");
     commit->check(CLI::IsMember({"success", "always"}).description(""))->type_name("WHEN");
+    app.add_flag("--scratch", options.scratch)->group(""); /* for clone alone, and shown nowhere */
     app.add_flag("--verify", options.verify, "Audit the disks at the end, and tell");
     app.add_flag("--strict", options.strict, "Commit only when nothing was passed over")->excludes(commit);
     declareReport(app, options.report);

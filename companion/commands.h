@@ -49,6 +49,7 @@ struct RunOptions {
     bool noUndo = false;
     std::string commit = "success"; /* or "always" */
     bool verify = false;            /* audit what was committed */
+    bool scratch = false;           /* the disks are: see disk_name.h */
     bool strict = false;            /* commit only when nothing was passed over */
     bool json = false;
     std::string report;                      /* the file of a report; empty: none */

@@ -22,6 +22,7 @@ offline::RunChoice choiceOf(const RunOptions& options) {
         if (image.empty()) throw Failure{"the name of a disk is empty; name an image file or a block device"};
     }
     choice.disks = namedDisks(options.images, options.format);
+    for (offline::DiskName& disk : choice.disks) disk.scratch = options.scratch;
     choice.commit.rule =
         options.commit == "always" ? offline::CommitRule::always : offline::CommitRule::onSuccess;
     choice.commit.undo.keep = !options.noUndo;

@@ -24,6 +24,10 @@ struct DiskName {
     std::string name; /* of a file or device, or an address */
     DiskFormat format = DiskFormat::byName;
 
+    /* A file that nobody else has yet, and that whoever made it throws away unless all went well and its
+     * contents are on their medium: nothing else need be flushed. */
+    bool scratch = false;
+
     DiskName() = default;
     DiskName(std::string text, DiskFormat wanted = DiskFormat::byName)
         : name(std::move(text)), format(wanted) {}

@@ -133,7 +133,7 @@ NTSTATUS QemuNbd::refuseDisk(const std::string& disk, const std::string& error, 
 }
 
 NTSTATUS qemuNbdStart(const std::string& disk, const std::string& image, bool isAddress, bool readOnly,
-                      QemuNbd& server, Problem& problem) {
+                      bool scratch, QemuNbd& server, Problem& problem) {
     if (image.empty()) {
         return refuse(problem, STATUS_OBJECT_NAME_INVALID,
                       disk + ": its path, or that of a backing file, is no UTF-8; rename it");
@@ -142,6 +142,7 @@ NTSTATUS qemuNbdStart(const std::string& disk, const std::string& image, bool is
     int error = connectedPair(listening.number, server.socket);
     std::vector<std::string> arguments = {"--discard=unmap"};
     if (readOnly) arguments.emplace_back("--read-only");
+    if (scratch) arguments.emplace_back("--cache=unsafe");
     if (isAddress) arguments.emplace_back("--format=raw");
     arguments.insert(arguments.end(), {"--", image});
     if (error == 0) error = server.program.start("qemu-nbd", arguments, listening.number);

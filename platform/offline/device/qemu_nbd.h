@@ -36,9 +36,9 @@ struct QemuNbd {
  * neither looks for others nor guesses, or an address. "" of a name that can't be passed on. */
 std::string qemuImage(const ImageChain& chain, bool readOnly);
 
-/* Starts it. image: as qemuImage gives it, or an address of kind qemu. */
+/* Starts it. image: as qemuImage gives it, or an address of kind qemu. scratch: see disk_name.h. */
 NTSTATUS qemuNbdStart(const std::string& disk, const std::string& image, bool isAddress, bool readOnly,
-                      QemuNbd& server, Problem& problem);
+                      bool scratch, QemuNbd& server, Problem& problem);
 
 } /* namespace offline */
 

@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 
@@ -120,7 +121,10 @@ NTSTATUS runDisksCommit(std::vector<RunDisk>& disks, const UndoChoice& undo, Com
             }
         }
         endingSignalsHold();
-        return commitTransaction(systemJournalFiles(), transactionOver(disks), marks, undo, report, problem);
+        const bool scratch =
+            std::all_of(disks.begin(), disks.end(), [](const RunDisk& disk) { return disk.name.scratch; });
+        JournalFiles& files = scratch ? scratchJournalFiles() : systemJournalFiles();
+        return commitTransaction(files, transactionOver(disks), marks, undo, report, problem);
     });
 }
 
