@@ -80,6 +80,9 @@ struct MachineDisk final : BlockDevice {
     Medium medium;
     std::vector<bool> holes = std::vector<bool>(1 << 10); /* blocks of 4 KiB */
     bool flushRefused = false;
+    uint64_t roomLeft =
+        UINT64_MAX; /* blocks that can be written for the first time, as in an image that grows */
+    std::vector<bool> grown = std::vector<bool>(1 << 10);
 
     const std::string& name() const override { return path; }
     uint64_t size() const override { return medium.now.size(); }
@@ -95,6 +98,10 @@ struct MachineDisk final : BlockDevice {
         const int error = machine.call();
         if (machine.dead()) return error;
         if (error != 0) bytes = bytes.first(machine.below(bytes.size() / 512 + 1) * 512); /* gets that far */
+        for (uint64_t block = offset / 4096; block * 4096 < offset + bytes.size(); ++block) {
+            if (!grown[block] && roomLeft-- == 0) return roomLeft = 0, ENOSPC;
+            grown[block] = true;
+        }
         medium.write(offset, bytes);
         for (uint64_t at = offset; at < offset + bytes.size(); at += 512) holes[at / 4096] = false;
         return error;

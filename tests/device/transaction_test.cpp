@@ -148,6 +148,22 @@ TEST(Transaction, NoRoomForTheJournal) {
     ASSERT_EQ(sample.report.journalLength, needed);
 }
 
+/* What has no room was not written, and need not be written back. */
+TEST(Transaction, NoRoomOnTheDisks) {
+    NTSTATUS status = STATUS_DISK_FULL;
+    for (uint64_t room = 0; status < 0; ++room) {
+        SCOPED_TRACE(room);
+        Sample sample(9, 2);
+        for (MachineDisk& disk : sample.disks) disk.roomLeft = room;
+        status = sample.commit();
+        if (status >= 0) break;
+        ASSERT_EQ(status, STATUS_DISK_FULL) << sample.problem.text;
+        ASSERT_NE(sample.problem.text.find("nothing was changed"), std::string::npos) << sample.problem.text;
+        ASSERT_TRUE(sample.isOld());
+        ASSERT_FALSE(sample.files.anyEnding("-journal"));
+    }
+}
+
 TEST(Transaction, NothingDiffers) {
     Sample sample(3, 2);
     for (size_t number = 0; number < 2; ++number) {

@@ -83,7 +83,7 @@ struct Beginning {
 
     [[noreturn]] void operator()() const {
         setsid();
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (getppid() != parent) _exit(127);
         if (dup2(nothing, 0) < 0 || dup2(nothing, 1) < 0 || dup2(errors, 2) < 0) _exit(127);
         if (socket == socketNumber) {

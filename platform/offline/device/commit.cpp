@@ -247,7 +247,8 @@ NTSTATUS Commit::takeBack(const Problem& cause) {
             problem, cause.status,
             text + "; the disk may be left half changed, for the old bytes can't be put back either (" +
                 second.text + "): keep " + journal +
-                " and run `quillet-offline undo` with all disks of this run when the medium is sound");
+                " and run `quillet-offline undo` with all disks of this run when " +
+                (second.status == STATUS_DISK_FULL ? "there is room again" : "the medium is sound"));
     }
     text += "; all that had been written was taken back, nothing was changed";
     if (status < 0) text += "; " + second.text;

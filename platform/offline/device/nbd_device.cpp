@@ -24,6 +24,7 @@ constexpr uint32_t largestUnit = 64 << 10;   /* bytes; no server may ask for lar
 constexpr uint64_t statusReach = 256 << 20;  /* bytes that are asked about at once */
 constexpr size_t mostExtents = 1 << 16;      /* of an answer to that, which are kept */
 constexpr std::chrono::seconds patience(30); /* for an address to answer */
+constexpr std::chrono::seconds farewell(5);  /* for it to close the connection */
 
 enum class Command { read, write, zero, flush };
 
@@ -106,8 +107,30 @@ private:
     void askExtents(uint64_t offset);
 };
 
+/* While the state is to be waited for; false when the time is over or the connection failed, and over tells
+ * which. */
+template <class Going>
+bool pollWhile(nbd_handle* handle, Going going, std::chrono::seconds longest, bool& over) {
+    const auto end = std::chrono::steady_clock::now() + longest;
+    over = false;
+    while (going()) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        over = left.count() <= 0;
+        if (over || nbd_poll(handle, static_cast<int>(left.count())) < 0) return false;
+    }
+    return true;
+}
+
+/* A server that keeps the connection must not keep us. */
+void disconnect(nbd_handle* handle) {
+    bool over = false;
+    const auto open = [&] { return nbd_aio_is_dead(handle) == 0 && nbd_aio_is_closed(handle) == 0; };
+    if (nbd_aio_disconnect(handle, 0) == 0) pollWhile(handle, open, farewell, over);
+}
+
 NbdDevice::~NbdDevice() {
-    if (alive()) nbd_shutdown(handle, LIBNBD_SHUTDOWN_ABANDON_PENDING);
+    if (alive()) disconnect(handle);
     nbd_close(handle); /* and the server, which this destroys next, has nobody left to serve */
 }
 
@@ -400,17 +423,10 @@ NTSTATUS makeHandle(NbdDevice& device, Problem& problem) {
     return refuse(problem, STATUS_NO_MEMORY, device.called + ": " + libraryWords());
 }
 
-/* False when the time is over or the connection failed; over tells which. */
+/* As pollWhile. */
 bool connectInTime(nbd_handle* handle, bool& over) {
-    const auto end = std::chrono::steady_clock::now() + patience;
-    over = false;
-    while (nbd_aio_is_connecting(handle) == 1) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-        over = left.count() <= 0;
-        if (over || nbd_poll(handle, static_cast<int>(left.count())) < 0) return false;
-    }
-    return nbd_aio_is_ready(handle) == 1;
+    const auto connecting = [&] { return nbd_aio_is_connecting(handle) == 1; };
+    return pollWhile(handle, connecting, patience, over) && nbd_aio_is_ready(handle) == 1;
 }
 
 } /* namespace */

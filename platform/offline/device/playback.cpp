@@ -122,8 +122,14 @@ struct Playback {
     Side side;
     Problem& problem;
     std::vector<bool> written; /* which disks are to be flushed */
-    ByteVector fresh;
+    bool sparing = false;      /* only what is not there is written, and only then the marks */
+    bool marked = false;
+    bool full = false; /* a disk had no room */
+    ByteVector fresh = {}, there = {};
 
+    NTSTATUS mark();
+    NTSTATUS play();
+    NTSTATUS prepare(const TransactionDisk& disk, uint64_t offset, Bytes bytes, bool& needed);
     NTSTATUS put(const TransactionDisk& disk, size_t index, uint64_t offset, Bytes bytes);
     NTSTATUS putStretch(const JournalStretch& stretch);
     NTSTATUS freshBytes(const TransactionDisk& disk, const JournalStretch& stretch);
@@ -131,9 +137,35 @@ struct Playback {
     NTSTATUS flushWritten();
 };
 
+/* (4) */
+NTSTATUS Playback::mark() {
+    marked = true;
+    NTSTATUS status = STATUS_SUCCESS;
+    for (const DirtyMark& mark : journal.head.marks) {
+        if (status >= 0) status = put(*disks[mark.disk], mark.disk, mark.offset, mark.bytes);
+    }
+    return status < 0 ? status : flushWritten();
+}
+
+/* Whether the bytes have to be written; then the marks are there. */
+NTSTATUS Playback::prepare(const TransactionDisk& disk, uint64_t offset, Bytes bytes, bool& needed) {
+    needed = true;
+    if (sparing) {
+        there.resize(bytes.size());
+        const DeviceError error = disk.device->read(offset, there);
+        if (error != 0) return refusePlace(disk, "read", offset, bytes.size(), error, problem);
+        needed = !sameBytes(there, bytes);
+    }
+    return needed && !marked ? mark() : STATUS_SUCCESS;
+}
+
 NTSTATUS Playback::put(const TransactionDisk& disk, size_t index, uint64_t offset, Bytes bytes) {
+    bool needed = true;
+    const NTSTATUS status = prepare(disk, offset, bytes, needed);
+    if (status < 0 || !needed) return status;
     written[index] = true;
     const DeviceError error = disk.device->write(offset, bytes);
+    full = full || noRoom(error);
     return error == 0 ? STATUS_SUCCESS : refusePlace(disk, "written", offset, bytes.size(), error, problem);
 }
 
@@ -170,8 +202,14 @@ NTSTATUS Playback::putStretch(const JournalStretch& stretch) {
         return status < 0 ? status : put(disk, stretch.disk, stretch.offset, fresh);
     }
     if (!stretch.hole) return put(disk, stretch.disk, stretch.offset, stretch.before);
+    if (sparing && disk.device->holeAt(stretch.offset, stretch.length) == stretch.length) {
+        return STATUS_SUCCESS;
+    }
+    const NTSTATUS status = marked ? STATUS_SUCCESS : mark();
+    if (status < 0) return status;
     written[stretch.disk] = true;
     const DeviceError error = disk.device->zero(stretch.offset, stretch.length);
+    full = full || noRoom(error);
     return error == 0 ? STATUS_SUCCESS
                       : refusePlace(disk, "written", stretch.offset, stretch.length, error, problem);
 }
@@ -188,24 +226,38 @@ NTSTATUS Playback::flushWritten() {
     for (size_t index = 0; index < disks.size(); ++index) {
         if (!written[index]) continue;
         const DeviceError error = disks[index]->device->flush();
+        full = full || noRoom(error);
         if (error != 0) return refuseDevice(*disks[index], "it can't be flushed", error, problem);
         written[index] = false;
     }
     return STATUS_SUCCESS;
 }
 
+NTSTATUS Playback::play() {
+    NTSTATUS status = sparing ? STATUS_SUCCESS : mark();
+    if (status >= 0) status = putPart(JournalPart::unmarked);
+    marked = true; /* or not needed */
+    return status < 0 ? status : putPart(JournalPart::marked);
+}
+
+/* An image that grows may have no room for what the run did not reach, and there the old bytes are. Not done
+ * at first: of a medium that lost something the system may show what is not on it. */
+NTSTATUS putBack(JournalReader& journal, const JournalDisks& disks, Problem& problem) {
+    Playback whole{journal, disks, Side::before, problem, std::vector<bool>(disks.size())};
+    const NTSTATUS status = whole.play();
+    if (status >= 0 || !whole.full) return status;
+    for (const TransactionDisk* const disk : disks) {
+        static_cast<void>(disk->device->flush()); /* what was refused until then is known already */
+    }
+    problem = {};
+    return Playback{journal, disks, Side::before, problem, std::vector<bool>(disks.size(), true), true}
+        .play();
+}
+
 } /* namespace */
 
 NTSTATUS playJournal(JournalReader& journal, const JournalDisks& disks, Side side, Problem& problem) {
-    Playback playback{journal, disks, side, problem, std::vector<bool>(disks.size()), {}};
-    NTSTATUS status = STATUS_SUCCESS;
-    for (const DirtyMark& mark : journal.head.marks) { /* (4) */
-        if (status >= 0) status = playback.put(*disks[mark.disk], mark.disk, mark.offset, mark.bytes);
-    }
-    if (status >= 0) status = playback.flushWritten();
-    if (status >= 0) status = playback.putPart(JournalPart::unmarked);
-    if (status >= 0) status = playback.putPart(JournalPart::marked);
-    return status;
+    return Playback{journal, disks, side, problem, std::vector<bool>(disks.size())}.play();
 }
 
 JournalHead located(const JournalReader& journal, const JournalDisks& disks) {
@@ -219,7 +271,7 @@ JournalHead located(const JournalReader& journal, const JournalDisks& disks) {
 NTSTATUS takeBackJournal(JournalFiles& files, JournalReader& journal, const JournalDisks& disks,
                          bool& oldBytesBack, Problem& problem) {
     oldBytesBack = false;
-    const NTSTATUS status = playJournal(journal, disks, Side::before, problem);
+    const NTSTATUS status = putBack(journal, disks, problem);
     if (status < 0) return status;
     oldBytesBack = true;
     removeCopies(files, journal.head);
