@@ -48,6 +48,15 @@ struct DescriptorTest : images::ImageTest {
     }
 };
 
+/* Of many entries, and 36 bytes for each. */
+ByteVector largeDescriptor(uint32_t number, uint16_t entries) {
+    ByteVector large = descriptor(number);
+    for (size_t i = 1; i < entries; ++i) large.insert(large.end(), large.begin() + 72, large.begin() + 108);
+    put<uint16_t>(large, 66, static_cast<uint16_t>(8 + entries * 36));
+    put<uint16_t>(large, 68, entries);
+    return large;
+}
+
 /* Each is set on three files, in two openings. Several large ones fill more than a block of the stream, so
  * that one would cross into a copy. */
 TEST_F(DescriptorTest, EveryValidOneIsKeptByteForByteAndShared) {
@@ -59,13 +68,7 @@ TEST_F(DescriptorTest, EveryValidOneIsKeptByteForByteAndShared) {
     usual.push_back(descriptor(800, SE_SELF_RELATIVE)); /* no list */
     put<uint32_t>(usual.back(), 16, 0);
     usual.back().resize(64);
-    for (uint32_t number = 900; number < 906; ++number) { /* 60 KiB each: many entries */
-        ByteVector large = descriptor(number);
-        for (size_t i = 1; i < 1600; ++i) large.insert(large.end(), large.begin() + 72, large.begin() + 108);
-        put<uint16_t>(large, 66, static_cast<uint16_t>(8 + 1600 * 36));
-        put<uint16_t>(large, 68, 1600);
-        usual.push_back(large);
-    }
+    for (uint32_t number = 900; number < 906; ++number) usual.push_back(largeDescriptor(number, 1600));
     usual.push_back(descriptor(950)); /* bytes after the last part */
     usual.back().resize(usual.back().size() + 8, 0x5A);
 
@@ -109,6 +112,32 @@ TEST_F(DescriptorTest, EveryValidOneIsKeptByteForByteAndShared) {
     OpenVolume opened(image);
     ASSERT_NE(opened.volume, nullptr) << opened.problem.text;
     for (const auto& [file, bytes] : files) EXPECT_EQ(opened.read(file), bytes);
+}
+
+/* More than is remembered, less than what is kept of the stream: what waits to be written is found
+ * there. */
+TEST_F(DescriptorTest, OneIsFoundBeforeItIsWritten) {
+    constexpr uint32_t there = 2950; /* of 1368 bytes */
+    image = path("large.img");
+    images::makeNtfs(image, 24 * images::mebibyte);
+    FileRef first = 0, second = 0;
+    {
+        OpenVolume opened(image);
+        first = opened.make(u"first"), second = opened.make(u"second");
+        for (uint32_t i = 0; i < there; ++i)
+            ASSERT_EQ(volumeSetDescriptor(opened, second, largeDescriptor(i, 36)), STATUS_SUCCESS);
+        ASSERT_EQ(opened.close(), STATUS_SUCCESS);
+    }
+    OpenVolume opened(image);
+    const ByteVector fresh = largeDescriptor(there, 36);
+    EXPECT_EQ(opened.read(second), largeDescriptor(there - 1, 36));
+    ASSERT_EQ(volumeSetDescriptor(opened, first, fresh), STATUS_SUCCESS);
+    for (uint32_t i = 0; i < there; ++i)
+        ASSERT_EQ(volumeSetDescriptor(opened, second, largeDescriptor(i, 36)), STATUS_SUCCESS);
+    EXPECT_EQ(opened.read(first), fresh);
+    ASSERT_EQ(volumeSetDescriptor(opened, second, fresh), STATUS_SUCCESS);
+    ASSERT_EQ(opened.close(), STATUS_SUCCESS);
+    expectSound(1 + there + 1);
 }
 
 /* While one is stored nothing of it stays, and the next does not overwrite it. What is missing when all are

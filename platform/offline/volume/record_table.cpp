@@ -264,7 +264,6 @@ void forgetRecord(Volume& volume, FileRef file) {
 NTSTATUS writeSecurityIds(Volume& volume) {
     RecordTable& table = volume.table;
     if (!table.anyChanged) return STATUS_SUCCESS;
-    table.anyChanged = false;
     NTSTATUS first = STATUS_SUCCESS;
     std::vector<uint8_t> buffer;
     for (size_t index = 0; index < table.chunks.size(); ++index) {
@@ -275,7 +274,7 @@ NTSTATUS writeSecurityIds(Volume& volume) {
             if (status < 0 && first >= 0) first = status;
         }
     }
-    if (first < 0) table.anyChanged = true;
+    table.anyChanged = first < 0;
     return first;
 }
 

@@ -49,7 +49,7 @@ bool readStream(const SecureTable& table, uint64_t offset, std::span<uint8_t> by
     if (offset >= table.tailStart && offset < table.tailEnd)
         found = checkedSpan(table.tail, offset - table.tailStart, bytes.size());
     const uint64_t block = offset / streamBlock;
-    if (block % 2 == 0 && block / 2 < table.blocks.size())
+    if (found.empty() && block % 2 == 0 && block / 2 < table.blocks.size())
         found = checkedSpan(table.blocks[static_cast<size_t>(block / 2)], offset % streamBlock, bytes.size());
     if (found.empty()) return readAttribute(table.stream.get(), offset, bytes);
     std::copy(found.begin(), found.end(), bytes.begin());
