@@ -159,7 +159,7 @@ def delayed(image, work):
     """The dry run of an image that a server gives out, each answer 5 ms late."""
     if not shutil.which("nbdkit"): return print("delayed      left out: it needs nbdkit")
     socket = os.path.join(work, "delayed.socket")
-    server = subprocess.Popen(["nbdkit", "-f", "-U", socket, "-r", "--filter=delay", "file", image, "delay-read=5ms"], stderr=subprocess.DEVNULL)
+    server = subprocess.Popen(["nbdkit", "-f", "-U", socket, "--filter=delay", "file", image, "delay-read=5ms"], stderr=subprocess.DEVNULL)
     try:
         while not os.path.exists(socket): time.sleep(0.05)
         env = dict(os.environ, QUILLET_SYSTEM="nbd+unix\\:///?socket=" + socket)

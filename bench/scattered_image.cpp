@@ -102,7 +102,7 @@ int main(int count, char** words) {
     VolumePtr volume;
     Problem problem;
     std::vector<Partition> partitions;
-    NTSTATUS status = diskOpen(words[1], DiskAccess::readWrite, disk, problem);
+    NTSTATUS status = diskOpen(DiskName(words[1]), DiskAccess::readWrite, disk, problem);
     if (status >= 0) status = diskPartitions(*disk, partitions, problem);
     if (status >= 0) status = volumeOpen(*disk, partitions.front(), volume, problem);
     if (status < 0) fail(problem.text);
