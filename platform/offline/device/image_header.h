@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What an image file says of itself, as far as we have to know it before another program opens it. The file
  * is hostile: here is the one place where its fields are checked. Structures: the published formats of qcow2,
- * VMDK
- * ("Virtual Disk Format 5.0"), VHD and VDI. Private to this room. Every function may throw std::bad_alloc. */
+ * VMDK ("Virtual Disk Format 5.0"), VHD and VDI. Private to this room. Every function may throw
+ * std::bad_alloc. */
 #ifndef QUILLET_OFFLINE_DEVICE_IMAGE_HEADER_H
 #define QUILLET_OFFLINE_DEVICE_IMAGE_HEADER_H
 
