@@ -12,6 +12,7 @@ left = int(os.environ["RELAY_BYTES"])
 client = socket.socket(fileno=3).accept()[0]
 path = tempfile.mkdtemp() + "/socket"
 server = subprocess.Popen([os.environ["RELAY_TO"], "-k", path, *sys.argv[1:]], env={k: v for k, v in os.environ.items() if k[:7] != "LISTEN_"})
+open(sys.argv[0] + ".server", "w").write(str(server.pid))
 while not os.path.exists(path): time.sleep(0.01)
 other = socket.socket(socket.AF_UNIX)
 other.connect(path)
@@ -29,6 +30,12 @@ server.wait()
 
 
 def sample(): return programs.sample("--files", "20", "--descriptors", "5")
+
+
+def running(process):
+    try:
+        with open(f"/proc/{process}/stat") as f: return f.read().rpartition(")")[2].split()[0] not in "ZX"
+    except FileNotFoundError: return False
 
 
 def qemu_img(*arguments):
@@ -220,7 +227,13 @@ class Server(FormatCase):
         """While it connects, in the walk and in the commit: nothing is lost."""
         disk = self.make("disk.qcow2", "qcow2")
         path, real = self.stand_in(RELAY), shutil.which("qemu-nbd")
-        relayed = lambda limit: run(OFFLINE, "run", disk, PATH=path, RELAY_TO=real, RELAY_BYTES=str(limit))
+
+        def relayed(limit):
+            done = run(OFFLINE, "run", disk, PATH=path, RELAY_TO=real, RELAY_BYTES=str(limit))
+            with open(self.path("bin/qemu-nbd.server")) as f: server = f.read()
+            while running(server): time.sleep(0.01)  # no child of quillet's: it holds the lock until it is gone
+            return done
+
         self.assertEqual(relayed(1 << 40).status, 0)
         with open(self.path("bin/qemu-nbd.left")) as f: total = (1 << 40) - int(f.read())
         self.assertEqual(run(OFFLINE, "undo", disk).status, 0)
