@@ -2,7 +2,7 @@
 /* audit: where a machine's SID stands in an installation. */
 #include <cstdio>
 
-#include "companion/audit_words.h"
+#include "companion/audit/audit_words.h"
 #include "companion/commands.h"
 #include "companion/ending.h"
 #include "companion/machine.h"

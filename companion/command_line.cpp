@@ -8,7 +8,7 @@
 
 #include "companion/commands.h"
 #include "companion/ending.h"
-#include "companion/results.h"
+#include "companion/results/results.h"
 
 namespace companion {
 namespace {

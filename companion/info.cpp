@@ -6,7 +6,7 @@
 #include "companion/commands.h"
 #include "companion/ending.h"
 #include "companion/formatting.h"
-#include "companion/results.h"
+#include "companion/results/results.h"
 #include "platform/offline/base/unicode.h"
 
 namespace companion {

@@ -10,8 +10,8 @@
 
 #include "companion/command_line.h"
 #include "companion/ending.h"
-#include "companion/report.h"
-#include "companion/results.h"
+#include "companion/results/report.h"
+#include "companion/results/results.h"
 #include "platform/offline/base/session.h"
 #include "platform/offline/base/streams.h"
 #include "platform/offline/base/unicode.h"

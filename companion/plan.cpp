@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "companion/audit_words.h"
+#include "companion/audit/audit_words.h"
 #include "companion/commands.h"
 #include "companion/ending.h"
-#include "companion/tool_run.h"
+#include "companion/results/tool_run.h"
 #include "platform/offline/main/call_tool.h"
 #include "platform/offline/system/system.h"
 

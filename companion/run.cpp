@@ -3,11 +3,11 @@
 #include <csignal>
 #include <cstdio>
 
-#include "companion/audit_words.h"
+#include "companion/audit/audit_words.h"
 #include "companion/commands.h"
 #include "companion/ending.h"
 #include "companion/formatting.h"
-#include "companion/tool_run.h"
+#include "companion/results/tool_run.h"
 #include "platform/nt.h"
 #include "platform/offline/base/ending_signals.h"
 #include "platform/offline/main/run_end.h"

@@ -6,7 +6,7 @@
 #include "companion/ending.h"
 #include "companion/formatting.h"
 #include "companion/opened.h"
-#include "companion/results.h"
+#include "companion/results/results.h"
 #include "platform/offline/base/ending_signals.h"
 #include "platform/offline/base/unicode.h"
 #include "platform/offline/system/run_disks.h"

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What the tool's lines on standard error tell of the objects that it passed over. */
-#include "companion/tool_lines.h"
+#include "companion/results/tool_lines.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
-#include "companion/line_tap.h"
+#include "companion/results/line_tap.h"
 
 #include <new>
 

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <string>
 
-#include "companion/results.h"
+#include "companion/results/results.h"
 
 namespace companion {
 

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
-#include "companion/audit_match.h"
+#include "companion/audit/audit_match.h"
 
 #include <cstring>
 

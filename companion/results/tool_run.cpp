@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
-#include "companion/tool_run.h"
+#include "companion/results/tool_run.h"
 
 #include <algorithm>
 
 #include "companion/ending.h"
-#include "companion/line_tap.h"
+#include "companion/results/line_tap.h"
 #include "platform/offline/base/system_needed.h"
 #include "platform/offline/descriptor/sid_format.h"
 #include "platform/offline/main/call_tool.h"

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "companion/audit.h"
+#include "companion/audit/audit.h"
 
 namespace companion {
 

@@ -8,8 +8,8 @@
 #include <functional>
 #include <string>
 
-#include "companion/audit_match.h"
-#include "companion/machine_ids.h"
+#include "companion/audit/audit_match.h"
+#include "companion/audit/other_sids.h"
 #include "companion/opened.h"
 
 namespace companion {

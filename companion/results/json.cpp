@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
-#include "companion/json.h"
+#include "companion/results/json.h"
 
 #include <array>
 #include <cstdio>

@@ -5,7 +5,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "companion/audit.h"
+#include "companion/audit/audit.h"
 #include "companion/formatting.h"
 #include "platform/offline/base/unicode.h"
 

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
-#include "companion/machine_ids.h"
+#include "companion/audit/other_sids.h"
 
 #include <algorithm>
 #include <cstring>

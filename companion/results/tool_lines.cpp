@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
-#include "companion/tool_lines.h"
+#include "companion/results/tool_lines.h"
 
 #include <charconv>
 
-#include "companion/code_names.h"
+#include "companion/results/code_names.h"
 #include "platform/nt.h"
 
 namespace companion {

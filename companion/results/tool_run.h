@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "companion/results.h"
+#include "companion/results/results.h"
 
 namespace companion {
 

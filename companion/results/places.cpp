@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
-#include "companion/places.h"
+#include "companion/results/places.h"
 
 #include <algorithm>
 #include <cerrno>

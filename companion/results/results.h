@@ -11,11 +11,11 @@
 #include <string>
 #include <vector>
 
-#include "companion/audit.h"
-#include "companion/places.h"
-#include "companion/report_file.h"
+#include "companion/audit/audit.h"
+#include "companion/results/places.h"
+#include "companion/results/report_file.h"
+#include "companion/results/tool_lines.h"
 #include "companion/survey.h"
-#include "companion/tool_lines.h"
 
 namespace companion {
 

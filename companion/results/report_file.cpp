@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
-#include "companion/report_file.h"
+#include "companion/results/report_file.h"
 
 #include <fcntl.h>
 #include <unistd.h>

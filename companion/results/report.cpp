@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
-#include "companion/report.h"
+#include "companion/results/report.h"
 
 #include <sys/random.h>
 
@@ -7,11 +7,11 @@
 #include <array>
 #include <ctime>
 
-#include "companion/audit_words.h"
-#include "companion/code_names.h"
+#include "companion/audit/audit_words.h"
 #include "companion/ending.h"
 #include "companion/formatting.h"
-#include "companion/report_page.h"
+#include "companion/results/code_names.h"
+#include "companion/results/report_page.h"
 #include "platform/offline/base/unicode.h"
 
 namespace companion {

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
-#include "companion/code_names.h"
+#include "companion/results/code_names.h"
 
 #include "platform/nt.h"
 

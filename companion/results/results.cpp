@@ -1,12 +1,12 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
-#include "companion/results.h"
+#include "companion/results/results.h"
 
 #include <array>
 #include <ctime>
 
-#include "companion/audit_words.h"
-#include "companion/code_names.h"
-#include "companion/json.h"
+#include "companion/audit/audit_words.h"
+#include "companion/results/code_names.h"
+#include "companion/results/json.h"
 
 namespace companion {
 namespace {

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
 /* The SIDs of machines and domains, whichever, in bytes and in text: what is left of an earlier identity. */
-#ifndef QUILLET_COMPANION_MACHINE_IDS_H
-#define QUILLET_COMPANION_MACHINE_IDS_H
+#ifndef QUILLET_COMPANION_OTHER_SIDS_H
+#define QUILLET_COMPANION_OTHER_SIDS_H
 
 #include <array>
 #include <cstdint>

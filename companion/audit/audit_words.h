@@ -3,8 +3,8 @@
 #ifndef QUILLET_COMPANION_AUDIT_WORDS_H
 #define QUILLET_COMPANION_AUDIT_WORDS_H
 
-#include "companion/audit.h"
-#include "companion/results.h"
+#include "companion/audit/audit.h"
+#include "companion/results/results.h"
 
 namespace companion {
 
