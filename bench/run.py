@@ -171,22 +171,32 @@ def delayed(image, work):
         server.terminate(); server.wait()
 
 def growth(work):
-    """Time and memory of dry and rewriting runs over directories and descriptors of several sizes."""
-    image, copy = os.path.join(work, "growth.img"), os.path.join(work, "growth-copy.img")
+    """Time and memory of dry and rewriting runs over directories, descriptors and hives of several sizes."""
     rows = [("%d files in a directory" % n, (1, n, 200)) for n in (3000, 300000)]
     rows += [("%d descriptors" % n, (max(1, n // 20), 20, n)) for n in (1000, 20000, 200000)]
+    image = os.path.join(work, "growth.img")
     for what, shape in rows:
         make_sample(image, "%dM" % (256 + shape[0] * shape[1] * 5 // 1024), work, *shape)
+        grown(image, what, ["-f"], work)
+    for keys in (40000, 400000, 2000000):
+        said = timed([program("quillet-offline"), "sample", image, "--files", "20", "--size", "%dM" % (96 + keys // 2000)])[1]
+        hive = os.path.join(work, "SOFTWARE")
+        with open(hive, "wb") as out: subprocess.run(["ntfscat", image, "Windows/System32/config/SOFTWARE"], stdout=out, check=True)
+        timed([program("many_keys"), hive, next(w for w in said.replace(",", " ").split() if w.startswith("S-1-5-21-")), str(keys)])
+        subprocess.run(["ntfscp", "-f", image, hive, "Windows/System32/config/SOFTWARE"], check=True, capture_output=True)
+        grown(image, "%d keys, %d MiB" % (keys, os.path.getsize(hive) >> 20), [], work)
+
+def grown(image, what, options, work):
+    copy, command = os.path.join(work, "growth-copy.img"), [program("quillet"), "-q"] + options
+    def fresh():
         shutil.copyfile(image, copy)
         os.sync()
-        dry, wet = dict(os.environ, QUILLET_SYSTEM=image), dict(os.environ, QUILLET_SYSTEM=copy)
-        command = [program("quillet"), "-f"]
-        d, m = timed(command + ["-s"], env=dry)[0], peak_memory(command + ["-s"], env=dry)
-        print("growth       %-28s dry %6.3f s, %3.0f MiB" % (what, d, m), end="")
-        w = timed(command, env=wet)[0]
-        shutil.copyfile(image, copy)
-        os.sync()
-        print("   rewriting %6.3f s, %3.0f MiB" % (w, peak_memory(command, env=wet)))
+    dry, wet = dict(os.environ, QUILLET_SYSTEM=image), dict(os.environ, QUILLET_SYSTEM=copy)
+    print("growth       %-28s dry %6.3f s, %3.0f MiB" % (what, timed(command + ["-s"], env=dry)[0], peak_memory(command + ["-s"], env=dry)), end="")
+    fresh()
+    seconds = timed(command, env=wet)[0]
+    fresh()
+    print("   rewriting %6.3f s, %3.0f MiB" % (seconds, peak_memory(command, env=wet)))
     os.remove(image); os.remove(copy)
 
 def registry(hive, repeat, work):
