@@ -218,6 +218,8 @@ class Server(FormatCase):
         for text, words in (("exit 3", "ended with status 3"), ("echo 'qemu-nbd: out of luck' >&2; exit 1", "it: out of luck"),
                             ("kill -9 $$", "ended with status 137"), ("exec python3 -c 'import socket; socket.socket(fileno=3).accept()[0].send(b\"no NBD\" * 99)'", "disk.qcow2: ")):
             self.assert_refused(words, disk, PATH=self.stand_in("#!/bin/sh\n" + text))
+        older = '#!/bin/sh\ncase "$*" in *io_uring*) echo "no linux io_uring here" >&2; exit 1;; esac\nexec %s "$@"\n'
+        self.assertEqual(run(OFFLINE, "info", disk, PATH=self.stand_in(older % shutil.which("qemu-nbd"))).status, 0)
         with open(disk, "r+b") as f:
             f.seek(40)
             f.write(b"\xff" * 8)  # where the table of tables lies

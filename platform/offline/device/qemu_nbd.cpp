@@ -132,19 +132,20 @@ NTSTATUS QemuNbd::refuseDisk(const std::string& disk, const std::string& error, 
     return refuse(problem, STATUS_UNRECOGNIZED_VOLUME, disk + ": qemu-nbd does not serve it: " + said);
 }
 
-NTSTATUS qemuNbdStart(const std::string& disk, const std::string& image, bool isAddress, bool readOnly,
-                      bool scratch, QemuNbd& server, Problem& problem) {
-    if (image.empty()) {
+NTSTATUS qemuNbdStart(const std::string& disk, const QemuServing& serving, QemuNbd& server,
+                      Problem& problem) {
+    if (serving.image.empty()) {
         return refuse(problem, STATUS_OBJECT_NAME_INVALID,
                       disk + ": its path, or that of a backing file, is no UTF-8; rename it");
     }
     Descriptor listening{-1};
     int error = connectedPair(listening.number, server.socket);
     std::vector<std::string> arguments = {"--discard=unmap"};
-    if (readOnly) arguments.emplace_back("--read-only");
-    if (scratch) arguments.emplace_back("--cache=unsafe");
-    if (isAddress) arguments.emplace_back("--format=raw");
-    arguments.insert(arguments.end(), {"--", image});
+    if (serving.readOnly) arguments.emplace_back("--read-only");
+    if (serving.scratch) arguments.emplace_back("--cache=unsafe");
+    if (serving.ioUring) arguments.emplace_back("--aio=io_uring");
+    if (serving.isAddress) arguments.emplace_back("--format=raw");
+    arguments.insert(arguments.end(), {"--", serving.image});
     if (error == 0) error = server.program.start("qemu-nbd", arguments, listening.number);
     if (error == 0) return STATUS_SUCCESS;
     if (error == ENOENT) {

@@ -36,9 +36,15 @@ struct QemuNbd {
  * neither looks for others nor guesses, or an address. "" of a name that can't be passed on. */
 std::string qemuImage(const ImageChain& chain, bool readOnly);
 
-/* Starts it. image: as qemuImage gives it, or an address of kind qemu. scratch: see disk_name.h. */
-NTSTATUS qemuNbdStart(const std::string& disk, const std::string& image, bool isAddress, bool readOnly,
-                      bool scratch, QemuNbd& server, Problem& problem);
+struct QemuServing {
+    std::string image; /* as qemuImage gives it, or an address of kind qemu */
+    bool isAddress = false, readOnly = false;
+    bool scratch = false; /* see disk_name.h */
+    bool ioUring = false; /* it reads and writes through io_uring; not every kernel and qemu-nbd lets it */
+};
+
+/* Starts it. */
+NTSTATUS qemuNbdStart(const std::string& disk, const QemuServing& serving, QemuNbd& server, Problem& problem);
 
 } /* namespace offline */
 
