@@ -132,12 +132,12 @@ void Cloning::tell(const CloneProcess& clone) {
     ++progress.done;
     const std::string name = offline::printable(clone.name);
     if (options.verbose) {
-        for (const std::string& line : clone.lines)
-            fprintf(stderr, "%s: %s\n", name.c_str(), offline::printable(line).c_str());
+        for (const std::string& line : clone.lines) fprintf(stderr, "%s: %s\n", name.c_str(), line.c_str());
     }
     if (!clone.failure.empty()) {
-        const bool named = clone.failure.starts_with(clone.name);
-        say((named ? "" : clone.name + ": ") + clone.failure + "; this clone was not made");
+        const std::string named = clone.failure.starts_with(name) ? "" : name + ": ";
+        fprintf(stderr, "quillet-offline: %s%s; this clone was not made\n", named.c_str(),
+                clone.failure.c_str());
     } else {
         ++made;
         printf("%s  %s  %.1f s  %s\n", name.c_str(), clone.newSid.c_str(), clone.seconds,
@@ -169,7 +169,7 @@ void Cloning::takeEnded() {
             ++clone;
             continue;
         }
-        clone->finish();
+        clone->finish(golden);
         tell(*clone);
         clone = running.erase(clone);
     }

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "companion/ending.h"
+#include "platform/offline/base/unicode.h"
 
 namespace companion {
 namespace {
@@ -87,7 +88,7 @@ bool CloneProcess::start(const offline::GoldenImage& golden, const std::vector<s
     begin = std::chrono::steady_clock::now();
     offline::Problem problem;
     if (image.create(golden, name, problem) < 0) {
-        failure = problem.text;
+        failure = offline::printable(problem.text);
         return false;
     }
     output = tmpfile();
@@ -118,37 +119,40 @@ void CloneProcess::listen() {
     }
     lines = linesOf(errors);
     for (std::string& line : lines) {
-        replaceAll(line, image.partPath(), name);
+        replaceAll(line, offline::printable(image.partPath()), offline::printable(name));
         if (line.starts_with("ERROR ") || line.starts_with("WARN ")) ++warnings;
     }
 }
 
-/* The first of the lines that the program itself ended with, else the last ERROR line. */
+/* What the run ended with, else what the program said, which may be about the run's lines alone, else the
+ * last ERROR line. */
 std::string CloneProcess::cause() const {
     if (WIFSIGNALED(status)) return std::string("its run was ended by ") + strsignal(WTERMSIG(status));
-    std::string lastError;
+    std::string remark, lastError;
     for (const std::string& line : lines) {
         std::string said = behind(line, "quillet: ");
-        if (said.empty()) said = behind(line, "quillet-offline: ");
-        if (const std::string rest = behind(said, name + ": "); !rest.empty()) said = rest;
+        if (const std::string rest = behind(said, offline::printable(name) + ": "); !rest.empty())
+            said = rest;
         const bool ofOutcome =
             said.starts_with("the run did not succeed") || said.starts_with("the run's full exit status");
         if (!said.empty() && !ofOutcome) return withoutAdvice(said);
+        if (remark.empty()) remark = behind(line, "quillet-offline: ");
         if (line.starts_with("ERROR ")) lastError = line;
     }
+    if (!remark.empty()) return remark;
     const std::string ending = "its run ended with status " + std::to_string(WEXITSTATUS(status));
     return lastError.empty() ? ending : ending + ": " + lastError;
 }
 
-void CloneProcess::finish() {
+void CloneProcess::finish(const offline::GoldenImage& golden) {
     listen();
     offline::Problem problem;
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         failure = cause();
     } else if (newSid.empty()) {
         failure = "its run named no new SID";
-    } else if (image.publish(bytes, problem) < 0) {
-        failure = problem.text;
+    } else if (image.publish(golden, bytes, problem) < 0) {
+        failure = offline::printable(problem.text);
     }
     seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
 }

@@ -31,12 +31,12 @@ struct CloneProcess {
 
     /* After its end: gives a clone its name where the run went well; else failure says why it is not there.
      * Fills what follows. */
-    void finish();
+    void finish(const offline::GoldenImage& golden);
 
     std::string name;
-    std::string failure; /* a clause; "" when it is made */
+    std::string failure; /* a clause, printable; "" when it is made */
     std::string newSid;
-    std::vector<std::string> lines; /* what the run said on standard error */
+    std::vector<std::string> lines; /* what the run said on standard error, printable */
     size_t warnings = 0;            /* of these, ERROR and WARN lines */
     double seconds = 0;
     uint64_t bytes = 0; /* of its file */

@@ -149,8 +149,15 @@ void declareJson(CLI::App& app, bool& json) {
     app.add_flag("--json", json, "Print one JSON object (docs/results.md)");
 }
 
+/* An empty one, as of a variable that is not set, must not be no option at all. */
+std::string refuseNoName(const std::string& file) {
+    return file.empty() ? "the file's name is empty" : "";
+}
+
 void declareReport(CLI::App& app, std::string& file) {
-    app.add_option("--report", file, "Write a page of HTML to hand over")->type_name("FILE");
+    app.add_option("--report", file, "Write a page of HTML to hand over")
+        ->check(refuseNoName)
+        ->type_name("FILE");
 }
 
 void declare(CLI::App& app, SampleOptions& options) {
@@ -195,7 +202,7 @@ void declare(CLI::App& app, PlanOptions& options) {
 void declare(CLI::App& app, RunOptions& options) {
     declareImages(app, options);
     CLI::Option* const file = app.add_option("--undo", options.undoFile, "Where the undo file is kept");
-    file->type_name("FILE");
+    file->check(refuseNoName)->type_name("FILE");
     app.add_flag("--no-undo", options.noUndo, "Keep no undo file")->excludes(file);
     CLI::Option* const commit =
         app.add_option("--commit", options.commit, "When changes are written: success or always (success)");

@@ -45,7 +45,7 @@ void openDisk(const offline::DiskName& name, Opened& opened, Problems& problems)
     Problem problem;
     offline::DiskPtr disk;
     NTSTATUS status = offline::diskOpen(name, offline::DiskAccess::readOnly, disk, problem);
-    if (status >= 0) status = offline::refuseCutOff(name.name, problem);
+    if (status >= 0) status = offline::refuseCutOff(name, problem);
     if (!good(status, problem, problems)) return;
     opened.installation.disks.push_back(std::move(disk));
     offline::Disk& here = *opened.installation.disks.back();

@@ -2,6 +2,7 @@
 /* run: quillet on the installation of some disks. */
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 
 #include "companion/audit/audit_words.h"
 #include "companion/commands.h"
@@ -119,6 +120,13 @@ int run(const RunOptions& options, Results& results) {
     if (audited) refuseQuiet(options.quilletOptions, options.json ? "--json" : "--report");
     if (options.strict) refuseQuiet(options.quilletOptions, "--strict");
     const offline::RunChoice choice = choiceOf(options);
+    const auto place = [](const std::string& file) {
+        return std::filesystem::path(absolutePath(file)).lexically_normal();
+    };
+    if (!options.report.empty() && !options.undoFile.empty() &&
+        place(options.report) == place(options.undoFile)) {
+        throw Failure{options.report + ": the undo file is to go there; name another for the report"};
+    }
     wantReport(options.report, results);
     signal(SIGPIPE, SIG_IGN); /* a reader that has gone must not end a run half-way */
     offline::endingSignalsSay("quillet: ended by a signal; nothing was changed\n");

@@ -22,6 +22,10 @@ int openNameless(const std::filesystem::path& path) {
 } /* namespace */
 
 ReportFile::ReportFile(std::string path) : name(std::move(path)) {
+    if (name.find(".quillet-", name.rfind('/') + 1) != std::string::npos) {
+        throw Failure{name +
+                      ": names like this are those of journals and undo files; name another for the report"};
+    }
     std::error_code unknown;
     const bool taken = std::filesystem::exists(std::filesystem::symlink_status(name, unknown));
     int made = taken ? -1 : openNameless(name);

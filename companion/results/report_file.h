@@ -11,7 +11,8 @@ namespace companion {
 
 class ReportFile {
 public:
-    /* Throws Failure when there is such a file, or when it can't be made. */
+    /* Throws Failure when there is such a file, when the name is like one that lies beside disks, or when it
+     * can't be made. */
     explicit ReportFile(std::string path);
     ~ReportFile(); /* one that was not finished is gone */
     ReportFile(const ReportFile&) = delete;

@@ -1,10 +1,11 @@
 # SPDX-License-Identifier: GPL-2.0-or-later
 # bash completion for quillet-offline. Each command's options are those of its --help.
 _quillet_offline() {
-    local word=$2 before=$3 command="" argument options=""
+    local word=$2 before=$3 command="" argument options="" own="-f -b -r -s -q -v -h"
     for argument in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
         if [ "$argument" = -- ]; then
-            COMPREPLY=($(compgen -W "-f -b -r -s -q -v -h" -- "$word"))
+            [ "$command" != clone ] || own="-f -v"
+            COMPREPLY=($(compgen -W "$own" -- "$word"))
             return
         fi
         case $argument in
@@ -12,6 +13,8 @@ _quillet_offline() {
         *) [ -n "$command" ] || command=$argument ;;
         esac
     done
+    [ "$word" != = ] || word=""
+    [ "$before" != = ] || before=${COMP_WORDS[COMP_CWORD-2]} # --format=qcow2 is three words
     case $before in
     --whole-disk) COMPREPLY=($(compgen -W "mbr gpt" -- "$word")) && return ;;
     --commit) COMPREPLY=($(compgen -W "success always" -- "$word")) && return ;;
@@ -35,7 +38,7 @@ _quillet_offline() {
     -*) COMPREPLY=($(compgen -W "$options" -- "$word")) ;;
     *)
         compopt -o filenames
-        COMPREPLY=($(compgen -f -- "$word"))
+        mapfile -t COMPREPLY < <(compgen -f -- "$word") # names may have spaces
         ;;
     esac
 }

@@ -80,7 +80,17 @@ class Clones(CloneCase):
     def test_no_room_leaves_nothing(self):
         done = run("bash", "-c", 'ulimit -f 150; exec "$@"', "-", OFFLINE, "clone", self.golden, self.path("a.qcow2"), self.path("b.qcow2"))
         self.assertEqual((done.status, done.out, self.made(), len(done.error_lines())), (2, "", [], 2), done.err)
+        self.assertRegex(done.err, r"a\.qcow2: [^\n]*\(No space left on device\); this clone")  # the cause, no other line of the run
         self.assertNotIn("undo", done.err)
+
+    def test_a_golden_image_that_changes_has_no_further_clones(self):
+        work = subprocess.Popen([OFFLINE, "clone", "--jobs", "1", self.golden, self.path("a.qcow2"), self.path("b.qcow2")],
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        work.stdout.readline()
+        os.utime(self.golden)
+        err = work.communicate()[1].decode()
+        self.assertEqual((work.returncode, self.made()), (2, ["a.qcow2"]), err)
+        self.assertIn("changed or replaced", err)
 
     def test_a_signal_leaves_whole_ones_alone(self):
         names = [self.path(name + ".qcow2") for name in "abcdefgh"]
@@ -101,7 +111,7 @@ class Clones(CloneCase):
         rows = [("such a file already", [self.golden, new, there]), ("such a file already", [self.golden, self.golden]),
                 ("named twice", [self.golden, new, os.path.join(self.work, ".", "new.qcow2")]),
                 ("directory", [self.golden, self.path("none/new.qcow2")]), ("names no file", [self.golden, self.work + "/"]), ("call it", [self.golden, self.path("x.img")]),
-                ("no such file", [self.path("none"), new]), ("no NTFS volume", [empty, new]),
+                ("no such file", [self.path("none"), new]), ("no UTF-8", [self.golden, self.path("\udcff.qcow2")]), ("no NTFS volume", [empty, new]),
                 ("contents look qcow2|qcow2", [self.golden, new, "--format", "vmdk"]),
                 ("takes -f and -v alone", [self.golden, new, "--", "-s"]), ("file or a device", ["nbd://host", new])]
         for words, arguments in rows:

@@ -173,9 +173,10 @@ class Refused(FormatCase):
         self.assert_refused("data_file", self.path("data.qcow2"))
         parts = self.make("parts.vmdk", "vmdk", "-o", "subformat=monolithicFlat")
         with open(parts) as f: text = f.read()
-        for evil in ("/etc/passwd", "../x", "json:{}"):
+        elsewhere = "names a file elsewhere"
+        for evil, words in (("/etc/passwd", elsewhere), ("../x", elsewhere), ("json:{}", elsewhere), ("123", "a part of it can't be used")):
             with open(parts, "w") as f: f.write(text.replace("parts-flat.vmdk", evil))
-            self.assert_refused("names a file elsewhere", parts)
+            self.assert_refused(words, parts)
 
     def test_what_can_only_be_read(self):
         disk = self.make("stream.vmdk", "vmdk", "-o", "subformat=streamOptimized")

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: GPL-2.0-or-later
 """Commands and their options are the same in the help, in the manual pages and in each shell's completion, and the pages
 are well-formed."""
-import glob, os, re, shutil, subprocess, unittest
+import glob, os, re, shutil, subprocess, tempfile, unittest
 
 import programs
 
@@ -23,8 +23,8 @@ def listed(command, heading):
 
 def bash(*words):
     """What bash offers for the last of these words."""
-    script = '. "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _quillet_offline "$1" "${@: -1}" "${@: -2:1}"; echo "${COMPREPLY[@]}"'
-    return set(subprocess.run(["bash", "-c", script, "bash", BASH, "quillet-offline", *words], check=True, capture_output=True, text=True).stdout.split())
+    script = '. "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); _quillet_offline "$1" "${@: -1}" "${@: -2:1}"; printf "%s\\n" "${COMPREPLY[@]}"'
+    return set(subprocess.run(["bash", "-c", script, "bash", BASH, "quillet-offline", *words], check=True, capture_output=True, text=True).stdout.splitlines())
 
 
 def zsh(command):
@@ -61,6 +61,14 @@ class Pages(unittest.TestCase):
         letters = set(re.findall(r"^  (-[a-z])", programs.quillet("-h").out, re.M))
         self.assertEqual(page("quillet"), letters)
         for offered in (bash("run", "--", "-"), set(re.search(r"^tool=\((.*)\)", read(ZSH), re.M)[1].split())): self.assertEqual(offered, letters)
+
+    def test_bash_completes_names_and_what_follows_an_equals_sign(self):
+        with tempfile.TemporaryDirectory() as directory:
+            name = os.path.join(directory, "a b.img")
+            open(name, "w").close()
+            self.assertEqual(bash("run", "--report", name[:-5]), {name})
+        self.assertEqual(bash("run", "--format", "=", "q"), {"qcow2"})
+        self.assertEqual(bash("clone", "golden.img", "a.qcow2", "--", "-"), {"-f", "-v"})
 
     def test_the_pages_are_well_formed(self):
         if not shutil.which("mandoc"): self.skipTest("mandoc is not there")

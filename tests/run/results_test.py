@@ -169,12 +169,12 @@ class Report(ResultsCase):
 
     def test_a_place_that_can_not_be_had_is_refused_before_the_work(self):
         taken = self.write("taken.html", b"mine")
-        for file in (taken, self.path("none/report.html"), self.work):
+        for file in (taken, self.path("none/report.html"), self.work, "", self.image + ".quillet-journal"):
             for command in ("audit", "plan", "run"):
                 done = run(OFFLINE, command, "--report", file, self.image)
                 self.assertEqual((done.status, done.out, len(done.error_lines()), digest(self.image)), (2, "", 1, digest(sample())), done.err)
         self.assertEqual(self.contents_of(taken), b"mine")
-        for command, *wrong in (["run", self.path("missing")], ["plan", self.image, "--", "-q"], ["audit", taken]):
+        for command, *wrong in (["run", self.path("missing")], ["run", "--undo", self.path("./gone.html"), self.image], ["plan", self.image, "--", "-q"], ["audit", taken]):
             self.assertNotEqual(run(OFFLINE, command, "--report", self.path("gone.html"), *wrong).status, 0)
         self.assertEqual(sorted(os.listdir(self.work)), ["a.img", "taken.html"])
 

@@ -33,6 +33,11 @@ class TransactionCase(ImageCase):
         done = run(OFFLINE, "undo", self.image)
         self.assertEqual((digest(self.image), self.beside()), (self.old, []), (said, done.out, done.err))
 
+    def assert_nothing_builds_on_it(self):
+        above = self.path("above.qcow2")
+        subprocess.run(["qemu-img", "create", "-q", "-f", "qcow2", "-b", self.image, "-F", "raw", above], check=True)
+        for command in ("info", "run"): self.assertIn("its backing file %s: an earlier run was cut off" % self.image, run(OFFLINE, command, above).err)
+
     def points(self, calls): return sorted({1 + i * (calls - 1) // 9 for i in range(10)} | {calls - 2, calls - 1})
 
 
@@ -51,6 +56,7 @@ class Killed(TransactionCase):
                     looked = run(OFFLINE, "info", self.image)
                     self.assertEqual(looked.status, 2)
                     self.assertIn("run `quillet-offline undo`", looked.err)
+                    if shutil.which("qemu-nbd"): self.assert_nothing_builds_on_it()
                 self.assert_taken_back(at, when)
         self.assertGreater(whole, 0)
         self.assertGreater(self.killed, 16)

@@ -116,6 +116,12 @@ constexpr size_t capacity = 12, compression = 77, sparseSize = 79;
 constexpr uint64_t embeddedDescriptor = 512, embeddedSize = 20 * 512, largestDescriptor = 1 << 20; /* bytes */
 } /* namespace vmdk */
 
+/* What stands behind a name: nothing, or an extent's offset in its file. */
+bool endsExtent(std::string_view text) {
+    const bool apart = text.empty() || text.front() == ' ' || text.front() == '\t';
+    return apart && text.find_first_not_of(" \t0123456789") == std::string_view::npos;
+}
+
 /* What stands behind each quotation mark, up to the next one or the line's end, unless something is set to it
  * (createType="..."): among them are the extents, in whatever way the lines are taken apart. */
 std::vector<std::string> quotedNames(std::string_view text) {
@@ -125,7 +131,7 @@ std::vector<std::string> quotedNames(std::string_view text) {
         if (at != 0 && before != std::string_view::npos && text[before] == '=') continue;
         const std::string_view rest = text.substr(at + 1);
         const std::string_view name = rest.substr(0, std::min(rest.find_first_of("\"\r\n"), rest.size()));
-        if (name.find_first_not_of(" \t0123456789") != std::string_view::npos) names.emplace_back(name);
+        if (!endsExtent(name)) names.emplace_back(name);
     }
     return names;
 }

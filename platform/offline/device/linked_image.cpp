@@ -14,6 +14,7 @@
 
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/base/streams.h"
+#include "platform/offline/base/unicode.h"
 #include "platform/offline/device/child_program.h"
 #include "platform/offline/device/device_error.h"
 #include "platform/offline/device/disk_file.h"
@@ -33,6 +34,10 @@ const char partEnding[] = ".quillet-part";
 
 NTSTATUS refuseFile(const std::string& name, const std::string& what, int error, Problem& problem) {
     return refuse(problem, deviceStatus(error), name + ": " + what + " (" + deviceErrorText(error) + ")");
+}
+
+bool isUtf8(const std::string& text) {
+    return toUtf8(toUtf16(text)) == text;
 }
 
 /* "" where there is no working directory. */
@@ -63,11 +68,32 @@ NTSTATUS needTools(Problem& problem) {
 NTSTATUS hold(const std::string& path, const std::string& disk, GoldenImage& golden, Problem& problem) {
     const int file = aboveStandard(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (file < 0) return refuseFile(path, "it can't be opened", errno, problem);
-    golden.files.push_back(file);
-    const int error = lockAmongReaders(file, ReaderLock::refusingWriters);
+    golden.files.push_back({path, file, {}});
+    int error = lockAmongReaders(file, ReaderLock::refusingWriters);
+    if (error == 0 && fstat(file, &golden.files.back().then) != 0) error = errno;
     if (error == EAGAIN || error == EACCES) return refuseInUse(disk, problem);
     if (error == 0) return STATUS_SUCCESS;
     return refuseFile(path, "it can't be locked here; copy it to a local file system first", error, problem);
+}
+
+/* A program that keeps no locks may have written to it, or moved another one to its place. */
+bool unchanged(const GoldenImage::File& one) {
+    struct stat named = {}, now = {};
+    const struct stat& then = one.then;
+    if (stat(one.path.c_str(), &named) != 0 || fstat(one.file, &now) != 0) return false;
+    if (named.st_dev != then.st_dev || named.st_ino != then.st_ino) return false;
+    return S_ISBLK(then.st_mode) ||
+           (now.st_size == then.st_size && now.st_mtim.tv_sec == then.st_mtim.tv_sec &&
+            now.st_mtim.tv_nsec == then.st_mtim.tv_nsec);
+}
+
+/* Without "..", which leads elsewhere, or nowhere, when the directories on its way change. */
+std::string lasting(const std::string& path) {
+    const std::filesystem::path whole(path);
+    if (path.find("/../") == std::string::npos) return path;
+    std::error_code gone;
+    const std::filesystem::path directory = std::filesystem::canonical(whole.parent_path(), gone);
+    return gone ? path : (directory / whole.filename()).string();
 }
 
 /* ---- The part ---- */
@@ -105,7 +131,7 @@ const char* driverOf(DiskFormat format) {
 /* ---- The golden image ---- */
 
 GoldenImage::~GoldenImage() {
-    for (const int file : files) close(file);
+    for (const File& one : files) close(one.file);
 }
 
 NTSTATUS goldenImageOpen(const DiskName& disk, GoldenImage& golden, Problem& problem) {
@@ -125,7 +151,7 @@ NTSTATUS goldenImageOpen(const DiskName& disk, GoldenImage& golden, Problem& pro
             if (status >= 0) status = hold(extent, disk.name, golden, problem);
         }
         if (status < 0) return status;
-        golden.path = absolute(disk.name);
+        golden.path = lasting(absolute(disk.name));
         golden.format = chain.format();
         if (!golden.path.empty() && !qemuImage(chain, true).empty()) return STATUS_SUCCESS;
         return refuse(problem, STATUS_OBJECT_NAME_INVALID,
@@ -144,6 +170,10 @@ NTSTATUS linkedImagePlace(const std::string& name, std::string& place, Problem& 
             kindOfName(name) != NameKind::file) {
             return refuse(problem, STATUS_OBJECT_NAME_INVALID,
                           "\"" + name + "\" names no file; give the new image's file name");
+        }
+        if (!isUtf8(path)) {
+            return refuse(problem, STATUS_OBJECT_NAME_INVALID,
+                          name + ": its path is no UTF-8; choose another");
         }
         if (formatOfEnding(name) != DiskFormat::qcow2) {
             return refuse(
@@ -205,6 +235,7 @@ NTSTATUS LinkedImage::fill(const GoldenImage& golden, Problem& problem) {
                                    driverOf(golden.format), "--", part},
                                   words);
     if (status == 0) return STATUS_SUCCESS;
+    if (words.empty()) words = "it ended with status " + std::to_string(status);
     return refuse(problem, STATUS_UNSUCCESSFUL, called + ": qemu-img can't make it: " + words);
 }
 
@@ -218,8 +249,13 @@ NTSTATUS LinkedImage::create(const GoldenImage& golden, const std::string& name,
     });
 }
 
-NTSTATUS LinkedImage::publish(uint64_t& bytes, Problem& problem) {
+NTSTATUS LinkedImage::publish(const GoldenImage& golden, uint64_t& bytes, Problem& problem) {
     return guardedRefusing(problem, [&]() -> NTSTATUS {
+        for (const GoldenImage::File& one : golden.files) {
+            if (unchanged(one)) continue;
+            return refuse(problem, STATUS_SHARING_VIOLATION,
+                          one.path + ": it was changed or replaced meanwhile; leave it alone and try again");
+        }
         struct stat info = {};
         JournalFiles& files = systemJournalFiles();
         int error = fsync(file) != 0 || fstat(file, &info) != 0 ? errno : 0;

@@ -4,6 +4,8 @@
 #ifndef QUILLET_OFFLINE_DEVICE_LINKED_IMAGE_H
 #define QUILLET_OFFLINE_DEVICE_LINKED_IMAGE_H
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -21,9 +23,16 @@ struct GoldenImage {
     GoldenImage(const GoldenImage&) = delete;
     GoldenImage& operator=(const GoldenImage&) = delete;
 
+    /* A file of it, open for its lock alone. */
+    struct File {
+        std::string path;
+        int file;
+        struct stat then; /* when it was locked */
+    };
+
     std::string path; /* from the root */
     DiskFormat format = DiskFormat::raw;
-    std::vector<int> files = {}; /* open for their locks alone */
+    std::vector<File> files = {};
 };
 
 /* Refused: an address, what imageChainOf refuses, an image that somebody may write to; and that a program is
@@ -42,8 +51,10 @@ struct LinkedImage {
      * open for this or as a disk; else it is refused. */
     NTSTATUS create(const GoldenImage& golden, const std::string& name, Problem& problem);
 
-    /* Brings it to its medium and gives it its name, which must still be free. bytes: of the file. */
-    NTSTATUS publish(uint64_t& bytes, Problem& problem);
+    /* Brings it to its medium and gives it its name, which must still be free. Refused also when a file of
+     * the golden image was changed, or another one took its name, since that was opened. bytes: of the file.
+     */
+    NTSTATUS publish(const GoldenImage& golden, uint64_t& bytes, Problem& problem);
 
     const std::string& partPath() const { return part; } /* from the root */
 
@@ -55,9 +66,9 @@ private:
     bool ours = false; /* the part */
 };
 
-/* Whether an image could be made under this name: it is free and ends in ".qcow2", so that nobody takes the
- * image for a raw one, and its directory can be written. place: the
- * same for two names of one file. */
+/* Whether an image could be made under this name: it is UTF-8, free, and ends in ".qcow2", so that nobody
+ * takes the image for a raw one, and its directory can be written. place: the same for two names of one file.
+ */
 NTSTATUS linkedImagePlace(const std::string& name, std::string& place, Problem& problem);
 
 } /* namespace offline */

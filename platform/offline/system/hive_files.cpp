@@ -57,17 +57,18 @@ struct VolumeHiveStore final : HiveStore {
     std::string refusal() const override { return volumeWriteReason(volume); }
 };
 
-/* Why a file of the registry can't be had, and what to do. */
-NTSTATUS refuseFile(NTSTATUS status, const std::string& name, Problem& problem) {
+/* Why a file of the registry can't be had, and what to do. volume: null where it is none's. */
+NTSTATUS refuseFile(const Volume* volume, NTSTATUS status, const std::string& name, Problem& problem) {
     switch (status) {
         case STATUS_OBJECT_NAME_NOT_FOUND:
         case STATUS_OBJECT_PATH_NOT_FOUND:
             return refuse(problem, status,
                           name + " is missing; without it this is no whole Windows installation");
         case STATUS_IO_DEVICE_ERROR:
-            return refuse(
-                problem, status,
-                name + " can't be read, the disk refuses it; check the medium, or work on a copy of it");
+            return refuse(problem, status,
+                          name + " can't be read, the disk refuses it" +
+                              (volume == nullptr ? "" : volumeReadReason(*volume)) +
+                              "; check the medium, or work on a copy of it");
         case STATUS_NO_MEMORY:
             return refuse(problem, status, name + ": there is not enough memory to hold it");
         case STATUS_INSUFFICIENT_RESOURCES:
@@ -85,7 +86,7 @@ NTSTATUS refuseFile(NTSTATUS status, const std::string& name, Problem& problem) 
 NTSTATUS readFile(Volume& volume, FileRef file, const std::string& name, std::vector<uint8_t>& bytes,
                   Problem& problem) {
     const NTSTATUS status = volumeReadFile(volume, file, largestHive, bytes);
-    return status >= 0 ? status : refuseFile(status, name, problem);
+    return status >= 0 ? status : refuseFile(&volume, status, name, problem);
 }
 
 /* A log file that is not there is an empty one. */
@@ -96,7 +97,7 @@ NTSTATUS readLog(Volume& volume, const FindBeside& findBeside, const std::string
     if (status == STATUS_OBJECT_NAME_NOT_FOUND) return STATUS_SUCCESS;
     const std::string logName = name + toUtf8(ending);
     return status >= 0 ? readFile(volume, file, logName, bytes, problem)
-                       : refuseFile(status, logName, problem);
+                       : refuseFile(&volume, status, logName, problem);
 }
 
 /* Systems before Windows Vista have one log, ".LOG"; later ones leave an empty one there. */
@@ -143,7 +144,7 @@ NTSTATUS installationReadHive(InstallationVolume& entry, std::u16string_view pat
         const std::string name = installationFileName(entry, path);
         FileRef file;
         const NTSTATUS status = volumeFind(*entry.volume, path, file);
-        if (status < 0) return refuseFile(status, name, problem);
+        if (status < 0) return refuseFile(entry.volume.get(), status, name, problem);
         const auto findBeside = [&](std::u16string_view ending, FileRef& beside) {
             return volumeFind(*entry.volume, std::u16string(path).append(ending), beside);
         };
@@ -158,7 +159,7 @@ NTSTATUS driveReadHive(std::u16string_view path, HivePtr& hive, std::unique_ptr<
         Volume* volume = nullptr;
         FileRef file;
         const NTSTATUS status = driveFind(path, volume, file);
-        if (status < 0) return refuseFile(status, name, problem);
+        if (status < 0) return refuseFile(volume, status, name, problem);
         const auto findBeside = [&](std::u16string_view ending, FileRef& beside) {
             Volume* same = nullptr;
             return driveFind(std::u16string(path).append(ending), same, beside);

@@ -11,6 +11,7 @@
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/device/device_error.h"
 #include "platform/offline/device/device_open.h"
+#include "platform/offline/device/image_chain.h"
 #include "platform/offline/device/recovery.h"
 #include "platform/offline/system/installation.h"
 
@@ -60,22 +61,39 @@ NTSTATUS recover(const std::vector<RunDisk>& disks, std::vector<std::string>& no
     return status;
 }
 
+NTSTATUS refuseCutOffFile(const std::string& path, const std::string& told, Problem& problem) {
+    JournalPlace place;
+    Problem noPlace; /* where there is none, no journal is either */
+    if (journalPlaceOf(path, place, noPlace) < 0) return STATUS_SUCCESS;
+    std::string journal;
+    const CommitState state = commitStateOf(systemJournalFiles(), place, journal);
+    if (state == CommitState::settled) return STATUS_SUCCESS;
+    return refuse(problem, STATUS_DISK_CORRUPT_ERROR,
+                  told +
+                      ": an earlier run was cut off while it was committed; run `quillet-offline undo` with "
+                      "the disks of that run to put it right (" +
+                      journal + ")");
+}
+
+/* Before the disk is locked for writing. */
+NTSTATUS refuseCutOffBelow(const DiskName& disk, Problem& problem) {
+    ImageChain chain;
+    Problem later; /* told when it is opened */
+    if (imageChainOf(disk, chain, later) < 0) return STATUS_SUCCESS;
+    NTSTATUS status = STATUS_SUCCESS;
+    for (size_t i = 1; i < chain.files.size() && status >= 0; i++) {
+        const std::string& path = chain.files[i].path;
+        status = refuseCutOffFile(path, disk.name + ": its backing file " + path, problem);
+    }
+    return status;
+}
+
 } /* namespace */
 
-NTSTATUS refuseCutOff(const std::string& path, Problem& problem) {
+NTSTATUS refuseCutOff(const DiskName& disk, Problem& problem) {
     return guardedRefusing(problem, [&]() -> NTSTATUS {
-        JournalPlace place;
-        Problem noPlace; /* where there is none, no journal is either */
-        if (journalPlaceOf(path, place, noPlace) < 0) return STATUS_SUCCESS;
-        std::string journal;
-        const CommitState state = commitStateOf(systemJournalFiles(), place, journal);
-        if (state == CommitState::settled) return STATUS_SUCCESS;
-        return refuse(
-            problem, STATUS_DISK_CORRUPT_ERROR,
-            path +
-                ": an earlier run was cut off while it was committed; run `quillet-offline undo` with "
-                "the disks of that run to put it right (" +
-                journal + ")");
+        const NTSTATUS status = refuseCutOffBelow(disk, problem);
+        return status < 0 ? status : refuseCutOffFile(disk.name, disk.name, problem);
     });
 }
 
@@ -84,8 +102,10 @@ NTSTATUS runDisksOpen(const std::vector<DiskName>& names, DiskAccess access, std
     return guardedRefusing(problem, [&]() -> NTSTATUS {
         disks.resize(names.size());
         for (size_t i = 0; i < names.size(); i++) {
-            NTSTATUS status = openBottom(names[i], access, disks[i], problem);
-            if (status >= 0 && access != DiskAccess::readWrite) status = refuseCutOff(names[i].name, problem);
+            NTSTATUS status = refuseCutOffBelow(names[i], problem);
+            if (status >= 0) status = openBottom(names[i], access, disks[i], problem);
+            if (status >= 0 && access != DiskAccess::readWrite)
+                status = refuseCutOffFile(names[i].name, names[i].name, problem);
             if (status < 0) return status;
         }
         return access == DiskAccess::readWrite ? recover(disks, notices, problem) : STATUS_SUCCESS;

@@ -24,8 +24,9 @@ struct RunDisk {
     Disk* disk = nullptr;
 };
 
-/* Refuses a disk whose last commit was cut off: until that is put right nothing on it can be used. */
-NTSTATUS refuseCutOff(const std::string& path, Problem& problem);
+/* Refuses a disk whose last commit was cut off, or that of a backing file of it: until that is put right
+ * nothing on it can be used. */
+NTSTATUS refuseCutOff(const DiskName& disk, Problem& problem);
 
 /* Opens the devices; for readWrite puts a commit that was cut off right, one line of notices for each
  * journal, and for the others refuses it. */

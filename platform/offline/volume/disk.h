@@ -80,6 +80,9 @@ const DiskTrouble& diskTrouble(const Disk& disk);
 /* Why the first write was refused, " (File too large)"; empty when none was. */
 std::string diskWriteReason(const Disk& disk);
 
+/* The same of the first read of what was needed. */
+std::string diskReadReason(const Disk& disk);
+
 /* Remembers a file of the volume that begins at this byte. */
 void diskNoteDamage(Disk& disk, uint64_t volumeStart, uint64_t record);
 

@@ -33,6 +33,11 @@ std::string diskWriteReason(const Disk& disk) {
     return trouble.writeRefused ? " (" + disk.device->reason(trouble.writeError) + ")" : std::string();
 }
 
+std::string diskReadReason(const Disk& disk) {
+    const CacheTrouble& trouble = disk.cache.trouble;
+    return trouble.readsRefused != 0 ? " (" + disk.device->reason(trouble.readError) + ")" : std::string();
+}
+
 void diskNoteDamage(Disk& disk, uint64_t volumeStart, uint64_t record) {
     DiskTrouble& trouble = disk.trouble;
     if (trouble.damaged++ != 0) return;

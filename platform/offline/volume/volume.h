@@ -51,6 +51,9 @@ bool volumeRefusedChange(const Volume& volume);
 /* Why the volume's disk refused its first write; see diskWriteReason. */
 std::string volumeWriteReason(const Volume& volume);
 
+/* The same of the first read; see diskReadReason. */
+std::string volumeReadReason(const Volume& volume);
+
 /* Remembers a file or directory that can't be used for damage; the volume does so itself for what it sees. */
 void volumeNoteDamage(Volume& volume, FileRef file);
 

@@ -241,5 +241,8 @@ bool volumeRefusedChange(const Volume& volume) {
 std::string volumeWriteReason(const Volume& volume) {
     return diskWriteReason(*volume.device.disk);
 }
+std::string volumeReadReason(const Volume& volume) {
+    return diskReadReason(*volume.device.disk);
+}
 
 } /* namespace offline */
