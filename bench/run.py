@@ -21,6 +21,12 @@ def peak_memory(command, **more):
     script = "import resource, subprocess, sys; subprocess.run(sys.argv[1:], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL); print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)"
     return int(subprocess.run([sys.executable, "-c", script] + command, capture_output=True, check=True, **more).stdout) / 1024
 
+def instructions(command, **more):
+    """How many instructions a command takes."""
+    tool = ["valgrind", "--tool=cachegrind", "--cache-sim=no", "--cachegrind-out-file=/dev/null"]
+    said = subprocess.run(tool + command, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, check=True, **more).stderr.decode()
+    return int(re.search(r"I +refs: +([\d,]+)", said)[1].replace(",", ""))
+
 def raw_read(image, work):
     """Seconds of a sequential read of $MFT and $SDS, the floor of every walk."""
     begin = time.perf_counter()
@@ -68,6 +74,9 @@ def measure(image, old, entries, repeat, work):
     d, a, f = map(statistics.median, (dry, audit, floor))
     print("dry run      %.3f s, %d k entries/s: %.1f x ntfssecaudit -ar (%.3f s); raw read of $MFT and $SDS %.3f s; peak %.0f MiB"
           % (d, entries / d / 1000, a / d, a, f, peak_memory([program("quillet"), "-f", "-s"], env=env)))
+    if shutil.which("valgrind"):
+        never, always = (instructions([program("quillet"), "-f", "-s"], env=dict(env, QUILLET_PROGRESS=w)) for w in ("never", "always"))
+        print("  progress     %.2f %% more instructions than the dry run's %d million" % (100 * (always - never) / never, never / 1e6))
     mine, plain = [], []
     env["QUILLET_SYSTEM"] = copy
     def fresh():

@@ -17,6 +17,7 @@
 #include "companion/formatting.h"
 #include "companion/opened.h"
 #include "platform/offline/base/ending_signals.h"
+#include "platform/offline/base/progress.h"
 #include "platform/offline/base/unicode.h"
 #include "platform/offline/system/system.h"
 
@@ -71,10 +72,13 @@ struct AwaitedSignals {
         sigprocmask(SIG_BLOCK, &awaited, nullptr);
     }
 
-    /* SIGCHLD, or the signal that asks to end. */
+    /* SIGCHLD, or the signal that asks to end; 0 when none came for a second. */
     int next() const {
+        constexpr timespec second = {1, 0};
         for (;;) {
-            if (const int signal = sigwaitinfo(&awaited, nullptr); signal > 0) return signal;
+            const int signal = sigtimedwait(&awaited, nullptr, &second);
+            if (signal > 0) return signal;
+            if (errno == EAGAIN) return 0;
         }
     }
 
@@ -94,28 +98,13 @@ private:
 
 /* ---- What is told ---- */
 
-/* "3 of 10 done", one line that is written again and again, where somebody sees it. */
-struct Progress {
-    const size_t total;
-    size_t done = 0;
-    const bool seen = isatty(STDERR_FILENO) != 0;
-
-    void show() const {
-        if (seen) fprintf(stderr, "\r%zu of %zu done", done, total);
-    }
-    void clear() const {
-        if (seen) fprintf(stderr, "\r%*s\r", 48, "");
-    }
-};
-
 struct Cloning {
     const CloneOptions& options;
     const offline::DiskName& goldenName;
     const offline::GoldenImage& golden;
     std::deque<std::string> waiting = {options.clones.begin(), options.clones.end()};
     std::list<CloneProcess> running = {};
-    Progress progress = {options.clones.size()};
-    size_t made = 0;
+    size_t done = 0, made = 0;
 
     void work(size_t jobs);
 
@@ -128,8 +117,7 @@ private:
 };
 
 void Cloning::tell(const CloneProcess& clone) {
-    progress.clear();
-    ++progress.done;
+    ++done;
     const std::string name = offline::printable(clone.name);
     if (options.verbose) {
         for (const std::string& line : clone.lines) fprintf(stderr, "%s: %s\n", name.c_str(), line.c_str());
@@ -148,7 +136,7 @@ void Cloning::tell(const CloneProcess& clone) {
                 " ERROR and WARN lines of its run; --verbose shows them");
         }
     }
-    progress.show();
+    offline::progressAdd();
 }
 
 void Cloning::startNext() {
@@ -178,8 +166,8 @@ void Cloning::takeEnded() {
 /* Those that are whole stay. */
 void Cloning::endEarly(int signal) {
     running.clear();
-    progress.clear();
-    say("ended by a signal; " + std::to_string(made) + " of " + std::to_string(progress.total) +
+    offline::progressEnd();
+    say("ended by a signal; " + std::to_string(made) + " of " + std::to_string(options.clones.size()) +
         " clones were made, nothing is left of the others");
     AwaitedSignals::endBy(signal);
 }
@@ -188,15 +176,19 @@ void Cloning::work(size_t jobs) {
     const AwaitedSignals signals;
     startSome(jobs);
     refuseSystem(goldenName); /* beside the first runs, which are thrown away with this */
-    progress.show();
+    offline::progressBegin({"Clones", options.clones.size()});
+    offline::progressAdd(done);
     while (!waiting.empty() || !running.empty()) {
         startSome(jobs);
         if (running.empty()) break;
         const int signal = signals.next();
+        if (signal == 0) offline::progressShow();
+        if (signal == 0) continue;
         if (signal != SIGCHLD) endEarly(signal);
         takeEnded();
+        offline::progressShow();
     }
-    progress.clear();
+    offline::progressEnd();
 }
 
 } /* namespace */

@@ -65,9 +65,9 @@ CloneProcess::~CloneProcess() {
 /* The child: signals as they were, in a group of its own, so that the terminal's keys reach only us; it ends
  * with us, and reads nothing. */
 void CloneProcess::become(pid_t parent, const std::vector<std::string>& quilletOptions) const {
-    std::vector<std::string> words = {"quillet-offline", "run",       "--format", "qcow2",
-                                      "--no-undo",       "--scratch", "--commit", "success",
-                                      image.partPath(),  "--"};
+    std::vector<std::string> words = {"quillet-offline", "run",       "--format",       "qcow2",
+                                      "--no-undo",       "--scratch", "--commit",       "success",
+                                      "--progress",      "never",     image.partPath(), "--"};
     words.insert(words.end(), quilletOptions.begin(), quilletOptions.end());
     std::vector<char*> arguments;
     arguments.reserve(words.size() + 1);

@@ -9,6 +9,8 @@
 #include "companion/commands.h"
 #include "companion/ending.h"
 #include "companion/results/results.h"
+#include "platform/offline/base/progress_line.h"
+#include "platform/offline/main/call_tool.h"
 
 namespace companion {
 namespace {
@@ -235,9 +237,17 @@ void declare(CLI::App& app, UndoOptions& options) {
     declareJson(app, options.json);
 }
 
+void declareProgress(CLI::App& app, std::string& word) {
+    app.add_option("--progress", word, "Show how far it is, on standard error: always, auto or never (auto)")
+        ->check(CLI::IsMember({"always", "auto", "never"}).description(""))
+        ->envname("QUILLET_PROGRESS")
+        ->type_name("WHEN");
+}
+
 /* ---- The commands ---- */
 
 struct Options {
+    std::string progress = "auto";
     SampleOptions sample;
     InfoOptions info;
     AuditOptions audit;
@@ -254,6 +264,11 @@ struct Command {
     void (*declare)(CLI::App& app, Options& options);
     int (*perform)(const Options& options, Results& results);
     bool takesRest = false; /* whether arguments after "--" are passed on */
+
+    bool showsProgress() const {
+        const std::string_view quick[] = {"info", "undo"};
+        return std::find(std::begin(quick), std::end(quick), name) == std::end(quick);
+    }
 };
 
 const Command commands[] = {
@@ -297,6 +312,7 @@ void declareAll(CLI::App& app, Options& options) {
         CLI::App* sub = app.add_subcommand(command.name, command.summary);
         sub->footer(command.help);
         command.declare(*sub, options);
+        if (command.showsProgress()) declareProgress(*sub, options.progress);
     }
 }
 
@@ -346,6 +362,11 @@ int runCommandLine(std::vector<std::string> arguments, Results& results) {
         throw Failure{std::string(chosen.name) + " takes no arguments after \"--\"; see \"quillet-offline " +
                       chosen.name + " --help\""};
     }
+    offline::ProgressWish wish = offline::ProgressWish::never;
+    if (chosen.showsProgress() && !offline::quietAsked(options.run.quilletOptions)) {
+        offline::progressWishOf(options.progress, wish);
+    }
+    const offline::ProgressLine progress(wish, results.json);
     return chosen.perform(options, results);
 }
 

@@ -6,6 +6,7 @@
 #include "companion/ending.h"
 #include "companion/formatting.h"
 #include "companion/machine.h"
+#include "platform/offline/base/progress.h"
 #include "platform/offline/base/unicode.h"
 #include "platform/offline/files/drives.h"
 #include "platform/offline/hive/hive_paths.h"
@@ -209,11 +210,13 @@ std::vector<offline::DiskName> namedDisks(const std::vector<std::string>& images
 void openDisks(const std::vector<offline::DiskName>& disks, Opened& opened, Problems& problems) {
     Problem problem;
     if (offline::installationDisksOnce(disks, problem) < 0) throw Failure{problem.text};
+    offline::progressBegin({"Opening and checking"});
     for (const offline::DiskName& disk : disks) openDisk(disk, opened, problems);
 }
 
 void readInstallation(Opened& opened, Problems& problems) {
     if (opened.installation.volumes.empty()) return; /* why is among the problems */
+    offline::progressBegin({"Opening and checking"});
     Problem problem;
     if (!good(offline::installationFindWindows(opened.installation, problem), problem, problems)) return;
     readMachineHive(u"SAM", true, opened, problems);

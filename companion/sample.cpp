@@ -12,6 +12,7 @@
 #include "companion/practice/mkntfs.h"
 #include "companion/practice/sample_files.h"
 #include "companion/practice/whole_disk.h"
+#include "platform/offline/base/progress.h"
 #include "platform/offline/base/unicode.h"
 #include "platform/offline/system/installation.h"
 
@@ -97,6 +98,7 @@ size_t fillDisk(const ImageFile& image, const SampleOptions& options, const Mach
     const size_t entries =
         fillVolume(*made.volumes.front().volume, machine, diskIdentity(tableOf(options), machine),
                    {options.files, options.descriptors}, image.wanted);
+    offline::progressBegin({"Writing the image"});
     if (offline::installationClose(made, problem) < 0) {
         throw Failure{image.wanted + ": could not be written whole; check the room on the disk"};
     }

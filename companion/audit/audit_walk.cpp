@@ -7,6 +7,7 @@
 
 #include "companion/audit/audit.h"
 #include "companion/formatting.h"
+#include "platform/offline/base/progress.h"
 #include "platform/offline/base/unicode.h"
 
 namespace companion {
@@ -110,6 +111,7 @@ struct VolumeWalk {
 
     Walk& walk;
     offline::Volume& volume;
+    char letter;      /* 0: none */
     std::string name; /* "C:", or the disk */
     std::vector<Directory> left = {};
     std::unordered_set<FileRef> entered = {}; /* a broken directory could lead back to itself */
@@ -149,6 +151,8 @@ struct VolumeWalk {
 
     void run() {
         offline::DirectoryListing listing;
+        offline::volumeWalkBegins(
+            volume, {.title = letter != 0 ? "Audit, files of" : "Audit, files", .letter = letter});
         lookAt(offline::rootDirectory, {}, {});
         enter(offline::rootDirectory, {});
         while (!left.empty()) {
@@ -249,6 +253,7 @@ struct HiveWalk {
     void enter(Cell key, const Tree* tree) {
         if (tree == nullptr) tree = treeHere();
         lookAtKey(key, tree);
+        offline::progressAdd();
         levels.push_back({key, tree, path.size()});
     }
 
@@ -279,12 +284,13 @@ struct HiveWalk {
 
 /* ---- The installation ---- */
 
-/* By its letter; the volume of a Windows that does not say has one all the same. */
-std::string volumeName(const Opened& opened, size_t index) {
+/* The volume of a Windows that does not say has a letter all the same. */
+void auditVolume(const Opened& opened, size_t index, Walk& walk) {
     const offline::InstallationVolume& entry = opened.installation.volumes[index];
     char letter = entry.letter;
     if (letter == 0 && index == opened.installation.systemVolume) letter = opened.letter;
-    return letter != 0 ? std::string{letter, ':'} : offline::diskPath(*entry.disk) + ": ";
+    const std::string name = letter != 0 ? std::string{letter, ':'} : offline::diskPath(*entry.disk) + ": ";
+    VolumeWalk{walk, *entry.volume, letter, name}.run();
 }
 
 void auditHive(const OpenedHive& opened, const std::vector<Tree>& trees, Walk& walk) {
@@ -303,11 +309,17 @@ void auditHive(const OpenedHive& opened, const std::vector<Tree>& trees, Walk& w
 void auditInstallation(const Opened& opened, Audit& audit) {
     Walk walk(audit);
     const std::vector<offline::InstallationVolume>& volumes = opened.installation.volumes;
-    for (size_t i = 0; i < volumes.size(); i++)
-        VolumeWalk{walk, *volumes[i].volume, volumeName(opened, i)}.run();
+    for (size_t i = 0; i < volumes.size(); i++) auditVolume(opened, i, walk);
     const std::vector<Tree> trees = treesOf(opened.controlSet);
+    uint64_t keys = 0;
+    for (const OpenedHive& hive : opened.hives) keys += hive.hive ? offline::hiveKeysFound(*hive.hive) : 0;
+    offline::progressBegin({"Audit, registry", keys});
     for (const OpenedHive& hive : opened.hives) auditHive(hive, trees, walk);
-    visitUserHives(opened, audit.problems, [&](const OpenedHive& hive) { auditHive(hive, trees, walk); });
+    visitUserHives(opened, audit.problems, [&](const OpenedHive& hive) {
+        if (hive.hive) offline::progressBeginNext({"Audit, user's hive", offline::hiveKeysFound(*hive.hive)});
+        auditHive(hive, trees, walk);
+    });
+    offline::progressEnd();
     noteUnread(opened, audit.problems);
 }
 

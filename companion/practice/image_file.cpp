@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "companion/ending.h"
+#include "platform/offline/base/ending_signals.h"
 #include "platform/offline/base/streams.h"
 
 namespace companion {
@@ -21,6 +22,7 @@ char signalPath[4096];
 const int endingSignals[] = {SIGHUP, SIGINT, SIGTERM};
 
 void removeAndEnd(int number) {
+    offline::endingSignalsWipeNow();
     if (signalPath[0] != 0) unlink(signalPath);
     signal(number, SIG_DFL);
     raise(number);

@@ -3,6 +3,7 @@
 
 #include "companion/ending.h"
 #include "companion/formatting.h"
+#include "platform/offline/base/progress.h"
 #include "platform/offline/base/unicode.h"
 
 namespace companion {
@@ -176,6 +177,7 @@ void makeOrdinary(Filler& filler, const std::vector<ByteVector>& descriptors, si
         documents[i] = filler.parentOf(std::u16string(u"Users\\") + users[i].name + u"\\Documents\\x", name);
     }
     FileRef folder = offline::rootDirectory;
+    offline::progressBegin({"Files made", files});
     for (uint32_t i = 0; i < files; i++) {
         const ByteVector& descriptor = descriptors[i % descriptors.size()];
         const uint32_t number = i / filesInFolder;
@@ -187,6 +189,7 @@ void makeOrdinary(Filler& filler, const std::vector<ByteVector>& descriptors, si
         const std::u16string name = u"file " + paddedDecimal(i % filesInFolder, 2) + u".txt";
         const FileRef file = filler.create(folder, name, NewFile::file, i % 9 == 0 ? plain : descriptor);
         if (i % 50 == 0) filler.write(file, name, ByteVector(size_t{i} % 5000 + 1, 'x'));
+        offline::progressAdd();
     }
 }
 

@@ -17,17 +17,18 @@ _quillet_offline() {
     [ "$before" != = ] || before=${COMP_WORDS[COMP_CWORD-2]} # --format=qcow2 is three words
     case $before in
     --whole-disk) COMPREPLY=($(compgen -W "mbr gpt" -- "$word")) && return ;;
+    --progress) COMPREPLY=($(compgen -W "always auto never" -- "$word")) && return ;;
     --commit) COMPREPLY=($(compgen -W "success always" -- "$word")) && return ;;
     --format) COMPREPLY=($(compgen -W "auto raw qcow2 vmdk vhdx vhd vdi" -- "$word")) && return ;;
     --size | --jobs | --files | --descriptors | --machine | --sid) return ;;
     esac
     case $command in
-    sample) options="--size --whole-disk --force --files --descriptors --machine --help -h" ;;
+    sample) options="--size --whole-disk --force --files --descriptors --machine --progress --help -h" ;;
     info) options="--format --json --help -h" ;;
-    audit) options="--report --format --sid --all --json --help -h" ;;
-    plan) options="--report --json --format --verbose -v --help -h" ;;
-    run) options="--json --report --strict --verify --format --undo --no-undo --commit --help -h" ;;
-    clone) options="--format --jobs --verbose -v --help -h" ;;
+    audit) options="--report --format --sid --all --json --progress --help -h" ;;
+    plan) options="--report --json --format --verbose -v --progress --help -h" ;;
+    run) options="--json --report --strict --verify --format --undo --no-undo --commit --progress --help -h" ;;
+    clone) options="--format --jobs --verbose -v --progress --help -h" ;;
     undo) options="--json --format --undo --help -h" ;;
     "")
         COMPREPLY=($(compgen -W "sample info audit plan run clone undo --help -h --version" -- "$word"))

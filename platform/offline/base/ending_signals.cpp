@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstring>
 
@@ -11,7 +12,9 @@ namespace {
 
 constexpr int endingSignals[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM};
 
-const char* lastLine = nullptr; /* a handler has no other way to it */
+/* A handler has no other way to them. */
+const char* lastLine = nullptr;
+std::atomic<const char*> wipe = nullptr;
 
 sigset_t endingSet() {
     sigset_t set;
@@ -23,6 +26,7 @@ sigset_t endingSet() {
 /* The handler is gone when it runs (SA_RESETHAND), so that the signal, raised again, does what it always does
  * as soon as this returns. Only what is safe in a handler is called. */
 void sayAndEnd(int signal) {
+    endingSignalsWipeNow();
     const ssize_t written = write(STDERR_FILENO, lastLine, strlen(lastLine));
     static_cast<void>(written); /* the process ends in any case */
     raise(signal);
@@ -42,6 +46,18 @@ void endingSignalsSay(const char* line) {
             sigaction(signal, &say, nullptr);
         }
     }
+}
+
+void endingSignalsWipe(const char* bytes) {
+    wipe = bytes;
+    if (lastLine == nullptr) endingSignalsSay("");
+}
+
+void endingSignalsWipeNow() {
+    const char* const bytes = wipe;
+    if (bytes == nullptr) return;
+    const ssize_t written = write(STDERR_FILENO, bytes, strlen(bytes));
+    static_cast<void>(written);
 }
 
 void endingSignalsHold() {

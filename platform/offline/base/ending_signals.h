@@ -10,6 +10,13 @@ namespace offline {
  * before they end the process as they would anyway. Those that are ignored stay so. */
 void endingSignalsSay(const char* line);
 
+/* Has them write these bytes before all else, as long as the process lives or another text is given: what
+ * wipes a line that is half there. Null: nothing. */
+void endingSignalsWipe(const char* bytes);
+
+/* What is to be wiped is; may be called in a handler. */
+void endingSignalsWipeNow();
+
 /* From here on they wait; released, those that came meanwhile take effect. */
 void endingSignalsHold();
 void endingSignalsRelease();

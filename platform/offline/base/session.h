@@ -12,6 +12,7 @@
 
 #include "platform/nt.h"
 #include "platform/offline/base/handles.h"
+#include "platform/offline/base/progress.h"
 
 namespace offline {
 
@@ -36,6 +37,8 @@ struct Session {
     NTSTATUS systemStatus = STATUS_SUCCESS;
 
     std::array<RoomState, statefulRooms> rooms;
+
+    Progress progress;
 
     /* Makes itself the current session; its end gives that back to the one before. */
     Session();

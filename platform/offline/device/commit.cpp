@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "platform/offline/base/guarded.h"
+#include "platform/offline/base/progress.h"
 #include "platform/offline/device/device_error.h"
 #include "platform/offline/device/gather.h"
 #include "platform/offline/device/playback.h"
@@ -262,6 +263,7 @@ NTSTATUS commitAll(Commit& commit, std::span<const DirtyMark> marks) {
     status = guardedRefusing(commit.problem, [&]() -> NTSTATUS {
         const NTSTATUS gathered = gatherStretches(commit.files, commit.journal, commit.head, commit.disks,
                                                   commit.writer, commit.problem);
+        progressTotal(2 * commit.writer.bytes); /* once into the journal, once onto the disks */
         return gathered < 0 || !commit.writer.begun ? gathered : commit.secure();
     });
     if (status < 0) return commit.abandon(status);

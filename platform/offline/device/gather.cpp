@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "platform/offline/base/progress.h"
 #include "platform/offline/device/device_error.h"
 
 namespace offline {
@@ -110,6 +111,7 @@ void Gathering::grow(uint64_t start, uint64_t offset, uint64_t end, bool hole) {
     }
     grown.before = Bytes(before).subspan(grown.offset - start, end - grown.offset);
     grown.after = Bytes(after).subspan(grown.offset - start, end - grown.offset);
+    progressAdd(end - offset);
 }
 
 /* One block of the window that was loaded from the start. */

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "platform/offline/base/progress.h"
 #include "platform/offline/device/device_error.h"
 #include "platform/offline/device/pointers.h"
 
@@ -197,6 +198,7 @@ NTSTATUS Playback::freshBytes(const TransactionDisk& disk, const JournalStretch&
 
 NTSTATUS Playback::putStretch(const JournalStretch& stretch) {
     const TransactionDisk& disk = *disks[stretch.disk];
+    progressAdd(stretch.length);
     if (side == Side::after) {
         const NTSTATUS status = freshBytes(disk, stretch);
         return status < 0 ? status : put(disk, stretch.disk, stretch.offset, fresh);

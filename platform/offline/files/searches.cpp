@@ -11,9 +11,11 @@
 
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/base/handles.h"
+#include "platform/offline/base/progress.h"
 #include "platform/offline/base/status.h"
 #include "platform/offline/base/system_needed.h"
 #include "platform/offline/base/unicode.h"
+#include "platform/offline/files/drives.h"
 #include "platform/offline/files/entered.h"
 #include "platform/offline/files/file_access.h"
 #include "platform/offline/files/files_state.h"
@@ -223,6 +225,12 @@ NTSTATUS pickEntry(Search& search, std::u16string_view name) {
     return STATUS_SUCCESS;
 }
 
+char letterOf(const Volume& volume) {
+    char letter = 'A';
+    while (letter < 'Z' && driveVolume(static_cast<char16_t>(letter)) != &volume) ++letter;
+    return letter;
+}
+
 NTSTATUS beginSearch(LPCWSTR pattern, Search& search, WIN32_FIND_DATAW& record) {
     std::u16string_view text;
     NTSTATUS status = pathText(pattern, text);
@@ -237,6 +245,9 @@ NTSTATUS beginSearch(LPCWSTR pattern, Search& search, WIN32_FIND_DATAW& record) 
         status = pickEntry(search, name);
     } else if (matchesAll(name)) {
         search.dotsLeft = path.relative.empty() ? 0 : 2;
+        if (path.relative.empty()) {
+            volumeWalkBegins(*search.volume, {.title = "Files of", .letter = letterOf(*search.volume)});
+        }
     } else {
         search.pattern = name;
     }

@@ -196,4 +196,8 @@ uint32_t hiveMinorVersion(const Hive& hive) {
     return hive.minor;
 }
 
+uint32_t hiveKeysFound(const Hive& hive) {
+    return hive.keysFound;
+}
+
 } /* namespace offline */

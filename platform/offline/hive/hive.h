@@ -95,6 +95,9 @@ std::vector<uint8_t> hiveImage(const Hive& hive);
 
 uint32_t hiveMinorVersion(const Hive& hive);
 
+/* How many keys it had when it was opened, the root among them. */
+uint32_t hiveKeysFound(const Hive& hive);
+
 /* ---- Keys ---- */
 
 struct HiveKey {

@@ -56,6 +56,7 @@ struct Hive {
 
     CellBits starts;                               /* cells, free or not */
     CellBits keys;                                 /* keys that can be reached from the root */
+    uint32_t keysFound = 0;                        /* of these, when it was opened */
     std::vector<uint32_t> pageBin;                 /* for each page of the bins the offset of its bin */
     std::set<std::pair<uint32_t, Cell>> freeCells; /* size and offset */
 

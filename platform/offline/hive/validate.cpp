@@ -226,6 +226,7 @@ bool checkKey(Check& check, Cell cell, Cell parent, uint32_t depth) {
     if (descriptor == check.refcounts.end()) return fault(check, "key", cell, "has no security descriptor");
     descriptor->second++;
     check.hive.keys.set(cell);
+    ++check.hive.keysFound;
     if (get(key, nk::subkeyCount) != 0) check.pending.push_back({cell, depth});
     return checkValues(check, key);
 }
@@ -298,6 +299,7 @@ bool checkAll(Check& check) {
 } /* namespace */
 
 NTSTATUS validate(Hive& hive, Problem& problem) {
+    hive.keysFound = 0;
     hive.freeCells.clear();
     hive.descriptors.clear();
     hive.starts.words.assign(hive.binsSize / 512, 0);

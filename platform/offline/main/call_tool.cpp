@@ -18,6 +18,12 @@ int callTool(const std::vector<std::string>& arguments) {
     return wmain(static_cast<int>(texts.size()), pointers.data(), nullptr);
 }
 
+bool quietAsked(const std::vector<std::string>& arguments) {
+    return std::any_of(arguments.begin(), arguments.end(), [](const std::string& one) {
+        return one.starts_with('-') && one.find('q') != one.npos;
+    });
+}
+
 int exitStatusOf(int status) {
     if (status >= 0 && status <= 255) return status;
     const int low = status & 0xFF;

@@ -12,6 +12,9 @@ namespace offline {
  * needs of the installation is opened as the session says. May throw std::bad_alloc. */
 int callTool(const std::vector<std::string>& arguments);
 
+/* Whether the tool's option q is among its arguments. */
+bool quietAsked(const std::vector<std::string>& arguments);
+
 /* A process has 8 bits for its status. What does not fit is 255, or its low 8 bits, and never 0. */
 int exitStatusOf(int status);
 

@@ -11,6 +11,7 @@
 #include "platform/nt.h"
 #include "platform/offline/base/ending_signals.h"
 #include "platform/offline/base/guarded.h"
+#include "platform/offline/base/progress_line.h"
 #include "platform/offline/base/session.h"
 #include "platform/offline/base/streams.h"
 #include "platform/offline/main/call_tool.h"
@@ -19,14 +20,24 @@
 
 namespace {
 
+/* The tool and its end; the lines about lost lines come when the streams are the process's own again. */
+int runTool(const std::vector<std::string>& arguments) {
+    offline::ProgressWish wish = offline::ProgressWish::never;
+    offline::Problem later; /* told by the first call that needs the installation */
+    static_cast<void>(offline::systemChooseProgress(wish, later));
+    if (offline::quietAsked(arguments)) wish = offline::ProgressWish::never;
+    const offline::ProgressLine progress(wish, false);
+    return offline::endSystem(offline::callTool(arguments)).status;
+}
+
 int run(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN); /* a reader that has gone must not end a run half-way */
     signal(SIGXFSZ, SIG_IGN); /* nor a limit on files' sizes: the write fails, and that is reported */
     offline::endingSignalsSay("quillet: ended by a signal; nothing was changed\n");
     offline::Session session;
     offline::systemStart(offline::sayAsTool);
-    const int status = offline::callTool(std::vector<std::string>(argv + std::min(argc, 1), argv + argc));
-    return offline::exitStatusOf(offline::endStreams(offline::endSystem(status).status));
+    const int status = runTool(std::vector<std::string>(argv + std::min(argc, 1), argv + argc));
+    return offline::exitStatusOf(offline::endStreams(status));
 }
 
 } /* namespace */

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "platform/offline/base/guarded.h"
+#include "platform/offline/base/progress.h"
 #include "platform/offline/base/system_needed.h"
 #include "platform/offline/registry/hive_mounts.h"
 #include "platform/offline/registry/open_keys.h"
@@ -41,7 +42,9 @@ NTSTATUS loadHive(HKEY root, LPCWSTR name, LPCWSTR file) {
     mount->loaded = true;
     status = hiveLoader(file, mount->hive, mount->store);
     if (status < 0) return status;
+    const uint32_t keys = hiveKeysFound(*mount->hive);
     status = addMount(parent, std::move(mount));
+    if (status >= 0) progressBeginNext({"User's hive", keys});
     return status == STATUS_OBJECT_NAME_COLLISION ? STATUS_ACCESS_DENIED : status;
 }
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "platform/offline/base/guarded.h"
+#include "platform/offline/base/progress.h"
 #include "platform/offline/base/system_needed.h"
 #include "platform/offline/base/unicode.h"
 #include "platform/offline/registry/hive_mounts.h"
@@ -58,7 +59,9 @@ NTSTATUS creatorAccess(ACCESS_MASK access, ACCESS_MASK& granted) {
 NTSTATUS openKeyRef(const KeyRef& ref, ACCESS_MASK access, HANDLE& handle) {
     ACCESS_MASK granted = 0;
     const NTSTATUS status = accessCheck(descriptorOf(ref), access & ~viewBits, keyMapping, granted);
-    return status < 0 ? status : openHandle(ref, granted, handle);
+    if (status < 0) return status;
+    progressAdd();
+    return openHandle(ref, granted, handle);
 }
 
 struct NewKey {

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "platform/offline/base/guarded.h"
+#include "platform/offline/base/progress.h"
 #include "platform/offline/base/system_needed.h"
 #include "platform/offline/registry/key_changes.h"
 #include "platform/offline/registry/open_keys.h"
@@ -14,6 +15,15 @@ namespace offline {
 namespace {
 
 constexpr DWORD openLinkOption = 8;
+
+/* Who enumerates Machine or User goes through all that is mounted there. */
+void noteSweep(HKEY key, DWORD index) {
+    static const char title[] = "Registry";
+    if (index != 0 || (key != HKEY_LOCAL_MACHINE && key != HKEY_USERS) || progressIs(title)) return;
+    uint64_t keys = 0;
+    for (const std::unique_ptr<Mount>& mount : tree().mounts) keys += hiveKeysFound(*mount->hive);
+    progressBegin({title, keys});
+}
 
 std::u16string_view textOf(LPCWSTR text) {
     return text == nullptr ? std::u16string_view() : text;
@@ -108,6 +118,7 @@ LSTATUS RegEnumKeyExW(HKEY key, DWORD index, LPWSTR name, LPDWORD nameLength, LP
     if (className != nullptr && classLength == nullptr) return ERROR_INVALID_PARAMETER;
     KeyRef ref;
     NTSTATUS status = useRegKey(key, KEY_ENUMERATE_SUB_KEYS, ref);
+    if (status >= 0) noteSweep(key, index);
     if (status >= 0) status = childAt(ref, index, ref);
     HiveKey info;
     if (status >= 0) status = hiveKey(*ref.mount->hive, ref.cell, info);

@@ -12,6 +12,7 @@ const char accessVariable[] = "QUILLET_ACCESS";
 const char systemVariable[] = "QUILLET_SYSTEM";
 const char formatVariable[] = "QUILLET_FORMAT";
 const char commitVariable[] = "QUILLET_COMMIT";
+const char progressVariable[] = "QUILLET_PROGRESS";
 const char undoVariable[] = "QUILLET_UNDO";
 
 } /* namespace */
@@ -24,6 +25,15 @@ NTSTATUS accessWish(AccessMode& mode, Problem& problem) {
     return refuse(
         problem, STATUS_INVALID_PARAMETER,
         "QUILLET_ACCESS is \"" + std::string(access) + "\"; set it to unrefused or checked, or unset it");
+}
+
+NTSTATUS progressWish(ProgressWish& wish, Problem& problem) {
+    const char* const word = getenv(progressVariable);
+    wish = ProgressWish::never;
+    if (word == nullptr || *word == 0 || progressWishOf(word, wish)) return STATUS_SUCCESS;
+    return refuse(
+        problem, STATUS_INVALID_PARAMETER,
+        std::string("QUILLET_PROGRESS is \"") + word + "\"; set it to never, auto or always, or unset it");
 }
 
 /* Told before the work, not after it; that the place is still good then is the commit's to see. */

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/offline/base/progress_line.h"
 #include "platform/offline/security/security.h"
 #include "platform/offline/system/system.h"
 
@@ -14,6 +15,9 @@ namespace offline {
 
 /* QUILLET_ACCESS. The mode is set also where a word that is not known is refused. */
 NTSTATUS accessWish(AccessMode& mode, Problem& problem);
+
+/* QUILLET_PROGRESS: never where it is not set, or refused. */
+NTSTATUS progressWish(ProgressWish& wish, Problem& problem);
 
 /* QUILLET_COMMIT and QUILLET_UNDO. An undo file that can't be made there is refused. */
 NTSTATUS commitWish(CommitWish& wish, Problem& problem);

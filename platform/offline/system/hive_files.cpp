@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "platform/offline/base/guarded.h"
+#include "platform/offline/base/progress.h"
 #include "platform/offline/base/unicode.h"
 #include "platform/offline/files/drives.h"
 #include "platform/offline/system/system_state.h"
@@ -148,7 +149,9 @@ NTSTATUS installationReadHive(InstallationVolume& entry, std::u16string_view pat
         const auto findBeside = [&](std::u16string_view ending, FileRef& beside) {
             return volumeFind(*entry.volume, std::u16string(path).append(ending), beside);
         };
-        return readHive(*entry.volume, file, name, hive, store, problem, findBeside);
+        const NTSTATUS read = readHive(*entry.volume, file, name, hive, store, problem, findBeside);
+        if (read >= 0) progressAdd(hiveKeysFound(*hive));
+        return read;
     });
 }
 

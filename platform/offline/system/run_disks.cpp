@@ -9,6 +9,7 @@
 
 #include "platform/offline/base/ending_signals.h"
 #include "platform/offline/base/guarded.h"
+#include "platform/offline/base/progress.h"
 #include "platform/offline/device/device_error.h"
 #include "platform/offline/device/device_open.h"
 #include "platform/offline/device/image_chain.h"
@@ -126,7 +127,10 @@ NTSTATUS runDiskOver(RunDisk& bottom, DiskAccess access, DiskPtr& disk, Problem&
 
 NTSTATUS runDisksCommit(std::vector<RunDisk>& disks, const UndoChoice& undo, CommitReport& report,
                         Problem& problem) {
-    return guardedRefusing(problem, [&]() -> NTSTATUS {
+    ProgressPhase phase{"Committing", 0, ProgressPhase::Unit::bytes};
+    for (const RunDisk& disk : disks) phase.total += 2 * unitSize * disk.overlay->changedUnits();
+    progressBegin(phase);
+    const NTSTATUS committed = guardedRefusing(problem, [&]() -> NTSTATUS {
         std::vector<DirtyMark> marks;
         for (size_t i = 0; i < disks.size(); i++) {
             const NTSTATUS status = diskSync(*disks[i].disk);
@@ -146,6 +150,8 @@ NTSTATUS runDisksCommit(std::vector<RunDisk>& disks, const UndoChoice& undo, Com
         JournalFiles& files = scratch ? scratchJournalFiles() : systemJournalFiles();
         return commitTransaction(files, transactionOver(disks), marks, undo, report, problem);
     });
+    progressEnd();
+    return committed;
 }
 
 UndoOutcome undoRun(const std::vector<DiskName>& names, const std::string& undoPath, UndoReport& report,

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "platform/offline/base/guarded.h"
+#include "platform/offline/base/progress.h"
 #include "platform/offline/base/system_needed.h"
 #include "platform/offline/files/drives.h"
 #include "platform/offline/security/security.h"
@@ -16,8 +17,10 @@ namespace {
 
 NTSTATUS openByVariables(Problem& problem) {
     AccessMode chosen; /* by systemStart, before the token was used */
+    ProgressWish shown;
     std::vector<DiskName> disks;
     NTSTATUS status = accessWish(chosen, problem);
+    if (status >= 0) status = progressWish(shown, problem);
     if (status >= 0) status = commitWish(systemState().commitWish, problem);
     if (status >= 0) status = disksWish(disks, problem);
     return status < 0 ? status : systemOpen(disks, DiskAccess::readWrite, problem);
@@ -41,6 +44,7 @@ NTSTATUS openAsAsked() {
 
 NTSTATUS openParts(const std::vector<DiskName>& names, DiskAccess access, Problem& problem) {
     std::vector<std::string> notices;
+    progressBegin({"Opening and checking"});
     NTSTATUS status = installationOpenDisks(names, access, *systemState().installation, notices, problem);
     if (systemState().notice != nullptr) std::for_each(notices.begin(), notices.end(), systemState().notice);
     if (status >= 0) status = installationFindWindows(*systemState().installation, problem);
@@ -48,6 +52,7 @@ NTSTATUS openParts(const std::vector<DiskName>& names, DiskAccess access, Proble
     if (status < 0) return status;
     for (const InstallationVolume& entry : systemState().installation->volumes)
         driveSet(entry.letter, *entry.volume);
+    progressBegin({"Registry, selected keys"});
     return STATUS_SUCCESS;
 }
 
@@ -71,6 +76,10 @@ NTSTATUS systemChooseAccess(Problem& problem) {
         setAccessMode(mode);
         return status;
     });
+}
+
+NTSTATUS systemChooseProgress(ProgressWish& wish, Problem& problem) {
+    return guardedRefusing(problem, [&] { return progressWish(wish, problem); });
 }
 
 void systemStart(void (*notice)(const std::string& line)) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/offline/base/problem.h"
+#include "platform/offline/base/progress_line.h"
 #include "platform/offline/system/installation.h"
 
 namespace offline {
@@ -24,6 +25,10 @@ struct CommitWish {
 /* Has descriptors refuse what QUILLET_ACCESS says, and the token be as at the start; a word that it does not
  * know is refused. */
 NTSTATUS systemChooseAccess(Problem& problem);
+
+/* What QUILLET_PROGRESS says of a program that shows no progress without it. The wish is set also where a
+ * word that is not known is refused, which the opening of the installation does again. */
+NTSTATUS systemChooseProgress(ProgressWish& wish, Problem& problem);
 
 /* Reads QUILLET_ACCESS and has the first call that needs the installation open it from QUILLET_SYSTEM, to be
  * committed as QUILLET_COMMIT and QUILLET_UNDO say. notice is called with a line, at once, when an earlier

@@ -48,6 +48,12 @@ struct FileRecord {
     FileInfo info = {};
 };
 
+/* Of a walk that somebody sees the progress of. */
+struct WalkProgress {
+    bool counted = false;
+    std::vector<uint8_t> unmet = {}; /* a bit for each record in use that it has not met; empty: not known */
+};
+
 struct Volume {
     std::string name; /* for messages */
     VolumeDevice device;
@@ -72,6 +78,7 @@ struct Volume {
     std::unordered_map<uint32_t, std::vector<uint8_t>> descriptors;
     size_t descriptorBytes = 0; /* kept in it */
     SecureTable secure;
+    WalkProgress walk;
     /* Kept from directory to directory. */
     std::vector<uint8_t> indexBlock, indexBitmap;
 
@@ -179,6 +186,9 @@ bool recordNamed(const Volume& volume, FileRef directory, std::u16string_view na
 
 /* Writes the security id into the record that is loaded. */
 NTSTATUS writeSecurityId(Volume& volume, uint32_t id);
+
+/* The walk has met the file. */
+void noteMet(Volume& volume, FileRef file);
 
 /* ---- All records at once ---- */
 

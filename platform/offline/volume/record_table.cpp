@@ -7,6 +7,8 @@
 #include <bit>
 #include <cerrno>
 
+#include "platform/offline/base/progress.h"
+
 namespace offline {
 namespace {
 
@@ -110,6 +112,7 @@ void readTable(Volume& volume) {
     table.made = true;
     const size_t size = volume.ntfs->mft_record_size;
     const uint64_t end = std::min(recordCount(volume), tabledRecords);
+    const ProgressPart part({"Reading file records", end});
     std::vector<uint8_t> bytes(stretchSize);
     table.chunks.resize(static_cast<size_t>((end + RecordChunk::records - 1) / RecordChunk::records));
     for (uint64_t number = firstTabled(volume); number < end;) {
@@ -120,6 +123,7 @@ void readTable(Volume& volume) {
                 takeStretch(volume, number, place, std::span(bytes).first(static_cast<size_t>(count) * size));
         }
         number += count;
+        progressAdd(count);
     }
     std::sort(table.furtherNames.begin(), table.furtherNames.end());
 }
@@ -266,7 +270,9 @@ NTSTATUS writeSecurityIds(Volume& volume) {
     if (!table.anyChanged) return STATUS_SUCCESS;
     NTSTATUS first = STATUS_SUCCESS;
     std::vector<uint8_t> buffer;
+    const ProgressPart part({"Writing file records", std::min(recordCount(volume), tabledRecords)});
     for (size_t index = 0; index < table.chunks.size(); ++index) {
+        progressAdd(RecordChunk::records);
         if (table.chunks[index] == nullptr) continue;
         for (size_t window = 0; window < RecordChunk::records / inWindow; ++window) {
             const uint64_t base = index * RecordChunk::records + window * inWindow;

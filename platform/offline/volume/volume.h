@@ -16,6 +16,7 @@
 
 #include "platform/offline/base/bytes.h"
 #include "platform/offline/base/problem.h"
+#include "platform/offline/base/progress.h"
 #include "platform/offline/volume/disk.h"
 
 namespace offline {
@@ -110,6 +111,10 @@ NTSTATUS volumeList(Volume& volume, FileRef directory, DirectoryListing& listing
  * good as any. */
 NTSTATUS volumeEntryInfo(Volume& volume, FileRef directory, const DirectoryListing& listing,
                          const DirectoryEntry& entry, FileInfo& info);
+
+/* A walk over the whole volume begins, and its phase: the total is that of the MFT's records in use, and each
+ * that volumeEntryInfo meets from here on counts once. Nothing where nobody sees it. */
+void volumeWalkBegins(Volume& volume, ProgressPhase phase);
 
 /* ---- Security descriptors ---- */
 
