@@ -69,6 +69,14 @@ class Clones(CloneCase):
         self.check(done, self.raw, "raw", sids)
         self.assertEqual((len(sids), self.made()), (5, ["a.qcow2", "b.qcow2", "c.qcow2", "d.qcow2"]))
 
+    def test_a_device_has_several_at_a_time(self):
+        losetup = shutil.which("losetup", path=os.environ["PATH"] + ":/usr/sbin:/sbin")
+        lent = losetup and subprocess.run([losetup, "-f", "--show", self.raw], capture_output=True, text=True)
+        if not lent or lent.returncode != 0: self.skipTest("no loop devices")
+        self.addCleanup(subprocess.run, [losetup, "-d", lent.stdout.strip()])
+        done = self.clone(lent.stdout.strip(), "a.qcow2", "b.qcow2", "c.qcow2", options=["--jobs", "3"])
+        self.assertEqual((done.status, done.err, self.made()), (0, "", ["a.qcow2", "b.qcow2", "c.qcow2"]))
+
     def test_one_that_fails_keeps_no_other_from_being_made(self):
         os.mkdir(self.path("b.qcow2.quillet-part"))
         self.write("c.qcow2.quillet-part", b"left by a kill")

@@ -7,8 +7,10 @@ namespace offline {
 
 /* trial: reads only, and refuses whatever readWrite would, of the disk and of the volumes on it.
  * planned: as readWrite, on a disk that may as well be one that can only be read; the changes go nowhere.
- * Not for a device: that is opened readOnly then. */
-enum class DiskAccess { readOnly, readWrite, trial, planned };
+ * Not for a device: that is opened readOnly then.
+ * below: as readOnly, of a backing file. Many build on one at a time, so that a block device is not taken
+ * exclusively then. */
+enum class DiskAccess { readOnly, readWrite, trial, planned, below };
 
 } /* namespace offline */
 

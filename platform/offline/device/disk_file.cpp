@@ -66,7 +66,8 @@ NTSTATUS refuseKind(const std::string& path, const struct stat& info, Problem& p
 
 /* Opens it for reading where it can only be read; whether that will do is decided by whoever has its lock. */
 NTSTATUS openFile(DiskFile& disk, DiskAccess access, const struct stat& before, Problem& problem) {
-    const int flags = O_CLOEXEC | O_NONBLOCK | (S_ISBLK(before.st_mode) ? O_EXCL : 0);
+    const bool alone = S_ISBLK(before.st_mode) && access != DiskAccess::below;
+    const int flags = O_CLOEXEC | O_NONBLOCK | (alone ? O_EXCL : 0);
     disk.readOnly = access != DiskAccess::readWrite || keptFromWrites(before);
     if (!disk.readOnly) {
         disk.file = open(disk.path.c_str(), flags | O_RDWR);
@@ -226,6 +227,7 @@ NTSTATUS diskFileOpen(const std::string& path, DiskAccess access, DiskFile& disk
     const DiskPlace place = diskPlaceOf(info);
     NTSTATUS status = refuseKind(path, info, problem);
     if (status >= 0) status = openFile(disk, access, info, problem);
+    if (access == DiskAccess::below) access = DiskAccess::readOnly;
     if (status >= 0) status = refuseMounted(disk, info, place, problem);
     if (status >= 0) status = measure(disk, problem);
     if (status >= 0) status = lockFile(disk, access, place, problem);

@@ -127,7 +127,7 @@ NTSTATUS Follower::goBelow(const ImageHeader& header, BlockDevicePtr& below) {
                           ", is not supported");
     }
     image = std::move(backing);
-    const NTSTATUS status = fileDeviceOpen(image.name, DiskAccess::readOnly, below, problem);
+    const NTSTATUS status = fileDeviceOpen(image.name, DiskAccess::below, below, problem);
     if (status >= 0) return status;
     return refuse(problem, status, disk + ": its backing file can't be used: " + problem.text);
 }
