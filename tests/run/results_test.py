@@ -64,7 +64,7 @@ class Json(ResultsCase):
         for status, *command in ((2, "info", missing), (2, "audit", missing), (2, "plan", missing), (2, "run", missing), (2, "undo", missing),
                                  (2, "plan", self.image, "--no-such"), (2, "run", self.image, self.image, "--commit", "never"),
                                  (2, "audit", self.image, "S-1-5-18"), (87, "run", self.image, self.image), (255, "run", self.image, "--", "-z"),
-                                 (2, "run", self.image, "--", "-q"), (123, "run", "--undo", self.image, self.image)):
+                                 (2, "run", self.image, "--", "-q"), (2, "run", "--computer-name", "2026", self.image), (123, "run", "--undo", self.image, self.image)):
             results = self.results(status, *command)
             self.assertTrue(results["needsAttention"], command)
             self.assertEqual(len(results["problems"]), 1, results["problems"])
