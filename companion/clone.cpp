@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <deque>
 #include <list>
 #include <set>
 #include <thread>
@@ -102,7 +101,8 @@ struct Cloning {
     const CloneOptions& options;
     const offline::DiskName& goldenName;
     const offline::GoldenImage& golden;
-    std::deque<std::string> waiting = {options.clones.begin(), options.clones.end()};
+    Results& results;
+    size_t next = 0; /* of the clones */
     std::list<CloneProcess> running = {};
     size_t done = 0, made = 0;
 
@@ -112,25 +112,63 @@ private:
     void startNext();
     void startSome(size_t jobs);
     void takeEnded();
+    bool areWaiting() const { return next < options.clones.size(); }
+    std::vector<std::string> runOptions(const CloneResult& clone) const;
     void tell(const CloneProcess& clone);
+    void note(const CloneProcess& clone);
+    void tellMade(const CloneProcess& clone) const;
     void endEarly(int signal);
 };
 
+/* What became of it, for JSON. */
+void Cloning::note(const CloneProcess& clone) {
+    CloneResult& result = results.cloned->clones[clone.index];
+    const std::string computerName = result.computerName;
+    result = clone.result;
+    result.file = clone.name;
+    result.computerName = computerName;
+    if (clone.failure.empty()) return;
+    const std::string name = offline::printable(clone.name),
+                      named = clone.failure.starts_with(name) ? "" : name + ": ";
+    result.problems.push_back(named + clone.failure + "; this clone was not made");
+}
+
+bool hadName(const CloneResult& clone) {
+    return !clone.computerName.empty() &&
+           std::none_of(clone.identity.begin(), clone.identity.end(), [](const IdentityChange& change) {
+               return change.item == IdentityItem::computerName && change.action == IdentityAction::replaced;
+           });
+}
+
+void Cloning::tellMade(const CloneProcess& clone) const {
+    const CloneResult& result = results.cloned->clones[clone.index];
+    if (hadName(result))
+        say(clone.name + ": its name, " + result.computerName + ", is the golden image's too");
+    if (options.json) return;
+    printf("%s  %s  %.1f s  %s", offline::printable(clone.name).c_str(), result.newSid.c_str(),
+           static_cast<double>(result.milliseconds) / 1000, sizeText(result.bytes).c_str());
+    if (!result.computerName.empty()) printf("  %s", result.computerName.c_str());
+    printf("\n");
+    fflush(stdout);
+}
+
 void Cloning::tell(const CloneProcess& clone) {
     ++done;
+    note(clone);
+    const CloneResult& result = results.cloned->clones[clone.index];
     const std::string name = offline::printable(clone.name);
     if (options.verbose) {
         for (const std::string& line : clone.lines) fprintf(stderr, "%s: %s\n", name.c_str(), line.c_str());
+        for (const IdentityChange& change : result.identity)
+            fprintf(stderr, "%s: %s\n", name.c_str(), offline::printable(changeLine(change, false)).c_str());
     }
-    if (!clone.failure.empty()) {
-        const std::string named = clone.failure.starts_with(name) ? "" : name + ": ";
-        fprintf(stderr, "quillet-offline: %s%s; this clone was not made\n", named.c_str(),
-                clone.failure.c_str());
+    if (!result.made) {
+        for (const std::string& problem : result.problems) /* printable already */
+            fprintf(stderr, "quillet-offline: %s\n", problem.c_str());
+        results.problems.insert(results.problems.end(), result.problems.begin(), result.problems.end());
     } else {
         ++made;
-        printf("%s  %s  %.1f s  %s\n", name.c_str(), clone.newSid.c_str(), clone.seconds,
-               sizeText(clone.bytes).c_str());
-        fflush(stdout);
+        tellMade(clone);
         if (clone.warnings != 0 && !options.verbose) {
             say(clone.name + ": " + std::to_string(clone.warnings) +
                 " ERROR and WARN lines of its run; --verbose shows them");
@@ -139,16 +177,23 @@ void Cloning::tell(const CloneProcess& clone) {
     offline::progressAdd();
 }
 
+std::vector<std::string> Cloning::runOptions(const CloneResult& clone) const {
+    std::vector<std::string> words;
+    if (!clone.computerName.empty()) words = {"--computer-name", clone.computerName};
+    if (options.identity.renewed) words.insert(words.end(), {"--new", *options.identity.renewed});
+    return words;
+}
+
 void Cloning::startNext() {
-    running.emplace_back(waiting.front());
-    waiting.pop_front();
-    if (running.back().start(golden, options.quilletOptions)) return;
-    tell(running.back());
+    const CloneResult& wanted = results.cloned->clones[next];
+    CloneProcess& clone = running.emplace_back(next++, wanted.file);
+    if (clone.start(golden, runOptions(wanted), options.quilletOptions)) return;
+    tell(clone);
     running.pop_back();
 }
 
 void Cloning::startSome(size_t jobs) {
-    while (!waiting.empty() && running.size() < jobs) startNext();
+    while (areWaiting() && running.size() < jobs) startNext();
 }
 
 void Cloning::takeEnded() {
@@ -178,7 +223,7 @@ void Cloning::work(size_t jobs) {
     refuseSystem(goldenName); /* beside the first runs, which are thrown away with this */
     offline::progressBegin({"Clones", options.clones.size()});
     offline::progressAdd(done);
-    while (!waiting.empty() || !running.empty()) {
+    while (areWaiting() || !running.empty()) {
         startSome(jobs);
         if (running.empty()) break;
         const int signal = signals.next();
@@ -191,10 +236,27 @@ void Cloning::work(size_t jobs) {
     offline::progressEnd();
 }
 
+/* The clones that are wished, none of them made. Throws Failure for names that can't be had. */
+std::vector<CloneResult> wishedClones(const CloneOptions& options) {
+    std::vector<CloneResult> clones;
+    std::vector<std::string> names(options.clones.size());
+    const std::optional<std::string>& pattern = options.identity.computerName;
+    if (options.firstNumber && (!pattern || pattern->find('%') == std::string::npos)) {
+        throw Failure{"--first-number is for a --computer-name with a number, such as web-%02d; give one"};
+    }
+    if (pattern) names = computerNames(*pattern, options.firstNumber.value_or(1), options.clones.size());
+    identityWish({{}, options.identity.renewed});
+    for (size_t i = 0; i < options.clones.size(); i++) clones.push_back({options.clones[i], names[i]});
+    return clones;
+}
+
 } /* namespace */
 
-int clone(const CloneOptions& options) {
+int clone(const CloneOptions& options, Results& results) {
+    results.json = options.json;
+    results.images = {options.golden};
     refuseOptions(options.quilletOptions);
+    std::vector<CloneResult> clones = wishedClones(options);
     refusePlaces(options);
     const std::vector<offline::DiskName> named = namedDisks({options.golden}, options.format);
     offline::endingSignalsSay("quillet-offline: ended by a signal; nothing was made\n");
@@ -203,8 +265,10 @@ int clone(const CloneOptions& options) {
     offline::Problem problem;
     if (offline::goldenImageOpen(named.front(), golden, problem) < 0) throw Failure{problem.text};
     const size_t usual = std::max(std::thread::hardware_concurrency(), 1U);
-    Cloning cloning{options, named.front(), golden};
+    results.cloned = Cloned{golden.path, offline::formatName(golden.format), std::move(clones)};
+    Cloning cloning{options, named.front(), golden, results};
     cloning.work(std::min(options.jobs == 0 ? usual : options.jobs, options.clones.size()));
+    results.finished = true;
     return cloning.made == options.clones.size() ? exitDone : exitFailed;
 }
 

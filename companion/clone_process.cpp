@@ -10,13 +10,15 @@
 #include <csignal>
 #include <cstring>
 
+#include "companion/clone_lines.h"
 #include "companion/ending.h"
 #include "platform/offline/base/unicode.h"
 
 namespace companion {
 namespace {
 
-constexpr int cantStart = 127; /* what a shell would end with */
+constexpr int cantStart = 127;      /* what a shell would end with */
+constexpr size_t mostNamed = 10000; /* objects of one clone that were passed over; the others are counted */
 
 std::vector<std::string> linesOf(FILE* text) {
     std::vector<std::string> lines;
@@ -64,10 +66,12 @@ CloneProcess::~CloneProcess() {
 
 /* The child: signals as they were, in a group of its own, so that the terminal's keys reach only us; it ends
  * with us, and reads nothing. */
-void CloneProcess::become(pid_t parent, const std::vector<std::string>& quilletOptions) const {
-    std::vector<std::string> words = {"quillet-offline", "run",       "--format",       "qcow2",
-                                      "--no-undo",       "--scratch", "--commit",       "success",
-                                      "--progress",      "never",     image.partPath(), "--"};
+void CloneProcess::become(pid_t parent, const std::vector<std::string>& options,
+                          const std::vector<std::string>& quilletOptions) const {
+    std::vector<std::string> words = {"quillet-offline", "run",      "--format", "qcow2",      "--no-undo",
+                                      "--scratch",       "--commit", "success",  "--progress", "never"};
+    words.insert(words.end(), options.begin(), options.end());
+    words.insert(words.end(), {image.partPath(), "--"});
     words.insert(words.end(), quilletOptions.begin(), quilletOptions.end());
     std::vector<char*> arguments;
     arguments.reserve(words.size() + 1);
@@ -84,7 +88,8 @@ void CloneProcess::become(pid_t parent, const std::vector<std::string>& quilletO
     _exit(cantStart);
 }
 
-bool CloneProcess::start(const offline::GoldenImage& golden, const std::vector<std::string>& quilletOptions) {
+bool CloneProcess::start(const offline::GoldenImage& golden, const std::vector<std::string>& options,
+                         const std::vector<std::string>& quilletOptions) {
     begin = std::chrono::steady_clock::now();
     offline::Problem problem;
     if (image.create(golden, name, problem) < 0) {
@@ -96,7 +101,7 @@ bool CloneProcess::start(const offline::GoldenImage& golden, const std::vector<s
     fflush(nullptr); /* the child must not print it once more */
     const pid_t parent = getpid();
     process = output == nullptr || errors == nullptr ? -1 : fork();
-    if (process == 0) become(parent, quilletOptions);
+    if (process == 0) become(parent, options, quilletOptions);
     if (process > 0) return true;
     failure = std::string("its run can't be started (") + strerror(errno) + ")";
     return false;
@@ -110,17 +115,23 @@ bool CloneProcess::ended() {
     return true;
 }
 
-void CloneProcess::listen() {
-    const std::string arrow = " -> ";
-    for (const std::string& line : linesOf(output)) {
-        const size_t at = line.find(arrow);
-        if (newSid.empty() && line.starts_with("S-1-") && at != std::string::npos)
-            newSid = line.substr(at + arrow.size());
+void CloneProcess::notePassedOver(const std::string& line) {
+    std::optional<PassedOver> one = readToolLine(line).passedOver;
+    if (!one || isToldAgain(result.passedOver, *one)) return;
+    if (result.passedOver.size() < mostNamed) {
+        result.passedOver.push_back(std::move(*one));
+    } else {
+        result.passedOverMore++;
     }
+}
+
+void CloneProcess::listen() {
+    for (const std::string& line : linesOf(output)) hearCloneLine(line, result);
     lines = linesOf(errors);
     for (std::string& line : lines) {
         replaceAll(line, offline::printable(image.partPath()), offline::printable(name));
         if (line.starts_with("ERROR ") || line.starts_with("WARN ")) ++warnings;
+        if (!line.starts_with("quillet")) notePassedOver(line); /* those are the program's own */
     }
 }
 
@@ -149,12 +160,20 @@ void CloneProcess::finish(const offline::GoldenImage& golden) {
     offline::Problem problem;
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         failure = cause();
-    } else if (newSid.empty()) {
+    } else if (result.newSid.empty()) {
         failure = "its run named no new SID";
-    } else if (image.publish(golden, bytes, problem) < 0) {
+    } else if (image.publish(golden, result.bytes, problem) < 0) {
         failure = offline::printable(problem.text);
     }
-    seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    result.made = failure.empty();
+    if (!result.made) {
+        result.bytes = 0;
+        result.newSid.clear(); /* nobody has it */
+        keepIdentity(result.identity);
+    }
+    const auto took = std::chrono::steady_clock::now() - begin;
+    result.milliseconds =
+        static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(took).count());
 }
 
 } /* namespace companion */

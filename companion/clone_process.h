@@ -12,19 +12,23 @@
 #include <string>
 #include <vector>
 
+#include "companion/results/results.h"
 #include "platform/offline/device/linked_image.h"
 
 namespace companion {
 
 /* Whatever ends it, nothing of it stays but a clone that is whole. */
 struct CloneProcess {
-    explicit CloneProcess(std::string wanted) : name(std::move(wanted)) {}
+    /* place: of the clone among those of the call. */
+    CloneProcess(size_t place, std::string wanted) : index(place), name(std::move(wanted)) {}
     ~CloneProcess();
     CloneProcess(const CloneProcess&) = delete;
     CloneProcess& operator=(const CloneProcess&) = delete;
 
-    /* Makes the image and starts `quillet-offline run` on it. False, and failure, when that can't be. */
-    bool start(const offline::GoldenImage& golden, const std::vector<std::string>& quilletOptions);
+    /* Makes the image and starts `quillet-offline run` on it, with these options of its own and of quillet's.
+     * False, and failure, when that can't be. */
+    bool start(const offline::GoldenImage& golden, const std::vector<std::string>& options,
+               const std::vector<std::string>& quilletOptions);
 
     /* Whether the run has ended. */
     bool ended();
@@ -33,17 +37,18 @@ struct CloneProcess {
      * Fills what follows. */
     void finish(const offline::GoldenImage& golden);
 
+    const size_t index;
     std::string name;
-    std::string failure; /* a clause, printable; "" when it is made */
-    std::string newSid;
+    std::string failure;            /* a clause, printable; "" when it is made */
     std::vector<std::string> lines; /* what the run said on standard error, printable */
     size_t warnings = 0;            /* of these, ERROR and WARN lines */
-    double seconds = 0;
-    uint64_t bytes = 0; /* of its file */
+    CloneResult result;             /* but for its problems, file and computer name */
 
 private:
-    [[noreturn]] void become(pid_t parent, const std::vector<std::string>& quilletOptions) const;
+    [[noreturn]] void become(pid_t parent, const std::vector<std::string>& options,
+                             const std::vector<std::string>& quilletOptions) const;
     void listen();
+    void notePassedOver(const std::string& line);
     std::string cause() const;
 
     offline::LinkedImage image;

@@ -104,6 +104,7 @@ const char runHelp[] =
     "alone\n"
     "  quillet-offline run system.img data.img        one machine with two disks\n"
     "  quillet-offline run --strict --verify --report run.html system.img\n"
+    "  quillet-offline run --computer-name web-7 --new all system.img\n"
     "  quillet-offline run --undo /safe/undo system.img";
 
 const char cloneHelp[] =
@@ -113,13 +114,17 @@ const char cloneHelp[] =
     "clones,\n"
     "with a run of quillet on it: a machine SID of its own, and on its disk only what that changed. A clone "
     "has\n"
-    "its name when it is whole. Prints for each the file, the new SID, the time and the file's size. After\n"
+    "its name when it is whole. Prints for each the file, the new SID, the time and the file's size, and "
+    "the\n"
+    "computer's name where one is given: for several clones with a number, counted from --first-number on.\n"
+    "After\n"
     "\"--\" -f and -v may stand. The exit status is 0 when all were made, else 2; the others are made all "
     "the\n"
     "same when one fails.\n"
     "\n"
     "Examples:\n"
     "  quillet-offline clone golden.qcow2 alice.qcow2\n"
+    "  quillet-offline clone --computer-name web-%02d --new all golden.img a.qcow2 b.qcow2\n"
     "  quillet-offline clone --jobs 4 golden.img lab-1.qcow2 lab-2.qcow2 lab-3.qcow2";
 
 const char undoHelp[] =
@@ -154,6 +159,14 @@ void declareJson(CLI::App& app, bool& json) {
 /* An empty one, as of a variable that is not set, must not be no option at all. */
 std::string refuseNoName(const std::string& file) {
     return file.empty() ? "the file's name is empty" : "";
+}
+
+void declareIdentity(CLI::App& app, IdentityOptions& options, const char* name) {
+    app.add_option("--computer-name", options.computerName, name)->type_name("NAME");
+    app.add_option(
+           "--new", options.renewed,
+           "Ids to be made anew, with commas between: machine-guid, wsus-id, duid, telemetry-id, or all")
+        ->type_name("IDS");
 }
 
 void declareReport(CLI::App& app, std::string& file) {
@@ -197,6 +210,7 @@ void declare(CLI::App& app, AuditOptions& options) {
 void declare(CLI::App& app, PlanOptions& options) {
     declareImages(app, options);
     app.add_flag("-v,--verbose", options.verbose, "List every place");
+    declareIdentity(app, options.identity, "The name that the computer would get");
     declareReport(app, options.report);
     declareJson(app, options.json);
 }
@@ -212,6 +226,7 @@ void declare(CLI::App& app, RunOptions& options) {
     app.add_flag("--scratch", options.scratch)->group(""); /* for clone alone, and shown nowhere */
     app.add_flag("--verify", options.verify, "Audit the disks at the end, and tell");
     app.add_flag("--strict", options.strict, "Commit only when nothing was passed over")->excludes(commit);
+    declareIdentity(app, options.identity, "The name that the computer gets");
     declareReport(app, options.report);
     declareJson(app, options.json);
 }
@@ -227,7 +242,12 @@ void declare(CLI::App& app, CloneOptions& options) {
     app.add_option("--jobs", options.jobs, "How many are made at a time (one for each processor)")
         ->check(CLI::Range(1, 1000).description(""))
         ->type_name("N");
+    declareIdentity(app, options.identity, "The computers' name, for several with a number: web-%02d");
+    app.add_option("--first-number", options.firstNumber, "The number in the first one's name (1)")
+        ->check(CLI::Range(0, 99999999).description(""))
+        ->type_name("N");
     app.add_flag("-v,--verbose", options.verbose, "Show what each run says on standard error");
+    declareJson(app, options.json);
 }
 
 void declare(CLI::App& app, UndoOptions& options) {
@@ -289,7 +309,7 @@ const Command commands[] = {
      [](const Options& options, Results& results) { return run(options.run, results); }, true},
     {"clone", "Make linked clones, each with a machine SID of its own", cloneHelp,
      [](CLI::App& app, Options& options) { declare(app, options.clone); },
-     [](const Options& options, Results&) { return clone(options.clone); }, true},
+     [](const Options& options, Results& results) { return clone(options.clone, results); }, true},
     {"undo", "Take the latest run back", undoHelp,
      [](CLI::App& app, Options& options) { declare(app, options.undo); },
      [](const Options& options, Results& results) { return undo(options.undo, results); }},

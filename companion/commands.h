@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "companion/identity/identity.h"
+
 namespace companion {
 
 struct Results;
@@ -51,6 +53,7 @@ struct RunOptions {
     bool verify = false;            /* audit what was committed */
     bool scratch = false;           /* the disks are: see disk_name.h */
     bool strict = false;            /* commit only when nothing was passed over */
+    IdentityOptions identity;
     bool json = false;
     std::string report;                      /* the file of a report; empty: none */
     std::vector<std::string> quilletOptions; /* what stood after "--" */
@@ -61,6 +64,7 @@ struct PlanOptions {
     std::vector<std::string> images;
     std::string format;
     bool verbose = false; /* list every place */
+    IdentityOptions identity;
     bool json = false;
     std::string report;                      /* the file of a report; empty: none */
     std::vector<std::string> quilletOptions; /* what stood after "--" */
@@ -69,13 +73,16 @@ int plan(const PlanOptions& options, Results& results);
 
 struct CloneOptions {
     std::string golden;
-    std::vector<std::string> clones;         /* files to be made */
-    std::string format;                      /* of the golden image */
-    size_t jobs = 0;                         /* how many at a time; 0: one for each processor */
-    bool verbose = false;                    /* show what each run says on standard error */
+    std::vector<std::string> clones;   /* files to be made */
+    std::string format;                /* of the golden image */
+    size_t jobs = 0;                   /* how many at a time; 0: one for each processor */
+    bool verbose = false;              /* show what each run says on standard error */
+    IdentityOptions identity;          /* the name may be a pattern with a number */
+    std::optional<size_t> firstNumber; /* of that */
+    bool json = false;
     std::vector<std::string> quilletOptions; /* what stood after "--" */
 };
-int clone(const CloneOptions& options);
+int clone(const CloneOptions& options, Results& results);
 
 struct UndoOptions {
     std::vector<std::string> images;

@@ -7,6 +7,8 @@
 #include "companion/commands.h"
 #include "companion/ending.h"
 #include "companion/results/tool_run.h"
+#include "platform/offline/base/system_needed.h"
+#include "platform/offline/base/unicode.h"
 #include "platform/offline/main/call_tool.h"
 #include "platform/offline/system/system.h"
 
@@ -34,12 +36,17 @@ void Plan::run() {
     if (options.json || !options.report.empty()) {
         refuseQuiet(options.quilletOptions, options.json ? "--json" : "--report");
     }
+    const IdentityWish wish = identityWish(options.identity);
+    refuseWithoutRun(options.quilletOptions, wish);
     wantReport(options.report, results);
     if (options.verbose && !results.places) results.places = std::make_unique<Places>();
     results.listPlaces = options.verbose;
     offline::systemStartOn({namedDisks(options.images, options.format), offline::DiskAccess::planned, {}},
                            nullptr);
     if (!lookBefore(results, true)) refuseSystem();
+    if (!wish.empty() && offline::systemNeeded() < 0) refuseSystem();
+    results.identity = changeIdentity(wish);
+    forgetNewIds(results.identity);
     callTool(options.quilletOptions, {false, false}, results);
     refuseSystem();
     Opened left;
@@ -61,6 +68,10 @@ void Plan::tell() {
         printf("\n");
     }
     printCounts(*results.counts, *results.others, {"would change", "would remain"});
+    if (!results.identity.empty()) printf("\n");
+    for (const IdentityChange& change : results.identity) {
+        printf("%s\n", offline::printable(changeLine(change, true)).c_str());
+    }
     const uint64_t remaining = sum(results.counts->remaining);
     printf("\nnothing was written; the run would end with status %d", *results.runStatus);
     if (remaining != 0) {

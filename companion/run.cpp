@@ -5,12 +5,15 @@
 #include <filesystem>
 
 #include "companion/audit/audit_words.h"
+#include "companion/clone_lines.h"
 #include "companion/commands.h"
 #include "companion/ending.h"
 #include "companion/formatting.h"
 #include "companion/results/tool_run.h"
 #include "platform/nt.h"
 #include "platform/offline/base/ending_signals.h"
+#include "platform/offline/base/system_needed.h"
+#include "platform/offline/base/unicode.h"
 #include "platform/offline/main/run_end.h"
 #include "platform/offline/system/system.h"
 
@@ -103,6 +106,19 @@ int verify(const Results& results) {
     return exitDone;
 }
 
+bool isCommitted(const Results& results) {
+    return results.commit->state == CommitState::committed;
+}
+
+/* What became of names and ids, now that the run is on the disks or not. */
+void tellIdentity(Results& results) {
+    if (!isCommitted(results)) return keepIdentity(results.identity);
+    for (size_t i = 0; !results.json && i < results.identity.size(); i++) {
+        printf("%s\n", offline::printable(changeLine(results.identity[i], false)).c_str());
+    }
+    fflush(stdout);
+}
+
 /* What is written on standard error although it means no harm. */
 void explain(const Results& results) {
     if (results.runStatus != 0 || results.explained.empty()) return;
@@ -119,6 +135,8 @@ int run(const RunOptions& options, Results& results) {
     const bool audited = options.json || !options.report.empty(), looks = audited || options.verify;
     if (audited) refuseQuiet(options.quilletOptions, options.json ? "--json" : "--report");
     if (options.strict) refuseQuiet(options.quilletOptions, "--strict");
+    const IdentityWish wish = identityWish(options.identity);
+    refuseWithoutRun(options.quilletOptions, wish);
     const offline::RunChoice choice = choiceOf(options);
     const auto place = [](const std::string& file) {
         return std::filesystem::path(absolutePath(file)).lexically_normal();
@@ -131,18 +149,20 @@ int run(const RunOptions& options, Results& results) {
     signal(SIGPIPE, SIG_IGN); /* a reader that has gone must not end a run half-way */
     offline::endingSignalsSay("quillet: ended by a signal; nothing was changed\n");
     offline::systemStartOn(choice, offline::sayAsTool);
-    if (looks && !lookBefore(results, audited)) {
+    if ((looks && !lookBefore(results, audited)) || (!wish.empty() && offline::systemNeeded() < 0)) {
         return endRun(static_cast<int>(RtlNtStatusToDosError(offline::systemProblem().status)), {}, results);
     }
+    results.identity = changeIdentity(wish);
     const int returned = callTool(options.quilletOptions, {!options.json, true}, results);
     explain(results);
     const std::string refusal = strictRefusal(options, results);
     int status = endRun(returned, refusal, results);
     if (!refusal.empty() && status == 0) status = exitPassedOver;
+    if (options.scratch) printCloneLines(results);
+    if (!options.scratch) tellIdentity(results);
     if (looks) lookAtDisks(options, results);
     sayAll(results.unseen);
-    const bool committed = results.commit->state == CommitState::committed;
-    if (options.verify && committed && results.counts) {
+    if (options.verify && isCommitted(results) && results.counts) {
         const int verified = verify(results);
         if (status == 0) status = verified;
     }

@@ -377,6 +377,7 @@ LSTATUS RegEnumKeyExW(HKEY key, DWORD index, LPWSTR name, LPDWORD nameLength, LP
                       LPWSTR className, LPDWORD classLength, PFILETIME lastWrite);
 LSTATUS RegQueryValueExW(HKEY key, LPCWSTR name, LPDWORD reserved, LPDWORD type, BYTE* data, LPDWORD size);
 LSTATUS RegSetValueExW(HKEY key, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* data, DWORD size);
+LSTATUS RegDeleteValueW(HKEY key, LPCWSTR name);
 LSTATUS RegLoadKeyW(HKEY root, LPCWSTR mountName, LPCWSTR file);
 LSTATUS RegUnLoadKeyW(HKEY root, LPCWSTR mountName);
 LSTATUS RegGetKeySecurity(HKEY key, SECURITY_INFORMATION information, PSECURITY_DESCRIPTOR descriptor,

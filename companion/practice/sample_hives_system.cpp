@@ -38,6 +38,12 @@ void addServices(Keys& keys, const Machine& machine, const std::u16string& set) 
 
 void addControlSet(Keys& keys, const Machine& machine, const std::u16string& set) {
     keys.push_back({set + u"\\Control\\ComputerName\\ComputerName", {text(u"ComputerName", u"PRACTICE")}});
+    keys.push_back(
+        {set + u"\\Services\\Tcpip\\Parameters",
+         {text(u"NV Hostname", u"practice"), text(u"Domain", u""), text(u"Hostname", u"practice")}});
+    keys.push_back(
+        {set + u"\\Services\\TCPIP6\\Parameters",
+         {binary(u"Dhcpv6DUID", {0, 1, 0, 1, 0x2A, 0x1B, 0x5C, 0x11, 0x52, 0x54, 0, 0x12, 0x34, 0x56})}});
     keys.push_back({set + u"\\Control\\Lsa\\JD", {}, {}, u"0a1b2c3d"}); /* the class holds a part of a key */
     keys.push_back({set + u"\\Control\\Session Manager\\Environment",
                     {expandText(u"ComSpec", u"%SystemRoot%\\system32\\cmd.exe"), text(u"OS", u"Windows_NT"),

@@ -92,6 +92,7 @@ struct Page {
     std::string summary() const;
     void writeFacts() const;
     void writeAttention() const;
+    void writeIdentity() const;
     void writeBars() const;
     void writeReasons() const;
     void writeOthers() const;
@@ -226,6 +227,40 @@ void Page::writeAttention() const {
                 " more; the lines that quillet wrote name them all.</p>\n");
         }
     }
+    close();
+}
+
+/* ---- Names and ids ---- */
+
+const char* becameWords(const IdentityChange& change, bool ran) {
+    switch (change.action) {
+        case IdentityAction::replaced:
+            return "a new one";
+        case IdentityAction::removed:
+            return ran ? "removed; the system makes a new one" : "would be removed";
+        case IdentityAction::unchanged:
+            return "as it was";
+        case IdentityAction::notThere:
+            return "not there";
+        case IdentityAction::kept:
+            break;
+    }
+    return "kept: nothing was committed";
+}
+
+void Page::writeIdentity() const {
+    if (results.identity.empty()) return;
+    open("Names and ids");
+    put(std::string("<div class=\"scroll\"><table><tr><th>What</th><th>Where</th><th>Was</th><th>") +
+        (isRun() ? "Is now" : "Would be") + "</th></tr>\n");
+    for (const IdentityChange& change : results.identity) {
+        const bool known = change.action == IdentityAction::replaced && change.to.has_value();
+        put(std::string("<tr><td>") + nameOf(change.item) + "</td><td class=\"name mono\">" +
+            htmlText(change.key + " \"" + change.value + "\"") + "</td><td class=\"name mono\">" +
+            htmlText(change.from.value_or("")) + "</td><td class=\"name" + (known ? " mono" : "") + "\">" +
+            htmlText(known ? *change.to : becameWords(change, isRun())) + "</td></tr>\n");
+    }
+    put("</table></div>\n");
     close();
 }
 
@@ -478,6 +513,7 @@ void Page::write() {
     writeHead();
     writeFacts();
     writeAttention();
+    writeIdentity();
     writeBars();
     writeReasons();
     writeOthers();

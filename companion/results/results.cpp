@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
 #include "companion/results/results.h"
 
+#include <algorithm>
 #include <array>
 #include <ctime>
 
@@ -111,6 +112,27 @@ void write(JsonWriter& json, const std::string& text) {
     json.item(text);
 }
 
+void putOptional(JsonWriter& json, const char* name, const std::optional<std::string>& text) {
+    if (text) {
+        json.put(name, *text);
+    } else {
+        json.putNull(name);
+    }
+}
+
+void write(JsonWriter& json, const IdentityChange& change) {
+    json.open('{');
+    json.put("id", nameOf(change.item));
+    json.put("key", change.key);
+    json.put("value", change.value);
+    putOptional(json, "from", change.from);
+    putOptional(json, "to", change.to);
+    json.put("action", nameOf(change.action));
+    json.close('}');
+}
+
+void write(JsonWriter& json, const CloneResult& clone);
+
 template <typename Item>
 void writeList(JsonWriter& json, const char* name, const std::vector<Item>& list) {
     json.open(name, '[');
@@ -129,13 +151,46 @@ void writeSight(JsonWriter& json, const Sight& sight, bool usable) {
     json.put("usable", usable);
 }
 
-void writeRun(JsonWriter& json, const Results& results) {
-    const auto status = static_cast<uint32_t>(*results.runStatus);
-    const char* const name = win32Name(status);
+void writeStatus(JsonWriter& json, int status) {
+    const char* const name = win32Name(static_cast<uint32_t>(status));
     json.open("status", '{');
-    json.put("number", *results.runStatus);
+    json.put("number", status);
     json.putKnown("name", name == nullptr ? "" : name);
     json.close('}');
+}
+
+void write(JsonWriter& json, const CloneResult& clone) {
+    json.open('{');
+    json.put("file", clone.file);
+    json.putKnown("computerName", clone.computerName);
+    json.put("made", clone.made);
+    json.putKnown("oldSid", clone.oldSid);
+    json.putKnown("newSid", clone.newSid);
+    json.put("bytes", clone.bytes);
+    json.put("milliseconds", clone.milliseconds);
+    if (clone.runStatus) {
+        writeStatus(json, *clone.runStatus);
+    } else {
+        json.putNull("status");
+    }
+    writeList(json, "identity", clone.identity);
+    writeList(json, "passedOver", clone.passedOver);
+    json.put("passedOverMore", clone.passedOverMore);
+    writeList(json, "problems", clone.problems);
+    json.close('}');
+}
+
+void write(JsonWriter& json, const Cloned& cloned) {
+    json.open("golden", '{');
+    json.put("path", cloned.golden);
+    json.put("format", cloned.format);
+    json.close('}');
+    writeList(json, "clones", cloned.clones);
+}
+
+void writeRun(JsonWriter& json, const Results& results) {
+    writeStatus(json, *results.runStatus);
+    writeList(json, "identity", results.identity);
     writeList(json, "passedOver", results.passedOver);
     json.put("passedOverMore", results.passedOverMore);
     writeList(json, "explained", results.explained);
@@ -251,6 +306,13 @@ void wantReport(const std::string& file, Results& results) {
 bool needsAttention(const Results& results, int exitStatus) {
     if (!results.finished || !results.problems.empty() || !results.unseen.empty()) return true;
     if (!results.passedOver.empty() || results.passedOverMore != 0) return true;
+    if (results.cloned) {
+        const std::vector<CloneResult>& clones = results.cloned->clones;
+        const auto whole = [](const CloneResult& clone) {
+            return clone.made && clone.passedOver.empty() && clone.passedOverMore == 0;
+        };
+        if (!std::all_of(clones.begin(), clones.end(), whole)) return true;
+    }
     const bool before = results.command == "audit" && results.counts && results.counts->before;
     if (before) return false; /* that the machine holds its own SID is as it should be */
     return exitStatus != 0 || (results.counts && sum(results.counts->remaining) != 0);
@@ -270,6 +332,7 @@ void printJson(Results& results, int exitStatus) {
     if (results.runStatus) writeRun(json, results);
     if (results.commit) write(json, *results.commit);
     if (results.takenBack) write(json, *results.takenBack);
+    if (results.cloned) write(json, *results.cloned);
     if (results.listPlaces && results.counts && results.places) writePlaces(json, results);
     json.close('}');
     json.finish();

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "companion/audit/audit.h"
+#include "companion/identity/identity.h"
 #include "companion/results/places.h"
 #include "companion/results/report_file.h"
 #include "companion/results/tool_lines.h"
@@ -61,6 +62,25 @@ struct TakenBack {
     std::vector<std::string> journals; /* of runs that had been cut off */
 };
 
+/* One clone of a call, made or not. */
+struct CloneResult {
+    std::string file = {}, computerName = {}; /* the name is empty where it stays the golden image's */
+    bool made = false;
+    std::string oldSid = {}, newSid = {}; /* empty: its run had not come so far */
+    uint64_t bytes = 0;                   /* of its file; 0 where it was not made */
+    uint64_t milliseconds = 0;
+    std::optional<int> runStatus = {}; /* none: its run was not begun, or was ended */
+    std::vector<IdentityChange> identity = {};
+    std::vector<PassedOver> passedOver = {};
+    uint64_t passedOverMore = 0;
+    Problems problems = {};
+};
+
+struct Cloned {
+    std::string golden, format; /* its path, and what it is */
+    std::vector<CloneResult> clones;
+};
+
 struct Results {
     bool json = false; /* whether they are wanted as JSON */
     std::string command;
@@ -86,10 +106,12 @@ struct Results {
     std::vector<Explained> explained;
     std::vector<Timed> phases, steps;
     std::optional<Commit> commit;
+    std::vector<IdentityChange> identity; /* names and ids beside the SID */
 
     std::optional<Sight> sight; /* of info */
     bool usable = false;
     std::optional<TakenBack> takenBack; /* of undo */
+    std::optional<Cloned> cloned;       /* of clone */
 };
 
 /* Makes the file of a report, where a name is given, and sees to what it needs. Throws Failure. */

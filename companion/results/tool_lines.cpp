@@ -179,6 +179,11 @@ ToolLine readToolLine(std::string_view line) {
     return read;
 }
 
+bool isToldAgain(const std::vector<PassedOver>& list, const PassedOver& one) {
+    if (list.empty() || one.object.empty()) return false;
+    return list.back().object == one.object && list.back().as == one.as && list.back().reason == one.reason;
+}
+
 const char* nameOf(PassedOverAs as) {
     switch (as) {
         case PassedOverAs::object:

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace companion {
 
@@ -42,6 +43,10 @@ struct ToolLine {
     std::optional<Explained> explained;
 };
 ToolLine readToolLine(std::string_view line);
+
+/* Whether the last of a list is the same object for the same reason: one can be refused several times in a
+ * row. */
+bool isToldAgain(const std::vector<PassedOver>& list, const PassedOver& one);
 
 /* "passedOver" and so on, in JSON; and a sentence for a person. */
 const char* nameOf(PassedOverAs as);

@@ -51,12 +51,8 @@ struct Listener {
         return shown.output;
     }
 
-    /* One object can be refused several times in a row. */
     void keep(PassedOver one) {
-        if (!results.passedOver.empty() && !one.object.empty()) {
-            const PassedOver& last = results.passedOver.back();
-            if (last.object == one.object && last.as == one.as && last.reason == one.reason) return;
-        }
+        if (isToldAgain(results.passedOver, one)) return;
         textKept += one.line.size() + one.object.size() + one.reason.size();
         if (textKept > mostText) {
             results.passedOverMore++;

@@ -20,15 +20,16 @@ _quillet_offline() {
     --progress) COMPREPLY=($(compgen -W "always auto never" -- "$word")) && return ;;
     --commit) COMPREPLY=($(compgen -W "success always" -- "$word")) && return ;;
     --format) COMPREPLY=($(compgen -W "auto raw qcow2 vmdk vhdx vhd vdi" -- "$word")) && return ;;
-    --size | --jobs | --files | --descriptors | --machine | --sid) return ;;
+    --new) COMPREPLY=($(compgen -W "all machine-guid wsus-id duid telemetry-id" -- "$word")) && return ;;
+    --size | --jobs | --files | --descriptors | --machine | --sid | --computer-name | --first-number) return ;;
     esac
     case $command in
     sample) options="--size --whole-disk --force --files --descriptors --machine --progress --help -h" ;;
     info) options="--format --json --help -h" ;;
     audit) options="--report --format --sid --all --json --progress --help -h" ;;
-    plan) options="--report --json --format --verbose -v --progress --help -h" ;;
-    run) options="--json --report --strict --verify --format --undo --no-undo --commit --progress --help -h" ;;
-    clone) options="--format --jobs --verbose -v --progress --help -h" ;;
+    plan) options="--computer-name --new --report --json --format --verbose -v --progress --help -h" ;;
+    run) options="--computer-name --new --json --report --strict --verify --format --undo --no-undo --commit --progress --help -h" ;;
+    clone) options="--computer-name --first-number --new --json --format --jobs --verbose -v --progress --help -h" ;;
     undo) options="--json --format --undo --help -h" ;;
     "")
         COMPREPLY=($(compgen -W "sample info audit plan run clone undo --help -h --version" -- "$word"))

@@ -128,6 +128,13 @@ TEST_F(QueryTest, Win32Values) {
     EXPECT_EQ(size, 8u);
     EXPECT_EQ(RegQueryValueExW(key, u"none", nullptr, nullptr, nullptr, &size), ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(RegQueryValueExW(key, u"cut", &size, nullptr, nullptr, &size), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(RegDeleteValueW(key, u"CUT"), ERROR_SUCCESS);
+    EXPECT_EQ(RegDeleteValueW(key, u"cut"), ERROR_FILE_NOT_FOUND);
+    HKEY readable = nullptr;
+    ASSERT_EQ(RegOpenKeyExW(key, nullptr, 0, KEY_QUERY_VALUE, &readable), ERROR_SUCCESS);
+    EXPECT_EQ(RegDeleteValueW(readable, nullptr), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(RegCloseKey(readable), ERROR_SUCCESS);
+    EXPECT_EQ(RegDeleteValueW(key, nullptr), ERROR_SUCCESS);
 }
 
 TEST_F(QueryTest, Win32Enumeration) {

@@ -64,7 +64,7 @@ class Json(ResultsCase):
         for status, *command in ((2, "info", missing), (2, "audit", missing), (2, "plan", missing), (2, "run", missing), (2, "undo", missing),
                                  (2, "plan", self.image, "--no-such"), (2, "run", self.image, self.image, "--commit", "never"),
                                  (2, "audit", self.image, "S-1-5-18"), (87, "run", self.image, self.image), (255, "run", self.image, "--", "-z"),
-                                 (2, "run", self.image, "--", "-q"), (123, "run", "--undo", self.image, self.image)):
+                                 (2, "run", self.image, "--", "-q"), (2, "run", "--computer-name", "2026", self.image), (123, "run", "--undo", self.image, self.image)):
             results = self.results(status, *command)
             self.assertTrue(results["needsAttention"], command)
             self.assertEqual(len(results["problems"]), 1, results["problems"])
@@ -82,6 +82,32 @@ class Json(ResultsCase):
             self.assertEqual((one["newSid"], one["needsAttention"], sum(self.counted(one, "changed"))), (None, True, 0))
         refused = [one for one in ran["passedOver"] if one.get("name") in ("ERROR_ACCESS_DENIED", "STATUS_ACCESS_DENIED")]
         self.assertTrue(all(one["object"] and one["reason"] == "access was refused" for one in refused) and refused, ran["passedOver"])
+
+
+class Clones(ResultsCase):
+    def test_one_object_for_all_of_a_call(self):
+        if not (shutil.which("qemu-img") and shutil.which("qemu-nbd")): self.skipTest("no qemu-utils")
+        names = [self.path(name + ".qcow2") for name in "abc"]
+        os.mkdir(names[1] + ".quillet-part")
+        told = self.results(2, "clone", "--computer-name", "web-%d", "--new", "wsus-id,telemetry-id", self.image, *names)
+        self.assertEqual((told["golden"], told["images"], told["needsAttention"]), ({"path": self.image, "format": "raw"}, [self.image], True))
+        first, failed, last = told["clones"]
+        self.assertEqual([clone["file"] for clone in told["clones"]], names)
+        self.assertEqual([clone["computerName"] for clone in told["clones"]], ["web-1", "web-2", "web-3"])
+        self.assertEqual((failed["made"], failed["newSid"], failed["status"], failed["problems"]), (False, None, None, told["problems"]))
+        for clone in (first, last):
+            self.assertEqual((clone["made"], clone["status"], clone["bytes"]), (True, {"number": 0, "name": "ERROR_SUCCESS"}, os.path.getsize(clone["file"])))
+            self.assertEqual(self.results(0, "info", clone["file"])["machineSid"], clone["newSid"])
+            self.assertEqual(clone["oldSid"], programs.MACHINE)
+            self.assertEqual([(one["from"], one["to"]) for one in clone["identity"] if one["value"] == "ComputerName"], [("PRACTICE", clone["computerName"].upper())] * 2)
+            self.assertEqual({one["id"] for one in clone["identity"]}, {"computer-name", "wsus-id", "telemetry-id"})
+        again = self.results(0, "clone", self.image, self.path("d.qcow2"))
+        self.assertEqual((again["needsAttention"], again["clones"][0]["identity"]), (False, []))
+        refused = self.results(5, "run", self.image, QUILLET_ACCESS="checked")["passedOver"]
+        strange = self.results(2, "clone", self.image, self.path("e.qcow2"), QUILLET_ACCESS="checked")["clones"][0]
+        self.assertEqual((strange["made"], strange["status"]["number"], strange["passedOver"]), (False, 5, refused))
+        refused = self.results(2, "clone", self.write("empty", bytes(1 << 20)), self.path("f.qcow2"))
+        self.assertEqual((refused["finished"], refused["clones"][0]["made"], len(refused["problems"])), (False, False, 1))
 
 
 class StrictAndVerify(ResultsCase):

@@ -47,6 +47,12 @@ NTSTATUS setValue(const KeyRef& key, std::u16string_view name, ULONG type, const
     return hiveSetValue(*key.mount->hive, key.cell, name, type, bytes, timeNow());
 }
 
+NTSTATUS deleteValue(const KeyRef& key, std::u16string_view name) {
+    NTSTATUS status = checkLinkValue(key, name, REG_NONE);
+    if (status >= 0) status = beginChange(key);
+    return status < 0 ? status : hiveDeleteValue(*key.mount->hive, key.cell, name, timeNow());
+}
+
 } /* namespace offline */
 
 NTSTATUS ZwSetValueKey(HANDLE key, PUNICODE_STRING name, ULONG /* titleIndex */, ULONG type, PVOID data,

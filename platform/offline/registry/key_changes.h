@@ -14,6 +14,9 @@ namespace offline {
 /* Sets or creates a value; size in bytes. STATUS_ACCESS_DENIED on a link key for anything but its target. */
 NTSTATUS setValue(const KeyRef& key, std::u16string_view name, ULONG type, const void* data, size_t size);
 
+/* STATUS_OBJECT_NAME_NOT_FOUND when there is none; STATUS_ACCESS_DENIED on a link key. */
+NTSTATUS deleteValue(const KeyRef& key, std::u16string_view name);
+
 } /* namespace offline */
 
 #endif

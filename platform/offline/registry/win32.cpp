@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
-/* RegOpenKeyExW, RegCloseKey, RegEnumKeyExW, RegQueryValueExW, RegSetValueExW. */
+/* RegOpenKeyExW, RegCloseKey, RegEnumKeyExW, RegQueryValueExW, RegSetValueExW, RegDeleteValueW. */
 #include <cstddef>
 #include <cstring>
 #include <string_view>
@@ -147,5 +147,12 @@ LSTATUS RegSetValueExW(HKEY key, LPCWSTR name, DWORD reserved, DWORD type, const
     offline::KeyRef ref;
     NTSTATUS status = offline::useRegKey(key, KEY_SET_VALUE, ref);
     if (status >= 0) status = offline::setValue(ref, offline::textOf(name), type, data, size);
+    return offline::codeOf(status);
+}
+
+LSTATUS RegDeleteValueW(HKEY key, LPCWSTR name) {
+    offline::KeyRef ref;
+    NTSTATUS status = offline::useRegKey(key, KEY_SET_VALUE, ref);
+    if (status >= 0) status = offline::deleteValue(ref, offline::textOf(name));
     return offline::codeOf(status);
 }
