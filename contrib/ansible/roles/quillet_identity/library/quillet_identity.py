@@ -186,7 +186,9 @@ msg:
   description: The line of quillet that says what is wrong and what to do; all that it wrote is in C(stderr_lines).
   returned: on failure
   type: str
-  sample: "/srv/lab-3.img: it holds no NTFS volume; name a disk image or block device with Windows on it"
+  sample: >-
+    /srv/lab-3.img: the boot sector of the disk is damaged, its backup copy is intact; restore it (ntfsfix, or chkdsk /f),
+    then try again
 stderr_lines:
   description: All lines that quillet wrote to standard error.
   returned: on failure
