@@ -6,6 +6,7 @@ test_packages="$build_packages libgtest-dev g++-mingw-w64-x86-64 clang-format cl
     dosfstools libhivex-bin sleuthkit wine wine64 mandoc qemu-utils nbdkit"
 release_packages="$build_packages g++-mingw-w64-x86-64 git dpkg-dev lintian mandoc man-db python3 zip"
 bench_packages="$build_packages libbenchmark-dev python3 libhivex-bin xz-utils"
+fleet_packages="$build_packages ansible-core slurm-wlm slurm-client munge qemu-utils python3"
 
 # is_installed PACKAGE: whether dpkg knows it as installed (libc6-dev counts by its own name alone).
 is_installed() {

@@ -5,6 +5,7 @@
 
 #include "companion/ending.h"
 #include "companion/results/line_tap.h"
+#include "platform/nt.h"
 #include "platform/offline/base/system_needed.h"
 #include "platform/offline/descriptor/sid_format.h"
 #include "platform/offline/main/call_tool.h"
@@ -80,7 +81,10 @@ bool lookBefore(Results& results, bool audited) {
     Opened opened;
     {
         const Timer timer(results.phases, "look");
-        if (offline::systemNeeded() < 0) return false;
+        if (offline::systemNeeded() < 0) {
+            results.runStatus = static_cast<int>(RtlNtStatusToDosError(offline::systemProblem().status));
+            return false;
+        }
         offline::Problem unsaid; /* nothing was changed, so that nothing is saved */
         offline::systemHandOver(opened.installation, unsaid);
         readInstallation(opened, results.unseen);

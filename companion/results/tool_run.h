@@ -13,7 +13,8 @@ namespace companion {
 
 /* Opens the installation as the next run is going to do, audits it for the SID that its machine has, where
  * that is wanted, and closes it; nothing is changed. False when the system is refused, as
- * offline::systemProblem says. Throws Failure when there is no SID. */
+ * offline::systemProblem says; the results then have the status that this ends a run with. Throws Failure
+ * when there is no SID. */
 bool lookBefore(Results& results, bool audited);
 
 /* Whether what the tool writes to standard output is shown, and whether the new SID is: a plan's is nobody's.
