@@ -259,7 +259,6 @@ void declare(CLI::App& app, UndoOptions& options) {
 
 void declareProgress(CLI::App& app, std::string& word) {
     app.add_option("--progress", word, "Show how far it is, on standard error: always, auto or never (auto)")
-        ->check(CLI::IsMember({"always", "auto", "never"}).description(""))
         ->envname("QUILLET_PROGRESS")
         ->type_name("WHEN");
 }
@@ -344,6 +343,17 @@ std::string usageError(const CLI::ParseError& error, const std::string& command)
     return text + "; see \"quillet-offline " + command + "--help\"";
 }
 
+/* The variable is no matter of commands that have no progress. */
+offline::ProgressWish progressOf(const Command& command, const Options& options) {
+    offline::ProgressWish wish = offline::ProgressWish::never;
+    if (!command.showsProgress()) return wish;
+    if (!offline::progressWishOf(options.progress, wish)) {
+        throw Failure{"progress (--progress or QUILLET_PROGRESS) can't be \"" + options.progress +
+                      "\"; say always, auto or never"};
+    }
+    return offline::quietAsked(options.run.quilletOptions) ? offline::ProgressWish::never : wish;
+}
+
 /* Takes what stands after "--" out of the arguments. False when there is no "--". */
 bool takeRest(std::vector<std::string>& arguments, std::vector<std::string>& rest) {
     const auto split = std::find(arguments.begin(), arguments.end(), "--");
@@ -382,11 +392,7 @@ int runCommandLine(std::vector<std::string> arguments, Results& results) {
         throw Failure{std::string(chosen.name) + " takes no arguments after \"--\"; see \"quillet-offline " +
                       chosen.name + " --help\""};
     }
-    offline::ProgressWish wish = offline::ProgressWish::never;
-    if (chosen.showsProgress() && !offline::quietAsked(options.run.quilletOptions)) {
-        offline::progressWishOf(options.progress, wish);
-    }
-    const offline::ProgressLine progress(wish, results.json);
+    const offline::ProgressLine progress(progressOf(chosen, options), results.json);
     return chosen.perform(options, results);
 }
 

@@ -3,7 +3,7 @@
 import fcntl, json, os, pty, re, signal, struct, subprocess, termios, unittest
 
 import programs
-from programs import CompanionCase, OFFLINE, QUILLET
+from programs import CompanionCase, OFFLINE, QUILLET, run
 
 PHASES = ["Opening and checking", "Registry, selected keys", "Registry", "User's hive 1", "Files of C:", "Committing"]
 WIPE = "\033[K"
@@ -102,6 +102,8 @@ class Progress(CompanionCase):
         self.assertEqual(met["Files of C:"][0] > 400, True, met)
         self.assertTrue(0.95 * met["Registry"][1] < met["Registry"][0] <= met["Registry"][1], met)
         self.assertEqual(programs.quillet("-s", system=self.path("a.img"), QUILLET_PROGRESS="loud").status, 87)
+        self.assert_refused(run(OFFLINE, "audit", self.path("a.img"), QUILLET_PROGRESS="loud"), "always, auto or never")
+        self.assertEqual(run(OFFLINE, "info", self.path("a.img"), QUILLET_PROGRESS="loud").status, 0)
         done = self.offline("sample", "--files", "70", "--progress", "always", "b.img")
         self.assertIn("progress: Files made  70 of 70", done.err)
 

@@ -52,11 +52,15 @@ void volumeWalkBegins(Volume& volume, ProgressPhase phase) {
 
 void noteMet(Volume& volume, FileRef file) {
     std::vector<uint8_t>& unmet = volume.walk.unmet;
-    if (unmet.empty()) return progressAdd();
     const uint64_t number = recordNumberOf(file);
-    const auto bit = static_cast<uint8_t>(1U << number % 8);
-    if (number / 8 >= unmet.size() || (unmet[number / 8] & bit) == 0) return;
-    unmet[number / 8] = static_cast<uint8_t>(unmet[number / 8] & ~bit);
+    if (number / 8 < unmet.size()) [[likely]] {
+        uint8_t& eight = unmet[number / 8];
+        const auto bit = static_cast<uint8_t>(1U << number % 8);
+        if ((eight & bit) == 0) return;
+        eight = static_cast<uint8_t>(eight ^ bit);
+    } else if (!unmet.empty()) {
+        return;
+    }
     progressAdd();
 }
 
