@@ -43,6 +43,7 @@ inline std::unique_ptr<Sample> cutHalfway(uint64_t seed, size_t disks) {
         sample->machine.cutAt = cutAt;
         static_cast<void>(sample->commit());
         sample->machine.heal();
+        for (MachineDisk& disk : sample->disks) disk.flushRefused = false;
         if (!sample->isOld()) return sample;
     }
 }

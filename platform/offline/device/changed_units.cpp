@@ -58,13 +58,17 @@ size_t ChangedUnits::leafFor(uint64_t unit) {
     return unit >= leaves[index + 1].base ? index + 1 : index;
 }
 
-void ChangedUnits::add(uint64_t unit, uint32_t slot) {
+void ChangedUnits::put(uint64_t unit, uint32_t slot) {
     Leaf& leaf = leaves[leafFor(unit)];
     const auto distance = static_cast<uint32_t>(unit - leaf.base);
     Entry* const end = leaf.entries.get() + leaf.count;
     Entry* const at =
         std::lower_bound(leaf.entries.get(), end, distance,
                          [](const Entry& entry, uint32_t wanted) { return entry.distance < wanted; });
+    if (at != end && at->distance == distance) {
+        at->slot = slot;
+        return;
+    }
     std::move_backward(at, end, end + 1);
     *at = {distance, slot};
     ++leaf.count;

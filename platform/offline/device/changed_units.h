@@ -25,8 +25,9 @@ struct ChangedUnits {
     /* The unit's slot; noSlot when it was not changed. */
     uint32_t slotOf(uint64_t unit) const;
 
-    /* Adds a unit that is not there yet. Throws std::bad_alloc, and has changed nothing then. */
-    void add(uint64_t unit, uint32_t slot);
+    /* Adds a unit, or gives one that is there another slot. Throws std::bad_alloc, and has changed nothing
+     * then. */
+    void put(uint64_t unit, uint32_t slot);
 
     /* The run from the lowest changed unit on that is at or above one, most units of it at most; another one
      * may go on where it ends. False when there is none. */

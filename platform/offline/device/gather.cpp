@@ -159,18 +159,6 @@ NTSTATUS Gathering::gatherUnits(uint64_t start, uint64_t end) {
     return STATUS_SUCCESS;
 }
 
-/* Where the disk's next window ends, on the disk or beyond it: whole blocks, neighbours joined, not much
- * between them. */
-uint64_t windowEnd(const TransactionDisk& disk, uint64_t start) {
-    uint64_t end = start + blockSize, changed = 0;
-    while (disk.overlay->nextChanged(end, changed) && changed < end + readThrough) {
-        const uint64_t further = changed - changed % blockSize + blockSize;
-        if (further - start > windowSize) break;
-        end = further;
-    }
-    return end;
-}
-
 /* The windows from there on that are worth reading at once; false when there is none. Where one can't be
  * read, each is by itself. */
 bool Gathering::nextWindows(uint64_t& from) {
@@ -214,6 +202,16 @@ NTSTATUS Gathering::gatherAll() {
 }
 
 } /* namespace */
+
+uint64_t windowEnd(const TransactionDisk& disk, uint64_t start) {
+    uint64_t end = start + blockSize, changed = 0;
+    while (disk.overlay->nextChanged(end, changed) && changed < end + readThrough) {
+        const uint64_t further = changed - changed % blockSize + blockSize;
+        if (further - start > windowSize) break;
+        end = further;
+    }
+    return end;
+}
 
 NTSTATUS gatherStretches(JournalFiles& files, const std::string& path, const JournalHead& head,
                          std::span<const TransactionDisk> disks, JournalWriter& journal, Problem& problem) {

@@ -9,6 +9,10 @@
 
 namespace offline {
 
+/* Where the disk's next window ends, on the disk or beyond it, when it begins there: whole blocks, neighbours
+ * joined, not much between them. */
+uint64_t windowEnd(const TransactionDisk& disk, uint64_t start);
+
 /* (2): begins the journal when something differs, and gives it what does and the stretches of the marks;
  * leaves it unbegun when nothing differs. Fails for what can't be read; the journal's own error is the
  * caller's to ask for. */

@@ -5,6 +5,7 @@
 
 #include "platform/offline/base/progress.h"
 #include "platform/offline/device/device_error.h"
+#include "platform/offline/device/gather.h"
 #include "platform/offline/device/pointers.h"
 
 namespace offline {
@@ -127,13 +128,19 @@ struct Playback {
     bool marked = false;
     bool full = false; /* a disk had no room */
     ByteVector fresh = {}, there = {};
+    ByteVector below = {}; /* what this disk held: */
+    const TransactionDisk* lastRead = nullptr;
+    uint64_t belowStart = 0;
 
     NTSTATUS mark();
     NTSTATUS play();
     NTSTATUS prepare(const TransactionDisk& disk, uint64_t offset, Bytes bytes, bool& needed);
     NTSTATUS put(const TransactionDisk& disk, size_t index, uint64_t offset, Bytes bytes);
     NTSTATUS putStretch(const JournalStretch& stretch);
-    NTSTATUS freshBytes(const TransactionDisk& disk, const JournalStretch& stretch);
+    NTSTATUS readBelow(const TransactionDisk& disk, const JournalStretch& stretch, std::span<uint8_t>& bytes);
+    NTSTATUS bytesBelow(const TransactionDisk& disk, const JournalStretch& stretch,
+                        std::span<uint8_t>& bytes);
+    NTSTATUS freshBytes(const TransactionDisk& disk, const JournalStretch& stretch, Bytes& bytes);
     NTSTATUS putPart(JournalPart part);
     NTSTATUS flushWritten();
 };
@@ -170,28 +177,62 @@ NTSTATUS Playback::put(const TransactionDisk& disk, size_t index, uint64_t offse
     return error == 0 ? STATUS_SUCCESS : refusePlace(disk, "written", offset, bytes.size(), error, problem);
 }
 
-/* What is to be written, if the overlay still holds what was journalled: its units over what the journal says
- * was there, which only holes and marked stretches have between them. Not from below: a marked unit bears its
- * mark there by now. */
-NTSTATUS Playback::freshBytes(const TransactionDisk& disk, const JournalStretch& stretch) {
+/* What the stretch holds, read with the stretches after it that lie near: in ascending order none of them has
+ * been written yet. */
+NTSTATUS Playback::readBelow(const TransactionDisk& disk, const JournalStretch& stretch,
+                             std::span<uint8_t>& bytes) {
+    const uint64_t start = stretch.offset, end = start + stretch.length;
+    if (lastRead != &disk || start < belowStart || end > belowStart + below.size()) {
+        lastRead = nullptr;
+        belowStart = start;
+        below.resize(std::min(disk.device->size(), std::max(end, windowEnd(disk, start))) - start);
+        DeviceError error = disk.device->read(start, below);
+        if (error != 0) {
+            below.resize(stretch.length);
+            error = disk.device->read(start, below);
+        }
+        if (error != 0) return refusePlace(disk, "read", start, stretch.length, error, problem);
+        lastRead = &disk;
+    }
+    bytes = std::span(below).subspan(start - belowStart, stretch.length);
+    return STATUS_SUCCESS;
+}
+
+/* What the overlay changes: below its differences lies what the disk holds, in a hole zeros, in a marked
+ * stretch what the journal says, for the disk bears the mark by now. */
+NTSTATUS Playback::bytesBelow(const TransactionDisk& disk, const JournalStretch& stretch,
+                              std::span<uint8_t>& bytes) {
+    if (!stretch.hole && !stretch.marked && disk.overlay->needsBelow(stretch.offset, stretch.length)) {
+        return readBelow(disk, stretch, bytes);
+    }
     fresh.resize(stretch.length);
     if (stretch.hole) std::fill(fresh.begin(), fresh.end(), uint8_t{0});
-    const DeviceError error = disk.overlay->patch(stretch.offset, fresh, stretch.before);
+    bytes = fresh;
+    return STATUS_SUCCESS;
+}
+
+/* What is to be written, if the overlay still holds what was journalled. */
+NTSTATUS Playback::freshBytes(const TransactionDisk& disk, const JournalStretch& stretch, Bytes& bytes) {
+    std::span<uint8_t> whole;
+    const NTSTATUS status = bytesBelow(disk, stretch, whole);
+    if (status < 0) return status;
+    const DeviceError error = disk.overlay->patch(stretch.offset, whole, stretch.before);
     if (error != 0) {
         return refuse(problem, deviceStatus(error),
                       disk.overlay->directory() + ": the temporary file there can't be read (" +
                           deviceErrorText(error) + ")");
     }
-    Bytes left = fresh;
+    bytes = whole;
+    Bytes left = whole;
     for (size_t sector = 0; !left.empty(); ++sector) {
-        const Bytes bytes = left.first(std::min<size_t>(left.size(), journal::tornAt));
-        if (checksum(bytes) != stretch.sumAt(sector)) {
+        const Bytes part = left.first(std::min<size_t>(left.size(), journal::tornAt));
+        if (checksum(part) != stretch.sumAt(sector)) {
             return refuse(problem, STATUS_IO_DEVICE_ERROR,
-                          disk.overlay->directory() +
-                              ": the temporary file there does not hold what was written to it; "
-                              "check that medium");
+                          disk.overlay->directory() + ": the temporary file there, or " +
+                              disk.device->name() +
+                              ", does not hold any more what was written to it; check these media");
         }
-        left = left.subspan(bytes.size());
+        left = left.subspan(part.size());
     }
     return STATUS_SUCCESS;
 }
@@ -200,8 +241,9 @@ NTSTATUS Playback::putStretch(const JournalStretch& stretch) {
     const TransactionDisk& disk = *disks[stretch.disk];
     progressAdd(stretch.length);
     if (side == Side::after) {
-        const NTSTATUS status = freshBytes(disk, stretch);
-        return status < 0 ? status : put(disk, stretch.disk, stretch.offset, fresh);
+        Bytes bytes;
+        const NTSTATUS status = freshBytes(disk, stretch, bytes);
+        return status < 0 ? status : put(disk, stretch.disk, stretch.offset, bytes);
     }
     if (!stretch.hole) return put(disk, stretch.disk, stretch.offset, stretch.before);
     if (sparing && disk.device->holeAt(stretch.offset, stretch.length) == stretch.length) {

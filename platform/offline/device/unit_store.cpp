@@ -60,7 +60,7 @@ uint8_t* UnitStore::inChunk(uint64_t position) const {
 }
 
 DeviceError UnitStore::write(uint32_t slot, size_t offset, Bytes bytes) {
-    uint64_t position = uint64_t{slot} * unitSize + offset;
+    uint64_t position = uint64_t{slot} * slotSize + offset;
     while (!bytes.empty() && position < bound()) {
         while (position / chunkBytes >= chunks.size()) {
             chunks.push_back(newChunk());
@@ -74,7 +74,7 @@ DeviceError UnitStore::write(uint32_t slot, size_t offset, Bytes bytes) {
 }
 
 DeviceError UnitStore::read(uint32_t slot, size_t offset, std::span<uint8_t> bytes) const {
-    uint64_t position = uint64_t{slot} * unitSize + offset;
+    uint64_t position = uint64_t{slot} * slotSize + offset;
     while (!bytes.empty() && position < bound()) {
         const size_t length = lengthInChunk(position, bytes.size());
         std::memcpy(bytes.data(), inChunk(position), length);

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
-/* The contents of an overlay's changed units by slot: in memory up to a bound, then in a temporary file that
- * has no name, so that it is gone with the process whatever ends it. */
+/* What an overlay keeps of its changed units, by slot, all slots of one size: in memory up to a bound, then
+ * in a temporary file that has no name, so that it is gone with the process whatever ends it. */
 #ifndef QUILLET_OFFLINE_DEVICE_UNIT_STORE_H
 #define QUILLET_OFFLINE_DEVICE_UNIT_STORE_H
 
@@ -17,8 +17,10 @@ namespace offline {
 constexpr size_t unitSize = 1024; /* bytes; at the end of a device a unit may be short */
 
 struct UnitStore {
-    /* The temporary file is made in the directory when the units in memory reach the bound, in bytes. */
-    UnitStore(std::string inDirectory, size_t bound) : directory(std::move(inDirectory)), inMemory(bound) {}
+    /* Sizes in bytes. The temporary file is made in the directory when the slots in memory reach the bound.
+     */
+    UnitStore(std::string inDirectory, size_t sizeOfSlot, size_t bound)
+        : directory(std::move(inDirectory)), slotSize(sizeOfSlot), inMemory(bound) {}
     ~UnitStore();
     UnitStore(const UnitStore&) = delete;
     UnitStore& operator=(const UnitStore&) = delete;
@@ -36,6 +38,7 @@ private:
     };
     using Chunk = std::unique_ptr<uint8_t[], Free>;
     static constexpr size_t chunkBytes = 2048 * unitSize; /* what the processor maps at once where it can */
+    const size_t slotSize;
     const size_t inMemory;
     std::vector<Chunk> chunks;
     int file = -1;
@@ -45,7 +48,7 @@ private:
 
     /* Bytes of all slots one after the other: those before the bound are in memory, the others in the file.
      */
-    uint64_t bound() const { return inMemory / unitSize * unitSize; }
+    uint64_t bound() const { return inMemory / slotSize * slotSize; }
     static Chunk newChunk();
     size_t lengthInChunk(uint64_t position, size_t wanted) const;
     uint8_t* inChunk(uint64_t position) const;
