@@ -14,6 +14,7 @@
 #include "platform/offline/base/ending_signals.h"
 #include "platform/offline/base/system_needed.h"
 #include "platform/offline/base/unicode.h"
+#include "platform/offline/device/linked_image.h"
 #include "platform/offline/main/run_end.h"
 #include "platform/offline/system/system.h"
 
@@ -26,7 +27,11 @@ offline::RunChoice choiceOf(const RunOptions& options) {
         if (image.empty()) throw Failure{"the name of a disk is empty; name an image file or a block device"};
     }
     choice.disks = namedDisks(options.images, options.format);
-    for (offline::DiskName& disk : choice.disks) disk.scratch = options.scratch;
+    for (offline::DiskName& disk : choice.disks) {
+        disk.scratch = options.scratch;
+        if (disk.scratch && !offline::isLinkedImagePart(disk.name))
+            throw Failure{disk.name + ": it is no clone that is being made; leave --scratch out"};
+    }
     choice.commit.rule =
         options.commit == "always" ? offline::CommitRule::always : offline::CommitRule::onSuccess;
     choice.commit.undo.keep = !options.noUndo;

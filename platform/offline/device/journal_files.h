@@ -48,10 +48,6 @@ struct JournalFiles {
 /* Those of the system. Its functions throw nothing but std::bad_alloc. */
 JournalFiles& systemJournalFiles();
 
-/* The same without a flush, for scratch disks (disk_name.h) alone: what goes wrong while the process lives is
- * taken back, and what a power cut leaves is nobody's. */
-JournalFiles& scratchJournalFiles();
-
 /* An open file; closes it. */
 struct JournalFile {
     JournalFile() = default;

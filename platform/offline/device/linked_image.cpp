@@ -23,13 +23,11 @@
 #include "platform/offline/device/journal_place.h"
 #include "platform/offline/device/nbd_device.h"
 #include "platform/offline/device/qemu_nbd.h"
+#include "platform/offline/device/scratch_commit.h"
 
 namespace offline {
 namespace {
 
-/* A run changes little at many places, so small clusters keep the file small. Smaller ones gain less than
- * their tables cost. */
-const char clusters[] = "cluster_size=16k";
 const char partEnding[] = ".quillet-part";
 
 NTSTATUS refuseFile(const std::string& name, const std::string& what, int error, Problem& problem) {
@@ -161,6 +159,10 @@ NTSTATUS goldenImageOpen(const DiskName& disk, GoldenImage& golden, Problem& pro
 
 /* ---- The linked image ---- */
 
+bool isLinkedImagePart(const std::string& name) {
+    return name.ends_with(partEnding);
+}
+
 NTSTATUS linkedImagePlace(const std::string& name, std::string& place, Problem& problem) {
     return guardedRefusing(problem, [&]() -> NTSTATUS {
         const std::string path = absolute(name);
@@ -230,10 +232,11 @@ NTSTATUS LinkedImage::takePart(Problem& problem) {
 
 NTSTATUS LinkedImage::fill(const GoldenImage& golden, Problem& problem) {
     std::string words;
-    const int status = runProgram("qemu-img",
-                                  {"create", "-q", "-f", "qcow2", "-o", clusters, "-b", golden.path, "-F",
-                                   driverOf(golden.format), "--", part},
-                                  words);
+    const int status =
+        runProgram("qemu-img",
+                   {"create", "-q", "-f", "qcow2", "-o", "cluster_size=" + std::to_string(scratchCluster),
+                    "-b", golden.path, "-F", driverOf(golden.format), "--", part},
+                   words);
     if (status == 0) return STATUS_SUCCESS;
     if (words.empty()) words = "it ended with status " + std::to_string(status);
     return refuse(problem, STATUS_UNSUCCESSFUL, called + ": qemu-img can't make it: " + words);

@@ -66,6 +66,9 @@ private:
     bool ours = false; /* the part */
 };
 
+/* Whether it is a name of one that is being made. */
+bool isLinkedImagePart(const std::string& name);
+
 /* Whether an image could be made under this name: it is UTF-8, free, and ends in ".qcow2", so that nobody
  * takes the image for a raw one, and its directory can be written. place: the same for two names of one file.
  */

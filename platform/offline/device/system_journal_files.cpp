@@ -32,7 +32,7 @@ struct Opened {
     }
 };
 
-struct SystemJournalFiles : JournalFiles {
+struct SystemJournalFiles final : JournalFiles {
     int create(const std::string& path, int& file) override {
         file = aboveStandard(
             ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
@@ -112,20 +112,10 @@ private:
     }
 };
 
-struct ScratchJournalFiles final : SystemJournalFiles {
-    int flush(int) override { return 0; }
-    int flushDirectory(const std::string&) override { return 0; }
-};
-
 } /* namespace */
 
 JournalFiles& systemJournalFiles() {
     static SystemJournalFiles files;
-    return files;
-}
-
-JournalFiles& scratchJournalFiles() {
-    static ScratchJournalFiles files;
     return files;
 }
 

@@ -14,6 +14,7 @@
 #include "platform/offline/device/device_open.h"
 #include "platform/offline/device/image_chain.h"
 #include "platform/offline/device/recovery.h"
+#include "platform/offline/device/scratch_commit.h"
 #include "platform/offline/system/installation.h"
 
 namespace offline {
@@ -147,8 +148,8 @@ NTSTATUS runDisksCommit(std::vector<RunDisk>& disks, const UndoChoice& undo, Com
         endingSignalsHold();
         const bool scratch =
             std::all_of(disks.begin(), disks.end(), [](const RunDisk& disk) { return disk.name.scratch; });
-        JournalFiles& files = scratch ? scratchJournalFiles() : systemJournalFiles();
-        return commitTransaction(files, transactionOver(disks), marks, undo, report, problem);
+        if (scratch) return commitScratch(transactionOver(disks), report, problem);
+        return commitTransaction(systemJournalFiles(), transactionOver(disks), marks, undo, report, problem);
     });
     progressEnd();
     return committed;

@@ -37,7 +37,8 @@ NTSTATUS runDisksOpen(const std::vector<DiskName>& names, DiskAccess access, std
 NTSTATUS runDiskOver(RunDisk& bottom, DiskAccess access, DiskPtr& disk, Problem& problem);
 
 /* Brings what was changed to the disks, from where nothing is cached above them any more. As
- * commitTransaction; signals that ask to end wait from here to the end of the process. */
+ * commitTransaction, where all are scratch disks as commitScratch; signals that ask to end wait from here to
+ * the end of the process. */
 NTSTATUS runDisksCommit(std::vector<RunDisk>& disks, const UndoChoice& undo, CommitReport& report,
                         Problem& problem);
 
