@@ -15,6 +15,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "tests/support/scratch_directory.h"
+
 using namespace offline;
 
 namespace {
@@ -41,13 +43,10 @@ struct LoopDevice {
 };
 
 struct FileDeviceTest : testing::Test {
-    std::string directory = testing::TempDir() + "quillet-device-XXXXXX";
+    ScratchDirectory directory;
     Problem problem;
 
-    void SetUp() override { ASSERT_NE(mkdtemp(directory.data()), nullptr); }
-    void TearDown() override { std::filesystem::remove_all(directory); }
-
-    std::string path(const std::string& name) const { return directory + "/" + name; }
+    std::string path(const std::string& name) const { return directory.at(name); }
     std::string make(const std::string& name, const ByteVector& bytes) const {
         std::ofstream(path(name), std::ios::binary)
             .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
@@ -86,7 +85,7 @@ TEST_F(FileDeviceTest, SaysWhatIsWrongWithWhatIsNoDisk) {
     expectRefused(path("missing"), STATUS_NO_SUCH_FILE, "no such file");
     expectRefused(path("file/below"), STATUS_NO_SUCH_FILE, "no such file");
     expectRefused("", STATUS_NO_SUCH_FILE, "no such file");
-    expectRefused(directory, STATUS_INVALID_PARAMETER, "directory");
+    expectRefused(directory.path, STATUS_INVALID_PARAMETER, "directory");
     expectRefused(path("empty"), STATUS_UNRECOGNIZED_VOLUME, "empty");
     expectRefused(path("pipe"), STATUS_INVALID_PARAMETER, "neither a file nor a block device");
 }
@@ -198,7 +197,7 @@ TEST_F(FileDeviceTest, AMountedFileIsRefusedUnderAllItsNames) {
     std::filesystem::create_hard_link(path("disk"), path("hard"));
     std::filesystem::create_directory(path("mount"));
     const std::string command =
-        "PATH=$PATH:/usr/sbin:/sbin; cd " + directory +
+        "PATH=$PATH:/usr/sbin:/sbin; cd " + directory.path +
         "; mkntfs -F -Q -q disk >/dev/null 2>&1 && ntfs-3g -o ro disk mount 2>/dev/null";
     if (system(command.c_str()) != 0) GTEST_SKIP() << "no mounts";
     for (const std::string name : {"disk", "hard"}) {

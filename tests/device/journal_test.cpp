@@ -10,6 +10,7 @@
 #include <fstream>
 
 #include "tests/device/journals.h"
+#include "tests/support/scratch_directory.h"
 
 namespace offline::test {
 namespace {
@@ -47,19 +48,8 @@ TEST(Journal, DamagedIsNotPlayedBack) {
     EXPECT_GT(played, 100);
 }
 
-struct Directory {
-    std::filesystem::path path;
-    Directory() {
-        std::string pattern = std::filesystem::temp_directory_path() / "quillet-XXXXXX";
-        path = mkdtemp(pattern.data());
-        path = std::filesystem::canonical(path);
-    }
-    ~Directory() { std::filesystem::remove_all(path); }
-    std::string at(const char* name) const { return (path / name).string(); }
-};
-
 TEST(Journal, PlacesAndNames) {
-    const Directory directory;
+    const ScratchDirectory directory;
     Problem problem;
     JournalPlace place;
     std::ofstream(directory.at("a.img")) << "x";
@@ -91,7 +81,7 @@ TEST(Journal, PlacesAndNames) {
 
 /* Files are their owner's alone, never overwritten, and not trusted where others may write them. */
 TEST(Journal, SystemFiles) {
-    const Directory directory;
+    const ScratchDirectory directory;
     JournalFiles& files = systemJournalFiles();
     const std::string path = directory.at("j"), link = directory.at("link");
     JournalFile file, other;

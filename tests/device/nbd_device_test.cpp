@@ -11,28 +11,27 @@
 
 #include "platform/offline/device/device_open.h"
 #include "platform/offline/device/overlay.h"
+#include "tests/support/scratch_directory.h"
 
 using namespace offline;
 
 namespace {
 
 struct NbdDeviceTest : testing::Test {
-    std::string directory = testing::TempDir() + "quillet-nbd-XXXXXX";
+    ScratchDirectory directory;
     Problem problem;
     std::vector<pid_t> servers;
 
     void SetUp() override {
         if (system("nbdkit --version >/dev/null 2>&1") != 0) GTEST_SKIP() << "no nbdkit";
-        ASSERT_NE(mkdtemp(directory.data()), nullptr);
     }
     void TearDown() override {
         for (const pid_t server : servers) kill(server, SIGTERM);
-        std::filesystem::remove_all(directory);
     }
 
     /* Its address; it is ready. */
     std::string serve(const std::string& arguments) {
-        const std::string path = directory + "/" + std::to_string(servers.size());
+        const std::string path = directory.at(std::to_string(servers.size()));
         const std::string command = "nbdkit -U " + path + " -P " + path + ".pid " + arguments;
         EXPECT_EQ(system(command.c_str()), 0) << command;
         pid_t server = 0;
@@ -100,13 +99,13 @@ TEST_F(NbdDeviceTest, HoldsWhatWasWritten) {
         compareWithModel(*device, 1);
     }
     const BlockDevicePtr below = opened(serve("memory 4M"));
-    Overlay overlay(*below, directory);
+    Overlay overlay(*below, directory.path);
     compareWithModel(overlay, 2);
     EXPECT_EQ(below->holeAt(0, 4 << 20), uint64_t{4 << 20});
 }
 
 TEST_F(NbdDeviceTest, TellsARefusalOnceAndTheServersEndForEver) {
-    const std::string trouble = directory + "/trouble";
+    const std::string trouble = directory.at("trouble");
     const BlockDevicePtr device =
         opened(serve("--filter=error memory 1M error=ENOSPC error-pwrite-rate=100% error-file=" + trouble));
     ASSERT_NE(device, nullptr);
@@ -147,8 +146,8 @@ TEST_F(NbdDeviceTest, RefusesWhatIsNotSafe) {
             EXPECT_NE(problem.text.find(words), std::string::npos) << problem.text;
         }
     }
-    EXPECT_LT(deviceOpen("nbd+unix:///?socket=" + directory + "/none", DiskAccess::readOnly, device, problem),
-              0);
+    EXPECT_LT(
+        deviceOpen("nbd+unix:///?socket=" + directory.at("none"), DiskAccess::readOnly, device, problem), 0);
 }
 
 } /* namespace */

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include "tests/device/machine.h"
+#include "tests/support/fault_device.h"
+#include "tests/support/memory_device.h"
 
 namespace offline::test {
 namespace {
@@ -36,21 +38,9 @@ TEST(Overlay, IsWhatWasWrittenElseWhatLiesBelow) {
 
 /* A changed unit hides what can't be read below it. */
 TEST(Overlay, ReadsAroundWhatIsBroken) {
-    struct Broken final : BlockDevice {
-        std::string path = "broken";
-        const std::string& name() const override { return path; }
-        uint64_t size() const override { return 8192; }
-        uint32_t sectorSize() const override { return 512; }
-        bool readOnly() const override { return true; }
-        DeviceError read(uint64_t offset, std::span<uint8_t> bytes) override {
-            std::fill(bytes.begin(), bytes.end(), uint8_t{1});
-            return offset < 3072 && offset + bytes.size() > 2048 ? EIO : 0;
-        }
-        DeviceError write(uint64_t, Bytes) override { return EROFS; }
-        DeviceError flush() override { return 0; }
-        uint64_t holeAt(uint64_t, uint64_t) override { return 0; }
-        DeviceError zero(uint64_t, uint64_t) override { return EROFS; }
-    } broken;
+    Faults faults;
+    faults.badStart = 2048, faults.badEnd = 3072;
+    FaultDevice broken(std::make_unique<MemoryDevice>(ByteVector(8192, 1)), faults);
     Overlay overlay(broken, "/tmp");
     ByteVector bytes(8192);
     EXPECT_EQ(overlay.read(0, bytes), EIO);

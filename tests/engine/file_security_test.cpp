@@ -4,7 +4,7 @@
 namespace offline {
 namespace {
 
-const std::u16string path = u"\\\\?\\c:\\file";
+const std::u16string onlyFile = u"\\\\?\\c:\\file";
 const ByteVector clean = descriptor(admins, admins, {}, {}), owned = descriptor(oldText, admins, {}, {});
 const ByteVector both = descriptor(oldText, oldText + "-513", {}, {});
 const ByteVector listed = descriptor(admins, admins, {}, acl({allowed(oldText), allowed(oldText)}));
@@ -30,7 +30,7 @@ Fault token(const char* call, LONG code) {
 
 /* "seize" is a seizure without a failure; "!" stands before a failure that is reported at ERROR. */
 // clang-format off
-const Legend legend = {
+const Legend seizures = {
     {" \\\\?\\c:\\file", ""}, {"INFO takeFileOwnership: Taking ownership of", "take"},
     {"ERROR takeFileOwnership: ", "! "}, {"Win API call ", ""}, {"take, owner, list", "seize"},
     {"WARN sidReplaceInFileSD: Original security attributes lost for", "lost"},
@@ -83,15 +83,15 @@ TEST_F(FileSecurity, EveryRoadThroughReadingAndWriting) {
         SCOPED_TRACE(row.expected);
         beginWatching();
         drives = {{}, row.keepsOld, row.reported};
-        drives.files[path] = {plainFile, row.stored};
+        drives.files[onlyFile] = {plainFile, row.stored};
         drives.answerCalls();
         faults = row.refused;
         memBuf buffer = {};
         ASSERT_TRUE(memBufInit(&buffer, 512));
         allocationsLeft = row.allocations;
-        std::string told = outcome(legend, [&] {
-            const DWORD error =
-                sidReplaceInFileSD(path.c_str(), oldSid.data(), newSid.data(), 24, 0, row.simulate, &buffer);
+        std::string told = outcome(seizures, [&] {
+            const DWORD error = sidReplaceInFileSD(onlyFile.c_str(), oldSid.data(), newSid.data(), 24, 0,
+                                                   row.simulate, &buffer);
             allocationsLeft = -1;
             return error;
         });

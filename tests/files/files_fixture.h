@@ -25,20 +25,14 @@ inline void expectError(LONG error, bool failed) {
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(error));
 }
 
-struct FilesTest : images::ImageTest {
-    std::string image;
+struct FilesTest : images::FreshVolumeTest {
     std::optional<images::OpenVolume> volume;
 
     void SetUp() override {
-        ImageTest::SetUp();
-        image = ntfsImage();
         EXPECT_EQ(enable(securityPrivilege), 0u);
         mount(DiskAccess::readWrite);
     }
-    void TearDown() override {
-        unmount();
-        ImageTest::TearDown();
-    }
+    void TearDown() override { unmount(); }
     void mount(DiskAccess access) {
         volume.emplace(image, access);
         ASSERT_NE(volume->volume, nullptr) << volume->problem.text;

@@ -45,7 +45,7 @@ void expectRefused(const ByteVector& file, const char* text) {
     EXPECT_NE(problem.text.find(text), std::string::npos) << text << " / " << problem.text;
 }
 
-constexpr NTSTATUS sound = STATUS_SUCCESS, dirty = STATUS_REGISTRY_IO_FAILED,
+constexpr NTSTATUS sound = STATUS_SUCCESS, needsLogs = STATUS_REGISTRY_IO_FAILED,
                    broken = STATUS_REGISTRY_CORRUPT, none = STATUS_NOT_REGISTRY_FILE;
 
 TEST(Broken, EachFaultIsRefusedWithItsText) {
@@ -160,7 +160,7 @@ TEST(Broken, BaseBlockTellsWhatAFileIs) {
         {none, forged(base::minor, 2)}, {none, forged(base::type, 6)},
         {broken, sized(4096)}, {broken, sized(size - 1)}, {broken, forged(base::binsSize, 0xFFFFF000)},
         {broken, forged(base::format, 2)}, {broken, lostAll},
-        {dirty, lostSum}, {dirty, forged(base::secondarySequence, 99)},
+        {needsLogs, lostSum}, {needsLogs, forged(base::secondarySequence, 99)},
         // clang-format on
     };
     for (const auto& [status, file] : rows) {
@@ -242,8 +242,8 @@ TEST(Real, SoundHivesOpenAndStaySoundAndOthersAreRefused) {
        free cells, accounts twice only in what the values mean. */
     std::map<std::string, NTSTATUS> expected{
         // clang-format off
-        {"clean", sound}, {"machine", sound}, {"broken", broken}, {"dirty", dirty},
-        {"clean/EffectiveSizeHive", dirty}, {"machine/SECURITY", dirty}, {"broken/SAM-bad-checksum", dirty},
+        {"clean", sound}, {"machine", sound}, {"broken", broken}, {"dirty", needsLogs},
+        {"clean/EffectiveSizeHive", needsLogs}, {"machine/SECURITY", needsLogs}, {"broken/SAM-bad-checksum", needsLogs},
         {"broken/BogusKeyNamesHive", sound}, {"broken/DupNameHive", sound}, {"broken/SAM_DUPENAME", sound},
         {"broken/TruncatedPairHive", sound},
         // clang-format on

@@ -1,23 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Saving: the order on the medium, what is written, and failures of the store and of memory. */
 #include "tests/hive/check.h"
-
-namespace {
-/* Counts down with every allocation while it is not negative; the one at 0 fails. */
-long allocationsLeft = -1;
-} /* namespace */
-
-[[gnu::noinline]] void* operator new(size_t size) {
-    if (allocationsLeft >= 0 && allocationsLeft-- == 0) throw std::bad_alloc();
-    if (void* const block = malloc(size)) return block;
-    throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* block) noexcept {
-    free(block);
-}
-[[gnu::noinline]] void operator delete(void* block, size_t) noexcept {
-    free(block);
-}
+#include "tests/support/scarce_memory.h"
 
 namespace offline::test {
 namespace {

@@ -9,7 +9,7 @@ constexpr NTSTATUS denied = STATUS_ACCESS_DENIED, missing = STATUS_OBJECT_NAME_N
 
 /* "!" stands before a failure that is reported at ERROR, "(!)" at DEBUG. */
 // clang-format off
-const Legend legend = {
+const Legend openings = {
     {"WARN _regOpenCreateKey: Original security attributes lost for a", "lost"},
     {"INFO _regOpenCreateKey: Taking ownership of a", "taking"},
     {"DEBUG _regOpenCreateKey: Finally open a, access=0x20019", "open"}, {" for a, access=0x", " "},
@@ -94,7 +94,7 @@ TEST_F(Open, RootsAndFailures) {
     // clang-format on
     for (const auto& row : rows) {
         faults = row.faults;
-        const std::string told = outcome(legend, [&] {
+        const std::string told = outcome(openings, [&] {
             HANDLE key = nullptr;
             DWORD error = 77;
             EXPECT_EQ(regOpenKey(row.root, row.name, KEY_READ, row.flags, &key, &error),
@@ -158,7 +158,7 @@ TEST_F(Open, OutcomesOfTheRecovery) {
         }
         memBuf secBuf = {};
         void* saved = &secBuf;
-        const std::string told = outcome(legend, [&] {
+        const std::string told = outcome(openings, [&] {
             HANDLE key = nullptr;
             const NTSTATUS status =
                 regNtOpenKeySaveSec(&key, KEY_READ, &attributes, REG_TAKE_OWNERSHIP | row.flags, &secBuf,
@@ -186,7 +186,7 @@ TEST_F(Open, AUserOrOwnerThatIsTooLongIsNotUsed) {
     };
     for (const auto& seize : std::vector<std::function<DWORD()>>{
              [&] { return regTakesOwnershipU(root, &name); }, [] { return takeFileOwnership(u"c:\\f"); }})
-        EXPECT_TRUE(outcome(legend, seize).ends_with(" requested 89 bytes of buffer (88 allocated), 1359"));
+        EXPECT_TRUE(outcome(openings, seize).ends_with(" requested 89 bytes of buffer (88 allocated), 1359"));
 }
 
 /* What an image that was read asks for when it is written back. */

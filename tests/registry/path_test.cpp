@@ -130,27 +130,6 @@ TEST_F(LinkTest, LinksAreFollowedAtEveryComponent) {
     EXPECT_EQ(setText(link, u"other", REG_LINK, full(u"real")), STATUS_ACCESS_DENIED);
 }
 
-TEST_F(HandleTest, ADeletedKeyAnswersKeyDeleted) {
-    HANDLE first = create(u"dead");
-    HANDLE second = open(u"DEAD");
-    HANDLE parent = create(u"parent");
-    create(u"parent\\child");
-    EXPECT_EQ(ZwDeleteKey(parent), STATUS_CANNOT_DELETE);
-    EXPECT_EQ(ZwDeleteKey(open(u"")), STATUS_CANNOT_DELETE);
-    ASSERT_EQ(ZwDeleteKey(first), STATUS_SUCCESS);
-    HANDLE reborn = create(u"dead"); /* may well get the same cell */
-    for (HANDLE key : {first, second}) {
-        HANDLE opened = nullptr;
-        EXPECT_EQ(nameOf(key), "?");
-        EXPECT_EQ(setText(key, u"v", REG_SZ, u"x"), STATUS_KEY_DELETED);
-        EXPECT_EQ(openKey(opened, u"", {.root = key}), STATUS_KEY_DELETED);
-    }
-    EXPECT_EQ(ZwClose(first), STATUS_SUCCESS);
-    EXPECT_EQ(ZwClose(second), STATUS_SUCCESS);
-    EXPECT_EQ(nameOf(reborn), "dead");
-    EXPECT_EQ(ZwDeleteKey(reborn), STATUS_SUCCESS);
-}
-
 TEST_F(HandleTest, AResetEndsOpenKeys) {
     HANDLE key = create(u"key");
     ASSERT_EQ(ZwDeleteKey(create(u"deleted")), STATUS_SUCCESS);

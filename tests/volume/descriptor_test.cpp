@@ -1,9 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
 #include <algorithm>
-#include <cstdlib>
 #include <functional>
-#include <new>
 
+#include "tests/support/scarce_memory.h"
 #include "tests/volume/images.h"
 
 using namespace offline;
@@ -13,30 +12,8 @@ using images::OpenVolume;
 using images::put;
 
 namespace {
-/* Counts down with every allocation while it is not negative; the one at 0 fails. */
-long allocationsLeft = -1;
-} /* namespace */
 
-[[gnu::noinline]] void* operator new(size_t size) {
-    if (allocationsLeft >= 0 && allocationsLeft-- == 0) throw std::bad_alloc();
-    if (void* const block = malloc(size)) return block;
-    throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* block) noexcept {
-    free(block);
-}
-[[gnu::noinline]] void operator delete(void* block, size_t) noexcept {
-    free(block);
-}
-
-namespace {
-
-struct DescriptorTest : images::ImageTest {
-    std::string image;
-    void SetUp() override {
-        ImageTest::SetUp();
-        image = ntfsImage();
-    }
+struct DescriptorTest : images::FreshVolumeTest {
     /* As another program sees it; with this many descriptors beside the two of a fresh volume. */
     void expectSound(size_t stored) const {
         const std::string report = images::outputOf("ntfssecaudit -ar " + image);

@@ -16,13 +16,7 @@ using images::OpenVolume;
 
 namespace {
 
-struct TroubleTest : images::ImageTest {
-    std::string image;
-    void SetUp() override {
-        ImageTest::SetUp();
-        image = ntfsImage();
-    }
-};
+using TroubleTest = images::FreshVolumeTest;
 
 /* What a commit writes first: both copies of the flags, one bit apart from what lies there. */
 TEST_F(TroubleTest, TheDirtyMarkIsNotedAndNothingElseOfTheFlagsChanges) {

@@ -5,7 +5,6 @@
 
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -17,26 +16,9 @@ namespace images {
 
 offline::Faults failures;
 
-void ImageTest::SetUp() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "quillet-volume-XXXXXX").string();
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    directory = pattern;
-    failures = {};
-}
-
-void ImageTest::TearDown() {
-    failures = {};
-    std::filesystem::remove_all(directory);
-}
-
-ByteVector ImageTest::ntfs(size_t size, uint64_t startSector) {
+ByteVector ImageTest::ntfs(size_t size, uint64_t startSector) const {
     makeNtfs(path("fresh.img"), size, startSector);
     return readFile(path("fresh.img"));
-}
-
-std::string ImageTest::ntfsImage() {
-    makeNtfs(path("volume.img"), 4 * mebibyte);
-    return path("volume.img");
 }
 
 void makeNtfs(const std::string& image, size_t size, uint64_t startSector) {

@@ -12,6 +12,7 @@
 
 #include "platform/offline/volume/volume.h"
 #include "tests/support/fault_device.h"
+#include "tests/support/scratch_directory.h"
 
 namespace images {
 
@@ -19,17 +20,17 @@ using ByteVector = std::vector<uint8_t>;
 using offline::FileRef;
 constexpr size_t mebibyte = 1024 * 1024;
 
-/* A directory of its own for each test, removed with everything in it. */
+/* What the devices of open volumes refuse from now on, and what they were asked. */
+extern offline::Faults failures;
+
 struct ImageTest : testing::Test {
-    std::string directory;
-    void SetUp() override;
-    void TearDown() override;
-    std::string path(const std::string& name) const { return directory + "/" + name; }
+    offline::ScratchDirectory directory;
+    ImageTest() { failures = {}; }
+    ~ImageTest() override { failures = {}; }
+    std::string path(const std::string& name) const { return directory.at(name); }
 
     /* The bytes of a freshly made NTFS volume that starts at an offset of its disk. */
-    ByteVector ntfs(size_t size = 4 * mebibyte, uint64_t startSector = 0);
-    /* The path of a raw image with a fresh volume. */
-    std::string ntfsImage();
+    ByteVector ntfs(size_t size = 4 * mebibyte, uint64_t startSector = 0) const;
 };
 
 /* Makes the file anew, with a fresh NTFS volume that starts at a sector of its disk. */
@@ -37,6 +38,12 @@ void makeNtfs(const std::string& image, size_t size, uint64_t startSector = 0);
 ByteVector readFile(const std::string& path);
 void writeFile(const std::string& path, const ByteVector& bytes);
 std::string outputOf(const std::string& command); /* standard output and error */
+
+/* With a raw image of a fresh volume. */
+struct FreshVolumeTest : ImageTest {
+    std::string image = path("volume.img");
+    FreshVolumeTest() { makeNtfs(image, 4 * mebibyte); }
+};
 
 /* Little-endian numbers. */
 template <class Number>
@@ -72,9 +79,6 @@ size_t valueAt(const ByteVector& image, FileRef file, uint32_t type, size_t mft 
 
 /* A self-relative descriptor whose owner and only entry are distinguished by the number. */
 ByteVector descriptor(uint32_t number, uint16_t control = SE_SELF_RELATIVE | SE_DACL_PRESENT);
-
-/* What the devices of open volumes refuse from now on, and what they were asked. */
-extern offline::Faults failures;
 
 /* An open volume on a raw image. */
 struct OpenVolume {

@@ -13,7 +13,7 @@ using images::OpenVolume;
 namespace {
 
 constexpr size_t recordSize = 1024, window = 64 * 1024; /* bytes */
-constexpr uint32_t attributeList = 0x20, data = 0x80;
+constexpr uint32_t attributeList = 0x20, dataAttribute = 0x80;
 
 struct RecordOrder : images::ImageTest {
     std::string image;
@@ -22,7 +22,6 @@ struct RecordOrder : images::ImageTest {
     FileRef linked = 0, listed = 0, lost = 0, broken = 0;
 
     void SetUp() override {
-        ImageTest::SetUp();
         image = path("volume.img");
         images::makeNtfs(image, 8 * images::mebibyte);
         OpenVolume opened(image);
@@ -49,7 +48,7 @@ struct RecordOrder : images::ImageTest {
     /* The pieces of the MFT, in bytes. */
     static std::vector<std::pair<size_t, size_t>> pieces(const ByteVector& bytes) {
         const size_t cluster = bytes[0x0D] * 512u;
-        const size_t attribute = images::attributeAt(bytes, 0, data);
+        const size_t attribute = images::attributeAt(bytes, 0, dataAttribute);
         std::vector<std::pair<size_t, size_t>> result;
         int64_t start = 0;
         for (size_t at = attribute + images::get<uint16_t>(bytes, attribute + 32); bytes[at] != 0;) {

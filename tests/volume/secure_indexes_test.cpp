@@ -12,13 +12,11 @@ namespace {
 constexpr FileRef secureFile = 9;
 constexpr uint32_t indexRoot = 0x90, bitmap = 0xB0;
 
-struct SecureIndexes : images::ImageTest {
+struct SecureIndexes : images::FreshVolumeTest {
     ByteVector sound;
     std::vector<size_t> blocks; /* where those of the two indexes lie */
 
     void SetUp() override {
-        images::ImageTest::SetUp();
-        const std::string image = ntfsImage();
         OpenVolume opened(image);
         for (uint32_t i = 0; i < 300; i++) opened.make({char16_t(0x4E00 + i)}, images::descriptor(2000 + i));
         ASSERT_EQ(opened.close(), STATUS_SUCCESS);
@@ -35,15 +33,15 @@ struct SecureIndexes : images::ImageTest {
     bool inner(size_t block) const { return (sound[block + 36] & 1) != 0; }
 
     /* What opening for changes would say of the volume. */
-    std::string verdict(const ByteVector& image) const {
-        images::writeFile(path("tried.img"), image);
+    std::string verdict(const ByteVector& bytes) const {
+        images::writeFile(path("tried.img"), bytes);
         const OpenVolume opened(path("tried.img"), DiskAccess::trial);
         return opened.volume != nullptr ? "sound" : opened.problem.text;
     }
     void expectRefused(size_t at, uint64_t value, size_t size, const std::string& what) const {
-        ByteVector image = sound;
-        for (size_t i = 0; i < size; i++) image[at + i] = static_cast<uint8_t>(value >> (8 * i));
-        const std::string said = verdict(image);
+        ByteVector bytes = sound;
+        for (size_t i = 0; i < size; i++) bytes[at + i] = static_cast<uint8_t>(value >> (8 * i));
+        const std::string said = verdict(bytes);
         /* The library itself does not take every root. */
         EXPECT_NE(said.find(what == "root" ? "damaged" : "index of security descriptors"), said.npos) << what;
         const OpenVolume looked(path("tried.img"), DiskAccess::readOnly);

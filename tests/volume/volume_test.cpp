@@ -11,12 +11,7 @@ using images::put;
 
 namespace {
 
-struct VolumeTest : images::ImageTest {
-    std::string image;
-    void SetUp() override {
-        ImageTest::SetUp();
-        image = ntfsImage();
-    }
+struct VolumeTest : images::FreshVolumeTest {
     void expectRefused(NTSTATUS status, const std::string& words) const {
         const ByteVector before = images::readFile(image);
         for (DiskAccess access : {DiskAccess::readWrite, DiskAccess::trial, DiskAccess::readOnly}) {

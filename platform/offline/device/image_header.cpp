@@ -4,26 +4,13 @@
 #include <algorithm>
 #include <string_view>
 
+#include "platform/offline/device/image_signature.h"
+
 namespace offline {
 namespace {
 
-using namespace std::string_view_literals;
-
 /* ---- Beginnings and ends ---- */
 
-struct Signature {
-    size_t offset;
-    std::string_view bytes;
-    DiskFormat format;
-};
-
-constexpr std::string_view vmdkSparse = "KDMV"sv, vmdkDescriptor = "# Disk DescriptorFile"sv,
-                           vhdCookie = "conectix"sv;
-constexpr Signature signatures[] = {
-    {0, "QFI\xFB"sv, DiskFormat::qcow2},   {0, vmdkSparse, DiskFormat::vmdk},
-    {0, vmdkDescriptor, DiskFormat::vmdk}, {0, "vhdxfile"sv, DiskFormat::vhdx},
-    {0, vhdCookie, DiskFormat::vhd},       {0x40, "\x7F\x10\xDA\xBE"sv, DiskFormat::vdi},
-};
 constexpr uint64_t beginningSize = 512; /* bytes; of a VHD's footer, too */
 
 /* So many bytes from the offset on, or those up to the end. */
@@ -31,13 +18,6 @@ DeviceError readSome(BlockDevice& file, uint64_t offset, uint64_t count, ByteVec
     const uint64_t size = file.size(), start = std::min(offset, size);
     bytes.resize(static_cast<size_t>(std::min(count, size - start)));
     return file.read(start, bytes);
-}
-
-bool begins(Bytes bytes, std::string_view with, size_t at = 0) {
-    const Bytes there = checkedSpan(bytes, at, with.size());
-    return !there.empty() &&
-           std::equal(there.begin(), there.end(), with.begin(),
-                      [](uint8_t one, char other) { return one == static_cast<uint8_t>(other); });
 }
 
 /* Numbers that lie with their highest byte first; the offset is known to lie inside. */
@@ -169,8 +149,8 @@ DeviceError readVmdk(BlockDevice& file, ImageHeader& header) {
     ByteVector text;
     DeviceError error = readSome(file, 0, beginningSize, text);
     if (error != 0) return error;
-    if (begins(text, vmdkSparse) && text.size() >= vmdk::sparseSize) return readSparse(file, text, header);
-    if (!begins(text, vmdkDescriptor) || file.size() > vmdk::largestDescriptor) {
+    if (holdsText(text, vmdkSparse) && text.size() >= vmdk::sparseSize) return readSparse(file, text, header);
+    if (!holdsText(text, vmdkDescriptor) || file.size() > vmdk::largestDescriptor) {
         header.unusable = "it is no VMDK that is known";
         return 0;
     }
@@ -191,10 +171,10 @@ DeviceError readVhdFooter(BlockDevice& file, ByteVector& footer) {
 DeviceError readVhd(BlockDevice& file, ImageHeader& header) {
     ByteVector footer;
     DeviceError error = readSome(file, 0, beginningSize, footer);
-    const bool dynamic = begins(footer, vhdCookie);
+    const bool dynamic = holdsText(footer, vhdCookie);
     if (error == 0 && !dynamic) error = readVhdFooter(file, footer);
     if (error != 0) return error;
-    const bool whole = footer.size() == beginningSize && begins(footer, vhdCookie);
+    const bool whole = footer.size() == beginningSize && holdsText(footer, vhdCookie);
     if (!whole || bigAt<uint32_t>(footer, vhdType) != (dynamic ? vhdDynamic : vhdFixed)) {
         header.unusable = "it is neither a fixed nor a dynamic VHD; merge a differencing one with its parent";
     }
@@ -205,11 +185,8 @@ DeviceError readVhd(BlockDevice& file, ImageHeader& header) {
 
 DeviceError beginningOf(BlockDevice& file, DiskFormat& format) {
     ByteVector bytes;
-    format = DiskFormat::raw;
     const DeviceError error = readSome(file, 0, beginningSize, bytes);
-    for (const Signature& signature : signatures) {
-        if (error == 0 && begins(bytes, signature.bytes, signature.offset)) format = signature.format;
-    }
+    format = error == 0 ? formatOfBeginning(bytes) : DiskFormat::raw;
     return error;
 }
 
@@ -220,7 +197,7 @@ DeviceError fitsFormat(BlockDevice& file, DiskFormat format, bool& fits) {
     if (error != 0 || format != DiskFormat::vhd || beginning != DiskFormat::raw) return error;
     ByteVector footer;
     error = readVhdFooter(file, footer);
-    fits = begins(footer, vhdCookie);
+    fits = holdsText(footer, vhdCookie);
     return error;
 }
 

@@ -3,6 +3,8 @@
 
 #include <string_view>
 
+#include "platform/offline/device/image_signature.h"
+
 namespace offline {
 namespace {
 
@@ -10,7 +12,7 @@ using namespace std::string_view_literals;
 
 struct Signature {
     size_t offset;
-    std::string_view bytes;
+    std::string_view text;
     Contents contents;
 };
 
@@ -28,12 +30,6 @@ const Signature signatures[] = {
     {0, "XFSB"sv, {ContentsKind::other, "XFS"}},
     {0, "LUKS\xBA\xBE"sv, {ContentsKind::other, "LUKS"}},
     {4086, "SWAPSPACE2"sv, {ContentsKind::other, "swap"}},
-    {0, "QFI\xFB"sv, {ContentsKind::container, "qcow2"}},
-    {0, "KDMV"sv, {ContentsKind::container, "VMDK"}},
-    {0, "# Disk DescriptorFile"sv, {ContentsKind::container, "VMDK"}},
-    {0, "vhdxfile"sv, {ContentsKind::container, "VHDX"}},
-    {0, "conectix"sv, {ContentsKind::container, "dynamic VHD"}},
-    {0x40, "\x7F\x10\xDA\xBE"sv, {ContentsKind::container, "VDI"}},
 };
 
 constexpr uint64_t largestVolume = uint64_t{1} << 62; /* bytes; keeps sums of sizes and starts in 64 bits */
@@ -42,12 +38,10 @@ constexpr uint64_t largestVolume = uint64_t{1} << 62; /* bytes; keeps sums of si
 
 Contents recogniseContents(Bytes head) {
     for (const Signature& signature : signatures) {
-        Bytes found = checkedSpan(head, signature.offset, signature.bytes.size());
-        if (!found.empty() && std::memcmp(found.data(), signature.bytes.data(), found.size()) == 0) {
-            return signature.contents;
-        }
+        if (holdsText(head, signature.text, signature.offset)) return signature.contents;
     }
-    return {};
+    const DiskFormat image = formatOfBeginning(head);
+    return image == DiskFormat::raw ? Contents() : Contents{ContentsKind::container, formatName(image)};
 }
 
 bool ntfsBootSector(Bytes sector, NtfsBootSector& boot) {
