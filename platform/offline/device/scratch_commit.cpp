@@ -10,10 +10,10 @@
 namespace offline {
 namespace {
 
-constexpr uint64_t longestWindow = 16 * scratchCluster, readAhead = 4 * longestWindow; /* bytes */
+constexpr uint64_t longestWindow = 16 * scratchCluster, windowsAhead = 4 * longestWindow; /* bytes */
 
 /* Neighbouring clusters with changes: as they are on the disk, then as they are to be. */
-struct Window {
+struct ClusterWindow {
     uint64_t start;
     ByteVector before, after = {};
 };
@@ -22,13 +22,13 @@ struct ScratchCommit {
     const TransactionDisk& disk;
     CommitReport& report;
     Problem& problem;
-    std::vector<Window> windows = {};
+    std::vector<ClusterWindow> windows = {};
 
     NTSTATUS refuseDisk(const char* what, DeviceError error) const;
     bool nextWindows(uint64_t& from);
     DeviceError load();
     NTSTATUS write(uint64_t offset, Bytes bytes);
-    NTSTATUS write(const Window& window);
+    NTSTATUS write(const ClusterWindow& window);
     NTSTATUS commit();
 };
 
@@ -41,7 +41,7 @@ NTSTATUS ScratchCommit::refuseDisk(const char* what, DeviceError error) const {
 bool ScratchCommit::nextWindows(uint64_t& from) {
     uint64_t changed = 0, bytes = 0;
     windows.clear();
-    while (bytes < readAhead && disk.overlay->nextChanged(from, changed)) {
+    while (bytes < windowsAhead && disk.overlay->nextChanged(from, changed)) {
         const uint64_t start = changed - changed % scratchCluster;
         from = start + scratchCluster;
         while (from - start < longestWindow && disk.overlay->nextChanged(from, changed) &&
@@ -57,9 +57,9 @@ bool ScratchCommit::nextWindows(uint64_t& from) {
 
 DeviceError ScratchCommit::load() {
     std::vector<DeviceRead> reads;
-    for (Window& window : windows) reads.push_back({window.start, window.before});
+    for (ClusterWindow& window : windows) reads.push_back({window.start, window.before});
     DeviceError error = disk.device->readAll(reads);
-    for (Window& window : windows) {
+    for (ClusterWindow& window : windows) {
         window.after = window.before;
         if (error == 0) error = disk.overlay->patch(window.start, window.after);
     }
@@ -75,7 +75,7 @@ NTSTATUS ScratchCommit::write(uint64_t offset, Bytes bytes) {
 }
 
 /* Neighbours that differ at once. */
-NTSTATUS ScratchCommit::write(const Window& window) {
+NTSTATUS ScratchCommit::write(const ClusterWindow& window) {
     const Bytes after = window.after;
     uint64_t first = 0;
     NTSTATUS status = STATUS_SUCCESS;
