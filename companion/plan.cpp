@@ -29,15 +29,21 @@ struct Plan {
 
 private:
     void refuseSystem();
+    void noteFailure(NTSTATUS status);
 };
+
+/* What lets a run fail that came to its end. */
+void Plan::noteFailure(NTSTATUS status) {
+    if (status < 0 && results.runStatus.value_or(0) == 0) {
+        results.runStatus = static_cast<int>(RtlNtStatusToDosError(status));
+    }
+}
 
 /* Ends the plan as the run would end, where the system is refused. */
 void Plan::refuseSystem() {
     const offline::Problem& problem = offline::systemProblem();
     if (problem.status >= 0) return;
-    if (results.runStatus.value_or(0) == 0) {
-        results.runStatus = static_cast<int>(RtlNtStatusToDosError(problem.status));
-    }
+    noteFailure(problem.status);
     throw Failure{problem.text, offline::exitStatusOf(*results.runStatus)};
 }
 
@@ -59,10 +65,13 @@ void Plan::run() {
     callTool(options.quilletOptions, {false, false}, results);
     refuseSystem();
     Opened left;
-    offline::Problem problem;
+    offline::Problem problem, unread;
     if (offline::systemInstallation() == nullptr) return nothingChanged(results); /* "-h", or no option */
     results.unseen.clear();
-    if (offline::systemHandOver(left.installation, problem) < 0) results.unseen.push_back(problem.text);
+    const NTSTATUS saved = offline::systemHandOver(left.installation, problem);
+    if (saved < 0) results.unseen.push_back(problem.text);
+    noteFailure(saved);
+    noteFailure(offline::installationReadWhole(left.installation, unread)); /* told with what is unseen */
     lookAfter(left, results, [&](const Finding& finding) {
         if (options.verbose && !options.json) remains.push_back(findingLine(finding, "would remain"));
     });
@@ -93,8 +102,8 @@ void Plan::tell() {
 
 int Plan::end() const {
     sayAll(results.unseen);
-    if (!results.unseen.empty()) return exitFailed;
     if (*results.runStatus != 0) return offline::exitStatusOf(*results.runStatus);
+    if (!results.unseen.empty()) return exitFailed;
     return sum(results.counts->remaining) != 0 ? exitRemains : exitDone;
 }
 
