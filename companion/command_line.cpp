@@ -169,6 +169,11 @@ void declareIdentity(CLI::App& app, IdentityOptions& options, const char* name) 
         ->type_name("IDS");
 }
 
+/* The library takes a number that begins with a zero for an octal one. */
+std::string withoutZeros(const std::string& number) {
+    return number.substr(std::min(number.find_first_not_of('0'), number.size() - !number.empty()));
+}
+
 void declareReport(CLI::App& app, std::string& file) {
     app.add_option("--report", file, "Write a page of HTML to hand over")
         ->check(refuseNoName)
@@ -244,6 +249,7 @@ void declare(CLI::App& app, CloneOptions& options) {
         ->type_name("N");
     declareIdentity(app, options.identity, "The computers' name, for several with a number: web-%02d");
     app.add_option("--first-number", options.firstNumber, "The number in the first one's name (1)")
+        ->transform(withoutZeros)
         ->check(CLI::Range(0, 99999999).description(""))
         ->type_name("N");
     app.add_flag("-v,--verbose", options.verbose, "Show what each run says on standard error");
@@ -253,6 +259,7 @@ void declare(CLI::App& app, CloneOptions& options) {
 void declare(CLI::App& app, UndoOptions& options) {
     declareImages(app, options);
     app.add_option("--undo", options.file, "The undo file (the latest one beside the images)")
+        ->check(refuseNoName)
         ->type_name("FILE");
     declareJson(app, options.json);
 }

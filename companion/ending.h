@@ -8,15 +8,16 @@
 
 namespace companion {
 
+/* Exit statuses of the program. */
+constexpr int exitDone = 0;
+constexpr int exitFailed = 2; /* usage errors too */
+
 /* Thrown to end the command. One line in UTF-8: "FILE: what is wrong; what to do", without a final newline.
  */
 struct Failure {
     std::string text;
+    int status = exitFailed; /* that the process ends with */
 };
-
-/* Exit statuses of the program. */
-constexpr int exitDone = 0;
-constexpr int exitFailed = 2; /* usage errors too */
 
 /* Writes the line to standard error, with the program's name before it. */
 void say(const std::string& line);

@@ -37,10 +37,12 @@ using companion::Results;
 /* The body's status. What it throws is told by one line. */
 int told(Results& results, const std::function<int()>& body) {
     std::string line;
+    int status = companion::exitFailed;
     try {
         return body();
     } catch (const companion::Failure& failure) {
         line = failure.text;
+        status = failure.status;
     } catch (const std::bad_alloc&) {
         /* In no string of its own: that would take memory. */
         fputs("quillet-offline: out of memory; close other programs and try again\n", stderr);
@@ -50,7 +52,7 @@ int told(Results& results, const std::function<int()>& body) {
     if (!line.empty()) companion::say(line);
     if (!line.empty()) results.problems.push_back(line);
     results.asTool = false;
-    return companion::exitFailed;
+    return status;
 }
 
 int exitStatusOf(const Results& results, int status) {

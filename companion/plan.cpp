@@ -7,6 +7,7 @@
 #include "companion/commands.h"
 #include "companion/ending.h"
 #include "companion/results/tool_run.h"
+#include "platform/nt.h"
 #include "platform/offline/base/system_needed.h"
 #include "platform/offline/base/unicode.h"
 #include "platform/offline/main/call_tool.h"
@@ -17,10 +18,6 @@ namespace {
 
 constexpr int exitRemains = 1;
 
-void refuseSystem() {
-    if (offline::systemProblem().status < 0) throw Failure{offline::systemProblem().text};
-}
-
 struct Plan {
     const PlanOptions& options;
     Results& results;
@@ -29,7 +26,26 @@ struct Plan {
     void run();
     void tell();
     int end() const;
+
+private:
+    void refuseSystem();
+    void noteFailure(NTSTATUS status);
 };
+
+/* What lets a run fail that came to its end. */
+void Plan::noteFailure(NTSTATUS status) {
+    if (status < 0 && results.runStatus.value_or(0) == 0) {
+        results.runStatus = static_cast<int>(RtlNtStatusToDosError(status));
+    }
+}
+
+/* Ends the plan as the run would end, where the system is refused. */
+void Plan::refuseSystem() {
+    const offline::Problem& problem = offline::systemProblem();
+    if (problem.status >= 0) return;
+    noteFailure(problem.status);
+    throw Failure{problem.text, offline::exitStatusOf(*results.runStatus)};
+}
 
 /* What holds the machine's SID now; the run; what would still hold the SID after it. */
 void Plan::run() {
@@ -43,17 +59,19 @@ void Plan::run() {
     results.listPlaces = options.verbose;
     offline::systemStartOn({namedDisks(options.images, options.format), offline::DiskAccess::planned, {}},
                            nullptr);
-    if (!lookBefore(results, true)) refuseSystem();
-    if (!wish.empty() && offline::systemNeeded() < 0) refuseSystem();
+    if (!lookBefore(results, true) || (!wish.empty() && offline::systemNeeded() < 0)) refuseSystem();
     results.identity = changeIdentity(wish);
     forgetNewIds(results.identity);
     callTool(options.quilletOptions, {false, false}, results);
     refuseSystem();
     Opened left;
-    offline::Problem problem;
+    offline::Problem problem, unread;
     if (offline::systemInstallation() == nullptr) return nothingChanged(results); /* "-h", or no option */
     results.unseen.clear();
-    if (offline::systemHandOver(left.installation, problem) < 0) results.unseen.push_back(problem.text);
+    const NTSTATUS saved = offline::systemHandOver(left.installation, problem);
+    if (saved < 0) results.unseen.push_back(problem.text);
+    noteFailure(saved);
+    noteFailure(offline::installationReadWhole(left.installation, unread)); /* told with what is unseen */
     lookAfter(left, results, [&](const Finding& finding) {
         if (options.verbose && !options.json) remains.push_back(findingLine(finding, "would remain"));
     });
@@ -84,8 +102,8 @@ void Plan::tell() {
 
 int Plan::end() const {
     sayAll(results.unseen);
-    if (!results.unseen.empty()) return exitFailed;
     if (*results.runStatus != 0) return offline::exitStatusOf(*results.runStatus);
+    if (!results.unseen.empty()) return exitFailed;
     return sum(results.counts->remaining) != 0 ? exitRemains : exitDone;
 }
 

@@ -35,7 +35,7 @@ struct IdentityWish {
 /* Throws Failure for what is no computer name, and for ids that --new doesn't know. */
 IdentityWish identityWish(const IdentityOptions& options);
 
-/* Throws Failure where quillet's options make no run: a dry run, help. */
+/* Throws Failure where quillet's options make no run: a dry run, help, what is none of them. */
 void refuseWithoutRun(const std::vector<std::string>& quilletOptions, const IdentityWish& wish);
 
 /* The computer names of so many clones: of a pattern with one "%d" or "%0Nd" that with the numbers from first

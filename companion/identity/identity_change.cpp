@@ -206,20 +206,21 @@ std::vector<std::u16string> controlSets() {
     const std::u16string_view begin = u"ControlSet";
     std::vector<std::u16string> sets;
     OpenKey system;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"SYSTEM", 0, KEY_ENUMERATE_SUB_KEYS, &system.handle) != 0) {
-        throw Failure{
-            "SYSTEM: its control sets can't be listed, so that nothing was changed; check the disk"};
-    }
-    std::array<char16_t, 256> name = {};
-    auto length = static_cast<DWORD>(name.size());
-    for (DWORD i = 0;
-         RegEnumKeyExW(system.handle, i, name.data(), &length, nullptr, nullptr, nullptr, nullptr) == 0;
-         i++, length = static_cast<DWORD>(name.size())) {
+    LSTATUS code = RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"SYSTEM", 0, KEY_ENUMERATE_SUB_KEYS, &system.handle);
+    std::array<char16_t, 256> name = {}; /* the longest, and its end */
+    for (DWORD i = 0; code == 0; i++) {
+        auto length = static_cast<DWORD>(name.size());
+        code = RegEnumKeyExW(system.handle, i, name.data(), &length, nullptr, nullptr, nullptr, nullptr);
+        if (code != 0) break;
         const std::u16string_view text(name.data(), length);
         const bool numbered =
             text.size() == begin.size() + 3 && offline::equalFolded(text.substr(0, begin.size()), begin) &&
             text.find_first_not_of(u"0123456789", begin.size()) == std::u16string_view::npos;
         if (numbered) sets.push_back(u"SYSTEM\\" + std::u16string(text));
+    }
+    if (code != ERROR_NO_MORE_ITEMS) {
+        throw Failure{"SYSTEM: its control sets can't be listed (" + win32Words(static_cast<uint32_t>(code)) +
+                      "); nothing was changed; check the disk"};
     }
     return sets;
 }

@@ -127,10 +127,11 @@ IdentityWish identityWish(const IdentityOptions& options) {
 void refuseWithoutRun(const std::vector<std::string>& quilletOptions, const IdentityWish& wish) {
     if (wish.empty()) return;
     for (const std::string& option : quilletOptions) {
-        if (!option.starts_with('-') || option.find_first_of("sh") == std::string::npos) continue;
-        throw Failure{option +
-                      ": names and ids are changed together with the SID, and with this option that "
-                      "stays; leave it out, or --computer-name and --new"};
+        if (option.starts_with('-') && option.find_first_not_of("fbrqv", 1) == std::string::npos) continue;
+        throw Failure{
+            "\"" + option +
+            "\": names and ids are changed together with the SID, and with this that stays; leave it "
+            "out, or --computer-name and --new"};
     }
 }
 

@@ -93,7 +93,7 @@ class Refused(IdentityCase):
         rows += [(["--new", ids], "is none of machine-guid") for ids in ("", "duid,", "sid", "computer-name", "duid machine-guid")]
         for wish, words in rows:
             for command in ("run", "plan"): self.assert_refused(self.look(command, *wish, "a.img"), words)
-        self.assert_refused(self.look("run", "--new", "all", "a.img", "--", "-vs"), "leave it out")
+        for option in ("-vs", "-x", "v"): self.assert_refused(self.look("run", "--commit", "always", "--new", "all", "a.img", "--", option), "leave it out")
         for wish, words in [(["web"], "all 2 clones"), (["web%d%d"], "one %d"), (["web%s"], "one %d"), (["web%5d"], "one %d"), (["web%0d"], "one %d"), (["%"], "one %d"),
                             (["%04d"], "digits alone"), (["a-long-name-%04d"], "16 characters"), (["web-%d", "--first-number", "99999999", "--new", "no"], "none of"),
                             (["long-name-%d", "--first-number", "99999"], "15 at most"), (["web", "--first-number", "2"], "number")]:
@@ -104,7 +104,7 @@ class Refused(IdentityCase):
 @unittest.skipUnless(shutil.which("qemu-img") and shutil.which("qemu-nbd"), "no qemu-utils")
 class Clones(IdentityCase):
     def test_each_has_a_name_and_ids_of_its_own(self):
-        done = self.offline("clone", "--computer-name", "Web-%02d", "--first-number", "9", "--new", "all", "a.img", "x.qcow2", "y.qcow2", "z.qcow2")
+        done = self.offline("clone", "--computer-name", "Web-%02d", "--first-number", "09", "--new", "all", "a.img", "x.qcow2", "y.qcow2", "z.qcow2")
         self.assertEqual((done.status, done.err), (0, ""))
         told, guids = {line.split()[0]: line.split()[-1] for line in done.out.splitlines()}, self.guids(self.image)[:2]
         self.assertEqual(told, {"x.qcow2": "Web-09", "y.qcow2": "Web-10", "z.qcow2": "Web-11"})

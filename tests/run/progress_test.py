@@ -104,6 +104,10 @@ class Progress(CompanionCase):
         self.assertEqual(programs.quillet("-s", system=self.path("a.img"), QUILLET_PROGRESS="loud").status, 87)
         self.assert_refused(run(OFFLINE, "audit", self.path("a.img"), QUILLET_PROGRESS="loud"), "always, auto or never")
         self.assertEqual(run(OFFLINE, "info", self.path("a.img"), QUILLET_PROGRESS="loud").status, 0)
+        reader, writer = os.pipe()
+        os.close(reader)
+        self.assertEqual(subprocess.run([OFFLINE, "audit", "--progress", "always", self.path("a.img")], stdout=subprocess.DEVNULL, stderr=writer).returncode, 1)
+        os.close(writer)
         done = self.offline("sample", "--files", "70", "--progress", "always", "b.img")
         self.assertIn("progress: Files made  70 of 70", done.err)
 

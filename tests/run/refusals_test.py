@@ -55,6 +55,9 @@ class Refusals(ImageCase):
         at = next(at for at in range(0, len(data), 1024) if data[at:at + 4] == b"FILE" and data[at + 22] == 1 and name in data[at:at + 1024])
         data[at + 510:at + 512] = b"??"  # the update sequence does not match any more
         with open(image, "wb") as f: f.write(data)
+        planned = programs.run(programs.OFFLINE, "plan", image)
+        self.assertEqual(planned.status, 1393 & 0xFF, planned.err)
+        self.assertIn("the run would end with status 1393", planned.out)
         done = quillet(system=image)
         self.assertEqual(done.status, 1393 & 0xFF, done.err)
         self.assertIn("completed successfully\n", done.out)

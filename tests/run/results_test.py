@@ -70,7 +70,9 @@ class Json(ResultsCase):
             self.assertEqual(len(results["problems"]), 1, results["problems"])
             self.assertEqual(run(OFFLINE, command[0], "--json", *command[1:]).err.count("\n"), 1, command)
         self.assertEqual(run(OFFLINE, "run", missing).err.count("\n"), 1)
-        self.assertEqual([self.results(2, command, missing)["status"]["name"] for command in ("plan", "run")], ["ERROR_FILE_NOT_FOUND"] * 2)
+        damaged = self.copy(sample(), "damaged.img")
+        with open(damaged, "r+b") as f: f.write(bytes(65536))
+        self.assertEqual([self.results(113, command, damaged)["status"]["name"] for command in ("plan", "run")], ["ERROR_DISK_CORRUPT"] * 2)
         self.assertEqual(digest(self.image), digest(sample()))
 
     def test_what_was_passed_over(self):

@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 
@@ -154,9 +156,15 @@ bool samePlace() {
            output.st_dev == errors.st_dev && output.st_ino == errors.st_ino;
 }
 
+/* Nothing depends on it: a pipe whose reader has gone does not end the process. */
 void writeError(const char* bytes, size_t size) {
-    const ssize_t written = write(STDERR_FILENO, bytes, size);
-    static_cast<void>(written); /* nothing depends on it */
+    constexpr timespec atOnce = {};
+    sigset_t noReader, before;
+    sigemptyset(&noReader);
+    sigaddset(&noReader, SIGPIPE);
+    sigprocmask(SIG_BLOCK, &noReader, &before);
+    if (write(STDERR_FILENO, bytes, size) < 0 && errno == EPIPE) sigtimedwait(&noReader, nullptr, &atOnce);
+    sigprocmask(SIG_SETMASK, &before, nullptr);
 }
 
 } /* namespace */

@@ -270,13 +270,13 @@ class Identity(object):
             value = self.wanted[name]
             if value is True:
                 words.append("--" + name)
-            elif value:
+            elif value not in (None, False):  # an empty one is refused by the program
                 words += ["--" + name, value]
         return words
 
     def identity_options(self):
         words = []
-        if self.wanted["computer_name"]:
+        if self.wanted["computer_name"] is not None:
             words += ["--computer-name", self.wanted["computer_name"]]
         if self.wanted["new_ids"]:
             words += ["--new", ",".join(self.wanted["new_ids"])]
@@ -360,7 +360,7 @@ class Identity(object):
 
     def run(self):
         options = self.given("commit", "strict", "verify", "report") + self.identity_options()
-        if self.wanted["undo_file"]:
+        if self.wanted["undo_file"] is not None:
             options += ["--undo", self.wanted["undo_file"]]
         if not self.wanted["keep_undo"]:
             options.append("--no-undo")
@@ -384,7 +384,7 @@ class Identity(object):
             self.done()
         if self.module.check_mode:
             self.module.exit_json(skipped=True, msg="there is no plan of an undo", **self.found)
-        options = ["--undo", self.wanted["undo_file"]] if self.wanted["undo_file"] else []
+        options = ["--undo", self.wanted["undo_file"]] if self.wanted["undo_file"] is not None else []
         ended = self.call("undo", *options)
         if ended.rc not in (0, 1) or not ended.finished:
             self.fail(ended)
@@ -424,10 +424,10 @@ def main():
     if not (wanted["image"] or wanted["device"]):
         module.fail_json(msg="no disk is named; give image or device")
     for word in wanted["options"]:
-        if not re.match(r"-[fv]+$", word):
+        if not re.match(r"-[fv]+\Z", word):
             module.fail_json(msg="options: %r is none of -f and -v; for a dry run use check mode" % word)
     for sid in wanted["unless_sid"] or []:
-        if not re.match(r"S-1-5-21(-\d{1,10}){3}$", sid):
+        if not re.match(r"S-1-5-21(-\d{1,10}){3}\Z", sid):
             module.fail_json(msg="unless_sid: %r is no machine SID; it reads S-1-5-21-x-y-z" % sid)
     if wanted["strict"] and wanted["commit"]:
         module.fail_json(msg="strict and commit can't be given together")
