@@ -37,7 +37,7 @@ NTSTATUS ScratchCommit::refuseDisk(const char* what, DeviceError error) const {
                   disk.device->name() + ": " + what + " (" + disk.overlay->reason(error) + ")");
 }
 
-/* Those from there on; false when there is none. */
+/* Those from there on, a multiple of a cluster; false when there is none. */
 bool ScratchCommit::nextWindows(uint64_t& from) {
     uint64_t changed = 0, bytes = 0;
     windows.clear();
@@ -48,8 +48,7 @@ bool ScratchCommit::nextWindows(uint64_t& from) {
                changed < from + scratchCluster) {
             from += scratchCluster;
         }
-        from = std::min(from, disk.device->size());
-        windows.push_back({start, ByteVector(from - start)});
+        windows.push_back({start, ByteVector(std::min(from, disk.device->size()) - start)});
         bytes += from - start;
     }
     return !windows.empty();
