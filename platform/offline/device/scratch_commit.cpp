@@ -11,6 +11,7 @@ namespace offline {
 namespace {
 
 constexpr uint64_t longestWindow = 16 * scratchCluster, readAhead = 4 * longestWindow; /* bytes */
+constexpr char cantWrite[] = "the changes can't be written";
 
 /* Neighbouring clusters with changes: as they are on the disk, then as they are to be. */
 struct Window {
@@ -70,7 +71,7 @@ NTSTATUS ScratchCommit::write(uint64_t offset, Bytes bytes) {
     ++report.stretches;
     report.bytes += bytes.size();
     const DeviceError error = disk.device->write(offset, bytes);
-    return error == 0 ? STATUS_SUCCESS : refuseDisk("the changes can't be written", error);
+    return error == 0 ? STATUS_SUCCESS : refuseDisk(cantWrite, error);
 }
 
 /* Neighbours that differ at once. */
@@ -95,6 +96,7 @@ NTSTATUS ScratchCommit::commit() {
     NTSTATUS status = STATUS_SUCCESS;
     for (uint64_t from = 0; nextWindows(from) && status >= 0;) {
         error = load();
+        if (noRoom(error)) return refuseDisk(cantWrite, error); /* of a write that had gone on by itself */
         if (error != 0) return refuseDisk("what is to be changed can't be read", error);
         for (size_t i = 0; i < windows.size() && status >= 0; ++i) status = write(windows[i]);
     }
