@@ -47,12 +47,6 @@ std::string behind(const std::string& line, const std::string& prefix) {
     return line.starts_with(prefix) ? line.substr(prefix.size()) : "";
 }
 
-/* Without what a commit that failed says of its disk: this one is thrown away, its journal too. */
-std::string withoutAdvice(const std::string& said) {
-    return said.substr(0, std::min(said.find("; the disk may be left half changed"),
-                                   said.find("; all that had been written was taken back")));
-}
-
 } /* namespace */
 
 CloneProcess::~CloneProcess() {
@@ -146,7 +140,7 @@ std::string CloneProcess::cause() const {
             said = rest;
         const bool ofOutcome =
             said.starts_with("the run did not succeed") || said.starts_with("the run's full exit status");
-        if (!said.empty() && !ofOutcome) return withoutAdvice(said);
+        if (!said.empty() && !ofOutcome) return said;
         if (remark.empty()) remark = behind(line, "quillet-offline: ");
         if (line.starts_with("ERROR ")) lastError = line;
     }

@@ -6,6 +6,7 @@
 #include <functional>
 
 #include "platform/offline/device/journal_reader.h"
+#include "platform/offline/device/scratch_commit.h"
 #include "tests/device/journals.h"
 
 namespace offline::test {
@@ -161,6 +162,20 @@ TEST(Transaction, NoRoomOnTheDisks) {
         ASSERT_NE(sample.problem.text.find("nothing was changed"), std::string::npos) << sample.problem.text;
         ASSERT_TRUE(sample.isOld());
         ASSERT_FALSE(sample.files.anyEnding("-journal"));
+    }
+}
+
+/* Scratch disks hold all of the run, or it is told that they do not; their last unit may be a short one. */
+TEST(Transaction, ScratchDisks) {
+    for (uint64_t seed = 0; seed < 40; ++seed) {
+        Sample sample(seed, 2);
+        sample.machine.heal();
+        if (seed % 2 == 1) sample.machine.failAt = sample.machine.below(12);
+        const bool failed = commitScratch(sample.system, sample.report, sample.problem) < 0;
+        EXPECT_EQ(failed, sample.machine.calls > sample.machine.failAt) << seed;
+        EXPECT_EQ(sample.report.committed, !failed);
+        sample.reboot();
+        EXPECT_TRUE(failed || sample.holds(sample.after)) << seed;
     }
 }
 

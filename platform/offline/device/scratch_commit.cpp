@@ -11,6 +11,7 @@ namespace offline {
 namespace {
 
 constexpr uint64_t longestWindow = 16 * scratchCluster, windowsAhead = 4 * longestWindow; /* bytes */
+constexpr char cantWrite[] = "the changes can't be written";
 
 /* Neighbouring clusters with changes: as they are on the disk, then as they are to be. */
 struct ClusterWindow {
@@ -37,7 +38,7 @@ NTSTATUS ScratchCommit::refuseDisk(const char* what, DeviceError error) const {
                   disk.device->name() + ": " + what + " (" + disk.overlay->reason(error) + ")");
 }
 
-/* Those from there on; false when there is none. */
+/* Those from there on, a multiple of a cluster; false when there is none. */
 bool ScratchCommit::nextWindows(uint64_t& from) {
     uint64_t changed = 0, bytes = 0;
     windows.clear();
@@ -48,8 +49,7 @@ bool ScratchCommit::nextWindows(uint64_t& from) {
                changed < from + scratchCluster) {
             from += scratchCluster;
         }
-        from = std::min(from, disk.device->size());
-        windows.push_back({start, ByteVector(from - start)});
+        windows.push_back({start, ByteVector(std::min(from, disk.device->size()) - start)});
         bytes += from - start;
     }
     return !windows.empty();
@@ -71,7 +71,7 @@ NTSTATUS ScratchCommit::write(uint64_t offset, Bytes bytes) {
     ++report.stretches;
     report.bytes += bytes.size();
     const DeviceError error = disk.device->write(offset, bytes);
-    return error == 0 ? STATUS_SUCCESS : refuseDisk("the changes can't be written", error);
+    return error == 0 ? STATUS_SUCCESS : refuseDisk(cantWrite, error);
 }
 
 /* Neighbours that differ at once. */
@@ -96,6 +96,7 @@ NTSTATUS ScratchCommit::commit() {
     NTSTATUS status = STATUS_SUCCESS;
     for (uint64_t from = 0; nextWindows(from) && status >= 0;) {
         error = load();
+        if (noRoom(error)) return refuseDisk(cantWrite, error); /* of a write that had gone on by itself */
         if (error != 0) return refuseDisk("what is to be changed can't be read", error);
         for (size_t i = 0; i < windows.size() && status >= 0; ++i) status = write(windows[i]);
     }
