@@ -8,12 +8,6 @@
 namespace offline {
 namespace {
 
-/* Of the current session, when somebody sees it; else null. */
-Progress* seen() {
-    if (currentSession == nullptr || currentSession->progress.display == nullptr) return nullptr;
-    return &currentSession->progress;
-}
-
 void start(Progress& progress, const ProgressPhase& phase, uint64_t done, int64_t began) {
     progress.phase = phase;
     progress.done = done;
@@ -33,7 +27,9 @@ void end(Progress& progress) {
 /* Nanoseconds from one look to the next for which the step stays. */
 constexpr int64_t closest = 40'000'000, farthest = 120'000'000;
 
-void look(Progress& progress) {
+} /* namespace */
+
+void progressLook(Progress& progress) {
     const int64_t now = progressTime();
     if (now - progress.looked < closest) progress.step *= 2;
     if (now - progress.looked > farthest) progress.step = progress.step / 4 + 1;
@@ -42,8 +38,6 @@ void look(Progress& progress) {
     progress.display->look(false);
 }
 
-} /* namespace */
-
 int64_t progressTime() {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -51,38 +45,39 @@ int64_t progressTime() {
 }
 
 void progressBegin(const ProgressPhase& phase) {
-    Progress* const progress = seen();
+    Progress* const progress = progressSeen();
     if (progress == nullptr) return;
     end(*progress);
     start(*progress, phase, 0, progressTime());
 }
 
 void progressBeginNext(ProgressPhase phase) {
-    const Progress* const progress = seen();
+    const Progress* const progress = progressSeen();
     if (progress == nullptr) return;
     phase.number = progress->phase.title == phase.title ? progress->phase.number + 1 : 1;
     progressBegin(phase);
 }
 
 void progressEnd() {
-    if (Progress* const progress = seen()) end(*progress);
+    if (Progress* const progress = progressSeen()) end(*progress);
 }
 
 void progressShow() {
-    Progress* const progress = seen();
+    Progress* const progress = progressSeen();
     if (progress != nullptr && progress->phase.title != nullptr) progress->display->look(true);
 }
 
 void progressTotal(uint64_t total) {
-    if (Progress* const progress = seen()) progress->phase.total = total;
+    if (Progress* const progress = progressSeen()) progress->phase.total = total;
 }
 
-bool progressSeen() {
-    return seen() != nullptr;
+Progress* progressSeen() {
+    if (currentSession == nullptr || currentSession->progress.display == nullptr) return nullptr;
+    return &currentSession->progress;
 }
 
 bool progressIs(const char* title) {
-    const Progress* const progress = seen();
+    const Progress* const progress = progressSeen();
     return progress != nullptr && progress->phase.title == title;
 }
 
@@ -91,11 +86,11 @@ void progressAdd(uint64_t count) {
     Progress& progress = currentSession->progress;
     progress.done += count;
     if (progress.done >= progress.wake) [[unlikely]]
-        look(progress);
+        progressLook(progress);
 }
 
 ProgressPart::ProgressPart(const ProgressPhase& phase) : outer(), outerDone(0), outerBegan(0), began(0) {
-    Progress* const progress = seen();
+    Progress* const progress = progressSeen();
     if (progress == nullptr) return;
     outer = progress->phase;
     outerDone = progress->done;
@@ -106,7 +101,7 @@ ProgressPart::ProgressPart(const ProgressPhase& phase) : outer(), outerDone(0), 
 
 /* The time that it took is not the outer one's. */
 ProgressPart::~ProgressPart() {
-    Progress* const progress = seen();
+    Progress* const progress = progressSeen();
     if (progress == nullptr) return;
     end(*progress);
     start(*progress, outer, outerDone, outerBegan + (progressTime() - began));

@@ -63,8 +63,15 @@ void progressShow();
 /* A better guess of the phase's total. */
 void progressTotal(uint64_t total);
 
-/* Whether somebody sees it, so that it is worth finding a total. */
-bool progressSeen();
+/* Null when nobody sees it, so that it is not worth finding a total; else good as long as the session. */
+Progress* progressSeen();
+
+/* One more is done, for whoever counts often. */
+void progressLook(Progress& progress);
+inline void progressCount(Progress& progress) {
+    if (++progress.done >= progress.wake) [[unlikely]]
+        progressLook(progress);
+}
 
 /* Whether this is the phase's title, the very text. */
 bool progressIs(const char* title);

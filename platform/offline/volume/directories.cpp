@@ -165,7 +165,7 @@ NTSTATUS volumeEntryInfo(Volume& volume, FileRef directory, const DirectoryListi
                          const DirectoryEntry& entry, FileInfo& info) {
     return guarded([&]() -> NTSTATUS {
         const std::u16string_view name = listing.name(entry);
-        if (volume.walk.counted) noteMet(volume, entry.file);
+        if (volume.walk.progress != nullptr) noteMet(volume, entry.file);
         readAhead(volume, listing, entry);
         const RecordFacts* const facts = factsOf(volume, entry.file);
         bool named = facts != nullptr && factsNamed(volume, entry.file, *facts, directory, name);

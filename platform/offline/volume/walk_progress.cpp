@@ -38,8 +38,8 @@ bool readBitmap(const Volume& volume, std::vector<uint8_t>& bits) {
 
 void volumeWalkBegins(Volume& volume, ProgressPhase phase) {
     volume.walk = {};
-    if (!progressSeen()) return;
-    volume.walk.counted = true;
+    volume.walk.progress = progressSeen();
+    if (volume.walk.progress == nullptr) return;
     std::vector<uint8_t>& unmet = volume.walk.unmet;
     const bool read =
         guarded([&] { return readBitmap(volume, unmet) ? STATUS_SUCCESS : STATUS_NOT_FOUND; }) >= 0;
@@ -61,7 +61,7 @@ void noteMet(Volume& volume, FileRef file) {
     } else if (!unmet.empty()) {
         return;
     }
-    progressAdd();
+    progressCount(*volume.walk.progress);
 }
 
 } /* namespace offline */
