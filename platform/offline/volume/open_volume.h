@@ -50,7 +50,7 @@ struct FileRecord {
 
 /* Of a walk that somebody sees the progress of. */
 struct WalkProgress {
-    Progress* progress = nullptr; /* null: nobody does */
+    Progress* progress = nullptr;    /* null: nobody does */
     std::vector<uint8_t> unmet = {}; /* a bit for each record in use that it has not met; empty: not known */
 };
 
