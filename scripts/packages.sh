@@ -2,8 +2,9 @@
 # Sourced by the scripts beside it: installs what is missing of the packages named, on Debian and Ubuntu.
 
 build_packages="g++ cmake ninja-build ntfs-3g ntfs-3g-dev libcli11-dev zlib1g-dev libxxhash-dev libzstd-dev libnbd-dev"
-test_packages="$build_packages libgtest-dev g++-mingw-w64-x86-64 clang-format clang-tidy python3 python3-jsonschema xz-utils
-    dosfstools libhivex-bin sleuthkit wine wine64 mandoc qemu-utils nbdkit"
+sanitizer_packages="clang libclang-rt-dev llvm libgtest-dev"
+test_packages="$build_packages $sanitizer_packages g++-mingw-w64-x86-64 clang-format clang-tidy python3
+    python3-jsonschema xz-utils dosfstools libhivex-bin sleuthkit wine wine64 mandoc qemu-utils nbdkit"
 release_packages="$build_packages g++-mingw-w64-x86-64 git dpkg-dev lintian mandoc man-db python3 zip"
 bench_packages="$build_packages libbenchmark-dev python3 libhivex-bin xz-utils"
 fleet_packages="$build_packages ansible-core slurm-wlm slurm-client munge qemu-utils python3"

@@ -88,7 +88,7 @@ TEST_F(BlockCacheTest, AsksForWhatPays) {
     EXPECT_EQ(all[mebibyte], 1);
     EXPECT_LE(faults.calls.size(), 4u) << "long ones";
     EXPECT_EQ(cache->blocks.size(), mebibyte / cacheBlockSize + 1) << "they do not drive out the rest";
-    for (const uint64_t at : {3 * 1024, 9 * 1024}) ASSERT_GE(cacheWrite(*cache, at, ByteVector(1024, 1)), 0);
+    for (const uint64_t at : {3u * 1024, 9u * 1024}) ASSERT_GE(cacheWrite(*cache, at, ByteVector(1024, 1)), 0);
     faults.calls.clear();
     ASSERT_GE(cacheSync(*cache), 0);
     EXPECT_EQ(faults.calls.size(), 3u) << "two blocks and a flush";

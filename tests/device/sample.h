@@ -61,7 +61,7 @@ struct Sample {
             }
             for (uint64_t count = machine.below(40); count > 0; --count) {
                 const uint64_t offset = 8192 + machine.below(disk.size() - 8192);
-                const uint64_t most = std::array{20000, 1024, 1024, 20}[machine.below(4)];
+                const uint64_t most = std::array{20000u, 1024u, 1024u, 20u}[machine.below(4)];
                 write(number, offset, std::min(machine.below(most) + 1, disk.size() - offset));
             }
             after.push_back(ByteVector(disk.size()));

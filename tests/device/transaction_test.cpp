@@ -228,7 +228,7 @@ TEST(Undo, RunAfterRun) {
         for (TransactionDisk& disk : sample.system) {
             disk.overlay = &sample.overlays.emplace_back(*disk.device, "/tmp");
         }
-        for (size_t number : {0, 1}) sample.write(number, 8192 + sample.machine.below(50000), 5000);
+        for (size_t number : {0u, 1u}) sample.write(number, 8192 + sample.machine.below(50000), 5000);
         sample.undo = {true, ""};
         ASSERT_EQ(sample.commit(), STATUS_SUCCESS) << sample.problem.text;
         std::swap(sample.system[0], sample.system[1]); /* their order is free */

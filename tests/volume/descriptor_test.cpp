@@ -155,7 +155,7 @@ TEST_F(DescriptorTest, MemoryMayRunOutAtEachStep) {
 TEST_F(DescriptorTest, TheRootAndTheMetadata) {
     OpenVolume opened(image);
     EXPECT_GT(opened.read(rootDirectory).size(), 4096u);
-    for (uint32_t number : {42, 43, 42}) {
+    for (uint32_t number : {42u, 43u, 42u}) {
         ASSERT_EQ(volumeSetDescriptor(opened, rootDirectory, descriptor(number)), STATUS_SUCCESS);
         EXPECT_EQ(opened.read(rootDirectory), descriptor(number));
     }

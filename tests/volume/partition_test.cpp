@@ -63,7 +63,7 @@ TEST_F(PartitionTest, Mbr) {
     images::putMbr(disk, {{2048, volumeSectors}, {11000, 100, 0x0C}, {12000, 19000, 0x0F}});
     disk[entries] = 0x80;
     putText(disk, 11000 * 512 + 82, "FAT32   ");
-    for (const uint64_t at : {0, 100, 200, 19001}) { /* the last one lies outside, and nothing leads there */
+    for (const uint64_t at : {0u, 100u, 200u, 19001u}) { /* the last one lies outside, and nothing leads there */
         const images::TablePart other = {10, 50, 0x83}, ours = {20, volumeSectors};
         ByteVector table(512);
         images::putMbr(table, {at == 200 ? ours : other, {at + 100, at < 200 ? 100u : 0u, 0x05}});

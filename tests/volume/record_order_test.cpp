@@ -126,7 +126,7 @@ TEST_F(RecordOrder, RecordsAreReadAndWrittenInTheOrderOfTheDisk) {
         ASSERT_EQ(volumeSetAttributes(opened, files[7], FILE_ATTRIBUTE_HIDDEN), STATUS_SUCCESS);
         ASSERT_EQ(volumeWriteFile(opened, files[8], 0, ByteVector(5000, 'y')), STATUS_SUCCESS);
         ASSERT_EQ(volumeLink(opened, files[9], directories[1], u"later"), STATUS_SUCCESS);
-        for (const size_t i : {7, 8, 9}) EXPECT_EQ(opened.read(files[i]), descriptor(expected[files[i]]));
+        for (const size_t i : {7u, 8u, 9u}) EXPECT_EQ(opened.read(files[i]), descriptor(expected[files[i]]));
         ASSERT_EQ(volumeSetDescriptor(opened, files[9], descriptor(77)), STATUS_SUCCESS);
         expected[files[9]] = 77;
         const size_t calls = images::failures.calls.size();
@@ -174,7 +174,7 @@ TEST_F(RecordOrder, ARefusedWriteIsToldLater) {
 /* Where a device answers several reads at once, directories are read before they are entered, and what is
  * seen is the same, also when that fails. */
 TEST_F(RecordOrder, DirectoriesAreReadAhead) {
-    for (const size_t atOnce : {1, 8}) {
+    for (const size_t atOnce : {1u, 8u}) {
         images::failures = {};
         images::failures.atOnce = atOnce;
         const OpenVolume opened(image, DiskAccess::readOnly);

@@ -87,7 +87,7 @@ TEST_F(VolumeTest, RefusesWhatMustNotBeWritten) {
     expectRefused(STATUS_DISK_CORRUPT_ERROR, "marked as dirty");
     putVolume(8, 0x0102); /* the version of NTFS */
     expectRefused(STATUS_NOT_SUPPORTED, "older than version 3.0");
-    for (const FileRef file : {0, 2}) { /* the MFT's own record and the journal's: nothing is in them */
+    for (const FileRef file : {0u, 2u}) { /* the MFT's own record and the journal's: nothing is in them */
         inBothCopies([&](ByteVector& bytes, size_t mft) {
             const size_t at = images::recordAt(bytes, file, mft);
             put<uint16_t>(bytes, at + 20, images::get<uint16_t>(bytes, at + 24) - 8);
