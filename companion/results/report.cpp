@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <ctime>
 
 #include "companion/audit/audit_words.h"
 #include "companion/ending.h"
@@ -36,15 +35,6 @@ std::string number(uint64_t value) {
 /* "3 files" */
 std::string counted(uint64_t value, const char* one, const char* many) {
     return number(value) + " " + (value == 1 ? one : many);
-}
-
-std::string timeText(std::chrono::system_clock::time_point time) {
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
-    std::tm parts = {};
-    gmtime_r(&seconds, &parts);
-    std::array<char, 40> text = {};
-    strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S UTC", &parts);
-    return text.data();
 }
 
 std::string durationText(uint64_t milliseconds) {
@@ -150,8 +140,8 @@ void Page::writeHead() const {
         "</style>\n<script type=\"module\" nonce=\"" + nonce + "\">" + reportScript +
         "</script>\n</head>\n<body>\n<main>\n<header>\n<p class=\"eyebrow\">quillet-offline " QUILLET_VERSION
         " &middot; " +
-        htmlText(results.command) + " &middot; " + timeText(results.started) + "</p>\n<h1>" +
-        htmlText(title()) + "</h1>\n");
+        htmlText(results.command) + " &middot; " + timeText(results.started, "%Y-%m-%d %H:%M:%S UTC") +
+        "</p>\n<h1>" + htmlText(title()) + "</h1>\n");
     const bool attention = needsAttention(results, exitStatus);
     put(std::string("<p><span class=\"verdict ") + (attention ? "warn" : "good") + "\">" +
         (attention ? "Needs a person&rsquo;s eyes" : "Nothing here needs a person&rsquo;s eyes") +
