@@ -62,7 +62,6 @@ struct AwaitedSignals {
     AwaitedSignals() {
         sigemptyset(&awaited);
         sigaddset(&awaited, SIGCHLD);
-        signal(SIGCHLD, SIG_DFL); /* a parent may have had it ignored, and then no child's status is kept */
         for (const int ending : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
             struct sigaction now = {};
             if (sigaction(ending, nullptr, &now) == 0 && now.sa_handler != SIG_IGN)

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdio>
+#include <ctime>
 #include <filesystem>
 #include <iterator>
 
@@ -42,6 +43,14 @@ std::string sizeText(uint64_t bytes) {
     std::array<char, 32> text = {};
     snprintf(text.data(), text.size(), "%.1f %s", amount, units[unit]);
     return text.data();
+}
+
+std::string timeText(std::chrono::system_clock::time_point time, const char* form) {
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+    std::tm parts = {};
+    gmtime_r(&seconds, &parts);
+    std::array<char, 40> text = {};
+    return {text.data(), strftime(text.data(), text.size(), form, &parts)};
 }
 
 std::string absolutePath(const std::string& path) {

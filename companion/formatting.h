@@ -1,8 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
-/* Numbers, sizes and statuses as text. */
+/* Numbers, sizes, times and statuses as text. */
 #ifndef QUILLET_COMPANION_FORMATTING_H
 #define QUILLET_COMPANION_FORMATTING_H
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -18,6 +19,9 @@ std::u16string paddedDecimal(uint32_t number, size_t digits);
 
 /* "96.0 MiB" */
 std::string sizeText(uint64_t bytes);
+
+/* In UTC, in the form that strftime takes. */
+std::string timeText(std::chrono::system_clock::time_point time, const char* form);
 
 /* A path as it is from the root; throws Failure where there is no working directory. */
 std::string absolutePath(const std::string& path);

@@ -105,5 +105,6 @@ int main(int argc, char** argv) {
         return companion::exitFailed;
     }
     signal(SIGXFSZ, SIG_IGN); /* a limit on files' sizes: the write fails, and that is told */
+    signal(SIGCHLD, SIG_DFL); /* of children whose end a parent had ignored no status is kept */
     return run(argc, argv);
 }

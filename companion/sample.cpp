@@ -2,6 +2,7 @@
 /* sample: a practice installation on a new disk image. */
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 
 #include "companion/commands.h"
@@ -67,6 +68,7 @@ std::vector<Extent> extentsOf(int file, const std::string& image) {
         if (!allZero(bytes)) extents.push_back({start, std::move(bytes)});
         at = static_cast<off_t>(start + step);
     }
+    if (errno != ENXIO) throw Failure{image + ": can't be read back; check the disk that it is on"};
     return extents;
 }
 

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
-/* Registry keys as places to patch: one key's descriptor and values, and the walk over a tree of keys. */
+/* Registry keys as places to patch: one key's descriptor, its values by their types, its name, and the walk
+ * over a tree of keys. */
 #ifndef QUILLET_SIDCHNG_REG_H
 #define QUILLET_SIDCHNG_REG_H
 

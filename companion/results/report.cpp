@@ -5,47 +5,18 @@
 
 #include <algorithm>
 #include <array>
-#include <ctime>
 
 #include "companion/audit/audit_words.h"
 #include "companion/ending.h"
 #include "companion/formatting.h"
 #include "companion/results/code_names.h"
 #include "companion/results/report_page.h"
-#include "platform/offline/base/unicode.h"
+#include "companion/results/report_parts.h"
 
 namespace companion {
 namespace {
 
-constexpr size_t mostLines = 1000;    /* of one group of places */
-constexpr size_t mostPlaces = 300000; /* in a page that is still opened in seconds */
-constexpr size_t mostListed = 500;    /* objects that were passed over, problems */
-constexpr size_t mostAreas = 12;      /* that are not folded away */
-
-/* At the last beginning of a character at or before an offset. */
-size_t characterAt(const std::string& text, size_t at) {
-    while (at > 0 && (static_cast<uint8_t>(text[at]) & 0xC0) == 0x80) at--;
-    return at;
-}
-
-std::string number(uint64_t value) {
-    std::string text = placesText(value);
-    return text.substr(0, text.find(' '));
-}
-
-/* "3 files" */
-std::string counted(uint64_t value, const char* one, const char* many) {
-    return number(value) + " " + (value == 1 ? one : many);
-}
-
-std::string timeText(std::chrono::system_clock::time_point time) {
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
-    std::tm parts = {};
-    gmtime_r(&seconds, &parts);
-    std::array<char, 40> text = {};
-    strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S UTC", &parts);
-    return text.data();
-}
+constexpr size_t mostListed = 500; /* objects that were passed over, problems */
 
 std::string durationText(uint64_t milliseconds) {
     if (milliseconds < 1000) return std::to_string(milliseconds) + " ms";
@@ -69,23 +40,11 @@ std::string randomNonce() {
     return text;
 }
 
-struct Page {
-    Results& results;
+struct Page : PageWriter {
     const int exitStatus;
-    FILE* const out;
-    uint64_t listed = 0; /* places so far */
 
-    const Counts& counts() const { return *results.counts; }
-    bool isRun() const { return results.command == "run" || results.command == "clone"; }
-    bool isAudit() const { return results.command == "audit"; }
+    Page(Results& all, int status, FILE* stream) : PageWriter{all, stream}, exitStatus(status) {}
     bool committed() const { return results.commit && results.commit->state == CommitState::committed; }
-
-    void put(const std::string& html) const { fwrite(html.data(), 1, html.size(), out); }
-    void open(const char* title, const std::string& note = {}) const {
-        put(std::string("<section><h2>") + title + "</h2>\n");
-        if (!note.empty()) put("<p class=\"note\">" + note + "</p>\n");
-    }
-    void close() const { put("</section>\n"); }
 
     void writeHead() const;
     std::string title() const;
@@ -93,13 +52,11 @@ struct Page {
     void writeFacts() const;
     void writeAttention() const;
     void writeIdentity() const;
-    void writeBars() const;
     void writeReasons() const;
     void writeOthers() const;
     void writeWayBack() const;
-    void writePlaces();
     void writeTimes() const;
-    void write();
+    void write() const;
 };
 
 /* ---- The head ---- */
@@ -150,8 +107,8 @@ void Page::writeHead() const {
         "</style>\n<script type=\"module\" nonce=\"" + nonce + "\">" + reportScript +
         "</script>\n</head>\n<body>\n<main>\n<header>\n<p class=\"eyebrow\">quillet-offline " QUILLET_VERSION
         " &middot; " +
-        htmlText(results.command) + " &middot; " + timeText(results.started) + "</p>\n<h1>" +
-        htmlText(title()) + "</h1>\n");
+        htmlText(results.command) + " &middot; " + timeText(results.started, "%Y-%m-%d %H:%M:%S UTC") +
+        "</p>\n<h1>" + htmlText(title()) + "</h1>\n");
     const bool attention = needsAttention(results, exitStatus);
     put(std::string("<p><span class=\"verdict ") + (attention ? "warn" : "good") + "\">" +
         (attention ? "Needs a person&rsquo;s eyes" : "Nothing here needs a person&rsquo;s eyes") +
@@ -264,88 +221,6 @@ void Page::writeIdentity() const {
     close();
 }
 
-/* ---- Bars ---- */
-
-std::string percent(uint64_t part, uint64_t whole) {
-    if (part == 0 || whole == 0) return "0";
-    const uint64_t tenths = std::max<uint64_t>(part * 1000 / whole, 6);
-    return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + "%";
-}
-
-struct Bar {
-    uint64_t before, after, left;
-};
-
-/* One bar: what holds the old SID, and what stays by design beside it. */
-std::string barOf(const char* colour, uint64_t part, uint64_t left, uint64_t most, const char* at) {
-    const std::string from = percent(part, most);
-    return std::string("<rect class=\"") + colour + "\" width=\"" + from + "\" " + at +
-           "/><rect class=\"s\" x=\"" + from + "\" width=\"" + percent(left, most) + "\" " + at + "/>";
-}
-
-std::string barRow(const std::string& name, bool mono, const Bar& bar, uint64_t most, bool two) {
-    std::string row = std::string("<tr><td class=\"name") + (mono ? " mono" : "") + "\">" + htmlText(name) +
-                      "</td><td class=\"bars\"><svg aria-hidden=\"true\">";
-    row += barOf(two ? "b" : "a", bar.before, bar.left, most, two ? "height=\"8\"" : "y=\"3\" height=\"12\"");
-    if (two) row += barOf("a", bar.after, bar.left, most, "y=\"10\" height=\"8\"");
-    row += "</svg></td><td class=\"n\">" + number(bar.before) + "</td>";
-    if (two) row += "<td class=\"n\">" + number(bar.after) + "</td>";
-    return row + "<td class=\"n\">" + number(bar.left) + "</td></tr>\n";
-}
-
-std::string legend(const char* colour, const char* text) {
-    return std::string("<span><svg aria-hidden=\"true\"><rect class=\"") + colour +
-           "\" width=\"12\" height=\"12\" rx=\"2\"/></svg>" + text + "</span>";
-}
-
-void Page::writeBars() const {
-    const bool two = !isAudit();
-    const bool after = isAudit() && !counts().before;
-    open("By kind and by place", "Places that quillet treats and that hold the SID" +
-                                     std::string(two ? ", before and after the run" : "") +
-                                     "; and places that it leaves alone by design.");
-    put("<p class=\"key\">" +
-        (two ? legend("b", "before") + legend("a", "after") : legend("a", "holds the SID")) +
-        legend("s", "stays by design") + "</p>\n");
-    const std::string head = std::string("<th></th><th class=\"n\">") +
-                             (two     ? "Before"
-                              : after ? "Still old"
-                                      : "Hold it") +
-                             "</th>" + (two ? "<th class=\"n\">After</th>" : "") +
-                             "<th class=\"n\">Stay</th></tr>\n";
-    put("<div class=\"scroll\"><table><tr><th>Kind</th>" + head);
-    const std::array<uint64_t, kindCount>& first = counts().before ? *counts().before : counts().remaining;
-    uint64_t most = 0;
-    for (size_t i = 0; i < kindCount; i++) most = std::max(most, first[i] + counts().left[i]);
-    for (size_t i = 0; i < kindCount; i++) {
-        put(barRow(wordsOf(static_cast<Kind>(i)).label, false,
-                   {first[i], counts().remaining[i], counts().left[i]}, most, two));
-    }
-    put("</table></div>\n");
-    std::vector<AreaCounts> areas = results.places->areas();
-    std::stable_sort(areas.begin(), areas.end(), [](const AreaCounts& left, const AreaCounts& right) {
-        return left.before + left.left > right.before + right.left;
-    });
-    uint64_t largest = 0;
-    for (const AreaCounts& area : areas) largest = std::max(largest, area.before + area.left);
-    const auto rows = [&](size_t from, size_t to) {
-        put("<div class=\"scroll\"><table><tr><th>Place</th>" + head);
-        for (size_t i = from; i < to; i++) {
-            put(barRow(areas[i].name, true, {areas[i].before, areas[i].remaining, areas[i].left}, largest,
-                       two));
-        }
-        put("</table></div>\n");
-    };
-    put("<h3>By place</h3>\n");
-    rows(0, std::min(areas.size(), mostAreas));
-    if (areas.size() > mostAreas) {
-        put("<details><summary>" + number(areas.size() - mostAreas) + " more</summary>\n");
-        rows(mostAreas, areas.size());
-        put("</details>\n");
-    }
-    close();
-}
-
 void Page::writeReasons() const {
     if (sum(counts().left) == 0) return;
     open("What stays, and whether it matters",
@@ -403,93 +278,6 @@ void Page::writeWayBack() const {
     close();
 }
 
-/* ---- Every place ---- */
-
-/* Where it lies, as far as its area does not say so. */
-std::string placeText(const Finding& finding) {
-    if (finding.kind == Kind::file) return finding.path;
-    return finding.path.substr(std::min(finding.path.size(), areaOf(finding).size() + 2));
-}
-
-/* The places of one kind and state, in groups that lie together, each under what their texts have in common.
- */
-struct Group {
-    Page& page;
-    Kind kind;
-    std::string area = {}, common = {}, lines = {};
-    uint64_t size = 0;
-
-    void add(const Finding& finding) {
-        const std::string here = areaOf(finding), text = placeText(finding);
-        if (here != area || size == mostLines) end();
-        if (size == 0) common = text;
-        const auto differs =
-            std::mismatch(common.begin(), common.end(), text.begin(), text.end()).first - common.begin();
-        common.resize(characterAt(common, static_cast<size_t>(differs)));
-        area = here;
-        lines += htmlText(finding.kind == Kind::value ? text + "  \"" + finding.value + "\"" : text);
-        if (finding.left) lines += std::string("  (") + wordsOf(*finding.left).one + ")";
-        lines += '\n';
-        size++;
-    }
-    std::string title() const {
-        const std::string title = kind == Kind::file ? common : area + ": " + common;
-        return htmlText(title) + (size > 1 ? "&hellip;" : "");
-    }
-    void end() {
-        if (size == 0) return;
-        page.put(std::string("<details class=\"places\"><summary><b>") + wordsOf(kind).label +
-                 "</b> <span class=\"mono\">" + title() + "</span> <span class=\"n\">" + number(size) +
-                 "</span></summary>\n<pre tabindex=\"0\">" + lines.substr(0, lines.size() - 1) +
-                 "</pre></details>\n");
-        lines.clear();
-        size = 0;
-    }
-};
-
-void Page::writePlaces() {
-    struct Row {
-        PlaceState state;
-        const char* title;
-    };
-    const Row rows[] = {{PlaceState::remains, isRun() ? "Still old" : "Would remain"},
-                        {PlaceState::treated, isAudit() ? (counts().before ? "Would change" : "Still old")
-                                                        : (isRun() ? "Changed" : "Would change")},
-                        {PlaceState::stays, "Stay, by design"}};
-    open("Every place",
-         "In groups that lie together; open one to see its places. The names are the disk&rsquo;s: what "
-         "can&rsquo;t "
-         "be shown in one stands as its number, such as &lt;U+202E&gt;.");
-    put("<div class=\"filter\" hidden><label for=\"filter\">Show only places with</label><input "
-        "id=\"filter\" "
-        "type=\"search\" autocomplete=\"off\" spellcheck=\"false\" placeholder=\"a name, a user, a path\"><p "
-        "class=\"note\" "
-        "id=\"found\" aria-live=\"polite\"></p></div>\n");
-    uint64_t all = 0;
-    for (const Row& row : rows) {
-        bool titled = false;
-        for (size_t kind = 0; kind < kindCount; kind++) {
-            Group group{*this, static_cast<Kind>(kind)};
-            results.places->visit([&](const Finding& finding, PlaceState state) {
-                if (state != row.state || finding.kind != static_cast<Kind>(kind)) return;
-                all++;
-                if (listed >= mostPlaces) return;
-                listed++;
-                if (!titled) put(std::string("<h3>") + row.title + "</h3>\n");
-                titled = true;
-                group.add(finding);
-            });
-            group.end();
-        }
-    }
-    if (all == 0) put("<p>There is none.</p>\n");
-    if (all > listed) {
-        put("<p>And " + number(all - listed) + " more, which would make this page too large; <code>" +
-            (isAudit() ? "audit --all" : "plan -v") + "</code> lists all.</p>\n");
-    }
-    close();
-}
-
 void Page::writeTimes() const {
     open("Time");
     const auto table = [&](const std::vector<Timed>& list) {
@@ -509,16 +297,16 @@ void Page::writeTimes() const {
     close();
 }
 
-void Page::write() {
+void Page::write() const {
     writeHead();
     writeFacts();
     writeAttention();
     writeIdentity();
-    writeBars();
+    writeReportBars(*this);
     writeReasons();
     writeOthers();
     writeWayBack();
-    writePlaces();
+    writeReportPlaces(*this);
     writeTimes();
     put("<footer>Made by quillet-offline " QUILLET_VERSION
         ". This page holds names from the disk and needs nothing but "
@@ -527,40 +315,8 @@ void Page::write() {
 
 } /* namespace */
 
-std::string htmlText(const std::string& text) {
-    constexpr size_t longest = 1200, head = 800, tail = 300; /* bytes */
-    std::string plain = offline::printable(text);
-    if (plain.size() > longest) {
-        const size_t from = characterAt(plain, head), to = characterAt(plain, plain.size() - tail);
-        plain.replace(from, to - from, " [... " + number(to - from) + " bytes left out ...] ");
-    }
-    std::string html;
-    for (const char character : plain) {
-        switch (character) {
-            case '&':
-                html += "&amp;";
-                break;
-            case '<':
-                html += "&lt;";
-                break;
-            case '>':
-                html += "&gt;";
-                break;
-            case '"':
-                html += "&quot;";
-                break;
-            case '\'':
-                html += "&#39;";
-                break;
-            default:
-                html += character;
-        }
-    }
-    return html;
-}
-
 void writeReport(Results& results, int exitStatus, FILE* stream) {
-    Page{results, exitStatus, stream}.write();
+    Page(results, exitStatus, stream).write();
 }
 
 } /* namespace companion */

@@ -2,10 +2,9 @@
 #include "companion/results/results.h"
 
 #include <algorithm>
-#include <array>
-#include <ctime>
 
 #include "companion/audit/audit_words.h"
+#include "companion/formatting.h"
 #include "companion/results/code_names.h"
 #include "companion/results/json.h"
 
@@ -13,15 +12,6 @@ namespace companion {
 namespace {
 
 constexpr uint64_t schemaVersion = 1; /* of docs/quillet-results.schema.json */
-
-std::string timeText(std::chrono::system_clock::time_point time) {
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
-    std::tm parts = {};
-    gmtime_r(&seconds, &parts);
-    std::array<char, 32> text = {};
-    strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
-    return text.data();
-}
 
 const char* nameOf(CommitState state) {
     switch (state) {
@@ -277,7 +267,7 @@ void writeHead(JsonWriter& json, const Results& results, int exitStatus) {
     json.put("version", QUILLET_VERSION);
     json.putKnown("command", results.command);
     writeList(json, "images", results.images);
-    json.put("started", timeText(results.started));
+    json.put("started", timeText(results.started, "%Y-%m-%dT%H:%M:%SZ"));
     json.put("finished", results.finished);
     json.put("exitStatus", exitStatus);
     json.put("needsAttention", needsAttention(results, exitStatus));

@@ -35,6 +35,13 @@ struct Listener {
         inStep = false;
     }
 
+    /* A plan's new SID is not the one that the run will make. */
+    void hideNewSid(std::string& text) const {
+        for (size_t at = 0; !shown.newSid && !newSid.empty() && (at = text.find(newSid, at)) != text.npos;) {
+            text.replace(at, newSid.size(), "(new SID)");
+        }
+    }
+
     /* The first line has both SIDs; most others begin a step: "scanning c: ..." */
     bool hearOutput(const std::string& line) {
         const std::string arrow = " -> ", begins = " ...\n";
@@ -46,6 +53,7 @@ struct Listener {
         } else if (line.ends_with(begins) && results.steps.size() < mostSteps) {
             endStep();
             results.steps.push_back({line.substr(0, line.size() - begins.size()), 0});
+            hideNewSid(results.steps.back().name);
             stepBegan = std::chrono::steady_clock::now();
             inStep = true;
         }
@@ -64,9 +72,7 @@ struct Listener {
 
     bool hearError(std::string& line) {
         if (offline::systemProblem().status < 0) return false;
-        for (size_t at = 0; !shown.newSid && !newSid.empty() && (at = line.find(newSid, at)) != line.npos;) {
-            line.replace(at, newSid.size(), "(new SID)");
-        }
+        hideNewSid(line);
         ToolLine read = readToolLine(line);
         if (read.passedOver) keep(std::move(*read.passedOver));
         if (read.explained) results.explained.push_back(std::move(*read.explained));

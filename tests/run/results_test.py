@@ -51,6 +51,7 @@ class Json(ResultsCase):
         self.assertEqual({p["state"] for p in plan["places"]}, {"changed", "stays"})
         self.assertEqual(self.counted(after, "changed"), self.counted(ran, "changed"))
         self.assertEqual((after["newSid"], plan["newSid"]), (ran["newSid"], None))
+        self.assertNotIn("User.S-1-5-21-", str(plan["steps"]))  # nobody will have the SID that a plan made
         self.assertIn("S-1-5-21-1-2-3", [other["sid"] for other in ran["otherMachines"]])
         self.assertEqual(ran["otherMachines"], after["otherMachines"])
         self.assertEqual((ran["commit"]["state"], os.path.exists(ran["commit"]["undoFile"])), ("committed", True))

@@ -44,7 +44,7 @@ struct BlockDevice {
     /* Offsets and sizes are in bytes and need no alignment; the range lies on the device. A call that fails
      * leaves the bytes that it was to read, or the range that it was to write, undefined. A device may go on
      * with a write when the call has returned: what comes later is as if it were done, but that it failed may
-     * be told by the next write or flush, once. */
+     * be told by the next write or flush, once; reads before that fail for the same reason. */
     [[nodiscard]] virtual DeviceError read(uint64_t offset, std::span<uint8_t> bytes) = 0;
     [[nodiscard]] virtual DeviceError write(uint64_t offset, Bytes bytes) = 0;
 

@@ -23,6 +23,7 @@ namespace {
 constexpr off_t mostWords = 64 << 10; /* bytes */
 constexpr int socketNumber = 3;       /* where systemd's protocol begins */
 constexpr int patience = 30'000;      /* milliseconds, for one that closes a disk */
+constexpr int unknownEnd = 255;       /* the status where the system kept none */
 
 std::string onPath(const std::string& name) {
     const char* const set = getenv("PATH");
@@ -139,7 +140,7 @@ int ChildProgram::start(const std::string& name, const std::vector<std::string>&
 bool ChildProgram::endsWithin(int milliseconds) {
     constexpr timespec shortly = {0, 1'000'000};
     for (int waited = 0; process > 0; ++waited) {
-        int state = 0;
+        int state = unknownEnd << 8;
         const pid_t done = waitpid(process, &state, WNOHANG);
         if (done == process || (done < 0 && errno != EINTR)) {
             ended = WIFSIGNALED(state) ? 128 + WTERMSIG(state) : WEXITSTATUS(state);

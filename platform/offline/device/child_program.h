@@ -25,7 +25,7 @@ struct ChildProgram {
     /* Whether it has ended by itself within so many milliseconds. */
     bool endsWithin(int milliseconds);
 
-    /* Of one that has ended: its exit status, or 128 and the signal. */
+    /* Of one that has ended: its exit status, 128 and the signal, or 255 where that can't be known. */
     int status() const { return ended; }
 
     /* What it said, on one line and without its own name in front of each; "" when it said nothing. May throw

@@ -13,6 +13,7 @@
 
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/device/disk_file.h"
+#include "platform/offline/device/file_transfer.h"
 
 namespace offline {
 namespace {
@@ -36,7 +37,6 @@ struct FileDevice final : BlockDevice {
 private:
     bool becameShorter() const;
     DeviceError changeRefusal() const;
-    DeviceError writeWhole(uint64_t offset, Bytes bytes) const;
     bool zeroAtOnce(uint64_t offset, uint64_t count) const;
 };
 
@@ -52,30 +52,12 @@ DeviceError FileDevice::changeRefusal() const {
 }
 
 DeviceError FileDevice::read(uint64_t offset, std::span<uint8_t> bytes) {
-    while (!bytes.empty()) {
-        const ssize_t done = pread(disk.file, bytes.data(), bytes.size(), static_cast<off_t>(offset));
-        if (done < 0 && errno == EINTR) continue;
-        if (done <= 0) return done < 0 ? errno : deviceShrank;
-        bytes = bytes.subspan(static_cast<size_t>(done));
-        offset += static_cast<uint64_t>(done);
-    }
-    return 0;
-}
-
-DeviceError FileDevice::writeWhole(uint64_t offset, Bytes bytes) const {
-    while (!bytes.empty()) {
-        const ssize_t done = pwrite(disk.file, bytes.data(), bytes.size(), static_cast<off_t>(offset));
-        if (done < 0 && errno == EINTR) continue;
-        if (done <= 0) return done < 0 ? errno : EIO;
-        bytes = bytes.subspan(static_cast<size_t>(done));
-        offset += static_cast<uint64_t>(done);
-    }
-    return 0;
+    return fileReadAt(disk.file, offset, bytes);
 }
 
 DeviceError FileDevice::write(uint64_t offset, Bytes bytes) {
     const DeviceError refusal = changeRefusal();
-    return refusal != 0 ? refusal : writeWhole(offset, bytes);
+    return refusal != 0 ? refusal : fileWriteAt(disk.file, offset, bytes);
 }
 
 DeviceError FileDevice::flush() {
@@ -111,7 +93,7 @@ DeviceError FileDevice::zero(uint64_t offset, uint64_t count) {
     if (count == 0 || error != 0 || zeroAtOnce(offset, count)) return error;
     while (error == 0 && count > 0) {
         const Bytes piece = Bytes(zeros).first(std::min<uint64_t>(count, zeros.size()));
-        error = writeWhole(offset, piece);
+        error = fileWriteAt(disk.file, offset, piece);
         offset += piece.size();
         count -= piece.size();
     }

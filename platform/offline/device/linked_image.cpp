@@ -14,7 +14,6 @@
 
 #include "platform/offline/base/guarded.h"
 #include "platform/offline/base/streams.h"
-#include "platform/offline/base/unicode.h"
 #include "platform/offline/device/child_program.h"
 #include "platform/offline/device/device_error.h"
 #include "platform/offline/device/disk_file.h"
@@ -32,17 +31,6 @@ const char partEnding[] = ".quillet-part";
 
 NTSTATUS refuseFile(const std::string& name, const std::string& what, int error, Problem& problem) {
     return refuse(problem, deviceStatus(error), name + ": " + what + " (" + deviceErrorText(error) + ")");
-}
-
-bool isUtf8(const std::string& text) {
-    return toUtf8(toUtf16(text)) == text;
-}
-
-/* "" where there is no working directory. */
-std::string absolute(const std::string& path) {
-    std::error_code noDirectory;
-    std::string whole = std::filesystem::absolute(path, noDirectory);
-    return noDirectory ? "" : whole;
 }
 
 /* ---- The golden image ---- */
@@ -120,10 +108,6 @@ bool usedAsDisk(int file) {
     return fcntl(file, F_OFD_GETLK, &whole) != 0 || whole.l_type != F_UNLCK;
 }
 
-const char* driverOf(DiskFormat format) {
-    return format == DiskFormat::vhd ? "vpc" : formatName(format);
-}
-
 } /* namespace */
 
 /* ---- The golden image ---- */
@@ -149,7 +133,7 @@ NTSTATUS goldenImageOpen(const DiskName& disk, GoldenImage& golden, Problem& pro
             if (status >= 0) status = hold(extent, disk.name, golden, problem);
         }
         if (status < 0) return status;
-        golden.path = lasting(absolute(disk.name));
+        golden.path = lasting(absolutePath(disk.name));
         golden.format = chain.format();
         if (!golden.path.empty() && !qemuImage(chain, true).empty()) return STATUS_SUCCESS;
         return refuse(problem, STATUS_OBJECT_NAME_INVALID,
@@ -165,7 +149,7 @@ bool isLinkedImagePart(const std::string& name) {
 
 NTSTATUS linkedImagePlace(const std::string& name, std::string& place, Problem& problem) {
     return guardedRefusing(problem, [&]() -> NTSTATUS {
-        const std::string path = absolute(name);
+        const std::string path = absolutePath(name);
         const size_t slash = path.rfind('/');
         struct stat info = {};
         if (name.empty() || slash == std::string::npos || slash + 1 == path.size() ||
@@ -235,7 +219,7 @@ NTSTATUS LinkedImage::fill(const GoldenImage& golden, Problem& problem) {
     const int status =
         runProgram("qemu-img",
                    {"create", "-q", "-f", "qcow2", "-o", "cluster_size=" + std::to_string(scratchCluster),
-                    "-b", golden.path, "-F", driverOf(golden.format), "--", part},
+                    "-b", golden.path, "-F", qemuFormatName(golden.format), "--", part},
                    words);
     if (status == 0) return STATUS_SUCCESS;
     if (words.empty()) words = "it ended with status " + std::to_string(status);
@@ -245,7 +229,7 @@ NTSTATUS LinkedImage::fill(const GoldenImage& golden, Problem& problem) {
 NTSTATUS LinkedImage::create(const GoldenImage& golden, const std::string& name, Problem& problem) {
     return guardedRefusing(problem, [&]() -> NTSTATUS {
         called = name;
-        wanted = absolute(name);
+        wanted = absolutePath(name);
         part = wanted + partEnding;
         const NTSTATUS status = takePart(problem);
         return status < 0 ? status : fill(golden, problem);

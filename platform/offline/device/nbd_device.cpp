@@ -100,6 +100,7 @@ private:
     DeviceError perform(Command command, std::span<const Request> requests);
     void addRequests(const DeviceRead& read, std::vector<Request>& requests) const;
     DeviceError readUnits(std::span<const DeviceRead> reads);
+    void waitForWrites();
     DeviceError endWriting();
     DeviceError goOnWriting(Command command, uint64_t offset, uint64_t count, Bytes from);
     DeviceError writeParts(uint64_t offset, Bytes from);
@@ -209,7 +210,8 @@ DeviceError NbdDevice::read(uint64_t offset, std::span<uint8_t> into) {
 /* What is not in whole units is read in such, aside. */
 DeviceError NbdDevice::readAll(std::span<const DeviceRead> reads) {
     return guardedOr<DeviceError>(ENOMEM, [&]() -> DeviceError {
-        if (const DeviceError error = endWriting()) return error;
+        waitForWrites();
+        if (alive() && written.error != 0) return written.error;
         std::vector<DeviceRead> whole(reads.begin(), reads.end());
         std::vector<ByteVector> aside;
         for (DeviceRead& one : whole) {
@@ -237,11 +239,15 @@ DeviceError NbdDevice::readUnits(std::span<const DeviceRead> reads) {
 
 /* ---- Writing ---- */
 
-/* None is under way any more; the first refusal that was not told yet. */
-DeviceError NbdDevice::endWriting() {
+void NbdDevice::waitForWrites() {
     while (alive() && written.underWay > 0) wait(written);
     noticeEnd();
     writing.clear();
+}
+
+/* None is under way any more; the first refusal that was not told yet, for a write or a flush to tell. */
+DeviceError NbdDevice::endWriting() {
+    waitForWrites();
     return alive() ? std::exchange(written.error, 0) : deviceGone;
 }
 
@@ -264,7 +270,8 @@ DeviceError NbdDevice::goOnWriting(Command command, uint64_t offset, uint64_t co
 DeviceError NbdDevice::writeParts(uint64_t offset, Bytes from) {
     const uint64_t start = offset - offset % unit, end = (offset + from.size() + unit - 1) / unit * unit;
     ByteVector whole(static_cast<size_t>(end - start));
-    const DeviceError error = read(start, whole);
+    DeviceError error = endWriting();
+    if (error == 0) error = read(start, whole);
     if (error != 0) return error;
     std::copy(from.begin(), from.end(), whole.begin() + static_cast<ptrdiff_t>(offset - start));
     return write(start, whole);
@@ -338,7 +345,7 @@ int extentsTold(void* device, const char*, uint64_t offset, uint32_t* entries, s
 
 void NbdDevice::askExtents(uint64_t offset) {
     extents.clear();
-    while (alive() && written.underWay > 0) wait(written);
+    waitForWrites();
     if (!alive()) return;
     Batch batch;
     const nbd_extent_callback told = {extentsTold, this, nullptr};

@@ -74,28 +74,31 @@ std::string quoted(const std::string& text) {
     return json + "\"";
 }
 
-std::string absolute(const std::string& path) {
-    std::error_code noDirectory;
-    const std::string whole = std::filesystem::absolute(path, noDirectory);
-    const bool text = toUtf8(toUtf16(whole)) == whole; /* JSON has no other */
-    return noDirectory || !text ? "" : whole;
-}
+} /* namespace */
 
-const char* driverOf(DiskFormat format) {
+const char* qemuFormatName(DiskFormat format) {
     return format == DiskFormat::vhd ? "vpc" : formatName(format);
 }
 
-} /* namespace */
+std::string absolutePath(const std::string& path) {
+    std::error_code noDirectory;
+    std::string whole = std::filesystem::absolute(path, noDirectory);
+    return noDirectory ? "" : whole;
+}
+
+bool isUtf8(const std::string& text) {
+    return toUtf8(toUtf16(text)) == text;
+}
 
 std::string qemuImage(const ImageChain& chain, bool readOnly) {
     std::string image, ends;
     for (size_t i = 0; i < chain.files.size(); ++i) {
         const ImageFile& file = chain.files[i];
-        const std::string path = absolute(file.path);
+        const std::string path = absolutePath(file.path);
         struct stat info = {};
-        if (path.empty()) return "";
+        if (path.empty() || !isUtf8(path)) return ""; /* JSON has no other text */
         const bool device = stat(path.c_str(), &info) == 0 && S_ISBLK(info.st_mode);
-        image += std::string("{\"driver\":\"") + driverOf(file.format) +
+        image += std::string("{\"driver\":\"") + qemuFormatName(file.format) +
                  "\",\"read-only\":" + (readOnly || i > 0 ? "true" : "false") +
                  ",\"discard\":\"unmap\",\"file\":{\"driver\":\"" + (device ? "host_device" : "file") +
                  "\",\"filename\":" + quoted(path) + "}";

@@ -32,6 +32,15 @@ struct QemuNbd {
     NTSTATUS refuseDisk(const std::string& disk, const std::string& error, Problem& problem);
 };
 
+/* ---- Names, as qemu's programs take them ---- */
+
+const char* qemuFormatName(DiskFormat format);
+
+/* The path of a file from the root; "" where there is no working directory. */
+std::string absolutePath(const std::string& path);
+
+bool isUtf8(const std::string& text);
+
 /* What it is to serve: a chain of files that are named to it one by one with their formats, so that it
  * neither looks for others nor guesses, or an address. "" of a name that can't be passed on. */
 std::string qemuImage(const ImageChain& chain, bool readOnly);

@@ -12,6 +12,7 @@
 #include <new>
 
 #include "platform/offline/base/streams.h"
+#include "platform/offline/device/file_transfer.h"
 
 namespace offline {
 namespace {
@@ -94,9 +95,9 @@ DeviceError UnitStore::writeOn(uint64_t offset, Bytes bytes) {
         size_t length = 0;
         if (offset < tailStart) {
             length = static_cast<size_t>(std::min<uint64_t>(bytes.size(), tailStart - offset));
-            error = writeFile(offset, bytes.first(length));
+            error = fileWriteAt(file, offset, bytes.first(length));
         } else if (offset > tailStart + tail.size() || offset == tailStart + tailBytes) {
-            error = writeFile(tailStart, tail);
+            error = fileWriteAt(file, tailStart, tail);
             if (error == 0) tail.clear();
             if (error == 0) tailStart = offset;
         } else {
@@ -121,33 +122,11 @@ DeviceError UnitStore::readOn(uint64_t offset, std::span<uint8_t> bytes) const {
         const auto part = bytes.first(static_cast<size_t>(std::min<uint64_t>(bytes.size(), most)));
         if (inTail) {
             std::memcpy(part.data(), &tail[offset - tailStart], part.size());
-        } else if (const DeviceError error = readFile(offset, part)) {
+        } else if (const DeviceError error = fileReadAt(file, offset, part)) {
             return error;
         }
         bytes = bytes.subspan(part.size());
         offset += part.size();
-    }
-    return 0;
-}
-
-DeviceError UnitStore::writeFile(uint64_t offset, Bytes bytes) const {
-    while (!bytes.empty()) {
-        const ssize_t done = pwrite(file, bytes.data(), bytes.size(), static_cast<off_t>(offset));
-        if (done < 0 && errno == EINTR) continue;
-        if (done <= 0) return done < 0 ? errno : EIO;
-        bytes = bytes.subspan(static_cast<size_t>(done));
-        offset += static_cast<uint64_t>(done);
-    }
-    return 0;
-}
-
-DeviceError UnitStore::readFile(uint64_t offset, std::span<uint8_t> bytes) const {
-    while (!bytes.empty()) {
-        const ssize_t done = pread(file, bytes.data(), bytes.size(), static_cast<off_t>(offset));
-        if (done < 0 && errno == EINTR) continue;
-        if (done <= 0) return done < 0 ? errno : EIO;
-        bytes = bytes.subspan(static_cast<size_t>(done));
-        offset += static_cast<uint64_t>(done);
     }
     return 0;
 }

@@ -55,8 +55,6 @@ private:
     DeviceError openFile();
     DeviceError writeOn(uint64_t offset, Bytes bytes);
     DeviceError readOn(uint64_t offset, std::span<uint8_t> bytes) const;
-    DeviceError writeFile(uint64_t offset, Bytes bytes) const;
-    DeviceError readFile(uint64_t offset, std::span<uint8_t> bytes) const;
 };
 
 } /* namespace offline */

@@ -33,6 +33,7 @@ int runTool(const std::vector<std::string>& arguments) {
 int run(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN); /* a reader that has gone must not end a run half-way */
     signal(SIGXFSZ, SIG_IGN); /* nor a limit on files' sizes: the write fails, and that is reported */
+    signal(SIGCHLD, SIG_DFL); /* of children whose end a parent had ignored no status is kept */
     offline::endingSignalsSay("quillet: ended by a signal; nothing was changed\n");
     offline::Session session;
     offline::systemStart(offline::sayAsTool);

@@ -33,7 +33,7 @@ struct VolumeDevice {
     uint64_t readsLeft = 0; /* see allowReads */
 };
 
-extern ntfs3g::ntfs_device_operations volumeDeviceOperations;
+extern const ntfs3g::ntfs_device_operations volumeDeviceOperations;
 
 /* What an MFT record says, taken from the record as it lies on the disk. */
 struct FileRecord {

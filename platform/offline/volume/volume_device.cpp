@@ -126,7 +126,7 @@ int ioctlDevice(ntfs_device* device, unsigned long request, void* argument) {
 
 } /* namespace */
 
-ntfs3g::ntfs_device_operations volumeDeviceOperations = {
+const ntfs3g::ntfs_device_operations volumeDeviceOperations = {
     openDevice, closeDevice, seekDevice, readOn,     writeOn,
     readAt,     writeAt,     syncDevice, statDevice, ioctlDevice,
 };

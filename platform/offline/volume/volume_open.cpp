@@ -78,8 +78,10 @@ NTSTATUS refuseMount(const Volume& volume, int error, Problem& problem) {
 NTSTATUS mount(Volume& volume, Problem& problem) {
     allowReads(volume, readsOfACall);
     ntfs3g::ntfs_log_set_handler(ntfs3g::ntfs_log_handler_null);
+    /* Which the library only reads. */
+    auto* const operations = const_cast<ntfs3g::ntfs_device_operations*>(&volumeDeviceOperations);
     ntfs3g::ntfs_device* device =
-        ntfs3g::ntfs_device_alloc(volume.name.c_str(), 0, &volumeDeviceOperations, &volume.device);
+        ntfs3g::ntfs_device_alloc(volume.name.c_str(), 0, operations, &volume.device);
     if (device == nullptr) return refuseMount(volume, ENOMEM, problem);
     errno = 0;
     unsigned long flags = volume.readOnly ? ntfs3g::NTFS_MNT_RDONLY : ntfs3g::NTFS_MNT_NONE;

@@ -25,7 +25,7 @@ bool readBitmap(const Volume& volume, std::vector<uint8_t>& bits) {
         const auto length = static_cast<uint64_t>(run->length << ntfs.cluster_size_bits);
         const uint64_t place = static_cast<uint64_t>(run->lcn << ntfs.cluster_size_bits) + (at - begin);
         const uint64_t count = std::min(length - (at - begin), bits.size() - at);
-        if (place > volume.device.size || count > volume.device.size - place) return false;
+        if (count == 0 || place > volume.device.size || count > volume.device.size - place) return false;
         const std::span<uint8_t> part =
             std::span(bits).subspan(static_cast<size_t>(at), static_cast<size_t>(count));
         if (diskReadPast(*volume.device.disk, volume.device.start + place, part) < 0) return false;
