@@ -56,6 +56,8 @@ void refuseSystem(const offline::DiskName& golden) {
 
 /* ---- Signals ---- */
 
+constexpr int signalStatus = 128; /* and the signal's number: as shells tell the status of what it ended */
+
 /* From here to its end the signals that ask to end are taken one by one, together with the children's ends.
  */
 struct AwaitedSignals {
@@ -87,7 +89,7 @@ struct AwaitedSignals {
         sigaddset(&one, signal);
         raise(signal);
         sigprocmask(SIG_UNBLOCK, &one, nullptr);
-        _exit(128 + signal);
+        _exit(signalStatus + signal);
     }
 
 private:
@@ -207,12 +209,17 @@ void Cloning::takeEnded() {
     }
 }
 
-/* Those that are whole stay. */
+/* Those that are whole stay, and are told in any case: nothing else knows their SIDs together. */
 void Cloning::endEarly(int signal) {
     running.clear();
     offline::progressEnd();
-    say("ended by a signal; " + std::to_string(made) + " of " + std::to_string(options.clones.size()) +
-        " clones were made, nothing is left of the others");
+    const std::string line = "ended by a signal; " + std::to_string(made) + " of " +
+                             std::to_string(options.clones.size()) +
+                             " clones were made, nothing is left of the others";
+    say(line);
+    results.problems.push_back(line);
+    if (options.json) printJson(results, signalStatus + signal);
+    fflush(stdout);
     AwaitedSignals::endBy(signal);
 }
 

@@ -47,9 +47,14 @@ void declareIdentity(CLI::App& app, IdentityOptions& options, const char* name) 
         ->type_name("IDS");
 }
 
-/* The library takes a number that begins with a zero for an octal one. */
-std::string withoutZeros(const std::string& number) {
-    return number.substr(std::min(number.find_first_not_of('0'), number.size() - !number.empty()));
+/* A whole number in decimal digits, after which a unit may stand. The library would take a zero before it for
+ * an octal number's, "0x" for a hexadecimal one's, and signs. */
+std::string decimal(const std::string& word) {
+    const char digits[] = "0123456789";
+    const size_t end = std::min(word.find_first_not_of(digits), word.size());
+    if (end == 0 || word.find_first_of(digits, end) != std::string::npos)
+        throw CLI::ValidationError("\"" + word + "\": give a whole number in decimal digits");
+    return word.substr(std::min(word.find_first_not_of('0'), end - 1));
 }
 
 void declareReport(CLI::App& app, std::string& file) {
@@ -62,16 +67,19 @@ void declare(CLI::App& app, SampleOptions& options) {
     app.add_option("IMAGE", options.image, "The file to be made")->required();
     app.add_option("--size", options.size, "The image's size, such as 256M (what the files need)")
         ->transform(CLI::AsSizeValue(false).description(""))
+        ->transform(decimal)
         ->type_name("SIZE");
     app.add_option("--whole-disk", options.table, "A whole disk with this partition table: mbr or gpt")
         ->check(CLI::IsMember({"mbr", "gpt"}).description(""))
         ->type_name("TABLE");
     app.add_flag("--force", options.force, "Replace the file when it is there");
     app.add_option("--files", options.files, "How many ordinary files (400)")
+        ->transform(decimal)
         ->check(CLI::Range(0, 1000000).description(""))
         ->type_name("N");
     app.add_option("--descriptors", options.descriptors,
                    "How many different security descriptors among them (60)")
+        ->transform(decimal)
         ->check(CLI::Range(1, 100000).description(""))
         ->type_name("N");
     app.add_option("--machine", options.machine, "The machine's SID (a random one)")->type_name("SID");
@@ -123,11 +131,12 @@ void declare(CLI::App& app, CloneOptions& options) {
         ->envname("QUILLET_FORMAT")
         ->type_name("FORMAT");
     app.add_option("--jobs", options.jobs, "How many are made at a time (one for each processor)")
+        ->transform(decimal)
         ->check(CLI::Range(1, 1000).description(""))
         ->type_name("N");
     declareIdentity(app, options.identity, "The computers' name, for several with a number: web-%02d");
     app.add_option("--first-number", options.firstNumber, "The number in the first one's name (1)")
-        ->transform(withoutZeros)
+        ->transform(decimal)
         ->check(CLI::Range(0, 99999999).description(""))
         ->type_name("N");
     app.add_flag("-v,--verbose", options.verbose, "Show what each run says on standard error");

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
 /* run: quillet on the installation of some disks. */
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -126,9 +127,16 @@ void tellIdentity(Results& results) {
 
 /* What is written on standard error although it means no harm. */
 void explain(const Results& results) {
-    if (results.runStatus != 0 || results.explained.empty()) return;
-    say("lines \"RegLoadKey(...) failed with code 2\" (or 3) name profiles without a hive, in which there is "
-        "nothing to treat; for S-1-5-18, the system's own, that is usual");
+    if (results.runStatus != 0) return;
+    const auto has = [&](const char* call) {
+        return std::any_of(results.explained.begin(), results.explained.end(),
+                           [&](const Explained& one) { return one.line.find(call) != std::string::npos; });
+    };
+    if (has("FindFirstFile "))
+        say("a line \"FindFirstFile returned 2\" names a drive without files: there is nothing to treat");
+    if (has("RegLoadKey("))
+        say("lines \"RegLoadKey(...) failed with code 2\" (or 3) name profiles without a hive, in which "
+            "there is nothing to treat; for S-1-5-18, the system's own, that is usual");
 }
 
 } /* namespace */

@@ -14,7 +14,7 @@ constexpr size_t mostAreas = 300; /* a disk can hold any number of directories *
 
 [[noreturn]] void refuseFile() {
     throw Failure{std::string("the list of places can't be kept in a temporary file (") + strerror(errno) +
-                  "); make room in /tmp"};
+                  "); see to a /tmp that has room"};
 }
 
 struct Head {

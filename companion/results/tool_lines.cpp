@@ -97,8 +97,16 @@ void readMessage(std::string_view text, PassedOver& one) {
     one.reason = text;
 }
 
+/* The walk of a drive without files: its root alone has no "." either. */
+bool isEmptyDrive(const PassedOver& one) {
+    constexpr std::string_view drive = "\\\\?\\d", below = ":\\*.*";
+    return one.call == "FindFirstFile" && one.code == ERROR_FILE_NOT_FOUND &&
+           one.object.size() == drive.size() + below.size() && one.object.ends_with(below);
+}
+
 /* "LEVEL    [unit:line] function message". Nothing for levels that tell of no failure. */
 bool readLogLine(std::string_view line, ToolLine& read) {
+    const std::string_view whole = line;
     std::string_view level;
     for (const std::string_view word :
          {"CRITICAL", "ALERT", "ERROR", "WARN", "NOTICE", "INFO", "DEBUG", "TRACE"}) {
@@ -115,6 +123,11 @@ bool readLogLine(std::string_view line, ToolLine& read) {
     PassedOver one;
     one.level = level;
     readMessage(line, one);
+    if (isEmptyDrive(one)) {
+        read.explained =
+            Explained{std::string(whole), "names a drive without files: there is nothing to treat"};
+        return true;
+    }
     /* A key that refuses is opened by force next, and the line after says what came of that. */
     const bool onTheWay = level == "WARN" && one.call == "ZwOpenKey";
     if (!onTheWay) read.passedOver = std::move(one);

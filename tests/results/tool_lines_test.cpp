@@ -66,6 +66,13 @@ TEST(ToolLines, LeaveTheRestAlone) {
         EXPECT_FALSE(read.passedOver || read.explained || read.problem) << harmless;
     }
     EXPECT_TRUE(readToolLine("RegLoadKey(User.S-1-5-18, C:\\x) failed with code 2\n").explained);
+    const auto empty = readToolLine(
+        "WARN     [a/b:1] f Win API call FindFirstFile returned 2 for \\\\?\\d:\\*.*, attr=0x10\n");
+    EXPECT_TRUE(empty.explained && !empty.passedOver);
+    EXPECT_TRUE(
+        readToolLine(
+            "WARN     [a/b:1] f Win API call FindFirstFile returned 2 for \\\\?\\d:\\a\\*.*, attr=0x10\n")
+            .passedOver);
     EXPECT_TRUE(readToolLine("RegLoadKey(User.S-1-2-3, C:\\x) failed with code 3\n").explained);
     for (const char* problem : {"invalid option: -z", "OpenProcessToken() failed with code 5"}) {
         EXPECT_EQ(readToolLine(problem).problem.value_or(""), problem);

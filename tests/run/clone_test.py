@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: GPL-2.0-or-later
 """Linked clones of a golden image: each whole, with an identity of its own, or not there."""
-import os, shutil, signal, socket, subprocess, tempfile, time, unittest
+import json, os, shutil, signal, socket, subprocess, tempfile, time, unittest
 
 import programs
 from programs import ImageCase, OFFLINE, digest, run
@@ -100,16 +100,21 @@ class Clones(CloneCase):
         self.assertEqual((work.returncode, self.made()), (2, ["a.qcow2"]), err)
         self.assertIn("changed or replaced", err)
 
-    def test_a_signal_leaves_whole_ones_alone(self):
-        names = [self.path(name + ".qcow2") for name in "abcdefgh"]
-        work = subprocess.Popen([OFFLINE, "clone", "--jobs", "2", self.golden, *names], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                                preexec_fn=lambda: signal.signal(signal.SIGINT, signal.default_int_handler))
-        first = work.stdout.readline().decode().split()[0]
-        work.send_signal(signal.SIGINT)
-        out, err = work.communicate()
-        told = [first] + [line.split()[0] for line in out.decode().splitlines()]
-        self.assertEqual(sorted(map(self.path, self.made())), sorted(told))
-        if len(told) < len(names): self.assertEqual(work.returncode, -signal.SIGINT, err)
+    def test_a_signal_leaves_whole_ones_alone_and_tells_them(self):
+        for options in ([], ["--json"]):
+            names = [self.path("%s%d.qcow2" % (name, len(options))) for name in "abcdefgh"]
+            work = subprocess.Popen([OFFLINE, "clone", *options, "--jobs", "2", self.golden, *names], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                    preexec_fn=lambda: signal.signal(signal.SIGINT, signal.default_int_handler))
+            while not any(map(os.path.exists, names)): time.sleep(0.01)
+            work.send_signal(signal.SIGINT)
+            out, err = (text.decode() for text in work.communicate())
+            told = json.loads(out) if options else [line.split()[0] for line in out.splitlines()]
+            made = [one["file"] for one in told["clones"] if one["made"]] if options else told
+            self.assertEqual(sorted(filter(os.path.exists, names)), sorted(made))
+            self.assertFalse([name for name in self.made() if name.endswith("part")])
+            if len(made) == len(names): continue
+            self.assertEqual(work.returncode, -signal.SIGINT, err)
+            if options: self.assertEqual((told["finished"], told["exitStatus"], ["quillet-offline: " + line for line in told["problems"]]), (False, 130, err.splitlines()))
 
     def test_what_is_refused_makes_nothing(self):
         there = self.copy(sample(), "golden-there.qcow2")

@@ -18,7 +18,8 @@ namespace {
 NTSTATUS openServedSo(const DiskName& disk, const QemuServing& serving, DiskAccess access, bool writable,
                       BlockDevicePtr& device, Problem& problem) {
     auto server = std::make_unique<QemuNbd>();
-    const NTSTATUS status = qemuNbdStart(disk.name, serving, *server, problem);
+    const NTSTATUS status =
+        nbdBuiltIn() ? qemuNbdStart(disk.name, serving, *server, problem) : STATUS_SUCCESS;
     return status < 0 ? status
                       : nbdDeviceServed(disk.name, std::move(server), access, writable, device, problem);
 }

@@ -84,8 +84,12 @@ int highestUndo(JournalFiles& files, const JournalPlace& place, uint32_t& highes
     return 0;
 }
 
+std::string pathOf(const JournalPlace& place) {
+    return place.directory + (place.directory.ends_with('/') ? "" : "/") + place.name;
+}
+
 std::string undoPath(const JournalPlace& place, uint32_t number) {
-    std::string path = place.directory + "/" + place.name + undoEnding;
+    std::string path = pathOf(place) + undoEnding;
     return number == 1 ? path : path + "." + std::to_string(number);
 }
 
@@ -126,7 +130,7 @@ NTSTATUS makeJournalDirectory(const JournalPlace& place, Problem& problem) {
 }
 
 std::string journalPath(const JournalPlace& place) {
-    return place.directory + "/" + place.name + ".quillet-journal";
+    return pathOf(place) + ".quillet-journal";
 }
 
 std::string undoCopyPath(const std::string& undoPath) {

@@ -45,7 +45,8 @@ NTSTATUS needProgram(const char* name, Problem& problem) {
 NTSTATUS needTools(Problem& problem) {
     if (!nbdBuiltIn()) {
         return refuse(problem, STATUS_NOT_SUPPORTED,
-                      "linked images need libnbd, without which this quillet was built; build with it");
+                      "linked images need libnbd, without which this quillet was built; use the Debian "
+                      "package's or one that is built with it");
     }
     const NTSTATUS status = needProgram("qemu-img", problem);
     return status < 0 ? status : needProgram("qemu-nbd", problem);

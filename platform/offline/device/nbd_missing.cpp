@@ -11,7 +11,7 @@ NTSTATUS refuseBuild(const std::string& name, Problem& problem) {
         return refuse(problem, STATUS_NOT_SUPPORTED,
                       name +
                           ": this quillet was built without libnbd, so only raw disks can be used; "
-                          "convert it, or build with libnbd");
+                          "convert it to one, or use the Debian package's or one that is built with libnbd");
     });
 }
 
