@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: GPL-2.0-or-later
-"""Disks that are no raw files: every command on each format in place, and what must not be opened."""
+"""Disks that are no raw files: runs in place and taken back in each format, and what must not be opened."""
 import json, os, re, shutil, subprocess, time
 
 import programs
