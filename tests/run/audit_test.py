@@ -3,7 +3,7 @@
 import json, struct
 
 import programs
-from programs import CONFIG, MACHINE, CompanionCase, sample
+from programs import CONFIG, MACHINE, SystemCase
 
 KINDS = ("files", "keyDescriptors", "keyNames", "values")
 PLANTED = "S-1-5-21-77-88-99"
@@ -46,11 +46,7 @@ VALUES = [
 ]
 
 
-class Audit(CompanionCase):
-    def setUp(self):
-        super().setUp()
-        self.image = self.copy(sample(), "a.img")
-
+class Audit(SystemCase):
     def audit(self, status, *arguments):
         done = self.look("audit", *arguments)
         self.assertEqual((done.status, done.err == ""), (status, status != 2), done.out + done.err)
@@ -64,6 +60,7 @@ class Audit(CompanionCase):
         return {kind: (counts[kind]["remaining"], counts[kind]["left"]) for kind in KINDS}
 
     def test_a_run_leaves_what_it_should_and_gives_all_else_the_new_sid(self):
+        self.edit_hive(self.image, CONFIG + "SOFTWARE", ["cd \\Classes\\AppID", "add " + MACHINE])  # a tree whose names stay
         before = self.counts(1, "a.img")
         for other in ("S-1-5-21-1111-2222-333", "S-1-5-21-1111-2222-33333", "S-1-5-21-9-8-7"):
             self.assertEqual(set(self.counts(0, "--all", "a.img", other).values()), {(0, 0)}, other)

@@ -1,16 +1,16 @@
 # SPDX-License-Identifier: GPL-2.0-or-later
 """Linked clones of a golden image: each whole, with an identity of its own, or not there."""
-import json, os, shutil, signal, socket, subprocess, tempfile, time, unittest
+import json, os, shutil, signal, socket, subprocess, tempfile, time
 
 import programs
-from programs import ImageCase, OFFLINE, digest, run
+from programs import ImageCase, OFFLINE, WITH_QEMU, digest, run
 
 
 def sample(): return programs.sample("--files", "20", "--descriptors", "5")
 
 
-@unittest.skipUnless(shutil.which("qemu-img") and shutil.which("qemu-nbd"), "no qemu-utils")
-class CloneCase(ImageCase):
+@WITH_QEMU
+class Clones(ImageCase):
     def setUp(self):
         super().setUp()
         self.raw = self.copy(sample(), "golden.img")
@@ -55,8 +55,6 @@ class CloneCase(ImageCase):
             self.assertIn("backing file: %s\nbacking file format: %s\n" % (golden, driver), said)
             self.assertLess(os.path.getsize(disk), os.path.getsize(sample()) / 8)
 
-
-class Clones(CloneCase):
     def test_each_has_an_identity_of_its_own(self):
         sids = [next(l.split()[-1] for l in run(OFFLINE, "info", self.raw).out.splitlines() if l.startswith("machine"))]
         self.serve(self.golden, "qcow2", "--read-only")  # readers share it

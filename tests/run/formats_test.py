@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: GPL-2.0-or-later
-"""Disks that are no raw files: every command on each format in place, and what must not be opened."""
-import json, os, re, shutil, subprocess, time, unittest
+"""Disks that are no raw files: runs in place and taken back in each format, and what must not be opened."""
+import json, os, re, shutil, subprocess, time
 
 import programs
-from programs import ImageCase, OFFLINE, PAIR, digest, quillet, run
+from programs import ImageCase, OFFLINE, PAIR, WITH_QEMU, digest, quillet, run
 
 # Stands for qemu-nbd: passes so many bytes on to it, and then both are killed; else it says how many there were.
 RELAY = """#!/usr/bin/env python3
@@ -42,7 +42,7 @@ def qemu_img(*arguments):
     return subprocess.run(["qemu-img", *arguments], check=True, capture_output=True).stdout.decode()
 
 
-@unittest.skipUnless(shutil.which("qemu-img") and shutil.which("qemu-nbd"), "no qemu-utils")
+@WITH_QEMU
 class FormatCase(ImageCase):
     def make(self, name, driver, *options):
         qemu_img("convert", "-O", driver, *options, sample(), self.path(name))
@@ -76,17 +76,14 @@ class InPlace(FormatCase):
         self.assertTrue(info["usable"], info["problems"])
         [seen] = info["disks"]
         self.assertEqual((seen["format"], [file["path"] for file in seen["backing"]]), (shown, [base] if base else []))
-        before, kept = digest(disk), base and digest(base)
-        plan = run(OFFLINE, "plan", disk)
-        self.assertEqual((plan.status, digest(disk)), (0, before), plan.err)
+        kept = base and digest(base)
         done = run(OFFLINE, "run", disk)
         self.assertEqual(done.status, 0, done.err)
         old, new = PAIR.search(done.out).groups()
-        audit = run(OFFLINE, "audit", disk, old)
-        self.assertEqual(audit.status, 0, audit.err + audit.out)
         raw = self.raw(disk, driver)
         self.assert_sound(raw)
-        self.assertIn("machine SID " + new, run(OFFLINE, "info", raw).out)
+        audit = run(OFFLINE, "audit", raw, old)
+        self.assertEqual((audit.status, new in audit.out), (0, True), audit.err + audit.out)
         back = run("sh", "-c", re.search("`(.*)`", done.err).group(1), PATH=programs.BUILD + ":" + os.environ["PATH"])
         self.assertEqual(back.status, 0, back.err)
         with open(self.raw(disk, driver), "rb") as now, open(sample(), "rb") as then:
@@ -121,9 +118,9 @@ class InPlace(FormatCase):
         for name in ('json:{"driver":"null-co"}.qcow2', "nbd:x,driver=raw,file.filename=y.qcow2", "-r é'\"\\.qcow2", "ssh:x%2F.qcow2"):
             self.make("plain.qcow2", "qcow2")
             os.rename(self.path("plain.qcow2"), self.path(name))
-            for place in (self.path(name), "./" + name):
-                done = run("sh", "-c", 'cd "$W" && exec "$Q" run --no-undo "$D"', W=self.work, Q=OFFLINE, D=place)
-                self.assertEqual(done.status, 0, done.err)
+            done = run(OFFLINE, "run", "--no-undo", "./" + name, directory=self.work)
+            self.assertEqual(done.status, 0, done.err)
+            self.assertEqual(run(OFFLINE, "info", self.path(name)).status, 0)
 
     def test_an_address(self):
         disk, state = self.make("plain.qcow2", "qcow2"), self.path("state")
@@ -154,7 +151,6 @@ class Refused(FormatCase):
         self.assert_refused("its name says vmdk, but its contents look raw", raw)
         self.assertEqual(run(OFFLINE, "info", "--format", "raw", raw).status, 0)
         self.assert_refused("said to be vdi", "--format", "vdi", raw)
-        self.assertEqual(run(OFFLINE, "info", "--format", "raw,raw", raw).status, 2)
 
     def test_what_an_image_names(self):
         disk = self.clone()

@@ -3,7 +3,7 @@
 import json, os, re, shutil, subprocess, unittest
 
 import programs
-from programs import CONFIG, CompanionCase, OFFLINE, digest, run, sample
+from programs import CONFIG, OFFLINE, SystemCase, WITH_QEMU, digest, run, sample
 
 NAME, TCPIP, TCPIP6 = "Control\\ComputerName\\ComputerName", "Services\\Tcpip\\Parameters", "Services\\TCPIP6\\Parameters"
 CRYPTOGRAPHY, UPDATE = "Microsoft\\Cryptography", "Microsoft\\Windows\\CurrentVersion\\WindowsUpdate"
@@ -12,11 +12,7 @@ GUID = "[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"
 
 
 @unittest.skipUnless(shutil.which("hivexget") and shutil.which("hivexsh"), "no libhivex-bin")
-class IdentityCase(CompanionCase):
-    def setUp(self):
-        super().setUp()
-        self.image = self.copy(sample(), "a.img")
-
+class IdentityCase(SystemCase):
     def values(self, image, hive, key):
         """A key's values as a program that is not ours reads them; those of a missing key are none."""
         file = self.write("read", self.contents(image, CONFIG + hive))
@@ -102,7 +98,7 @@ class Refused(IdentityCase):
         self.assertEqual(os.listdir(self.work), ["a.img"])
 
 
-@unittest.skipUnless(shutil.which("qemu-img") and shutil.which("qemu-nbd"), "no qemu-utils")
+@WITH_QEMU
 class Clones(IdentityCase):
     def test_each_has_a_name_and_ids_of_its_own(self):
         done = self.offline("clone", "--computer-name", "Web-%02d", "--first-number", "09", "--new", "all", "a.img", "x.qcow2", "y.qcow2", "z.qcow2")

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Preloaded into a program: kills it at the INTERRUPT_AT-th call that writes, flushes, renames or removes,
- * just before it, or with INTERRUPT_AFTER just after it. INTERRUPT_COUNT: a file that gets a byte for each
- * call. */
+ * just before it. INTERRUPT_COUNT: a file that gets a byte for each call. */
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -12,26 +11,20 @@
 
 namespace {
 
-bool isHit() {
-    static const char* const wanted = getenv("INTERRUPT_AT");
-    static const long at = wanted == nullptr ? 0 : atol(wanted);
+void count() {
+    static const long at = atol(getenv("INTERRUPT_AT"));
     static long calls = 0;
-    if (const char* const count = getenv("INTERRUPT_COUNT")) {
-        FILE* const file = fopen(count, "a");
-        fputc('.', file);
-        fclose(file);
-    }
-    return ++calls == at;
+    FILE* const file = fopen(getenv("INTERRUPT_COUNT"), "a");
+    fputc('.', file);
+    fclose(file);
+    if (++calls == at) kill(getpid(), SIGKILL);
 }
 
 template <class Call, class... Arguments>
 auto interrupted(const char* name, Call*, Arguments... arguments) {
     static Call* const real = reinterpret_cast<Call*>(dlsym(RTLD_NEXT, name));
-    const bool hit = isHit(), after = getenv("INTERRUPT_AFTER") != nullptr;
-    if (hit && !after) kill(getpid(), SIGKILL);
-    const auto result = real(arguments...);
-    if (hit && after) kill(getpid(), SIGKILL);
-    return result;
+    count();
+    return real(arguments...);
 }
 
 } /* namespace */

@@ -37,20 +37,4 @@ class Options(unittest.TestCase):
         self.assertEqual(done.error_lines()[0], "invalid option: -\ufffd\ufffd")
 
 
-class NoSystem(unittest.TestCase):
-    def check(self, end, *arguments, **more):
-        done = quillet(*arguments, **more)
-        self.assertNotEqual(done.status, 0)
-        self.assertEqual(done.out, "")
-        said = [line for line in done.error_lines() if line.startswith("quillet: ") and "exit status" not in line]
-        self.assertEqual(len(said), 1, done.err)
-        self.assertRegex(said[0], end)
-
-    def test_one_line_says_what_to_set(self):
-        self.check("QUILLET_SYSTEM is not set; set it to", "-q")
-        self.check("QUILLET_SYSTEM is not set; set it to", system="")
-        self.check("/no/such/disk: ", system="/no/such/disk")
-        self.check("QUILLET_ACCESS is \"maybe\"; set it to", system="/no/such/disk", QUILLET_ACCESS="maybe")
-
-
 programs.main()

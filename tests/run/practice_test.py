@@ -1,29 +1,20 @@
 # SPDX-License-Identifier: GPL-2.0-or-later
 """Runs on a practice installation."""
-import os, subprocess, unittest
+import os, subprocess
 
 import programs
-from programs import CONFIG, ImageCase, PAIR, digest, quillet, run, sample
-
-
-HIVES = [CONFIG + name for name in ("SAM", "SECURITY", "SOFTWARE", "SYSTEM", "DEFAULT")]
-HIVES += ["Users/alice/NTUSER.DAT", "Users/bob/NTUSER.DAT"]
+from programs import CONFIG, ImageCase, PAIR, digest, quillet, sample
 
 
 class DryRun(ImageCase):
     def assert_same_but_for_the_guid(self, before, after):
-        """The file server's GUID is given anew in every run; it lies in the SYSTEM hive."""
-        for path in HIVES:
-            was, now = self.contents(before, path), self.contents(after, path)
-            if not path.endswith("SYSTEM"): self.assertEqual(was, now, path)
-            else: self.assertLess(sum(a != b for a, b in zip(was[4096:], now[4096:])), 16 + 8 + 1, "GUID and last-write time")
-        self.assertEqual(self.descriptors(before), self.descriptors(after))
-
-    def descriptors(self, image):
-        """Every file with its descriptor, without the comments, one of which is the time."""
-        said = subprocess.run(["ntfssecaudit", "-b", image], capture_output=True).stdout
-        self.assertIn(b"Security key", said)
-        return [line for line in said.splitlines() if not line.startswith(b"#") and image.encode() not in line]
+        """The file server's GUID is given anew in every run; with it times, checksums and sequence numbers change."""
+        with open(before, "rb") as f: was = f.read()
+        with open(after, "rb") as f: now = f.read()
+        blocks = [slice(at, at + 4096) for at in range(0, len(was), 4096)]
+        changed = [(was[block], now[block]) for block in blocks if was[block] != now[block]]
+        self.assertLess(sum(old != new for one, other in changed for old, new in zip(one, other)), 150)
+        self.assertTrue(changed)
 
     def test_nothing_is_written_and_every_find_is_named(self):
         image = self.copy(sample(), "dry.img")
@@ -79,18 +70,9 @@ class RealRun(ImageCase):
             self.assertIn(image, done.error_lines()[-1])
             self.assertNotIn("was asked for", quillet("-s", *options, system=image).err)
 
-        env = dict(os.environ, QUILLET_SYSTEM=image, QUILLET_UNDO=self.path("u" * 300))  # the commit is refused
-        done = subprocess.run([programs.QUILLET, "-qr"], env=env, capture_output=True, text=True)
-        self.assertNotEqual(done.returncode, 0)
-        self.assertRegex(done.stderr, r"uuu: the undo file can't be made there .*; nothing was changed\n")
-        self.assertFalse("was asked for" in done.stderr, done.stderr[-1000:])
-
-    def test_the_companion_runs_it(self):
-        image = self.copy(sample(), "companion.img")
-        done = run(programs.OFFLINE, "run", image, "--", "-s", "-q", "-f")
-        self.assertEqual((done.status, done.out), (0, ""))
-        self.assertRegex(done.err, r"\Aquillet: \d+ KiB were changed in \d+ places; `quillet-offline undo %s` takes the run back.*\n\Z" % image)
-        self.assertEqual(run(programs.OFFLINE, "run", image, "--", "-z").status, 255)
+        done = quillet("-qr", system=image, QUILLET_UNDO=self.path("u" * 300))  # the commit is refused
+        self.assertRegex(done.refusal(), r"uuu: the undo file can't be made there .*; nothing was changed\Z")
+        self.assertNotIn("was asked for", done.err)
 
     def test_a_reader_that_goes_away_does_not_end_the_run(self):
         image = self.copy(sample(), "pipe.img")
@@ -99,7 +81,7 @@ class RealRun(ImageCase):
             process.stdout.close()
             self.assertEqual(process.wait(), 0)
         self.assert_sound(image)
-        self.assertNotEqual(self.contents(image, HIVES[0]), self.contents(sample(), HIVES[0]))
+        self.assertNotEqual(self.contents(image, CONFIG + "SAM"), self.contents(sample(), CONFIG + "SAM"))
 
     def test_several_disks_have_letters_of_their_own(self):
         first, second = self.copy(sample(), "first.img"), self.volume("data.img")

@@ -9,6 +9,7 @@ SHARED = os.environ.get("QUILLET_SHARED") or os.path.join(HERE, "..", "..", ".."
 os.environ["PATH"] += ":/usr/sbin:/sbin"  # where mkntfs is, which a user's own path may lack
 CONFIG = "Windows/System32/config/"
 MACHINE = "S-1-5-21-1111-2222-3333"  # of the practice installation
+WITH_QEMU = unittest.skipUnless(shutil.which("qemu-img") and shutil.which("qemu-nbd"), "no qemu-utils")
 PAIR = re.compile(r"^(S-1-5-21-\d+-\d+-\d+) -> (S-1-5-21-\d+-\d+-\d+)$", re.M)
 
 
@@ -22,6 +23,12 @@ class Outcome:
 
     def error_lines(self):
         return self.err.splitlines()
+
+    def refusal(self):
+        """The one line by which quillet says why it does not work."""
+        said = [line for line in self.error_lines() if line.startswith("quillet: ") and "exit status" not in line]
+        assert self.status != 0 and len(said) == 1, self.err
+        return said[0]
 
 
 def run(program, *arguments, system=None, directory=None, **environment):
@@ -119,6 +126,14 @@ class CompanionCase(ImageCase):
     def assert_one_line(self, done, words=""):
         self.assertRegex(done.err, r"\Aquillet-offline: [^\n]+\n\Z")
         self.assertIn(words, done.err)
+
+
+class SystemCase(CompanionCase):
+    """Has a practice installation there: a.img, self.image."""
+
+    def setUp(self):
+        super().setUp()
+        self.image = self.copy(sample(), "a.img")
 
 
 _samples = {}

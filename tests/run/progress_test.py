@@ -3,7 +3,7 @@
 import fcntl, json, os, pty, re, signal, struct, subprocess, termios, unittest
 
 import programs
-from programs import CompanionCase, OFFLINE, QUILLET, run
+from programs import OFFLINE, QUILLET, SystemCase, run
 
 PHASES = ["Opening and checking", "Registry, selected keys", "Registry", "User's hive 1", "Files of C:", "Committing"]
 WIPE = "\033[K"
@@ -52,11 +52,7 @@ class Screen:
 def counts(line): return [int(number.replace(",", "")) for number in re.search(r"  ([\d,]+) of ([\d,]+)", line).groups()]
 
 
-class Progress(CompanionCase):
-    def setUp(self):
-        super().setUp()
-        self.copy(programs.sample(), "a.img")
-
+class Progress(SystemCase):
     def same(self, lines): return [re.sub(r"\d+", "0", line) for line in lines]
 
     def test_a_terminal_is_left_as_without_it(self):

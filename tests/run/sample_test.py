@@ -7,7 +7,8 @@ from programs import CONFIG, MACHINE, OFFLINE, CompanionCase, need_shared, run, 
 
 LEFT_ALONE = [["there"], ["link", "--force"], ["directory", "--force"], ["/dev/null", "--force"], ["nowhere/a.img"], [""],
               ["new", "--size", "33M", "--files", "60000"]]
-WRONG = [[], ["destroy"], ["sample"], ["info"], ["run"], ["info", "x", "--", "y"]]
+WRONG = [[], ["destroy"], ["sample"], ["info"], ["run"], ["info", "x", "--", "y"], ["run", "x", ""], ["run", "x", "-s"],
+         ["run", "--format", "raw,raw", "x"], ["info", "--format", "raw,raw", "x"]]
 WRONG += [["sample", "x", *options] for options in (
     ["--size", "1M"], ["--size", "much"], ["--whole-disk", "dos"], ["--machine", "S-1-5-18"],
     ["--machine", "S-1-5-21-1-2-3-500"], ["--descriptors", "0"])]
@@ -86,12 +87,6 @@ class Sample(CompanionCase):
             told = self.offline(*arguments)
             self.assertEqual((told.status, "Examples:" in told.out), (0, True), arguments)
         self.assertTrue(self.offline("--version").out.startswith("quillet-offline "))
-
-
-class Run(CompanionCase):
-    def test_what_can_not_be_a_disk(self):
-        for arguments in (["good.img", ""], ["good.img", "-s"], ["--format", "raw,raw", "good.img"]):
-            self.assert_refused(self.offline("run", *arguments))
 
 
 programs.main()

@@ -3,28 +3,26 @@
 import os, re, shutil, signal, subprocess
 
 import programs
-from programs import ImageCase, OFFLINE, digest, run, sample
+from programs import OFFLINE, SystemCase, digest, run, sample
 
 INTERRUPT = os.path.join(programs.BUILD, "tests", "run", "libinterrupt.so")
 
 
-class TransactionCase(ImageCase):
+class TransactionCase(SystemCase):
     def setUp(self):
         super().setUp()
-        self.image = self.copy(sample(), "a.img")
         self.old = digest(self.image)
         self.killed = 0
 
     def beside(self): return sorted(name for name in os.listdir(self.work) if name.startswith("a.img."))
 
-    def interrupted(self, at, when, *command):
-        """Runs a command of the companion and kills it at a call; 0: not at all. How many calls there were, which
+    def interrupted(self, at, command):
+        """Runs a command of the companion and kills it before a call; 0: not at all. How many calls there were, which
         differs a little from run to run, so that the last ones may not be reached."""
         count = self.path("count")
         if os.path.exists(count): os.unlink(count)
         env = dict(os.environ, LD_PRELOAD=INTERRUPT, ASAN_OPTIONS="verify_asan_link_order=0", INTERRUPT_COUNT=count, INTERRUPT_AT=str(at))
-        if when == "after": env["INTERRUPT_AFTER"] = "1"
-        done = subprocess.run([OFFLINE, *command, self.image], env=env, capture_output=True)
+        done = subprocess.run([OFFLINE, command, self.image], env=env, capture_output=True)
         self.assertIn(done.returncode, (0,) if at == 0 else (0, -signal.SIGKILL), done.stderr)
         self.killed += done.returncode != 0
         return os.path.getsize(count)
@@ -38,38 +36,39 @@ class TransactionCase(ImageCase):
         subprocess.run(["qemu-img", "create", "-q", "-f", "qcow2", "-b", self.image, "-F", "raw", above], check=True)
         for command in ("info", "run"): self.assertIn("its backing file %s: an earlier run was cut off" % self.image, run(OFFLINE, command, above).err)
 
-    def points(self, calls): return sorted({1 + i * (calls - 1) // 9 for i in range(10)} | {calls - 2, calls - 1})
+    def points(self, calls):
+        """Calls from the first to the last, each with the one after it."""
+        return sorted({1 + i * (calls - 1) // 9 + next for i in range(10) for next in (0, 1)} | {calls - 2, calls - 1})
 
 
 class Killed(TransactionCase):
     def test_a_run_at_any_call(self):
-        calls = self.interrupted(0, "before", "run")
+        calls = self.interrupted(0, "run")
         self.assert_taken_back()
         whole = 0
         for at in self.points(calls):
-            for when in ("before", "after"):
-                self.interrupted(at, when, "run")
-                if "a.img.quillet-undo" in self.beside():
-                    whole += 1
-                    self.assert_sound(self.image)
-                elif digest(self.image) != self.old:
-                    looked = run(OFFLINE, "info", self.image)
-                    self.assertEqual(looked.status, 2)
-                    self.assertIn("run `quillet-offline undo`", looked.err)
-                    if shutil.which("qemu-nbd"): self.assert_nothing_builds_on_it()
-                self.assert_taken_back(at, when)
+            self.interrupted(at, "run")
+            if "a.img.quillet-undo" in self.beside():
+                whole += 1
+                self.assert_sound(self.image)
+            elif digest(self.image) != self.old:
+                looked = run(OFFLINE, "info", self.image)
+                self.assertEqual(looked.status, 2)
+                self.assertIn("run `quillet-offline undo`", looked.err)
+                if shutil.which("qemu-nbd"): self.assert_nothing_builds_on_it()
+            self.assert_taken_back(at)
         self.assertGreater(whole, 0)
         self.assertGreater(self.killed, 16)
 
     def test_an_undo_at_any_call_and_what_follows(self):
         self.assertEqual(run(OFFLINE, "run", self.image).status, 0)
         for name in ("a.img", "a.img.quillet-undo"): shutil.copyfile(self.path(name), self.path("kept-" + name))
-        calls = self.interrupted(0, "before", "undo")
+        calls = self.interrupted(0, "undo")
         for at in self.points(calls):
             for name in ("a.img", "a.img.quillet-undo"): shutil.copyfile(self.path("kept-" + name), self.path(name))
             os.chmod(self.path("a.img.quillet-undo"), 0o600)
-            self.interrupted(at, "before", "undo")
-            if "a.img.quillet-journal" in self.beside(): self.interrupted(3 + at // 2, "after", "undo")
+            self.interrupted(at, "undo")
+            if "a.img.quillet-journal" in self.beside(): self.interrupted(4 + at // 2, "undo")
             self.assert_taken_back(at)
 
     def test_what_asks_to_end_does_so_without_a_change(self):
@@ -93,11 +92,12 @@ class Killed(TransactionCase):
 class Undo(TransactionCase):
     def test_run_after_run_and_back(self):
         states = []
-        for options in ([], ["--", "-f"], ["--", "-s"]):
+        for options in ("-", "-f", "-sqf"):
             states.append(digest(self.image))
-            done = run(OFFLINE, "run", self.image, *options)
-            self.assertEqual(done.status, 0)
-            self.assertIn("`quillet-offline undo %s` takes the run back" % self.image, done.error_lines()[-1])
+            done = run(OFFLINE, "run", self.image, "--", options)
+            self.assertEqual((done.status, done.out == ""), (0, options == "-sqf"))
+            self.assertRegex(done.err, r"(?m)%s^quillet: \d+ KiB were changed in \d+ places; `quillet-offline undo %s` takes the run back.*\n\Z"
+                             % (r"\A" if done.out == "" else "", self.image))
         self.assertEqual(self.beside(), ["a.img.quillet-undo", "a.img.quillet-undo.2", "a.img.quillet-undo.3"])
         self.assertEqual(os.stat(self.path("a.img.quillet-undo")).st_mode & 0o777, 0o600)
         for state in reversed(states):
