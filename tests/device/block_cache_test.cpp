@@ -6,24 +6,24 @@
 #include <cstring>
 #include <random>
 
+#include "tests/device/machine.h"
 #include "tests/support/fault_device.h"
-#include "tests/support/memory_device.h"
 
-using namespace offline;
-
+namespace offline::test {
 namespace {
 
 constexpr size_t mebibyte = 1024 * 1024;
 
 struct BlockCacheTest : testing::Test {
+    Machine machine;
     Faults faults;
-    MemoryDevice* memory = nullptr;
-    BlockDevicePtr device; /* over the memory */
+    MachineDisk* disk = nullptr;
+    BlockDevicePtr device; /* over the disk */
     std::unique_ptr<BlockCache> cache;
 
     void over(uint64_t size) {
-        auto owned = std::make_unique<MemoryDevice>(size);
-        memory = owned.get();
+        auto owned = std::make_unique<MachineDisk>(machine, "disk", ByteVector(size));
+        disk = owned.get();
         device = std::make_unique<FaultDevice>(std::move(owned), faults);
         cache = std::make_unique<BlockCache>(*device);
     }
@@ -41,7 +41,7 @@ TEST_F(BlockCacheTest, RefusesRangesBeyondTheEnd) {
         EXPECT_EQ(cacheWrite(*cache, offset, ten), STATUS_INVALID_PARAMETER) << offset;
     }
     EXPECT_EQ(cacheWrite(*cache, 990, ten), STATUS_SUCCESS);
-    EXPECT_EQ(cacheSync(*cache), STATUS_SUCCESS); /* the device ends the test that is written to beyond */
+    EXPECT_EQ(cacheSync(*cache), STATUS_SUCCESS); /* the disk ends the test that is written to beyond */
 }
 
 /* More than the cache holds, in pieces of every size and offset, against the same bytes kept in memory. */
@@ -65,7 +65,7 @@ TEST_F(BlockCacheTest, ReadsWhatWasWritten) {
         ASSERT_EQ(i % 1000 == 0 ? cacheSync(*cache) : STATUS_SUCCESS, STATUS_SUCCESS);
     }
     ASSERT_EQ(cacheSync(*cache), STATUS_SUCCESS);
-    EXPECT_EQ(memory->contents(), model);
+    EXPECT_EQ(disk->medium.now, model);
 }
 
 /* What is asked of the device, by how the cache is used. */
@@ -75,7 +75,7 @@ TEST_F(BlockCacheTest, AsksForWhatPays) {
     ASSERT_GE(cacheWrite(*cache, 5 * mebibyte, ByteVector(1024, 1)), 0);
     for (const Faults::Call& call : faults.calls) EXPECT_LE(call.count, 2 * cacheUnitSize) << "jumping about";
     ASSERT_GE(cacheSync(*cache), 0);
-    EXPECT_EQ(memory->pages.size(), 1u) << "holes stay holes";
+    EXPECT_EQ(std::count(disk->grown.begin(), disk->grown.end(), true), 1) << "holes stay holes";
 
     over(4 * mebibyte);
     faults.calls.clear();
@@ -88,7 +88,8 @@ TEST_F(BlockCacheTest, AsksForWhatPays) {
     EXPECT_EQ(all[mebibyte], 1);
     EXPECT_LE(faults.calls.size(), 4u) << "long ones";
     EXPECT_EQ(cache->blocks.size(), mebibyte / cacheBlockSize + 1) << "they do not drive out the rest";
-    for (const uint64_t at : {3u * 1024, 9u * 1024}) ASSERT_GE(cacheWrite(*cache, at, ByteVector(1024, 1)), 0);
+    for (const uint64_t at : {3u * 1024, 9u * 1024})
+        ASSERT_GE(cacheWrite(*cache, at, ByteVector(1024, 1)), 0);
     faults.calls.clear();
     ASSERT_GE(cacheSync(*cache), 0);
     EXPECT_EQ(faults.calls.size(), 3u) << "two blocks and a flush";
@@ -131,7 +132,7 @@ TEST_F(BlockCacheTest, ARefusedWriteIsTriedAgain) {
     EXPECT_GE(end, 16 * mebibyte);
     faults = {};
     EXPECT_EQ(cacheSync(*cache), STATUS_SUCCESS);
-    const ByteVector result = memory->contents();
+    const ByteVector& result = disk->medium.now;
     for (uint64_t at = 0; at + 1024 < end; at += 1024) ASSERT_EQ(result[at], 3) << at;
 
     faults.flushesLeft = 0;
@@ -158,3 +159,4 @@ TEST_F(BlockCacheTest, ARefusedReadIsTold) {
 }
 
 } /* namespace */
+} /* namespace offline::test */

@@ -4,11 +4,12 @@
 #include <cstdlib>
 
 #include "platform/offline/device/image_header.h"
-#include "tests/support/memory_device.h"
+#include "tests/device/machine.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace offline;
-    MemoryDevice file{ByteVector(data, data + size)};
+    test::Machine machine;
+    test::MachineDisk file(machine, "image", ByteVector(data, data + size));
     for (const DiskFormat format : {DiskFormat::qcow2, DiskFormat::vmdk, DiskFormat::vhd, DiskFormat::vdi}) {
         bool fits = false;
         ImageHeader header;

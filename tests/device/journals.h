@@ -42,13 +42,53 @@ inline std::unique_ptr<Sample> cutHalfway(uint64_t seed, size_t disks) {
         sample->machine.calls = 0;
         sample->machine.cutAt = cutAt;
         static_cast<void>(sample->commit());
-        sample->machine.heal();
-        for (MachineDisk& disk : sample->disks) disk.flushRefused = false;
+        sample->soundMedia();
         if (!sample->isOld()) return sample;
     }
 }
 
 inline const char* const journalOfDisk = "/a/disk0.quillet-journal";
+
+/* The half-changed system with other bytes in its journal. */
+struct TamperedJournal {
+    const std::unique_ptr<Sample> sample = cutHalfway(23, 1);
+    MachineDisk& disk = sample->disks.front();
+    const ByteVector half = disk.medium.now, whole = sample->files.now.at(journalOfDisk)->now;
+    const size_t body = journal::head::size + numberAt<uint32_t>(whole, journal::head::bodyLength);
+    int played = 0;
+
+    /* The input says how long the file is (two bytes; 0: as it was), how it is used (one), and which bytes
+     * are others: where (three) and how (one). Played back is what was written, and nothing else: a damaged
+     * journal leaves the disk as it is, and is refused unless it has neither a whole head nor an end, as
+     * before a commit writes to the disk; the resealed one of a forger may be played, but only inside the
+     * disk. What of that does not hold; empty: all does. */
+    std::string harm(Bytes input) {
+        ByteVector file = whole;
+        const auto length = numberAt<uint16_t>(input, 0);
+        if (length != 0) file.resize(length % file.size() + 1);
+        for (size_t at = 3; at + 4 <= input.size(); at += 4) {
+            const uint32_t where = numberAt<uint32_t>(input, at) & 0xFFFFFF;
+            file[where % file.size()] ^= input[at + 3];
+        }
+        const bool asUndo = input[2] % 2 != 0, sealed = input[2] % 4 > 1;
+        if (sealed) reseal(file);
+        disk.medium.now = half;
+        disk.medium.flush();
+        sample->files.now = {{asUndo ? "/a/disk0.quillet-undo" : journalOfDisk,
+                              std::make_shared<Medium>(Medium{file, file, {}})}};
+        sample->files.opened.clear();
+        sample->files.pending.clear();
+        const bool done = asUndo ? sample->takeBack() == UndoOutcome::done : sample->recover() >= 0;
+        played += done ? 1 : 0;
+        if (!done && disk.medium.now != half) return "refused, and the disk is changed";
+        if (!done && !asUndo && sample->problem.text.empty()) return "refused without a word";
+        if (!done || sealed || file == whole || sample->holds(sample->before)) return "";
+        const bool headWhole =
+            file.size() >= body && sameBytes(Bytes(file).first(body), Bytes(whole).first(body));
+        if (length != 0 && !headWhole && disk.medium.now == half) return "";
+        return "played back though it is damaged";
+    }
+};
 
 } /* namespace offline::test */
 

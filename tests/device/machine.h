@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <random>
@@ -48,53 +49,68 @@ struct Medium {
     }
 };
 
+/* The call that fails, and with what. */
+struct Failure {
+    uint64_t at = UINT64_MAX;
+    bool on = false; /* as do all after it */
+    int error = EIO;
+};
+
 struct Machine {
     static constexpr uint64_t never = UINT64_MAX;
     std::mt19937_64 random;
     uint64_t calls = 0;
-    uint64_t cutAt = never;  /* from this call on nothing happens any more */
-    uint64_t failAt = never; /* this call fails, */
-    bool failOn = false;     /* and all after it */
-    int failWith = EIO;
+    uint64_t cutAt = never; /* from this call on nothing happens any more */
+    Failure failure;
+    bool failed = false; /* a call did, since it was told to */
 
     uint64_t below(uint64_t bound) { return bound == 0 ? 0 : random() % bound; }
     int call() {
         const uint64_t number = calls++;
         if (number >= cutAt) return EIO;
-        return number == failAt || (failOn && number > failAt) ? failWith : 0;
+        if (number != failure.at && !(failure.on && number > failure.at)) return 0;
+        failed = true;
+        return failure.error;
     }
     bool dead() const { return calls > cutAt; }
     void heal() {
         calls = 0;
-        cutAt = failAt = never;
-        failOn = false;
+        cutAt = never;
+        failure = {};
+    }
+    void fail(const Failure& planned) {
+        heal();
+        failure = planned;
+        failed = false;
     }
 };
 
 struct MachineDisk final : BlockDevice {
-    MachineDisk(Machine& of, std::string called, ByteVector contents) : machine(of), path(std::move(called)) {
+    MachineDisk(Machine& of, std::string called, ByteVector contents)
+        : machine(of), path(std::move(called)), holes(contents.size() / 4096 + 1), grown(holes) {
         medium.now = medium.kept = std::move(contents);
     }
     Machine& machine;
     std::string path;
     Medium medium;
-    std::vector<bool> holes = std::vector<bool>(1 << 10); /* blocks of 4 KiB */
-    bool flushRefused = false;
+    std::vector<bool> holes, grown; /* blocks of 4 KiB; those that were written */
+    bool flushRefused = false, protectedFromWrites = false;
     uint64_t roomLeft =
         UINT64_MAX; /* blocks that can be written for the first time, as in an image that grows */
-    std::vector<bool> grown = std::vector<bool>(1 << 10);
 
     const std::string& name() const override { return path; }
     uint64_t size() const override { return medium.now.size(); }
     uint32_t sectorSize() const override { return 512; }
-    bool readOnly() const override { return false; }
+    bool readOnly() const override { return protectedFromWrites; }
     DeviceError read(uint64_t offset, std::span<uint8_t> bytes) override {
+        if (!lies(offset, bytes.size())) std::abort();
         if (const int error = machine.call()) return error;
         const auto from = medium.now.begin() + static_cast<std::ptrdiff_t>(offset);
         std::copy(from, from + static_cast<std::ptrdiff_t>(bytes.size()), bytes.begin());
         return 0;
     }
     DeviceError write(uint64_t offset, Bytes bytes) override {
+        if (!lies(offset, bytes.size())) std::abort();
         const int error = machine.call();
         if (machine.dead()) return error;
         if (error != 0) bytes = bytes.first(machine.below(bytes.size() / 512 + 1) * 512); /* gets that far */
@@ -126,6 +142,7 @@ struct MachineDisk final : BlockDevice {
         for (uint64_t block = (offset + 4095) / 4096; (block + 1) * 4096 <= end; ++block) holes[block] = true;
         return 0;
     }
+    bool lies(uint64_t offset, uint64_t count) const { return offset <= size() && count <= size() - offset; }
 };
 
 /* Names are kept when their directory was flushed; directories are there as long as nobody hides them. What

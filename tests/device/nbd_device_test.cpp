@@ -7,14 +7,13 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <random>
 
 #include "platform/offline/device/device_open.h"
 #include "platform/offline/device/overlay.h"
+#include "tests/device/model.h"
 #include "tests/support/scratch_directory.h"
 
-using namespace offline;
-
+namespace offline::test {
 namespace {
 
 struct NbdDeviceTest : testing::Test {
@@ -46,47 +45,6 @@ struct NbdDeviceTest : testing::Test {
         return device;
     }
 };
-
-/* Whatever is done in whatever pieces, the device holds what a plain row of bytes would. */
-void compareWithModel(BlockDevice& device, uint32_t seed) {
-    std::minstd_rand random(seed);
-    ByteVector model(device.size());
-    const auto place = [&](uint64_t longest) {
-        const uint64_t count = 1 + random() % longest;
-        return std::pair<uint64_t, size_t>(random() % (model.size() - count), count);
-    };
-    for (int turn = 0; turn < 400; ++turn) {
-        const auto [offset, count] = place(turn % 9 == 0 ? 300'000 : 3'000);
-        const auto there = model.begin() + static_cast<ptrdiff_t>(offset);
-        if (turn % 4 == 0) {
-            std::vector<ByteVector> found(5);
-            std::vector<DeviceRead> reads;
-            for (ByteVector& one : found) {
-                const auto [at, length] = place(9'000);
-                one.resize(length);
-                reads.push_back({at, one});
-            }
-            ASSERT_EQ(device.readAll(reads), 0);
-            for (const DeviceRead& one : reads) {
-                ASSERT_TRUE(sameBytes(one.bytes, Bytes(model).subspan(one.offset, one.bytes.size())));
-            }
-        } else if (turn % 4 == 1) {
-            ASSERT_EQ(device.zero(offset, count), 0);
-            std::fill_n(there, count, uint8_t{0});
-        } else {
-            const ByteVector bytes(count, static_cast<uint8_t>(random() | 1));
-            ASSERT_EQ(device.write(offset, bytes), 0);
-            std::copy(bytes.begin(), bytes.end(), there);
-        }
-        const uint64_t hole = device.holeAt(offset, model.size() - offset);
-        ASSERT_TRUE(
-            std::all_of(there, there + static_cast<ptrdiff_t>(hole), [](uint8_t b) { return b == 0; }));
-    }
-    ASSERT_EQ(device.flush(), 0);
-    ByteVector all(model.size());
-    ASSERT_EQ(device.read(0, all), 0);
-    ASSERT_EQ(all, model);
-}
 
 TEST_F(NbdDeviceTest, HoldsWhatWasWritten) {
     const std::string whole =
@@ -152,3 +110,4 @@ TEST_F(NbdDeviceTest, RefusesWhatIsNotSafe) {
 }
 
 } /* namespace */
+} /* namespace offline::test */

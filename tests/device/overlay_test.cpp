@@ -4,34 +4,20 @@
 #include <gtest/gtest.h>
 
 #include "tests/device/machine.h"
+#include "tests/device/model.h"
 #include "tests/support/fault_device.h"
-#include "tests/support/memory_device.h"
 
 namespace offline::test {
 namespace {
 
-/* Against a copy that is simply written to; most units, differences too, lie in a temporary file, and the
- * disk's last one is short. */
+/* Most units, differences too, lie in a temporary file, and the disk's last one is short. */
 TEST(Overlay, IsWhatWasWrittenElseWhatLiesBelow) {
     Machine machine;
-    ByteVector bytes(900 * 1024 + 700), model, read;
+    ByteVector bytes(900 * 1024 + 700);
     for (uint8_t& byte : bytes) byte = static_cast<uint8_t>(machine.random());
     MachineDisk disk(machine, "/a/disk", bytes);
     Overlay overlay(disk, "/tmp", 8 * unitSize);
-    model = bytes;
-    for (int round = 0; round < 4000; ++round) {
-        const uint64_t offset = machine.below(disk.size());
-        const uint64_t most[] = {8, 8, 30, 1500, 9000};
-        const uint64_t length = std::min(machine.below(most[round % 5]) + 1, disk.size() - offset);
-        read.resize(length);
-        ASSERT_EQ(overlay.read(offset, read), 0);
-        ASSERT_TRUE(sameBytes(read, Bytes(model).subspan(offset, length))) << offset;
-        if (round > 800) continue;
-        for (uint8_t& byte : read) byte = static_cast<uint8_t>(round);
-        ASSERT_EQ(round % 9 == 0 ? overlay.zero(offset, length) : overlay.write(offset, read), 0);
-        if (round % 9 == 0) read.assign(length, 0);
-        Medium::put(model, offset, read);
-    }
+    compareWithModel(overlay, 1, 9000);
     EXPECT_EQ(disk.medium.now, bytes);
     EXPECT_GT(overlay.changedUnits(), 512u);
 }
@@ -40,7 +26,8 @@ TEST(Overlay, IsWhatWasWrittenElseWhatLiesBelow) {
 TEST(Overlay, ReadsAroundWhatIsBroken) {
     Faults faults;
     faults.badStart = 2048, faults.badEnd = 3072;
-    FaultDevice broken(std::make_unique<MemoryDevice>(ByteVector(8192, 1)), faults);
+    Machine machine;
+    FaultDevice broken(std::make_unique<MachineDisk>(machine, "/a/disk", ByteVector(8192, 1)), faults);
     Overlay overlay(broken, "/tmp");
     ByteVector bytes(8192);
     EXPECT_EQ(overlay.read(0, bytes), EIO);

@@ -31,7 +31,7 @@ struct Sample {
     void addDisk(size_t number) {
         const uint64_t size = 64 * 1024 + machine.below(32) * 1024 + machine.below(2) * 512;
         ByteVector bytes(size);
-        std::vector<bool> hole(1 << 10);
+        std::vector<bool> hole(size / 4096 + 1);
         for (uint64_t at = 0; at < size; at += 4096) {
             const uint64_t kind = at < 12288 ? 1 : machine.below(3);
             hole[at / 4096] = kind == 0;
@@ -120,29 +120,20 @@ struct Sample {
         const auto isKept = [&] {
             return style == 0 ? false : style == 1 ? true : machine.below(style * 2) == 0;
         };
-        for (MachineDisk& disk : disks) {
-            disk.medium.cut(isKept);
-            disk.flushRefused = false;
-        }
+        for (MachineDisk& disk : disks) disk.medium.cut(isKept);
         files.cut(isKept);
-        machine.heal();
+        soundMedia();
     }
     void soundMedia() {
         machine.heal();
         for (MachineDisk& disk : disks) disk.flushRefused = false;
     }
     bool holds(const std::vector<ByteVector>& wanted) const {
-        size_t number = 0;
-        return std::all_of(disks.begin(), disks.end(),
-                           [&](const MachineDisk& disk) { return disk.medium.now == wanted[number++]; });
+        return std::ranges::equal(
+            disks, wanted, {}, [](const MachineDisk& disk) -> const ByteVector& { return disk.medium.now; });
     }
     /* Bit for bit, its holes too. */
-    bool isOld() const {
-        size_t number = 0;
-        return holds(before) && std::all_of(disks.begin(), disks.end(), [&](const MachineDisk& disk) {
-                   return disk.holes == holes[number++];
-               });
-    }
+    bool isOld() const { return holds(before) && std::ranges::equal(disks, holes, {}, &MachineDisk::holes); }
     bool isNew() const { return holds(after); }
     bool undoThere() const {
         return files.anyEnding("undo") || files.anyEnding("mine") || files.anyEnding(".quillet-part");

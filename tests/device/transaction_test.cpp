@@ -70,15 +70,17 @@ TEST(Transaction, PowerCutLeavesOldOrNew) {
     }
 }
 
-/* A failure at the call: told, and the disks old, new, or to be put right with what is there. */
-void commitFails(uint64_t seed, uint64_t call, int error, bool on, bool& reached) {
-    Sample sample(seed, 2);
-    sample.machine.heal();
-    sample.machine.failAt = call;
-    sample.machine.failOn = on;
-    sample.machine.failWith = error;
+/* After a failure the disks are to be put right with what is there. */
+void recoverAfter(Sample& sample, const std::string& said) {
+    sample.soundMedia();
+    ASSERT_GE(sample.recover(), 0) << sample.problem.text << "\nafter " << said;
+    ASSERT_FALSE(sample.files.anyEnding("-journal"));
+}
+
+/* A failure at a call is told, and the disks are old, new, or to be put right. */
+void commitFails(Sample& sample, const Failure& failure) {
+    sample.machine.fail(failure);
     const NTSTATUS status = sample.commit();
-    reached = sample.machine.calls > call;
     const std::string said = sample.problem.text;
     if (status >= 0 || sample.report.committed) {
         ASSERT_TRUE(sample.isNew());
@@ -87,46 +89,37 @@ void commitFails(uint64_t seed, uint64_t call, int error, bool on, bool& reached
     const bool unchanged = said.find("nothing was changed") != std::string::npos;
     ASSERT_TRUE(!unchanged || sample.isOld()) << said; /* where nothing could be put back, it may be old */
     ASSERT_EQ(said.find('/'), 0u) << said;
-    sample.soundMedia();
-    ASSERT_GE(sample.recover(), 0) << sample.problem.text << "\nafter " << said;
+    ASSERT_NO_FATAL_FAILURE(recoverAfter(sample, said));
     ASSERT_TRUE(sample.isOld()) << said;
-    ASSERT_FALSE(sample.files.anyEnding("-journal"));
 }
 
-void undoFails(uint64_t seed, uint64_t call, int error, bool on, bool& reached) {
-    Sample sample(seed, 2);
+void undoFails(Sample& sample, const Failure& failure) {
     sample.undo.keep = true;
-    sample.machine.heal();
     ASSERT_GE(sample.commit(), 0);
-    sample.machine.heal();
-    sample.machine.failAt = call;
-    sample.machine.failOn = on;
-    sample.machine.failWith = error;
+    sample.machine.fail(failure);
     const UndoOutcome outcome = sample.takeBack();
-    reached = sample.machine.calls > call;
     const std::string said = sample.problem.text;
     ASSERT_NE(outcome, UndoOutcome::nothing);
     ASSERT_TRUE(outcome == UndoOutcome::done ? sample.isOld() : !said.empty()) << said;
-    sample.soundMedia();
-    ASSERT_GE(sample.recover(), 0) << sample.problem.text << "\nafter " << said;
+    ASSERT_NO_FATAL_FAILURE(recoverAfter(sample, said));
     if (!sample.isOld()) {
         ASSERT_EQ(sample.takeBack(), UndoOutcome::done) << sample.problem.text;
     }
     ASSERT_TRUE(sample.isOld());
-    ASSERT_FALSE(sample.files.anyEnding("-journal"));
 }
 
 TEST(Transaction, FailureAtEachCall) {
     const uint64_t seed = fromEnvironment("QUILLET_SEED", std::random_device{}());
     for (const auto& [error, on] : {std::pair{EIO, false}, {EIO, true}, {ENOSPC, false}}) {
         for (const auto fails : {commitFails, undoFails}) {
-            bool reached = true;
-            for (uint64_t call = 0; reached; ++call) {
-                fails(seed, call, error, on, reached);
+            for (uint64_t call = 0;; ++call) {
+                Sample sample(seed, 2);
+                fails(sample, {call, on, error});
                 if (HasFatalFailure()) {
                     FAIL() << "QUILLET_SEED=" << seed << " error " << error << " at call " << call
                            << (on ? " and on" : "");
                 }
+                if (!sample.machine.failed) break;
             }
         }
     }
@@ -169,10 +162,9 @@ TEST(Transaction, NoRoomOnTheDisks) {
 TEST(Transaction, ScratchDisks) {
     for (uint64_t seed = 0; seed < 40; ++seed) {
         Sample sample(seed, 2);
-        sample.machine.heal();
-        if (seed % 2 == 1) sample.machine.failAt = sample.machine.below(12);
+        if (seed % 2 == 1) sample.machine.fail({sample.machine.below(12)});
         const bool failed = commitScratch(sample.system, sample.report, sample.problem) < 0;
-        EXPECT_EQ(failed, sample.machine.calls > sample.machine.failAt) << seed;
+        EXPECT_EQ(failed, sample.machine.failed) << seed;
         EXPECT_EQ(sample.report.committed, !failed);
         sample.reboot();
         EXPECT_TRUE(failed || sample.holds(sample.after)) << seed;

@@ -156,17 +156,13 @@ struct Reader {
 
 } /* namespace */
 
-uint32_t numberAt(const ByteVector& bytes, size_t at) {
-    return Reader{bytes}.u32(at);
-}
-
 void putNumber(ByteVector& bytes, size_t at, uint64_t number, size_t size) {
     for (size_t i = 0; i < size; i++) bytes.at(at + i) = static_cast<uint8_t>(number >> (8 * i));
 }
 
 void seal(ByteVector& file) {
     uint32_t sum = 0;
-    for (size_t at = 0; at < 508; at += 4) sum ^= numberAt(file, at);
+    for (size_t at = 0; at < 508; at += 4) sum ^= numberAt<uint32_t>(file, at);
     putNumber(file, 508, sum == 0 || sum == UINT32_MAX ? sum ^ 1 : sum);
 }
 

@@ -14,9 +14,6 @@
 
 namespace offline::test {
 
-using ByteVector = std::vector<uint8_t>;
-
-uint32_t numberAt(const ByteVector& bytes, size_t at);
 void putNumber(ByteVector& bytes, size_t at, uint64_t number, size_t size = 4);
 void seal(ByteVector& file); /* puts in the checksum of the base block */
 

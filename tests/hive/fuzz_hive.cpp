@@ -8,7 +8,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using namespace offline;
-    test::ByteVector file(data, data + size);
+    ByteVector file(data, data + size);
     if (file.size() >= regf::base::size) sealBaseBlock(std::span(file).first(regf::base::size), 1, 1);
     if (!test::exercise(file, 30)) abort();
     return 0;

@@ -25,7 +25,7 @@ Field<uint32_t> entry(size_t index, size_t from = 0) {
     return {from + index * 4};
 }
 uint32_t field(const ByteVector& file, Cell cell, Field<uint32_t> which) {
-    return numberAt(file, pageSize + cellHeader + cell + which.at);
+    return numberAt<uint32_t>(file, pageSize + cellHeader + cell + which.at);
 }
 Cell childAt(const Hive& hive, uint32_t index) {
     Cell child = noCell;
@@ -176,18 +176,19 @@ TEST(Broken, BaseBlockTellsWhatAFileIs) {
     /* The two sums that no checksum may have. */
     ByteVector block(base::size);
     sealBaseBlock(block, 5, 5);
-    EXPECT_EQ(numberAt(block, base::checksum.at), 1u);
+    EXPECT_EQ(numberAt<uint32_t>(block, base::checksum.at), 1u);
     sealBaseBlock(block, 0xFFFFFFFF, 0);
-    EXPECT_EQ(numberAt(block, base::checksum.at), 0xFFFFFFFEu);
+    EXPECT_EQ(numberAt<uint32_t>(block, base::checksum.at), 0xFFFFFFFEu);
 }
 
 /* A base block may name fewer bins than there are: they count when the hive is whole with them and only then.
  */
 TEST(Broken, BinsAfterTheStatedEnd) {
     const ByteVector whole = hiveImage(*variedHive(5));
-    const uint32_t size = numberAt(whole, base::binsSize.at);
+    const uint32_t size = numberAt<uint32_t>(whole, base::binsSize.at);
     size_t last = 0;
-    for (size_t bin = 0; bin < size; bin += numberAt(whole, pageSize + bin + bin::size.at)) last = bin;
+    for (size_t bin = 0; bin < size; bin += numberAt<uint32_t>(whole, pageSize + bin + bin::size.at))
+        last = bin;
     for (const size_t stated : {pageSize, size / 2 & ~size_t{0xFFF}, last}) {
         const ByteVector file = with(whole, {{fileStart, base::binsSize, stated}});
         EXPECT_EQ(hiveImage(*opened(file)), whole) << stated;
@@ -209,7 +210,8 @@ TEST(Broken, BinsAfterTheStatedEnd) {
 /* Flips some bytes, in cells' heads and fields rather than anywhere, and sees that what opens stays sound. */
 void mutate(const ByteVector& image, uint32_t seed, size_t rounds) {
     std::mt19937 random(seed);
-    const size_t size = std::min(image.size() - base::size, size_t{numberAt(image, base::binsSize.at)});
+    const size_t size =
+        std::min(image.size() - base::size, size_t{numberAt<uint32_t>(image, base::binsSize.at)});
     for (size_t round = 0; round < rounds; round++) {
         ByteVector file(image);
         for (size_t flips = 1 + random() % 3; flips > 0; flips--) {

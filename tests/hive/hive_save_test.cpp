@@ -26,12 +26,12 @@ TEST(Save, WritesChangedPagesInTheRightOrder) {
     store.file.resize(end + 8192, 0xAB);
     store.calls.clear();
     store.pageBytes = 0;
-    const uint32_t sequence = numberAt(store.file, 4);
+    const uint32_t sequence = numberAt<uint32_t>(store.file, 4);
     ASSERT_GE(hiveSetKeyDescriptor(*hive, hiveRoot(*hive), someDescriptor(2), 5), 0);
     ASSERT_GE(hiveSave(*hive, store), 0);
     EXPECT_LE(store.pageBytes, 5u * 4096);
     EXPECT_EQ(store.calls.find_first_of("gB"), store.calls.size() - 2);
-    EXPECT_EQ(numberAt(store.file, 4), sequence + 1);
+    EXPECT_EQ(numberAt<uint32_t>(store.file, 4), sequence + 1);
     EXPECT_EQ(std::count(store.file.begin() + static_cast<long>(end), store.file.end(), 0xAB), 8192);
     expectSaved(store, *hive);
 }
@@ -53,7 +53,7 @@ TEST(Save, FailureAtAnyCallCanBeMadeGood) {
         EXPECT_TRUE(!mixed || hiveNeedsLogs(store.file)) << "a mixture must not pass for a clean hive";
         store.failAt = -1;
         ASSERT_GE(hiveSave(*hive, store), 0);
-        EXPECT_GT(numberAt(store.file, 4), numberAt(start, 4));
+        EXPECT_GT(numberAt<uint32_t>(store.file, 4), numberAt<uint32_t>(start, 4));
         expectSaved(store, *hive);
     }
 }

@@ -44,7 +44,8 @@ TEST_P(Versions, ThousandsOfChildrenComeAndGo) {
             const ByteVector image = hiveImage(*twins.hive);
             EXPECT_EQ(faultOf(image), "");
             const bool isIndex =
-                numberAt(image, 4100 + numberAt(image, 4100 + inner + 28)) % 0x10000 == 0x6972;
+                numberAt<uint32_t>(image, 4100 + numberAt<uint32_t>(image, 4100 + inner + 28)) % 0x10000 ==
+                0x6972;
             EXPECT_EQ(isIndex, names.size() > 100) << "short leaves are joined";
         }
         twins.remove(inner, *placeOf(twins.root, u"inner"), names.back());

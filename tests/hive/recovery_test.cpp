@@ -1,9 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
 /* Dirty hives and their log files: real ones, some of them next to what the platform itself made of them, and
  * logs that are forged with right hashes. */
-#include <bit>
-#include <cstring>
-
+#include "platform/offline/hive/recovery.h"
 #include "tests/hive/check.h"
 
 namespace offline::test {
@@ -41,16 +39,9 @@ TEST(Recovery, RealHives) {
     const auto dirty = [&](const std::string& hive, const std::string& logs) {
         return Dirty{files[hive], {files[logs + "1"], files[logs + "2"]}};
     };
-    const Dirty system = dirty("SYSTEM_B", "SYSTEM_B.LOG");
-    EXPECT_EQ(recoveredKeys(system), 35595);
-    EXPECT_EQ(recoveredKeys({system.hive, {system.logs.second, system.logs.first}}), 35595);
-    EXPECT_EQ(recoveredKeys({system.hive, {}}), 0);
+    EXPECT_EQ(recoveredKeys(dirty("SYSTEM_B", "SYSTEM_B.LOG")), 35595);
     EXPECT_EQ(recoveredKeys(dirty("UsrClass.dat", "UsrClass.dat.LOG")), 6238);
     EXPECT_EQ(recoveredKeys(dirty("transactions_NTUSER.DAT", "transactions_ntuser.dat.log")), 3105);
-
-    Dirty headless = system; /* the latest log has the base block that is lost */
-    std::fill_n(headless.hive.begin(), 512, uint8_t{0});
-    EXPECT_EQ(recoveredKeys(headless), 35595);
 
     HivePtr hive;
     ASSERT_EQ(openDirty(dirty("NewDirtyHive", "NewDirtyHive.LOG"), hive), STATUS_SUCCESS);
@@ -65,22 +56,6 @@ TEST(Recovery, RealHives) {
 }
 
 /* ---- Forged logs ---- */
-
-uint64_t marvin(const uint8_t* bytes, size_t length) {
-    uint32_t low = 0x7A4E55C5, high = 0x82EF4D88;
-    ByteVector padded(bytes, bytes + length);
-    padded.push_back(0x80);
-    padded.resize((padded.size() + 3) / 4 * 4 + 4);
-    for (size_t at = 0; at < padded.size(); at += 4) {
-        low += numberAt(padded, at);
-        high ^= low;
-        low = std::rotl(low, 20) + high;
-        high = std::rotl(high, 9) ^ low;
-        low = std::rotl(low, 27) + high;
-        high = std::rotl(high, 19);
-    }
-    return uint64_t{high} << 32 | low;
-}
 
 struct Part {
     size_t offset;
@@ -103,8 +78,8 @@ ByteVector entryOf(uint32_t sequence, uint32_t binsSize, const std::vector<Part>
 }
 
 ByteVector sealed(ByteVector entry) {
-    putNumber(entry, 24, marvin(entry.data() + 40, entry.size() - 40), 8);
-    putNumber(entry, 32, marvin(entry.data(), 32), 8);
+    putNumber(entry, 24, marvin(Bytes(entry).subspan(40)), 8);
+    putNumber(entry, 32, marvin(Bytes(entry).first(32)), 8);
     return entry;
 }
 
@@ -147,7 +122,7 @@ protected:
         putNumber(base, 4, 11);
         putNumber(base, 8, 10);
         seal(base);
-        for (size_t i = 0; i < 3; i++) bins[i] = numberAt(*std::array{&base, &once, &twice}[i], 40);
+        for (size_t i = 0; i < 3; i++) bins[i] = numberAt<uint32_t>(*std::array{&base, &once, &twice}[i], 40);
     }
 
     /* How many of the two changes the logs bring. */
@@ -163,6 +138,7 @@ protected:
 };
 
 TEST_F(ForgedLogs, WhichEntriesCount) {
+    EXPECT_EQ(marvin(ByteVector{1, 2, 3, 4, 5, 6, 7}), 0x391BE7722D5DE3EF);
     const ByteVector one = sealed(entryOf(10, bins[1], changes(base, once)));
     const ByteVector two = sealed(entryOf(11, bins[2], changes(once, twice)));
     const ByteVector gap = sealed(entryOf(12, bins[2], changes(once, twice)));
@@ -202,7 +178,7 @@ TEST_F(ForgedLogs, ABaseBlockFromALogWithoutEntries) {
         HivePtr hive;
         ASSERT_EQ(openDirty({lost, logs}, hive), STATUS_SUCCESS);
         EXPECT_EQ(contentOf(*hive), contentOf(*opened(once)));
-        EXPECT_GT(numberAt(hiveImage(*hive), 4), 10u);
+        EXPECT_GT(numberAt<uint32_t>(hiveImage(*hive), 4), 10u);
     }
 }
 
@@ -236,7 +212,7 @@ TEST_F(ForgedLogs, SavedWithTheFirstChange) {
     ASSERT_EQ(hiveSave(*hive, store), STATUS_SUCCESS);
     EXPECT_FALSE(hiveRecovered(*hive));
     EXPECT_EQ(contentOf(*opened(store.file)), contentOf(*hive));
-    EXPECT_GT(numberAt(store.file, 4), 10u);
+    EXPECT_GT(numberAt<uint32_t>(store.file, 4), 10u);
     EXPECT_EQ(faultOf(store.file), "");
 }
 

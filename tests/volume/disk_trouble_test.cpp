@@ -1,31 +1,42 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
 /* What trouble on a disk must not spread to, and what it must not be taken for. */
 #include <algorithm>
-#include <filesystem>
 
+#include "tests/device/machine.h"
 #include "tests/volume/images.h"
 
 /* The library's ntfs_device_mount leaks what it has opened when a read fails. */
 extern "C" void __lsan_disable() __attribute__((weak));
 extern "C" void __lsan_enable() __attribute__((weak));
 
-using namespace offline;
-using images::ByteVector;
-using images::descriptor;
-using images::OpenVolume;
-
+namespace offline::images {
 namespace {
 
-using TroubleTest = images::FreshVolumeTest;
+using TroubleTest = FreshVolumeTest;
+
+TEST(DiskTest, IsChangedOnlyWhereThatWasAskedFor) {
+    for (const auto& [access, protectedFromWrites] : {std::pair{DiskAccess::readOnly, false},
+                                                      {DiskAccess::trial, false},
+                                                      {DiskAccess::readWrite, true}}) {
+        test::Machine machine;
+        auto device = std::make_unique<test::MachineDisk>(machine, "disk", ByteVector(2048));
+        device->protectedFromWrites = protectedFromWrites;
+        DiskPtr disk;
+        ASSERT_EQ(diskOver(std::move(device), access, disk), STATUS_SUCCESS);
+        EXPECT_EQ(diskWrite(*disk, 0, ByteVector(2048, 6)), STATUS_MEDIA_WRITE_PROTECTED);
+        EXPECT_TRUE(diskReadOnly(*disk));
+        EXPECT_EQ(diskForChanges(*disk), access != DiskAccess::readOnly);
+        EXPECT_EQ(diskWritable(*disk), !protectedFromWrites);
+    }
+}
 
 /* What a commit writes first: both copies of the flags, one bit apart from what lies there. */
 TEST_F(TroubleTest, TheDirtyMarkIsNotedAndNothingElseOfTheFlagsChanges) {
-    ByteVector bytes = images::readFile(image);
+    ByteVector bytes = readFile(image);
     std::vector<size_t> flags; /* in the MFT and in its mirror */
-    for (size_t mft : {images::mftField, images::mirrorField})
-        flags.push_back(images::valueAt(bytes, 3, 0x70, mft) + 10);
-    for (size_t at : flags) images::put<uint16_t>(bytes, at, 0x0180);
-    images::writeFile(image, bytes);
+    for (size_t mft : {mftField, mirrorField}) flags.push_back(valueAt(bytes, 3, 0x70, mft) + 10);
+    for (size_t at : flags) put<uint16_t>(bytes, at, 0x0180);
+    writeFile(image, bytes);
     OpenVolume opened(image);
     ASSERT_NE(opened.volume, nullptr) << opened.problem.text;
     EXPECT_TRUE(diskMarks(*opened.disk).empty());
@@ -34,23 +45,22 @@ TEST_F(TroubleTest, TheDirtyMarkIsNotedAndNothingElseOfTheFlagsChanges) {
     ByteVector marked = bytes;
     for (const DirtyMark& mark : diskMarks(*opened.disk))
         std::copy(mark.bytes.begin(), mark.bytes.end(), marked.begin() + static_cast<ptrdiff_t>(mark.offset));
-    for (size_t at : flags) images::put<uint16_t>(bytes, at, 0x0181);
+    for (size_t at : flags) put<uint16_t>(bytes, at, 0x0181);
     EXPECT_EQ(marked, bytes);
     ASSERT_EQ(opened.close(), STATUS_SUCCESS);
-    bytes = images::readFile(image);
-    for (size_t at : flags) EXPECT_EQ(images::get<uint16_t>(bytes, at), 0x0180);
+    bytes = readFile(image);
+    for (size_t at : flags) EXPECT_EQ(numberAt<uint16_t>(bytes, at), 0x0180);
 }
 
 TEST_F(TroubleTest, AFailedChangeKeepsNoOtherFromTheMedium) {
     OpenVolume opened(image);
     const FileRef small = opened.make(u"small"), large = opened.make(u"large");
-    ASSERT_EQ(volumeWriteFile(opened, large, 0, ByteVector(8 * images::mebibyte)), STATUS_DISK_FULL);
+    ASSERT_EQ(volumeWriteFile(opened, large, 0, ByteVector(8 * mebibyte)), STATUS_DISK_FULL);
     const ByteVector written(10'000, 't');
     ASSERT_EQ(volumeWriteFile(opened, small, 0, written), STATUS_SUCCESS);
     EXPECT_EQ(volumeFlush(opened), STATUS_SUCCESS);
     EXPECT_EQ(opened.close(), STATUS_DISK_FULL); /* it is told all the same */
-    images::outputOf("(ntfscat -f " + image + " /small >" + path("copy") + ")");
-    EXPECT_EQ(images::readFile(path("copy")), written);
+    EXPECT_EQ(copyOf("small"), written);
 }
 
 /* What a caller does with a volume, by path; the worst status, and whether all was as it should be. */
@@ -84,8 +94,7 @@ struct Use {
 
 /* Each read of a whole use fails in its turn, alone or with all that follow. */
 TEST_F(TroubleTest, ARefusedReadIsNamedAndRemembered) {
-    {
-        OpenVolume opened(image);
+    changed([](OpenVolume& opened) {
         opened.fill(rootDirectory, 300);
         const FileRef deep = opened.makeDirectory(u"deep");
         for (char16_t i = 0; i < 20; ++i) {
@@ -93,14 +102,13 @@ TEST_F(TroubleTest, ARefusedReadIsNamedAndRemembered) {
             const FileRef file = opened.make(name, descriptor(i), deep);
             ASSERT_GE(volumeWriteFile(opened, file, 0, ByteVector(100'000, 'x')), 0);
         }
-        ASSERT_EQ(opened.close(), STATUS_SUCCESS);
-    }
+    });
     for (const bool once : {true, false}) {
         size_t refusals = 0, passed = 0, served = 0;
         for (long turn = 0;; ++turn) {
-            images::failures = {};
-            images::failures.readsLeft = turn;
-            images::failures.once = once;
+            failures = {};
+            failures.readsLeft = turn;
+            failures.once = once;
             if (__lsan_disable != nullptr) __lsan_disable();
             OpenVolume opened(image, DiskAccess::readOnly);
             if (__lsan_enable != nullptr) __lsan_enable();
@@ -108,7 +116,7 @@ TEST_F(TroubleTest, ARefusedReadIsNamedAndRemembered) {
                 EXPECT_EQ(opened.problem.status, STATUS_IO_DEVICE_ERROR) << opened.problem.text;
                 continue;
             }
-            const bool inOpening = images::failures.refused;
+            const bool inOpening = failures.refused;
             const Use use(opened);
             EXPECT_TRUE(use.right) << turn;
             Problem problem;
@@ -120,7 +128,7 @@ TEST_F(TroubleTest, ARefusedReadIsNamedAndRemembered) {
             served += bySecond ? 1 : 0;
             EXPECT_EQ(problem.text.find("(Input/output error)") != std::string::npos, told < 0)
                 << problem.text;
-            if (!images::failures.refused) break;
+            if (!failures.refused) break;
             ++(told < 0 ? refusals : passed);
         }
         EXPECT_GT(refusals, 5u);
@@ -132,22 +140,19 @@ TEST_F(TroubleTest, ARefusedReadIsNamedAndRemembered) {
 
 TEST_F(TroubleTest, DamageIsRememberedOnceForAFile) {
     FileRef file = 0, beyond = 0, headless = 0;
-    {
-        OpenVolume opened(image);
+    ByteVector bytes = changed([&](OpenVolume& opened) {
         file = opened.make(u"broken");
         beyond = opened.make(u"beyond");
         headless = opened.makeDirectory(u"headless");
         opened.fill(headless, 60);
-        ASSERT_EQ(opened.close(), STATUS_SUCCESS);
-    }
-    ByteVector bytes = images::readFile(image);
-    images::putText(bytes, images::recordAt(bytes, file) + 510, "??"); /* the update sequence's place */
+    });
+    putText(bytes, recordAt(bytes, file) + 510, "??"); /* the update sequence's place */
     /* An update sequence at the end of its record, and attributes that would leave it room there. */
-    images::put<uint16_t>(bytes, images::recordAt(bytes, beyond) + 4, 1022);
-    images::put<uint16_t>(bytes, images::recordAt(bytes, beyond) + 20, 0xFFF8);
-    const size_t blocks = images::attributeAt(bytes, headless, 0xA0); /* where the index's blocks are */
-    images::putText(bytes, blocks + images::get<uint16_t>(bytes, blocks + 10) + 6, "1"); /* $I30 */
-    images::writeFile(image, bytes);
+    put<uint16_t>(bytes, recordAt(bytes, beyond) + 4, 1022);
+    put<uint16_t>(bytes, recordAt(bytes, beyond) + 20, 0xFFF8);
+    const size_t blocks = attributeAt(bytes, headless, 0xA0); /* where the index's blocks are */
+    putText(bytes, blocks + numberAt<uint16_t>(bytes, blocks + 10) + 6, "1"); /* $I30 */
+    writeFile(image, bytes);
 
     OpenVolume opened(image, DiskAccess::readOnly);
     ASSERT_NE(opened.volume, nullptr) << opened.problem.text;
@@ -171,29 +176,5 @@ TEST_F(TroubleTest, DamageIsRememberedOnceForAFile) {
     EXPECT_EQ(diskTrouble(*opened.disk).damaged, 3u);
 }
 
-/* Another program cuts the image off while it is in use: nothing is read as zeros, and no write makes it
- * longer. */
-TEST_F(TroubleTest, ADiskThatBecomesShorterIsADevicesError) {
-    FileRef file = 0;
-    {
-        OpenVolume opened(image);
-        file = opened.make(u"file");
-        ASSERT_EQ(volumeWriteFile(opened, file, 0, ByteVector(1 << 20, 'x')), STATUS_SUCCESS);
-        ASSERT_EQ(opened.close(), STATUS_SUCCESS);
-    }
-    OpenVolume opened(image);
-    ASSERT_NE(opened.volume, nullptr) << opened.problem.text;
-    std::filesystem::resize_file(image, 64 * 1024);
-    ByteVector bytes;
-    EXPECT_EQ(volumeReadFile(opened, file, 1 << 21, bytes), STATUS_IO_DEVICE_ERROR);
-    Problem problem;
-    EXPECT_EQ(diskReadWhole(*opened.disk, problem), STATUS_IO_DEVICE_ERROR);
-    EXPECT_NE(problem.text.find("became shorter"), std::string::npos) << problem.text;
-    EXPECT_LT(volumeWriteFile(opened, file, 0, ByteVector(1 << 20, 'y')), 0);
-    EXPECT_LT(volumeFlush(opened), 0);
-    EXPECT_EQ(diskWriteReason(*opened.disk), " (it became shorter while it was in use)");
-    EXPECT_LT(opened.close(), 0);
-    EXPECT_EQ(std::filesystem::file_size(image), 64u * 1024);
-}
-
 } /* namespace */
+} /* namespace offline::images */

@@ -12,13 +12,24 @@
 #include "platform/offline/volume/partition_layout.h"
 #include "tests/support/descriptors.h"
 
-namespace images {
+namespace offline::images {
 
-offline::Faults failures;
+Faults failures;
 
 ByteVector ImageTest::ntfs(size_t size, uint64_t startSector) const {
     makeNtfs(path("fresh.img"), size, startSector);
     return readFile(path("fresh.img"));
+}
+
+ByteVector FreshVolumeTest::copyOf(const std::string& name) const {
+    outputOf("(ntfscat -f " + image + " /" + name + " >" + path("copy") + ")");
+    return readFile(path("copy"));
+}
+
+void FreshVolumeTest::expectAudited(const std::vector<std::string>& words) const {
+    const std::string report = outputOf("ntfssecaudit -ar " + image);
+    EXPECT_NE(report.find("All keys are present in all lists"), std::string::npos) << report;
+    for (const std::string& told : words) EXPECT_NE(report.find(told), std::string::npos) << report;
 }
 
 void makeNtfs(const std::string& image, size_t size, uint64_t startSector) {
@@ -26,7 +37,7 @@ void makeNtfs(const std::string& image, size_t size, uint64_t startSector) {
     std::filesystem::resize_file(image, size);
     const std::string made = outputOf("PATH=$PATH:/sbin:/usr/sbin mkntfs -F -Q -q -s 512 -H 255 -S 63 -p " +
                                       std::to_string(startSector) + " " + image);
-    EXPECT_EQ(get<uint64_t>(readFile(image), 3), 0x202020205346544Eu) << made;
+    EXPECT_EQ(numberAt<uint64_t>(readFile(image), 3), 0x202020205346544Eu) << made;
 }
 
 ByteVector readFile(const std::string& path) {
@@ -78,7 +89,7 @@ static void putGptCopy(ByteVector& disk, size_t sectorSize, uint64_t header, uin
                        const std::vector<TablePart>& parts) {
     for (size_t i = 0; i < parts.size(); ++i) {
         size_t entry = array * sectorSize + 128 * i;
-        std::memcpy(disk.data() + entry, offline::gpt::basicData.data(), 16);
+        std::memcpy(disk.data() + entry, gpt::basicData.data(), 16);
         std::memset(disk.data() + entry + 16, static_cast<int>(i + 1), 16);
         put<uint64_t>(disk, entry + 32, parts[i].start);
         put<uint64_t>(disk, entry + 40, parts[i].start + parts[i].count - 1);
@@ -104,20 +115,34 @@ void putGpt(ByteVector& disk, size_t sectorSize, const std::vector<TablePart>& p
 }
 
 size_t recordAt(const ByteVector& image, FileRef file, size_t mft) {
-    return get<uint64_t>(image, mft) * image[0x0D] * 512 + (file & UINT32_MAX) * 1024;
+    return numberAt<uint64_t>(image, mft) * image[0x0D] * 512 + (file & UINT32_MAX) * 1024;
 }
 
 size_t attributeAt(const ByteVector& image, FileRef file, uint32_t type, size_t mft) {
     size_t at = recordAt(image, file, mft);
-    at += get<uint16_t>(image, at + 20);
-    while (get<uint32_t>(image, at) < type) at += get<uint32_t>(image, at + 4);
-    EXPECT_EQ(get<uint32_t>(image, at), type);
+    at += numberAt<uint16_t>(image, at + 20);
+    while (numberAt<uint32_t>(image, at) < type) at += numberAt<uint32_t>(image, at + 4);
+    EXPECT_EQ(numberAt<uint32_t>(image, at), type);
     return at;
 }
 
 size_t valueAt(const ByteVector& image, FileRef file, uint32_t type, size_t mft) {
     const size_t at = attributeAt(image, file, type, mft);
-    return at + get<uint16_t>(image, at + 20);
+    return at + numberAt<uint16_t>(image, at + 20);
+}
+
+std::vector<size_t> secureBlocks(const ByteVector& image) {
+    std::vector<size_t> blocks;
+    for (size_t at = 0; at < image.size(); at += 4096) {
+        if (numberAt<uint32_t>(image, at) != 0x58444E49) continue; /* INDX */
+        const auto dataAt = numberAt<uint16_t>(image, firstEntry(image, at));
+        if (dataAt == 20 || dataAt == 24) blocks.push_back(at);
+    }
+    return blocks;
+}
+
+size_t firstEntry(const ByteVector& image, size_t block) {
+    return block + 24 + numberAt<uint32_t>(image, block + 24);
 }
 
 ByteVector descriptor(uint32_t number, uint16_t control) {
@@ -127,31 +152,31 @@ ByteVector descriptor(uint32_t number, uint16_t control) {
     return bytes;
 }
 
-OpenVolume::OpenVolume(const std::string& path, offline::DiskAccess access) {
+OpenVolume::OpenVolume(const std::string& path, DiskAccess access) {
     std::vector<offline::Partition> partitions;
-    offline::BlockDevicePtr file;
-    if (offline::deviceOpen(path, access, file, problem) < 0) return;
+    BlockDevicePtr file;
+    if (deviceOpen(path, access, file, problem) < 0) return;
     file = std::make_unique<offline::FaultDevice>(std::move(file), failures);
-    if (offline::diskOver(std::move(file), access, disk) < 0) return;
-    if (offline::diskPartitions(*disk, partitions, problem) < 0) return;
-    offline::volumeOpen(*disk, partitions.at(0), volume, problem);
+    if (diskOver(std::move(file), access, disk) < 0) return;
+    if (diskPartitions(*disk, partitions, problem) < 0) return;
+    volumeOpen(*disk, partitions.at(0), volume, problem);
 }
 
 NTSTATUS OpenVolume::close() {
-    NTSTATUS status = offline::volumeClose(std::move(volume));
+    NTSTATUS status = volumeClose(std::move(volume));
     disk.reset();
     return status;
 }
 
 FileRef OpenVolume::make(const std::u16string& name, const ByteVector& descriptor, FileRef directory,
-                         offline::NewFile kind) {
+                         NewFile kind) {
     FileRef file = 0;
-    EXPECT_EQ(offline::volumeCreate(*volume, directory, name, kind, descriptor, file), STATUS_SUCCESS);
+    EXPECT_EQ(volumeCreate(*volume, directory, name, kind, descriptor, file), STATUS_SUCCESS);
     return file;
 }
 
 FileRef OpenVolume::makeDirectory(const std::u16string& name, FileRef directory) {
-    return make(name, descriptor(1), directory, offline::NewFile::directory);
+    return make(name, descriptor(1), directory, NewFile::directory);
 }
 
 FileRef OpenVolume::fill(FileRef directory, unsigned count) {
@@ -165,17 +190,17 @@ FileRef OpenVolume::fill(FileRef directory, unsigned count) {
 }
 
 ByteVector OpenVolume::read(FileRef file) {
-    offline::Bytes bytes;
-    EXPECT_EQ(offline::volumeDescriptor(*volume, file, bytes), STATUS_SUCCESS);
+    Bytes bytes;
+    EXPECT_EQ(volumeDescriptor(*volume, file, bytes), STATUS_SUCCESS);
     return {bytes.begin(), bytes.end()};
 }
 
 std::vector<std::u16string> OpenVolume::names(FileRef directory) {
-    offline::DirectoryListing listing;
-    EXPECT_EQ(offline::volumeList(*volume, directory, listing), STATUS_SUCCESS);
+    DirectoryListing listing;
+    EXPECT_EQ(volumeList(*volume, directory, listing), STATUS_SUCCESS);
     std::vector<std::u16string> result;
-    for (const offline::DirectoryEntry& entry : listing.entries) result.emplace_back(listing.name(entry));
+    for (const DirectoryEntry& entry : listing.entries) result.emplace_back(listing.name(entry));
     return result;
 }
 
-} /* namespace images */
+} /* namespace offline::images */

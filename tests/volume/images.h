@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,17 +13,15 @@
 #include "tests/support/fault_device.h"
 #include "tests/support/scratch_directory.h"
 
-namespace images {
+namespace offline::images {
 
-using ByteVector = std::vector<uint8_t>;
-using offline::FileRef;
 constexpr size_t mebibyte = 1024 * 1024;
 
 /* What the devices of open volumes refuse from now on, and what they were asked. */
-extern offline::Faults failures;
+extern Faults failures;
 
 struct ImageTest : testing::Test {
-    offline::ScratchDirectory directory;
+    ScratchDirectory directory;
     ImageTest() { failures = {}; }
     ~ImageTest() override { failures = {}; }
     std::string path(const std::string& name) const { return directory.at(name); }
@@ -39,24 +36,11 @@ ByteVector readFile(const std::string& path);
 void writeFile(const std::string& path, const ByteVector& bytes);
 std::string outputOf(const std::string& command); /* standard output and error */
 
-/* With a raw image of a fresh volume. */
-struct FreshVolumeTest : ImageTest {
-    std::string image = path("volume.img");
-    FreshVolumeTest() { makeNtfs(image, 4 * mebibyte); }
-};
-
-/* Little-endian numbers. */
 template <class Number>
 void put(ByteVector& bytes, size_t offset, Number value) {
     for (size_t i = 0; i < sizeof value; ++i) {
         bytes.at(offset + i) = static_cast<uint8_t>(static_cast<uint64_t>(value) >> (8 * i));
     }
-}
-template <class Number>
-Number get(const ByteVector& bytes, size_t offset) {
-    uint64_t value = 0;
-    for (size_t i = 0; i < sizeof(Number); ++i) value |= uint64_t{bytes.at(offset + i)} << (8 * i);
-    return static_cast<Number>(value);
 }
 void putText(ByteVector& bytes, size_t offset, std::string_view text);
 
@@ -77,28 +61,52 @@ size_t recordAt(const ByteVector& image, FileRef file, size_t mft = mftField);
 size_t attributeAt(const ByteVector& image, FileRef file, uint32_t type, size_t mft = mftField);
 size_t valueAt(const ByteVector& image, FileRef file, uint32_t type, size_t mft = mftField);
 
+/* The file of descriptors, and where the blocks of its two indexes and the first entry of one lie. */
+constexpr FileRef secureFile = 9;
+std::vector<size_t> secureBlocks(const ByteVector& image);
+size_t firstEntry(const ByteVector& image, size_t block);
+
 /* A self-relative descriptor whose owner and only entry are distinguished by the number. */
 ByteVector descriptor(uint32_t number, uint16_t control = SE_SELF_RELATIVE | SE_DACL_PRESENT);
 
 /* An open volume on a raw image. */
 struct OpenVolume {
-    offline::DiskPtr disk;
-    offline::VolumePtr volume; /* null: refused */
-    offline::Problem problem;
+    DiskPtr disk;
+    VolumePtr volume; /* null: refused */
+    Problem problem;
 
-    explicit OpenVolume(const std::string& path, offline::DiskAccess access = offline::DiskAccess::readWrite);
-    operator offline::Volume&() const { return *volume; }
+    explicit OpenVolume(const std::string& path, DiskAccess access = DiskAccess::readWrite);
+    operator Volume&() const { return *volume; }
     NTSTATUS close();
 
-    FileRef make(const std::u16string& name, const ByteVector& descriptor = images::descriptor(1),
-                 FileRef directory = offline::rootDirectory, offline::NewFile kind = offline::NewFile::file);
-    FileRef makeDirectory(const std::u16string& name, FileRef directory = offline::rootDirectory);
+    FileRef make(const std::u16string& name, const ByteVector& stored = descriptor(1),
+                 FileRef directory = rootDirectory, NewFile kind = NewFile::file);
+    FileRef makeDirectory(const std::u16string& name, FileRef directory = rootDirectory);
     /* So many files with long names; the last one. */
     FileRef fill(FileRef directory, unsigned count);
     ByteVector read(FileRef file);
-    std::vector<std::u16string> names(FileRef directory = offline::rootDirectory);
+    std::vector<std::u16string> names(FileRef directory = rootDirectory);
 };
 
-} /* namespace images */
+/* With a raw image of a fresh volume. */
+struct FreshVolumeTest : ImageTest {
+    std::string image = path("volume.img");
+    FreshVolumeTest() { makeNtfs(image, 4 * mebibyte); }
+
+    /* The bytes of the image after changes of its volume. */
+    template <class Changes>
+    ByteVector changed(Changes changes) const {
+        OpenVolume opened(image);
+        changes(opened);
+        EXPECT_EQ(opened.close(), STATUS_SUCCESS);
+        return readFile(image);
+    }
+    /* What other programs read: a file of the root directory, and whether the indexes of descriptors agree;
+     * words: what is to be said of them besides. */
+    ByteVector copyOf(const std::string& name) const;
+    void expectAudited(const std::vector<std::string>& words = {}) const;
+};
+
+} /* namespace offline::images */
 
 #endif

@@ -1,12 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0-or-later */
 #include "tests/volume/images.h"
 
-using namespace offline;
-using images::ByteVector;
-using images::mebibyte;
-using images::put;
-using images::putText;
-
+namespace offline::images {
 namespace {
 
 constexpr uint64_t volumeSectors = 4 * mebibyte / 512;
@@ -20,12 +15,12 @@ struct Damage {
     NTSTATUS status = STATUS_DISK_CORRUPT_ERROR;
 };
 
-struct PartitionTest : images::ImageTest {
+struct PartitionTest : ImageTest {
     Problem problem;
     std::vector<Partition> partitions;
 
     NTSTATUS search(const ByteVector& bytes) {
-        images::writeFile(path("disk"), bytes);
+        writeFile(path("disk"), bytes);
         DiskPtr disk;
         problem = {};
         NTSTATUS status = diskOpen({path("disk"), DiskFormat::raw}, DiskAccess::readOnly, disk, problem);
@@ -60,13 +55,14 @@ struct PartitionTest : images::ImageTest {
 /* An active primary partition, a FAT one, and three logical ones, of which the last holds NTFS. */
 TEST_F(PartitionTest, Mbr) {
     ByteVector volume = ntfs(4 * mebibyte, 2048), disk(16 * mebibyte);
-    images::putMbr(disk, {{2048, volumeSectors}, {11000, 100, 0x0C}, {12000, 19000, 0x0F}});
+    putMbr(disk, {{2048, volumeSectors}, {11000, 100, 0x0C}, {12000, 19000, 0x0F}});
     disk[entries] = 0x80;
     putText(disk, 11000 * 512 + 82, "FAT32   ");
-    for (const uint64_t at : {0u, 100u, 200u, 19001u}) { /* the last one lies outside, and nothing leads there */
-        const images::TablePart other = {10, 50, 0x83}, ours = {20, volumeSectors};
+    for (const uint64_t at :
+         {0u, 100u, 200u, 19001u}) { /* the last one lies outside, and nothing leads there */
+        const TablePart other = {10, 50, 0x83}, ours = {20, volumeSectors};
         ByteVector table(512);
-        images::putMbr(table, {at == 200 ? ours : other, {at + 100, at < 200 ? 100u : 0u, 0x05}});
+        putMbr(table, {at == 200 ? ours : other, {at + 100, at < 200 ? 100u : 0u, 0x05}});
         place(disk, table, 12000 + at);
     }
     place(disk, volume, 2048);
@@ -75,9 +71,9 @@ TEST_F(PartitionTest, Mbr) {
     ASSERT_EQ(partitions.size(), 2u);
     EXPECT_EQ(partitions[0].start, 2048u * 512);
     EXPECT_EQ(partitions[0].size, volume.size());
-    EXPECT_EQ(partitions[0].serial, images::get<uint64_t>(volume, 0x48));
+    EXPECT_EQ(partitions[0].serial, numberAt<uint64_t>(volume, 0x48));
     EXPECT_EQ(partitions[0].table, PartitionTable::mbr);
-    EXPECT_EQ(partitions[0].mbrSignature, images::mbrSignature);
+    EXPECT_EQ(partitions[0].mbrSignature, mbrSignature);
     EXPECT_EQ(partitions[1].start, 12220u * 512);
     { /* Both open, on the one disk, at once. */
         DiskPtr opened;
@@ -86,7 +82,7 @@ TEST_F(PartitionTest, Mbr) {
         EXPECT_EQ(volumeOpen(*opened, partitions[0], first, problem), STATUS_SUCCESS) << problem.text;
         EXPECT_EQ(volumeOpen(*opened, partitions[1], second, problem), STATUS_SUCCESS) << problem.text;
     }
-    EXPECT_EQ(images::readFile(path("disk")), disk);
+    EXPECT_EQ(readFile(path("disk")), disk);
 
     constexpr size_t last = 12200 * 512; /* the chain's last table */
     expectRefused(
@@ -105,7 +101,7 @@ TEST_F(PartitionTest, Gpt) {
     for (size_t sectorSize : {size_t{512}, size_t{4096}}) {
         ByteVector disk(16 * mebibyte);
         const uint64_t start = mebibyte / sectorSize, count = volume.size() / sectorSize;
-        images::putGpt(disk, sectorSize, {{40, 8}, {start, count}});
+        putGpt(disk, sectorSize, {{40, 8}, {start, count}});
         place(disk, volume, 2048);
         expectOne(disk, PartitionTable::gpt, mebibyte, volume.size());
         EXPECT_EQ(partitions[0].gptPartition[0] + partitions[0].gptPartition[15], 2 + 2);
@@ -121,12 +117,12 @@ TEST_F(PartitionTest, Gpt) {
             ByteVector bytes = disk;
             for (size_t header : {sectorSize, disk.size() - sectorSize}) {
                 put<uint32_t>(bytes, header + field, value);
-                images::sealGptHeader(bytes, header);
+                sealGptHeader(bytes, header);
             }
             expectRefused(bytes, "neither its GPT nor the backup");
         }
         ByteVector huge = disk;
-        images::putGpt(huge, sectorSize, {{start, count + UINT64_MAX / sectorSize + 1}});
+        putGpt(huge, sectorSize, {{start, count + UINT64_MAX / sectorSize + 1}});
         expectRefused(huge, "neither its GPT nor the backup");
         /* Either copy will do, and none whose checksums are wrong: of the entries, of the header. */
         for (size_t primary : {2 * sectorSize + 5, sectorSize + 50}) {
@@ -138,7 +134,7 @@ TEST_F(PartitionTest, Gpt) {
         }
     }
     ByteVector bare(mebibyte);
-    images::putMbr(bare, {{1, 0xFFFFFFFF, 0xEE}});
+    putMbr(bare, {{1, 0xFFFFFFFF, 0xEE}});
     expectRefused(bare, "neither its GPT nor the backup");
 }
 
@@ -149,7 +145,7 @@ TEST_F(PartitionTest, WhatIsNotForUs) {
     expectRefused(ByteVector(100, 'x'), "it holds no NTFS volume", STATUS_UNRECOGNIZED_VOLUME);
     putText(text, 0, "QFI\xFB");
     expectRefused(text, "qemu-img convert", STATUS_NOT_SUPPORTED);
-    images::putMbr(unformatted, {{2048, 2048}});
+    putMbr(unformatted, {{2048, 2048}});
     expectRefused(unformatted, "partition 1 is meant for one", STATUS_UNRECOGNIZED_VOLUME);
     struct {
         size_t offset;
@@ -178,7 +174,7 @@ TEST_F(PartitionTest, AnotherFileSystemsRemainsDoNotHideATable) {
     putText(disk, 0x438, "\x53\xEF"); /* ext was on the whole disk once */
     put<uint16_t>(disk, 510, 0xAA55); /* a table without entries, as a boot sector can look */
     expectRefused(disk, "(found: ext)", STATUS_UNRECOGNIZED_VOLUME);
-    images::putMbr(disk, {{2048, volumeSectors}});
+    putMbr(disk, {{2048, volumeSectors}});
     expectOne(disk, PartitionTable::mbr, mebibyte, 4 * mebibyte);
 }
 
@@ -187,8 +183,8 @@ TEST_F(PartitionTest, DamagedVolumes) {
     expectOne(raw, PartitionTable::none, 0, raw.size());
     ByteVector large = raw; /* clusters of 128 sectors, as a negative power of two */
     large[0x0D] = 0xF9;
-    put<uint64_t>(large, images::mftField, 4);
-    put<uint64_t>(large, images::mirrorField, 2);
+    put<uint64_t>(large, mftField, 4);
+    put<uint64_t>(large, mirrorField, 2);
     expectOne(large, PartitionTable::none, 0, raw.size());
     ByteVector damaged = raw;
     damaged.resize(raw.size() - 4096);
@@ -207,3 +203,4 @@ TEST_F(PartitionTest, DamagedVolumes) {
 }
 
 } /* namespace */
+} /* namespace offline::images */

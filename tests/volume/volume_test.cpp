@@ -3,17 +3,12 @@
 
 #include "tests/volume/images.h"
 
-using namespace offline;
-using images::ByteVector;
-using images::descriptor;
-using images::OpenVolume;
-using images::put;
-
+namespace offline::images {
 namespace {
 
-struct VolumeTest : images::FreshVolumeTest {
+struct VolumeTest : FreshVolumeTest {
     void expectRefused(NTSTATUS status, const std::string& words) const {
-        const ByteVector before = images::readFile(image);
+        const ByteVector before = readFile(image);
         for (DiskAccess access : {DiskAccess::readWrite, DiskAccess::trial, DiskAccess::readOnly}) {
             {
                 const OpenVolume opened(image, access);
@@ -22,7 +17,7 @@ struct VolumeTest : images::FreshVolumeTest {
                 EXPECT_TRUE(opened.problem.text.starts_with(image)) << opened.problem.text;
                 EXPECT_NE(opened.problem.text.find(words), std::string::npos) << opened.problem.text;
             }
-            EXPECT_EQ(images::readFile(image), before);
+            EXPECT_EQ(readFile(image), before);
         }
     }
 };
@@ -43,70 +38,67 @@ void markJournalInUse(ByteVector& image) {
         {area + 8, 1 | 0xFFFFu << 16}, /* clients; none free, the first in use */
         {area + 16, 46},               /* 67 less the bits of the file's size */
         {area + 20, 208 | 48 << 16},   /* bytes of the area, offset of the client */
-        {area + 24, 2 * images::mebibyte - 4096},
+        {area + 24, 2 * mebibyte - 4096},
         {area + 36, 48 | 64 << 16},
         {client + 16, 0xFFFFFFFF}, /* no client before or after it */
         {client + 28, 8},
     };
     for (size_t page : {start, start + 4096}) {
         std::fill_n(image.begin() + static_cast<std::ptrdiff_t>(page), 4096, uint8_t{0});
-        images::putText(image, page, "RSTR");
+        putText(image, page, "RSTR");
         for (const auto& [at, value] : fields) put(image, page + at, value);
         for (size_t sector = 0; sector < 8; ++sector) put<uint16_t>(image, page + 512 * sector + 510, 1);
     }
 }
 
 TEST_F(VolumeTest, RefusesWhatMustNotBeWritten) {
-    const ByteVector fresh = images::readFile(image);
+    const ByteVector fresh = readFile(image);
     for (const char* signature : {"hibr", "HIBR"}) {
-        images::writeFile(image, fresh);
-        OpenVolume opened(image);
-        ByteVector hibernation(8192);
-        images::putText(hibernation, 0, signature);
-        ASSERT_EQ(volumeWriteFile(opened, opened.make(u"hiberfil.sys"), 0, hibernation), STATUS_SUCCESS);
-        ASSERT_EQ(opened.close(), STATUS_SUCCESS);
+        writeFile(image, fresh);
+        changed([&](OpenVolume& opened) {
+            ByteVector hibernation(8192);
+            putText(hibernation, 0, signature);
+            ASSERT_EQ(volumeWriteFile(opened, opened.make(u"hiberfil.sys"), 0, hibernation), STATUS_SUCCESS);
+        });
         expectRefused(STATUS_SHARING_VIOLATION, "shutdown /s /t 0");
     }
     ByteVector inUse = fresh;
     markJournalInUse(inUse);
-    images::writeFile(image, inUse);
+    writeFile(image, inUse);
     expectRefused(STATUS_DISK_CORRUPT_ERROR, "journal");
 
-    const auto inBothCopies = [&](const auto& damage) {
+    /* damage is done to both copies of the MFT's first records. */
+    const auto expectDamageRefused = [&](NTSTATUS status, const char* words, const auto& damage) {
         ByteVector damaged = fresh;
-        for (size_t mft : {images::mftField, images::mirrorField}) damage(damaged, mft);
-        images::writeFile(image, damaged);
+        for (const size_t mft : {mftField, mirrorField}) damage(damaged, mft);
+        writeFile(image, damaged);
+        expectRefused(status, words);
     };
-    const auto putVolume =
-        [&](size_t at, uint16_t value) { /* a field of the volume's information */
-                                         inBothCopies([&](ByteVector& bytes, size_t mft) {
-                                             put(bytes, images::valueAt(bytes, 3, 0x70, mft) + at, value);
-                                         });
-        };
-    putVolume(10, 1); /* as a commit marks it that ended in the middle */
-    expectRefused(STATUS_DISK_CORRUPT_ERROR, "marked as dirty");
-    putVolume(8, 0x0102); /* the version of NTFS */
-    expectRefused(STATUS_NOT_SUPPORTED, "older than version 3.0");
+    const auto information = [](size_t at, uint16_t value) { /* a field of the volume's */
+                                                             return [=](ByteVector& bytes, size_t mft) {
+                                                                 put(bytes, valueAt(bytes, 3, 0x70, mft) + at,
+                                                                     value);
+                                                             };
+    };
+    /* As a commit marks it that ended in the middle; the version of NTFS. */
+    expectDamageRefused(STATUS_DISK_CORRUPT_ERROR, "marked as dirty", information(10, 1));
+    expectDamageRefused(STATUS_NOT_SUPPORTED, "older than version 3.0", information(8, 0x0102));
     for (const FileRef file : {0u, 2u}) { /* the MFT's own record and the journal's: nothing is in them */
-        inBothCopies([&](ByteVector& bytes, size_t mft) {
-            const size_t at = images::recordAt(bytes, file, mft);
-            put<uint16_t>(bytes, at + 20, images::get<uint16_t>(bytes, at + 24) - 8);
+        expectDamageRefused(STATUS_DISK_CORRUPT_ERROR, "damaged", [&](ByteVector& bytes, size_t mft) {
+            const size_t at = recordAt(bytes, file, mft);
+            put<uint16_t>(bytes, at + 20, static_cast<uint16_t>(numberAt<uint16_t>(bytes, at + 24) - 8));
         });
-        expectRefused(STATUS_DISK_CORRUPT_ERROR, "damaged");
     }
 }
 
 TEST_F(VolumeTest, LookingChangesNothing) {
-    {
-        OpenVolume opened(image);
+    const ByteVector before = changed([](OpenVolume& opened) {
         opened.make(u"file");
         opened.makeDirectory(u"directory");
-        ASSERT_EQ(opened.close(), STATUS_SUCCESS);
-    }
-    const ByteVector before = images::readFile(image);
+    });
     for (DiskAccess access : {DiskAccess::readWrite, DiskAccess::readOnly}) {
         for (bool orderly : {true, false}) {
-            images::failures = {};
+            failures = {};
             OpenVolume opened(image, access);
             ASSERT_NE(opened.volume, nullptr) << opened.problem.text;
             FileRef file = 0, made = 0;
@@ -132,39 +124,39 @@ TEST_F(VolumeTest, LookingChangesNothing) {
             EXPECT_EQ(orderly ? opened.close() : STATUS_SUCCESS, STATUS_SUCCESS);
             opened.volume.reset();
             opened.disk.reset();
-            for (const auto& call : images::failures.calls) EXPECT_TRUE(call.kind == 'r' || call.kind == 's');
-            EXPECT_EQ(images::readFile(image), before);
+            for (const auto& call : failures.calls) EXPECT_TRUE(call.kind == 'r' || call.kind == 's');
+            EXPECT_EQ(readFile(image), before);
         }
     }
 }
 
-/* The disk refuses each write or flush, with all that follow. */
+/* The disk refuses each write or flush, with all that follow; what it refused stays to be written. */
 TEST_F(VolumeTest, WhatTheDiskRefusesIsToldWhenClosing) {
-    {
-        OpenVolume opened(image);
-        for (char16_t letter = u'a'; letter <= u'z'; ++letter) opened.make({letter});
-        ASSERT_EQ(opened.close(), STATUS_SUCCESS);
-    }
-    const ByteVector before = images::readFile(image);
+    std::vector<FileRef> files;
+    const ByteVector before = changed([&](OpenVolume& opened) {
+        for (char16_t letter = u'a'; letter <= u'z'; ++letter) files.push_back(opened.make({letter}));
+    });
+    const auto fresh = [](FileRef file) { return descriptor(static_cast<uint32_t>(file)); };
     for (long Faults::*left : {&Faults::writesLeft, &Faults::flushesLeft}) {
         long turns = 0;
         for (bool refused = true; refused; ++turns) {
-            images::writeFile(image, before);
-            images::failures = {};
-            images::failures.*left = turns;
+            writeFile(image, before);
+            failures = {};
+            failures.*left = turns;
             OpenVolume opened(image);
             ASSERT_NE(opened.volume, nullptr) << opened.problem.text;
-            for (char16_t letter = u'a'; letter <= u'z'; ++letter) {
-                FileRef file = 0;
-                ASSERT_EQ(volumeFind(opened, {&letter, 1}, file), STATUS_SUCCESS);
-                EXPECT_EQ(volumeSetDescriptor(opened, file, descriptor(letter)), STATUS_SUCCESS);
-            }
+            for (const FileRef file : files)
+                EXPECT_EQ(volumeSetDescriptor(opened, file, fresh(file)), STATUS_SUCCESS);
             const NTSTATUS flushed = volumeFlush(opened);
-            refused = images::failures.refused;
+            refused = failures.refused;
             EXPECT_EQ(flushed, refused ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS) << turns;
             EXPECT_EQ(diskWriteReason(*opened.disk), refused ? " (Input/output error)" : "");
-            images::failures = {};
+            EXPECT_EQ(volumeWriteReason(opened), diskWriteReason(*opened.disk));
+            failures = {};
+            for (const FileRef file : files) EXPECT_EQ(opened.read(file), fresh(file)) << turns;
             EXPECT_EQ(opened.close(), flushed) << turns;
+            OpenVolume again(image, DiskAccess::readOnly);
+            for (const FileRef file : files) EXPECT_EQ(again.read(file), fresh(file)) << turns;
         }
         EXPECT_GT(turns, 1);
     }
@@ -262,11 +254,10 @@ TEST_F(VolumeTest, KeepsWhatWasMade) {
     check(opened);
     OpenVolume again(image);
     check(again);
-    EXPECT_NE(images::outputOf("ntfsresize -i -f -n " + image).find("You might resize"), std::string::npos);
+    EXPECT_NE(outputOf("ntfsresize -i -f -n " + image).find("You might resize"), std::string::npos);
     const std::string record = std::to_string(file & UINT32_MAX);
-    EXPECT_NE(images::outputOf("istat " + image + " " + record).find("Links: 2"), std::string::npos);
-    images::outputOf("(ntfscat -f " + image + " /file >" + path("copy") + ")");
-    EXPECT_EQ(images::readFile(path("copy")), model);
+    EXPECT_NE(outputOf("istat " + image + " " + record).find("Links: 2"), std::string::npos);
+    EXPECT_EQ(copyOf("file"), model);
 }
 
 TEST_F(VolumeTest, RefusesWhatIsNotThereOrMayNotBe) {
@@ -307,7 +298,7 @@ TEST_F(VolumeTest, RefusesWhatIsNotThereOrMayNotBe) {
             EXPECT_EQ(volumeFileInfo(volume, stale, info), STATUS_FILE_CORRUPT_ERROR) << stale;
         }
     }
-    EXPECT_EQ(volumeWriteFile(volume, full, 0, ByteVector(16 * images::mebibyte)), STATUS_DISK_FULL);
+    EXPECT_EQ(volumeWriteFile(volume, full, 0, ByteVector(16 * mebibyte)), STATUS_DISK_FULL);
     EXPECT_EQ(volumeWriteFile(volume, 0, 0, read), STATUS_ACCESS_DENIED); /* $MFT */
     ASSERT_EQ(volumeWriteFile(volume, file, 0, ByteVector(100)), STATUS_SUCCESS);
     EXPECT_EQ(volumeReadFile(volume, file, 99, read), STATUS_INSUFFICIENT_RESOURCES);
@@ -316,13 +307,8 @@ TEST_F(VolumeTest, RefusesWhatIsNotThereOrMayNotBe) {
 
 TEST_F(VolumeTest, ADamagedRecordIsRefused) {
     FileRef file = 0;
-    {
-        OpenVolume opened(image);
-        file = opened.make(u"file");
-        ASSERT_EQ(opened.close(), STATUS_SUCCESS);
-    }
-    const ByteVector sound = images::readFile(image);
-    const size_t record = images::recordAt(sound, file), first = images::attributeAt(sound, file, 0x10);
+    const ByteVector sound = changed([&](OpenVolume& opened) { file = opened.make(u"file"); });
+    const size_t record = recordAt(sound, file), first = attributeAt(sound, file, 0x10);
     const struct {
         const char* what;
         size_t at;
@@ -345,7 +331,7 @@ TEST_F(VolumeTest, ADamagedRecordIsRefused) {
     for (const auto& damage : damages) {
         ByteVector bytes = sound;
         put(bytes, damage.at, damage.value);
-        images::writeFile(image, bytes);
+        writeFile(image, bytes);
         OpenVolume opened(image, DiskAccess::readOnly);
         ASSERT_NE(opened.volume, nullptr) << opened.problem.text;
         FileInfo info = {};
@@ -354,3 +340,4 @@ TEST_F(VolumeTest, ADamagedRecordIsRefused) {
 }
 
 } /* namespace */
+} /* namespace offline::images */

@@ -28,6 +28,8 @@ struct Marvin {
     }
 };
 
+} /* namespace */
+
 uint64_t marvin(Bytes bytes) {
     Marvin state;
     for (; bytes.size() >= 4; bytes = bytes.subspan(4)) state.mix(load<uint32_t>(bytes.data()));
@@ -37,6 +39,8 @@ uint64_t marvin(Bytes bytes) {
     state.mix(0);
     return uint64_t{state.high} << 32 | state.low;
 }
+
+namespace {
 
 /* ---- What logs hold ---- */
 

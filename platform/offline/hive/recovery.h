@@ -24,6 +24,9 @@ struct RecoveredPart {
  * made of. */
 bool applyLogs(std::vector<uint8_t>& bytes, const HiveLogs& logs, std::vector<RecoveredPart>& parts);
 
+/* What a new log's entries and their heads are sealed with: Marvin32 with the platform's seed. */
+uint64_t marvin(Bytes bytes);
+
 } /* namespace offline */
 
 #endif
