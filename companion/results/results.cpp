@@ -284,7 +284,7 @@ void writeHead(JsonWriter& json, const Results& results, int exitStatus) {
 Timer::~Timer() {
     const auto took = std::chrono::steady_clock::now() - begin;
     const auto milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(took).count();
-    all.push_back({std::move(what), static_cast<uint64_t>(milliseconds)});
+    all[place].milliseconds = static_cast<uint64_t>(milliseconds);
 }
 
 void wantReport(const std::string& file, Results& results) {

@@ -156,9 +156,11 @@ TEST(Guarded, MemoryIsSaidOnceByWhoKnowsMost) {
     const auto named = [&] { return refuse(problem, STATUS_NO_MEMORY, "SYSTEM does not fit"); };
     EXPECT_EQ(guardedRefusing(problem, named), STATUS_NO_MEMORY);
     EXPECT_EQ(problem.text, "SYSTEM does not fit");
+    EXPECT_FALSE(session().memoryRanOut);
     problem = {};
     EXPECT_EQ(guardedRefusing(problem, []() -> NTSTATUS { throw std::bad_alloc(); }), STATUS_NO_MEMORY);
     EXPECT_EQ(problem.text, "out of memory");
+    EXPECT_TRUE(session().memoryRanOut);
 }
 
 int opened = 0;

@@ -3,9 +3,10 @@
 import os, re, shutil, signal, subprocess
 
 import programs
-from programs import OFFLINE, SystemCase, digest, run, sample
+from programs import OFFLINE, PAIR, SystemCase, digest, run, sample
 
 INTERRUPT = os.path.join(programs.BUILD, "tests", "run", "libinterrupt.so")
+SCARCE = os.path.join(programs.BUILD, "scarce-quillet")
 
 
 class TransactionCase(SystemCase):
@@ -59,6 +60,27 @@ class Killed(TransactionCase):
             self.assert_taken_back(at)
         self.assertGreater(whole, 0)
         self.assertGreater(self.killed, 16)
+
+    def test_memory_that_runs_out_is_no_crash_and_leaves_nothing_unsaid(self):
+        count, environment = self.path("count"), {"QUILLET_COMMIT": "success", "QUILLET_UNDO": "auto"}
+
+        def scarce(at, **more): return run(SCARCE, system=self.image, SCARCE_AT=str(at), **environment, **more)
+
+        self.assertEqual(scarce(0, SCARCE_COUNT=count).status, 0)
+        with open(count) as f: calls = int(f.read())
+        self.assert_taken_back()
+        ended = set()
+        for at in range(calls // 16, calls, calls // 8):
+            for on in ("0", "1"):
+                done = scarce(at, SCARCE_ON=on)
+                ended.add(done.status)
+                if done.status == 0:
+                    old, _ = PAIR.search(done.out).groups()
+                    self.assertEqual(run(OFFLINE, "audit", self.image, old).status, 0, (at, on, done.err))
+                else:
+                    self.assertIn("quillet: ", done.err)
+                self.assert_taken_back(at, on)
+        self.assertIn(8, ended)
 
     def test_an_undo_at_any_call_and_what_follows(self):
         self.assertEqual(run(OFFLINE, "run", self.image).status, 0)

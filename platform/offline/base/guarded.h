@@ -9,8 +9,15 @@
 
 #include "platform/nt.h"
 #include "platform/offline/base/problem.h"
+#include "platform/offline/base/session.h"
 
 namespace offline {
+
+/* Whoever walks passes a call over that failed, so that the session keeps in mind that one did. */
+inline NTSTATUS memoryRanOut() {
+    if (currentSession != nullptr) currentSession->memoryRanOut = true;
+    return STATUS_NO_MEMORY;
+}
 
 /* The body's status; running out of memory becomes STATUS_NO_MEMORY. */
 template <typename Body>
@@ -18,9 +25,9 @@ NTSTATUS guarded(Body body) noexcept {
     try {
         return body();
     } catch (const std::bad_alloc&) {
-        return STATUS_NO_MEMORY;
+        return memoryRanOut();
     } catch (const std::length_error&) {
-        return STATUS_NO_MEMORY;
+        return memoryRanOut();
     }
 }
 

@@ -40,6 +40,8 @@ struct Session {
 
     Progress progress;
 
+    bool memoryRanOut = false; /* at some time, in a call that failed for it (guarded.h) */
+
     /* Makes itself the current session; its end gives that back to the one before. */
     Session();
     ~Session();

@@ -27,11 +27,19 @@ NTSTATUS refuseChanges(const Installation& installation, Problem& problem) {
     return STATUS_SUCCESS;
 }
 
-/* What could not be read is work that is left, however whole the rest was written. */
+const char* adviceOn(NTSTATUS status) {
+    if (status == STATUS_NO_MEMORY) return "close other programs and run again";
+    return status == STATUS_IO_DEVICE_ERROR ? "find a sound medium and run again"
+                                            : "repair the volume (chkdsk /f) and run again";
+}
+
+/* What could not be read, or held in memory, is work that is left, however whole the rest was written. */
 void noteUnread() {
     Problem& unread = systemState().unreadProblem;
     unread = {};
-    const NTSTATUS status = installationReadWhole(*systemState().installation, unread);
+    NTSTATUS status = installationReadWhole(*systemState().installation, unread);
+    if (status >= 0 && session().memoryRanOut)
+        status = guarded([&] { return refuse(unread, STATUS_NO_MEMORY, "memory ran out"); });
     if (status >= 0) return;
     unread.status = status;
     static_cast<void>(guarded([&] {
@@ -39,8 +47,7 @@ void noteUnread() {
         if (systemState().commitWish.rule == CommitRule::always) {
             unread.text += "go back to a copy from before this run, ";
         }
-        unread.text += status == STATUS_IO_DEVICE_ERROR ? "find a sound medium and run again"
-                                                        : "repair the volume (chkdsk /f) and run again";
+        unread.text += adviceOn(status);
         return status;
     }));
 }
