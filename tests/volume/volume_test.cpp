@@ -327,6 +327,7 @@ TEST_F(VolumeTest, ADamagedRecordIsRefused) {
         {.what = "value beyond its attribute", .at = first + 16, .value = 0x7FFFFFFF},
         {.what = "value too short", .at = first + 16, .value = 40},
         {.what = "no standard information", .at = first, .value = 0x20},
+        {.what = "standard information with a name", .at = first + 8, .value = 24 << 16 | 1 << 8},
     };
     for (const auto& damage : damages) {
         ByteVector bytes = sound;

@@ -72,15 +72,16 @@ NTSTATUS Commit::checkMarks() {
     ByteVector there;
     for (const DirtyMark& mark : head.marks) {
         const uint64_t length = mark.bytes.size();
-        bool usable = mark.disk < head.disks.size() && length != 0 && length % journal::tornAt == 0 &&
-                      mark.offset % journal::tornAt == 0 && mark.offset >= journal::identityBytes &&
-                      length <= head.disks[mark.disk].size &&
-                      mark.offset <= head.disks[mark.disk].size - length;
+        const bool usable = mark.disk < head.disks.size() && length != 0 && length % journal::tornAt == 0 &&
+                            mark.offset % journal::tornAt == 0 && mark.offset >= journal::identityBytes &&
+                            length <= head.disks[mark.disk].size &&
+                            mark.offset <= head.disks[mark.disk].size - length;
         there.resize(length);
-        usable = usable && disks[mark.disk].device->read(mark.offset, there) == 0 && there != mark.bytes;
-        if (!usable) {
-            return refuse(problem, STATUS_INVALID_PARAMETER,
-                          disks[0].device->name() + ": a volume's dirty mark can't be set");
+        const DeviceError error = usable ? disks[mark.disk].device->read(mark.offset, there) : 0;
+        if (!usable || error != 0 || there == mark.bytes) {
+            return refuse(problem, error != 0 ? deviceStatus(error) : STATUS_INVALID_PARAMETER,
+                          disks[0].device->name() + ": a volume's dirty mark can't be set" +
+                              (error != 0 ? " (" + deviceErrorText(error) + ")" : ""));
         }
     }
     return STATUS_SUCCESS;

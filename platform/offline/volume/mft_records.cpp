@@ -21,7 +21,8 @@ constexpr size_t residentHeader = 24, nonResidentHeader = 64;
 constexpr uint32_t attributeBits = 0x0FFFFFFF;
 
 bool takeStandardInformation(const Attribute& attribute, Bytes record, FileRecord& file) {
-    if (!attribute.resident || attribute.value.size() < standardInformationV1) return false;
+    if (!attribute.resident || attribute.named || attribute.value.size() < standardInformationV1)
+        return false;
     Bytes value = attribute.value;
     file.info.created = numberAt<uint64_t>(value, offsetof(STANDARD_INFORMATION, creation_time));
     file.info.lastWritten = numberAt<uint64_t>(value, offsetof(STANDARD_INFORMATION, last_data_change_time));
