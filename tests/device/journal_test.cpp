@@ -57,6 +57,8 @@ TEST(Journal, PlacesAndNames) {
     setenv("QUILLET_JOURNAL", directory.at("missing").c_str(), 1);
     EXPECT_LT(journalPlaceOf("/dev/null", place, problem), 0);
     unsetenv("QUILLET_JOURNAL");
+    std::filesystem::create_symlink("loop.img", directory.at("loop.img"));
+    EXPECT_LT(journalPlaceOf(directory.at("loop.img"), place, problem), 0) << "where it lies is not known";
 }
 
 /* Files are their owner's alone, never overwritten, and not trusted where others may write them. */

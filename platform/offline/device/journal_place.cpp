@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdlib>
 
@@ -101,7 +102,13 @@ NTSTATUS journalPlaceOf(const std::string& disk, JournalPlace& place, Problem& p
         const bool isFile = kindOfName(disk) == NameKind::file;
         const std::string real = isFile ? realPath(disk) : "";
         struct stat info = {};
-        if (!real.empty() && stat(real.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
+        if (isFile && (real.empty() || stat(real.c_str(), &info) != 0) && errno != ENOENT &&
+            errno != ENOTDIR) {
+            return refuse(problem, deviceStatus(errno),
+                          disk + ": where it lies can't be found out (" + deviceErrorText(errno) +
+                              "); check the file or device");
+        }
+        if (S_ISREG(info.st_mode)) {
             place.directory = directoryOf(real);
             place.name = real.substr(real.rfind('/') + 1);
             return STATUS_SUCCESS;

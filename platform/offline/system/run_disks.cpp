@@ -65,8 +65,14 @@ NTSTATUS recover(const std::vector<RunDisk>& disks, std::vector<std::string>& no
 
 NTSTATUS refuseCutOffFile(const std::string& path, const std::string& told, Problem& problem) {
     JournalPlace place;
-    Problem noPlace; /* where there is none, no journal is either */
-    if (journalPlaceOf(path, place, noPlace) < 0) return STATUS_SUCCESS;
+    Problem noPlace;
+    const NTSTATUS found = journalPlaceOf(path, place, noPlace);
+    if (found == STATUS_OBJECT_NAME_NOT_FOUND)
+        return STATUS_SUCCESS; /* no place for one, and so no journal */
+    if (found < 0) {
+        problem = noPlace;
+        return found;
+    }
     std::string journal;
     const CommitState state = commitStateOf(systemJournalFiles(), place, journal);
     if (state == CommitState::settled) return STATUS_SUCCESS;
