@@ -17,10 +17,11 @@ offline::PartitionTable tableOf(const offline::Disk& disk, const Opened& opened)
     return offline::PartitionTable::none;
 }
 
-DiskSeen seen(const offline::Disk& disk, offline::DiskFormat said, const Opened& opened) {
+DiskSeen seen(const offline::Disk& disk, offline::DiskFormat said, const Opened& opened, Problems& problems) {
     offline::ImageChain chain;
-    offline::Problem told; /* by its opening */
-    offline::imageChainOf({offline::diskPath(disk), said}, chain, told);
+    offline::Problem problem;
+    if (offline::imageChainOf({offline::diskPath(disk), said}, chain, problem) < 0)
+        problems.push_back(problem.text);
     return {offline::diskPath(disk), std::move(chain), offline::diskSize(disk), tableOf(disk, opened),
             offline::diskWritable(disk)};
 }
@@ -42,7 +43,7 @@ Sight survey(const std::vector<offline::DiskName>& disks) {
         const auto named = std::find_if(disks.begin(), disks.end(), [&](const offline::DiskName& one) {
             return one.name == offline::diskPath(*disk);
         });
-        sight.disks.push_back(seen(*disk, named->format, opened));
+        sight.disks.push_back(seen(*disk, named->format, opened, sight.problems));
     }
     for (const FoundVolume& found : opened.found) sight.volumes.push_back(seen(found, opened));
     for (const OpenedHive& hive : opened.hives) sight.hives.push_back(hive.seen);
