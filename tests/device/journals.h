@@ -83,9 +83,11 @@ struct TamperedJournal {
         if (!done && disk.medium.now != half) return "refused, and the disk is changed";
         if (!done && !asUndo && sample->problem.text.empty()) return "refused without a word";
         if (!done || sealed || file == whole || sample->holds(sample->before)) return "";
+        const size_t end = std::min(journal::closing::size, file.size());
         const bool headWhole =
             file.size() >= body && sameBytes(Bytes(file).first(body), Bytes(whole).first(body));
-        if (length != 0 && !headWhole && disk.medium.now == half) return "";
+        const bool endWhole = sameBytes(Bytes(file).last(end), Bytes(whole).last(end));
+        if (!headWhole && !endWhole && disk.medium.now == half) return "";
         return "played back though it is damaged";
     }
 };
