@@ -50,9 +50,8 @@ void declareIdentity(CLI::App& app, IdentityOptions& options, const char* name) 
 /* A whole number in decimal digits, after which a unit may stand. The library would take a zero before it for
  * an octal number's, "0x" for a hexadecimal one's, and signs. */
 std::string decimal(const std::string& word) {
-    const char digits[] = "0123456789";
-    const size_t end = std::min(word.find_first_not_of(digits), word.size());
-    if (end == 0 || word.find_first_of(digits, end) != std::string::npos)
+    const size_t end = std::min(word.find_first_not_of("0123456789"), word.size());
+    if (end == 0 || word.find_first_of("0123456789xX", end) != std::string::npos)
         throw CLI::ValidationError("\"" + word + "\": give a whole number in decimal digits");
     return word.substr(std::min(word.find_first_not_of('0'), end - 1));
 }

@@ -93,7 +93,7 @@ class Refused(IdentityCase):
         for wish, words in [(["web"], "all 2 clones"), (["web%d%d"], "one %d"), (["web%s"], "one %d"), (["web%5d"], "one %d"), (["web%0d"], "one %d"), (["%"], "one %d"),
                             (["%04d"], "digits alone"), (["a-long-name-%04d"], "16 characters"), (["web-%d", "--first-number", "99999999", "--new", "no"], "none of"),
                             (["long-name-%d", "--first-number", "99999"], "15 at most"), (["web", "--first-number", "2"], "number"),
-                            (["web-%d", "--first-number", "+010"], "decimal digits"), (["web-%d", "--first-number", "0x10"], "decimal digits")]:
+                            (["web-%d", "--first-number", "+010"], "decimal digits"), (["web-%d", "--first-number", "0xa"], "decimal digits")]:
             self.assert_refused(self.look("clone", "--computer-name", *wish, "a.img", "x.qcow2", "y.qcow2"), words)
         self.assertEqual(os.listdir(self.work), ["a.img"])
 
